@@ -1,0 +1,31 @@
+# Compiler settings that every target of ours shares.
+
+set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG -g1")
+set(CMAKE_C_FLAGS_RELEASE "-Os -DNDEBUG -g1")
+
+find_package(Threads REQUIRED)
+
+add_library(ptzd_options INTERFACE)
+target_compile_options(ptzd_options INTERFACE
+    -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Wmissing-declarations -Wimplicit-fallthrough -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+target_link_libraries(ptzd_options INTERFACE Threads::Threads)
+
+# What runs on a camera, or in its place: nothing in it may need the C++ runtime library.
+add_library(ptzd_no_runtime INTERFACE)
+target_link_libraries(ptzd_no_runtime INTERFACE ptzd_options)
+target_compile_options(ptzd_no_runtime INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+
+# Links TARGET with the C compiler driver, so that a use of the C++ runtime library fails to link.
+function(ptzd_link_without_runtime TARGET)
+    set_target_properties(${TARGET} PROPERTIES LINKER_LANGUAGE C)
+    target_link_libraries(${TARGET} PRIVATE ptzd_no_runtime)
+    target_link_options(${TARGET} PRIVATE $<$<STREQUAL:${PTZD_SANITIZE},>:-Wl,-z,defs>)
+endfunction()
+
+if(PTZD_SANITIZE)
+    add_compile_options(-fsanitize=${PTZD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g)
+    add_link_options(-fsanitize=${PTZD_SANITIZE})
+endif()
