@@ -1,0 +1,237 @@
+/* Binary attributes: a 4-byte big-endian word (bit 31 "extended", 7 bits id, 24 bits length with this word and without
+ * padding), the payload, zero padding to a multiple of 4. A nested attribute's payload is a run of padded attributes.
+ * Functions here may run on any thread; a buffer or attribute belongs to one thread at a time. */
+#ifndef LIBUBOX_BLOB_H
+#define LIBUBOX_BLOB_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <libubox/utils.h>
+
+#define BLOB_COOKIE 0x01234567
+
+enum {
+    BLOB_ATTR_UNSPEC,
+    BLOB_ATTR_NESTED,
+    BLOB_ATTR_BINARY,
+    BLOB_ATTR_STRING,
+    BLOB_ATTR_INT8,
+    BLOB_ATTR_INT16,
+    BLOB_ATTR_INT32,
+    BLOB_ATTR_INT64,
+    BLOB_ATTR_DOUBLE,
+    BLOB_ATTR_LAST
+};
+
+#define BLOB_ATTR_ID_MASK 0x7f000000
+#define BLOB_ATTR_ID_SHIFT 24
+#define BLOB_ATTR_LEN_MASK 0x00ffffff
+#define BLOB_ATTR_ALIGN 4
+#define BLOB_ATTR_EXTENDED 0x80000000
+
+struct blob_attr {
+    uint32_t id_len;
+    char data[];
+} __packed;
+
+/* Zero it once before the first blob_buf_init. `head` is the attribute being filled; `grow` makes the memory larger by
+ * at least `required` bytes and is chosen by blob_buf_init when null. */
+struct blob_buf {
+    struct blob_attr* head;
+    bool (*grow)(struct blob_buf* buf, int required);
+    int buflen;
+    void* buf;
+};
+
+static inline uint16_t blob_load_be16(const void* data)
+{
+    uint16_t value;
+
+    memcpy(&value, data, sizeof(value));
+    return be16_to_cpu(value);
+}
+
+static inline uint32_t blob_load_be32(const void* data)
+{
+    uint32_t value;
+
+    memcpy(&value, data, sizeof(value));
+    return be32_to_cpu(value);
+}
+
+/* Values sit at multiples of 4 only. */
+static inline uint64_t blob_load_be64(const void* data)
+{
+    uint64_t value;
+
+    memcpy(&value, data, sizeof(value));
+    return be64_to_cpu(value);
+}
+
+static inline void* blob_data(const struct blob_attr* attr)
+{
+    return (void*)attr->data;
+}
+
+static inline unsigned int blob_id(const struct blob_attr* attr)
+{
+    return (be32_to_cpu(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
+}
+
+static inline bool blob_is_extended(const struct blob_attr* attr)
+{
+    return (be32_to_cpu(attr->id_len) & BLOB_ATTR_EXTENDED) != 0;
+}
+
+/* Length with the header, without padding, in bytes. */
+static inline size_t blob_raw_len(const struct blob_attr* attr)
+{
+    return be32_to_cpu(attr->id_len) & BLOB_ATTR_LEN_MASK;
+}
+
+/* Length of the payload in bytes; 0 for a length field that does not even cover the header. */
+static inline size_t blob_len(const struct blob_attr* attr)
+{
+    size_t length = blob_raw_len(attr);
+
+    return length < sizeof(struct blob_attr) ? 0 : length - sizeof(struct blob_attr);
+}
+
+/* Length with header and padding, in bytes. */
+static inline size_t blob_pad_len(const struct blob_attr* attr)
+{
+    return (blob_raw_len(attr) + BLOB_ATTR_ALIGN - 1) & ~(size_t)(BLOB_ATTR_ALIGN - 1);
+}
+
+static inline struct blob_attr* blob_next(const struct blob_attr* attr)
+{
+    return (struct blob_attr*)((char*)attr + blob_pad_len(attr));
+}
+
+static inline uint8_t blob_get_u8(const struct blob_attr* attr)
+{
+    return (uint8_t)attr->data[0];
+}
+
+static inline uint16_t blob_get_u16(const struct blob_attr* attr)
+{
+    return blob_load_be16(attr->data);
+}
+
+static inline uint32_t blob_get_u32(const struct blob_attr* attr)
+{
+    return blob_load_be32(attr->data);
+}
+
+static inline uint64_t blob_get_u64(const struct blob_attr* attr)
+{
+    return blob_load_be64(attr->data);
+}
+
+static inline int8_t blob_get_int8(const struct blob_attr* attr)
+{
+    return (int8_t)blob_get_u8(attr);
+}
+
+static inline int16_t blob_get_int16(const struct blob_attr* attr)
+{
+    return (int16_t)blob_get_u16(attr);
+}
+
+static inline int32_t blob_get_int32(const struct blob_attr* attr)
+{
+    return (int32_t)blob_get_u32(attr);
+}
+
+static inline int64_t blob_get_int64(const struct blob_attr* attr)
+{
+    return (int64_t)blob_get_u64(attr);
+}
+
+static inline const char* blob_get_string(const struct blob_attr* attr)
+{
+    return attr->data;
+}
+
+/* Starts a new empty head attribute with this id in the memory that the buffer has (256 zeroed bytes the first time).
+ * Open nested attributes are given up. 0, or -12 without memory. */
+int blob_buf_init(struct blob_buf* buf, int id);
+
+/* Frees the memory and resets the buffer, which may be freed or initialised again. */
+void blob_buf_free(struct blob_buf* buf);
+
+/* Makes the memory `required` bytes larger, in steps of 256. False without memory, or past 16,777,215 bytes. The buffer
+ * may move, so that pointers to attributes in it die; `head` is kept right. */
+bool blob_buf_grow(struct blob_buf* buf, int required);
+
+/* Appends an attribute of `payload` zero bytes. Like all that append here: null when the buffer cannot grow. */
+struct blob_attr* blob_new(struct blob_buf* buf, int id, int payload);
+
+struct blob_attr* blob_put(struct blob_buf* buf, int id, const void* data, unsigned int len);
+
+/* Appends a run of finished attributes as it is; `len` is at least 4. */
+struct blob_attr* blob_put_raw(struct blob_buf* buf, const void* data, unsigned int len);
+
+/* Opens a nested attribute, which becomes the head; null when the buffer cannot grow. */
+void* blob_nest_start(struct blob_buf* buf, int id);
+void blob_nest_end(struct blob_buf* buf, void* cookie);
+
+/* A copy to be freed with free(); null without memory. */
+struct blob_attr* blob_memdup(struct blob_attr* attr);
+
+/* Whether header and payload are the same bytes; two nulls are equal. */
+bool blob_attr_equal(const struct blob_attr* a, const struct blob_attr* b);
+
+static inline struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text)
+{
+    return blob_put(buf, id, text, (unsigned int)strlen(text) + 1);
+}
+
+static inline struct blob_attr* blob_put_u8(struct blob_buf* buf, int id, uint8_t value)
+{
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
+static inline struct blob_attr* blob_put_u16(struct blob_buf* buf, int id, uint16_t value)
+{
+    value = cpu_to_be16(value);
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
+static inline struct blob_attr* blob_put_u32(struct blob_buf* buf, int id, uint32_t value)
+{
+    value = cpu_to_be32(value);
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
+static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint64_t value)
+{
+    value = cpu_to_be64(value);
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
+#define blob_put_int8 blob_put_u8
+#define blob_put_int16 blob_put_u16
+#define blob_put_int32 blob_put_u32
+#define blob_put_int64 blob_put_u64
+
+/* Whether an attribute of a run lies, with its padding, wholly within the `rest` bytes that are left of the run. */
+static inline bool blob_attr_fits(const struct blob_attr* attr, size_t rest)
+{
+    return rest >= sizeof(struct blob_attr) && blob_pad_len(attr) >= sizeof(struct blob_attr) &&
+           blob_pad_len(attr) <= rest;
+}
+
+#define UBOX_FOR_EACH_ATTR_(pos, first, length, rem)                                                                   \
+    for (rem = (length), pos = (struct blob_attr*)(first); blob_attr_fits(pos, rem);                                   \
+         rem -= blob_pad_len(pos), pos = blob_next(pos))
+
+/* Walks over the children of a plain attribute, which may be null; ends at the first that does not fit. `rem` is a
+ * size_t. */
+#define blob_for_each_attr(pos, attr, rem)                                                                             \
+    UBOX_FOR_EACH_ATTR_(pos, (attr) ? blob_data(attr) : NULL, (attr) ? blob_len(attr) : 0, rem)
+
+#endif
