@@ -1,0 +1,145 @@
+#include "ubox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+
+namespace {
+
+constexpr bool SOME_NAME = true;
+constexpr bool ANY_NAME = false;
+
+bool nameIsSound(const blob_attr* attr, bool required)
+{
+    if (!blob_is_extended(attr))
+        return !required;
+    size_t payload = blob_len(attr);
+    if (payload < sizeof(blobmsg_hdr))
+        return false;
+    const auto* header = static_cast<const blobmsg_hdr*>(blob_data(attr));
+    auto length = static_cast<unsigned>(blobmsg_namelen(header));
+    if (static_cast<size_t>(blobmsg_hdrlen(length)) > payload)
+        return false;
+    return header->name[length] == 0 && (length > 0 || !required);
+}
+
+bool valueIsSound(const blob_attr* attr)
+{
+    size_t length = blobmsg_data_len(attr);
+    switch (blobmsg_type(attr)) {
+    case BLOBMSG_TYPE_UNSPEC:
+    case BLOBMSG_TYPE_ARRAY:
+    case BLOBMSG_TYPE_TABLE:
+        return true;
+    case BLOBMSG_TYPE_STRING:
+        return length > 0 && blobmsg_get_string(attr)[length - 1] == 0;
+    case BLOBMSG_TYPE_INT64:
+        return length == 8;
+    case BLOBMSG_TYPE_INT32:
+        return length == 4;
+    case BLOBMSG_TYPE_INT16:
+        return length == 2;
+    case BLOBMSG_TYPE_INT8:
+        return length == 1;
+    case BLOBMSG_TYPE_DOUBLE:
+        return length >= 8;
+    default:
+        return false;
+    }
+}
+
+bool isInteger(int type)
+{
+    return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
+}
+
+bool takesType(const blobmsg_policy& entry, int type)
+{
+    return entry.type == BLOBMSG_TYPE_UNSPEC || static_cast<int>(entry.type) == type ||
+           (entry.type == BLOBMSG_CAST_INT64 && isInteger(type));
+}
+
+// Hands every attribute of the run to `take`, which ends the walk by returning false. -1 at a malformed attribute.
+template <typename Take>
+int walkChecked(void* data, size_t length, Take take)
+{
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    UBOX_FOR_EACH_ATTR_(attr, data, length, rest)
+    {
+        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+            return -1;
+        if (!take(attr))
+            break;
+    }
+    return 0;
+}
+
+} // namespace
+
+bool blobmsg_check_attr_len(const blob_attr* attr, bool name, size_t len)
+{
+    if (len < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) || blob_raw_len(attr) > len)
+        return false;
+    return nameIsSound(attr, name) && valueIsSound(attr);
+}
+
+bool blobmsg_check_attr(const blob_attr* attr, bool name)
+{
+    return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
+}
+
+int blobmsg_check_array(const blob_attr* attr, int type)
+{
+    if (!blobmsg_check_attr(attr, ANY_NAME))
+        return -1;
+    bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
+    if (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY)
+        return -1;
+    int count = 0;
+    blob_attr* element = nullptr;
+    size_t rest = 0;
+    blobmsg_for_each_attr (element, attr, rest) {
+        if (type != BLOBMSG_TYPE_UNSPEC && blobmsg_type(element) != type)
+            return -1;
+        if (!blobmsg_check_attr_len(element, table ? SOME_NAME : ANY_NAME, rest))
+            return -1;
+        ++count;
+    }
+    return count;
+}
+
+bool blobmsg_check_attr_list(const blob_attr* attr, int type)
+{
+    return blobmsg_check_array(attr, type) >= 0;
+}
+
+int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
+{
+    std::fill_n(tb, policy_len, nullptr);
+    if (!data || len == 0)
+        return -EINVAL;
+    return walkChecked(data, len, [=](blob_attr* attr) {
+        if (!blob_is_extended(attr))
+            return true;
+        const auto* header = static_cast<const blobmsg_hdr*>(blob_data(attr));
+        std::string_view name(blobmsg_name(attr), static_cast<size_t>(blobmsg_namelen(header)));
+        for (int i = 0; i < policy_len; ++i) {
+            if (!tb[i] && policy[i].name && takesType(policy[i], blobmsg_type(attr)) && name == policy[i].name &&
+                !name.empty())
+                tb[i] = attr;
+        }
+        return true;
+    });
+}
+
+int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
+{
+    std::fill_n(tb, policy_len, nullptr);
+    int at = 0;
+    return walkChecked(data, data ? len : 0, [&](blob_attr* attr) {
+        if (at < policy_len && takesType(policy[at], blobmsg_type(attr)))
+            tb[at++] = attr;
+        return at < policy_len;
+    });
+}

@@ -1,0 +1,116 @@
+#include <gtest/gtest.h>
+
+#include "ubox_test.h"
+
+TEST(Blob, WritesEveryPaddingAndKeepsTheLengthUnpadded)
+{
+    Buffer buf(5);
+    blob_put_u8(buf.get(), 1, 0xab);
+    blob_put_string(buf.get(), 2, "ptzd");
+    blob_put_u16(buf.get(), 3, 0x1234);
+    blob_put_u64(buf.get(), 4, 0x0102030405060708);
+    blob_put(buf.get(), 127, nullptr, 0);
+    EXPECT_EQ(buf.hex(), "05000030"
+                         "01000005ab000000"
+                         "0200000970747a6400000000"
+                         "0300000612340000"
+                         "0400000c0102030405060708"
+                         "7f000004");
+    std::string ids;
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    blob_for_each_attr (attr, buf.head(), rest)
+        ids += std::to_string(blob_id(attr)) + ":" + std::to_string(blob_len(attr)) + " ";
+    EXPECT_EQ(ids, "1:1 2:5 3:2 4:8 127:0 ");
+}
+
+TEST(Blob, NestedAttributesSurviveAMoveOfTheBuffer)
+{
+    Buffer buf;
+    void* outer = blob_nest_start(buf.get(), 6);
+    void* inner = blob_nest_start(buf.get(), 7);
+    std::string text(2000, 'x');
+    ASSERT_TRUE(blob_put_string(buf.get(), 1, text.c_str()));
+    blob_nest_end(buf.get(), inner);
+    blob_nest_end(buf.get(), outer);
+    blob_put_u32(buf.get(), 2, 9);
+
+    // 4 + 2001 padded to 2008, in two headers of 4, and 8 for the number, in the head of 4.
+    ASSERT_EQ(blob_raw_len(buf.head()), 2028U);
+    auto* nested = static_cast<blob_attr*>(blob_data(buf.head()));
+    EXPECT_EQ(blob_raw_len(nested), 2016U);
+    auto* deepest = static_cast<blob_attr*>(blob_data(nested));
+    EXPECT_EQ(blob_raw_len(deepest), 2012U);
+    EXPECT_EQ(blob_get_string(static_cast<blob_attr*>(blob_data(deepest))), text);
+    EXPECT_EQ(blob_get_u32(blob_next(nested)), 9U);
+}
+
+TEST(Blob, PaddingIsZeroInReusedMemory)
+{
+    Buffer buf;
+    blob_put_string(buf.get(), 1, "ffffffffffffffffffffffffffff");
+    ASSERT_EQ(blob_buf_init(buf.get(), 0), 0);
+    blob_put_u8(buf.get(), 1, 1);
+    blob_put_raw(buf.get(), "\x02\x00\x00\x05z", 5);
+    blob_new(buf.get(), 3, 3);
+    EXPECT_EQ(buf.hex(), "0000001c0100000501000000020000057a0000000300000700000000");
+}
+
+TEST(Blob, RefusesToPassTheLargestLength)
+{
+    Buffer buf;
+    std::string half(8 << 20, 'x');
+    ASSERT_TRUE(blob_put(buf.get(), 1, half.data(), static_cast<unsigned>(half.size())));
+    EXPECT_FALSE(blob_put(buf.get(), 1, half.data(), static_cast<unsigned>(half.size())));
+    EXPECT_FALSE(blob_buf_grow(buf.get(), 0xffffff));
+    EXPECT_EQ(blob_raw_len(buf.head()), half.size() + 8);
+    blob_buf_free(buf.get());
+    blob_buf_free(buf.get());
+    EXPECT_EQ(blob_buf_init(buf.get(), 2), 0);
+    EXPECT_EQ(buf.hex(), "02000004");
+}
+
+TEST(Blob, WalkEndsAtTheFirstAttributeThatDoesNotFit)
+{
+    // A whole attribute, then: one longer than the rest, one of length 0, one without its padding, half a header.
+    for (const char* tail : {"01000009ffffffff", "00000000ffffffff", "01000005ff", "0100"}) {
+        Bytes bytes = bytesFromHex(std::string("01000008aaaaaaaa") + tail);
+        bytes.insert(bytes.begin(), {0, 0, 0, static_cast<uint8_t>(bytes.size() + 4)});
+        HeapCopy copy(bytes);
+        int count = 0;
+        blob_attr* attr = nullptr;
+        size_t rest = 0;
+        blob_for_each_attr (attr, copy.attr(), rest)
+            ++count;
+        EXPECT_EQ(count, 1) << tail;
+    }
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    const blob_attr* none = nullptr;
+    blob_for_each_attr (attr, none, rest)
+        FAIL();
+}
+
+TEST(Blob, ComparesAndCopiesWholeAttributes)
+{
+    Buffer one;
+    blob_put_string(one.get(), 1, "same");
+    std::unique_ptr<blob_attr, FreeMemory> copy(blob_memdup(one.head()));
+    EXPECT_TRUE(blob_attr_equal(one.head(), copy.get()));
+    copy->data[4] = 'S';
+    EXPECT_FALSE(blob_attr_equal(one.head(), copy.get()));
+    EXPECT_FALSE(blob_attr_equal(one.head(), nullptr));
+}
+
+TEST(Utils, OneBlockHoldsSeveralAlignedZeroedObjects)
+{
+    char* name = nullptr;
+    double* number = nullptr;
+    std::unique_ptr<void, FreeMemory> block(calloc_a(size_t{3}, &name, size_t{5}, &number, sizeof(double)));
+    ASSERT_TRUE(block);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(number) % alignof(double), 0U);
+    EXPECT_EQ(std::string(name, 5), std::string(5, '\0'));
+    memset(block.get(), 1, 3);
+    memset(name, 2, 5);
+    EXPECT_EQ(*number, 0.0);
+}

@@ -1,0 +1,304 @@
+#include <cmath>
+#include <functional>
+#include <map>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "ubox_test.h"
+
+namespace {
+
+void addArray(blob_buf* buf, const char* name, std::initializer_list<std::pair<const char*, const char*>> elements)
+{
+    void* cookie = blobmsg_open_array(buf, name);
+    for (const auto& [elementName, text] : elements)
+        blobmsg_add_string(buf, elementName, text);
+    blobmsg_close_array(buf, cookie);
+}
+
+// What the "build" lines of the golden data describe in words; each starts from a head with id 0.
+const std::map<std::string, std::function<void(blob_buf*)>> builders{
+    {"api_types",
+     [](blob_buf* buf) {
+         blobmsg_add_u8(buf, "u8", 7);
+         blobmsg_add_u16(buf, "u16", 40000);
+         blobmsg_add_u16(buf, "i16", 65534);
+         blobmsg_add_u32(buf, "u32", 3000000000);
+         blobmsg_add_u64(buf, "u64", UINT64_MAX);
+         blobmsg_add_double(buf, "d", -0.25);
+         blobmsg_add_string(buf, "s", "x");
+     }},
+    {"api_root_table",
+     [](blob_buf* buf) {
+         blobmsg_buf_init(buf);
+         blobmsg_add_u32(buf, "error_code", 0);
+     }},
+    {"api_status_like",
+     [](blob_buf* buf) {
+         blobmsg_add_string(buf, "x_coord", "0");
+         blobmsg_add_string(buf, "y_coord", "-6");
+         blobmsg_add_string(buf, "x_speed", "120");
+         blobmsg_add_u32(buf, "error_code", 0);
+     }},
+    {"api_preset_arrays",
+     [](blob_buf* buf) {
+         addArray(buf, "id", {{nullptr, "1"}, {"", "2"}});
+         addArray(buf, "position_pan", {{nullptr, "-1.000000"}, {nullptr, "0.500000"}});
+         blobmsg_add_u32(buf, "error_code", 0);
+     }},
+    {"api_unnamed_in_table",
+     [](blob_buf* buf) {
+         void* cookie = blobmsg_open_table(buf, "t");
+         blobmsg_add_string(buf, nullptr, "noname");
+         blobmsg_close_table(buf, cookie);
+     }},
+    {"api_named_in_array",
+     [](blob_buf* buf) {
+         addArray(buf, "a", {{"named", "v"}});
+     }},
+    {"api_dup_names",
+     [](blob_buf* buf) {
+         blobmsg_add_string(buf, "a", "first");
+         blobmsg_add_string(buf, "a", "second");
+     }},
+    {"api_long", [](blob_buf* buf) { blobmsg_add_string(buf, "long", std::string(300, 'x').c_str()); }},
+    {"api_nan_inf",
+     [](blob_buf* buf) {
+         blobmsg_add_double(buf, "nan", NAN);
+         blobmsg_add_double(buf, "inf", INFINITY);
+     }},
+    {"api_printf",
+     [](blob_buf* buf) {
+         EXPECT_EQ(blobmsg_printf(buf, "p", "%d-%s", 5, "x"), 3);
+         blobmsg_add_u32(buf, "q", 1);
+     }},
+};
+
+std::vector<std::string> words(const std::string& text)
+{
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+enum blobmsg_type typeOf(const std::string& name)
+{
+    static const std::map<std::string, enum blobmsg_type> TYPES {
+        {"UNSPEC", BLOBMSG_TYPE_UNSPEC},
+        {"ARRAY", BLOBMSG_TYPE_ARRAY},
+        {"STRING", BLOBMSG_TYPE_STRING},
+        {"INT32", BLOBMSG_TYPE_INT32},
+        {"CAST_INT64", BLOBMSG_CAST_INT64}
+    };
+    return TYPES.at(name);
+}
+
+} // namespace
+
+TEST(BlobmsgVectors, BuildingGivesTheGoldenBytes)
+{
+    for (const VectorRecord& record : readVectorFile("blobmsg.txt")) {
+        SCOPED_TRACE(record.text("name"));
+        Buffer buf;
+        if (record.has("json_in")) {
+            bool accepted = blobmsg_add_json_from_string(buf.get(), record.text("json_in").c_str());
+            EXPECT_EQ(accepted, record.has("hex"));
+        } else {
+            builders.at(record.text("name"))(buf.get());
+        }
+        if (record.has("hex")) {
+            EXPECT_EQ(buf.hex(), record.text("hex"));
+        }
+    }
+}
+
+TEST(BlobmsgVectors, FormattingTheGoldenBytesGivesTheText)
+{
+    for (const VectorRecord& record : readVectorFile("blobmsg.txt")) {
+        if (!record.has("hex"))
+            continue;
+        SCOPED_TRACE(record.text("name"));
+        HeapCopy head(record.bytes("hex"));
+        EXPECT_EQ(takeText(blobmsg_format_json(head.attr(), true)), record.text("json_out"));
+        EXPECT_EQ(takeText(blobmsg_format_json_indent(head.attr(), true, 0)), record.jsonText("json_indent"));
+    }
+}
+
+TEST(BlobmsgVectors, OneNamedAttributeThroughEveryFormat)
+{
+    for (const VectorRecord& record : readVectorFile("blobmsg_format.txt")) {
+        SCOPED_TRACE(record.text("name"));
+        HeapCopy copy(record.bytes("hex"));
+        blob_attr* attr = copy.attr();
+        EXPECT_EQ(takeText(blobmsg_format_json(attr, false)), record.text("list_false"));
+        EXPECT_EQ(takeText(blobmsg_format_json(attr, true)), record.text("list_true"));
+        EXPECT_EQ(takeText(blobmsg_format_json_value(attr)), record.text("value"));
+        EXPECT_EQ(takeText(blobmsg_format_json_indent(attr, false, 0)), record.jsonText("list_false_indent0"));
+        EXPECT_EQ(takeText(blobmsg_format_json_indent(attr, false, 1)), record.jsonText("list_false_indent1"));
+    }
+}
+
+TEST(BlobmsgVectors, ParsingFindsTheGoldenOffsets)
+{
+    for (const VectorRecord& record : readVectorFile("blobmsg_parse.txt")) {
+        SCOPED_TRACE(record.text("name"));
+        std::vector<std::string> names;
+        std::vector<blobmsg_policy> policy;
+        for (const std::string& entry : words(record.text("policy")))
+            names.push_back(entry.substr(0, entry.find(':')));
+        for (const std::string& entry : words(record.text("policy")))
+            policy.push_back({names[policy.size()].c_str(), typeOf(entry.substr(entry.find(':') + 1))});
+        Bytes bytes = record.bytes("data");
+        HeapCopy copy(bytes);
+        blob_attr stale{};
+        std::vector<blob_attr*> found(policy.size(), &stale);
+        EXPECT_EQ(blobmsg_parse(policy.data(), static_cast<int>(policy.size()), found.data(), copy.data(),
+                                static_cast<unsigned>(bytes.size())),
+                  std::stoi(record.text("rc")));
+        std::string places;
+        for (size_t i = 0; i < found.size(); ++i) {
+            auto offset = reinterpret_cast<char*>(found[i]) - static_cast<char*>(copy.data());
+            places += (i ? " " : "") + std::to_string(i) + "@" + (found[i] ? std::to_string(offset) : "none");
+        }
+        EXPECT_EQ(places, record.text("found"));
+    }
+}
+
+TEST(Blobmsg, NullPolicyNameAndNullDataMatchNothing)
+{
+    const blobmsg_policy policy[] = {{nullptr, BLOBMSG_TYPE_UNSPEC}, {"n", BLOBMSG_TYPE_UNSPEC}};
+    blob_attr* found[2];
+    Buffer buf;
+    blobmsg_add_u32(buf.get(), nullptr, 1);
+    EXPECT_EQ(blobmsg_parse(policy, 2, found, blob_data(buf.head()), static_cast<unsigned>(blob_len(buf.head()))), 0);
+    EXPECT_FALSE(found[0]);
+    EXPECT_FALSE(found[1]);
+    EXPECT_EQ(blobmsg_parse(policy, 2, found, nullptr, 12), -22);
+}
+
+TEST(Blobmsg, PositionalArgumentsWaitForAnElementOfTheirType)
+{
+    const blobmsg_policy policy[] = {
+        {nullptr, BLOBMSG_TYPE_STRING}, {nullptr, BLOBMSG_TYPE_INT32}, {nullptr, BLOBMSG_TYPE_STRING}};
+    blob_attr* found[3];
+    Buffer buf;
+    ASSERT_TRUE(blobmsg_add_json_from_string(buf.get(), R"({"a":[1,"one",true,2,3]})"));
+    auto* array = static_cast<blob_attr*>(blob_data(buf.head()));
+    EXPECT_EQ(blobmsg_parse_array(policy, 3, found, blobmsg_data(array), static_cast<unsigned>(blobmsg_len(array))), 0);
+    EXPECT_STREQ(blobmsg_get_string(found[0]), "one");
+    EXPECT_EQ(blobmsg_get_u32(found[1]), 2U);
+    EXPECT_FALSE(found[2]);
+    HeapCopy bad(bytesFromHex("8500000a000000000005ffff"));
+    EXPECT_EQ(blobmsg_parse_array(policy, 3, found, bad.data(), 12), -1);
+}
+
+TEST(Blobmsg, ChecksTheElementsOfArraysAndTables)
+{
+    Buffer buf;
+    ASSERT_TRUE(blobmsg_add_json_from_string(buf.get(), R"({"a":["x","y"],"m":["x",1],"e":[],"t":{"k":1},"s":"x"})"));
+    std::vector<blob_attr*> fields;
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    blobmsg_for_each_attr (attr, buf.head(), rest)
+        fields.push_back(attr);
+    ASSERT_EQ(fields.size(), 5U);
+    EXPECT_EQ(blobmsg_check_array(fields[0], BLOBMSG_TYPE_STRING), 2);
+    EXPECT_EQ(blobmsg_check_array(fields[1], BLOBMSG_TYPE_STRING), -1);
+    EXPECT_EQ(blobmsg_check_array(fields[1], BLOBMSG_TYPE_UNSPEC), 2);
+    EXPECT_EQ(blobmsg_check_array(fields[2], BLOBMSG_TYPE_STRING), 0);
+    EXPECT_EQ(blobmsg_check_array(fields[3], BLOBMSG_TYPE_INT32), 1);
+    EXPECT_FALSE(blobmsg_check_attr_list(fields[4], BLOBMSG_TYPE_UNSPEC));
+
+    HeapCopy unnamedInTable(bytesFromHex("82000014000174008500000c0000000000000001"));
+    EXPECT_EQ(blobmsg_check_array(unnamedInTable.attr(), BLOBMSG_TYPE_UNSPEC), -1);
+    HeapCopy brokenElement(bytesFromHex("81000014000161008500000a00000000ffff0000"));
+    EXPECT_EQ(blobmsg_check_array(brokenElement.attr(), BLOBMSG_TYPE_UNSPEC), -1);
+}
+
+TEST(Blobmsg, NamesAreRequiredOnlyWhereAsked)
+{
+    HeapCopy unnamed(bytesFromHex("8500000c0000000000000005"));
+    EXPECT_TRUE(blobmsg_check_attr(unnamed.attr(), false));
+    EXPECT_FALSE(blobmsg_check_attr(unnamed.attr(), true));
+    EXPECT_FALSE(blobmsg_check_attr_len(unnamed.attr(), false, 11));
+    HeapCopy tooShortForAName(bytesFromHex("80000005ff"));
+    EXPECT_FALSE(blobmsg_check_attr_len(tooShortForAName.attr(), false, 5));
+}
+
+TEST(Blobmsg, IntegersWidenWithAndWithoutTheirSign)
+{
+    Buffer buf;
+    blobmsg_add_u8(buf.get(), "a", 0xfe);
+    blobmsg_add_u16(buf.get(), "b", 0xfffe);
+    blobmsg_add_u32(buf.get(), "c", 0xfffffffe);
+    blobmsg_add_u64(buf.get(), "d", 0xfffffffffffffffe);
+    std::vector<uint64_t> plain;
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    blobmsg_for_each_attr (attr, buf.head(), rest) {
+        plain.push_back(blobmsg_cast_u64(attr));
+        EXPECT_EQ(blobmsg_cast_s64(attr), -2);
+    }
+    EXPECT_EQ(plain, (std::vector<uint64_t>{0xfe, 0xfffe, 0xfffffffe, 0xfffffffffffffffe}));
+}
+
+TEST(Blobmsg, CopiesFieldsAndWholePayloads)
+{
+    Buffer from;
+    blobmsg_add_string(from.get(), "action", "start");
+    Buffer to;
+    blobmsg_add_blob(to.get(), static_cast<blob_attr*>(blob_data(from.head())));
+    blobmsg_add_field(to.get(), BLOBMSG_TYPE_TABLE, "data", blob_data(from.head()),
+                      static_cast<unsigned>(blob_len(from.head())));
+    EXPECT_EQ(takeText(blobmsg_format_json(to.head(), true)), R"({"action":"start","data":{"action":"start"}})");
+    std::string tooLong(65536, 'n');
+    EXPECT_EQ(blobmsg_add_u32(to.get(), tooLong.c_str(), 1), -1);
+}
+
+TEST(BlobmsgJson, MembersAreAddedToWhatIsThere)
+{
+    Buffer buf;
+    blobmsg_add_u32(buf.get(), "first", 1);
+    ASSERT_TRUE(blobmsg_add_json_from_string(buf.get(), R"({"second":2})"));
+    EXPECT_FALSE(blobmsg_add_json_from_string(buf.get(), "null"));
+    EXPECT_EQ(takeText(blobmsg_format_json(buf.head(), true)), R"({"first":1,"second":2})");
+}
+
+TEST(BlobmsgJson, ACallbackReplacesValuesBehindTheirNames)
+{
+    Buffer buf;
+    ASSERT_TRUE(blobmsg_add_json_from_string(buf.get(), R"({"a":{"n":3},"l":[3,"s"]})"));
+    auto typeName = [](void* text, blob_attr* attr) -> const char* {
+        return blobmsg_type(attr) == BLOBMSG_TYPE_INT32 ? static_cast<const char*>(text) : nullptr;
+    };
+    char name[] = "\"Integer\"";
+    EXPECT_EQ(takeText(blobmsg_format_json_with_cb(buf.head(), true, typeName, name, -1)),
+              R"({"a":{"n":"Integer"},"l":["Integer","s"]})");
+}
+
+TEST(BlobmsgJson, MalformedAttributesPrintNothingAndOthersStay)
+{
+    HeapCopy broken(bytesFromHex("8500000a00016e0000050000"));
+    EXPECT_EQ(takeText(blobmsg_format_json(broken.attr(), false)), "");
+    EXPECT_EQ(takeText(blobmsg_format_json_value(broken.attr())), "");
+    // An INT32 of 2 bytes between two sound ones, then an attribute longer than the rest.
+    HeapCopy head(bytesFromHex("00000030"
+                               "8500000c0001610000000001"
+                               "8500000a0001620000050000"
+                               "8500000c0001630000000003"
+                               "850000ff00016400"));
+    EXPECT_EQ(takeText(blobmsg_format_json(head.attr(), true)), R"({"a":1,"c":3})");
+}
+
+TEST(BlobmsgJson, FollowsAnyDepthWithoutTheStack)
+{
+    constexpr size_t DEPTH = 100000;
+    Bytes bytes;
+    for (size_t level = 0; level < DEPTH; ++level) {
+        size_t length = 8 * (DEPTH - level);
+        bytes.insert(bytes.end(), {0x81, static_cast<uint8_t>(length >> 16), static_cast<uint8_t>(length >> 8),
+                                   static_cast<uint8_t>(length), 0, 0, 0, 0});
+    }
+    HeapCopy copy(bytes);
+    EXPECT_EQ(takeText(blobmsg_format_json(copy.attr(), false)), std::string(DEPTH, '[') + std::string(DEPTH, ']'));
+}
