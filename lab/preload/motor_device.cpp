@@ -1,0 +1,210 @@
+#include "motor_device.h"
+
+#include "context.h"
+#include "lab/clock.h"
+#include "lab/journal.h"
+
+#include <stdarg.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace {
+
+constexpr unsigned MOTOR_TYPE = 0xDE;
+constexpr unsigned RECORD_SIZE = sizeof(int32_t) * LAB_WORDS;
+constexpr unsigned long REQUEST_WORDS[LAB_REQUEST_COUNT] = {
+    _IOC(_IOC_READ, MOTOR_TYPE, LAB_GET_CAPA, RECORD_SIZE),
+    _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_SET_POSITION, RECORD_SIZE),
+    _IOC(_IOC_READ, MOTOR_TYPE, LAB_GET_STATUS, RECORD_SIZE),
+    _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_SET_SPEED, RECORD_SIZE),
+    _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_ROTATE, RECORD_SIZE),
+    _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_MOVE, RECORD_SIZE),
+    _IO(MOTOR_TYPE, LAB_STOP),
+};
+static_assert(REQUEST_WORDS[LAB_GET_CAPA] == 0x8014DE00 && REQUEST_WORDS[LAB_MOVE] == 0x4014DE05);
+
+constexpr int WORD_SPEED = 1;
+constexpr int WORD_STEPS = 2;
+
+struct Words {
+    int32_t word[LAB_WORDS];
+};
+
+Words capabilityOf(const LabAxis& axis, const LabFaults& faults)
+{
+    if (faults.capaReplaced)
+        return {{faults.capability[0], faults.capability[1], faults.capability[2], 0, 0}};
+    return {{axis.range, axis.maxSpeed, axis.totalSteps, 0, 0}};
+}
+
+Words statusOf(const LabAxis& axis, int64_t labNs, const LabFaults& faults)
+{
+    const LabAxisNow now = axisAt(axis, labNs);
+    return {{0, now.speed, now.count, faults.stuckRunning ? 1 : now.running, now.direction}};
+}
+
+/// Takes one failure off the account of a request. 0 when it is to succeed, else the errno value.
+int takeFailure(LabFault& fault)
+{
+    if (fault.failures == 0)
+        return 0;
+    if (fault.failures > 0)
+        --fault.failures;
+    return fault.error;
+}
+
+void apply(LabAxisEdit& edit, unsigned request, const Words& words)
+{
+    switch (request) {
+    case LAB_SET_POSITION:
+        setAxisCount(*edit, edit.labNs(), words.word[WORD_STEPS]);
+        break;
+    case LAB_SET_SPEED:
+        setAxisSpeed(*edit, edit.labNs(), words.word[WORD_SPEED]);
+        break;
+    case LAB_ROTATE:
+        startMotion(*edit, edit.labNs(), 0, words.word[WORD_STEPS]);
+        break;
+    case LAB_MOVE:
+        startMotion(*edit, edit.labNs(), words.word[WORD_SPEED], words.word[WORD_STEPS]);
+        break;
+    case LAB_STOP:
+        stopMotion(*edit, edit.labNs());
+        break;
+    default: // the two that only read
+        break;
+    }
+}
+
+struct Outcome {
+    int result;
+    uint32_t motionId; // of the motion that a ROTATE began
+};
+
+/// The part of a request that the lock covers: effect, answer, journal.
+Outcome takeEffect(LabState& state, LabAxisId id, unsigned request, Words& words)
+{
+    const LabLock hold(state);
+    LabAxisRecord& record = state.axes[id];
+    LabAxisEdit edit(state, id);
+    const bool reads = request == LAB_GET_CAPA || request == LAB_GET_STATUS;
+    const bool writes = !reads && request != LAB_STOP;
+    const Words in = words;
+    const int result = takeFailure(record.faults.requests[request]);
+    if (result == 0) {
+        apply(edit, request, words);
+        if (request == LAB_GET_CAPA)
+            words = capabilityOf(*edit, record.faults);
+        else if (request == LAB_GET_STATUS)
+            words = statusOf(*edit, edit.labNs(), record.faults);
+    }
+    record.served[request].fetch_add(1);
+    appendJournal(
+        labFolder(), state, id, edit,
+        {LAB_REQUEST_NAMES[request], writes ? in.word : nullptr, result, reads && result == 0 ? words.word : nullptr});
+    if (!reads && result == 0)
+        edit.commit();
+    return {result, edit->motionId};
+}
+
+/// Waits for the end of a rotation. EIO when somebody stopped or replaced it, or the power went.
+int awaitRotation(LabState& state, LabAxisId id, uint32_t motionId)
+{
+    LabAxisRecord& record = state.axes[id];
+    for (;;) {
+        const uint32_t seen = record.wake.load();
+        int64_t endNs = 0;
+        {
+            const LabLock hold(state);
+            LabAxisEdit edit(state, id);
+            if (edit->motionId != motionId || edit->motionSteps == 0) {
+                const int result = motionCompleted(*edit, motionId) ? 0 : EIO;
+                appendJournal(labFolder(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
+                edit.commit();
+                return result;
+            }
+            endNs = motionEndNs(*edit);
+        }
+        waitWord(record.wake, seen, realTimeOf(readClock(state), endNs));
+    }
+}
+
+/// Keeps the answer back for as long as the fault says, which may change meanwhile.
+void delayAnswer(LabState& state, LabAxisId id, unsigned request)
+{
+    LabAxisRecord& record = state.axes[id];
+    const int64_t since = monotonicNs();
+    for (;;) {
+        const uint32_t seen = record.wake.load();
+        int64_t until = since;
+        {
+            const LabLock hold(state);
+            until += record.faults.requests[request].delayMs * NS_PER_MS;
+        }
+        if (monotonicNs() >= until)
+            return;
+        waitWord(record.wake, seen, until);
+    }
+}
+
+} // namespace
+
+unsigned motorAxisOf(int fd)
+{
+    const LabState* state = labState();
+    struct stat info {};
+    if (!state || fstat(fd, &info) != 0)
+        return LAB_AXIS_COUNT;
+    unsigned axis = 0;
+    while (axis < LAB_AXIS_COUNT &&
+           (state->axes[axis].nodeDevice != info.st_dev || state->axes[axis].nodeInode != info.st_ino))
+        ++axis;
+    return axis;
+}
+
+int serveMotor(unsigned axis, unsigned request, void* record)
+{
+    LabState& state = *labState();
+    const auto id = static_cast<LabAxisId>(axis);
+    Words words{};
+    const bool reads = request == LAB_GET_CAPA || request == LAB_GET_STATUS;
+    if (request != LAB_STOP && !record)
+        return EFAULT;
+    if (request != LAB_STOP && !reads)
+        memcpy(&words, record, sizeof(words));
+    const Outcome outcome = takeEffect(state, id, request, words);
+    int result = outcome.result;
+    if (result == 0 && request == LAB_ROTATE)
+        result = awaitRotation(state, id, outcome.motionId);
+    delayAnswer(state, id, request);
+    if (result == 0 && reads)
+        memcpy(record, &words, sizeof(words));
+    return result;
+}
+
+#pragma GCC visibility push(default)
+
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const unsigned long word = request & 0xFFFFFFFFu; // programs that pass an int extend its sign
+    unsigned number = 0;
+    while (number < LAB_REQUEST_COUNT && REQUEST_WORDS[number] != word)
+        ++number;
+    const unsigned axis = number < LAB_REQUEST_COUNT ? motorAxisOf(fd) : unsigned{LAB_AXIS_COUNT};
+    if (axis == LAB_AXIS_COUNT)
+        return NEXT(ioctl)(fd, request, argument);
+    const int result = serveMotor(axis, number, argument);
+    if (result == 0)
+        return 0;
+    errno = result;
+    return -1;
+}
+
+#pragma GCC visibility pop

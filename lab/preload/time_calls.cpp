@@ -1,0 +1,174 @@
+// Sleeps and the wall clock, in lab time. CLOCK_MONOTONIC and every wait for something else than time stay real.
+
+#include "context.h"
+#include "lab_sleep.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr int64_t FAR_AWAY_SECONDS = 4'000'000'000;
+
+/// At the ordinary speed a nap this short goes straight to the kernel: it is over before a change of the clock that
+/// comes meanwhile makes a difference.
+constexpr int64_t NAP_NS = 250 * NS_PER_MS;
+
+/// The lab's state if its wall clock differs from the machine's, else null.
+const LabState* stateWithOwnWall()
+{
+    const LabState* state = labState();
+    return state && !readClock(*state).wallIsReal ? state : nullptr;
+}
+
+bool isWall(clockid_t clock)
+{
+    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+}
+
+bool isValid(const timespec& time)
+{
+    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < NS_PER_SECOND;
+}
+
+/// Sleeps `ns` of lab time. 0, or EINTR with what is left in `*left`.
+int sleepFor(LabState& state, int64_t ns, int64_t* left)
+{
+    const int64_t until = labNow(state) + ns;
+    const int result = sleepUntil(state, until);
+    *left = std::max<int64_t>(until - labNow(state), 0);
+    return result;
+}
+
+/// The lab's state if a sleep of `ns` must follow the lab clock, else null.
+LabState* stateForSleep(int64_t ns)
+{
+    LabState* state = labState();
+    if (state && ns <= NAP_NS && readClock(*state).speedMilli == CLOCK_SPEED_ONE)
+        return nullptr;
+    return state;
+}
+
+int sleepRelative(LabState& state, const timespec* wanted, timespec* remaining)
+{
+    int64_t left = 0;
+    const int result = sleepFor(state, nanoseconds(*wanted), &left);
+    if (result == EINTR && remaining)
+        *remaining = asTimespec(left);
+    return result;
+}
+
+} // namespace
+
+int64_t nanoseconds(const timespec& time)
+{
+    return std::min<int64_t>(time.tv_sec, FAR_AWAY_SECONDS) * NS_PER_SECOND + time.tv_nsec;
+}
+
+timespec asTimespec(int64_t ns)
+{
+    timespec result{};
+    result.tv_sec = static_cast<time_t>(ns / NS_PER_SECOND);
+    result.tv_nsec = static_cast<long>(ns % NS_PER_SECOND);
+    return result;
+}
+
+int64_t wallNow(const LabState& state)
+{
+    const LabClock clock = readClock(state);
+    if (!clock.wallIsReal)
+        return wallTimeAt(clock, monotonicNs());
+    timespec now{};
+    NEXT(clock_gettime)(CLOCK_REALTIME, &now);
+    return nanoseconds(now);
+}
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept
+{
+    const LabState* state = isWall(clock) ? stateWithOwnWall() : nullptr;
+    if (!state)
+        return NEXT(clock_gettime)(clock, now);
+    *now = asTimespec(wallNow(*state));
+    return 0;
+}
+
+int gettimeofday(timeval* now, void* zone) noexcept
+{
+    const LabState* state = stateWithOwnWall();
+    const int result = NEXT(gettimeofday)(now, zone);
+    if (result != 0 || !state)
+        return result;
+    const timespec wall = asTimespec(wallNow(*state));
+    now->tv_sec = wall.tv_sec;
+    now->tv_usec = wall.tv_nsec / 1000;
+    return 0;
+}
+
+time_t time(time_t* result) noexcept
+{
+    const LabState* state = stateWithOwnWall();
+    if (!state)
+        return NEXT(time)(result);
+    const time_t now = asTimespec(wallNow(*state)).tv_sec;
+    if (result)
+        *result = now;
+    return now;
+}
+
+int timespec_get(timespec* now, int base) noexcept
+{
+    const LabState* state = base == TIME_UTC ? stateWithOwnWall() : nullptr;
+    if (!state)
+        return NEXT(timespec_get)(now, base);
+    *now = asTimespec(wallNow(*state));
+    return base;
+}
+
+int nanosleep(const timespec* wanted, timespec* remaining)
+{
+    LabState* state = isValid(*wanted) ? stateForSleep(nanoseconds(*wanted)) : nullptr;
+    if (!state)
+        return NEXT(nanosleep)(wanted, remaining);
+    const int result = sleepRelative(*state, wanted, remaining);
+    if (result == 0)
+        return 0;
+    errno = result;
+    return -1;
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* remaining)
+{
+    const bool absolute = (flags & TIMER_ABSTIME) != 0;
+    const bool ours = isValid(*wanted) && (isWall(clock) || (clock == CLOCK_MONOTONIC && !absolute));
+    LabState* state = ours ? stateForSleep(absolute ? INT64_MAX : nanoseconds(*wanted)) : nullptr;
+    if (!state)
+        return NEXT(clock_nanosleep)(clock, flags, wanted, remaining);
+    if (!absolute)
+        return sleepRelative(*state, wanted, remaining);
+    int64_t left = 0;
+    return sleepFor(*state, nanoseconds(*wanted) - wallNow(*state), &left);
+}
+
+int usleep(useconds_t us)
+{
+    const timespec wanted = asTimespec(int64_t{us} * 1000);
+    return nanosleep(&wanted, nullptr);
+}
+
+unsigned sleep(unsigned seconds)
+{
+    const timespec wanted = asTimespec(int64_t{seconds} * NS_PER_SECOND);
+    timespec left{};
+    if (nanosleep(&wanted, &left) == 0)
+        return 0;
+    return static_cast<unsigned>(left.tv_sec + (left.tv_nsec >= NS_PER_SECOND / 2 ? 1 : 0));
+}
+
+} // extern "C"
+#pragma GCC visibility pop

@@ -1,0 +1,55 @@
+#pragma once
+// Opening the state file of a lab and holding its lock.
+
+#include "lab/kinematics.h"
+
+/// Maps DIR/state into this process for its whole life; null with errno when it cannot (EPROTO: it is no state file of
+/// this version). Any thread.
+LabState* mapLabState(const char* folder);
+
+/// Fills a fresh state: mutex, clock (started now), start time; the axes are left zeroed. 0, or an errno value.
+int initLabState(LabState& state);
+
+/// Holds LabState::lock, which a killed process may have left behind: what it guards changes in single steps, so the
+/// next one simply goes on.
+class LabLock {
+public:
+    explicit LabLock(LabState& state);
+    ~LabLock();
+    LabLock(const LabLock&) = delete;
+    LabLock& operator=(const LabLock&) = delete;
+
+private:
+    LabState& state_;
+};
+
+/// A working copy of one axis, brought up to now; commit() makes it the axis. Needs LabState::lock for its whole life.
+class LabAxisEdit {
+public:
+    LabAxisEdit(LabState& state, LabAxisId id);
+    LabAxis& operator*()
+    {
+        return axis_;
+    }
+    LabAxis* operator->()
+    {
+        return &axis_;
+    }
+    /// Lab time that the copy stands for.
+    int64_t labNs() const
+    {
+        return labNs_;
+    }
+    /// CLOCK_MONOTONIC at the same moment.
+    int64_t realNs() const
+    {
+        return realNs_;
+    }
+    void commit();
+
+private:
+    LabAxisRecord& record_;
+    int64_t realNs_;
+    int64_t labNs_;
+    LabAxis axis_;
+};
