@@ -1,0 +1,332 @@
+/// Changes to a package in memory: how each is applied, and the calls that make and record them.
+#include "internal.h"
+
+#include <climits>
+#include <cstring>
+
+namespace ucilib {
+
+namespace {
+
+// A whole decimal number within an int, or false.
+bool parseNumber(const char* text, int& number)
+{
+    char* end = nullptr;
+    const long value = strtol(text, &end, 10);
+    if (end == text || *end || value < INT_MIN || value > INT_MAX)
+        return false;
+    number = static_cast<int>(value);
+    return true;
+}
+
+uci_element* elementAt(uci_list& list, int index)
+{
+    uci_element* e;
+    uci_foreach_element (&list, e) {
+        if (index-- == 0)
+            return e;
+    }
+    return nullptr;
+}
+
+int setSection(uci_package* p, const Change& change)
+{
+    uci_section* s = findSection(p, change.section);
+    if (!*change.value) {
+        if (s)
+            freeSection(s);
+        return UCI_OK;
+    }
+    if (!validType(change.value))
+        return UCI_ERR_INVAL;
+    if (s)
+        return setType(s, change.value) ? UCI_OK : UCI_ERR_MEM;
+    s = newSection(p, change.value, change.section);
+    if (!s)
+        return UCI_ERR_MEM;
+    s->anonymous = change.kind == UCI_CHANGE_ADD_SECTION;
+    return UCI_OK;
+}
+
+int setOption(uci_section* s, const Change& change)
+{
+    if (*change.value)
+        return putOption(s, change.option, change.value) ? UCI_OK : UCI_ERR_MEM;
+    if (uci_option* o = findOption(s, change.option))
+        freeOption(o);
+    return UCI_OK;
+}
+
+int deleteFrom(uci_section* s, const Change& change)
+{
+    if (!change.option) {
+        freeSection(s);
+        return UCI_OK;
+    }
+    uci_option* o = findOption(s, change.option);
+    if (!o)
+        return UCI_ERR_NOTFOUND;
+    if (o->type == UCI_TYPE_STRING || !change.value || !*change.value) {
+        freeOption(o);
+        return UCI_OK;
+    }
+    int index = 0;
+    if (!parseNumber(change.value, index))
+        return UCI_ERR_INVAL;
+    uci_element* item = elementAt(o->v.list, index);
+    if (!item)
+        return UCI_ERR_NOTFOUND;
+    freeItem(item);
+    return UCI_OK;
+}
+
+void removeEqualItems(uci_section* s, const Change& change)
+{
+    uci_option* o = findOption(s, change.option);
+    if (!o || o->type != UCI_TYPE_LIST)
+        return;
+    uci_element *item, *next;
+    uci_foreach_element_safe (&o->v.list, next, item) {
+        if (strcmp(item->name, change.value) == 0)
+            freeItem(item);
+    }
+}
+
+int rename(uci_section* s, const Change& change)
+{
+    uci_element* renamed = &s->e;
+    uci_list* siblings = &s->package->sections;
+    if (change.option) {
+        uci_option* o = findOption(s, change.option);
+        if (!o)
+            return UCI_ERR_NOTFOUND;
+        renamed = &o->e;
+        siblings = &s->options;
+    }
+    if (!validName(change.value))
+        return UCI_ERR_INVAL;
+    if (findElement(*siblings, change.value))
+        return UCI_ERR_DUPLICATE;
+    char* name = strdup(change.value);
+    if (!name)
+        return UCI_ERR_MEM;
+    free(renamed->name);
+    renamed->name = name;
+    if (!change.option)
+        s->anonymous = false;
+    return UCI_OK;
+}
+
+int reorder(uci_section* s, const Change& change)
+{
+    int position = 0;
+    if (!parseNumber(change.value, position) || position < 0)
+        return UCI_ERR_INVAL;
+    uci_list& sections = s->package->sections;
+    listRemove(s->e.list);
+    uci_element* behind = elementAt(sections, position);
+    listInsertBefore(behind ? behind->list : sections, s->e.list);
+    return UCI_OK;
+}
+
+// A change that needs its section, to the section itself.
+int applyToSection(uci_section* s, const Change& change)
+{
+    switch (change.kind) {
+    case UCI_CHANGE_SET:
+        return setOption(s, change);
+    case UCI_CHANGE_DELETE:
+        return deleteFrom(s, change);
+    case UCI_CHANGE_ADD_LIST:
+        return putListItem(s, change.option, change.value) ? UCI_OK : UCI_ERR_MEM;
+    case UCI_CHANGE_DEL_LIST:
+        removeEqualItems(s, change);
+        return UCI_OK;
+    case UCI_CHANGE_RENAME:
+        return rename(s, change);
+    case UCI_CHANGE_REORDER:
+        return reorder(s, change);
+    case UCI_CHANGE_ADD_SECTION:
+        break; // makes a section, and has no option
+    }
+    return UCI_ERR_INVAL;
+}
+
+} // namespace
+
+int applyChange(uci_package* p, const Change& change)
+{
+    const bool list = change.kind == UCI_CHANGE_ADD_LIST || change.kind == UCI_CHANGE_DEL_LIST;
+    if (!validName(change.section) || (change.option && !validName(change.option)) || (list && !change.option) ||
+        (!change.value && change.kind != UCI_CHANGE_DELETE))
+        return UCI_ERR_INVAL;
+    if (!change.option && (change.kind == UCI_CHANGE_SET || change.kind == UCI_CHANGE_ADD_SECTION))
+        return setSection(p, change);
+    uci_section* s = findSection(p, change.section);
+    if (!s)
+        return change.kind == UCI_CHANGE_DELETE ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL;
+    return applyToSection(s, change);
+}
+
+} // namespace ucilib
+
+using namespace ucilib;
+
+namespace {
+
+// Applies a change and records it: both, or neither. Stores the record in `delta`.
+int makeChange(uci_package* p, const Change& change, uci_delta*& delta)
+{
+    delta = newDelta(change);
+    if (!delta)
+        return UCI_ERR_MEM;
+    // With the record's copies of the texts: the caller's may belong to what the change frees.
+    const int code = applyChange(p, {change.kind, delta->section, delta->e.name, delta->value});
+    if (code == UCI_OK)
+        listInsertBefore(p->delta, delta->e.list);
+    else
+        freeDelta(delta);
+    return code;
+}
+
+// Makes the pointer record complete: what the user filled in by hand is looked up.
+int resolve(uci_context* ctx, uci_ptr* ptr)
+{
+    if (!ptr)
+        return UCI_ERR_INVAL;
+    return ptr->flags & uci_ptr::UCI_LOOKUP_DONE ? int(UCI_OK) : uci_lookup_ptr(ctx, ptr, nullptr, false);
+}
+
+// Makes a change to what the pointer record names, and brings the pointer record up to date.
+int changePtr(uci_ptr* ptr, uci_change kind, const char* value)
+{
+    if (!ptr->section)
+        return UCI_ERR_INVAL;
+    const bool borrowsSection = ptr->s && ptr->section == ptr->s->e.name;
+    const bool borrowsOption = ptr->o && ptr->option == ptr->o->e.name;
+    uci_delta* delta = nullptr;
+    const int code = makeChange(ptr->p, {kind, ptr->section, ptr->option, value}, delta);
+    if (code != UCI_OK)
+        return code;
+
+    const char* section = delta->section;
+    const char* option = delta->e.name;
+    if (kind == UCI_CHANGE_RENAME)
+        (option ? option : section) = delta->value;
+    ptr->s = findSection(ptr->p, section);
+    ptr->o = ptr->s && option ? findOption(ptr->s, option) : nullptr;
+    ptr->last = ptr->o ? &ptr->o->e : ptr->s ? &ptr->s->e : &ptr->p->e;
+    if (borrowsSection)
+        ptr->section = ptr->s ? ptr->s->e.name : section;
+    if (borrowsOption)
+        ptr->option = ptr->o ? ptr->o->e.name : option;
+    return UCI_OK;
+}
+
+bool isUnchanged(const uci_ptr* ptr)
+{
+    if (ptr->option)
+        return ptr->o && ptr->o->type == UCI_TYPE_STRING && strcmp(ptr->o->v.string, ptr->value) == 0;
+    return ptr->s && strcmp(ptr->s->type, ptr->value) == 0;
+}
+
+} // namespace
+
+int uci_set(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    if (code != UCI_OK)
+        return result(ctx, code);
+    if (!ptr->section || !ptr->value)
+        return result(ctx, UCI_ERR_INVAL);
+    if (isUnchanged(ptr))
+        return result(ctx, UCI_OK);
+    if (*ptr->value)
+        return result(ctx, changePtr(ptr, UCI_CHANGE_SET, ptr->value));
+    const bool exists = ptr->option ? ptr->o != nullptr : ptr->s != nullptr;
+    return result(ctx, exists ? changePtr(ptr, UCI_CHANGE_DELETE, nullptr) : int(UCI_OK));
+}
+
+int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    if (code != UCI_OK)
+        return result(ctx, code);
+    if (!ptr->section)
+        return result(ctx, UCI_ERR_INVAL);
+    if (ptr->option ? !ptr->o : !ptr->s)
+        return result(ctx, UCI_ERR_NOTFOUND);
+    // Only a list's element is named by the value; for all else a value means nothing.
+    const bool element = ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value;
+    return result(ctx, changePtr(ptr, UCI_CHANGE_DELETE, element ? ptr->value : nullptr));
+}
+
+int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    return result(ctx, code == UCI_OK ? changePtr(ptr, UCI_CHANGE_ADD_LIST, ptr->value) : code);
+}
+
+int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    if (code != UCI_OK)
+        return result(ctx, code);
+    if (!ptr->s || !ptr->option || !ptr->value)
+        return result(ctx, UCI_ERR_INVAL);
+    if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
+        return result(ctx, UCI_OK);
+    return result(ctx, changePtr(ptr, UCI_CHANGE_DEL_LIST, ptr->value));
+}
+
+int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    if (code != UCI_OK)
+        return result(ctx, code);
+    if (!ptr->section || !ptr->value)
+        return result(ctx, UCI_ERR_INVAL);
+    if (ptr->option ? !ptr->o : !ptr->s)
+        return result(ctx, UCI_ERR_NOTFOUND);
+    return result(ctx, changePtr(ptr, UCI_CHANGE_RENAME, ptr->value));
+}
+
+int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!p || !type || !res || !validType(type))
+        return result(ctx, UCI_ERR_INVAL);
+    uci_section* s = newSection(p, type, nullptr);
+    uci_delta* delta = s ? newDelta({UCI_CHANGE_ADD_SECTION, s->e.name, nullptr, type}) : nullptr;
+    if (!delta) {
+        if (s)
+            freeSection(s);
+        return result(ctx, UCI_ERR_MEM);
+    }
+    listInsertBefore(p->delta, delta->e.list);
+    *res = s;
+    return result(ctx, UCI_OK);
+}
+
+int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!s || pos < 0)
+        return result(ctx, UCI_ERR_INVAL);
+    char position[16];
+    snprintf(position, sizeof(position), "%d", pos);
+    uci_delta* delta = nullptr;
+    return result(ctx, makeChange(s->package, {UCI_CHANGE_REORDER, s->e.name, nullptr, position}, delta));
+}

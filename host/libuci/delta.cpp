@@ -1,0 +1,224 @@
+/// Change records and the change file.
+///
+/// The file holds one change a line. A commit that has the new configuration file ready appends one more line, the
+/// commit mark: the digest of the new file's text. Then it renames the new file into place, and then empties the change
+/// file. A process that dies in between leaves changes that are in the configuration file already; whoever reads the
+/// change file next sees by the mark, if the configuration file's text has its digest, that all above it is done, and
+/// does not apply it again, which would append list elements and add sections a second time. If the digest is another,
+/// the rename did not happen, and the changes count. Readers that do not know the mark take it for a comment.
+#include "internal.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+namespace ucilib {
+
+namespace {
+
+constexpr std::string_view MARK = "#committed ";
+constexpr size_t MARK_DIGITS = 16;
+
+struct Sign {
+    char sign;
+    uci_change kind;
+};
+// What a line begins with; a line without any of these sets something.
+const Sign SIGNS[] = {
+    {'-', UCI_CHANGE_DELETE},   {'+', UCI_CHANGE_ADD_SECTION}, {'|', UCI_CHANGE_ADD_LIST},
+    {'~', UCI_CHANGE_DEL_LIST}, {'@', UCI_CHANGE_RENAME},      {'^', UCI_CHANGE_REORDER},
+};
+
+bool isMark(std::string_view line, uint64_t digest)
+{
+    char text[MARK_DIGITS + 1];
+    snprintf(text, sizeof(text), "%016" PRIx64, digest);
+    return line.starts_with(MARK) && line.substr(MARK.size()).starts_with(text);
+}
+
+// Splits a word like `+p.section.option=value` in place; false when it is no change. `package` tells whose it is.
+bool parseChange(char* word, const char*& package, Change& change)
+{
+    change = {UCI_CHANGE_SET, nullptr, nullptr, nullptr};
+    for (const Sign& sign : SIGNS) {
+        if (*word == sign.sign)
+            change.kind = sign.kind;
+    }
+    if (change.kind != UCI_CHANGE_SET)
+        ++word;
+    if (char* value = strchr(word, '=')) {
+        *value = '\0';
+        change.value = value + 1;
+    }
+    char* section = strchr(word, '.');
+    if (!section)
+        return false;
+    *section++ = '\0';
+    if (char* option = strchr(section, '.')) {
+        *option = '\0';
+        change.option = option + 1;
+    }
+    package = word;
+    change.section = section;
+    return validName(section) && (!change.option || validName(change.option)) &&
+           (change.value || change.kind == UCI_CHANGE_DELETE);
+}
+
+// The only word of a line, or null.
+char* onlyWord(std::span<char> line)
+{
+    if (memchr(line.data(), '\0', line.size()))
+        return nullptr;
+    Words words(line);
+    if (!words.nextCommand())
+        return nullptr;
+    char* word = words.next();
+    return word && !words.next() && !words.nextCommand() ? word : nullptr;
+}
+
+// A copy, or null for null; `failed` is set when memory is short.
+char* copyText(const char* text, bool& failed)
+{
+    if (!text)
+        return nullptr;
+    char* copy = strdup(text);
+    if (!copy)
+        failed = true;
+    return copy;
+}
+
+} // namespace
+
+uci_delta* newDelta(const Change& change)
+{
+    auto* delta = static_cast<uci_delta*>(calloc(1, sizeof(uci_delta)));
+    if (!delta)
+        return nullptr;
+    bool failed = false;
+    listInit(delta->e.list);
+    delta->e.type = UCI_TYPE_DELTA;
+    delta->e.name = copyText(change.option, failed);
+    delta->change = change.kind;
+    delta->section = copyText(change.section, failed);
+    delta->value = copyText(change.value, failed);
+    if (failed) {
+        freeDelta(delta);
+        return nullptr;
+    }
+    return delta;
+}
+
+void freeDelta(uci_delta* delta)
+{
+    listRemove(delta->e.list);
+    free(delta->e.name);
+    free(delta->section);
+    free(delta->value);
+    free(delta);
+}
+
+void freeDeltas(uci_list& deltas)
+{
+    uci_element *e, *next;
+    uci_foreach_element_safe (&deltas, next, e) {
+        freeDelta(uci_to_delta(e));
+    }
+}
+
+void writeDelta(Text& out, const char* package, const uci_delta* delta)
+{
+    for (const Sign& sign : SIGNS) {
+        if (delta->change == sign.kind)
+            out << sign.sign;
+    }
+    out << package << '.' << delta->section;
+    if (delta->e.name)
+        out << '.' << delta->e.name;
+    if (delta->value)
+        (out << '=').quoted(delta->value);
+    out << '\n';
+}
+
+void writeCommitMark(Text& out, uint64_t digest)
+{
+    char text[MARK_DIGITS + 1];
+    snprintf(text, sizeof(text), "%016" PRIx64, digest);
+    out << MARK << text << '\n';
+}
+
+uint64_t digestOf(std::string_view text)
+{
+    uint64_t digest = 0xcbf29ce484222325;
+    for (const char c : text)
+        digest = (digest ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    return digest;
+}
+
+ChangeFile::ChangeFile()
+{
+    listInit(deltas);
+}
+
+ChangeFile::~ChangeFile()
+{
+    freeDeltas(deltas);
+}
+
+int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
+{
+    const std::string_view view(text.data(), text.size());
+    size_t torn = view.npos; // where a line begins that does not end, unless a good one comes later
+    size_t end = 0;
+    for (size_t at = 0; at < view.size(); at = end) {
+        end = lineEnd(view, at);
+        if (end == view.npos) {
+            // A quote is not closed, or the line feed is missing: the writer died in the middle, and even the part that
+            // is there may mean something else than the whole would have. Or it is garbage, and good lines follow.
+            if (torn == view.npos)
+                torn = at;
+            end = view.find('\n', at);
+            end = end == view.npos ? view.size() : end + 1;
+            continue;
+        }
+        if (isMark(view.substr(at, end - at), digest)) {
+            freeDeltas(deltas);
+            committedPart = true;
+            continue;
+        }
+        char* word = onlyWord(text.subspan(at, end - at));
+        const char* owner = nullptr;
+        Change change{};
+        if (!word || !parseChange(word, owner, change))
+            continue;
+        torn = view.npos;
+        if (strcmp(owner, package) != 0)
+            continue;
+        uci_delta* delta = newDelta(change);
+        if (!delta)
+            return UCI_ERR_MEM;
+        listInsertBefore(deltas, delta->e.list);
+    }
+    wholeSize = torn == view.npos ? view.size() : torn;
+    return UCI_OK;
+}
+
+int ChangeFile::apply(uci_package* p, unsigned& applied)
+{
+    const bool keep = (p->ctx->flags & UCI_FLAG_SAVED_DELTA) != 0;
+    uci_element *e, *next;
+    uci_foreach_element_safe (&deltas, next, e) {
+        const uci_delta* delta = uci_to_delta(e);
+        const int code = applyChange(p, {delta->change, delta->section, e->name, delta->value});
+        if (code == UCI_ERR_MEM)
+            return code;
+        if (code == UCI_OK)
+            ++applied;
+        if (keep) {
+            listRemove(e->list);
+            listInsertBefore(p->saved_delta, e->list);
+        }
+    }
+    return UCI_OK;
+}
+
+} // namespace ucilib

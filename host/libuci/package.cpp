@@ -1,0 +1,180 @@
+/// Loading, unloading and saving packages.
+///
+/// Locks: a reader holds a shared lock on the configuration file, and one on each change file while it reads it; so it
+/// never sees a configuration file and change files of different times. A saver locks the change file alone.
+#include "file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace ucilib {
+
+OwnedText joinPath(const char* dir, const char* name)
+{
+    char* path = nullptr;
+    return OwnedText(asprintf(&path, "%s/%s", dir, name) < 0 ? nullptr : path);
+}
+
+namespace {
+
+// Applies one directory's saved changes. A file that cannot be read is as good as none.
+int applyChangesFrom(const char* dir, uci_package* p, uint64_t digest, unsigned& applied)
+{
+    const OwnedText path = joinPath(dir, p->e.name);
+    if (!path)
+        return UCI_ERR_MEM;
+    Fd fd;
+    if (openLocked(fd, path.get(), O_RDONLY, 0, LOCK_SH) != UCI_OK)
+        return UCI_OK;
+    Text text;
+    int code = readAll(fd.get(), text);
+    if (code != UCI_OK)
+        return code == UCI_ERR_MEM ? code : int(UCI_OK);
+    ChangeFile changes;
+    code = changes.read(text.bytes(), p->e.name, digest);
+    return code == UCI_OK ? changes.apply(p, applied) : code;
+}
+
+int load(uci_context* ctx, const char* name, OwnedPackage& fresh)
+{
+    OwnedText path = ctx->conf2dir ? joinPath(ctx->conf2dir, name) : nullptr;
+    const bool overridden = path && isRegularFile(path.get());
+    if (!overridden)
+        path = joinPath(ctx->confdir, name);
+    if (!path)
+        return UCI_ERR_MEM;
+
+    Fd fd;
+    int code = openLocked(fd, path.get(), O_RDONLY, 0, LOCK_SH);
+    Text text;
+    if (code == UCI_OK)
+        code = readAll(fd.get(), text);
+    if (code != UCI_OK)
+        return code;
+    const uint64_t digest = digestOf(text.view());
+    unsigned applied = 0;
+    code = buildPackage(ctx, name, path.get(), text.bytes(), digest, fresh, applied);
+    if (code != UCI_OK)
+        return code;
+    fresh->uses_conf2 = overridden;
+    return applyChangesFrom(ctx->savedir, fresh.get(), digest, applied);
+}
+
+mode_t modeOf(const char* path, mode_t otherwise)
+{
+    struct stat info;
+    return stat(path, &info) == 0 ? info.st_mode & 07777 : otherwise;
+}
+
+bool makeSaveDirectory(const char* savedir, const char* configFile)
+{
+    struct stat info;
+    if (stat(savedir, &info) == 0)
+        return true;
+    const OwnedText configDir = directoryOf(configFile);
+    return configDir && (mkdir(savedir, modeOf(configDir.get(), 0700)) == 0 || errno == EEXIST);
+}
+
+// Puts lines behind the whole lines of a change file, or leaves these as they were.
+int appendChanges(int fd, const uci_package* p, std::string_view lines)
+{
+    Text old;
+    int code = readAll(fd, old);
+    if (code != UCI_OK)
+        return code;
+    ChangeFile changes;
+    code = changes.read(old.bytes(), p->e.name, 0);
+    if (code != UCI_OK)
+        return code;
+    const auto size = static_cast<off_t>(changes.wholeSize);
+    // What a writer that died left of a line would swallow ours.
+    if (changes.wholeSize < old.view().size() && ftruncate(fd, size) != 0)
+        return UCI_ERR_IO;
+    if (writeAll(fd, lines))
+        return UCI_OK;
+    (void)!ftruncate(fd, size); // else the next saver removes what we wrote of a line
+    return UCI_ERR_IO;
+}
+
+int save(uci_context* ctx, uci_package* p)
+{
+    Text lines;
+    uci_element* e;
+    uci_foreach_element (&p->delta, e) {
+        writeDelta(lines, p->e.name, uci_to_delta(e));
+    }
+    const OwnedText path = joinPath(ctx->savedir, p->e.name);
+    if (lines.failed() || !path)
+        return UCI_ERR_MEM;
+    if (!makeSaveDirectory(ctx->savedir, p->path))
+        return UCI_ERR_IO;
+    Fd fd;
+    if (openLocked(fd, path.get(), O_RDWR | O_APPEND | O_CREAT, modeOf(p->path, 0600), LOCK_EX) != UCI_OK)
+        return UCI_ERR_IO;
+    return appendChanges(fd.get(), p, lines.view());
+}
+
+} // namespace
+
+int buildPackage(uci_context* ctx, const char* name, const char* path, std::span<char> text, uint64_t digest,
+                 OwnedPackage& fresh, unsigned& applied)
+{
+    fresh.reset(newPackage(ctx, name, path));
+    if (!fresh)
+        return UCI_ERR_MEM;
+    int code = parsePackage(ctx, fresh.get(), text);
+    uci_element* dir;
+    uci_foreach_element (&ctx->delta_path, dir) {
+        if (code == UCI_OK && strcmp(dir->name, ctx->savedir) != 0)
+            code = applyChangesFrom(dir->name, fresh.get(), digest, applied);
+    }
+    return code;
+}
+
+} // namespace ucilib
+
+using namespace ucilib;
+
+int uci_load(struct uci_context* ctx, const char* name, struct uci_package** package)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    ctx->parse_reason = nullptr;
+    if (!name || !validPackageName(name))
+        return result(ctx, UCI_ERR_INVAL);
+    if (findElement(ctx->root, name))
+        return result(ctx, UCI_ERR_DUPLICATE);
+    OwnedPackage fresh;
+    const int code = load(ctx, name, fresh);
+    if (code != UCI_OK)
+        return result(ctx, code);
+    listInsertBefore(ctx->root, fresh->e.list);
+    if (package)
+        *package = fresh.get();
+    (void)fresh.release(); // the context's list owns it now
+    return result(ctx, UCI_OK);
+}
+
+int uci_unload(struct uci_context* ctx, struct uci_package* p)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!p)
+        return result(ctx, UCI_ERR_INVAL);
+    listRemove(p->e.list);
+    freePackage(p);
+    return result(ctx, UCI_OK);
+}
+
+int uci_save(struct uci_context* ctx, struct uci_package* p)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!p)
+        return result(ctx, UCI_ERR_INVAL);
+    const int code = uci_list_empty(&p->delta) ? int(UCI_OK) : save(ctx, p);
+    if (code == UCI_OK)
+        freeDeltas(p->delta);
+    return result(ctx, code);
+}

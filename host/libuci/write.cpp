@@ -1,0 +1,64 @@
+/// From a package to its file's text.
+#include "internal.h"
+
+using namespace ucilib;
+
+namespace {
+
+void writeOption(Text& out, const uci_option* o)
+{
+    if (o->type == UCI_TYPE_STRING) {
+        (out << "\toption " << o->e.name << ' ').quoted(o->v.string) << '\n';
+        return;
+    }
+    uci_element* item;
+    uci_foreach_element (&o->v.list, item) {
+        (out << "\tlist " << o->e.name << ' ').quoted(item->name) << '\n';
+    }
+}
+
+void writeSection(Text& out, const uci_section* s, bool generatedNames)
+{
+    out << "\nconfig " << s->type;
+    if (!s->anonymous || generatedNames)
+        (out << ' ').quoted(s->e.name);
+    out << '\n';
+    uci_element* e;
+    uci_foreach_element (&s->options, e) {
+        writeOption(out, uci_to_option(e));
+    }
+}
+
+} // namespace
+
+void ucilib::writePackage(Text& out, const uci_package* p, bool generatedNames)
+{
+    uci_element* e;
+    uci_foreach_element (&p->sections, e) {
+        writeSection(out, uci_to_section(e), generatedNames);
+    }
+    out << '\n';
+}
+
+int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* package, bool header)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!stream)
+        return result(ctx, UCI_ERR_INVAL);
+    Text text;
+    uci_element* e;
+    uci_foreach_element (&ctx->root, e) {
+        uci_package* p = uci_to_package(e);
+        if (package && p != package)
+            continue;
+        if (header)
+            text << "package " << p->e.name << '\n';
+        writePackage(text, p, (ctx->flags & UCI_FLAG_EXPORT_NAME) != 0);
+    }
+    if (text.failed())
+        return result(ctx, UCI_ERR_MEM);
+    const std::string_view all = text.view();
+    const bool written = fwrite(all.data(), 1, all.size(), stream) == all.size();
+    return result(ctx, written ? UCI_OK : UCI_ERR_IO);
+}
