@@ -1,0 +1,226 @@
+#include "ubox.h"
+#include "uloop_parts.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <span>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+bool uloop_cancelled;
+
+namespace {
+
+constexpr int MAX_FETCHED = 10;
+
+// Guards creation and closing; the descriptor itself is read without it.
+pthread_mutex_t initLock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<int> epollFd{-1};
+
+class InitGuard {
+public:
+    InitGuard()
+    {
+        pthread_mutex_lock(&initLock);
+    }
+    ~InitGuard()
+    {
+        pthread_mutex_unlock(&initLock);
+    }
+    InitGuard(const InitGuard&) = delete;
+    InitGuard& operator=(const InitGuard&) = delete;
+};
+
+// Events that were fetched and not yet worked off, from `next` to `count`; one whose descriptor has been deleted since
+// has a null pointer. Only the loop's thread uses them.
+struct {
+    std::array<epoll_event, MAX_FETCHED> events;
+    int next;
+    int count;
+} fetched;
+
+// What the wake-up descriptor's events point to; it has no callback.
+uloop_fd wakeupMark;
+
+void setCancelled(bool cancelled)
+{
+    std::atomic_ref(uloop_cancelled).store(cancelled);
+}
+
+bool isCancelled()
+{
+    return std::atomic_ref(uloop_cancelled).load();
+}
+
+int createEpoll()
+{
+    int created = epoll_create1(EPOLL_CLOEXEC);
+    if (created < 0)
+        return -1;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.ptr = &wakeupMark;
+    int wakeup = wakeupOpen();
+    if (wakeup < 0 || epoll_ctl(created, EPOLL_CTL_ADD, wakeup, &event) < 0) {
+        wakeupClose();
+        close(created);
+        return -1;
+    }
+    return created;
+}
+
+void dropFetched(const uloop_fd* fd)
+{
+    for (epoll_event& event : std::span(fetched.events).first(static_cast<size_t>(fetched.count))) {
+        if (event.data.ptr == fd)
+            event.data.ptr = nullptr;
+    }
+}
+
+void dispatch(uloop_fd* fd, uint32_t arrived)
+{
+    unsigned events = 0;
+
+    if (arrived & (EPOLLIN | EPOLLRDHUP))
+        events |= ULOOP_READ;
+    if (arrived & EPOLLOUT)
+        events |= ULOOP_WRITE;
+    if (arrived & EPOLLRDHUP)
+        fd->eof = true;
+    if (arrived & (EPOLLERR | EPOLLHUP)) {
+        events |= ULOOP_READ;
+        fd->eof = true;
+        fd->error = true;
+        if (!(fd->flags & ULOOP_ERROR_CB))
+            uloop_fd_delete(fd);
+    }
+    if (fd->cb)
+        fd->cb(fd, events); // which may free the record
+}
+
+// Takes the next fetched event whose descriptor has not been deleted since; false when there is none.
+bool takeFetched(epoll_event& event)
+{
+    while (fetched.next < fetched.count) {
+        event = fetched.events[static_cast<size_t>(fetched.next++)];
+        if (event.data.ptr)
+            return true;
+    }
+    return false;
+}
+
+bool fetch(int waitMs)
+{
+    fetched.next = 0;
+    fetched.count = 0;
+    int count = epoll_wait(epollFd.load(), fetched.events.data(), MAX_FETCHED, waitMs);
+    if (count < 0)
+        return errno == EINTR;
+    fetched.count = count;
+    return true;
+}
+
+// Works off one event, and waits for it if none is left over. False when there is nothing to wait with.
+bool runOneEvent(int waitMs)
+{
+    epoll_event event{};
+    if (!takeFetched(event)) {
+        if (!fetch(waitMs))
+            return false;
+        if (!takeFetched(event))
+            return true;
+    }
+    auto* fd = static_cast<uloop_fd*>(event.data.ptr);
+    if (fd == &wakeupMark)
+        wakeupClear();
+    else
+        dispatch(fd, event.events);
+    return true;
+}
+
+} // namespace
+
+int uloop_init()
+{
+    InitGuard hold;
+    if (epollFd.load() >= 0)
+        return 0;
+    int created = createEpoll();
+    if (created < 0)
+        return -1;
+    signalsInstall();
+    epollFd.store(created);
+    return 0;
+}
+
+void uloop_done()
+{
+    InitGuard hold;
+    int fd = epollFd.exchange(-1);
+    if (fd >= 0) {
+        signalsRestore();
+        close(fd);
+        wakeupClose();
+    }
+    fetched.next = 0;
+    fetched.count = 0;
+    timeoutsCancelAll();
+}
+
+void uloop_end()
+{
+    setCancelled(true);
+    wakeupSend();
+}
+
+int uloop_run_timeout(int ms)
+{
+    setCancelled(false);
+    signalsForget();
+    wakeupClear(); // of what was asked before; signals since then have left their marks
+    do {
+        timeoutsRunDue();
+        signalsReap();
+        if (isCancelled() || !runOneEvent(timeoutsWait(ms)))
+            break;
+    } while (ms < 0 && !isCancelled());
+    return signalsEnding();
+}
+
+int uloop_fd_add(uloop_fd* fd, unsigned int flags)
+{
+    if (!(flags & (ULOOP_READ | ULOOP_WRITE)))
+        return uloop_fd_delete(fd);
+
+    epoll_event event{};
+    if (flags & ULOOP_READ)
+        event.events |= EPOLLIN | EPOLLRDHUP;
+    if (flags & ULOOP_WRITE)
+        event.events |= EPOLLOUT;
+    if (flags & ULOOP_EDGE_TRIGGER)
+        event.events |= EPOLLET;
+    event.data.ptr = fd;
+    if (epoll_ctl(epollFd.load(), fd->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd->fd, &event) < 0)
+        return -1;
+    if (!fd->registered && !(flags & ULOOP_BLOCKING))
+        fcntl(fd->fd, F_SETFL, fcntl(fd->fd, F_GETFL) | O_NONBLOCK);
+    fd->registered = true;
+    fd->flags = static_cast<uint8_t>(flags);
+    fd->eof = false;
+    fd->error = false;
+    return 0;
+}
+
+int uloop_fd_delete(uloop_fd* fd)
+{
+    if (!fd->registered)
+        return 0;
+    dropFetched(fd);
+    fd->registered = false;
+    fd->flags = 0;
+    return epoll_ctl(epollFd.load(), EPOLL_CTL_DEL, fd->fd, nullptr);
+}

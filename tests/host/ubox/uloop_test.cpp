@@ -1,0 +1,378 @@
+#include <csignal>
+#include <functional>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ubox_test.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// A timeout whose callback is a lambda.
+struct Timeout : uloop_timeout {
+    explicit Timeout(std::function<void()> action) : uloop_timeout{}, run(std::move(action))
+    {
+        cb = [](uloop_timeout* self) { static_cast<Timeout*>(self)->run(); };
+    }
+    ~Timeout()
+    {
+        uloop_timeout_cancel(this);
+    }
+    std::function<void()> run;
+};
+
+struct SocketPair {
+    SocketPair()
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    }
+    ~SocketPair()
+    {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    void closeEnd(int end)
+    {
+        if (fds[end] >= 0)
+            close(fds[end]);
+        fds[end] = -1;
+    }
+    int fds[2];
+};
+
+// One end of a socket pair in the loop; the other end is the test's.
+struct Watched : uloop_fd {
+    explicit Watched(std::function<void(unsigned)> action) : uloop_fd{}, run(std::move(action))
+    {
+        fd = pair.fds[0];
+        cb = [](uloop_fd* self, unsigned events) { static_cast<Watched*>(self)->run(events); };
+    }
+    ~Watched()
+    {
+        uloop_fd_delete(this);
+    }
+    void send()
+    {
+        EXPECT_EQ(write(pair.fds[1], "x", 1), 1);
+    }
+    SocketPair pair;
+    std::function<void(unsigned)> run;
+};
+
+class Uloop : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(uloop_init(), 0);
+    }
+    void TearDown() override
+    {
+        uloop_done();
+    }
+    static void pass()
+    {
+        EXPECT_EQ(uloop_run_timeout(0), 0);
+    }
+};
+
+std::chrono::microseconds processorTime()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto total = [](const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    };
+    return total(usage.ru_utime) + total(usage.ru_stime);
+}
+
+sighandler_t dispositionOf(int number)
+{
+    struct sigaction current {};
+    sigaction(number, nullptr, &current);
+    return current.sa_handler;
+}
+
+} // namespace
+
+TEST_F(Uloop, TimeoutsRunInOrderOfTimeThenOfArming)
+{
+    std::string order;
+    Timeout again([&] { order += "z"; });
+    Timeout a([&] { order += "a"; });
+    Timeout b([&] {
+        EXPECT_FALSE(b.pending);
+        order += "b";
+        uloop_timeout_set(&again, 0);
+    });
+    Timeout c([&] { order += "c"; });
+    Timeout last([&] {
+        order += "e";
+        uloop_end();
+    });
+    uloop_timeout_set(&last, 30);
+    uloop_timeout_set(&c, 15);
+    uloop_timeout_set(&b, -5);
+    a.time = b.time; // armed later for the same instant
+    EXPECT_EQ(uloop_timeout_add(&a), 0);
+    EXPECT_EQ(uloop_timeout_add(&a), -1);
+    auto start = steady_clock::now();
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(order, "bazce");
+    EXPECT_GE(steady_clock::now() - start, milliseconds(29));
+}
+
+TEST_F(Uloop, TimeoutsAreRearmedAndCancelled)
+{
+    int runs = 0;
+    Timeout timeout([&] { ++runs; });
+    EXPECT_EQ(uloop_timeout_remaining64(&timeout), -1);
+    EXPECT_EQ(uloop_timeout_cancel(&timeout), -1);
+    uloop_timeout_set(&timeout, 0);
+    uloop_timeout_set(&timeout, 10000);
+    EXPECT_GT(uloop_timeout_remaining64(&timeout), 9000);
+    pass();
+    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(uloop_timeout_cancel(&timeout), 0);
+    uloop_timeout_set(&timeout, -10);
+    EXPECT_LE(uloop_timeout_remaining64(&timeout), -9);
+    pass();
+    EXPECT_EQ(runs, 1);
+    EXPECT_FALSE(timeout.pending);
+}
+
+TEST_F(Uloop, ATimeoutThatAlwaysArmsItselfForNowLeavesRoomForDescriptors)
+{
+    Timeout restless([&] { uloop_timeout_set(&restless, 0); });
+    Watched socket([&](unsigned) { uloop_end(); });
+    uloop_fd_add(&socket, ULOOP_READ);
+    uloop_timeout_set(&restless, 0);
+    socket.send();
+    EXPECT_EQ(uloop_run(), 0);
+}
+
+TEST_F(Uloop, APassRunsOneDescriptorCallback)
+{
+    int calls = 0;
+    auto count = [&](unsigned events) {
+        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+        ++calls;
+    };
+    Watched one(count), two(count);
+    uloop_fd_add(&one, ULOOP_READ);
+    uloop_fd_add(&two, ULOOP_READ);
+    pass();
+    EXPECT_EQ(calls, 0);
+    one.send();
+    two.send();
+    pass();
+    EXPECT_EQ(calls, 1);
+    pass();
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Uloop, DeletingADescriptorDropsItsFetchedEvents)
+{
+    int calls = 0;
+    Watched *first = nullptr, *second = nullptr;
+    auto deleteOther = [&](Watched** other) {
+        return [&calls, other](unsigned) {
+            ++calls;
+            EXPECT_EQ(uloop_fd_delete(*other), 0);
+        };
+    };
+    Watched one(deleteOther(&second)), two(deleteOther(&first));
+    first = &one;
+    second = &two;
+    for (Watched* socket : {first, second}) {
+        EXPECT_EQ(uloop_fd_add(socket, ULOOP_READ), 0);
+        socket->send();
+    }
+    pass();
+    pass();
+    EXPECT_EQ(calls, 2); // the same one twice
+    EXPECT_NE(one.registered, two.registered);
+}
+
+TEST_F(Uloop, HalfCloseIsReportedUntilTheDescriptorIsDeleted)
+{
+    int calls = 0;
+    Watched socket([&](unsigned events) {
+        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+        EXPECT_TRUE(socket.eof);
+        EXPECT_FALSE(socket.error);
+        EXPECT_TRUE(socket.registered);
+        ++calls;
+    });
+    uloop_fd_add(&socket, ULOOP_READ);
+    shutdown(socket.pair.fds[1], SHUT_WR);
+    pass();
+    pass();
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(uloop_fd_add(&socket, ULOOP_READ), 0);
+    EXPECT_FALSE(socket.eof);
+    EXPECT_EQ(uloop_fd_add(&socket, ULOOP_BLOCKING), 0); // neither direction: deleted
+    EXPECT_FALSE(socket.registered);
+    pass();
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Uloop, FullCloseDeregistersBeforeItsOnlyCallback)
+{
+    int calls = 0;
+    Watched socket([&](unsigned events) {
+        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+        EXPECT_TRUE(socket.eof);
+        EXPECT_TRUE(socket.error);
+        EXPECT_FALSE(socket.registered);
+        EXPECT_EQ(socket.flags, 0);
+        ++calls;
+    });
+    uloop_fd_add(&socket, ULOOP_READ);
+    socket.pair.closeEnd(1);
+    pass();
+    pass();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(Uloop, FullCloseLeavesADescriptorWithErrorCallbackRegistered)
+{
+    int calls = 0;
+    Watched socket([&](unsigned) { ++calls; });
+    uloop_fd_add(&socket, ULOOP_READ | ULOOP_ERROR_CB);
+    socket.pair.closeEnd(1);
+    pass();
+    pass();
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(socket.error);
+    EXPECT_TRUE(socket.registered);
+}
+
+TEST_F(Uloop, FlagsChooseDirectionAndBlockingMode)
+{
+    unsigned seen = 0;
+    Watched socket([&](unsigned events) { seen = events; });
+    uloop_fd_add(&socket, ULOOP_READ | ULOOP_BLOCKING);
+    EXPECT_FALSE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
+    uloop_fd_add(&socket, ULOOP_WRITE); // a change leaves the mode alone
+    EXPECT_FALSE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
+    pass();
+    EXPECT_EQ(seen, static_cast<unsigned>(ULOOP_WRITE));
+    uloop_fd_delete(&socket);
+    uloop_fd_add(&socket, ULOOP_READ);
+    EXPECT_TRUE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
+}
+
+TEST_F(Uloop, RefusesWhatItCannotWaitFor)
+{
+    uloop_fd record{};
+    record.fd = -1;
+    EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
+    record.fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
+    EXPECT_FALSE(record.registered);
+    close(record.fd);
+    EXPECT_EQ(uloop_fd_delete(&record), 0);
+
+    Watched socket([](unsigned) {});
+    uloop_fd_add(&socket, ULOOP_READ);
+    socket.pair.closeEnd(0);
+    EXPECT_EQ(uloop_fd_delete(&socket), -1);
+}
+
+TEST_F(Uloop, AnotherThreadWakesAndEndsASleepingLoop)
+{
+    uloop_end(); // asked for before the start: forgotten
+    auto start = steady_clock::now();
+    auto before = processorTime();
+    std::thread other([] {
+        std::this_thread::sleep_for(milliseconds(100));
+        uloop_end();
+    });
+    EXPECT_EQ(uloop_run(), 0);
+    auto passed = steady_clock::now() - start;
+    other.join();
+    EXPECT_GE(passed, milliseconds(100));
+    EXPECT_LT(passed, std::chrono::seconds(5));
+    EXPECT_LT(processorTime() - before, milliseconds(80)); // asleep, not spinning
+}
+
+TEST_F(Uloop, EndMayRaceWithDone)
+{
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        while (!stop)
+            uloop_end();
+    });
+    for (int round = 0; round < 200; ++round) {
+        uloop_done();
+        SocketPair pair; // takes the numbers just closed
+        uloop_init();
+        char byte = 0;
+        EXPECT_EQ(recv(pair.fds[0], &byte, 1, MSG_DONTWAIT), -1);
+        EXPECT_EQ(recv(pair.fds[1], &byte, 1, MSG_DONTWAIT), -1);
+    }
+    stop = true;
+    other.join();
+}
+
+TEST(UloopSignals, TerminateEndsTheLoopAndDispositionsComeBack)
+{
+    auto own = [](int) {};
+    auto before = signal(SIGINT, own);
+    ASSERT_EQ(uloop_init(), 0);
+    EXPECT_EQ(dispositionOf(SIGINT), static_cast<sighandler_t>(own)); // not the default, so left alone
+    EXPECT_NE(dispositionOf(SIGTERM), SIG_DFL);
+    Timeout timeout([] { kill(getpid(), SIGTERM); });
+    uloop_timeout_set(&timeout, 10);
+    EXPECT_EQ(uloop_run(), SIGTERM);
+    EXPECT_TRUE(uloop_cancelled);
+    uloop_done();
+    uloop_done();
+    EXPECT_EQ(dispositionOf(SIGTERM), SIG_DFL);
+    EXPECT_EQ(dispositionOf(SIGCHLD), SIG_DFL);
+    EXPECT_EQ(dispositionOf(SIGPIPE), SIG_IGN);
+    signal(SIGINT, before);
+}
+
+TEST(UloopSignals, ReapsEveryChildUnlessToldNotTo)
+{
+    for (bool reap : {true, false}) {
+        uloop_handle_sigchld = reap;
+        ASSERT_EQ(uloop_init(), 0);
+        pid_t child = fork();
+        if (child == 0)
+            _exit(0);
+        siginfo_t ended{};
+        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+        uloop_run_timeout(0);
+        EXPECT_EQ(waitpid(child, nullptr, WNOHANG), reap ? -1 : child);
+        uloop_done();
+    }
+    uloop_handle_sigchld = true;
+}
+
+TEST(UloopInit, SeveralThreadsMakeOneLoop)
+{
+    int lowest = dup(0);
+    close(lowest);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([] { EXPECT_EQ(uloop_init(), 0); });
+    for (std::thread& thread : threads)
+        thread.join();
+    int next = dup(0);
+    close(next);
+    EXPECT_EQ(next, lowest + 2); // the epoll instance and the wake-up descriptor
+    uloop_done();
+    int after = dup(0);
+    close(after);
+    EXPECT_EQ(after, lowest);
+}
