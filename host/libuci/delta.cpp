@@ -33,7 +33,10 @@ bool isMark(std::string_view line, uint64_t digest)
 {
     char text[MARK_DIGITS + 1];
     snprintf(text, sizeof(text), "%016" PRIx64, digest);
-    return line.starts_with(MARK) && line.substr(MARK.size()).starts_with(text);
+    if (!line.starts_with(MARK))
+        return false;
+    line.remove_prefix(MARK.size());
+    return line.starts_with(text);
 }
 
 // Splits a word like `+p.section.option=value` in place; false when it is no change. `package` tells whose it is.
@@ -180,7 +183,7 @@ int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
             end = end == view.npos ? view.size() : end + 1;
             continue;
         }
-        if (isMark(view.substr(at, end - at), digest)) {
+        if (isMark(slice(view, at, end), digest)) {
             freeDeltas(deltas);
             committedPart = true;
             continue;

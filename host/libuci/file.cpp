@@ -21,7 +21,8 @@ void Fd::reset(int fd)
 
 namespace {
 
-constexpr char TEMP_SUFFIX[] = ".uci-XXXXXX";
+constexpr std::string_view TEMP_SUFFIX = ".uci-";
+constexpr std::string_view TEMP_PATTERN = "XXXXXX"; // filled in by mkstemp
 
 bool lockFile(int fd, int lock)
 {
@@ -118,11 +119,11 @@ Replacement::~Replacement()
 void Replacement::removeLeftovers(const char* dir) const
 {
     Text prefix;
-    prefix << '.' << package_ << std::string_view(TEMP_SUFFIX).substr(0, sizeof(".uci-") - 1);
+    prefix << '.' << package_ << TEMP_SUFFIX;
     DIR* listing = opendir(dir);
     while (const dirent* entry = listing ? readdir(listing) : nullptr) {
         const std::string_view name = entry->d_name;
-        if (!name.starts_with(prefix.view()) || name.size() != prefix.view().size() + sizeof("XXXXXX") - 1)
+        if (!name.starts_with(prefix.view()) || name.size() != prefix.view().size() + TEMP_PATTERN.size())
             continue;
         const OwnedText path = joinPath(dir, entry->d_name);
         if (!path)
@@ -143,7 +144,7 @@ int Replacement::prepare(std::string_view text, const struct stat& old)
     removeLeftovers(dir.get());
 
     Text name;
-    name << '.' << package_ << TEMP_SUFFIX;
+    name << '.' << package_ << TEMP_SUFFIX << TEMP_PATTERN;
     OwnedText path = name.failed() ? nullptr : joinPath(dir.get(), name.view().data());
     if (!path)
         return UCI_ERR_MEM;

@@ -23,6 +23,12 @@ struct FreeDeleter {
 };
 using OwnedText = std::unique_ptr<char, FreeDeleter>;
 
+/// text[from, to), unchecked: the checked substr wants the C++ runtime library.
+inline std::string_view slice(std::string_view text, size_t from, size_t to)
+{
+    return {text.data() + from, to - from};
+}
+
 /// Leaves a public call's result in the context and returns it.
 inline int result(uci_context* ctx, int code)
 {

@@ -163,7 +163,7 @@ bool refuseNul(uci_context* ctx, std::string_view text)
     const size_t nul = text.find('\0');
     if (nul == text.npos)
         return false;
-    const std::string_view before = text.substr(0, nul);
+    const std::string_view before = slice(text, 0, nul);
     const size_t lineStart = before.rfind('\n') + 1; // npos + 1 is 0
     ctx->parse_reason = "NUL byte";
     ctx->parse_line = 1 + static_cast<int>(std::count(before.begin(), before.end(), '\n'));

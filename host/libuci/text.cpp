@@ -51,7 +51,7 @@ Text& Text::quoted(std::string_view more)
 {
     *this << '\'';
     for (size_t quote = more.find('\''); quote != more.npos; quote = more.find('\'')) {
-        *this << more.substr(0, quote) << "'\\''";
+        *this << slice(more, 0, quote) << "'\\''";
         more.remove_prefix(quote + 1);
     }
     return *this << more << '\'';
