@@ -1,0 +1,140 @@
+// Writing: every call changes the loaded package only; cfg_uci_commit makes it durable.
+
+#include "config/uci_internal.h"
+
+#include <inttypes.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+namespace {
+
+enum class Lookup { Any, CompleteOnly };
+
+/// Resolves a key that was built by the caller and applies `change` to what it names.
+/// With CompleteOnly, a key that names nothing is no failure and changes nothing.
+int32_t apply(int32_t id, char* key, int (*change)(uci_context*, uci_ptr*), Lookup lookup)
+    REQUIRES(gContext.config.ConfigStoreLock)
+{
+    if (!loadedPackage(id))
+        return CFG_UCI_FAILED;
+    uci_context* context = gContext.config.uciContext;
+    uci_ptr ptr{};
+    const bool resolved = uci_lookup_ptr(context, &ptr, key, true) == UCI_OK;
+    if (lookup == Lookup::CompleteOnly && (!resolved || (ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) == 0))
+        return 0;
+    if (!resolved || change(context, &ptr) != UCI_OK)
+        return CFG_UCI_FAILED;
+    return 0;
+}
+
+/// "package.section.option=value"; a key past the buffer's end is cut there.
+int32_t changeOption(int32_t id, const char* section, const char* option, const char* value,
+                     int (*change)(uci_context*, uci_ptr*))
+{
+    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
+    if (!loadedPackage(id) || !section || !option || !value)
+        return CFG_UCI_FAILED;
+    char key[UCI_KEY_SIZE];
+    (void)snprintf(key, sizeof(key), "%s.%s.%s=%s", gContext.config.uciPackages[id].name, section, option, value);
+    return apply(id, key, change, Lookup::Any);
+}
+
+/// "package.section=value"
+int32_t changeSection(int32_t id, const char* section, const char* value, int (*change)(uci_context*, uci_ptr*),
+                      Lookup lookup)
+{
+    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
+    if (!loadedPackage(id) || !section || !value)
+        return CFG_UCI_FAILED;
+    char key[UCI_KEY_SIZE];
+    (void)snprintf(key, sizeof(key), "%s.%s=%s", gContext.config.uciPackages[id].name, section, value);
+    return apply(id, key, change, lookup);
+}
+
+/// Sets an option to a formatted number: the longest is a 64-bit integer or a float with six decimals.
+__attribute__((format(printf, 4, 5))) int32_t setFormatted(int32_t id, const char* section, const char* option,
+                                                           const char* format, ...)
+{
+    char text[64];
+    va_list args;
+    va_start(args, format);
+    (void)vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    return cfg_uci_set_string_value(id, section, option, text);
+}
+
+size_t listLength(const uci_option* option)
+{
+    size_t length = 0;
+    uci_element* element = nullptr;
+    if (option->type == UCI_TYPE_LIST) {
+        uci_foreach_element (&option->v.list, element) {
+            ++length;
+        }
+    }
+    return length;
+}
+
+} // namespace
+
+int32_t cfg_uci_set_string_value(int32_t id, const char* section, const char* option, const char* text)
+{
+    return changeOption(id, section, option, text, uci_set);
+}
+
+int32_t cfg_uci_set_int_value(int32_t id, const char* section, const char* option, int32_t value)
+{
+    return setFormatted(id, section, option, "%" PRId32, value);
+}
+
+int32_t cfg_uci_set_long_long_value(int32_t id, const char* section, const char* option, int64_t value)
+{
+    return setFormatted(id, section, option, "%" PRId64, value);
+}
+
+int32_t cfg_uci_set_float_value(int32_t id, const char* section, const char* option, float value)
+{
+    return setFormatted(id, section, option, "%.6f", static_cast<double>(value));
+}
+
+int32_t cfg_uci_set_section(int32_t id, const char* section, const char* type)
+{
+    return changeSection(id, section, type, uci_set, Lookup::Any);
+}
+
+int32_t cfg_uci_delete(int32_t id, const char* section, const char* type)
+{
+    return changeSection(id, section, type, uci_delete, Lookup::CompleteOnly);
+}
+
+int32_t cfg_uci_add_list(int32_t id, const char* section, const char* option, const char* value)
+{
+    return changeOption(id, section, option, value, uci_add_list);
+}
+
+int32_t cfg_uci_del_list(int32_t id, const char* section, const char* option, const char* value)
+{
+    return changeOption(id, section, option, value, uci_del_list);
+}
+
+int32_t cfg_uci_clear_list(int32_t id, const char* section, const char* option)
+{
+    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
+    // From the front each time: removing a value removes its equals too, so no element outlives a removal safely.
+    const uci_option* found = cfg_uci_get_option(id, section, option);
+    if (!found)
+        return CFG_UCI_FAILED;
+    size_t left = listLength(found);
+    while (left > 0) {
+        const uci_list* first = found->v.list.next;
+        const char* value = container_of(first, uci_element, list)->name;
+        if (cfg_uci_del_list(id, section, option, value) != 0)
+            return CFG_UCI_FAILED;
+        found = cfg_uci_get_option(id, section, option);
+        const size_t now = found ? listLength(found) : 0;
+        if (now >= left)
+            return CFG_UCI_FAILED; // a value past the key buffer's end matches nothing
+        left = now;
+    }
+    return 0;
+}

@@ -1,0 +1,142 @@
+// The daemon's whole state: one static record, a struct for each owner.
+//
+// A struct's members are written by its owner alone unless a word here says otherwise. A word that is read without a
+// lock is atomic; words that belong together still change under their lock.
+//
+// Locks, in the order in which they may be taken: a lock may be waited for only while none further down is held.
+//   MotionLock          the step-move state
+//   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never together with
+//   MotionLock ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
+//   BusLock             every call into the bus library; nothing is waited for while it is held
+#pragma once
+
+#include "core/bus_library.h"
+#include "core/mutex.h"
+#include "core/timer.h"
+
+#include <stdint.h>
+
+#include <atomic>
+
+struct uci_context;
+struct uci_package;
+
+enum AxisIndex { PAN = 0, TILT = 1, AXIS_COUNT = 2 };
+
+/// One axis: constants, then what motorInit learns. Nothing of it changes once the worker threads run.
+struct MotorAxis {
+    char device_path[16];
+    char section[32];   // of package ptzd
+    int32_t home_coord; // coordinate units
+    int32_t fd;         // 0 while not open
+    int32_t range;      // coordinate units over the whole travel
+    int32_t max_speed;
+    int32_t total_steps; // motor steps over the whole travel
+};
+
+/// What a calibration run does with one axis.
+struct CalibrationTarget {
+    int32_t fd;
+    int32_t returnSteps; // absolute position to finish at
+    int32_t totalSteps;
+};
+
+enum MotionOrigin : int32_t {
+    ORIGIN_USER = 0,
+    ORIGIN_TRACK = 1,
+    ORIGIN_RETURN = 2,
+    ORIGIN_TOUR = 3,
+};
+
+/// Owner: motor/motion_state. All words but `calibrating` change under MotionStateLock, except where a function says
+/// so.
+struct MotionState {
+    Mutex MotionLock;
+    Mutex MotionStateLock;
+    std::atomic<int32_t> motion_active{0};       // 1 from a begin step until its idle transition
+    std::atomic<int32_t> motion_origin{0};       // MotionOrigin of the motion, or of the last one
+    std::atomic<int32_t> user_moved_recently{0}; // the tour stays away from the head while set
+    std::atomic<int32_t> track_back_done{1};     // 0 from a tracking motion until its return
+    std::atomic<uint32_t> startsSeen{0};         // see motion_state.cpp
+    std::atomic<int32_t> calibrating{0};         // owner: motor/calibration
+    std::atomic<int32_t> simultaneous{0};
+    int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;
+    int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0;
+    int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0;
+};
+
+/// Owner: motor/position_store.
+struct PositionState {
+    std::atomic<int32_t> power_off_recover{1};
+    std::atomic<uint32_t> saveRequests{0}; // counts the armings of saveStepsTimer
+    std::atomic<bool> savePending{false};  // armed and not saved yet
+};
+
+struct Timers {
+    DaemonTimer saveStepsTimer;
+    DaemonTimer statusPollTimer;
+    DaemonTimer usrMoveStopTimer;
+    DaemonTimer scanMoveStopTimer;
+};
+
+struct PanoramaState {
+    std::atomic<int32_t> panoramaRunning{0};
+};
+
+struct TourState {
+    std::atomic<int32_t> tourCurrentPresetId{0}; // 0 makes a preset tour send the head again
+    std::atomic<int32_t> scanStepDone{1};
+};
+
+struct ImageState {
+    std::atomic<int32_t> imageFlipType{0}; // 0..3, row of FlipSignTable
+};
+
+/// Owner: ubus/. All but notifyBuf belongs to the event loop's thread.
+struct UbusState {
+    Mutex BusLock;
+    ubus_context* gUbusctx = nullptr;
+    blob_buf replyBuf{};
+    blob_buf notifyBuf{}; // used under MotionStateLock
+    int32_t ubusConnectAttempts = 0;
+    uloop_timeout reconnectTimeout{};
+};
+
+struct UciPackage {
+    const char* name;
+    uci_package* handle;
+};
+
+inline constexpr int UCI_PACKAGE_COUNT = 7;
+
+/// Owner: config/uci_store.
+struct ConfigState {
+    RecursiveMutex ConfigStoreLock;
+    uci_context* uciContext GUARDED_BY(ConfigStoreLock) = nullptr;
+    UciPackage uciPackages[UCI_PACKAGE_COUNT] GUARDED_BY(ConfigStoreLock) = {
+        {"ptzd", nullptr},         {"image", nullptr},    {"diagd", nullptr}, {"lens_mask", nullptr},
+        {"target_track", nullptr}, {"ptz_plan", nullptr}, {"tour", nullptr},
+    };
+};
+
+struct DaemonContext {
+    MotorAxis axes[AXIS_COUNT] = {
+        {"/dev/x-motor", "x_motor", 0, 0, 0, 0, 0},
+        {"/dev/y-motor", "y_motor", -6, 0, 0, 0, 0},
+    };
+    Timers timers{};
+    CalibrationTarget* calibrationArg = nullptr; // two, pan first; allocated by PtzdInit, freed by its teardown
+    MotionState motion;
+    PositionState position;
+    PanoramaState panorama;
+    TourState tour;
+    ImageState image;
+    UbusState ubus;
+    ConfigState config;
+};
+
+extern DaemonContext gContext;
+
+/// The lens-mask library's switch, a plain integer there: 1 while the mask is on. Any thread; no lock.
+[[nodiscard]] int32_t lensMaskEnabled();
+void lensMaskSetEnabled(int32_t enabled);

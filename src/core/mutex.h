@@ -1,0 +1,95 @@
+// Annotated mutexes and their guards: clang's -Wthread-safety proves the locking that the annotations state.
+#pragma once
+
+#include <pthread.h>
+
+#if defined(__clang__)
+#define THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define THREAD_ANNOTATION(x)
+#endif
+#define CAPABILITY(name) THREAD_ANNOTATION(capability(name))
+#define SCOPED_CAPABILITY THREAD_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(lock) THREAD_ANNOTATION(guarded_by(lock))
+#define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#define RELEASE(...) THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS THREAD_ANNOTATION(no_thread_safety_analysis)
+
+/// A mutex that is ready without being created. Any thread.
+class CAPABILITY("mutex") Mutex {
+public:
+    constexpr Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    /// Creates the mutex anew with default attributes; nobody may hold it or wait for it.
+    void create()
+    {
+        (void)pthread_mutex_init(&mutex_, nullptr); // cannot fail with default attributes
+    }
+    /// Ends the mutex; nobody may hold it, wait for it or take it afterwards.
+    void destroy()
+    {
+        (void)pthread_mutex_destroy(&mutex_);
+    }
+    void lock() ACQUIRE()
+    {
+        (void)pthread_mutex_lock(&mutex_);
+    }
+    bool tryLock() TRY_ACQUIRE(true)
+    {
+        return pthread_mutex_trylock(&mutex_) == 0;
+    }
+    void unlock() RELEASE()
+    {
+        (void)pthread_mutex_unlock(&mutex_);
+    }
+
+private:
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/// A mutex that its holder may take again. Any thread.
+class CAPABILITY("mutex") RecursiveMutex {
+public:
+    constexpr RecursiveMutex() = default;
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void lock() ACQUIRE()
+    {
+        (void)pthread_mutex_lock(&mutex_);
+    }
+    void unlock() RELEASE()
+    {
+        (void)pthread_mutex_unlock(&mutex_);
+    }
+
+private:
+    pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+};
+
+/// Holds a mutex for the length of a scope.
+template <typename M>
+class SCOPED_CAPABILITY BasicLockGuard {
+public:
+    explicit BasicLockGuard(M& mutex) ACQUIRE(mutex) : mutex_(mutex)
+    {
+        mutex_.lock();
+    }
+    ~BasicLockGuard() RELEASE()
+    {
+        mutex_.unlock();
+    }
+    BasicLockGuard(const BasicLockGuard&) = delete;
+    BasicLockGuard& operator=(const BasicLockGuard&) = delete;
+
+private:
+    M& mutex_;
+};
+
+using LockGuard = BasicLockGuard<Mutex>;
+using RecursiveLockGuard = BasicLockGuard<RecursiveMutex>;

@@ -1,0 +1,111 @@
+#include "core/ptzd_init.h"
+
+#include "config/uci_store.h"
+#include "core/context.h"
+#include "core/log.h"
+#include "core/shutdown.h"
+#include "core/worker.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
+#include "motor/motor_device.h"
+#include "motor/motor_report.h"
+#include "motor/position_store.h"
+#include "ubus/ubus_service.h"
+
+#include <stdlib.h>
+#include <strings.h>
+
+namespace {
+
+constexpr int32_t LENS_MASK_TILT = -61; // coordinate units
+constexpr int32_t WORKER_END_MS = 1500; // what a worker gets before the daemon ends without it
+
+void loadSwitches()
+{
+    const UciTransaction transaction(UCI_PTZD);
+    cfg_uci_pkg_reload(UCI_PTZD);
+    cfg_uci_pkg_reload(UCI_DIAGD);
+    int32_t recover = gContext.position.power_off_recover.load();
+    (void)cfg_uci_get_int_value(UCI_PTZD, "config", "power_off_recover", &recover); // missing: stays on
+    gContext.position.power_off_recover.store(recover);
+
+    char enabled[64] = "";
+    cfg_uci_pkg_reload(UCI_LENS_MASK);
+    (void)cfg_uci_get_string_value(UCI_LENS_MASK, "lens_mask_info", "enabled", enabled, sizeof(enabled));
+    lensMaskSetEnabled(strcasecmp(enabled, "on") == 0 ? 1 : 0);
+}
+
+/// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
+class Teardown {
+public:
+    Teardown() = default;
+    ~Teardown()
+    {
+        for (DaemonTimer* timer : {&gContext.timers.saveStepsTimer, &gContext.timers.statusPollTimer,
+                                   &gContext.timers.usrMoveStopTimer, &gContext.timers.scanMoveStopTimer})
+            timerStop(timer);
+        if (!workersStop(WORKER_END_MS))
+            return; // a thread inside a driver keeps what it uses until the process ends
+        if (gContext.position.savePending.load())
+            saveCurSteps(nullptr);
+        gContext.motion.MotionLock.destroy();
+        free(gContext.calibrationArg);
+        gContext.calibrationArg = nullptr;
+        motorClose(PAN);
+        motorClose(TILT);
+        cfg_uci_deinit();
+        blob_buf_free(&gContext.ubus.replyBuf);
+        blob_buf_free(&gContext.ubus.notifyBuf);
+    }
+    Teardown(const Teardown&) = delete;
+    Teardown& operator=(const Teardown&) = delete;
+};
+
+/// What a failed step of the start-up means: nothing, when the daemon was asked to end meanwhile.
+int32_t startFailed()
+{
+    return shutdownRequested() ? 0 : -1;
+}
+
+} // namespace
+
+// All that start-up reports is reported under this function's name, so its steps stand in one place.
+int32_t PtzdInit()
+{
+    uloop_init(); // before any other thread: a worker's connection would create the loop otherwise
+    gContext.motion.simultaneous.store(0);
+    gContext.motion.MotionLock.create();
+    const Teardown teardown;
+    if (cfg_uci_init() < 0) {
+        LOG_ERROR("error to init uci\n");
+        return -1;
+    }
+    loadSwitches();
+    gContext.calibrationArg = static_cast<CalibrationTarget*>(calloc(AXIS_COUNT, sizeof(CalibrationTarget)));
+    if (!gContext.calibrationArg) {
+        LOG_ERROR("failed in nomem\n");
+        return -1;
+    }
+    if (motorInit(PAN) < 0) {
+        if (!shutdownRequested())
+            LOG_ERROR("can't init x-motor device file\n");
+        return startFailed();
+    }
+    if (motorInit(TILT) < 0) {
+        if (!shutdownRequested())
+            LOG_ERROR("can't init y-motor device file\n");
+        return startFailed();
+    }
+    if (lensMaskEnabled() != 0)
+        calibrationSetTarget(TILT, coordToSteps(TILT, LENS_MASK_TILT));
+    if (calibrationStart() != 0) {
+        LOG_ERROR("motor calibrate failed\n");
+        return -1;
+    }
+    (void)cfg_uci_commit(UCI_PTZD); // reported there
+    if (ubusInit() == -1) {
+        LOG_ERROR("ubus error.\n");
+        return -1;
+    }
+    return 0;
+}

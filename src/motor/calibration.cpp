@@ -1,0 +1,116 @@
+#include "motor/calibration.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "core/worker.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "ubus/method_reply.h"
+
+namespace {
+
+bool inFactoryMode()
+{
+    int32_t enabled = 0;
+    (void)cfg_uci_get_int_value(UCI_DIAGD, "factory_mode", "enabled", &enabled); // missing: not in factory mode
+    return enabled == 1;
+}
+
+/// Against the zero end, over the whole travel, back to the return position.
+void motorCali(AxisIndex axis, const CalibrationTarget& target)
+{
+    // A refused position or speed changes nothing: the rotations find the ends all the same.
+    (void)motorSetPosition(axis, target.returnSteps);
+    (void)motorSetSpeed(axis, gContext.axes[axis].max_speed);
+    if (inFactoryMode()) {
+        LOG_TRACE("in factory mode, skip calibration rotate\n");
+        return;
+    }
+    LOG_TRACE("start calibration rotate.\n");
+    for (const int32_t steps : {-target.totalSteps, target.totalSteps, target.returnSteps - target.totalSteps}) {
+        if (workersStopping())
+            return;
+        if (motorRotate(axis, steps) != RESULT_OK) {
+            LOG_ERROR("calibration  failed\n");
+            return;
+        }
+    }
+    LOG_TRACE("end calibration rotate.\n");
+}
+
+/// Reads the axis's configured speed. @return the speed to use: that one, or the default where it cannot be used.
+int32_t usableSpeed(AxisIndex axis, int32_t& stored)
+{
+    const MotorAxis& motor = gContext.axes[axis];
+    stored = -1;
+    (void)cfg_uci_get_int_value(UCI_PTZD, motor.section, "speed", &stored); // missing: the default
+    const int32_t speed = stored > 0 ? stored : DEFAULT_SPEED[axis];
+    return speed > motor.max_speed ? DEFAULT_SPEED[axis] : speed;
+}
+
+void* ptzdCali(void* argument)
+{
+    const WorkerScope scope(WorkerEntry::Adopt);
+    if (!scope.entered())
+        return nullptr;
+    const auto* targets = static_cast<const CalibrationTarget*>(argument);
+    motionBegin(MotionBegin::Calibration);
+    for (const AxisIndex axis : {PAN, TILT}) {
+        motorCali(axis, targets[axis]);
+        int32_t stored = -1;
+        const int32_t speed = usableSpeed(axis, stored);
+        const char* section = gContext.axes[axis].section;
+        if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, section, "speed", speed) != 0)
+            LOG_ERROR("error to set option %s.speed\n", section);
+        (void)motorSetSpeed(axis, speed); // the driver keeps its own when it refuses
+    }
+    motionSettle(MotionSettle::Calibration);
+    gContext.motion.calibrating.store(0);
+    return nullptr;
+}
+
+/// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
+ResultCode prepareManualCalibration()
+{
+    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+        return busy;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return result;
+    if (const ResultCode result = motionHaltIfRunning(pan, tilt); result != RESULT_OK)
+        return result;
+    calibrationSetTarget(PAN, homeSteps(PAN));
+    calibrationSetTarget(TILT, homeSteps(TILT));
+    return RESULT_OK;
+}
+
+} // namespace
+
+void calibrationSetTarget(AxisIndex axis, int32_t returnSteps)
+{
+    gContext.calibrationArg[axis] = {gContext.axes[axis].fd, returnSteps, gContext.axes[axis].total_steps};
+}
+
+int32_t calibrationStart()
+{
+    // Set here, not by the thread: no request may slip in before that runs.
+    gContext.motion.calibrating.store(1);
+    if (workerStart(ptzdCali, gContext.calibrationArg) == 0)
+        return 0;
+    gContext.motion.calibrating.store(0);
+    return -1;
+}
+
+int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    ResultCode result = prepareManualCalibration();
+    if (result == RESULT_OK && calibrationStart() != 0) {
+        LOG_ERROR("motor calibrate failed\n");
+        result = ERR_DEVICE;
+    }
+    if (result == RESULT_OK)
+        saveStepsArm(); // stores the home position once the head rests there
+    return replyCode(connection, request, result);
+}

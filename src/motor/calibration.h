@@ -1,0 +1,19 @@
+// Calibration: gives the driver its position back after a start, or on request.
+#pragma once
+
+#include "core/context.h"
+#include "ubus/bus_door.h"
+
+#include <stdint.h>
+
+inline constexpr int32_t DEFAULT_SPEED[AXIS_COUNT] = {4, 4};
+
+/// Sets one axis's target in gContext.calibrationArg. Thread: main, while no calibration runs.
+void calibrationSetTarget(AxisIndex axis, int32_t returnSteps);
+
+/// Starts the calibration thread on the targets; the daemon counts as calibrating from this call on. The head must
+/// have been halted. @return 0, or -1, not calibrating, when the thread cannot be created. Thread: main. No lock.
+[[nodiscard]] int32_t calibrationStart();
+
+/// `manualCalibrate`: calibrates both axes and ends at the home position.
+UbusHandler ubusManualCalibrate;

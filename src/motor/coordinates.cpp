@@ -1,0 +1,54 @@
+#include "motor/coordinates.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+int32_t toWord(int64_t value)
+{
+    return static_cast<int32_t>(
+        std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+}
+
+} // namespace
+
+int32_t flipSign(AxisIndex axis)
+{
+    return FlipSignTable[gContext.image.imageFlipType.load()][axis];
+}
+
+bool withinLimits(AxisIndex axis, int64_t coord)
+{
+    return coord >= CoordLimits[axis].low && coord <= CoordLimits[axis].high;
+}
+
+int32_t coordToSteps(AxisIndex axis, int32_t coord)
+{
+    const MotorAxis& motor = gContext.axes[axis];
+    return toWord(static_cast<int64_t>(coord) * motor.total_steps / motor.range + motor.total_steps / 2);
+}
+
+int32_t stepsToCoord(AxisIndex axis, int32_t steps)
+{
+    const MotorAxis& motor = gContext.axes[axis];
+    return toWord(static_cast<int64_t>(motor.range) * steps / motor.total_steps - motor.range / 2);
+}
+
+int32_t homeSteps(AxisIndex axis)
+{
+    return coordToSteps(axis, gContext.axes[axis].home_coord);
+}
+
+int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position)
+{
+    const MotorAxis& motor = gContext.axes[axis];
+    const int64_t delta = displacement * motor.total_steps / motor.range;
+    const int64_t high = coordToSteps(axis, CoordLimits[axis].high);
+    const int64_t low = coordToSteps(axis, CoordLimits[axis].low);
+    if (position + delta > high)
+        return toWord(high - position);
+    if (position + delta < low)
+        return toWord(low - position);
+    return toWord(delta);
+}

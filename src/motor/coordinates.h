@@ -1,0 +1,37 @@
+// The coordinate system: units to steps and back, limits, and the signs of the image flip.
+//
+// A coordinate is an integer whose 0 is the middle of an axis's travel. All functions read the axes' capability, which
+// does not change after start-up: any thread, no lock. Arithmetic is done in 64 bits; divisions truncate toward zero.
+#pragma once
+
+#include "core/context.h"
+
+#include <stdint.h>
+
+struct CoordRange {
+    int32_t low;
+    int32_t high;
+};
+
+/// What a commanded coordinate may be, its sign applied; both ends are allowed.
+inline constexpr CoordRange CoordLimits[AXIS_COUNT] = {{-150, 150}, {-39, 61}};
+
+/// The senses of both axes under each image flip type.
+inline constexpr int32_t FlipSignTable[4][AXIS_COUNT] = {{1, 1}, {-1, 1}, {1, -1}, {-1, -1}};
+
+/// An axis's sign under the current image flip type: +1 or -1.
+[[nodiscard]] int32_t flipSign(AxisIndex axis);
+
+[[nodiscard]] bool withinLimits(AxisIndex axis, int64_t coord);
+
+/// Absolute steps of a coordinate, and back.
+[[nodiscard]] int32_t coordToSteps(AxisIndex axis, int32_t coord);
+[[nodiscard]] int32_t stepsToCoord(AxisIndex axis, int32_t steps);
+
+/// The absolute position of the axis's home, in steps.
+[[nodiscard]] int32_t homeSteps(AxisIndex axis);
+
+/// The steps of a relative displacement from a position, cut to the travel limits in its own direction.
+/// @param displacement  coordinate units, its sign applied; any value
+/// @param position      steps, as the driver reports it
+[[nodiscard]] int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position);

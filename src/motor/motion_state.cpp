@@ -1,0 +1,215 @@
+#include "motor/motion_state.h"
+
+#include "ubus/notify.h"
+
+namespace {
+
+// A tick of the status poll reads the axes first and decides under MotionStateLock afterwards. In between a motion may
+// begin, and a motion that has begun rests until its move requests are sent; neither may be taken for the motion's end.
+// So startsSeen counts: its low byte how many begin steps have not sent their requests yet, the rest every begin and
+// every start. A tick settles only if nothing is pending and nothing has changed since before it read the axes.
+constexpr uint32_t START_PENDING = 1;
+constexpr uint32_t START_EVENT = 0x100;
+constexpr uint32_t START_PENDING_MASK = 0xFF;
+
+void startOpened()
+{
+    gContext.motion.startsSeen.fetch_add(START_EVENT + START_PENDING);
+}
+
+void startClosed()
+{
+    gContext.motion.startsSeen.fetch_add(START_EVENT - START_PENDING);
+}
+
+bool startPending(uint32_t seen)
+{
+    return (seen & START_PENDING_MASK) != 0;
+}
+
+void beginUser() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.motion.motion_active.load() != 0)
+        return; // the motion under way keeps its origin and gets no second notification
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
+    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.motion_active.store(1);
+    gContext.motion.user_moved_recently.store(1);
+}
+
+void beginReturn() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    gContext.motion.motion_active.store(1);
+    gContext.motion.motion_origin.store(ORIGIN_RETURN);
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_RETURN);
+}
+
+void settleActive() REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.motion_active.store(0);
+    const int32_t origin = gContext.motion.motion_origin.load();
+    motorNotifyState(NOTIFY_IDLE, origin);
+    if (origin != ORIGIN_TOUR) {
+        gContext.motion.user_moved_recently.store(1);
+        gContext.tour.tourCurrentPresetId.store(0);
+    }
+}
+
+void beginCalibration() REQUIRES(gContext.motion.MotionStateLock)
+{
+    // The motion that the calibration has halted ends here: its poll finds no rest while the axes calibrate.
+    if (gContext.motion.motion_active.load() != 0)
+        settleActive();
+    timerStop(&gContext.timers.statusPollTimer);
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
+    gContext.motion.motion_active.store(1);
+    gContext.motion.user_moved_recently.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
+}
+
+void settlePolled() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.motion.motion_active.load() != 1)
+        return;
+    settleActive();
+    if (gContext.motion.user_moved_recently.load() != 0)
+        timerStart(&gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS, USR_MOVE_STOP_NS);
+    if (gContext.tour.scanStepDone.load() == 0)
+        timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
+}
+
+void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    motorNotifyState(NOTIFY_IDLE, ORIGIN_USER);
+    gContext.motion.motion_active.store(0);
+    gContext.motion.user_moved_recently.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
+    quietPeriodsStart();
+}
+
+} // namespace
+
+ResultCode motionBusy()
+{
+    if (gContext.motion.calibrating.load() != 0)
+        return ERR_CALIBRATING;
+    if (lensMaskEnabled() != 0)
+        return ERR_LENS_MASK;
+    if (gContext.panorama.panoramaRunning.load() != 0)
+        return ERR_PANORAMA;
+    return RESULT_OK;
+}
+
+void stepMoveCancel()
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    if (gContext.motion.stepMoveActive != 1)
+        return;
+    gContext.motion.stepMoveActive = 0;
+    gContext.motion.stepMoveDirection = 0;
+    gContext.motion.stepMoveRemaining = 0;
+}
+
+ResultCode motionHalt()
+{
+    stepMoveCancel();
+    if (const ResultCode result = motorStop(PAN); result != RESULT_OK)
+        return result;
+    return motorStop(TILT);
+}
+
+ResultCode motionHaltIfRunning(const MotorStatus& pan, const MotorStatus& tilt)
+{
+    return pan.running != 0 || tilt.running != 0 ? motionHalt() : RESULT_OK;
+}
+
+void motionBegin(MotionBegin variant)
+{
+    {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        startOpened();
+        switch (variant) {
+        case MotionBegin::User:
+            beginUser();
+            break;
+        case MotionBegin::Return:
+            beginReturn();
+            break;
+        case MotionBegin::Calibration:
+            beginCalibration();
+            break;
+        }
+    }
+    // Armed with the lock released: the poll takes it, and a notification can keep it for seconds.
+    if (variant != MotionBegin::Calibration)
+        timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
+}
+
+void motionStarted()
+{
+    startClosed();
+}
+
+ResultCode driveAxes(const MotorCommand& pan, const MotorCommand& tilt)
+{
+    const ResultCode panResult = motorMove(PAN, pan);
+    const ResultCode tiltResult = motorMove(TILT, tilt);
+    return panResult != RESULT_OK ? panResult : tiltResult;
+}
+
+ResultCode beginAndDrive(MotionBegin variant, const MotorCommand& pan, const MotorCommand& tilt)
+{
+    motionBegin(variant);
+    const ResultCode result = driveAxes(pan, tilt);
+    motionStarted();
+    return result;
+}
+
+void quietPeriodsStart()
+{
+    timerStart(&gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS, USR_MOVE_STOP_NS);
+    if (gContext.tour.scanStepDone.load() == 0)
+        timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
+}
+
+void motionSettle(MotionSettle variant)
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    switch (variant) {
+    case MotionSettle::Stop:
+        if (startPending(gContext.motion.startsSeen.load()))
+            break; // another thread's motion is about to start: the poll stays, and settles that one
+        timerStop(&gContext.timers.statusPollTimer);
+        if (gContext.motion.motion_active.load() == 1)
+            settleByUser();
+        break;
+    case MotionSettle::Calibration:
+        startClosed();
+        settleByUser();
+        break;
+    }
+}
+
+void motorStatusPoll(void*)
+{
+    const uint32_t seen = gContext.motion.startsSeen.load();
+    if (startPending(seen))
+        return;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
+        return;
+    // Whoever holds the lock may be sending a notification for seconds: the next tick asks again, and none piles up.
+    if (!gContext.motion.MotionStateLock.tryLock())
+        return;
+    if (gContext.motion.startsSeen.load() == seen) {
+        timerStop(&gContext.timers.statusPollTimer);
+        settlePolled();
+    }
+    gContext.motion.MotionStateLock.unlock();
+}

@@ -1,0 +1,71 @@
+// The shared motion state, and the steps that every motion is made of: halt, begin, drive, settle.
+//
+// A motion command reads both axes, halts them if one runs, begins, drives; the status poll finds the end and settles.
+// Every begin that finds the head at rest sends one moving notification, and every such motion ends with one idle
+// notification, whichever of poll, stop and calibration comes first.
+#pragma once
+
+#include "core/context.h"
+#include "core/result_code.h"
+#include "motor/motor_device.h"
+
+#include <stdint.h>
+
+inline constexpr int64_t STATUS_POLL_NS = 50 * NS_PER_MS;
+inline constexpr int64_t USR_MOVE_STOP_NS = 60 * NS_PER_SECOND;
+inline constexpr int64_t SCAN_MOVE_STOP_NS = 15 * NS_PER_SECOND;
+
+enum class MotionBegin {
+    User,
+    Return,
+    Calibration,
+};
+
+enum class MotionSettle {
+    Stop,
+    Calibration,
+};
+
+/// What forbids a user's motion now: RESULT_OK, or the first of ERR_CALIBRATING, ERR_LENS_MASK, ERR_PANORAMA.
+/// Any thread; no lock.
+[[nodiscard]] ResultCode motionBusy();
+
+/// Stops both axes before a new motion, and cancels a step move. The motion state is left alone, so that the begin step
+/// that follows sends no second notification. @return RESULT_OK, or ERR_DEVICE: tilt is not stopped when pan fails.
+/// Any thread; takes MotionLock, hold neither motion lock.
+[[nodiscard]] ResultCode motionHalt() EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
+
+/// motionHalt, when either of the statuses just read shows an axis running.
+[[nodiscard]] ResultCode motionHaltIfRunning(const MotorStatus& pan, const MotorStatus& tilt)
+    EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
+
+/// Cancels a step move. Any thread; takes MotionLock.
+void stepMoveCancel() EXCLUDES(gContext.motion.MotionLock);
+
+/// The moving transition; sends the moving notification when the head was at rest, and arms the status poll (but for a
+/// calibration, whose own end settles). Each begin must be followed by motionStarted, or, for a calibration, by its
+/// settle: until then no status poll takes the resting axes for the motion's end.
+/// Any thread; takes MotionStateLock and, under it, BusLock; can last as long as a notification.
+void motionBegin(MotionBegin variant) EXCLUDES(gContext.motion.MotionStateLock);
+
+/// Says that the move requests of a begin step have been sent. Any thread; no lock.
+void motionStarted();
+
+/// Sends a move request to pan and then to tilt, both in any case. @return ERR_DEVICE when either failed.
+[[nodiscard]] ResultCode driveAxes(const MotorCommand& pan, const MotorCommand& tilt);
+
+/// motionBegin, driveAxes and motionStarted. @return what driveAxes says.
+[[nodiscard]] ResultCode beginAndDrive(MotionBegin variant, const MotorCommand& pan, const MotorCommand& tilt)
+    EXCLUDES(gContext.motion.MotionStateLock);
+
+/// The idle transition of `stop`, which ends the status poll too, and of a calibration; the status poll has its own.
+/// `stop` leaves both alone while another thread's motion is about to start. Any thread; takes MotionStateLock and,
+/// under it, BusLock.
+void motionSettle(MotionSettle variant) EXCLUDES(gContext.motion.MotionStateLock);
+
+/// Arms usrMoveStopTimer, and scanMoveStopTimer while a scan step has not rested.
+void quietPeriodsStart() REQUIRES(gContext.motion.MotionStateLock);
+
+/// Callback of statusPollTimer: settles the motion once both axes stand still; a failed read is tried again with the
+/// next tick. Thread: timer; takes MotionStateLock.
+void motorStatusPoll(void* motionOrigin) EXCLUDES(gContext.motion.MotionStateLock);

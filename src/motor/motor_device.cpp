@@ -1,0 +1,86 @@
+#include "motor/motor_device.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+ResultCode request(AxisIndex axis, unsigned long number, void* record)
+{
+    return ioctl(gContext.axes[axis].fd, number, record) == 0 ? RESULT_OK : ERR_DEVICE;
+}
+
+} // namespace
+
+int motorOpen(AxisIndex axis)
+{
+    return open(gContext.axes[axis].device_path, O_RDONLY | O_CLOEXEC);
+}
+
+void motorClose(AxisIndex axis)
+{
+    if (gContext.axes[axis].fd > 0)
+        close(gContext.axes[axis].fd);
+    gContext.axes[axis].fd = 0;
+}
+
+ResultCode motorGetCapability(AxisIndex axis, MotorCapability& out)
+{
+    return request(axis, MOTOR_IOC_GET_CAPA, &out);
+}
+
+ResultCode motorGetStatus(AxisIndex axis, MotorStatus& out)
+{
+    return request(axis, MOTOR_IOC_GET_STATUS, &out);
+}
+
+ResultCode motorReadStatus(MotorStatus& pan, MotorStatus& tilt)
+{
+    pan = {};
+    tilt = {};
+    if (const ResultCode result = motorGetStatus(PAN, pan); result != RESULT_OK)
+        return result;
+    return motorGetStatus(TILT, tilt);
+}
+
+ResultCode motorSetPosition(AxisIndex axis, int32_t steps)
+{
+    MotorCommand command{};
+    command.steps = steps;
+    return request(axis, MOTOR_IOC_SET_POSITION, &command);
+}
+
+ResultCode motorSetSpeed(AxisIndex axis, int32_t speed)
+{
+    MotorCommand command{};
+    command.speed = speed;
+    return request(axis, MOTOR_IOC_SET_SPEED, &command);
+}
+
+ResultCode motorRotate(AxisIndex axis, int32_t steps)
+{
+    MotorCommand command{};
+    command.steps = steps;
+    return request(axis, MOTOR_IOC_ROTATE, &command);
+}
+
+ResultCode motorMove(AxisIndex axis, const MotorCommand& command)
+{
+    MotorCommand sent = command; // the request's argument is not const
+    return request(axis, MOTOR_IOC_MOVE, &sent);
+}
+
+ResultCode motorStop(AxisIndex axis)
+{
+    return request(axis, MOTOR_IOC_STOP, nullptr);
+}
+
+MotorCommand commandFromStatus(const MotorStatus& status, int64_t steps)
+{
+    const int64_t within =
+        std::clamp<int64_t>(steps, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max());
+    return {status.reserved, status.speed, static_cast<int32_t>(within), {status.running, status.direction}};
+}

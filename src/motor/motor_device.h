@@ -1,0 +1,78 @@
+// The door to the two motor drivers: their records, their seven requests, and nothing else.
+//
+// Requests may be made from any thread at any time, several at once on one axis; they take no lock. Each returns
+// RESULT_OK, or ERR_DEVICE when the driver refuses.
+#pragma once
+
+#include "core/context.h"
+#include "core/result_code.h"
+
+#include <stdint.h>
+#include <sys/ioctl.h>
+
+/// The driver's records: five words each, in the processor's byte order.
+struct MotorCapability {
+    int32_t range; // travel in coordinate units
+    int32_t max_speed;
+    int32_t total_steps; // motor steps over the whole travel
+    int32_t reserved[2];
+};
+
+struct MotorStatus {
+    int32_t reserved;
+    int32_t speed;
+    int32_t position;  // steps from the axis's zero end
+    int32_t running;   // 0 while the axis stands still
+    int32_t direction; // +1 or -1
+};
+
+struct MotorCommand {
+    int32_t reserved;
+    int32_t speed;
+    int32_t steps; // absolute for a position, relative for a rotation or a move
+    int32_t reserved2[2];
+};
+
+static_assert(sizeof(MotorCapability) == 20 && sizeof(MotorStatus) == 20 && sizeof(MotorCommand) == 20);
+
+inline constexpr unsigned MOTOR_IOC_MAGIC = 0xDE;
+inline constexpr unsigned long MOTOR_IOC_GET_CAPA = _IOR(MOTOR_IOC_MAGIC, 0, MotorCapability);
+inline constexpr unsigned long MOTOR_IOC_SET_POSITION = _IOW(MOTOR_IOC_MAGIC, 1, MotorCommand);
+inline constexpr unsigned long MOTOR_IOC_GET_STATUS = _IOR(MOTOR_IOC_MAGIC, 2, MotorStatus);
+inline constexpr unsigned long MOTOR_IOC_SET_SPEED = _IOW(MOTOR_IOC_MAGIC, 3, MotorCommand);
+inline constexpr unsigned long MOTOR_IOC_ROTATE = _IOW(MOTOR_IOC_MAGIC, 4, MotorCommand);
+inline constexpr unsigned long MOTOR_IOC_MOVE = _IOW(MOTOR_IOC_MAGIC, 5, MotorCommand);
+inline constexpr unsigned long MOTOR_IOC_STOP = _IO(MOTOR_IOC_MAGIC, 6);
+
+static_assert(MOTOR_IOC_GET_CAPA == 0x8014DE00 && MOTOR_IOC_SET_POSITION == 0x4014DE01 &&
+              MOTOR_IOC_GET_STATUS == 0x8014DE02 && MOTOR_IOC_SET_SPEED == 0x4014DE03 &&
+              MOTOR_IOC_ROTATE == 0x4014DE04 && MOTOR_IOC_MOVE == 0x4014DE05 && MOTOR_IOC_STOP == 0x0000DE06);
+
+/// Opens an axis's device. @return a descriptor above 0, else 0 or -1. Thread: main.
+[[nodiscard]] int motorOpen(AxisIndex axis);
+
+/// Closes an axis's device when it is open. Thread: main, when no other thread uses the axis any more.
+void motorClose(AxisIndex axis);
+
+[[nodiscard]] ResultCode motorGetCapability(AxisIndex axis, MotorCapability& out);
+[[nodiscard]] ResultCode motorGetStatus(AxisIndex axis, MotorStatus& out);
+
+/// Both axes' statuses, pan first; tilt is not asked when pan fails.
+[[nodiscard]] ResultCode motorReadStatus(MotorStatus& pan, MotorStatus& tilt);
+
+/// Tells the driver the absolute position, in steps, that the axis stands at.
+[[nodiscard]] ResultCode motorSetPosition(AxisIndex axis, int32_t steps);
+
+/// Sets the speed the axis uses from now on, also while it runs.
+[[nodiscard]] ResultCode motorSetSpeed(AxisIndex axis, int32_t speed);
+
+/// Rotates by relative steps and returns when the rotation is over.
+[[nodiscard]] ResultCode motorRotate(AxisIndex axis, int32_t steps);
+
+/// Starts a motion and returns at once.
+[[nodiscard]] ResultCode motorMove(AxisIndex axis, const MotorCommand& command);
+
+[[nodiscard]] ResultCode motorStop(AxisIndex axis);
+
+/// The command that sends an axis by relative steps, with the other words as its status reported them.
+[[nodiscard]] MotorCommand commandFromStatus(const MotorStatus& status, int64_t steps);

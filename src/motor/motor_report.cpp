@@ -1,0 +1,98 @@
+#include "motor/motor_report.h"
+
+#include "core/log.h"
+#include "core/shutdown.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
+#include "motor/motor_device.h"
+#include "motor/position_store.h"
+#include "ubus/method_reply.h"
+
+namespace {
+
+constexpr int OPEN_RETRY_MS = 1000;
+
+/// Zero or less in any of these would divide by zero or leave no way to move.
+bool makesSense(const MotorCapability& capability)
+{
+    return capability.range >= 1 && capability.total_steps >= 1 && capability.max_speed >= 1;
+}
+
+void addSpeed(const char* name, AxisIndex axis, const MotorStatus& status)
+{
+    replyAddDecimal(name, static_cast<int64_t>(status.speed) * flipSign(axis) * status.direction * status.running);
+}
+
+} // namespace
+
+int32_t motorInit(AxisIndex axis)
+{
+    MotorAxis& motor = gContext.axes[axis];
+    int fd = motorOpen(axis);
+    while (fd <= 0) {
+        LOG_ERROR("can't open %s file, sleep 1 second and retry\n", motor.device_path);
+        if (shutdownSleep(OPEN_RETRY_MS))
+            return -1;
+        fd = motorOpen(axis);
+    }
+    motor.fd = fd;
+    MotorCapability capability{};
+    if (motorGetCapability(axis, capability) != RESULT_OK || !makesSense(capability)) {
+        LOG_ERROR("can't get capability of %s\n", motor.device_path);
+        return -1;
+    }
+    motor.range = capability.range;
+    motor.max_speed = capability.max_speed;
+    motor.total_steps = capability.total_steps;
+    int32_t returnSteps = homeSteps(axis);
+    if (gContext.position.power_off_recover.load() != 0)
+        (void)storedSteps(axis, returnSteps); // none stored: home
+    calibrationSetTarget(axis, returnSteps);
+    return 0;
+}
+
+int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    blob_buf& reply = gContext.ubus.replyBuf;
+    const MotorAxis& pan = gContext.axes[PAN];
+    const MotorAxis& tilt = gContext.axes[TILT];
+    replyBegin();
+    replyAddInt("error_code", RESULT_OK);
+    void* table = blobmsg_open_table(&reply, "capability");
+    replyAddDecimal("x_coord_min", -(pan.range / 2));
+    replyAddDecimal("x_coord_max", pan.range / 2);
+    replyAddDecimal("y_coord_min", -(tilt.range / 2));
+    replyAddDecimal("y_coord_max", tilt.range / 2);
+    replyAddDecimal("x_max_speed", pan.max_speed);
+    replyAddDecimal("y_max_speed", tilt.max_speed);
+    addString(reply, "simultaneous", gContext.motion.simultaneous.load() == 1 ? "enabled" : "disabled");
+    addString(reply, "preset", "enabled");
+    addString(reply, "calibrate", "enabled");
+    blobmsg_close_table(&reply, table);
+    return replySend(connection, request);
+}
+
+int ubusGetMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return replyCode(connection, request, result);
+    blob_buf& reply = gContext.ubus.replyBuf;
+    replyBegin();
+    replyAddInt("error_code", RESULT_OK);
+    void* table = blobmsg_open_table(&reply, "status");
+    replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, pan.position)) * flipSign(PAN));
+    replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, tilt.position)) * flipSign(TILT));
+    addSpeed("x_speed", PAN, pan);
+    addSpeed("y_speed", TILT, tilt);
+    blobmsg_close_table(&reply, table);
+    return replySend(connection, request);
+}
+
+int ubusCheckMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    return replyErrCode(connection, request, gContext.motion.calibrating.load() != 0 ? ERR_CALIBRATING : RESULT_OK);
+}

@@ -1,0 +1,146 @@
+#include "motor/position_store.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "ubus/method_args.h"
+#include "ubus/method_reply.h"
+
+#include <iterator>
+
+namespace {
+
+/// Ends the tracking episode, whether the head can return or not.
+void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    if (gContext.motion.track_back_done.load() != 0)
+        return;
+    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.track_back_done.store(1);
+    gContext.motion.user_moved_recently.store(1);
+    quietPeriodsStart();
+}
+
+} // namespace
+
+void saveStepsArm()
+{
+    if (gContext.position.power_off_recover.load() == 0)
+        return;
+    gContext.position.savePending.store(true);
+    gContext.position.saveRequests.fetch_add(1); // before the timer: see saveCurSteps
+    timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
+}
+
+void saveCurSteps(void*)
+{
+    if (gContext.motion.calibrating.load() != 0)
+        return; // what the driver reports between two rotations is no position to come back to
+    const uint32_t requestsBefore = gContext.position.saveRequests.load();
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
+        return;
+    {
+        const UciTransaction transaction(UCI_PTZD);
+        const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
+        for (const AxisIndex axis : {PAN, TILT}) {
+            const char* section = gContext.axes[axis].section;
+            if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
+                LOG_ERROR("error to set option %s.steps\n", section);
+        }
+        (void)transaction.commit(); // reported there; the next motion saves again
+    }
+    gContext.position.savePending.store(false);
+    timerStop(&gContext.timers.saveStepsTimer);
+    // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
+    if (gContext.position.saveRequests.load() != requestsBefore) {
+        gContext.position.savePending.store(true);
+        timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
+    }
+    LOG_TRACE("saveCurSteps end\n");
+}
+
+bool storedSteps(AxisIndex axis, int32_t& out)
+{
+    int32_t steps = -1;
+    if (cfg_uci_get_int_value(UCI_PTZD, gContext.axes[axis].section, "steps", &steps) != 0 || steps < 0)
+        return false;
+    out = steps;
+    return true;
+}
+
+// Reports under its own name, so the reads of both axes stand here.
+ResultCode moveToLastPostion()
+{
+    endTracking();
+    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+        return busy;
+
+    int32_t target[AXIS_COUNT] = {};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_get_int_value(UCI_PTZD, section, "steps", &target[axis]) != 0) {
+            LOG_ERROR("error to get option %s.steps\n", section);
+            return ERR_DEVICE;
+        }
+        if (target[axis] < 0)
+            target[axis] = homeSteps(axis);
+    }
+
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (motorReadStatus(pan, tilt) != RESULT_OK) {
+        LOG_ERROR("get status from driver failed.\n");
+        return ERR_DEVICE;
+    }
+    if (pan.running != 0 || tilt.running != 0) {
+        if (gContext.motion.motion_origin.load() != ORIGIN_TRACK)
+            return ERR_CALIBRATING;
+        if (const ResultCode halted = motionHalt(); halted != RESULT_OK)
+            return halted;
+        if (motorReadStatus(pan, tilt) != RESULT_OK) {
+            LOG_ERROR("get status from driver failed.\n");
+            return ERR_DEVICE;
+        }
+    }
+    if (gContext.motion.motion_origin.load() == ORIGIN_USER) {
+        LOG_TRACE("motor just moved by user, need not move to last position.\n");
+        return RESULT_OK;
+    }
+    const MotorCommand panCommand = commandFromStatus(pan, static_cast<int64_t>(target[PAN]) - pan.position);
+    const MotorCommand tiltCommand = commandFromStatus(tilt, static_cast<int64_t>(target[TILT]) - tilt.position);
+    if (panCommand.steps == 0 && tiltCommand.steps == 0) {
+        LOG_TRACE("here is the same as last postion\n");
+        return RESULT_OK;
+    }
+    const ResultCode result = beginAndDrive(MotionBegin::Return, panCommand, tiltCommand);
+    if (result != RESULT_OK)
+        LOG_ERROR("move error\n");
+    return result;
+}
+
+int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
+                           blob_attr* message)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    blob_attr* args[std::size(powerOffRecoverPolicy)];
+    parseArgs(powerOffRecoverPolicy, args, message);
+    const int32_t recover = args[0] ? decimalArg(args[0]) : -1;
+    ResultCode result = RESULT_OK;
+    {
+        const UciTransaction transaction(UCI_PTZD);
+        if (recover != 0 && recover != 1) {
+            LOG_ERROR("UBUS: Invalied parameter.\n");
+            result = ERR_PARAM;
+        } else {
+            gContext.position.power_off_recover.store(recover);
+            if (cfg_uci_set_int_value(UCI_PTZD, "config", "power_off_recover", recover) != 0)
+                LOG_ERROR("error to set option %s.power_off_recover\n", "config");
+        }
+        (void)transaction.commit(); // reported there; memory keeps the new value either way
+    }
+    return replyCode(connection, request, result);
+}

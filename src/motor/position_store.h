@@ -1,0 +1,34 @@
+// The stored position of the head: saved after user motions, restored at start, returned to after tracking.
+#pragma once
+
+#include "core/context.h"
+#include "core/result_code.h"
+#include "ubus/bus_door.h"
+
+#include <stdint.h>
+
+inline constexpr int64_t SAVE_STEPS_NS = 10 * NS_PER_SECOND;
+inline constexpr blobmsg_policy powerOffRecoverPolicy[] = {{"recover", BLOBMSG_TYPE_STRING}};
+
+/// Arms or re-arms saveStepsTimer when power-off recovery is on. Thread: event loop; no lock.
+void saveStepsArm();
+
+/// Callback of saveStepsTimer, also called directly: stores both axes' positions when both stand still, and disarms the
+/// timer; otherwise it changes nothing, and the timer tries again. Any thread; takes ConfigStoreLock; hold neither
+/// motion lock.
+void saveCurSteps(void* unused);
+
+/// A stored position in steps: `out` is at least 0. @return false, `out` unchanged, when none is stored or it is
+/// negative. Any thread; takes ConfigStoreLock.
+[[nodiscard]] bool storedSteps(AxisIndex axis, int32_t& out);
+
+/// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
+/// when a user has moved the head since.
+/// @return RESULT_OK once both axes are started or need not move; ERR_CALIBRATING while calibrating or while a motion
+///         other than tracking runs, ERR_LENS_MASK, ERR_PANORAMA; ERR_DEVICE when an option is missing or a request
+///         fails.
+/// Thread: event loop; takes MotionStateLock and MotionLock, one after the other.
+[[nodiscard]] ResultCode moveToLastPostion() EXCLUDES(gContext.motion.MotionStateLock, gContext.motion.MotionLock);
+
+/// `setPowerOffRecover`: switches power-off recovery, `recover` "1" or "0", in memory and in storage.
+UbusHandler ubusSetPowerOffRecover;

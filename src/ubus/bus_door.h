@@ -1,0 +1,49 @@
+// The door to the bus library: every call that it gets from us is made here, under BusLock.
+//
+// The library keeps one output buffer and one table of parsed attributes for the whole process, so its calls must not
+// overlap, whatever connection they are for. BusLock is the innermost lock and is never held while something is waited
+// for but the bus daemon's own answer. Results are the library's: 0 for success, else its status.
+#pragma once
+
+#include "core/context.h"
+
+#include <stdint.h>
+
+/// Connects; a null path is the library's default socket. @return null on failure; the caller owns the connection.
+[[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
+void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
+[[nodiscard]] int busReconnect(ubus_context* connection, const char* path) REQUIRES(gContext.ubus.BusLock);
+[[nodiscard]] int busAddObject(ubus_context* connection, ubus_object* object) REQUIRES(gContext.ubus.BusLock);
+[[nodiscard]] int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr* message)
+    REQUIRES(gContext.ubus.BusLock);
+[[nodiscard]] int busLookupId(ubus_context* connection, const char* path, uint32_t& id) REQUIRES(gContext.ubus.BusLock);
+
+/// Sends a request and returns; its callbacks run inside a later busHandle of the same connection.
+[[nodiscard]] int busInvokeAsync(ubus_context* connection, uint32_t object, const char* method, blob_attr* message,
+                                 ubus_request* request, ubus_data_handler_t onData, ubus_complete_handler_t onComplete)
+    REQUIRES(gContext.ubus.BusLock);
+
+/// Ends a request that is not complete; its callbacks do not run any more.
+void busAbort(ubus_context* connection, ubus_request* request) REQUIRES(gContext.ubus.BusLock);
+
+/// Reads and dispatches what has arrived on a connection that is in no event loop.
+void busHandle(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
+
+/// From now on the event loop dispatches this connection under BusLock. Thread: event loop. Call it again after a
+/// reconnection.
+void busDispatchUnderLock(ubus_context* connection);
+
+/// A method handler, called without any lock on the event loop's thread; it answers once and returns 0.
+using UbusHandler = int(ubus_context*, ubus_object*, ubus_request_data*, const char*, blob_attr*);
+
+/// What the library calls for a method: `handler`, with BusLock given back while its body runs.
+int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
+             const char* method, blob_attr* message);
+
+/// busServe for one handler, as an entry of the method table.
+template <UbusHandler* handler>
+int served(ubus_context* connection, ubus_object* object, ubus_request_data* request, const char* method,
+           blob_attr* message)
+{
+    return busServe(handler, connection, object, request, method, message);
+}

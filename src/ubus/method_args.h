@@ -1,0 +1,21 @@
+// The arguments of a method call. Thread: event loop; no lock.
+#pragma once
+
+#include "core/bus_library.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+/// Finds a call's arguments by its policy; one that is missing or of another type is null.
+template <size_t N>
+void parseArgs(const blobmsg_policy (&policy)[N], blob_attr* (&args)[N], blob_attr* message)
+{
+    // The result says nothing that the table does not: a message without fields, say, counts as a failure to some
+    // revisions of the library.
+    (void)blobmsg_parse(policy, static_cast<int>(N), args, blob_data(message),
+                        static_cast<unsigned int>(blob_len(message)));
+}
+
+/// A STRING argument's text as a decimal integer: leading blanks and a sign are taken, what follows the digits is
+/// ignored, text that is no number gives 0, and a number outside 32 bits saturates.
+[[nodiscard]] int32_t decimalArg(const blob_attr* argument);

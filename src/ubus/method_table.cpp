@@ -1,0 +1,66 @@
+#include "ubus/method_table.h"
+
+#include "motion/move.h"
+#include "motor/calibration.h"
+#include "motor/motor_report.h"
+#include "motor/position_store.h"
+#include "motor/rotation_test.h"
+#include "ubus/bus_door.h"
+
+#include <span>
+
+namespace {
+
+// The record has grown members in the middle over the years, so it is filled by name.
+constexpr ubus_method method(const char* name, ubus_handler_t handler, std::span<const blobmsg_policy> policy = {})
+{
+    ubus_method entry{};
+    entry.name = name;
+    entry.handler = handler;
+    entry.policy = policy.data();
+    entry.n_policy = static_cast<int>(policy.size());
+    return entry;
+}
+
+// In the order that clients see. `test` reads an argument that it does not advertise.
+const ubus_method ptzdMethods[] = {
+    method("getCapa", served<ubusGetMotorCapa>),
+    method("getStatus", served<ubusGetMotorStatus>),
+    method("move", served<ubusMoveMotor>, coordPolicy),
+    method("moveTo", served<ubusMoveMotorTo>, coordPolicy),
+    method("setPowerOffRecover", served<ubusSetPowerOffRecover>, powerOffRecoverPolicy),
+    method("stop", served<ubusStopMotorRotate>),
+    method("test", served<ubusTestMotorRotate>),
+    method("manualCalibrate", served<ubusManualCalibrate>),
+    method("checkMotorStatus", served<ubusCheckMotorStatus>),
+};
+constexpr int METHOD_COUNT = static_cast<int>(std::size(ptzdMethods));
+
+ubus_object_type objectType()
+{
+    ubus_object_type type{};
+    type.name = "rcvMsg";
+    type.methods = ptzdMethods;
+    type.n_methods = METHOD_COUNT;
+    return type;
+}
+
+ubus_object object(ubus_object_type& type)
+{
+    ubus_object record{};
+    record.name = "ptzd";
+    record.type = &type;
+    record.methods = ptzdMethods;
+    record.n_methods = METHOD_COUNT;
+    return record;
+}
+
+ubus_object_type ptzdObjectType = objectType();
+ubus_object ptzdObjectRecord = object(ptzdObjectType);
+
+} // namespace
+
+ubus_object& ptzdObject()
+{
+    return ptzdObjectRecord;
+}

@@ -1,0 +1,71 @@
+#include "fakes/fake_surroundings.h"
+#include "motor/coordinates.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace {
+
+class Coordinates : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        resetDaemon();
+    }
+};
+
+TEST_F(Coordinates, TruncateTowardZeroBothWays)
+{
+    gContext.axes[TILT].total_steps = 1000;
+    EXPECT_EQ(coordToSteps(TILT, -6), 451); // -6000 / 122 is -49, not -50; and 500
+    EXPECT_EQ(homeSteps(TILT), 451);
+    EXPECT_EQ(coordToSteps(TILT, -61), 0);
+    EXPECT_EQ(coordToSteps(TILT, 61), 1000);
+    EXPECT_EQ(stepsToCoord(TILT, 451), -6); // 55022 / 1000 is 55, less 61
+    gContext.axes[PAN].range = 301;
+    gContext.axes[PAN].total_steps = 3001;
+    EXPECT_EQ(coordToSteps(PAN, 0), 1500);
+    EXPECT_EQ(stepsToCoord(PAN, 0), -150);
+    EXPECT_EQ(stepsToCoord(PAN, 3001), 151);
+}
+
+TEST_F(Coordinates, LimitsIncludeBothEnds)
+{
+    EXPECT_TRUE(withinLimits(PAN, -150) && withinLimits(PAN, 150) && withinLimits(TILT, -39) && withinLimits(TILT, 61));
+    EXPECT_FALSE(withinLimits(PAN, -151) || withinLimits(PAN, 151) || withinLimits(TILT, -40) ||
+                 withinLimits(TILT, 62));
+}
+
+TEST_F(Coordinates, EachFlipTypeHasItsSigns)
+{
+    const int32_t signs[4][2] = {{1, 1}, {-1, 1}, {1, -1}, {-1, -1}};
+    for (int32_t type = 0; type < 4; ++type) {
+        gContext.image.imageFlipType.store(type);
+        EXPECT_EQ(flipSign(PAN), signs[type][0]) << type;
+        EXPECT_EQ(flipSign(TILT), signs[type][1]) << type;
+    }
+}
+
+TEST_F(Coordinates, RelativeStepsAreCutAtTheLimits)
+{
+    EXPECT_EQ(relativeSteps(PAN, 10, 1500), 100);
+    EXPECT_EQ(relativeSteps(PAN, 149, 1500), 1490);
+    EXPECT_EQ(relativeSteps(PAN, 151, 1500), 1500);
+    EXPECT_EQ(relativeSteps(PAN, -1000, 1500), -1500);
+    EXPECT_EQ(relativeSteps(PAN, 1, 3000), 0);
+    EXPECT_EQ(relativeSteps(TILT, -100, 610), -390); // the lower limit, -39, is at step 220
+    EXPECT_EQ(relativeSteps(TILT, -1, 220), 0);
+}
+
+TEST_F(Coordinates, AHugeDisplacementRunsToTheLimitInItsOwnDirection)
+{
+    const int64_t huge = int64_t{std::numeric_limits<int32_t>::max()} + 1;
+    EXPECT_EQ(relativeSteps(PAN, huge, 1500), 1500);
+    EXPECT_EQ(relativeSteps(PAN, -huge, 1500), -1500);
+    gContext.axes[PAN].total_steps = std::numeric_limits<int32_t>::max();
+    gContext.axes[PAN].range = 1;
+    EXPECT_EQ(coordToSteps(PAN, std::numeric_limits<int32_t>::min()), std::numeric_limits<int32_t>::min());
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#include "fakes/fake_surroundings.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "core/worker.h"
+#include "fakes/fake_motor.h"
+#include "ubus/method_reply.h"
+#include "ubus/notify.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+FakeSurroundings fakes;
+
+void resetDaemon()
+{
+    fakes = {};
+    gContext.motion.motion_active.store(0);
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    gContext.motion.user_moved_recently.store(0);
+    gContext.motion.track_back_done.store(1);
+    gContext.motion.startsSeen.store(0);
+    gContext.motion.calibrating.store(0);
+    gContext.position.power_off_recover.store(1);
+    gContext.position.savePending.store(false);
+    gContext.panorama.panoramaRunning.store(0);
+    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.tour.scanStepDone.store(1);
+    gContext.image.imageFlipType.store(0);
+    lensMaskSetEnabled(0);
+    giveAxesFakeMotors();
+}
+
+int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
+{
+    fakes.timers[timer] = {firstNs, intervalNs};
+    return 0;
+}
+
+int32_t timerStop(DaemonTimer* timer)
+{
+    fakes.timers[timer] = {};
+    return 0;
+}
+
+void motorNotifyState(int32_t state, int32_t origin)
+{
+    fakes.notifications.push_back({state, origin});
+    if (fakes.duringNotification)
+        fakes.duringNotification();
+}
+
+void logWrite(int level, const char* function, int, const char* format, ...)
+{
+    if (level < LOG_LEVEL_ERROR)
+        return;
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    fakes.reports.push_back({function, text});
+}
+
+int32_t workerStart(void* (*routine)(void*), void* argument)
+{
+    if (fakes.threadCreationFails)
+        return -1;
+    fakes.worker = routine;
+    fakes.workerArgument = argument;
+    return 0;
+}
+
+WorkerScope::WorkerScope(WorkerEntry) : entered_(!fakes.stopping)
+{
+}
+
+WorkerScope::~WorkerScope() = default;
+
+bool workersStopping()
+{
+    return fakes.stopping;
+}
+
+void cfg_uci_lock()
+{
+}
+
+void cfg_uci_unlock()
+{
+}
+
+int32_t cfg_uci_commit(int32_t)
+{
+    ++fakes.commits;
+    return fakes.commitFails ? CFG_UCI_FAILED : 0;
+}
+
+int32_t cfg_uci_get_int_value(int32_t, const char* section, const char* option, int32_t* out)
+{
+    const auto found = fakes.options.find(std::string(section) + "." + option);
+    if (found == fakes.options.end())
+        return CFG_UCI_FAILED;
+    *out = atoi(found->second.c_str()); // tests store plain numbers
+    return 0;
+}
+
+int32_t cfg_uci_set_int_value(int32_t, const char* section, const char* option, int32_t value)
+{
+    if (fakes.settingFails)
+        return CFG_UCI_FAILED;
+    fakes.options[std::string(section) + "." + option] = std::to_string(value);
+    return 0;
+}
+
+// Handlers answer through these; what they answer is tested on the bus.
+int replyCode(ubus_context*, ubus_request_data*, int32_t)
+{
+    return 0;
+}
