@@ -132,6 +132,8 @@ public:
     pid_t ptzdPid() const;
     /// Waits until the daemon has been through its calibration and answers; false with the end of its log as error().
     bool waitReady(std::chrono::milliseconds timeout);
+    /// How long a calibration takes in real time at the present speeds, roughly.
+    std::chrono::milliseconds calibrationTime() const;
     /// True once the daemon has been through its calibration and answers.
     bool isReady();
 
@@ -143,6 +145,7 @@ public:
 
     /// How CET answers from now on; `delayMs` (real time) counts for CET_LATE.
     void setCet(LabCetMode mode, int32_t delayMs = 0);
+    LabCetMode cetMode() const;
 
     // Motors. Requests that are being answered see the change, delayed ones too.
     void failRequest(LabAxisId axis, LabRequest request, int32_t times = 1, int error = 5);
@@ -212,8 +215,6 @@ private:
     bool startProgram(const std::string& name, const std::vector<std::string>& command);
     std::optional<int> endProgram(const std::string& name, int signal, std::chrono::milliseconds patience);
     bool endAll();
-    bool checkStillThere();
-    std::chrono::milliseconds calibrationTime() const;
     void editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit);
 
     std::string folder_;

@@ -1,0 +1,177 @@
+#include "bus_call.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+#include <libubus.h>
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::mutex gBusLibrary;
+
+/// A socket's path that fits into a socket address: a long one goes through a descriptor of its folder.
+class SocketPath {
+public:
+    explicit SocketPath(const std::string& path) : text_(path)
+    {
+        if (path.size() < sizeof(sockaddr_un::sun_path))
+            return;
+        const size_t slash = path.rfind('/');
+        folder_ = open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        text_ = "/proc/self/fd/" + std::to_string(folder_) + path.substr(slash);
+    }
+    ~SocketPath()
+    {
+        if (folder_ >= 0)
+            close(folder_);
+    }
+    SocketPath(const SocketPath&) = delete;
+    SocketPath& operator=(const SocketPath&) = delete;
+    const std::string& text() const
+    {
+        return text_;
+    }
+
+private:
+    std::string text_;
+    int folder_ = -1;
+};
+
+/// One connection. Every member needs gBusLibrary.
+class Connection {
+public:
+    explicit Connection(const std::string& socket)
+    {
+        // The library makes itself at home in the process with the first connection; its signals stay ours.
+        uloop_handle_sigchld = false;
+        struct sigaction interrupt {};
+        struct sigaction terminate {};
+        sigaction(SIGINT, nullptr, &interrupt);
+        sigaction(SIGTERM, nullptr, &terminate);
+        const SocketPath path(socket);
+        context_ = ubus_connect(path.text().c_str());
+        sigaction(SIGINT, &interrupt, nullptr);
+        sigaction(SIGTERM, &terminate, nullptr);
+    }
+    ~Connection()
+    {
+        if (context_)
+            ubus_free(context_);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ubus_context* get()
+    {
+        return context_;
+    }
+
+private:
+    ubus_context* context_ = nullptr;
+};
+
+struct Call {
+    ubus_request request{};
+    LabReply reply{UBUS_STATUS_OK, ""};
+    bool ended = false;
+};
+
+void takeData(ubus_request* request, int, blob_attr* message)
+{
+    char* text = blobmsg_format_json(message, true);
+    if (text)
+        static_cast<Call*>(request->priv)->reply.text += text;
+    free(text);
+}
+
+void takeEnd(ubus_request* request, int status)
+{
+    auto* call = static_cast<Call*>(request->priv);
+    call->reply.status = status;
+    call->ended = true;
+}
+
+/// Sends the call. A bus status; needs gBusLibrary.
+int beginCall(ubus_context* context, Call& call, const std::string& object, const std::string& method,
+              const std::string& json)
+{
+    uint32_t id = 0;
+    int status = ubus_lookup_id(context, object.c_str(), &id);
+    if (status == UBUS_STATUS_OK && id == 0)
+        status = UBUS_STATUS_NOT_FOUND;
+    if (status != UBUS_STATUS_OK)
+        return status;
+    blob_buf arguments{};
+    blob_buf_init(&arguments, 0);
+    if (!json.empty() && !blobmsg_add_json_from_string(&arguments, json.c_str()))
+        status = UBUS_STATUS_INVALID_ARGUMENT;
+    if (status == UBUS_STATUS_OK)
+        status = ubus_invoke_async(context, id, method.c_str(), arguments.head, &call.request);
+    blob_buf_free(&arguments);
+    if (status != UBUS_STATUS_OK)
+        return status;
+    call.request.data_cb = takeData;
+    call.request.complete_cb = takeEnd;
+    call.request.priv = &call;
+    ubus_complete_request_async(context, &call.request);
+    return UBUS_STATUS_OK;
+}
+
+} // namespace
+
+bool busAnswers(const std::string& socket)
+{
+    const SocketPath path(socket);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.text().size() >= sizeof(address.sun_path))
+        return false;
+    path.text().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool answers = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    close(fd);
+    return answers;
+}
+
+LabReply callOnBus(const std::string& socket, const std::string& object, const std::string& method,
+                   const std::string& json, std::chrono::milliseconds timeout)
+{
+    const auto deadline = Clock::now() + timeout;
+    std::unique_lock hold(gBusLibrary);
+    Connection connection(socket);
+    ubus_context* context = connection.get();
+    if (!context)
+        return {UBUS_STATUS_CONNECTION_FAILED, ""};
+    Call call;
+    const int status = beginCall(context, call, object, method, json);
+    if (status != UBUS_STATUS_OK)
+        return {status, ""};
+    while (!call.ended && !context->sock.eof) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0)
+            break;
+        pollfd wait{context->sock.fd, POLLIN, 0};
+        hold.unlock();
+        poll(&wait, 1, static_cast<int>(std::min<long>(left, 1000)));
+        hold.lock();
+        if (wait.revents != 0)
+            ubus_handle_event(context);
+    }
+    if (!call.ended) {
+        ubus_abort_request(context, &call.request);
+        return {context->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT, ""};
+    }
+    return call.reply;
+}

@@ -1,0 +1,13 @@
+#pragma once
+// Small file helpers of the launcher. All may run on any thread; false and errno (or nothing) when they fail.
+
+#include <string>
+
+/// The whole text of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+/// Replaces a file; a reader sees the old or the new text, whole.
+bool writeFile(const std::string& path, const std::string& text);
+/// Creates a folder and those above it.
+bool makeFolders(const std::string& path);
+/// The last lines of a text, each indented by two blanks.
+std::string tailOf(const std::string& text, int lines);

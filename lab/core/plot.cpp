@@ -1,0 +1,266 @@
+// Pan and tilt over time as a picture.
+
+#include "lab/lab.h"
+
+#include "lab/clock.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <sstream>
+
+namespace {
+
+constexpr double WIDTH = 1000;
+constexpr double LEFT = 70;
+constexpr double RIGHT = 20;
+constexpr double PANEL_TOP = 78;
+constexpr double PANEL_HEIGHT = 220;
+constexpr double PANEL_GAP = 46;
+constexpr double HEIGHT = PANEL_TOP + 2 * PANEL_HEIGHT + PANEL_GAP + 56;
+
+// Colours come from one style sheet, with a second set for viewers that prefer dark.
+constexpr const char* STYLE = R"(<style>
+  svg { font: 12px sans-serif }
+  .paper { fill: #ffffff } .grid { stroke: #d8dde3; stroke-width: 1 } .frame { stroke: #7a8594; fill: none }
+  text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
+  .moving { fill: #ffe9b8 } .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
+  .move { fill: #2f8f46 } .rotate { fill: #8a4fbf } .stop { fill: #c43a31 } .set { fill: #5b6672 }
+  .failed { stroke: #c43a31; stroke-width: 2.5 } .power { stroke: #c43a31; stroke-dasharray: 4 3 }
+  @media (prefers-color-scheme: dark) {
+    .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
+    text { fill: #dbe2ea } .unit { fill: #9aa6b4 }
+    .moving { fill: #4a3c14 } .course { stroke: #63b0f4 }
+    .move { fill: #63c97c } .rotate { fill: #c193ef } .stop { fill: #f2776e } .set { fill: #9aa6b4 }
+    .failed { stroke: #f2776e } .power { stroke: #f2776e }
+  }
+</style>
+)";
+
+double seconds(int64_t ns)
+{
+    return static_cast<double>(ns) / NS_PER_SECOND;
+}
+
+/// 1, 2 or 5 times a power of ten, so that a span has about `count` of them.
+double tickStep(double span, int count)
+{
+    const double rough = span / count;
+    const double power = std::pow(10, std::floor(std::log10(rough)));
+    const double digit = rough / power;
+    return power * (digit <= 1 ? 1 : digit <= 2 ? 2 : digit <= 5 ? 5 : 10);
+}
+
+std::string number(double value)
+{
+    std::ostringstream text;
+    text.precision(6);
+    text << (std::abs(value) < 1e-9 ? 0 : value);
+    return text.str();
+}
+
+/// The pixel column of a lab time.
+struct TimeScale {
+    double from;
+    double to;
+    double x(double time) const
+    {
+        return LEFT + (time - from) / (to - from) * (WIDTH - LEFT - RIGHT);
+    }
+};
+
+/// One axis: its place on the page and its scale.
+struct Panel {
+    const char* name;
+    double top;
+    LabAxisSetting setting;
+
+    double coordinate(double steps) const
+    {
+        return steps * setting.range / std::max(setting.total_steps, 1) - setting.range / 2.0;
+    }
+    /// The pixel row of a coordinate; the travel fills the panel but for a margin.
+    double y(double coord) const
+    {
+        const double half = std::max(setting.range, 1) / 2.0 * 1.08;
+        return top + PANEL_HEIGHT / 2 - coord / half * PANEL_HEIGHT / 2;
+    }
+    double yOfSteps(double steps) const
+    {
+        return y(coordinate(steps));
+    }
+};
+
+using Journal = std::vector<LabJournalEntry>;
+
+double endOfMotion(const LabJournalEntry& entry)
+{
+    if (entry.rate == 0)
+        return seconds(entry.labNs);
+    return seconds(entry.labNs) +
+           static_cast<double>(std::abs(entry.left)) / static_cast<double>(std::llabs(entry.rate));
+}
+
+TimeScale timeScaleOf(const Journal& journal, const std::vector<LabCetEntry>& cetLog)
+{
+    double last = 0;
+    for (const LabJournalEntry& entry : journal)
+        last = std::max(last, endOfMotion(entry));
+    for (const LabCetEntry& entry : cetLog)
+        last = std::max(last, seconds(entry.labNs));
+    double first = last;
+    if (!journal.empty())
+        first = std::min(first, seconds(journal.front().labNs));
+    if (!cetLog.empty())
+        first = std::min(first, seconds(cetLog.front().labNs));
+    const double margin = std::max((last - first) * 0.01, 0.01);
+    return {first - margin, last + margin};
+}
+
+void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool timeLabels)
+{
+    const double bottom = panel.top + PANEL_HEIGHT;
+    const double timeStep = tickStep(time.to - time.from, 10);
+    for (double t = std::ceil(time.from / timeStep) * timeStep; t <= time.to; t += timeStep) {
+        out << "<line class='grid' x1='" << time.x(t) << "' x2='" << time.x(t) << "' y1='" << panel.top << "' y2='"
+            << bottom << "'/>\n";
+        if (timeLabels)
+            out << "<text x='" << time.x(t) << "' y='" << bottom + 16 << "' text-anchor='middle'>" << number(t)
+                << "</text>\n";
+    }
+    const double half = panel.setting.range / 2.0;
+    const double step = tickStep(std::max(panel.setting.range, 1), 6);
+    for (double c = std::ceil(-half / step) * step; c <= half; c += step) {
+        out << "<line class='grid' x1='" << LEFT << "' x2='" << WIDTH - RIGHT << "' y1='" << panel.y(c) << "' y2='"
+            << panel.y(c) << "'/>\n<text x='" << LEFT - 8 << "' y='" << panel.y(c) + 4 << "' text-anchor='end'>"
+            << number(c) << "</text>\n";
+    }
+    out << "<rect class='frame' x='" << LEFT << "' y='" << panel.top << "' width='" << WIDTH - LEFT - RIGHT
+        << "' height='" << PANEL_HEIGHT << "'/>\n<text x='" << LEFT << "' y='" << panel.top - 8 << "'>" << panel.name
+        << " <tspan class='unit'>coordinate units</tspan></text>\n";
+}
+
+/// The spans between a moving and the next idle notification; one that is still open runs to the end.
+void drawMovingSpans(std::ostream& out, const Panel& panel, const TimeScale& time,
+                     const std::vector<LabCetEntry>& cetLog)
+{
+    double since = -1;
+    const auto span = [&](double until) {
+        out << "<rect class='moving' x='" << time.x(since) << "' y='" << panel.top << "' width='"
+            << time.x(until) - time.x(since) << "' height='" << PANEL_HEIGHT << "'/>\n";
+        since = -1;
+    };
+    for (const LabCetEntry& entry : cetLog) {
+        if (entry.isEvent)
+            continue;
+        if (entry.name == "notify_motor_moving" && since < 0)
+            since = seconds(entry.labNs);
+        else if (entry.name == "notify_motor_idle" && since >= 0)
+            span(seconds(entry.labNs));
+    }
+    if (since >= 0)
+        span(time.to);
+}
+
+/// The driver's position. After each request the axis rests or runs at a known rate until its steps are made, an end
+/// of the travel is reached, or the next request comes.
+void drawCourse(std::ostream& out, const Panel& panel, const TimeScale& time, const Journal& journal, LabAxisId axis)
+{
+    std::ostringstream points;
+    const auto point = [&](double t, double steps) { points << time.x(t) << ',' << panel.yOfSteps(steps) << ' '; };
+    const LabJournalEntry* former = nullptr;
+    const auto runFrom = [&](const LabJournalEntry& entry, double until) {
+        const double start = seconds(entry.labNs);
+        double end = std::min(endOfMotion(entry), until);
+        double steps = entry.count + static_cast<double>(entry.rate) * (end - start);
+        const double limited = std::clamp<double>(steps, 0, panel.setting.total_steps);
+        if (limited != steps)
+            end = start + (limited - entry.count) / static_cast<double>(entry.rate);
+        point(end, limited);
+        point(until, limited);
+    };
+    for (const LabJournalEntry& entry : journal) {
+        if (entry.axis != axis)
+            continue;
+        if (former)
+            runFrom(*former, seconds(entry.labNs));
+        point(seconds(entry.labNs), entry.count);
+        former = &entry;
+    }
+    if (former)
+        runFrom(*former, time.to);
+    out << "<polyline class='course' points='" << points.str() << "'/>\n";
+}
+
+void drawMark(std::ostream& out, const LabJournalEntry& entry, double x, double y)
+{
+    if (entry.request == JOURNAL_POWER_LOSS)
+        out << "<line class='power' x1='" << x << "' x2='" << x << "' y1='" << y - 40 << "' y2='" << y + 40 << "'/>\n";
+    else if (entry.result != 0)
+        out << "<path class='failed' d='M" << x - 5 << ' ' << y - 5 << "l10 10m0 -10l-10 10'/>\n";
+    else if (entry.request == "MOVE")
+        out << "<path class='move' d='M" << x << ' ' << y - 6 << "l6 11h-12z'/>\n";
+    else if (entry.request == "ROTATE")
+        out << "<circle class='rotate' cx='" << x << "' cy='" << y << "' r='4.5'/>\n";
+    else if (entry.request == "STOP")
+        out << "<rect class='stop' x='" << x - 4.5 << "' y='" << y - 4.5 << "' width='9' height='9'/>\n";
+    else if (entry.request == "SET_POSITION")
+        out << "<path class='set' d='M" << x << ' ' << y - 6 << "l6 6l-6 6l-6 -6z'/>\n";
+}
+
+void drawMarks(std::ostream& out, const Panel& panel, const TimeScale& time, const Journal& journal, LabAxisId axis)
+{
+    for (const LabJournalEntry& entry : journal) {
+        if (entry.axis == axis)
+            drawMark(out, entry, time.x(seconds(entry.labNs)), panel.yOfSteps(entry.count));
+    }
+}
+
+void drawLegend(std::ostream& out)
+{
+    const double y = 40;
+    double x = LEFT + 5;
+    const auto label = [&](const char* text, double width) {
+        out << "<text x='" << x + 12 << "' y='" << y + 4 << "'>" << text << "</text>\n";
+        x += width;
+    };
+    LabJournalEntry sample{};
+    const auto mark = [&](const char* request, int result, const char* text, double width) {
+        sample.request = request;
+        sample.result = result;
+        drawMark(out, sample, x, y);
+        label(text, width);
+    };
+    mark("MOVE", 0, "move", 75);
+    mark("ROTATE", 0, "rotate", 80);
+    mark("STOP", 0, "stop", 70);
+    mark("SET_POSITION", 0, "position told", 120);
+    mark("MOVE", 1, "request failed", 125);
+    out << "<rect class='moving' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
+    label("announced as moving", 0);
+}
+
+} // namespace
+
+std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetLog,
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT])
+{
+    const TimeScale time = timeScaleOf(journal, cetLog);
+    const Panel panels[] = {{"Pan", PANEL_TOP, axes[LAB_PAN]},
+                            {"Tilt", PANEL_TOP + PANEL_HEIGHT + PANEL_GAP, axes[LAB_TILT]}};
+    std::ostringstream out;
+    out << "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << WIDTH << ' ' << HEIGHT << "' width='" << WIDTH
+        << "' height='" << HEIGHT << "' role='img' aria-label='Pan and tilt over time'>\n"
+        << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT
+        << "' y='22'>Pan and tilt over time</text>\n";
+    drawLegend(out);
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+        drawMovingSpans(out, panels[axis], time, cetLog);
+        drawGrid(out, panels[axis], time, axis == LAB_TILT);
+        drawCourse(out, panels[axis], time, journal, axis);
+        drawMarks(out, panels[axis], time, journal, axis);
+    }
+    out << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << HEIGHT - 12
+        << "' text-anchor='middle'>lab time in s</text>\n</svg>\n";
+    return out.str();
+}

@@ -1,0 +1,188 @@
+// What a lab folder holds before its programs start.
+
+#include "lab/lab.h"
+
+#include "files.h"
+#include "lab/clock.h"
+#include "lab_paths.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* FOLDERS[] = {"etc/config",      "tmp/.uci", "var/run/uci", "var/run/ubus",
+                                   "usr/share/acl.d", "dev",      "log",         "pid"};
+
+std::string nodePath(const std::string& folder, LabAxisId axis)
+{
+    return folder + (axis == LAB_PAN ? "/dev/x-motor" : "/dev/y-motor");
+}
+
+/// Where the node waits while it is missing: the same file, so that open descriptors still are the axis.
+std::string hiddenNodePath(const std::string& folder, LabAxisId axis)
+{
+    return nodePath(folder, axis) + ".gone";
+}
+
+bool moveFile(const std::string& from, const std::string& to)
+{
+    return rename(from.c_str(), to.c_str()) == 0;
+}
+
+/// Creates a file unless it is there; false when that fails.
+bool touch(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd >= 0)
+        close(fd);
+    return fd >= 0;
+}
+
+/// Default settings that the folder does not have yet, then the given packages.
+bool copySettings(const std::string& folder, const std::map<std::string, std::string>& packages)
+{
+    std::error_code problem;
+    for (const auto& entry : fs::directory_iterator(LAB_CONFIG_FOLDER, problem)) {
+        const fs::path target = fs::path(folder) / "etc/config" / entry.path().filename();
+        if (!fs::exists(target))
+            fs::copy_file(entry.path(), target, problem);
+        if (problem)
+            return false;
+    }
+    bool written = true;
+    for (const auto& [name, text] : packages)
+        written = writeFile(folder + "/etc/config/" + name, text) && written;
+    return written && !problem;
+}
+
+/// Newer bus libraries look for the bus in a folder of its own; both names lead to the one socket.
+void linkBusSocket(const std::string& folder)
+{
+    const std::string plain = folder + "/var/run/ubus.sock";
+    const std::string below = folder + "/var/run/ubus/ubus.sock";
+    std::error_code ignored;
+    fs::remove(plain, ignored);
+    fs::remove(below, ignored);
+    if (std::string(LAB_BUS_SOCKET).ends_with("/ubus/ubus.sock"))
+        fs::create_symlink("ubus/ubus.sock", plain, ignored);
+    else
+        fs::create_symlink("../ubus.sock", below, ignored);
+}
+
+/// A zeroed record of the state, in a file that becomes DIR/state when it is complete.
+LabState* mapFreshState(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    void* memory = MAP_FAILED;
+    if (fd >= 0 && ftruncate(fd, sizeof(LabState)) == 0)
+        memory = mmap(nullptr, sizeof(LabState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (fd >= 0)
+        close(fd);
+    return memory == MAP_FAILED ? nullptr : static_cast<LabState*>(memory);
+}
+
+/// Where the shafts of an earlier lab in this folder stand; -1 without one.
+std::array<int32_t, LAB_AXIS_COUNT> formerShafts(const std::string& folder)
+{
+    std::array<int32_t, LAB_AXIS_COUNT> shafts{-1, -1};
+    LabState* former = mapLabState(folder.c_str());
+    if (!former)
+        return shafts;
+    const int64_t now = labNow(*former);
+    for (uint32_t axis = 0; axis < LAB_AXIS_COUNT; ++axis) {
+        const LabAxisRecord& record = former->axes[axis];
+        shafts[axis] = axisAt(record.slots[record.current.load() & 1], now).shaft;
+    }
+    munmap(former, sizeof(LabState));
+    return shafts;
+}
+
+LabAxis axisWithoutPower(const LabAxisSetting& setting, int32_t factor, int32_t shaft)
+{
+    LabAxis axis{};
+    axis.range = setting.range;
+    axis.maxSpeed = setting.max_speed;
+    axis.totalSteps = setting.total_steps;
+    axis.factor = std::max(factor, 1);
+    axis.shaft = shaft < 0 ? setting.total_steps / 2 : std::min(shaft, setting.total_steps);
+    losePower(axis, 0);
+    return axis;
+}
+
+} // namespace
+
+bool Lab::prepare(const LabOptions& options)
+{
+    options_ = options;
+    for (const char* name : FOLDERS) {
+        if (!makeFolders(folder_ + "/" + name))
+            return fail("cannot create " + folder_ + "/" + name + ": " + strerror(errno));
+    }
+    if (!copySettings(folder_, options_.config))
+        return fail("cannot copy the settings to " + folder_ + "/etc/config");
+    linkBusSocket(folder_);
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+        if (!hasNode(axis) && !moveFile(hiddenNodePath(folder_, axis), nodePath(folder_, axis)) &&
+            !touch(nodePath(folder_, axis)))
+            return fail("cannot create " + nodePath(folder_, axis));
+    }
+    std::string start = options_.ptzd + "\n";
+    for (const std::string& variable : options_.environment)
+        start += variable + "\n";
+    if (!touch(folder_ + "/dev/console") || !writeFile(folder_ + "/start", start) || !createState(options_))
+        return fail("cannot write to " + folder_);
+    std::error_code ignored;
+    for (const auto& log : fs::directory_iterator(folder_ + "/log", ignored))
+        fs::remove(log.path(), ignored);
+    forget();
+    setSpeed(options_.clockSpeed);
+    return options_.wallClock.empty() || setWall(options_.wallClock);
+}
+
+bool Lab::createState(const LabOptions& options)
+{
+    const std::array<int32_t, LAB_AXIS_COUNT> shafts = formerShafts(folder_);
+    const std::string path = folder_ + "/state";
+    LabState* fresh = mapFreshState(path + ".new");
+    if (!fresh)
+        return false;
+    if (state_)
+        munmap(state_, sizeof(LabState));
+    state_ = fresh;
+    bool complete = initLabState(*fresh) == 0;
+    const LabAxisSetting settings[] = {options.pan, options.tilt};
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+        LabAxisRecord& record = fresh->axes[axis];
+        record.slots[record.current.load() & 1] = axisWithoutPower(settings[axis], options.factor, shafts[axis]);
+        struct stat node {};
+        complete = stat(nodePath(folder_, axis).c_str(), &node) == 0 && complete;
+        record.nodeDevice = node.st_dev;
+        record.nodeInode = node.st_ino;
+    }
+    return complete && moveFile(path + ".new", path);
+}
+
+bool Lab::hasNode(LabAxisId axis) const
+{
+    return access(nodePath(folder_, axis).c_str(), F_OK) == 0;
+}
+
+bool Lab::setNode(LabAxisId axis, bool present)
+{
+    if (hasNode(axis) == present)
+        return true;
+    const std::string shown = nodePath(folder_, axis);
+    const std::string hidden = hiddenNodePath(folder_, axis);
+    return (present ? moveFile(hidden, shown) : moveFile(shown, hidden)) || fail("cannot rename " + shown);
+}
