@@ -1,0 +1,236 @@
+#include "dispatch.h"
+
+#include "lookup.h"
+#include "names.h"
+#include "reply.h"
+
+namespace {
+
+// Appends the caller's names where they fit; a call as long as a message may be goes without them.
+void putCaller(MessageWriter& writer, const Client& caller, size_t rest)
+{
+    const std::string& user = userName(caller.user());
+    const std::string& group = groupName(caller.group());
+    if (rest + 2 * ATTR_SIZE + padded(user.size() + 1) + padded(group.size() + 1) > MAX_ROOT)
+        return;
+    writer.put(ATTR_USER, user);
+    writer.put(ATTR_GROUP, group);
+}
+
+void forwardCall(const Client& caller, Object& object, const Message& call)
+{
+    MessageWriter writer(MSG_INVOKE, call.seq, caller.id());
+    writer.put(ATTR_OBJID, object.id);
+    writer.put(ATTR_METHOD, *call.method);
+    putCaller(writer, caller, padded(call.raw.size()));
+    if (call.data)
+        writer.put(ATTR_DATA, *call.data);
+    object.owner->send(writer.finish());
+}
+
+} // namespace
+
+void Bus::connect(int fd, int epollFd)
+{
+    const uint32_t id = freshId(clients_);
+    Client& client = clients_.try_emplace(id, fd, id, epollFd).first->second;
+    if (client.watch())
+        client.send(MessageWriter(MSG_HELLO, 0, id).finish());
+    else
+        clients_.erase(id);
+}
+
+void Bus::disconnect(Client& client)
+{
+    client.mute();
+    while (!client.objects.empty())
+        dropObject(*client.objects.back());
+    clients_.erase(client.id());
+}
+
+Client* Bus::find(uint32_t id)
+{
+    const auto found = clients_.find(id);
+    return found == clients_.end() ? nullptr : &found->second;
+}
+
+bool Bus::work(Client& client)
+{
+    while (answerLookup(client, registry_)) {
+        Bytes raw;
+        const auto next = client.input.next(raw);
+        if (next == InputBuffer::Next::Broken)
+            return false;
+        if (next == InputBuffer::Next::Incomplete)
+            break;
+        handle(client, readMessage(raw));
+    }
+    client.input.release();
+    return true;
+}
+
+void Bus::handle(Client& client, const Message& message)
+{
+    std::optional<Status> status = Status::Ok;
+    switch (message.type) {
+    case MSG_STATUS:
+    case MSG_DATA:
+        forwardAnswer(client, message);
+        return;
+    case MSG_LOOKUP:
+        beginLookup(client, message);
+        return;
+    case MSG_PING: {
+        std::vector<uint8_t> echo(message.raw.begin(), message.raw.end());
+        echo[1] = MSG_DATA;
+        client.send(echo);
+        break;
+    }
+    case MSG_INVOKE:
+        status = invoke(client, message);
+        break;
+    case MSG_ADD_OBJECT:
+        status = addObject(client, message);
+        break;
+    case MSG_REMOVE_OBJECT:
+        status = removeObject(client, message);
+        break;
+    default:
+        status = Status::InvalidCommand;
+        break;
+    }
+    if (status)
+        sendStatus(client, message.seq, message.peer, *status);
+}
+
+Status Bus::addObject(Client& client, const Message& message)
+{
+    const Object* object = registry_.add(client, message.path, message.typeId, message.signature);
+    if (!object)
+        return Status::InvalidArgument;
+    if (object->name)
+        announce("ubus.object.add", object->id, *object->name);
+    MessageWriter answer(MSG_DATA, message.seq, message.peer);
+    answer.put(ATTR_OBJID, object->id);
+    if (message.signature && object->type)
+        answer.put(ATTR_OBJTYPE, object->type->id);
+    client.send(answer.finish());
+    return Status::Ok;
+}
+
+Status Bus::removeObject(Client& client, const Message& message)
+{
+    if (!message.objectId)
+        return Status::InvalidArgument;
+    if (*message.objectId == EVENT_OBJECT)
+        return Status::PermissionDenied;
+    Object* object = registry_.find(*message.objectId);
+    if (!object)
+        return Status::NotFound;
+    if (object->owner != &client)
+        return Status::PermissionDenied;
+    MessageWriter answer(MSG_DATA, message.seq, message.peer);
+    answer.put(ATTR_OBJID, object->id);
+    const uint32_t typeId = object->type ? object->type->id : 0;
+    if (dropObject(*object))
+        answer.put(ATTR_OBJTYPE, typeId);
+    client.send(answer.finish());
+    return Status::Ok;
+}
+
+// Nothing to answer when the call was forwarded: its owner does.
+std::optional<Status> Bus::invoke(Client& client, const Message& message)
+{
+    if (!message.objectId || !message.method)
+        return Status::InvalidArgument;
+    if (*message.objectId == EVENT_OBJECT)
+        return callEvents(client, message);
+    Object* object = registry_.find(*message.objectId);
+    if (!object)
+        return Status::NotFound;
+    forwardCall(client, *object, message);
+    return std::nullopt;
+}
+
+Status Bus::callEvents(Client& client, const Message& message)
+{
+    if (*message.method == "register")
+        return registerPattern(client, message.data.value_or(Bytes()));
+    if (*message.method == "send")
+        return sendEvent(client, message.data.value_or(Bytes()));
+    return Status::InvalidCommand;
+}
+
+Status Bus::registerPattern(Client& client, Bytes data)
+{
+    std::optional<uint32_t> id;
+    std::optional<std::string_view> pattern;
+    for (Field field; takeField(data, field);) {
+        if (!id && field.type == FIELD_INT32 && field.name == "object")
+            id = readU32(field.value.data());
+        else if (!pattern && field.type == FIELD_STRING && field.name == "pattern")
+            pattern = textOf(field.value);
+    }
+    if (!id || !pattern)
+        return Status::InvalidArgument;
+    if (*id < FIRST_OWN_ID)
+        return Status::PermissionDenied;
+    Object* object = registry_.find(*id);
+    if (!object)
+        return Status::NotFound;
+    if (object->owner != &client || pattern->empty())
+        return Status::PermissionDenied;
+    events_.add(*object, *pattern);
+    return Status::Ok;
+}
+
+Status Bus::sendEvent(Client& client, Bytes data)
+{
+    std::optional<std::string_view> name;
+    std::optional<Bytes> content;
+    for (Field field; takeField(data, field);) {
+        if (!name && field.type == FIELD_STRING && field.name == "id")
+            name = textOf(field.value);
+        else if (!content && field.type == FIELD_TABLE && field.name == "data")
+            content = field.value;
+    }
+    if (!name || !content)
+        return Status::InvalidArgument;
+    if (name->starts_with("ubus."))
+        return Status::PermissionDenied; // the daemon's own
+    events_.publish(&client, *name, *content);
+    return Status::Ok;
+}
+
+// An answer to a call: byte for byte as the owner wrote it, but for the peer. There is no record of calls, so whoever
+// owns the object may answer anybody.
+void Bus::forwardAnswer(Client& client, const Message& message)
+{
+    const Object* object = message.objectId ? registry_.find(*message.objectId) : nullptr;
+    Client* caller = find(message.peer);
+    if (!object || object->owner != &client || !caller)
+        return;
+    std::vector<uint8_t> answer(message.raw.begin(), message.raw.end());
+    writeU32(&answer[4], object->id);
+    caller->send(answer);
+}
+
+void Bus::announce(const char* event, uint32_t id, const std::string& name)
+{
+    std::vector<uint8_t> data;
+    putField(data, "id", id);
+    putField(data, "path", name);
+    events_.publish(nullptr, event, data);
+}
+
+// True when the object's type goes too.
+bool Bus::dropObject(Object& object)
+{
+    const uint32_t id = object.id;
+    const std::optional<std::string> name = object.name ? std::optional(*object.name) : std::nullopt;
+    events_.forget(object);
+    const bool typeGone = registry_.remove(object);
+    if (name)
+        announce("ubus.object.remove", id, *name);
+    return typeGone;
+}

@@ -1,0 +1,88 @@
+#pragma once
+// Reading and writing of messages and of the attributes in them. Everything here bears any input: what does not fit
+// into the bytes at hand ends a walk, and no function reads past them.
+
+#include "protocol.h"
+
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+using Bytes = std::span<const uint8_t>;
+
+/// Big-endian numbers; `at` must have 2 or 4 bytes.
+uint16_t readU16(const uint8_t* at);
+uint32_t readU32(const uint8_t* at);
+void writeU16(uint8_t* at, uint16_t value);
+void writeU32(uint8_t* at, uint32_t value);
+
+/// Next multiple of 4.
+constexpr size_t padded(size_t length)
+{
+    return (length + 3) & ~size_t{3};
+}
+
+struct Attribute {
+    uint8_t id = 0;
+    bool extended = false; // the payload begins with a name header
+    Bytes payload;
+};
+
+/// Takes the first attribute off `run` into `out`.
+///
+/// The padding behind a last attribute may be missing. False, and nothing changed, when no whole attribute is left.
+[[nodiscard]] bool takeAttribute(Bytes& run, Attribute& out);
+
+/// A named, typed value inside DATA or SIGNATURE.
+struct Field {
+    uint8_t type = 0;
+    std::string_view name;
+    Bytes value;
+};
+
+/// Takes the first valid field off `run`, passing over attributes without a name header.
+///
+/// False at the end and at the first invalid or truncated field: what follows one is not looked at.
+[[nodiscard]] bool takeField(Bytes& run, Field& out);
+
+/// Text up to its first NUL; `bytes` must hold one.
+std::string_view textOf(Bytes bytes);
+
+/// A whole message as it came, header first, and what the daemon uses of it. Refers to the bytes it was read from.
+struct Message {
+    Bytes raw;
+    uint8_t type = 0;
+    uint16_t seq = 0;
+    uint32_t peer = 0;
+    // Absent also when of a wrong size or an unterminated text; of repeated ones the last valid one.
+    std::optional<std::string_view> path;
+    std::optional<std::string_view> method;
+    std::optional<uint32_t> objectId;
+    std::optional<uint32_t> typeId;
+    std::optional<Bytes> signature;
+    std::optional<Bytes> data;
+};
+
+/// @param raw  one message with a good root length, complete
+Message readMessage(Bytes raw);
+
+/// Builds one message in memory of its own.
+class MessageWriter {
+public:
+    MessageWriter(MessageType type, uint16_t seq, uint32_t peer);
+    void put(AttrId id, uint32_t value);
+    void put(AttrId id, std::string_view text);
+    void put(AttrId id, Bytes payload);
+
+    /// The message so far, its root length set. Valid until the next put; empty when the message passed MAX_ROOT,
+    /// which no peer would take.
+    Bytes finish();
+
+private:
+    std::vector<uint8_t> bytes_;
+};
+
+/// Appends a field to a DATA payload under construction.
+void putField(std::vector<uint8_t>& data, std::string_view name, uint32_t value);
+void putField(std::vector<uint8_t>& data, std::string_view name, std::string_view text);
