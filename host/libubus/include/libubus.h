@@ -108,7 +108,8 @@ struct ubus_context {
     bool cancel_poll; /* the connection is gone: no wait goes on */
     int stack_depth;  /* waits and handlers under way */
 
-    /* Called when the connection is gone; by default it ends the loop if the socket is still registered. */
+    /* Called once when the connection is gone and the socket out of the loop. The default does nothing: the loop goes
+     * on. May call ubus_reconnect or ubus_free. */
     ubus_connect_handler_t connection_lost;
 
     struct ubus_connection* connection;

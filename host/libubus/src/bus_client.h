@@ -1,0 +1,130 @@
+// What the parts of the client library share. A context and its connection belong to one thread at a time, so that no
+// part takes a lock.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "libubus.h"
+
+// Input.
+
+// A received message, or one that is being received. The root attribute lies behind the record.
+struct Message {
+    list_head list;
+    size_t capacity; // of the root, in bytes
+    size_t missing;  // bytes of the root that have not arrived
+    uint8_t type;
+    uint16_t seq;
+    uint32_t peer;
+};
+
+inline blob_attr* rootOf(Message* message)
+{
+    return reinterpret_cast<blob_attr*>(message + 1);
+}
+
+// A data callback that runs; answers to its request that arrive meanwhile wait for its return.
+struct RunningCallback {
+    ubus_request* req; // null once the request has been forgotten
+    list_head answers; // of Message
+    int endStatus;     // what the request is to end with afterwards, or -1
+    RunningCallback* outer;
+};
+
+constexpr size_t INPUT_SIZE = 8192;
+
+struct ubus_connection {
+    list_head spares; // of Message, to be used again
+    int spareCount;
+    Message* partial; // too long for what has arrived of it
+    size_t inputStart;
+    size_t inputEnd;
+    blob_buf output; // the message that is being built
+    RunningCallback* running;
+    bool lostPending; // the loss has not been reported
+    bool reporting;
+    bool* freed; // set by ubus_shutdown for the report under way
+    uint8_t input[INPUT_SIZE];
+};
+
+enum class Received { Nothing, Part, All };
+
+// Reads once without waiting. Nothing: there was nothing, or the connection is broken, which sets cancel_poll. Part:
+// the buffer has been filled, so more may be there.
+Received fillInput(ubus_context* ctx);
+
+// The next whole message of what has been read, to be given back with releaseMessage; null when there is none. A peer
+// that does not speak the protocol breaks the connection.
+Message* nextMessage(ubus_context* ctx);
+void releaseMessage(ubus_context* ctx, Message* message);
+void releaseMessages(ubus_context* ctx, list_head* messages);
+void discardInput(ubus_context* ctx);
+
+// Waits until the socket can be read (POLLIN) or written (POLLOUT) or is broken. Below 0: without end. False when the
+// time is over; a signal ends the wait early, with true.
+bool waitForSocket(const ubus_context* ctx, short events, int timeoutMs);
+
+// Marks the connection as broken: pending requests end, no wait goes on, and the loss is reported once nothing is under
+// way.
+void breakConnection(ubus_context* ctx);
+
+// Reads without waiting and handles one bufferful, after what is there already.
+Received receive(ubus_context* ctx);
+// Handles the messages that have been read: answers at once, calls at once unless a wait or a handler is under way.
+void handleInput(ubus_context* ctx);
+// Handles the calls that were queued, unless a wait or a handler is under way.
+void dispatchPending(ubus_context* ctx);
+// At the end of a waiting call: handles the calls that were queued and reports a loss, or leaves both to the loop if
+// the socket is in it. Nothing while another wait or a handler is under way. The context may be gone afterwards.
+void settleAfterWait(ubus_context* ctx);
+
+// The socket's and the timer's callbacks in the loop.
+void handleSocket(uloop_fd* sock, unsigned int events);
+void handlePendingTimer(uloop_timeout* timer);
+
+// Output.
+
+// Starts a message in the connection's buffer; null without memory.
+blob_buf* startMessage(ubus_context* ctx);
+// Appends the DATA attribute with the content of `msg`, none for null. False when it does not fit.
+bool putData(blob_buf* buf, const blob_attr* msg);
+// Sends the message that was built, waiting while the socket is full. False when it is too large or sending fails.
+bool sendMessage(ubus_context* ctx, uint8_t type, uint16_t seq, uint32_t peer);
+
+// Attributes of a message; one that is missing or malformed is null.
+struct WireFields {
+    blob_attr* at[UBUS_ATTR_MAX];
+};
+WireFields readFields(const blob_attr* root);
+
+// 0 or null for a missing attribute.
+inline uint32_t numberIn(const WireFields& fields, ubus_msg_attr id)
+{
+    return fields.at[id] ? blob_get_u32(fields.at[id]) : 0;
+}
+inline const char* textIn(const WireFields& fields, ubus_msg_attr id)
+{
+    return fields.at[id] ? blob_get_string(fields.at[id]) : nullptr;
+}
+
+// Requests.
+
+// Sends the message that was built as a request and fills the request's record. UBUS_STATUS_INVALID_ARGUMENT when it
+// cannot be sent.
+int startRequest(ubus_context* ctx, ubus_request* req, ubus_msg_type type, uint32_t peer);
+// A request's record that has not been sent: it may be aborted.
+void initRequest(ubus_context* ctx, ubus_request* req);
+// Starts the message of a method's call, to which only DATA is missing; null when it does not fit.
+blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method);
+// Handles a STATUS or DATA message, and releases it or keeps it for later.
+void answerRequest(ubus_context* ctx, Message* message);
+// Ends every request: waited ones with UBUS_STATUS_CONNECTION_FAILED, others with UBUS_STATUS_TIMEOUT.
+void endAllRequests(ubus_context* ctx);
+
+// Objects.
+
+// Registers an object that is not registered.
+int registerObject(ubus_context* ctx, ubus_object* obj);
+// Handles a call of one of the context's objects.
+void dispatchCall(ubus_context* ctx, Message* message);
