@@ -36,6 +36,7 @@ int32_t setTime(const DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 
 DaemonTimer timerRecord(void (*callback)(void*), void* argument)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): there is no other value for a timer that does not exist
     return {reinterpret_cast<timer_t>(-1), callback, argument};
 }
 

@@ -145,19 +145,27 @@ void receive_call_result_data(ubus_request* request, int, blob_attr* message)
     *result = static_cast<int32_t>(blobmsg_get_u32(fields[0]));
 }
 
-/// A local blob buffer.
-struct LocalBuffer {
-    blob_buf buffer{};
+/// A blob buffer that goes with its scope.
+class LocalBuffer {
+public:
     LocalBuffer()
     {
-        blob_buf_init(&buffer, 0);
+        blob_buf_init(&buffer_, 0);
     }
     ~LocalBuffer()
     {
-        blob_buf_free(&buffer);
+        blob_buf_free(&buffer_);
     }
     LocalBuffer(const LocalBuffer&) = delete;
     LocalBuffer& operator=(const LocalBuffer&) = delete;
+
+    [[nodiscard]] blob_buf& get()
+    {
+        return buffer_;
+    }
+
+private:
+    blob_buf buffer_{};
 };
 
 } // namespace
@@ -208,12 +216,13 @@ int32_t ubus_send_alarm_event(const char* action)
         return -1;
     }
     // The library's own call for events waits without a bound, with BusLock held; this is the message that it sends.
-    LocalBuffer event;
-    addString(event.buffer, "id", ALARM_EVENT);
-    void* data = blobmsg_open_table(&event.buffer, "data");
-    addString(event.buffer, "action", action);
-    blobmsg_close_table(&event.buffer, data);
-    const int status = callAndWait(connection.get(), BUS_EVENT_OBJECT, "send", event.buffer.head, nullptr, nullptr);
+    LocalBuffer local;
+    blob_buf& event = local.get();
+    addString(event, "id", ALARM_EVENT);
+    void* data = blobmsg_open_table(&event, "data");
+    addString(event, "action", action);
+    blobmsg_close_table(&event, data);
+    const int status = callAndWait(connection.get(), BUS_EVENT_OBJECT, "send", event.head, nullptr, nullptr);
     if (status != UBUS_STATUS_OK)
         LOG_ERROR("send event(%s %s) failed.\n", ALARM_EVENT, action);
     return status;

@@ -1,0 +1,114 @@
+// The whole daemon with a simulated head, for system tests.
+#pragma once
+
+#include "lab/lab.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+/// Generous: what takes milliseconds at rest may take seconds on a loaded machine under a sanitizer.
+inline constexpr auto DEADLINE = 20s;
+
+inline constexpr const char* DONE = R"({"error_code":0})";
+inline constexpr const char* REFUSED_DEVICE = R"({"error_code":-64301})";
+inline constexpr const char* REFUSED_PARAM = R"({"error_code":-64302})";
+inline constexpr const char* REFUSED_CALIBRATING = R"({"error_code":-64303})";
+inline constexpr const char* REFUSED_NO_TRAVEL = R"({"error_code":-64304})";
+
+/// Long runs multiply what the ordinary tests do a few times (./dev test --long).
+inline int repetitions(int ordinary, int thorough)
+{
+    return std::getenv("PTZD_LONG_TESTS") ? thorough : ordinary;
+}
+
+/// A head whose whole pan travel at the configured speed, 4, takes 30 ms: 3000 steps at 100,000 a second.
+inline LabOptions fastHead()
+{
+    LabOptions options;
+    options.factor = 25000;
+    return options;
+}
+
+/// A head that takes 3 s for its whole pan travel at the configured speed.
+inline LabOptions slowHead()
+{
+    LabOptions options;
+    options.factor = 250;
+    return options;
+}
+
+class HeadInTheLab : public testing::Test {
+protected:
+    Lab lab;
+
+    void TearDown() override
+    {
+        // Whatever a test did, the daemon must end well and no sanitizer may have found anything.
+        if (lab.ptzdPid() != 0) {
+            const auto status = lab.killPtzd(SIGTERM);
+            ASSERT_TRUE(status.has_value()) << "does not end\n" << lab.ptzdLog();
+            EXPECT_EQ(*status, 0) << lab.ptzdLog();
+        }
+        EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
+        if (HasFailure())
+            std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
+    }
+
+    void up(const LabOptions& options = fastHead())
+    {
+        ASSERT_TRUE(lab.up(options)) << lab.error();
+        lab.forget(); // the calibration announces itself too
+    }
+    bool rests()
+    {
+        return lab.axisNow(LAB_PAN).rate == 0 && lab.axisNow(LAB_TILT).rate == 0;
+    }
+    /// Waits until as many idle as moving notifications and events went out, at least `motions` of each.
+    bool settled(int motions = 1)
+    {
+        return waitUntil(
+            [&] {
+                const int moving = lab.callsToCet("notify_motor_moving");
+                const int idle = lab.callsToCet("notify_motor_idle");
+                return moving >= motions && moving == idle && lab.actions().size() == 2 * static_cast<size_t>(moving);
+            },
+            DEADLINE);
+    }
+    /// Waits until the console shows a report, in the stated form with the reporting function's name.
+    bool reported(const std::string& function, const std::string& text)
+    {
+        const std::regex line("\\[" + function + ":[0-9]+\\]: ([^\n]*)\n");
+        return waitUntil(
+            [&] {
+                const std::string log = lab.ptzdLog();
+                for (auto at = std::sregex_iterator(log.begin(), log.end(), line); at != std::sregex_iterator(); ++at)
+                    if ((*at)[1] == text)
+                        return lab.messageLog().find(" 5 PTZD: " + text + "\n") != std::string::npos;
+                return false;
+            },
+            DEADLINE);
+    }
+    /// The steps words of the move requests of one axis, in order.
+    std::vector<int32_t> moves(LabAxisId axis)
+    {
+        std::vector<int32_t> steps;
+        for (const LabJournalEntry& entry : lab.journal())
+            if (entry.axis == axis && entry.request == "MOVE")
+                steps.push_back(entry.stepsWord());
+        return steps;
+    }
+    int requests(const std::string& name)
+    {
+        int count = 0;
+        for (const LabJournalEntry& entry : lab.journal())
+            count += entry.request == name ? 1 : 0;
+        return count;
+    }
+};

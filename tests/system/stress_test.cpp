@@ -1,0 +1,80 @@
+// The bus that goes away, and random interleavings of everything that moves and stops the head.
+
+#include "head.h"
+
+#include <random>
+
+namespace {
+
+TEST_F(HeadInTheLab, IsBackAfterEveryRestartOfTheBus)
+{
+    up(slowHead());
+    for (int round = 0; round < repetitions(5, 50); ++round) {
+        lab.forget();
+        const std::string target = round % 2 == 0 ? "60" : "0";
+        ASSERT_EQ(lab.call("moveTo", R"({"x_coord":")" + target + R"(","y_coord":"0"})"), DONE) << round;
+        ASSERT_TRUE(lab.stopBus());
+        ASSERT_TRUE(lab.startBus()) << lab.error();
+        const auto restarted = std::chrono::steady_clock::now();
+        ASSERT_TRUE(waitUntil([&] { return lab.call("checkMotorStatus") == R"({"err_code":0})"; }, DEADLINE)) << round;
+        const auto took = std::chrono::steady_clock::now() - restarted;
+        EXPECT_LT(took, std::getenv("PTZD_LONG_TESTS") ? 2500ms : 10000ms) << round;
+        ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+        ASSERT_EQ(lab.axisNow(LAB_PAN).shaft, round % 2 == 0 ? 2100 : 1500) << "the motion ends as if nothing happened";
+        ASSERT_TRUE(waitUntil([&] { return lab.invoke("CET", "notify_motor_idle").status == 0; }, DEADLINE));
+    }
+}
+
+/// Every start is answered by one stop before the next, calls and events alike.
+void expectAlternation(const std::vector<LabCetEntry>& log)
+{
+    bool moving = false;
+    bool started = false;
+    for (const LabCetEntry& entry : log) {
+        bool& state = entry.isEvent ? started : moving;
+        const bool begins = entry.isEvent ? entry.text == "start" : entry.name == "notify_motor_moving";
+        EXPECT_NE(state, begins) << entry.name << " " << entry.text << " twice";
+        state = begins;
+    }
+    EXPECT_FALSE(moving || started) << "a motion has not ended";
+}
+
+TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned n) { return static_cast<int32_t>(random() % n); };
+    LabOptions options = fastHead();
+    options.factor = 5000;
+    up(options);
+    const LabRequest disturbed[] = {LAB_GET_STATUS, LAB_MOVE, LAB_STOP};
+    for (int i = 0; i < repetitions(200, 2000); ++i) {
+        if (below(4) == 0)
+            lab.failRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)]);
+        if (below(4) == 0)
+            lab.delayRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)], below(30));
+        const std::string x = std::to_string(below(301) - 150);
+        const std::string y = std::to_string(below(100) - 39);
+        const std::string coords = R"({"x_coord":")" + x + R"(","y_coord":")" + y + "\"}";
+        const int kind = below(8);
+        const std::string reply = kind == 7 ? lab.call("stop") : lab.call(kind < 4 ? "moveTo" : "move", coords);
+        EXPECT_TRUE(reply == DONE || reply == REFUSED_DEVICE || reply == REFUSED_NO_TRAVEL) << reply;
+        std::this_thread::sleep_for(std::chrono::milliseconds(below(3) == 0 ? below(120) : below(12)));
+    }
+    ASSERT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
+    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    ASSERT_TRUE(settled());
+    const auto polled = [&] { return lab.served(LAB_PAN, LAB_GET_STATUS); };
+    uint32_t last = polled();
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            std::this_thread::sleep_for(200ms);
+            return std::exchange(last, polled()) == last;
+        },
+        DEADLINE))
+        << "the poll runs on";
+    expectAlternation(lab.cetLog());
+}
+
+} // namespace
