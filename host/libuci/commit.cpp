@@ -9,6 +9,7 @@
 /// The new file is locked before the rename, so that the next committer waits until 5 is through.
 #include "file.h"
 
+#include <cerrno>
 #include <unistd.h>
 
 using namespace ucilib;
@@ -85,8 +86,10 @@ int Commit::replaceFile(const uci_package* fresh)
     if (text.failed())
         return UCI_ERR_MEM;
     const OwnedText target(realpath(old_->path, nullptr));
+    if (!target)
+        return errno == ENOMEM ? UCI_ERR_MEM : UCI_ERR_IO;
     struct stat old;
-    if (!target || fstat(file_.get(), &old) != 0)
+    if (fstat(file_.get(), &old) != 0)
         return UCI_ERR_IO;
     Replacement replacement(target.get(), fresh->e.name);
     const int code = replacement.prepare(text.view(), old);

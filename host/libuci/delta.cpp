@@ -39,8 +39,23 @@ bool isMark(std::string_view line, uint64_t digest)
     return line.starts_with(text);
 }
 
-// Splits a word like `+p.section.option=value` in place; false when it is no change. `package` tells whose it is.
-bool parseChange(char* word, const char*& package, Change& change)
+// Whether a change begins here, up to its value or the end of its line. Only then may a quote span lines: garbage with
+// a stray quote in it ends with its own line.
+bool changeBegins(std::string_view text)
+{
+    int dots = 0;
+    for (const char c : text) {
+        if (c == '=' || c == '\n' || c == '\r')
+            return dots == 1 || dots == 2;
+        if (strchr("'\"\\#; \t", c)) // and the NUL
+            return false;
+        dots += c == '.';
+    }
+    return false;
+}
+
+// Splits a word like `+p.section.option=value` in place; false when it is no change to this package.
+bool parseChange(char* word, const char* package, Change& change)
 {
     change = {UCI_CHANGE_SET, nullptr, nullptr, nullptr};
     for (const Sign& sign : SIGNS) {
@@ -61,22 +76,21 @@ bool parseChange(char* word, const char*& package, Change& change)
         *option = '\0';
         change.option = option + 1;
     }
-    package = word;
     change.section = section;
-    return validName(section) && (!change.option || validName(change.option)) &&
+    return strcmp(word, package) == 0 && validName(section) && (!change.option || validName(change.option)) &&
            (change.value || change.kind == UCI_CHANGE_DELETE);
 }
 
-// The only word of a line, or null.
-char* onlyWord(std::span<char> line)
+// Splits a line in place; false when it is no change to this package.
+bool parseLine(std::span<char> line, const char* package, Change& change)
 {
     if (memchr(line.data(), '\0', line.size()))
-        return nullptr;
+        return false;
     Words words(line);
     if (!words.nextCommand())
-        return nullptr;
+        return false;
     char* word = words.next();
-    return word && !words.next() && !words.nextCommand() ? word : nullptr;
+    return word && !words.next() && !words.nextCommand() && parseChange(word, package, change);
 }
 
 // A copy, or null for null; `failed` is set when memory is short.
@@ -173,33 +187,26 @@ int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
     size_t torn = view.npos; // where a line begins that does not end, unless a good one comes later
     size_t end = 0;
     for (size_t at = 0; at < view.size(); at = end) {
-        end = lineEnd(view, at);
-        if (end == view.npos) {
-            // A quote is not closed, or the line feed is missing: the writer died in the middle, and even the part that
-            // is there may mean something else than the whole would have. Or it is garbage, and good lines follow.
-            if (torn == view.npos)
-                torn = at;
-            end = view.find('\n', at);
-            end = end == view.npos ? view.size() : end + 1;
-            continue;
-        }
-        if (isMark(slice(view, at, end), digest)) {
+        const std::string_view rest = slice(view, at, view.size());
+        const bool begins = changeBegins(rest);
+        const size_t whole = begins ? lineEnd(view, at) : view.npos;
+        const size_t feed = view.find('\n', at);
+        end = whole != view.npos ? whole : feed != view.npos ? feed + 1 : view.size();
+        Change change{};
+        if (isMark(rest, digest)) {
             freeDeltas(deltas);
             committedPart = true;
-            continue;
+        } else if (whole == view.npos) {
+            // Its writer died in the middle, and even what is there may mean something else than the whole would have.
+            if ((begins || feed == view.npos) && torn == view.npos)
+                torn = at;
+        } else if (parseLine(text.subspan(at, end - at), package, change)) {
+            torn = view.npos;
+            uci_delta* delta = newDelta(change);
+            if (!delta)
+                return UCI_ERR_MEM;
+            listInsertBefore(deltas, delta->e.list);
         }
-        char* word = onlyWord(text.subspan(at, end - at));
-        const char* owner = nullptr;
-        Change change{};
-        if (!word || !parseChange(word, owner, change))
-            continue;
-        torn = view.npos;
-        if (strcmp(owner, package) != 0)
-            continue;
-        uci_delta* delta = newDelta(change);
-        if (!delta)
-            return UCI_ERR_MEM;
-        listInsertBefore(deltas, delta->e.list);
     }
     wholeSize = torn == view.npos ? view.size() : torn;
     return UCI_OK;

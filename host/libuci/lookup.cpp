@@ -15,8 +15,7 @@ void addFlag(uci_ptr* ptr, int flag)
 bool validValue(const char* text)
 {
     for (; *text; ++text) {
-        const auto c = static_cast<unsigned char>(*text);
-        if ((c < ' ' && !strchr("\t\n\r", *text)) || c == 0x7f)
+        if (static_cast<unsigned char>(*text) < ' ' && !strchr("\t\n\r", *text))
             return false;
     }
     return true;

@@ -67,13 +67,15 @@ mode_t modeOf(const char* path, mode_t otherwise)
     return stat(path, &info) == 0 ? info.st_mode & 07777 : otherwise;
 }
 
-bool makeSaveDirectory(const char* savedir, const char* configFile)
+int makeSaveDirectory(const char* savedir, const char* configFile)
 {
     struct stat info;
     if (stat(savedir, &info) == 0)
-        return true;
+        return UCI_OK;
     const OwnedText configDir = directoryOf(configFile);
-    return configDir && (mkdir(savedir, modeOf(configDir.get(), 0700)) == 0 || errno == EEXIST);
+    if (!configDir)
+        return UCI_ERR_MEM;
+    return mkdir(savedir, modeOf(configDir.get(), 0700)) == 0 || errno == EEXIST ? UCI_OK : UCI_ERR_IO;
 }
 
 // Puts lines behind the whole lines of a change file, or leaves these as they were.
@@ -107,8 +109,9 @@ int save(uci_context* ctx, uci_package* p)
     const OwnedText path = joinPath(ctx->savedir, p->e.name);
     if (lines.failed() || !path)
         return UCI_ERR_MEM;
-    if (!makeSaveDirectory(ctx->savedir, p->path))
-        return UCI_ERR_IO;
+    const int code = makeSaveDirectory(ctx->savedir, p->path);
+    if (code != UCI_OK)
+        return code;
     Fd fd;
     if (openLocked(fd, path.get(), O_RDWR | O_APPEND | O_CREAT, modeOf(p->path, 0600), LOCK_EX) != UCI_OK)
         return UCI_ERR_IO;

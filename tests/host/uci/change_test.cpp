@@ -1,0 +1,132 @@
+// Changes in memory: what the golden data do not show.
+#include "sandbox.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const char* const FILE_TEXT =
+    "config t 's'\n\toption a '1'\n\tlist l 'x'\n\tlist l 'y'\n\tlist l 'x'\n\nconfig t 's2'\n";
+
+class Change : public testing::Test {
+protected:
+    Sandbox box{FILE_TEXT};
+    Context ctx = box.context();
+    uci_package* p = load(ctx);
+
+    std::string saved()
+    {
+        EXPECT_EQ(uci_save(ctx.get(), p), UCI_OK);
+        return box.changes();
+    }
+};
+
+TEST_F(Change, RefusesWhatMakesNoSenseAndRecordsNothing)
+{
+    const struct {
+        ChangeCall* call;
+        const char* tuple;
+        int code;
+    } cases[] = {
+        {uci_set, "p=x", UCI_ERR_INVAL},
+        {uci_set, "p.s.a", UCI_ERR_INVAL},
+        {uci_set, "p.nosec.a=1", UCI_ERR_INVAL},
+        {uci_set, "p.new=a b", UCI_ERR_INVAL},
+        {uci_set, "p.new=t\xc3\xa9", UCI_ERR_INVAL},
+        {uci_set, "p.@t[7]=t", UCI_ERR_INVAL},
+        {uci_delete, "p", UCI_ERR_INVAL},
+        {uci_delete, "p.s.nope", UCI_ERR_NOTFOUND},
+        {uci_delete, "p.s.l=x", UCI_ERR_INVAL},
+        {uci_delete, "p.s.l=3", UCI_ERR_NOTFOUND},
+        {uci_add_list, "p.s=1", UCI_ERR_INVAL},
+        {uci_add_list, "p.nosec.l=1", UCI_ERR_INVAL},
+        {uci_del_list, "p.nosec.l=1", UCI_ERR_INVAL},
+        {uci_del_list, "p.s.nope=1", UCI_OK},
+        {uci_rename, "p.s=s2", UCI_ERR_DUPLICATE},
+        {uci_rename, "p.s=a-b", UCI_ERR_INVAL},
+    };
+    const std::string before = exported(ctx, p);
+    for (const auto& [call, tuple, code] : cases)
+        EXPECT_EQ(edit(ctx, call, tuple), code) << tuple;
+    EXPECT_EQ(exported(ctx, p), before);
+    EXPECT_EQ(saved(), "");
+    EXPECT_FALSE(std::filesystem::exists(box.saveDir));
+}
+
+TEST_F(Change, DeletesOneElementOfAListByItsIndex)
+{
+    EXPECT_EQ(edit(ctx, uci_delete, "p.s.l=1"), UCI_OK);
+    EXPECT_EQ(values(ctx, "p.s.l"), (std::vector<std::string>{"x", "x"}));
+    EXPECT_EQ(saved(), "-p.s.l='1'\n");
+    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+    EXPECT_EQ(values(ctx, "p.s.l"), (std::vector<std::string>{"x", "x"}));
+}
+
+TEST_F(Change, ClearsAListElementByElement)
+{
+    uci_section* s = uci_lookup_section(ctx.get(), p, "s");
+    uci_option* l = uci_lookup_option(ctx.get(), s, "l");
+    int calls = 0;
+    for (; !uci_list_empty(&l->v.list); ++calls) {
+        uci_ptr ptr{};
+        ptr.p = p;
+        ptr.s = s;
+        ptr.option = "l";
+        ptr.value = uci_list_to_element(l->v.list.next)->name; // freed by the call itself
+        ASSERT_EQ(uci_del_list(ctx.get(), &ptr), UCI_OK);
+    }
+    EXPECT_EQ(calls, 2); // x twice at once, then y
+    EXPECT_EQ(saved(), "~p.s.l='x'\n~p.s.l='y'\n");
+}
+
+TEST_F(Change, WorksOnARecordFilledByHand)
+{
+    uci_ptr ptr{};
+    ptr.package = "p";
+    ptr.section = "s";
+    ptr.option = "a";
+    ptr.value = "2";
+    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
+    EXPECT_STREQ(ptr.o->v.string, "2");
+
+    uci_ptr section{};
+    section.p = p;
+    section.s = uci_lookup_section(ctx.get(), p, "s2");
+    EXPECT_EQ(uci_delete(ctx.get(), &section), UCI_OK);
+    EXPECT_EQ(section.s, nullptr);
+    EXPECT_STREQ(section.section, "s2");
+    EXPECT_EQ(saved(), "p.s.a='2'\n-p.s2\n");
+}
+
+TEST_F(Change, KeepsTheRecordOfALookupUsable)
+{
+    std::string tuple = "p.s.a=2";
+    uci_ptr ptr;
+    ASSERT_EQ(uci_lookup_ptr(ctx.get(), &ptr, tuple.data(), true), UCI_OK);
+    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(uci_add_list(ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(ptr.o->type, UCI_TYPE_LIST);
+    EXPECT_EQ(ptr.last, &ptr.o->e);
+    EXPECT_EQ(uci_save(ctx.get(), p), UCI_OK);
+    EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_ERR_NOTFOUND); // no element of index 2
+    ptr.value = nullptr;
+    EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(ptr.o, nullptr);
+    ptr.value = "again";
+    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(values(ctx, "p.s.a"), std::vector<std::string>{"again"});
+    EXPECT_EQ(saved(), "p.s.a='2'\n|p.s.a='2'\n-p.s.a\np.s.a='again'\n");
+}
+
+TEST_F(Change, KeepsUnsavedChangesToItself)
+{
+    EXPECT_EQ(edit(ctx, uci_set, "p.s.a=2"), UCI_OK);
+    const Context other = box.context();
+    ASSERT_NE(load(other), nullptr);
+    EXPECT_EQ(values(other, "p.s.a"), std::vector<std::string>{"1"});
+    EXPECT_EQ(uci_unload(ctx.get(), p), UCI_OK);
+    p = load(ctx);
+    EXPECT_EQ(values(ctx, "p.s.a"), std::vector<std::string>{"1"});
+}
+
+} // namespace

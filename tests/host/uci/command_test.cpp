@@ -1,0 +1,100 @@
+// The command: outputs, messages and exit statuses that the golden data do not show.
+#include "sandbox.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const char* const FILE_TEXT = "config preset 'preset_1'\n\toption name 'it'\\''s me'\n\tlist l 'x'\n\tlist l 'b c'\n"
+                              "\nconfig rule\n\toption v '9'\n";
+
+TEST(Command, PrintsWhatIsAskedFor)
+{
+    Sandbox box(FILE_TEXT);
+    const struct {
+        std::vector<std::string> arguments;
+        const char* out;
+    } cases[] = {
+        {{"get", "p.preset_1"}, "preset\n"},
+        {{"get", "p.preset_1.name"}, "it's me\n"},
+        {{"get", "p.preset_1.l"}, "x 'b c'\n"},
+        {{"-d", ",", "get", "p.preset_1.l"}, "x,b c\n"},
+        {{"get", "p.@rule[-1].v"}, "9\n"},
+        {{"get", "p"}, ""},
+        {{"show", "p.@rule[0]"}, "p.cfg0292bd=rule\np.cfg0292bd.v='9'\n"},
+        {{"show", "p.preset_1.l"}, "p.preset_1.l='x' 'b c'\n"},
+        {{"-X", "show"},
+         "p.preset_1=preset\np.preset_1.name='it'\\''s me'\np.preset_1.l='x' 'b c'\n"
+         "p.cfg0292bd=rule\np.cfg0292bd.v='9'\n"},
+        {{"-n", "export", "p"},
+         "package p\n\nconfig preset 'preset_1'\n\toption name 'it'\\''s me'\n\tlist l 'x'\n\tlist l 'b c'\n"
+         "\nconfig rule 'cfg0292bd'\n\toption v '9'\n\n"},
+        {{"add", "p", "rule"}, "cfg0392bd\n"},
+        {{"changes"}, "p.cfg0392bd='rule'\n"},
+    };
+    for (const auto& [arguments, out] : cases) {
+        const CommandResult result = box.run(arguments);
+        EXPECT_EQ(result.status, 0) << arguments.back();
+        EXPECT_EQ(result.out, out);
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST(Command, SaysWhatIsWrong)
+{
+    Sandbox box(FILE_TEXT);
+    const struct {
+        std::vector<std::string> arguments;
+        const char* err;
+    } cases[] = {
+        {{"get", "p.preset_1.nope"}, "uci: Entry not found\n"},
+        {{"show", "nope"}, "uci: Entry not found\n"},
+        {{"commit", "nope"}, "uci: Entry not found\n"},
+        {{"delete", "p.nope"}, "uci: Entry not found\n"},
+        {{"set", "p.nosec.x=1"}, "uci: Invalid argument\n"},
+        {{"set", "p.preset_1.name=\x01"}, "uci: Parse error\n"},
+        {{"reorder", "p.preset_1=first"}, "uci: Invalid argument\n"},
+        {{"-q", "get", "p.nope"}, ""},
+    };
+    for (const auto& [arguments, err] : cases) {
+        const CommandResult result = box.run(arguments);
+        EXPECT_EQ(result.status, 1) << arguments.back();
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, err);
+    }
+    EXPECT_EQ(box.changes(), "");
+}
+
+TEST(Command, ExplainsItselfWhenUsedWrongly)
+{
+    Sandbox box(FILE_TEXT);
+    EXPECT_EQ(box.run({}).status, 0);
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"frobnicate"}, {"set"}, {"get", "a", "b"}, {"add", "p"}, {"-Z", "show"}}) {
+        const CommandResult result = box.run(arguments);
+        EXPECT_EQ(result.status, 255) << arguments[0];
+        EXPECT_TRUE(result.err.find("Usage: uci") != result.err.npos);
+    }
+}
+
+TEST(Command, CommitsEveryPackageButNoneWithAPrivateSaveDirectory)
+{
+    Sandbox box(FILE_TEXT);
+    writeFile(box.configDir / "broken", "bogus\n");
+    writeFile(box.configDir / "q", "config t 's'\n");
+    const std::string own = box.root / "private";
+    EXPECT_EQ(box.run({"-P", own, "set", "p.preset_1.name=own"}).status, 0);
+    EXPECT_EQ(box.run({"-P", own, "commit"}).status, 0);
+    EXPECT_EQ(readFile(own + "/p"), "p.preset_1.name='own'\n");
+    EXPECT_EQ(box.fileText(), FILE_TEXT);
+
+    EXPECT_EQ(box.run({"set", "p.preset_1.name=new"}).status + box.run({"set", "q.s.a=1"}).status, 0);
+    const CommandResult result = box.run({"commit"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "uci: Parse error (invalid command) at line 1, byte 0\n");
+    EXPECT_EQ(box.run({"changes", "p"}).out + box.run({"changes", "q"}).out, "");
+    EXPECT_EQ(box.run({"get", "p.preset_1.name"}).out, "new\n");
+    EXPECT_EQ(readFile(box.configDir / "q"), "\nconfig t 's'\n\toption a '1'\n\n");
+}
+
+} // namespace

@@ -1,0 +1,143 @@
+// Loading, looking up, and what hangs from a context.
+#include "sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+TEST(Load, TellsWhatIsWrong)
+{
+    Sandbox box("config t 's'\n");
+    std::filesystem::create_directory(box.configDir / "folder");
+    mkfifo((box.configDir / "pipe").c_str(), 0600);
+    const Context ctx = box.context();
+    uci_package* const untouched = reinterpret_cast<uci_package*>(&box);
+    uci_package* p = untouched;
+    EXPECT_EQ(uci_load(ctx.get(), "missing", &p), UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uci_load(ctx.get(), "folder", &p), UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uci_load(ctx.get(), "pipe", &p), UCI_ERR_NOTFOUND);
+    for (const char* name : {"", "a b", "../config/p", "a.b", "p=q", "-p", "'p"})
+        EXPECT_EQ(uci_load(ctx.get(), name, &p), UCI_ERR_INVAL) << name;
+    EXPECT_EQ(p, untouched);
+
+    ASSERT_EQ(uci_load(ctx.get(), "p", nullptr), UCI_OK);
+    EXPECT_EQ(uci_load(ctx.get(), "p", &p), UCI_ERR_DUPLICATE);
+    EXPECT_EQ(p, untouched);
+    EXPECT_NE(uci_lookup_package(ctx.get(), "p"), nullptr);
+    EXPECT_EQ(uci_unload(ctx.get(), nullptr), UCI_ERR_INVAL);
+}
+
+TEST(Load, ReadsWhatTheGrammarAllows)
+{
+    const struct {
+        const char* file;
+        const char* meaning;
+    } cases[] = {
+        {"config t s;option a 1;option b 2\n", "\nconfig t 's'\n\toption a '1'\n\toption b '2'\n\n"},
+        {"config t s\noption a \\\n x\n", "\nconfig t 's'\n\toption a 'x'\n\n"},
+        {"config t ''\n\toption a \"it's\"", "\nconfig t\n\toption a 'it'\\''s'\n\n"},
+        {"config t s\n\tlist l\n\toption a x\n\toption a ''\n", "\nconfig t 's'\n\tlist l ''\n\n"},
+        {"config t s # a 'quote\n # it's\n\toption 0a 1#'\n", "\nconfig t 's'\n\toption 0a '1'\n\n"},
+        {"\n \t\n", "\n"},
+    };
+    for (const auto& [file, meaning] : cases) {
+        Sandbox box(file);
+        const Context ctx = box.context();
+        uci_package* p = load(ctx);
+        ASSERT_NE(p, nullptr) << file;
+        EXPECT_EQ(exported(ctx, p), meaning) << file;
+    }
+}
+
+TEST(Load, RefusesAFileThatThePowerTookItsTextFrom)
+{
+    Sandbox box(std::string_view("config t s\n\0\0\0\0", 15));
+    const Context ctx = box.context();
+    EXPECT_EQ(uci_load(ctx.get(), "p", nullptr), UCI_ERR_PARSE);
+}
+
+TEST(Load, PrefersTheOverridingDirectory)
+{
+    Sandbox box("config t 'ordinary'\n");
+    const std::filesystem::path other = box.root / "other";
+    std::filesystem::create_directory(other);
+    writeFile(other / "p", "config t 'override'\n");
+    const Context ctx = box.context();
+    uci_set_conf2dir(ctx.get(), other.c_str());
+    uci_package* p = load(ctx);
+    ASSERT_NE(p, nullptr);
+    EXPECT_TRUE(p->uses_conf2);
+    EXPECT_EQ(edit(ctx, uci_set, "p.override.a=1"), UCI_OK);
+    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+    EXPECT_EQ(readFile(other / "p"), "\nconfig t 'override'\n\toption a '1'\n\n");
+    EXPECT_EQ(box.fileText(), "config t 'ordinary'\n");
+}
+
+TEST(Load, NamesAnonymousSectionsByNumberAndType)
+{
+    Sandbox box("config t 'a'\nconfig t 'b'\nconfig rule\n");
+    const Context ctx = box.context();
+    EXPECT_NE(uci_lookup_section(ctx.get(), load(ctx), "cfg0392bd"), nullptr);
+}
+
+TEST(Context, ListsPackagesOfBothDirectoriesOnce)
+{
+    Sandbox box("");
+    const std::filesystem::path other = box.root / "other";
+    std::filesystem::create_directory(other);
+    std::filesystem::create_directory(box.configDir / "folder");
+    for (const char* name : {"config/zone", "config/.p.uci-AbCdEf", "config/b.bak", "other/p", "other/extra"})
+        writeFile(box.root / name, "");
+    const Context ctx = box.context();
+    uci_set_conf2dir(ctx.get(), other.c_str());
+    char** list = nullptr;
+    ASSERT_EQ(uci_list_configs(ctx.get(), &list), UCI_OK);
+    std::vector<std::string> names;
+    for (char** name = list; *name; ++name)
+        names.emplace_back(*name);
+    free(list);
+    EXPECT_EQ(names, (std::vector<std::string>{"extra", "p", "zone"}));
+    uci_set_confdir(ctx.get(), (box.root / "none").c_str());
+    EXPECT_EQ(uci_list_configs(ctx.get(), &list), UCI_ERR_NOTFOUND);
+}
+
+TEST(Context, ReportsAParseErrorsPlaceOnlyForThatError)
+{
+    Sandbox box("bogus\n");
+    const Context ctx = box.context();
+    EXPECT_EQ(uci_load(ctx.get(), "p", nullptr), UCI_ERR_PARSE);
+    testing::internal::CaptureStderr();
+    uci_perror(ctx.get(), "test");
+    uci_perror(ctx.get(), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: Parse error (invalid command) at line 1, byte 0\n"
+                                                      "Parse error (invalid command) at line 1, byte 0\n");
+    EXPECT_EQ(edit(ctx, uci_set, "p.s.a-b=1"), UCI_ERR_PARSE);
+    char* text = nullptr;
+    uci_get_errorstr(ctx.get(), &text, "test");
+    EXPECT_STREQ(text, "test: Parse error");
+    free(text);
+}
+
+TEST(Lookup, FindsByStoredNameOnly)
+{
+    Sandbox box("config t 's'\n\toption a '1'\n\tlist l 'x'\n\nconfig t 's2'\n");
+    const Context ctx = box.context();
+    uci_package* p = load(ctx);
+    uci_section* s = uci_lookup_section(ctx.get(), p, "s");
+    ASSERT_NE(s, nullptr);
+    EXPECT_STREQ(uci_lookup_option_string(ctx.get(), s, "a"), "1");
+    EXPECT_EQ(uci_lookup_option_string(ctx.get(), s, "l"), nullptr);
+    EXPECT_EQ(uci_lookup_option(ctx.get(), s, "nope"), nullptr);
+    EXPECT_EQ(ctx->err, UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uci_lookup_section(ctx.get(), p, "@t[0]"), nullptr);
+
+    uci_element* e = nullptr;
+    EXPECT_EQ(uci_lookup_next(ctx.get(), &e, &p->sections, "s2"), UCI_OK);
+    EXPECT_STREQ(e->name, "s2");
+    EXPECT_EQ(uci_lookup_next(ctx.get(), &e, &p->sections, "s"), UCI_ERR_NOTFOUND);
+}
+
+} // namespace
