@@ -261,6 +261,7 @@ TEST_F(Connection, ReconnectingMayFailAndBeTriedAgain)
 {
     FakeBus bus([](FakeBus& daemon) {
         daemon.greet();
+        daemon.receive();
         daemon.accept();
         daemon.send(message(UBUS_MSG_STATUS, 0, 0x111, ""));
         daemon.greet();

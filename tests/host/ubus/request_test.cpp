@@ -106,7 +106,7 @@ TEST(Request, ReadsMessagesInPiecesAndManyAtOnce)
         std::string small = message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"n":1})"));
         std::string all = small + message(UBUS_MSG_DATA, 1, CALLEE, dataOf(json.c_str())) + small + small +
                           statusMessage(1, CALLEE, 0);
-        for (size_t piece : {5, 6, 4, 40, 3000, 90000}) {
+        for (size_t piece : {5U, 6U, 4U, 40U, 3000U, 90000U}) {
             daemon.send(all.substr(0, 2 * piece));
             all.erase(0, 2 * piece);
             std::this_thread::sleep_for(milliseconds(3));
