@@ -41,14 +41,13 @@ void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabA
                    const LabJournalNote& note)
 {
     const LabAxisNow now = axisAt(*edit, edit.labNs());
-    const int64_t rate = now.running ? int64_t{now.speed} * edit->factor * now.direction : 0;
     char line[512];
     const int length = snprintf(
         line, sizeof(line),
         "%" PRId64 " %" PRId64 " %d %ld %c %s in=%s result=%d out=%s count=%d shaft=%d rate=%" PRId64 " left=%d\n",
         edit.realNs() - state.startNs, edit.labNs(), static_cast<int>(getpid()), syscall(SYS_gettid),
         id == LAB_PAN ? 'x' : 'y', note.request, wordText(note.wordsIn).text, note.result, wordText(note.wordsOut).text,
-        now.count, now.shaft, rate, now.left);
+        now.count, now.shaft, now.rate, now.left);
     if (length > 0 && length < static_cast<int>(sizeof(line)))
         appendLine(folder, line, length);
 }

@@ -64,6 +64,7 @@ LabAxisNow axisAt(const LabAxis& axis, int64_t labNs)
         .running = over ? 0 : 1,
         .direction = axis.direction,
         .left = static_cast<int32_t>(axis.motionSteps - done),
+        .rate = over ? 0 : stepsPerSecond(axis) * (axis.motionSteps < 0 ? -1 : 1),
     };
 }
 

@@ -15,6 +15,7 @@ struct LabAxisNow {
     int32_t running;   // 0 or 1
     int32_t direction; // +1 or -1
     int32_t left;      // signed steps still to be made
+    int64_t rate;      // signed steps per second of lab time; 0 at rest
 };
 
 LabAxisNow axisAt(const LabAxis& axis, int64_t labNs);
