@@ -21,7 +21,7 @@ bool parseNumber(const char* text, int& number)
 
 uci_element* elementAt(uci_list& list, int index)
 {
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&list, e) {
         if (index-- == 0)
             return e;
@@ -85,7 +85,7 @@ void removeEqualItems(uci_section* s, const Change& change)
     uci_option* o = findOption(s, change.option);
     if (!o || o->type != UCI_TYPE_LIST)
         return;
-    uci_element *item, *next;
+    uci_element *item = nullptr, *next = nullptr;
     uci_foreach_element_safe (&o->v.list, next, item) {
         if (strcmp(item->name, change.value) == 0)
             freeItem(item);

@@ -59,7 +59,7 @@ void uci_free_context(struct uci_context* ctx)
 {
     if (!ctx)
         return;
-    uci_element *e, *next;
+    uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&ctx->root, next, e) {
         freePackage(uci_to_package(e));
     }

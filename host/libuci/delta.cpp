@@ -136,7 +136,7 @@ void freeDelta(uci_delta* delta)
 
 void freeDeltas(uci_list& deltas)
 {
-    uci_element *e, *next;
+    uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&deltas, next, e) {
         freeDelta(uci_to_delta(e));
     }
@@ -215,7 +215,7 @@ int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
 int ChangeFile::apply(uci_package* p, unsigned& applied)
 {
     const bool keep = (p->ctx->flags & UCI_FLAG_SAVED_DELTA) != 0;
-    uci_element *e, *next;
+    uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&deltas, next, e) {
         const uci_delta* delta = uci_to_delta(e);
         const int code = applyChange(p, {delta->change, delta->section, e->name, delta->value});

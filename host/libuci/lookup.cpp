@@ -65,7 +65,7 @@ bool findByIndex(uci_package* p, const char* text, uci_section*& section)
     if (end == bracket + 1 || strcmp(end, "]") != 0)
         return false;
 
-    uci_element* e;
+    uci_element* e = nullptr;
     const auto matches = [type](uci_element* at) { return type.empty() || type == uci_to_section(at)->type; };
     if (index < 0) {
         uci_foreach_element (&p->sections, e) {

@@ -102,7 +102,7 @@ int appendChanges(int fd, const uci_package* p, std::string_view lines)
 int save(uci_context* ctx, uci_package* p)
 {
     Text lines;
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&p->delta, e) {
         writeDelta(lines, p->e.name, uci_to_delta(e));
     }
@@ -127,7 +127,7 @@ int buildPackage(uci_context* ctx, const char* name, const char* path, std::span
     if (!fresh)
         return UCI_ERR_MEM;
     int code = parsePackage(ctx, fresh.get(), text);
-    uci_element* dir;
+    uci_element* dir = nullptr;
     uci_foreach_element (&ctx->delta_path, dir) {
         if (code == UCI_OK && strcmp(dir->name, ctx->savedir) != 0)
             code = applyChangesFrom(dir->name, fresh.get(), digest, applied);

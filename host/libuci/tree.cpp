@@ -94,7 +94,7 @@ void generateName(uci_package* p, const char* type, char (&name)[32])
 template <typename Free>
 void freeAll(uci_list& list, Free freeElement)
 {
-    uci_element *e, *next;
+    uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&list, next, e)
         freeElement(e);
 }
@@ -233,7 +233,7 @@ uci_option* putListItem(uci_section* s, const char* name, const char* value)
 
 uci_element* findElement(uci_list& list, const char* name)
 {
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&list, e) {
         if (strcmp(e->name, name) == 0)
             return e;

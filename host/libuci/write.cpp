@@ -11,7 +11,7 @@ void writeOption(Text& out, const uci_option* o)
         (out << "\toption " << o->e.name << ' ').quoted(o->v.string) << '\n';
         return;
     }
-    uci_element* item;
+    uci_element* item = nullptr;
     uci_foreach_element (&o->v.list, item) {
         (out << "\tlist " << o->e.name << ' ').quoted(item->name) << '\n';
     }
@@ -23,7 +23,7 @@ void writeSection(Text& out, const uci_section* s, bool generatedNames)
     if (!s->anonymous || generatedNames)
         (out << ' ').quoted(s->e.name);
     out << '\n';
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&s->options, e) {
         writeOption(out, uci_to_option(e));
     }
@@ -33,7 +33,7 @@ void writeSection(Text& out, const uci_section* s, bool generatedNames)
 
 void ucilib::writePackage(Text& out, const uci_package* p, bool generatedNames)
 {
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
         writeSection(out, uci_to_section(e), generatedNames);
     }
@@ -47,7 +47,7 @@ int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* packag
     if (!stream)
         return result(ctx, UCI_ERR_INVAL);
     Text text;
-    uci_element* e;
+    uci_element* e = nullptr;
     uci_foreach_element (&ctx->root, e) {
         uci_package* p = uci_to_package(e);
         if (package && p != package)

@@ -25,7 +25,7 @@ std::string joined(const Session& session, const uci_option* o, std::string (*fo
     if (o->type == UCI_TYPE_STRING)
         return format(o->v.string);
     std::string result;
-    const uci_element* item;
+    const uci_element* item = nullptr;
     uci_foreach_element (&o->v.list, item) {
         if (item != uci_list_to_element(o->v.list.next))
             result += session.separator.value_or(" ");
@@ -52,7 +52,7 @@ void showOption(const Session& session, const uci_option* o, const std::string& 
 void showSection(const Session& session, const uci_section* s, const std::string& name)
 {
     printf("%s=%s\n", name.c_str(), s->type);
-    const uci_element* e;
+    const uci_element* e = nullptr;
     uci_foreach_element (&s->options, e)
         showOption(session, uci_to_option(e), name);
 }
@@ -65,7 +65,7 @@ std::string storedName(const uci_section* s)
 void showPackage(const Session& session, const uci_package* p)
 {
     std::map<std::string_view, int> seen; // sections of each type
-    const uci_element* e;
+    const uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
         const uci_section* s = uci_to_section(e);
         const int index = seen[s->type]++;
@@ -134,7 +134,7 @@ ExitStatus changes(Session& session, Arguments& arguments)
     uci_context* ctx = session.ctx();
     ctx->flags = static_cast<uci_flags>(ctx->flags | UCI_FLAG_SAVED_DELTA);
     return forPackages(session, arguments, [](uci_package* p) {
-        const uci_element* e;
+        const uci_element* e = nullptr;
         uci_foreach_element (&p->saved_delta, e)
             printChange(p, uci_to_delta(e));
         return true;

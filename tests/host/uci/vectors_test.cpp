@@ -21,6 +21,11 @@ struct UciVector {
     std::vector<Edit> edits;
 };
 
+void PrintTo(const UciVector& vector, std::ostream* out)
+{
+    *out << vector.name;
+}
+
 json_object* member(json_object* object, const char* key)
 {
     json_object* value = nullptr;
