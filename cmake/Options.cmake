@@ -18,11 +18,17 @@ target_link_libraries(ptzd_no_runtime INTERFACE ptzd_options)
 target_compile_options(ptzd_no_runtime INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
 
+# A target linked by the C driver would get the C++ runtime library from here.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+set(CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES "")
+
 # Links TARGET with the C compiler driver, so that a use of the C++ runtime library fails to link.
 function(ptzd_link_without_runtime TARGET)
     set_target_properties(${TARGET} PROPERTIES LINKER_LANGUAGE C)
     target_link_libraries(${TARGET} PRIVATE ptzd_no_runtime)
-    target_link_options(${TARGET} PRIVATE $<$<STREQUAL:${PTZD_SANITIZE},>:-Wl,-z,defs>)
+    if(NOT PTZD_SANITIZE) # an instrumented library takes the sanitizer's symbols from the program
+        target_link_options(${TARGET} PRIVATE -Wl,-z,defs)
+    endif()
 endfunction()
 
 if(PTZD_SANITIZE)

@@ -3,19 +3,29 @@
 
 namespace {
 
-// All of this belongs to the event loop's thread.
-uloop_fd_handler libraryDispatch = nullptr; // the library's own callback for its socket
-bool dispatching = false;                   // inside it, with BusLock held
+thread_local bool holdsBus = false;
+
+uloop_fd_handler libraryDispatch = nullptr; // the library's own callback for its socket; the event loop's thread only
 
 void dispatchUnderLock(uloop_fd* descriptor, unsigned int events)
 {
-    LockGuard hold(gContext.ubus.BusLock);
-    dispatching = true;
+    const BusGuard hold;
     libraryDispatch(descriptor, events);
-    dispatching = false;
 }
 
 } // namespace
+
+BusGuard::BusGuard()
+{
+    gContext.ubus.BusLock.lock();
+    holdsBus = true;
+}
+
+BusGuard::~BusGuard()
+{
+    holdsBus = false;
+    gContext.ubus.BusLock.unlock();
+}
 
 ubus_context* busConnect(const char* path)
 {
@@ -79,16 +89,19 @@ void busDispatchUnderLock(ubus_context* connection)
     connection->sock.cb = dispatchUnderLock;
 }
 
-// The analysis cannot follow a call through the library: BusLock was taken by dispatchUnderLock, further up this stack.
+// The analysis cannot follow a call through the library, further down whose stack the lock was taken.
 int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
              const char* method, blob_attr* message) NO_THREAD_SAFETY_ANALYSIS
 {
-    // Held otherwise, the lock would close a circle: a handler waits for MotionStateLock, whose owner, sending a
-    // notification, waits for BusLock. A call that the library had put aside reaches us from its own timer, without it.
-    if (!dispatching)
+    // Held on, the lock would close a circle: a handler waits for MotionStateLock, whose owner, sending a notification,
+    // waits for BusLock. Besides the loop's dispatch, the library serves calls at the end of its own waiting calls: one
+    // may arrive with the answer to the object's registration.
+    if (!holdsBus)
         return handler(connection, object, request, method, message);
+    holdsBus = false;
     gContext.ubus.BusLock.unlock();
     const int result = handler(connection, object, request, method, message);
     gContext.ubus.BusLock.lock();
+    holdsBus = true;
     return result;
 }

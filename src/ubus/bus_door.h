@@ -9,6 +9,16 @@
 
 #include <stdint.h>
 
+/// Holds BusLock for the length of a scope. It is taken in no other way, so that a handler which the library calls from
+/// inside one of its own calls knows that it must give it back.
+class SCOPED_CAPABILITY BusGuard {
+public:
+    BusGuard() ACQUIRE(gContext.ubus.BusLock);
+    ~BusGuard() RELEASE();
+    BusGuard(const BusGuard&) = delete;
+    BusGuard& operator=(const BusGuard&) = delete;
+};
+
 /// Connects; a null path is the library's default socket. @return null on failure; the caller owns the connection.
 [[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
 void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);

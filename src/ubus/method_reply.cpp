@@ -40,7 +40,7 @@ void addString(blob_buf& buffer, const char* name, const char* text)
 
 int replySend(ubus_context* connection, ubus_request_data* request)
 {
-    LockGuard hold(gContext.ubus.BusLock);
+    const BusGuard hold;
     (void)busSendReply(connection, request, gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
     return 0;
 }

@@ -32,14 +32,14 @@ class BusConnection {
 public:
     BusConnection() EXCLUDES(gContext.ubus.BusLock)
     {
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         connection_ = busConnect(nullptr);
     }
     ~BusConnection() EXCLUDES(gContext.ubus.BusLock)
     {
         if (!connection_)
             return;
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         busFree(connection_);
     }
     BusConnection(const BusConnection&) = delete;
@@ -81,7 +81,7 @@ int await(ubus_context* connection, BusCall& call) EXCLUDES(gContext.ubus.BusLoc
         pollfd socket{connection->sock.fd, POLLIN, 0};
         if (poll(&socket, 1, static_cast<int>(left)) <= 0)
             continue; // the time is up, or a signal came
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         busHandle(connection);
         if (call.complete)
             return call.status;
@@ -90,7 +90,7 @@ int await(ubus_context* connection, BusCall& call) EXCLUDES(gContext.ubus.BusLoc
             break;
         }
     }
-    LockGuard hold(gContext.ubus.BusLock);
+    const BusGuard hold;
     if (!call.complete)
         busAbort(connection, &call.request);
     return failure;
@@ -102,7 +102,7 @@ int callAndWait(ubus_context* connection, uint32_t object, const char* method, b
 {
     BusCall call{};
     {
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         const int status = busInvokeAsync(connection, object, method, message, &call.request, onData, onComplete);
         if (status != UBUS_STATUS_OK)
             return status;
@@ -116,7 +116,7 @@ bool findObject(ubus_context* connection, const char* name, uint32_t& id) EXCLUD
 {
     for (int attempt = 1;; ++attempt) {
         {
-            LockGuard hold(gContext.ubus.BusLock);
+            const BusGuard hold;
             if (busLookupId(connection, name, id) == UBUS_STATUS_OK)
                 return true;
         }

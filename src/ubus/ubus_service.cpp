@@ -27,13 +27,13 @@ constexpr int RECONNECT_MS = 2000;
 
 ubus_context* connectLocked(const char* path)
 {
-    LockGuard hold(gContext.ubus.BusLock);
+    const BusGuard hold;
     return busConnect(path);
 }
 
 void freeConnection()
 {
-    LockGuard hold(gContext.ubus.BusLock);
+    const BusGuard hold;
     busFree(gContext.ubus.gUbusctx);
     gContext.ubus.gUbusctx = nullptr;
 }
@@ -113,7 +113,7 @@ void onConnectionLost(ubus_context*) NO_THREAD_SAFETY_ANALYSIS
 
 void onReconnectTimeout(uloop_timeout*)
 {
-    LockGuard hold(gContext.ubus.BusLock);
+    const BusGuard hold;
     ubusConnectionLost();
 }
 
@@ -158,7 +158,7 @@ int32_t ubusInit()
     }
     int32_t registered = -1;
     {
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         gContext.ubus.gUbusctx->connection_lost = onConnectionLost;
         busDispatchUnderLock(gContext.ubus.gUbusctx);
         registered = ubusInitObj();
@@ -172,7 +172,7 @@ int32_t ubusInit()
     freeConnection();
     {
         // A worker that connects calls uloop_init, under the same lock.
-        LockGuard hold(gContext.ubus.BusLock);
+        const BusGuard hold;
         uloop_done();
     }
     LOG_TRACE("ubus end.\n");

@@ -68,7 +68,7 @@ protected:
     }
     bool rests()
     {
-        return lab.axisNow(LAB_PAN).rate == 0 && lab.axisNow(LAB_TILT).rate == 0;
+        return lab.axisNow(LAB_PAN).running == 0 && lab.axisNow(LAB_TILT).running == 0;
     }
     /// Waits until as many idle as moving notifications and events went out, at least `motions` of each.
     bool settled(int motions = 1)

@@ -2,7 +2,10 @@
 
 #include "head.h"
 
+#include <atomic>
 #include <random>
+#include <thread>
+#include <utility>
 
 namespace {
 
@@ -23,6 +26,29 @@ TEST_F(HeadInTheLab, IsBackAfterEveryRestartOfTheBus)
         ASSERT_EQ(lab.axisNow(LAB_PAN).shaft, round % 2 == 0 ? 2100 : 1500) << "the motion ends as if nothing happened";
         ASSERT_TRUE(waitUntil([&] { return lab.invoke("CET", "notify_motor_idle").status == 0; }, DEADLINE));
     }
+}
+
+// A call may reach the daemon together with the bus daemon's answer to the registration of its object.
+TEST_F(HeadInTheLab, ServesCallersThatWaitForItsStart)
+{
+    up();
+    std::atomic<bool> ending{false};
+    std::atomic<int> answered{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 3; ++i)
+        callers.emplace_back([&] {
+            while (!ending.load())
+                answered += lab.invoke("ptzd", "checkMotorStatus", "", 1s).status == 0 ? 1 : 0;
+        });
+    for (int start = 0; start < repetitions(5, 50); ++start) {
+        ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
+        EXPECT_TRUE(lab.startPtzd()) << lab.error();
+        const int before = answered.load();
+        EXPECT_TRUE(waitUntil([&] { return answered.load() > before + 10; }, DEADLINE)) << "start " << start;
+    }
+    ending.store(true);
+    for (std::thread& caller : callers)
+        caller.join();
 }
 
 /// Every start is answered by one stop before the next, calls and events alike.
