@@ -101,7 +101,7 @@ bool Server::watchSignals()
         if (present.sa_handler != SIG_IGN)
             sigaddset(&signals, number);
     }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN); // asks for access rights to be read again, and there are none
     signalFd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);

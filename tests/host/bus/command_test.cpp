@@ -1,0 +1,269 @@
+// The command at the prompt: what it prints, and with which status it exits.
+
+#include "bus_fixture.h"
+
+#include <csignal>
+#include <optional>
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// Where standard error goes, for the commands that mind.
+constexpr auto PIPE = Process::Stderr::Pipe;
+constexpr auto TERMINAL = Process::Stderr::Terminal;
+
+struct Expected {
+    std::string out = {};
+    std::string err = {};
+    int exitStatus = 0;
+};
+
+void expectEnd(Process& command, const Expected& expected)
+{
+    EXPECT_EQ(command.wait(), expected.exitStatus);
+    EXPECT_EQ(command.out, expected.out);
+    EXPECT_EQ(command.err, expected.err);
+}
+
+class CommandTest : public BusTest {
+protected:
+    void SetUp() override
+    {
+        BusTest::SetUp();
+        owner.emplace(socketPath());
+    }
+
+    std::unique_ptr<Process> start(const Strings& arguments, Process::Stderr standardError = PIPE) const
+    {
+        Strings command{UBUS_PROGRAM, "-s", socketPath()};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return std::make_unique<Process>(command, standardError);
+    }
+
+    // Runs a command with which nobody else has to do.
+    void expect(const Strings& arguments, const Expected& expected, Process::Stderr standardError = PIPE) const
+    {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        expectEnd(*start(arguments, standardError), expected);
+    }
+
+    // Runs a command that calls a method of the owner's, which answers with these replies and this status.
+    // Gives the call as the owner got it.
+    Bytes expectCall(const Strings& arguments, const std::vector<Bytes>& replies, uint32_t status,
+                     const Expected& expected, Process::Stderr standardError = PIPE)
+    {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        const auto command = start(arguments, standardError);
+        const Bytes request = owner->receive();
+        if (request.empty())
+            return request;
+        const Bytes id = attr(A_OBJID, find(request, A_OBJID));
+        const auto seq = static_cast<uint16_t>(u32At(request, 0));
+        for (const Bytes& fields : replies)
+            owner->send(message(DATA, seq, u32At(request, 4), id + attr(A_DATA, fields)));
+        owner->send(message(STATUS, seq, u32At(request, 4), attr(A_STATUS, u32(status)) + id));
+        expectEnd(*command, expected);
+        return request;
+    }
+
+    // Starts a command that listens, "probe" among other things, and returns once it does.
+    std::unique_ptr<Process> startListening(const Strings& arguments)
+    {
+        auto command = start(arguments);
+        EXPECT_TRUE(waitUntil([&] {
+            owner->ask(eventCall(1, "probe", {}));
+            return command->hasLine();
+        }));
+        return command;
+    }
+
+    // The next line that is not about a probe.
+    static std::string nextEvent(Process& command)
+    {
+        std::string line;
+        do
+            line = command.readLine();
+        while (line == R"({ "probe": {} })");
+        return line;
+    }
+
+    std::optional<RawClient> owner;
+};
+
+TEST_F(CommandTest, ListsNamesInByteOrder)
+{
+    for (const char* name : {"ptzd", "CET", "pt"})
+        owner->addObject(name, oneMethod("stop", "why"));
+    expect({"list"}, {.out = "CET\npt\nptzd\n"});
+    expect({"list", "pt*"}, {.out = "pt\nptzd\n"});
+    expect({"list", "ptzd"}, {.out = "ptzd\n"});
+    expect({"list", "p"}, {.err = "Command failed: Not found\n", .exitStatus = 4});
+    expect({"list", "x*"}, {.err = "Command failed: Not found\n", .exitStatus = 4}, TERMINAL);
+    expect({"list", ""}, {.err = "Command failed: Invalid argument\n", .exitStatus = 2});
+    expect({"-S", "list", "p"}, {.exitStatus = 4});
+}
+
+TEST_F(CommandTest, ListsMethodsWithTheTypesOfTheirArguments)
+{
+    const char* const types = R"x("t0":"(unknown)","t1":"Array","t2":"Table","t3":"String","t4":"(unknown)",)x"
+                              R"x("t5":"Integer","t6":"(unknown)","t7":"Boolean","t8":"(unknown)")x";
+    Bytes arguments;
+    for (uint32_t type = 0; type <= 8; ++type)
+        arguments = arguments + numberField("t" + std::to_string(type), type);
+    const uint32_t id = owner->addObject("ptzd", tableField("moveTo", arguments) + tableField("stop", {}));
+    char line[32];
+    snprintf(line, sizeof line, "'ptzd' @%08x\n", id);
+    const std::string methods = std::string("\t\"moveTo\":{") + types + "}\n\t\"stop\":{}\n";
+    expect({"-v", "list"}, {.out = line + methods});
+    expect({"list", "-v", "ptzd"}, {.out = line + methods});
+    expect({"-S", "-v", "list"}, {.out = "ptzd\n"});
+}
+
+TEST_F(CommandTest, PrintsTheRepliesOfACall)
+{
+    owner->addObject("ptzd", oneMethod("moveTo", "x_coord"));
+    const Bytes reply = numberField("error_code", 0xffffffff);
+    const Bytes request = expectCall({"call", "ptzd", "moveTo", R"({"x_coord":"30"})"}, {reply}, 0,
+                                     {.out = "{\n\t\"error_code\": -1\n}\n"});
+    EXPECT_EQ(findText(request, A_METHOD), "moveTo");
+    EXPECT_EQ(find(request, A_DATA), stringField("x_coord", "30"));
+    expectCall({"-S", "call", "ptzd", "moveTo"}, {reply}, 0, {.out = "{\"error_code\":-1}\n"});
+    expectCall({"call", "ptzd", "moveTo"}, {}, 0, {});
+    expectCall({"call", "ptzd", "moveTo"}, {{}, reply}, 0, {.out = "{\n\t\n}\n{\n\t\"error_code\": -1\n}\n"});
+    Bytes emptyArray = tableField("e", {});
+    emptyArray[0] = 0x81;
+    expectCall({"call", "ptzd", "moveTo"}, {emptyArray + numberField("n", 5)}, 0,
+               {.out = "{\n\t\"e\": [\n\t\t\n\t],\n\t\"n\": 5\n}\n"});
+}
+
+TEST_F(CommandTest, ReportsAFailedCallInOneOfTwoForms)
+{
+    owner->addObject("ptzd", oneMethod("moveTo", "x_coord"));
+    const Strings call{"call", "ptzd", "nosuch"};
+    expectCall(call, {}, 3, {.err = "Command failed: ubus call ptzd nosuch (Method not found)\n", .exitStatus = 253});
+    expectCall(call, {}, 3, {.err = "Command failed: Method not found\n", .exitStatus = 3}, TERMINAL);
+    expectCall({"-S", "call", "ptzd", "nosuch"}, {}, 3, {.exitStatus = 3});
+    expectCall({"call", "ptzd", "stop", R"({"a": 1})"}, {}, 5,
+               {.err = "Command failed: ubus call ptzd stop {\"a\": 1} (No response)\n", .exitStatus = 251});
+
+    const Strings badJson{"call", "ptzd", "stop", "{bad"};
+    const std::string text = "Parsing message data failed";
+    expect(badJson, {.err = "Command failed: ubus call ptzd stop {bad (" + text + ")\n", .exitStatus = 244});
+    expect(badJson, {.err = "Command failed: " + text + "\n", .exitStatus = 12}, TERMINAL);
+    for (const auto standardError : {PIPE, TERMINAL})
+        expect({"call", "nosuch", "stop"}, {.err = "Command failed: Not found\n", .exitStatus = 4}, standardError);
+}
+
+TEST_F(CommandTest, GivesUpACallAfterItsTime)
+{
+    owner->addObject("ptzd", oneMethod("moveTo", "x_coord"));
+    expect({"-t", "1", "call", "ptzd", "moveTo"},
+           {.err = "Command failed: ubus call ptzd moveTo (Request timed out)\n", .exitStatus = 249});
+    const auto forEver = start({"-t", "0", "call", "ptzd", "moveTo"});
+    (void)owner->receive(); // of the first call
+    (void)owner->receive();
+    forEver->signal(SIGINT);
+    EXPECT_EQ(forEver->wait(), 1000 + SIGINT) << "a person can end the wait";
+}
+
+TEST_F(CommandTest, SendsEvents)
+{
+    RawClient listener = connect();
+    listener.listenTo("*");
+    expect({"send", "motor", R"({"action":"start"})"}, {});
+    const Bytes event = listener.receive();
+    EXPECT_EQ(findText(event, A_METHOD), "motor");
+    EXPECT_EQ(find(event, A_DATA), stringField("action", "start"));
+    expect({"send", "motor"}, {});
+    EXPECT_EQ(find(listener.receive(), A_DATA), Bytes());
+    for (const auto standardError : {PIPE, TERMINAL}) {
+        expect({"send", "ubus.motor"}, {.err = "Command failed: Permission denied\n", .exitStatus = 6}, standardError);
+        expect({"send", "motor", "[]"}, {.err = "Command failed: Parsing message data failed\n", .exitStatus = 12},
+               standardError);
+    }
+    EXPECT_TRUE(listener.nothingWaits());
+}
+
+TEST_F(CommandTest, PrintsEachEventAtOnce)
+{
+    const auto all = startListening({"listen"});
+    const auto some = startListening({"listen", "motor*", "probe", "*.object.add"});
+    owner->ask(eventCall(1, "other", {}));
+    EXPECT_EQ(nextEvent(*all), R"({ "other": {} })");
+    owner->ask(eventCall(1, "motor", stringField("action", "start") + numberField("n", 1)));
+    for (const auto& command : {all.get(), some.get()})
+        EXPECT_EQ(nextEvent(*command), R"({ "motor": {"action":"start","n":1} })");
+    const auto id = static_cast<int32_t>(owner->addObject("ptzd"));
+    EXPECT_EQ(nextEvent(*all), R"({ "ubus.object.add": {"id":)" + std::to_string(id) + R"(,"path":"ptzd"} })");
+    all->signal(SIGINT);
+    some->signal(SIGTERM);
+    EXPECT_EQ(all->wait(), 0);
+    EXPECT_EQ(some->wait(), 0);
+    EXPECT_EQ(all->err + some->err, "");
+    EXPECT_EQ(some->out.find("ubus.object.add"), std::string::npos) << "a star in front is no pattern";
+    expect({"-t", "1", "listen", "nothing"}, {});
+}
+
+TEST_F(CommandTest, EndsListeningWhenTheDaemonDoes)
+{
+    const auto command = startListening({"listen"});
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0);
+    EXPECT_EQ(command->wait(), 10);
+    EXPECT_EQ(command->err, "Command failed: Connection failed\n");
+    daemon.reset();
+}
+
+TEST_F(CommandTest, WaitsForObjects)
+{
+    owner->addObject("here");
+    expect({"wait_for", "here"}, {});
+    expect({"-t", "1", "wait_for", "here", "later"}, {.err = "Command failed: Request timed out\n", .exitStatus = 7});
+    expect({"-S", "-t", "1", "wait_for", "later"}, {.exitStatus = 7});
+    const auto command = start({"wait_for", "later", "here", "last"});
+    owner->addObject("later");
+    EXPECT_FALSE(command->hasLine());
+    owner->addObject("last");
+    expectEnd(*command, {});
+}
+
+TEST_F(CommandTest, SaysThatThereIsNoBus)
+{
+    for (const char* command : {"list", "listen"}) {
+        Process process({UBUS_PROGRAM, "-s", folder() + "/none", command});
+        expectEnd(process, {.err = "Failed to connect to ubus\n", .exitStatus = 255});
+    }
+    Process terse({UBUS_PROGRAM, "-S", "-s", folder() + "/none", "list"});
+    expectEnd(terse, {.exitStatus = 255});
+}
+
+TEST_F(CommandTest, AnswersWrongUseWithItsUsage)
+{
+    struct {
+        Strings arguments;
+        int exitStatus;
+    } const cases[] = {
+        {{}, 1},
+        {{"-S"}, 1},
+        {{"-x", "list"}, 1},
+        {{"-t", "soon", "list"}, 1},
+        {{"list", "-t"}, 1},
+        {{"nonsense"}, 254},
+        {{"-S", "nonsense"}, 254},
+        {{"list", "a", "b"}, 254},
+        {{"call", "a"}, 254},
+        {{"call", "a", "b", "{}", "d"}, 254},
+        {{"send"}, 254},
+        {{"send", "a", "{}", "c"}, 254},
+        {{"wait_for"}, 254},
+    };
+    for (const auto& entry : cases) {
+        const auto command = start(entry.arguments);
+        EXPECT_EQ(command->wait(), entry.exitStatus) << testing::PrintToString(entry.arguments);
+        EXPECT_EQ(command->out, "");
+        EXPECT_EQ(command->err.substr(0, 7), "Usage: ");
+    }
+}
+
+} // namespace

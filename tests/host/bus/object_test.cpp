@@ -1,0 +1,209 @@
+// Objects, their types, lookups, calls and their answers.
+
+#include "bus_fixture.h"
+
+#include <algorithm>
+#include <set>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+enum : uint32_t { OK = 0, INVALID_COMMAND = 1, INVALID_ARGUMENT = 2, NOT_FOUND = 4, PERMISSION_DENIED = 6 };
+
+Bytes lookup(uint16_t seq, std::string_view path)
+{
+    return message(LOOKUP, seq, 0, attr(A_OBJPATH, text(path)));
+}
+
+Bytes removal(uint16_t seq, uint32_t object)
+{
+    return message(REMOVE_OBJECT, seq, 0, attr(A_OBJID, u32(object)));
+}
+
+Texts namesIn(const Answer& answer)
+{
+    Texts names;
+    for (const Bytes& data : answer.data)
+        names.push_back(findText(data, A_OBJPATH));
+    return names;
+}
+
+TEST_F(BusTest, FindsNamesExactlyByPrefixAndInByteOrder)
+{
+    RawClient asker = connect();
+    EXPECT_EQ(asker.ask(lookup(1, "*")).status, NOT_FOUND);
+    RawClient owner = connect();
+    for (const char* name : {"b", "a\xff", "", "a*", "a b\n", "ab", "B", "a"})
+        owner.addObject(name, oneMethod("run", "how"));
+
+    EXPECT_EQ(namesIn(asker.ask(lookup(2, "a"))), Texts{"a"});
+    EXPECT_EQ(namesIn(asker.ask(lookup(3, "a*"))), (Texts{"a", "a b\n", "a*", "ab", "a\xff"}));
+    const Texts all{"", "B", "a", "a b\n", "a*", "ab", "a\xff", "b"};
+    EXPECT_EQ(namesIn(asker.ask(lookup(4, "*"))), all);
+    EXPECT_EQ(namesIn(asker.ask(message(LOOKUP, 5, 9, {}))), all) << "without a path, and with a peer to be repeated";
+    EXPECT_EQ(asker.ask(lookup(6, "c*")).status, NOT_FOUND);
+    EXPECT_EQ(asker.ask(lookup(7, "c")).status, NOT_FOUND);
+    EXPECT_EQ(asker.ask(lookup(8, "")).status, INVALID_ARGUMENT);
+}
+
+TEST_F(BusTest, HidesAnObjectWithoutAGoodSignatureButForwardsItsCalls)
+{
+    RawClient owner = connect();
+    RawClient caller = connect();
+    const Bytes methodCutShort = part(oneMethod("run", "how"), 0, 24);
+    for (const Bytes& signature : {Bytes(), attr(A_SIGNATURE, methodCutShort), attr(A_SIGNATURE, numberField("n", 1)),
+                                   attr(A_SIGNATURE, tableField("", {})), attr(A_OBJTYPE, u32(77777))}) {
+        const Bytes path = attr(A_OBJPATH, text("shy"));
+        const Answer added = owner.ask(message(ADD_OBJECT, 1, 0, path + signature));
+        ASSERT_EQ(added.status, OK);
+        EXPECT_EQ(added.data.at(0).size(), 20u) << "the id alone, no type";
+        const uint32_t object = u32At(find(added.data.at(0), A_OBJID), 0);
+
+        const Answer found = caller.ask(lookup(1, "shy"));
+        EXPECT_EQ(found.status, OK);
+        EXPECT_TRUE(found.data.empty());
+        caller.send(call(2, object, "run", {}));
+        EXPECT_EQ(findText(owner.receive(), A_METHOD), "run");
+        EXPECT_EQ(owner.ask(removal(2, object)).status, OK);
+    }
+}
+
+TEST_F(BusTest, SharesATypeUntilItsLastObjectGoes)
+{
+    RawClient owner = connect();
+    const Bytes signature = oneMethod("run", "how");
+    const Answer first =
+        owner.ask(message(ADD_OBJECT, 1, 0, attr(A_OBJPATH, text("one")) + attr(A_SIGNATURE, signature)));
+    const uint32_t type = u32At(find(first.data.at(0), A_OBJTYPE), 0);
+    const Answer second =
+        owner.ask(message(ADD_OBJECT, 2, 0, attr(A_OBJPATH, text("two")) + attr(A_OBJTYPE, u32(type))));
+    const uint32_t one = u32At(find(first.data.at(0), A_OBJID), 0);
+    const uint32_t two = u32At(find(second.data.at(0), A_OBJID), 0);
+    EXPECT_TRUE(find(second.data.at(0), A_OBJTYPE).empty()) << "told only to who brought the signature";
+
+    EXPECT_EQ(owner.ask(removal(3, one)).data, Messages{message(DATA, 3, 0, attr(A_OBJID, u32(one)))});
+    EXPECT_EQ(owner.ask(lookup(4, "two")).data,
+              Messages{message(DATA, 4, 0,
+                               attr(A_OBJPATH, text("two")) + attr(A_OBJID, u32(two)) + attr(A_OBJTYPE, u32(type)) +
+                                   attr(A_SIGNATURE, signature))});
+    EXPECT_EQ(owner.ask(removal(5, two)).data,
+              Messages{message(DATA, 5, 0, attr(A_OBJID, u32(two)) + attr(A_OBJTYPE, u32(type)))});
+}
+
+TEST_F(BusTest, LetsOnlyTheOwnerRemoveAnObject)
+{
+    RawClient owner = connect();
+    RawClient other = connect();
+    const uint32_t object = owner.addObject("mine");
+    EXPECT_EQ(other.ask(removal(1, object)).status, PERMISSION_DENIED);
+    EXPECT_EQ(other.ask(message(REMOVE_OBJECT, 2, 0, {})).status, INVALID_ARGUMENT);
+    EXPECT_EQ(owner.ask(removal(3, object)).status, OK);
+    EXPECT_EQ(owner.ask(removal(4, object)).status, NOT_FOUND);
+    EXPECT_EQ(other.ask(message(ADD_OBJECT, 5, 0, attr(A_OBJPATH, text("mine")))).status, OK) << "the name is free";
+}
+
+TEST_F(BusTest, GivesOutIdsThatAreUniqueAndNotReserved)
+{
+    RawClient owner = connect();
+    std::set<uint32_t> ids;
+    for (int i = 0; i < 500; ++i)
+        ids.insert(owner.addAnonymous());
+    EXPECT_EQ(ids.size(), 500u);
+    EXPECT_GE(*ids.begin(), 1024u);
+}
+
+TEST_F(BusTest, ForwardsACallAsANewMessage)
+{
+    RawClient owner = connect();
+    RawClient caller = connect();
+    const uint32_t object = owner.addObject("ptzd");
+    constexpr uint8_t NO_REPLY = 10;
+    const Bytes wanted = attr(A_OBJID, u32(object)) + attr(A_METHOD, text("stop"));
+    // In another order, with attributes that are not for the owner, an earlier id that counts for nothing, no DATA.
+    caller.send(message(INVOKE, 7, 0x12345,
+                        attr(NO_REPLY, {1}) + attr(A_METHOD, text("stop")) + attr(A_USER, text("mallory")) +
+                            attr(A_OBJID, u32(1)) + attr(A_OBJID, u32(object)) + attr(A_OBJID, {1, 2, 3})));
+    const Bytes received = owner.receive();
+    const Bytes names = attr(A_USER, find(received, A_USER)) + attr(A_GROUP, find(received, A_GROUP));
+    EXPECT_EQ(received, message(INVOKE, 7, caller.id(), wanted + names));
+    EXPECT_NE(findText(received, A_USER), "mallory");
+    EXPECT_TRUE(caller.nothingWaits()) << "the owner answers, not the daemon";
+}
+
+TEST_F(BusTest, ForwardsAnswersByteForByteAndOnlyThoseOfTheOwner)
+{
+    RawClient owner = connect();
+    RawClient caller = connect();
+    RawClient stranger = connect();
+    const uint32_t object = owner.addObject("ptzd");
+    // A version, an order, an unknown attribute and a root length that the library would not write.
+    Bytes answer = message(DATA, 9, caller.id(), attr(99, {1}) + attr(A_DATA, {}) + attr(A_OBJID, u32(object)));
+    answer[0] = 3;
+    answer[8] = 0x85;
+    answer = answer + Bytes{7, 7};
+    answer[11] = static_cast<uint8_t>(answer[11] + 2);
+    stranger.send(answer);
+    stranger.send(message(STATUS, 9, caller.id(), attr(A_STATUS, u32(0)) + attr(A_OBJID, u32(object))));
+    EXPECT_TRUE(stranger.nothingWaits()) << "dropped without a word";
+    EXPECT_TRUE(caller.nothingWaits());
+
+    owner.send(message(STATUS, 9, 4711, attr(A_STATUS, u32(0)) + attr(A_OBJID, u32(object)))); // to nobody
+    owner.send(message(STATUS, 9, caller.id(), attr(A_STATUS, u32(0))));                       // for no object
+    owner.send(answer);
+    std::ranges::copy(u32(object), answer.begin() + 4);
+    EXPECT_EQ(caller.receive(), answer);
+    EXPECT_TRUE(owner.nothingWaits());
+    EXPECT_TRUE(caller.nothingWaits());
+}
+
+TEST_F(BusTest, RefusesWhatCannotBeCarriedOut)
+{
+    RawClient client = connect();
+    const Bytes method = attr(A_METHOD, text("x"));
+    EXPECT_EQ(client.ask(message(INVOKE, 1, 5, attr(A_OBJID, u32(5555)) + method)).status, NOT_FOUND);
+    EXPECT_EQ(client.ask(message(INVOKE, 2, 5, method)).status, INVALID_ARGUMENT);
+    EXPECT_EQ(client.ask(message(INVOKE, 3, 5, attr(A_OBJID, u32(5555)))).status, INVALID_ARGUMENT);
+    EXPECT_EQ(client.ask(message(INVOKE, 4, 1, attr(A_OBJID, u32(1)) + method)).status, INVALID_COMMAND);
+    for (const uint8_t type : {uint8_t{HELLO}, uint8_t{11}, uint8_t{12}, uint8_t{255}})
+        EXPECT_EQ(client.ask(message(type, 5, 6, {})).status, INVALID_COMMAND) << int{type};
+}
+
+TEST_F(BusTest, EchoesAPingWithAllThatIsInIt)
+{
+    RawClient client = connect();
+    Bytes ping = message(PING, 0xfffe, 0xdeadbeef, attr(A_DATA, stringField("a", "b")) + attr(77, {1, 2, 3}));
+    ping[0] = 9;
+    Bytes echo = ping;
+    echo[1] = DATA;
+    EXPECT_EQ(client.ask(ping).data, Messages{echo});
+}
+
+TEST_F(BusTest, TellsTheCallerNothingWhenTheOwnerDiesAndTheOwnerNothingWhenTheCallerDies)
+{
+    auto owner = std::make_unique<RawClient>(connect());
+    auto caller = std::make_unique<RawClient>(connect());
+    RawClient witness = connect();
+    const uint32_t object = owner->addObject("ptzd");
+    const uint32_t listener = witness.listenTo("ubus.object.*");
+
+    caller->send(call(1, object, "stop", {}));
+    const Bytes received = owner->receive();
+    const uint32_t callerId = caller->id();
+    caller.reset();
+    owner->send(message(DATA, 1, callerId, attr(A_OBJID, u32(object)) + attr(A_DATA, {})));
+    EXPECT_TRUE(owner->nothingWaits());
+
+    RawClient second = connect();
+    second.send(call(1, object, "stop", {}));
+    EXPECT_EQ(findText(owner->receive(), A_METHOD), "stop");
+    owner.reset();
+    const Bytes gone = numberField("id", object) + stringField("path", "ptzd");
+    EXPECT_EQ(witness.receive(),
+              message(INVOKE, 1, 0,
+                      attr(A_OBJID, u32(listener)) + attr(A_METHOD, text("ubus.object.remove")) + attr(A_DATA, gone)));
+    EXPECT_TRUE(second.nothingWaits());
+    EXPECT_EQ(second.ask(call(2, object, "stop", {})).status, NOT_FOUND);
+}
+
+} // namespace
