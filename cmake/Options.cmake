@@ -22,11 +22,12 @@ target_compile_options(ptzd_no_runtime INTERFACE
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 set(CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES "")
 
-# Links TARGET with the C compiler driver, so that a use of the C++ runtime library fails to link.
+# Links TARGET with the C compiler driver, so that a use of the C++ runtime library fails to link. Not with a sanitizer:
+# that needs the runtime library itself, and an instrumented library takes its symbols from the program.
 function(ptzd_link_without_runtime TARGET)
-    set_target_properties(${TARGET} PROPERTIES LINKER_LANGUAGE C)
     target_link_libraries(${TARGET} PRIVATE ptzd_no_runtime)
-    if(NOT PTZD_SANITIZE) # an instrumented library takes the sanitizer's symbols from the program
+    if(NOT PTZD_SANITIZE)
+        set_target_properties(${TARGET} PROPERTIES LINKER_LANGUAGE C)
         target_link_options(${TARGET} PRIVATE -Wl,-z,defs)
     endif()
 endfunction()

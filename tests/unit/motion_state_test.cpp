@@ -98,7 +98,7 @@ TEST_F(Motion, ATickThatLookedBeforeANewerMotionDoesNotEndIt)
     startMotion();
     run(false);
     // The newer motion begins and is driven after the tick has read pan and before it decides.
-    fakeMotor.onRequest = [this](const FakeRequest& request) {
+    fakeMotor.onRequest = [](const FakeRequest& request) {
         if (request.axis != TILT || request.number != MOTOR_IOC_GET_STATUS)
             return;
         fakeMotor.onRequest = nullptr;
