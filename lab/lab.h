@@ -214,6 +214,7 @@ private:
     bool createState(const LabOptions& options);
     bool startProgram(const std::string& name, const std::vector<std::string>& command);
     std::optional<int> endProgram(const std::string& name, int signal, std::chrono::milliseconds patience);
+    bool endInAnyCase(const std::string& name);
     bool endAll();
     void editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit);
 
@@ -240,5 +241,6 @@ bool waitUntil(Condition condition, std::chrono::milliseconds timeout)
 }
 
 /// Pan and tilt over lab time as an SVG picture, reconstructed from the journal; calls of CET shade the moving spans.
+/// A motion under way is drawn as it will go on, but not beyond `untilLabNs`.
 std::string plotLab(const std::vector<LabJournalEntry>& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT]);
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs);

@@ -107,12 +107,12 @@ int upCommand(const Command& self, Arguments arguments)
     const WorkLock lock(lab.folder());
     if (!lock.held())
         return 1;
-    if (allRun(lab)) {
+    if (allRun(lab) && lab.attach() && lab.isReady()) {
         printf("a head is up in %s already\n", lab.folder().c_str());
         return 0;
     }
     if (!lab.up(options))
-        return failed(lab.error());
+        return failed(lab.error() + "\nwhat was started goes on; ptzd-lab down ends it");
     printf("a head is up in %s\n", lab.folder().c_str());
     return 0;
 }

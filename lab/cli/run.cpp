@@ -134,12 +134,19 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals)
            "  ./dev ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'\n"
            "  ./dev ubus call ptzd getStatus\n"
            "Ctrl-C ends the head.\n\n");
+    bool alive = true;
     while (!signals.came(REFRESH)) {
         display.refresh();
-        if (!lab.isRunning("ptzd") && !waitUntil([&] { return lab.isRunning("ptzd"); }, milliseconds(2000))) {
-            display.leave();
-            return lab.isRunning("ubusd") ? giveUp(lab, signals) : 0; // without a bus too: somebody took the lab down
+        const bool runs = lab.isRunning("ptzd");
+        if (!runs && !lab.isRunning("ubusd")) {
+            printf("the head was taken down\n");
+            return 0;
         }
+        if (runs == alive)
+            continue;
+        alive = runs;
+        display.leave();
+        printf(alive ? "the daemon runs again\n" : "the daemon has ended; ./dev lab ptzd start starts it again\n");
     }
     return 0;
 }

@@ -117,25 +117,36 @@ bool Lab::down()
 bool Lab::endAll()
 {
     for (const char* program : PROGRAMS) {
-        if (!endProgram(program, SIGTERM, END_PATIENCE) && !endProgram(program, SIGKILL, END_PATIENCE))
-            return fail(std::string(program) + " of the lab in " + folder_ + " does not end");
+        if (!endInAnyCase(program))
+            return false;
     }
     unlink(inLab(folder_, LAB_BUS_SOCKET).c_str()); // a bus that was killed leaves it behind
     return true;
 }
 
+bool Lab::endInAnyCase(const std::string& name)
+{
+    return endProgram(name, SIGTERM, END_PATIENCE) || endProgram(name, SIGKILL, END_PATIENCE) ||
+           fail(name + " of the lab in " + folder_ + " does not end");
+}
+
 std::optional<int> Lab::endProgram(const std::string& name, int signal, milliseconds patience)
 {
     const std::string pidFile = pidFileOf(folder_, name);
+    const pid_t living = livingProcess(pidFile, folder_);
     const auto child = children_.find(name);
-    const pid_t pid = child != children_.end() ? child->second : livingProcess(pidFile, folder_);
-    if (pid == 0)
-        return 0;
-    if (signal != 0)
-        kill(pid, signal);
-    const std::optional<int> status = awaitEnd(pid, folder_, patience);
-    if (!status)
-        return std::nullopt;
+    const pid_t ours = child == children_.end() ? 0 : child->second;
+    std::optional<int> status = 0;
+    // Ours may have ended long ago, and another command may have started the one that runs now.
+    for (const pid_t pid : {ours, living == ours ? 0 : living}) {
+        if (pid == 0)
+            continue;
+        if (signal != 0)
+            kill(pid, signal);
+        status = awaitEnd(pid, folder_, patience);
+        if (!status)
+            return std::nullopt;
+    }
     children_.erase(name);
     unlink(pidFile.c_str());
     return status;
@@ -205,9 +216,7 @@ bool Lab::startBus()
 
 bool Lab::stopBus()
 {
-    if (endProgram("ubusd", SIGTERM, END_PATIENCE) || endProgram("ubusd", SIGKILL, END_PATIENCE))
-        return true;
-    return fail("the bus does not end");
+    return endInAnyCase("ubusd");
 }
 
 bool Lab::startCet()
@@ -224,9 +233,7 @@ bool Lab::startCet()
 
 bool Lab::stopCet()
 {
-    if (endProgram("cet", SIGTERM, END_PATIENCE) || endProgram("cet", SIGKILL, END_PATIENCE))
-        return true;
-    return fail("CET does not end");
+    return endInAnyCase("cet");
 }
 
 bool Lab::startPtzd()

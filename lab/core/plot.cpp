@@ -101,18 +101,21 @@ double endOfMotion(const LabJournalEntry& entry)
            static_cast<double>(std::abs(entry.left)) / static_cast<double>(std::llabs(entry.rate));
 }
 
-TimeScale timeScaleOf(const Journal& journal, const std::vector<LabCetEntry>& cetLog)
+/// From the first thing that happened to the last, or to the end of the motions under way if that came before `until`.
+TimeScale timeScaleOf(const Journal& journal, const std::vector<LabCetEntry>& cetLog, double until)
 {
-    double last = 0;
-    for (const LabJournalEntry& entry : journal)
-        last = std::max(last, endOfMotion(entry));
+    std::vector<double> times;
+    double ends[LAB_AXIS_COUNT] = {};
+    for (const LabJournalEntry& entry : journal) {
+        times.push_back(seconds(entry.labNs));
+        ends[entry.axis] = std::min(endOfMotion(entry), until); // of the latest request: it replaces those before
+    }
     for (const LabCetEntry& entry : cetLog)
-        last = std::max(last, seconds(entry.labNs));
-    double first = last;
-    if (!journal.empty())
-        first = std::min(first, seconds(journal.front().labNs));
-    if (!cetLog.empty())
-        first = std::min(first, seconds(cetLog.front().labNs));
+        times.push_back(seconds(entry.labNs));
+    if (times.empty())
+        times.push_back(until);
+    const double first = *std::min_element(times.begin(), times.end());
+    const double last = std::max({*std::max_element(times.begin(), times.end()), ends[LAB_PAN], ends[LAB_TILT]});
     const double margin = std::max((last - first) * 0.01, 0.01);
     return {first - margin, last + margin};
 }
@@ -192,11 +195,14 @@ void drawCourse(std::ostream& out, const Panel& panel, const TimeScale& time, co
     out << "<polyline class='course' points='" << points.str() << "'/>\n";
 }
 
+void drawPowerLoss(std::ostream& out, double x, double from, double to)
+{
+    out << "<line class='power' x1='" << x << "' x2='" << x << "' y1='" << from << "' y2='" << to << "'/>\n";
+}
+
 void drawMark(std::ostream& out, const LabJournalEntry& entry, double x, double y)
 {
-    if (entry.request == JOURNAL_POWER_LOSS)
-        out << "<line class='power' x1='" << x << "' x2='" << x << "' y1='" << y - 40 << "' y2='" << y + 40 << "'/>\n";
-    else if (entry.result != 0)
+    if (entry.result != 0)
         out << "<path class='failed' d='M" << x - 5 << ' ' << y - 5 << "l10 10m0 -10l-10 10'/>\n";
     else if (entry.request == "MOVE")
         out << "<path class='move' d='M" << x << ' ' << y - 6 << "l6 11h-12z'/>\n";
@@ -211,8 +217,13 @@ void drawMark(std::ostream& out, const LabJournalEntry& entry, double x, double 
 void drawMarks(std::ostream& out, const Panel& panel, const TimeScale& time, const Journal& journal, LabAxisId axis)
 {
     for (const LabJournalEntry& entry : journal) {
-        if (entry.axis == axis)
-            drawMark(out, entry, time.x(seconds(entry.labNs)), panel.yOfSteps(entry.count));
+        if (entry.axis != axis)
+            continue;
+        const double x = time.x(seconds(entry.labNs));
+        if (entry.request == JOURNAL_POWER_LOSS)
+            drawPowerLoss(out, x, panel.top, panel.top + PANEL_HEIGHT);
+        else
+            drawMark(out, entry, x, panel.yOfSteps(entry.count));
     }
 }
 
@@ -236,6 +247,8 @@ void drawLegend(std::ostream& out)
     mark("STOP", 0, "stop", 70);
     mark("SET_POSITION", 0, "position told", 120);
     mark("MOVE", 1, "request failed", 125);
+    drawPowerLoss(out, x, y - 9, y + 7);
+    label("power loss", 105);
     out << "<rect class='moving' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
     label("announced as moving", 0);
 }
@@ -243,9 +256,9 @@ void drawLegend(std::ostream& out)
 } // namespace
 
 std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT])
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs)
 {
-    const TimeScale time = timeScaleOf(journal, cetLog);
+    const TimeScale time = timeScaleOf(journal, cetLog, seconds(untilLabNs));
     const Panel panels[] = {{"Pan", PANEL_TOP, axes[LAB_PAN]},
                             {"Tilt", PANEL_TOP + PANEL_HEIGHT + PANEL_GAP, axes[LAB_TILT]}};
     std::ostringstream out;

@@ -140,7 +140,7 @@ bool Lab::prepare(const LabOptions& options)
     std::string start = options_.ptzd + "\n";
     for (const std::string& variable : options_.environment)
         start += variable + "\n";
-    if (!touch(folder_ + "/dev/console") || !writeFile(folder_ + "/start", start) || !createState(options_))
+    if (!writeFile(folder_ + "/dev/console", "") || !writeFile(folder_ + "/start", start) || !createState(options_))
         return fail("cannot write to " + folder_);
     std::error_code ignored;
     for (const auto& log : fs::directory_iterator(folder_ + "/log", ignored))

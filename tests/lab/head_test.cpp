@@ -2,6 +2,8 @@
 
 #include "probe.h"
 
+#include "lab_paths.h"
+
 #include <sys/stat.h>
 
 #include <array>
@@ -118,12 +120,15 @@ TEST(Head, TwoLabsLiveSideBySideAndEndWithoutATrace)
 TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
 {
     Lab lab;
+    LabOptions options;
+    options.factor = 25000;
+    options.startPtzd = LAB_PTZD[0] != '\0';
     const pid_t launcher = fork();
     if (launcher == 0) {
         Lab killed(lab.folder());
-        LabOptions options = withoutDaemon();
-        options.outlive = true; // so that they are left behind
-        killed.up(options);
+        LabOptions leftBehind = options;
+        leftBehind.outlive = true;
+        killed.up(leftBehind);
         pid_t cet = 0;
         std::ifstream(lab.folder() + "/pid/cet") >> cet;
         kill(cet, SIGKILL);
@@ -132,8 +137,15 @@ TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
     ASSERT_EQ(waitpid(launcher, nullptr, 0), launcher);
     ASSERT_TRUE(lab.isRunning("ubusd"));
     ASSERT_TRUE(fs::is_socket(lab.folder() + "/var/run/ubus.sock"));
-    ASSERT_TRUE(lab.up(withoutDaemon())) << lab.error();
+    const pid_t former = lab.ptzdPid();
+    ASSERT_TRUE(lab.up(options)) << lab.error();
     EXPECT_EQ(notify(lab, "notify_motor_idle"), R"({"err_code":0})");
+    if (options.startPtzd) {
+        EXPECT_NE(lab.ptzdPid(), former);
+        EXPECT_EQ(lab.call("checkMotorStatus"), R"({"err_code":0})");
+        EXPECT_EQ(lab.killPtzd(SIGKILL), SIGKILL);
+        EXPECT_TRUE(lab.startPtzd()) << lab.error();
+    }
 }
 
 TEST(Head, OwnedProgramsEndWithTheirLauncher)
@@ -235,6 +247,40 @@ TEST(CommandLine, InterferesWithTheLabThatTheEnvironmentNames)
     EXPECT_EQ(command("exec ubus list").second, "CET\n");
     EXPECT_EQ(command("down").first, 0);
     EXPECT_FALSE(lab.isRunning("ubusd"));
+    unsetenv("PTZD_LAB_DIR");
+}
+
+TEST(CommandLine, ShowsAHeadAndRunsOneInTheBackground)
+{
+    if (LAB_PTZD[0] == '\0')
+        GTEST_SKIP() << "there is no daemon yet";
+    Lab lab;
+    setenv("PTZD_LAB_DIR", lab.folder().c_str(), 1);
+    const auto [shown, text] = command("run --factor 25000");
+    EXPECT_EQ(shown, 0) << text;
+    EXPECT_NE(text.find("tilt  turns by 1220 steps from step 0\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("calibrated\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(R"("x_coord":"30","y_coord":"0","x_speed":"0","y_speed":"0")"), std::string::npos) << text;
+    EXPECT_EQ(lab.ptzdPid(), 0) << "without a terminal it ends";
+
+    EXPECT_EQ(command("up --factor 25000").first, 0);
+    EXPECT_NE(command("up").second.find("already"), std::string::npos);
+    EXPECT_EQ(command("run").first, 1) << "one head a folder";
+    EXPECT_EQ(command("exec ubus -S call ptzd moveTo '{\"x_coord\":\"-15\",\"y_coord\":\"0\"}'").second,
+              "{\"error_code\":0}\n");
+    ASSERT_TRUE(lab.attach());
+    EXPECT_TRUE(waitUntil([&] { return lab.axisNow(LAB_PAN).shaft == 1350; }, 10s));
+    EXPECT_EQ(command("ptzd kill").first, 0);
+    EXPECT_EQ(command("ptzd").second, "ptzd  does not run\n");
+    EXPECT_EQ(command("ptzd kill").first, 1);
+    EXPECT_EQ(command("ptzd restart").first, 0);
+    EXPECT_EQ(command("ptzd").second, "ptzd  calibrated\n");
+    EXPECT_EQ(command("plot " + lab.folder() + "/head.svg").first, 0);
+    EXPECT_TRUE(fs::exists(lab.folder() + "/head.svg"));
+    EXPECT_NE(command("journal").second.find(" x MOVE in=0,0,-450,0,0 result=0 "), std::string::npos)
+        << "from 1800, where the head stood before its power went";
+    EXPECT_EQ(command("down").second, "the head in " + lab.folder() + " is down\n");
+    EXPECT_EQ(command("down").second, "no head is up in " + lab.folder() + "\n");
     unsetenv("PTZD_LAB_DIR");
 }
 

@@ -108,8 +108,9 @@ static void* rotate_in_background(void* unused)
 static void on_timer(union sigval value)
 {
     struct timer_record* timer = value.sival_ptr;
-    timer->seen = timer->plain;
+    const int plain = timer->plain;
     pthread_mutex_lock(&timer->lock);
+    timer->seen = plain;
     ++timer->started;
     if (++timer->running > timer->most)
         timer->most = timer->running;

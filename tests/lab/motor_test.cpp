@@ -19,6 +19,10 @@ protected:
         ASSERT_EQ(probe_->ask("open x"), "1"); // FD_CLOEXEC, as asked
         ASSERT_EQ(probe_->ask("open y"), "1");
     }
+    void TearDown() override
+    {
+        EXPECT_EQ(probe_->finish(), 0) << "a sanitizer has something to say";
+    }
     std::string ask(const std::string& command)
     {
         return probe_->ask(command);
