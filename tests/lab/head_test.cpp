@@ -277,7 +277,7 @@ TEST(CommandLine, ShowsAHeadAndRunsOneInTheBackground)
     EXPECT_EQ(command("ptzd").second, "ptzd  calibrated\n");
     EXPECT_EQ(command("plot " + lab.folder() + "/head.svg").first, 0);
     EXPECT_TRUE(fs::exists(lab.folder() + "/head.svg"));
-    EXPECT_NE(command("journal").second.find(" x MOVE in=0,0,-450,0,0 result=0 "), std::string::npos)
+    EXPECT_NE(command("journal").second.find(" x MOVE in=0,4,-450,0,-1 result=0 "), std::string::npos)
         << "from 1800, where the head stood before its power went";
     EXPECT_EQ(command("down").second, "the head in " + lab.folder() + " is down\n");
     EXPECT_EQ(command("down").second, "no head is up in " + lab.folder() + "\n");
