@@ -77,7 +77,7 @@ int failed(const std::string& reason)
 
 std::string labFolderFor(const Arguments& arguments, size_t index)
 {
-    if (index < arguments.size())
+    if (index < arguments.size() && !arguments[index].empty())
         return arguments[index];
     const char* named = getenv("PTZD_LAB_DIR");
     return named && *named ? named : ".lab";

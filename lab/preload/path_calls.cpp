@@ -165,6 +165,12 @@ PATH_CALL(int, mkdirat, (int at, const char* file, mode_t mode), (at, path, mode
 PATH_CALL(int, chmod, (const char* file, mode_t mode), (path, mode), noexcept)
 PATH_CALL(int, fchmodat, (int at, const char* file, mode_t mode, int flags), (at, path, mode, flags), noexcept)
 PATH_CALL(int, chown, (const char* file, uid_t user, gid_t group), (path, user, group), noexcept)
+PATH_CALL(int, lchown, (const char* file, uid_t user, gid_t group), (path, user, group), noexcept)
+PATH_CALL(int, fchownat, (int at, const char* file, uid_t user, gid_t group, int flags), (at, path, user, group, flags),
+          noexcept)
+PATH_CALL(int, utimensat, (int at, const char* file, const timespec times[2], int flags), (at, path, times, flags),
+          noexcept)
+PATH_CALL(int, chdir, (const char* file), (path), noexcept)
 PATH_CALL(int, unlink, (const char* file), (path), noexcept)
 PATH_CALL(int, unlinkat, (int at, const char* file, int flags), (at, path, flags), noexcept)
 PATH_CALL(int, remove, (const char* file), (path), noexcept)
@@ -172,6 +178,7 @@ PATH_CALL(int, rmdir, (const char* file), (path), noexcept)
 PATH_CALL(int, truncate, (const char* file, off_t size), (path, size), noexcept)
 PATH_CALL(int, truncate64, (const char* file, off64_t size), (path, size), noexcept)
 PATH_CALL(ssize_t, readlink, (const char* file, char* text, size_t size), (path, text, size), noexcept)
+PATH_CALL(ssize_t, readlinkat, (int at, const char* file, char* text, size_t size), (at, path, text, size), noexcept)
 PATH_CALL(ssize_t, __readlink_chk, (const char* file, char* text, size_t length, size_t size),
           (path, text, length, size))
 PATH_CALL(char*, realpath, (const char* file, char* resolved), (path, resolved), noexcept)
