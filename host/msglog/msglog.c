@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 /* One write() a line, so that lines of several threads and processes never mix. */
-static void appendToFile(const char *path, int level, const char *tag, const char *text)
+static void appendToFile(const char* path, int level, const char* tag, const char* text)
 {
     struct timespec now;
     struct tm local;
@@ -24,8 +24,8 @@ static void appendToFile(const char *path, int level, const char *tag, const cha
     clock_gettime(CLOCK_REALTIME, &now);
     localtime_r(&now.tv_sec, &local);
     size = snprintf(line, sizeof(line), "%04d-%02d-%02d %02d:%02d:%02d.%03ld %d %s: %.*s\n", local.tm_year + 1900,
-                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                    now.tv_nsec / 1000000, level, tag, (int)length, text);
+                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1000000,
+                    level, tag, (int)length, text);
     if (size < 0)
         return;
     if ((size_t)size >= sizeof(line)) {
@@ -40,9 +40,9 @@ static void appendToFile(const char *path, int level, const char *tag, const cha
     close(fd);
 }
 
-void msglog(int level, const char *tag, const char *format, ...)
+void msglog(int level, const char* tag, const char* format, ...)
 {
-    const char *file = getenv("MSGLOG_FILE");
+    const char* file = getenv("MSGLOG_FILE");
     char text[1024];
     va_list args;
 
