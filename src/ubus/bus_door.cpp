@@ -5,7 +5,8 @@ namespace {
 
 thread_local bool holdsBus = false;
 
-uloop_fd_handler libraryDispatch = nullptr; // the library's own callback for its socket; the event loop's thread only
+// The library's own callback for its socket; the event loop's thread only.
+void (*libraryDispatch)(uloop_fd*, unsigned int) = nullptr;
 
 void dispatchUnderLock(uloop_fd* descriptor, unsigned int events)
 {

@@ -149,6 +149,26 @@ TEST_F(Start, SkipsTheRotationsInFactoryMode)
     ASSERT_TRUE(settled());
 }
 
+// ThreadSanitizer does not survive the C library's timers that notify by a thread; elsewhere they must do as well.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define SKIPS_SYSTEM_TIMERS
+#endif
+#endif
+#ifndef SKIPS_SYSTEM_TIMERS
+TEST_F(Start, WorksWithTheSystemsOwnTimers)
+{
+    LabOptions options = fastHead();
+    options.environment = {"PTZD_LAB_GLIBC_TIMERS=1"};
+    up(options);
+    for (int motions = 1; motions <= 5; ++motions) {
+        EXPECT_EQ(lab.call("moveTo", R"({"x_coord":")" + std::to_string(10 * motions) + R"(","y_coord":"0"})"), DONE);
+        ASSERT_TRUE(settled(motions)) << "the status poll ends each motion";
+    }
+    EXPECT_TRUE(waitUntil([&] { return lab.uciGet("ptzd.x_motor.steps") == "2000"; }, DEADLINE)) << "after ten seconds";
+}
+#endif
+
 class Recovery : public HeadInTheLab {
 protected:
     /// The position is saved 10 s after a motion: 0.2 s on this clock.
