@@ -5,8 +5,8 @@
 //
 // Locks, in the order in which they may be taken: a lock may be waited for only while none further down is held.
 //   MotionLock          the step-move state
-//   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never together with
-//   MotionLock ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
+//   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never with MotionLock
+//   ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
 //   BusLock             every call into the bus library; nothing is waited for while it is held
 #pragma once
 
@@ -60,9 +60,11 @@ struct MotionState {
     std::atomic<uint32_t> startsSeen{0};         // see motion_state.cpp
     std::atomic<int32_t> calibrating{0};         // owner: motor/calibration
     std::atomic<int32_t> simultaneous{0};
-    int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;
-    int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0;
-    int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0;
+    int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;    // 1 while a step move and its thread are under way
+    int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0; // degrees
+    int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0; // ticks until its thread stops the head
+    std::atomic<uint32_t> stepMoveGeneration{0}; // changes, under MotionLock, with each start and end of a step
+    std::atomic<int32_t> stepSustainTicks{1000}; // length of a step; owner: motor/speed_config
 };
 
 /// Owner: motor/position_store.
@@ -70,6 +72,7 @@ struct PositionState {
     std::atomic<int32_t> power_off_recover{1};
     std::atomic<uint32_t> saveRequests{0}; // counts the armings of saveStepsTimer
     std::atomic<bool> savePending{false};  // armed and not saved yet
+    std::atomic<uint32_t> saveEpoch{0};    // see position_store.cpp
 };
 
 struct Timers {
@@ -79,8 +82,14 @@ struct Timers {
     DaemonTimer scanMoveStopTimer;
 };
 
+/// Owner: motion/panorama.
 struct PanoramaState {
     std::atomic<int32_t> panoramaRunning{0};
+};
+
+/// Owner: motion/track.
+struct TrackState {
+    std::atomic<int32_t> targetTrackEnabled{0};
 };
 
 struct TourState {
@@ -88,6 +97,7 @@ struct TourState {
     std::atomic<int32_t> scanStepDone{1};
 };
 
+/// Owner: image/flip_config.
 struct ImageState {
     std::atomic<int32_t> imageFlipType{0}; // 0..3, row of FlipSignTable
 };
@@ -129,6 +139,7 @@ struct DaemonContext {
     MotionState motion;
     PositionState position;
     PanoramaState panorama;
+    TrackState track;
     TourState tour;
     ImageState image;
     UbusState ubus;

@@ -77,9 +77,7 @@ ResultCode prepareManualCalibration()
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
-        return result;
-    if (const ResultCode result = motionHaltIfRunning(pan, tilt); result != RESULT_OK)
+    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
         return result;
     calibrationSetTarget(PAN, homeSteps(PAN));
     calibrationSetTarget(TILT, homeSteps(TILT));

@@ -18,6 +18,11 @@ int32_t flipSign(AxisIndex axis)
     return FlipSignTable[gContext.image.imageFlipType.load()][axis];
 }
 
+int64_t flipped(AxisIndex axis, int32_t coord)
+{
+    return static_cast<int64_t>(flipSign(axis)) * coord;
+}
+
 bool withinLimits(AxisIndex axis, int64_t coord)
 {
     return coord >= CoordLimits[axis].low && coord <= CoordLimits[axis].high;
@@ -33,6 +38,17 @@ int32_t stepsToCoord(AxisIndex axis, int32_t steps)
 {
     const MotorAxis& motor = gContext.axes[axis];
     return toWord(static_cast<int64_t>(motor.range) * steps / motor.total_steps - motor.range / 2);
+}
+
+bool targetSteps(int32_t xCoord, int32_t yCoord, int32_t (&out)[AXIS_COUNT])
+{
+    const int64_t pan = flipped(PAN, xCoord);
+    const int64_t tilt = flipped(TILT, yCoord);
+    if (!withinLimits(PAN, pan) || !withinLimits(TILT, tilt))
+        return false;
+    out[PAN] = coordToSteps(PAN, static_cast<int32_t>(pan));
+    out[TILT] = coordToSteps(TILT, static_cast<int32_t>(tilt));
+    return true;
 }
 
 int32_t homeSteps(AxisIndex axis)

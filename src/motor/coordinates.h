@@ -22,11 +22,19 @@ inline constexpr int32_t FlipSignTable[4][AXIS_COUNT] = {{1, 1}, {-1, 1}, {1, -1
 /// An axis's sign under the current image flip type: +1 or -1.
 [[nodiscard]] int32_t flipSign(AxisIndex axis);
 
+/// A caller's coordinate or displacement with the sign applied.
+[[nodiscard]] int64_t flipped(AxisIndex axis, int32_t coord);
+
 [[nodiscard]] bool withinLimits(AxisIndex axis, int64_t coord);
 
 /// Absolute steps of a coordinate, and back.
 [[nodiscard]] int32_t coordToSteps(AxisIndex axis, int32_t coord);
 [[nodiscard]] int32_t stepsToCoord(AxisIndex axis, int32_t steps);
+
+/// Both axes' absolute steps of a caller's coordinates.
+/// @param xCoord, yCoord  coordinate units, image-flip sign not yet applied
+/// @return false, `out` unchanged, when one lies outside its limits, the sign applied
+[[nodiscard]] bool targetSteps(int32_t xCoord, int32_t yCoord, int32_t (&out)[AXIS_COUNT]);
 
 /// The absolute position of the axis's home, in steps.
 [[nodiscard]] int32_t homeSteps(AxisIndex axis);

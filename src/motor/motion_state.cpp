@@ -38,6 +38,28 @@ void beginUser() REQUIRES(gContext.motion.MotionStateLock)
     gContext.motion.user_moved_recently.store(1);
 }
 
+void beginLensMask() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.motion.motion_active.load() == 0) {
+        gContext.motion.motion_origin.store(ORIGIN_USER);
+        motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
+        gContext.motion.motion_active.store(1);
+    }
+    gContext.motion.user_moved_recently.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
+}
+
+void beginTrack() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    gContext.motion.motion_origin.store(ORIGIN_TRACK);
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_TRACK);
+    gContext.motion.motion_active.store(1);
+    gContext.motion.track_back_done.store(0);
+    gContext.tour.tourCurrentPresetId.store(0);
+}
+
 void beginReturn() REQUIRES(gContext.motion.MotionStateLock)
 {
     if (gContext.motion.motion_active.load() != 0)
@@ -108,24 +130,37 @@ ResultCode motionBusy()
 void stepMoveCancel()
 {
     LockGuard hold(gContext.motion.MotionLock);
-    if (gContext.motion.stepMoveActive != 1)
-        return;
+    if (gContext.motion.stepMoveActive == 1)
+        stepMoveClear();
+}
+
+void stepMoveClear()
+{
     gContext.motion.stepMoveActive = 0;
     gContext.motion.stepMoveDirection = 0;
     gContext.motion.stepMoveRemaining = 0;
+    gContext.motion.stepMoveGeneration.fetch_add(1);
 }
 
 ResultCode motionHalt()
 {
     stepMoveCancel();
-    if (const ResultCode result = motorStop(PAN); result != RESULT_OK)
-        return result;
-    return motorStop(TILT);
+    return motorStopBoth();
 }
 
 ResultCode motionHaltIfRunning(const MotorStatus& pan, const MotorStatus& tilt)
 {
-    return pan.running != 0 || tilt.running != 0 ? motionHalt() : RESULT_OK;
+    if (pan.running != 0 || tilt.running != 0)
+        return motionHalt();
+    stepMoveCancel();
+    return RESULT_OK;
+}
+
+ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
+{
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return result;
+    return motionHaltIfRunning(pan, tilt);
 }
 
 void motionBegin(MotionBegin variant)
@@ -136,6 +171,12 @@ void motionBegin(MotionBegin variant)
         switch (variant) {
         case MotionBegin::User:
             beginUser();
+            break;
+        case MotionBegin::LensMask:
+            beginLensMask();
+            break;
+        case MotionBegin::Track:
+            beginTrack();
             break;
         case MotionBegin::Return:
             beginReturn();
@@ -148,6 +189,21 @@ void motionBegin(MotionBegin variant)
     // Armed with the lock released: the poll takes it, and a notification can keep it for seconds.
     if (variant != MotionBegin::Calibration)
         timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
+}
+
+bool motionBeginStep(uint32_t generation)
+{
+    {
+        // Asked under the lock: whoever cancels the step and then begins or settles finds it begun, or keeps it out.
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (gContext.motion.stepMoveGeneration.load() != generation)
+            return false;
+        startOpened();
+        beginUser();
+    }
+    timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
+    startClosed();
+    return true;
 }
 
 void motionStarted()

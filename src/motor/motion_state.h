@@ -17,6 +17,8 @@ inline constexpr int64_t SCAN_MOVE_STOP_NS = 15 * NS_PER_SECOND;
 
 enum class MotionBegin {
     User,
+    LensMask,
+    Track,
     Return,
     Calibration,
 };
@@ -35,18 +37,33 @@ enum class MotionSettle {
 /// Any thread; takes MotionLock, hold neither motion lock.
 [[nodiscard]] ResultCode motionHalt() EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
-/// motionHalt, when either of the statuses just read shows an axis running.
+/// motionHalt, when either of the statuses just read shows an axis running; else only a step move is cancelled, which
+/// ticks on when its axis has reached the limit.
 [[nodiscard]] ResultCode motionHaltIfRunning(const MotorStatus& pan, const MotorStatus& tilt)
     EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
-/// Cancels a step move. Any thread; takes MotionLock.
+/// Takes the head over for a new motion: reads both statuses, then motionHaltIfRunning. The statuses stay those from
+/// before the halt.
+[[nodiscard]] ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
+    EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
+
+/// Cancels a step move: once this returns, its thread sends nothing any more. Every command that is about to drive the
+/// head does so, most of them in a halt. Any thread; takes MotionLock.
 void stepMoveCancel() EXCLUDES(gContext.motion.MotionLock);
+
+/// Ends a step move, whoever ends it.
+void stepMoveClear() REQUIRES(gContext.motion.MotionLock);
 
 /// The moving transition; sends the moving notification when the head was at rest, and arms the status poll (but for a
 /// calibration, whose own end settles). Each begin must be followed by motionStarted, or, for a calibration, by its
 /// settle: until then no status poll takes the resting axes for the motion's end.
 /// Any thread; takes MotionStateLock and, under it, BusLock; can last as long as a notification.
 void motionBegin(MotionBegin variant) EXCLUDES(gContext.motion.MotionStateLock);
+
+/// The user's begin step for the thread of a step move, whose requests have been sent before.
+/// @return false, with nothing begun, once that step has been cancelled or has ended.
+/// Any thread; takes MotionStateLock and, under it, BusLock.
+[[nodiscard]] bool motionBeginStep(uint32_t generation) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// Says that the move requests of a begin step have been sent. Any thread; no lock.
 void motionStarted();

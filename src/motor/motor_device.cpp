@@ -78,9 +78,31 @@ ResultCode motorStop(AxisIndex axis)
     return request(axis, MOTOR_IOC_STOP, nullptr);
 }
 
-MotorCommand commandFromStatus(const MotorStatus& status, int64_t steps)
+ResultCode motorStopBoth()
 {
-    const int64_t within =
-        std::clamp<int64_t>(steps, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max());
-    return {status.reserved, status.speed, static_cast<int32_t>(within), {status.running, status.direction}};
+    if (const ResultCode result = motorStop(PAN); result != RESULT_OK)
+        return result;
+    return motorStop(TILT);
+}
+
+MotorCommand relativeCommand(int32_t steps, int32_t speed)
+{
+    MotorCommand command{};
+    command.speed = speed;
+    command.steps = steps;
+    return command;
+}
+
+MotorCommand targetCommand(const MotorStatus& status, int32_t targetSteps)
+{
+    const int64_t steps = std::clamp<int64_t>(static_cast<int64_t>(targetSteps) - status.position,
+                                              std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max());
+    return {status.reserved, status.speed, static_cast<int32_t>(steps), {status.running, status.direction}};
+}
+
+MotorCommand fullSpeedCommand(AxisIndex axis, const MotorStatus& status, int32_t targetSteps)
+{
+    MotorCommand command = targetCommand(status, targetSteps);
+    command.speed = gContext.axes[axis].max_speed;
+    return command;
 }

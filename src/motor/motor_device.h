@@ -74,5 +74,14 @@ void motorClose(AxisIndex axis);
 
 [[nodiscard]] ResultCode motorStop(AxisIndex axis);
 
-/// The command that sends an axis by relative steps, with the other words as its status reported them.
-[[nodiscard]] MotorCommand commandFromStatus(const MotorStatus& status, int64_t steps);
+/// Stops pan and, when that succeeded, tilt.
+[[nodiscard]] ResultCode motorStopBoth();
+
+/// The command that sends an axis by relative steps at a speed; 0 is the configured one. Every other word is 0.
+[[nodiscard]] MotorCommand relativeCommand(int32_t steps, int32_t speed = 0);
+
+/// The command that sends an axis to an absolute position in steps, with the other words as its status reported them.
+[[nodiscard]] MotorCommand targetCommand(const MotorStatus& status, int32_t targetSteps);
+
+/// The same at the axis's largest speed.
+[[nodiscard]] MotorCommand fullSpeedCommand(AxisIndex axis, const MotorStatus& status, int32_t targetSteps);

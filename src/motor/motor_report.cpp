@@ -46,7 +46,7 @@ int32_t motorInit(AxisIndex axis)
     motor.total_steps = capability.total_steps;
     int32_t returnSteps = homeSteps(axis);
     if (gContext.position.power_off_recover.load() != 0)
-        (void)storedSteps(axis, returnSteps); // none stored: home
+        (void)storedOrHomeSteps(axis, returnSteps); // none stored: home
     calibrationSetTarget(axis, returnSteps);
     return 0;
 }

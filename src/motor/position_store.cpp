@@ -11,6 +11,17 @@
 
 namespace {
 
+// saveEpoch decides, inside the transaction that stores a position, whether that position still counts: it is odd while
+// saves are barred, and it changes with each bar and with each save. A save that has read the head and then been
+// overtaken by a newer save, or by the lens mask, finds another epoch than before it read, and drops what it read.
+constexpr uint32_t EPOCH_BARRED = 1;
+constexpr uint32_t EPOCH_SAVED = 2;
+
+bool barred(uint32_t epoch)
+{
+    return (epoch & EPOCH_BARRED) != 0;
+}
+
 /// Ends the tracking episode, whether the head can return or not.
 void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
 {
@@ -25,8 +36,23 @@ void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
 
 } // namespace
 
+void savesBar()
+{
+    gContext.position.saveEpoch.fetch_or(EPOCH_BARRED);
+    gContext.position.savePending.store(false);
+    timerStop(&gContext.timers.saveStepsTimer);
+}
+
+void savesAllow()
+{
+    // Bars and allowances come from the event loop alone, so nobody bars in between.
+    if (barred(gContext.position.saveEpoch.load()))
+        gContext.position.saveEpoch.fetch_add(EPOCH_BARRED);
+}
+
 void saveStepsArm()
 {
+    savesAllow(); // where a user's command has taken the head, it may come back to
     if (gContext.position.power_off_recover.load() == 0)
         return;
     gContext.position.savePending.store(true);
@@ -39,20 +65,23 @@ void saveCurSteps(void*)
     if (gContext.motion.calibrating.load() != 0)
         return; // what the driver reports between two rotations is no position to come back to
     const uint32_t requestsBefore = gContext.position.saveRequests.load();
+    const uint32_t epochBefore = gContext.position.saveEpoch.load();
     MotorStatus pan{};
     MotorStatus tilt{};
     if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
         return;
-    {
-        const UciTransaction transaction(UCI_PTZD);
-        const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
-        for (const AxisIndex axis : {PAN, TILT}) {
-            const char* section = gContext.axes[axis].section;
-            if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-                LOG_ERROR("error to set option %s.steps\n", section);
-        }
-        (void)transaction.commit(); // reported there; the next motion saves again
+    const UciTransaction transaction(UCI_PTZD);
+    if (barred(epochBefore) || gContext.position.saveEpoch.load() != epochBefore)
+        return;
+    gContext.position.saveEpoch.fetch_add(EPOCH_SAVED);
+    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
+            LOG_ERROR("error to set option %s.steps\n", section);
     }
+    (void)transaction.commit(); // reported there; the next motion saves again
+    // Still inside the transaction: a bar that comes now disarms the timer after this.
     gContext.position.savePending.store(false);
     timerStop(&gContext.timers.saveStepsTimer);
     // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
@@ -63,13 +92,12 @@ void saveCurSteps(void*)
     LOG_TRACE("saveCurSteps end\n");
 }
 
-bool storedSteps(AxisIndex axis, int32_t& out)
+bool storedOrHomeSteps(AxisIndex axis, int32_t& out)
 {
     int32_t steps = -1;
-    if (cfg_uci_get_int_value(UCI_PTZD, gContext.axes[axis].section, "steps", &steps) != 0 || steps < 0)
-        return false;
-    out = steps;
-    return true;
+    const bool read = cfg_uci_get_int_value(UCI_PTZD, gContext.axes[axis].section, "steps", &steps) == 0;
+    out = steps < 0 ? homeSteps(axis) : steps;
+    return read;
 }
 
 // Reports under its own name, so the reads of both axes stand here.
@@ -81,13 +109,10 @@ ResultCode moveToLastPostion()
 
     int32_t target[AXIS_COUNT] = {};
     for (const AxisIndex axis : {PAN, TILT}) {
-        const char* section = gContext.axes[axis].section;
-        if (cfg_uci_get_int_value(UCI_PTZD, section, "steps", &target[axis]) != 0) {
-            LOG_ERROR("error to get option %s.steps\n", section);
+        if (!storedOrHomeSteps(axis, target[axis])) {
+            LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
             return ERR_DEVICE;
         }
-        if (target[axis] < 0)
-            target[axis] = homeSteps(axis);
     }
 
     MotorStatus pan{};
@@ -110,12 +135,13 @@ ResultCode moveToLastPostion()
         LOG_TRACE("motor just moved by user, need not move to last position.\n");
         return RESULT_OK;
     }
-    const MotorCommand panCommand = commandFromStatus(pan, static_cast<int64_t>(target[PAN]) - pan.position);
-    const MotorCommand tiltCommand = commandFromStatus(tilt, static_cast<int64_t>(target[TILT]) - tilt.position);
+    const MotorCommand panCommand = targetCommand(pan, target[PAN]);
+    const MotorCommand tiltCommand = targetCommand(tilt, target[TILT]);
     if (panCommand.steps == 0 && tiltCommand.steps == 0) {
         LOG_TRACE("here is the same as last postion\n");
         return RESULT_OK;
     }
+    stepMoveCancel(); // one whose axis stands at the limit ticks on
     const ResultCode result = beginAndDrive(MotionBegin::Return, panCommand, tiltCommand);
     if (result != RESULT_OK)
         LOG_ERROR("move error\n");

@@ -10,17 +10,26 @@
 inline constexpr int64_t SAVE_STEPS_NS = 10 * NS_PER_SECOND;
 inline constexpr blobmsg_policy powerOffRecoverPolicy[] = {{"recover", BLOBMSG_TYPE_STRING}};
 
-/// Arms or re-arms saveStepsTimer when power-off recovery is on. Thread: event loop; no lock.
+/// Arms or re-arms saveStepsTimer when power-off recovery is on, after a command of a user; allows saves again. Thread:
+/// event loop; no lock.
 void saveStepsArm();
 
+/// Bars saves and disarms saveStepsTimer, before the head goes where it must not come back to. Called inside a
+/// transaction of package ptzd: a save that looked at the head before, or looks at it from now on, has no effect.
+/// Thread: event loop.
+void savesBar();
+
+/// Allows saves again. Thread: event loop; no lock.
+void savesAllow();
+
 /// Callback of saveStepsTimer, also called directly: stores both axes' positions when both stand still, and disarms the
-/// timer; otherwise it changes nothing, and the timer tries again. Any thread; takes ConfigStoreLock; hold neither
-/// motion lock.
+/// timer; otherwise it changes nothing, and the timer tries again. It changes nothing while saves are barred either.
+/// Any thread; takes ConfigStoreLock; hold neither motion lock.
 void saveCurSteps(void* unused);
 
-/// A stored position in steps: `out` is at least 0. @return false, `out` unchanged, when none is stored or it is
-/// negative. Any thread; takes ConfigStoreLock.
-[[nodiscard]] bool storedSteps(AxisIndex axis, int32_t& out);
+/// An axis's stored position in steps, or its home where none is stored or it is negative.
+/// @return false when the option cannot be read. Any thread; takes ConfigStoreLock.
+[[nodiscard]] bool storedOrHomeSteps(AxisIndex axis, int32_t& out);
 
 /// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
 /// when a user has moved the head since.

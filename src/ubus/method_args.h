@@ -19,3 +19,18 @@ void parseArgs(const blobmsg_policy (&policy)[N], blob_attr* (&args)[N], blob_at
 /// A STRING argument's text as a decimal integer: leading blanks and a sign are taken, what follows the digits is
 /// ignored, text that is no number gives 0, and a number outside 32 bits saturates.
 [[nodiscard]] int32_t decimalArg(const blob_attr* argument);
+
+/// The arguments of a call that needs all of its policy's, each a STRING that holds a decimal integer.
+/// @return false, `values` unchanged, when one is missing.
+template <size_t N>
+[[nodiscard]] bool decimalArgs(const blobmsg_policy (&policy)[N], int32_t (&values)[N], blob_attr* message)
+{
+    blob_attr* args[N];
+    parseArgs(policy, args, message);
+    for (const blob_attr* argument : args)
+        if (!argument)
+            return false;
+    for (size_t i = 0; i < N; ++i)
+        values[i] = decimalArg(args[i]);
+    return true;
+}
