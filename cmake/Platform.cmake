@@ -69,6 +69,9 @@ else()
     target_link_libraries(platform_lens_mask INTERFACE lens_mask)
 endif()
 
+if(PTZD_HOST_PARTS) # what is installed finds the stand-ins that are installed beside it
+    set(CMAKE_INSTALL_RPATH "$ORIGIN:$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
 foreach(part ${PTZD_HOST_PARTS})
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/host/${part}/CMakeLists.txt)
         add_subdirectory(host/${part})
