@@ -5,19 +5,19 @@
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
+#include "image/flip_config.h"
+#include "motion/lens_mask.h"
+#include "motion/track.h"
 #include "motor/calibration.h"
-#include "motor/coordinates.h"
 #include "motor/motor_device.h"
 #include "motor/motor_report.h"
 #include "motor/position_store.h"
 #include "ubus/ubus_service.h"
 
 #include <stdlib.h>
-#include <strings.h>
 
 namespace {
 
-constexpr int32_t LENS_MASK_TILT = -61; // coordinate units
 constexpr int32_t WORKER_END_MS = 1500; // what a worker gets before the daemon ends without it
 
 void loadSwitches()
@@ -28,11 +28,7 @@ void loadSwitches()
     int32_t recover = gContext.position.power_off_recover.load();
     (void)cfg_uci_get_int_value(UCI_PTZD, "config", "power_off_recover", &recover); // missing: stays on
     gContext.position.power_off_recover.store(recover);
-
-    char enabled[64] = "";
-    cfg_uci_pkg_reload(UCI_LENS_MASK);
-    (void)cfg_uci_get_string_value(UCI_LENS_MASK, "lens_mask_info", "enabled", enabled, sizeof(enabled));
-    lensMaskSetEnabled(strcasecmp(enabled, "on") == 0 ? 1 : 0);
+    lensMaskSetEnabled(lensMaskWanted());
 }
 
 /// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
@@ -81,6 +77,7 @@ int32_t PtzdInit()
         return -1;
     }
     loadSwitches();
+    (void)loadImageFlipConfig(); // an unknown type leaves the image as it is
     gContext.calibrationArg = static_cast<CalibrationTarget*>(calloc(AXIS_COUNT, sizeof(CalibrationTarget)));
     if (!gContext.calibrationArg) {
         LOG_ERROR("failed in nomem\n");
@@ -97,12 +94,13 @@ int32_t PtzdInit()
         return startFailed();
     }
     if (lensMaskEnabled() != 0)
-        calibrationSetTarget(TILT, coordToSteps(TILT, LENS_MASK_TILT));
+        calibrationSetTarget(TILT, lensMaskTiltSteps());
     if (calibrationStart() != 0) {
         LOG_ERROR("motor calibrate failed\n");
         return -1;
     }
     (void)cfg_uci_commit(UCI_PTZD); // reported there
+    (void)loadTargetTrackConfig();  // always 0
     if (ubusInit() == -1) {
         LOG_ERROR("ubus error.\n");
         return -1;

@@ -1,10 +1,16 @@
 #include "ubus/method_table.h"
 
+#include "image/flip_config.h"
+#include "motion/lens_mask.h"
 #include "motion/move.h"
+#include "motion/panorama.h"
+#include "motion/step.h"
+#include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/motor_report.h"
 #include "motor/position_store.h"
 #include "motor/rotation_test.h"
+#include "motor/speed_config.h"
 #include "ubus/bus_door.h"
 
 #include <span>
@@ -26,13 +32,23 @@ constexpr ubus_method method(const char* name, ubus_handler_t handler, std::span
 const ubus_method ptzdMethods[] = {
     method("getCapa", served<ubusGetMotorCapa>),
     method("getStatus", served<ubusGetMotorStatus>),
+    method("updateImageConfig", served<ubusUpdateImageConfig>),
+    method("setConfig", served<ubusSetMotorConfig>, speedPolicy),
     method("move", served<ubusMoveMotor>, coordPolicy),
     method("moveTo", served<ubusMoveMotorTo>, coordPolicy),
+    method("moveStep", served<ubusMoveMotorStep>, stepPolicy),
     method("setPowerOffRecover", served<ubusSetPowerOffRecover>, powerOffRecoverPolicy),
     method("stop", served<ubusStopMotorRotate>),
     method("test", served<ubusTestMotorRotate>),
     method("manualCalibrate", served<ubusManualCalibrate>),
     method("checkMotorStatus", served<ubusCheckMotorStatus>),
+    method("lensMask", served<ubusLensMask>),
+    method("targetTrack", served<ubusTargetTrack>, trackPolicy),
+    method("targetTrackBack", served<ubusTargetTrackBack>),
+    method("reloadTargetTrackConfig", served<ubusReloadTargetTrackConfig>),
+    method("startPanorama", served<ubusStartPanorama>),
+    method("movePanorama", served<ubusMovePanorama>, coordPolicy),
+    method("stopPanorama", served<ubusStopPanorama>),
 };
 constexpr int METHOD_COUNT = static_cast<int>(std::size(ptzdMethods));
 

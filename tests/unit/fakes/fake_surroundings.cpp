@@ -4,14 +4,31 @@
 #include "core/log.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
+#include "motor/motion_state.h"
 #include "ubus/method_reply.h"
 #include "ubus/notify.h"
 
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
+
+#include <gtest/gtest.h>
 
 FakeSurroundings fakes;
+
+int32_t FakeSurroundings::call(UbusHandler* handler, const std::map<std::string, std::string>& arguments)
+{
+    blob_buf message{};
+    blob_buf_init(&message, 0);
+    for (const auto& [name, text] : arguments)
+        blobmsg_add_string(&message, name.c_str(), text.c_str());
+    const size_t before = replies.size();
+    const int status = handler(nullptr, nullptr, nullptr, "", message.head);
+    blob_buf_free(&message);
+    // A handler answers exactly once, and nothing but success to the bus itself.
+    return status == 0 && replies.size() == before + 1 ? replies.back().code : 1;
+}
 
 void resetDaemon()
 {
@@ -24,6 +41,10 @@ void resetDaemon()
     gContext.motion.calibrating.store(0);
     gContext.position.power_off_recover.store(1);
     gContext.position.savePending.store(false);
+    gContext.position.saveEpoch.store(0);
+    gContext.track.targetTrackEnabled.store(0);
+    gContext.motion.stepSustainTicks.store(1000);
+    stepMoveCancel();
     gContext.panorama.panoramaRunning.store(0);
     gContext.tour.tourCurrentPresetId.store(0);
     gContext.tour.scanStepDone.store(1);
@@ -85,10 +106,26 @@ bool workersStopping()
 
 void cfg_uci_lock()
 {
+    ++fakes.transactions;
 }
 
 void cfg_uci_unlock()
 {
+    --fakes.transactions;
+}
+
+void cfg_uci_pkg_reload(int32_t id)
+{
+    fakes.reloads.push_back(id);
+}
+
+int32_t cfg_uci_get_string_value(int32_t, const char* section, const char* option, char* out, size_t size)
+{
+    const auto found = fakes.options.find(std::string(section) + "." + option);
+    if (found == fakes.options.end())
+        return CFG_UCI_FAILED;
+    snprintf(out, size, "%s", found->second.c_str());
+    return 0;
 }
 
 int32_t cfg_uci_commit(int32_t)
@@ -114,8 +151,26 @@ int32_t cfg_uci_set_int_value(int32_t, const char* section, const char* option, 
     return 0;
 }
 
-// Handlers answer through these; what they answer is tested on the bus.
-int replyCode(ubus_context*, ubus_request_data*, int32_t)
+int replyCode(ubus_context*, ubus_request_data*, int32_t code)
 {
+    fakes.replies.push_back({"error_code", code});
+    return 0;
+}
+
+int replyErrCode(ubus_context*, ubus_request_data*, int32_t code)
+{
+    fakes.replies.push_back({"err_code", code});
+    return 0;
+}
+
+extern "C" int __wrap_nanosleep(const timespec* length, timespec*);
+
+int __wrap_nanosleep(const timespec* length, timespec*)
+{
+    EXPECT_EQ(length->tv_sec, 0);
+    EXPECT_EQ(length->tv_nsec, 1'000'000) << "a tick of a step";
+    ++fakes.sleeps;
+    if (fakes.onSleep)
+        fakes.onSleep();
     return 0;
 }

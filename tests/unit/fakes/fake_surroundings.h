@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/context.h"
+#include "ubus/bus_door.h"
 
 #include <functional>
 #include <map>
@@ -28,6 +29,13 @@ struct FakeReport {
     bool operator==(const FakeReport&) const = default;
 };
 
+struct FakeReply {
+    std::string field;
+    int32_t code;
+
+    bool operator==(const FakeReply&) const = default;
+};
+
 struct FakeSurroundings {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::vector<FakeNotification> notifications;
@@ -37,6 +45,11 @@ struct FakeSurroundings {
     bool settingFails = false;
     bool commitFails = false;
     int commits = 0;
+    std::vector<int32_t> reloads; // packages
+    int transactions = 0;         // open now
+    std::vector<FakeReply> replies;
+    std::function<void()> onSleep; // runs in place of a sleep
+    int sleeps = 0;
     bool threadCreationFails = false;
     void* (*worker)(void*) = nullptr; // started and not run yet
     void* workerArgument = nullptr;
@@ -46,6 +59,8 @@ struct FakeSurroundings {
     {
         return timers[&timer].firstNs != 0;
     }
+    /// What a handler answers to a call with these arguments, all of them texts.
+    int32_t call(UbusHandler* handler, const std::map<std::string, std::string>& arguments = {});
     /// Runs the worker that was started.
     void runWorker()
     {

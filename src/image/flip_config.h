@@ -1,0 +1,14 @@
+// The image's flip, which turns the senses of the axes.
+#pragma once
+
+#include "ubus/bus_door.h"
+
+#include <stdint.h>
+
+/// Reads imageFlipType from storage. The text is compared over its own length only: a missing or empty one is "off",
+/// and the beginning of a name stands for the name.
+/// @return 0; -1, the type unchanged, when no name begins so. Thread: main; takes ConfigStoreLock.
+[[nodiscard]] int32_t loadImageFlipConfig();
+
+/// `updateImageConfig`: loads the flip type again.
+UbusHandler ubusUpdateImageConfig;

@@ -1,0 +1,83 @@
+#include "motion/lens_mask.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "motion/stored_switch.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "ubus/method_reply.h"
+
+namespace {
+
+constexpr int32_t MASK_TILT = -61; // coordinate units
+
+/// What keeps the head from following the switch, or makes that needless.
+bool nothingToFollow(int32_t& wanted, ResultCode& answer)
+{
+    if (gContext.motion.calibrating.load() != 0) {
+        answer = ERR_CALIBRATING;
+        return true;
+    }
+    if (gContext.panorama.panoramaRunning.load() != 0) {
+        answer = ERR_PANORAMA;
+        return true;
+    }
+    wanted = lensMaskWanted();
+    answer = wanted != 0 ? ERR_LENS_MASK : RESULT_OK;
+    return wanted == lensMaskEnabled();
+}
+
+} // namespace
+
+int32_t lensMaskWanted()
+{
+    return storedSwitchOn(UCI_LENS_MASK, "lens_mask_info") ? 1 : 0;
+}
+
+int32_t lensMaskTiltSteps()
+{
+    return coordToSteps(TILT, MASK_TILT);
+}
+
+// Reports under its own name, so the writes and reads of both axes' positions stand here.
+int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    int32_t wanted = 0;
+    ResultCode result = RESULT_OK;
+    if (nothingToFollow(wanted, result))
+        return replyErrCode(connection, request, result);
+    MotorStatus status[AXIS_COUNT] = {};
+    result = motionTakeOver(status[PAN], status[TILT]);
+    if (result != RESULT_OK)
+        return replyErrCode(connection, request, result);
+
+    motionBegin(MotionBegin::LensMask);
+    int32_t target[AXIS_COUNT] = {status[PAN].position, lensMaskTiltSteps()};
+    if (wanted != 0) {
+        // No save may put the mask's position over the one stored here. Barring and storing are one transaction, and a
+        // save decides inside its own: one that comes before is overwritten here, and one that comes after finds the
+        // bar, whenever it looked at the head.
+        const UciTransaction transaction(UCI_PTZD);
+        savesBar();
+        for (const AxisIndex axis : {PAN, TILT}) {
+            const char* section = gContext.axes[axis].section;
+            if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", status[axis].position) != 0)
+                LOG_ERROR("error to set option %s.steps\n", section);
+        }
+        (void)transaction.commit(); // reported there; the lens is hidden all the same
+    } else {
+        for (const AxisIndex axis : {PAN, TILT})
+            if (!storedOrHomeSteps(axis, target[axis]))
+                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+    }
+    result =
+        driveAxes(fullSpeedCommand(PAN, status[PAN], target[PAN]), fullSpeedCommand(TILT, status[TILT], target[TILT]));
+    motionStarted();
+    if (result == RESULT_OK) {
+        lensMaskSetEnabled(wanted);
+        if (wanted == 0)
+            savesAllow();
+    }
+    return replyErrCode(connection, request, result);
+}

@@ -1,0 +1,89 @@
+#include "motion/panorama.h"
+
+#include "core/log.h"
+#include "motion/displacement.h"
+#include "motion/move.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "ubus/method_args.h"
+#include "ubus/method_reply.h"
+
+namespace {
+
+constexpr int32_t START_X = -150; // coordinate units, image-flip sign not yet applied
+constexpr int32_t START_Y = -10;
+
+ResultCode goToStart()
+{
+    if (gContext.motion.calibrating.load() != 0)
+        return ERR_CALIBRATING;
+    if (lensMaskEnabled() != 0)
+        return ERR_LENS_MASK;
+    int32_t target[AXIS_COUNT];
+    if (!targetSteps(START_X, START_Y, target))
+        return ERR_PARAM;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+        return result;
+    saveCurSteps(nullptr);
+    return beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
+                         fullSpeedCommand(TILT, tilt, target[TILT]));
+}
+
+} // namespace
+
+ResultCode panoramaStart()
+{
+    gContext.panorama.panoramaRunning.store(1); // before the checks: from here on the tour begins no motion
+    const ResultCode result = goToStart();
+    if (result != RESULT_OK)
+        gContext.panorama.panoramaRunning.store(0);
+    return result;
+}
+
+ResultCode panoramaMove(int32_t dx, int32_t dy)
+{
+    const Displacement by{flipped(PAN, dx), flipped(TILT, dy)};
+    if (!withinLimits(PAN, by.pan) || !withinLimits(TILT, by.tilt))
+        return ERR_PARAM;
+    int32_t steps[AXIS_COUNT];
+    if (const ResultCode result = takeOverForDisplacement(by, steps); result != RESULT_OK)
+        return result;
+    return beginAndDrive(MotionBegin::User, relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
+                         relativeCommand(steps[TILT], gContext.axes[TILT].max_speed));
+}
+
+int ubusStartPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    return replyCode(connection, request, panoramaStart());
+}
+
+int ubusMovePanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
+                     blob_attr* message)
+{
+    int32_t coords[COORD_ARG_COUNT];
+    if (!decimalArgs(coordPolicy, coords, message)) {
+        LOG_ERROR("UBUS: Invalied parameter.\n");
+        return replyCode(connection, request, ERR_PARAM);
+    }
+    return replyCode(connection, request, panoramaMove(coords[COORD_X], coords[COORD_Y]));
+}
+
+int ubusStopPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    ResultCode result = motionTakeOver(pan, tilt);
+    if (result == RESULT_OK) {
+        int32_t target[AXIS_COUNT] = {};
+        for (const AxisIndex axis : {PAN, TILT})
+            if (!storedOrHomeSteps(axis, target[axis]))
+                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+        result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
+                               fullSpeedCommand(TILT, tilt, target[TILT]));
+    }
+    gContext.panorama.panoramaRunning.store(0);
+    return replyCode(connection, request, result);
+}

@@ -1,0 +1,160 @@
+#include "motion/step.h"
+
+#include "core/log.h"
+#include "core/worker.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "ubus/method_args.h"
+#include "ubus/method_reply.h"
+
+#include <time.h>
+
+namespace {
+
+constexpr timespec TICK{0, NS_PER_MS};
+
+/// The direction of travel in a range of degrees, both ends included: +1 toward the upper limit, -1 toward the lower.
+struct StepSector {
+    int32_t from;
+    int32_t to;
+    int32_t sense[AXIS_COUNT];
+};
+
+constexpr StepSector stepSectors[] = {
+    {0, 45, {1, 0}},     {46, 90, {0, 1}},    {91, 134, {0, 1}},   {135, 180, {-1, 0}},
+    {181, 225, {-1, 0}}, {226, 270, {0, -1}}, {271, 314, {0, -1}}, {315, 359, {1, 0}},
+};
+
+const StepSector* sectorOf(int32_t direction)
+{
+    for (const StepSector& sector : stepSectors)
+        if (direction >= sector.from && direction <= sector.to)
+            return &sector;
+    return nullptr;
+}
+
+/// What sends an axis to its limit in a sense; false when it is to move and stands there.
+bool limitCommand(AxisIndex axis, int32_t sense, const MotorStatus& status, MotorCommand& out)
+{
+    const int32_t flippedSense = flipSign(axis) * sense;
+    out = {};
+    if (flippedSense == 0)
+        return true;
+    const int32_t limit = coordToSteps(axis, flippedSense > 0 ? CoordLimits[axis].high : CoordLimits[axis].low);
+    out = relativeCommand(targetCommand(status, limit).steps);
+    return out.steps != 0;
+}
+
+/// One tick. @return false when the step is over, whoever ended it.
+bool stepTick(uint32_t generation)
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    if (gContext.motion.stepMoveGeneration.load() != generation)
+        return false; // cancelled: a stop now could end the motion of whoever cancelled it
+    if (gContext.motion.stepMoveRemaining > 1 && !workersStopping()) {
+        --gContext.motion.stepMoveRemaining;
+        return true;
+    }
+    (void)motorStop(PAN); // an axis that refuses runs on to its limit
+    (void)motorStop(TILT);
+    stepMoveClear();
+    return false;
+}
+
+void* stepMoveThread(void* argument)
+{
+    const WorkerScope scope(WorkerEntry::Adopt);
+    const auto generation = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
+    // A daemon that ends meanwhile waits for this thread: the head, which runs already, is stopped all the same.
+    if (scope.entered() && !motionBeginStep(generation))
+        return nullptr;
+    do
+        nanosleep(&TICK, nullptr);
+    while (stepTick(generation));
+    return nullptr;
+}
+
+ResultCode startStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
+    REQUIRES(gContext.motion.MotionLock)
+{
+    MotorStatus panNow{};
+    MotorStatus tiltNow{};
+    if (const ResultCode result = motorReadStatus(panNow, tiltNow); result != RESULT_OK)
+        return result;
+    if (panNow.running != 0 || tiltNow.running != 0) {
+        if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
+            return result;
+    }
+    // The requests go out before the thread's begin step, so that nothing is pending in between.
+    if (const ResultCode result = driveAxes(pan, tilt); result != RESULT_OK)
+        return result;
+    gContext.motion.stepMoveDirection = direction;
+    gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
+    gContext.motion.stepMoveActive = 1;
+    const uint32_t generation = gContext.motion.stepMoveGeneration.fetch_add(1) + 1;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a number is all that the thread needs, and it fits
+    if (workerStart(stepMoveThread, reinterpret_cast<void*>(static_cast<uintptr_t>(generation))) == 0)
+        return RESULT_OK;
+    stepMoveClear();
+    return ERR_DEVICE;
+}
+
+/// Goes on with the step under way; its thread counts anew.
+ResultCode continueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
+    REQUIRES(gContext.motion.MotionLock)
+{
+    if (gContext.motion.stepMoveDirection != direction) {
+        const ResultCode panStopped = motorStop(PAN);
+        const ResultCode tiltStopped = motorStop(TILT);
+        if (panStopped != RESULT_OK || tiltStopped != RESULT_OK)
+            return ERR_DEVICE;
+        if (const ResultCode result = driveAxes(pan, tilt); result != RESULT_OK)
+            return result;
+    }
+    gContext.motion.stepMoveDirection = direction;
+    gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
+    return RESULT_OK;
+}
+
+ResultCode startOrContinueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    return gContext.motion.stepMoveActive == 0 ? startStep(direction, pan, tilt) : continueStep(direction, pan, tilt);
+}
+
+} // namespace
+
+ResultCode stepHead(int32_t direction)
+{
+    const StepSector* sector = sectorOf(direction);
+    if (!sector)
+        return ERR_PARAM;
+    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+        return busy;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return result;
+    MotorCommand panCommand{};
+    MotorCommand tiltCommand{};
+    if (!limitCommand(PAN, sector->sense[PAN], pan, panCommand) ||
+        !limitCommand(TILT, sector->sense[TILT], tilt, tiltCommand))
+        return ERR_NO_TRAVEL;
+    const ResultCode result = startOrContinueStep(direction, panCommand, tiltCommand);
+    if (result == RESULT_OK)
+        saveStepsArm();
+    return result;
+}
+
+int ubusMoveMotorStep(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
+                      blob_attr* message)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    int32_t direction[1];
+    if (!decimalArgs(stepPolicy, direction, message)) {
+        LOG_ERROR("UBUS: Invalied parameter.\n");
+        return replyCode(connection, request, ERR_PARAM);
+    }
+    return replyCode(connection, request, stepHead(direction[0]));
+}

@@ -1,0 +1,101 @@
+#include "motion/track.h"
+
+#include "core/log.h"
+#include "motion/displacement.h"
+#include "motion/stored_switch.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "ubus/method_args.h"
+#include "ubus/method_reply.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+enum TrackArg { TRACK_X, TRACK_Y, TRACK_X_SPEED, TRACK_Y_SPEED, TRACK_ARG_COUNT };
+static_assert(std::size(trackPolicy) == TRACK_ARG_COUNT);
+
+int32_t allowedSpeed(AxisIndex axis, int32_t speed)
+{
+    return std::clamp(speed, 1, gContext.axes[axis].max_speed);
+}
+
+/// Brings the head back now that nobody tracks any more, unless it is on its way already.
+ResultCode leaveTracking()
+{
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return result;
+    const bool running = pan.running != 0 || tilt.running != 0;
+    const int32_t origin = gContext.motion.motion_origin.load();
+    if (running && origin == ORIGIN_TRACK) {
+        if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
+            return result;
+    }
+    if (!running || origin != ORIGIN_RETURN)
+        (void)moveToLastPostion(); // reported there; the switch itself has been taken over
+    return RESULT_OK;
+}
+
+} // namespace
+
+ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
+{
+    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+        return busy;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+        return result;
+    if (pan.running != 0 || tilt.running != 0)
+        return ERR_CALIBRATING;
+    const int32_t origin = gContext.motion.motion_origin.load();
+    if (origin == ORIGIN_USER || origin == ORIGIN_TOUR)
+        saveCurSteps(nullptr);
+    int32_t steps[AXIS_COUNT];
+    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, pan, tilt, steps);
+        result != RESULT_OK)
+        return result;
+    stepMoveCancel(); // one whose axis stands at the limit ticks on
+    return beginAndDrive(MotionBegin::Track, relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
+                         relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed)));
+}
+
+int32_t loadTargetTrackConfig()
+{
+    gContext.track.targetTrackEnabled.store(storedSwitchOn(UCI_TARGET_TRACK, "target_track_info") ? 1 : 0);
+    return 0;
+}
+
+int ubusTargetTrack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    int32_t args[TRACK_ARG_COUNT];
+    if (!decimalArgs(trackPolicy, args, message)) {
+        LOG_ERROR("UBUS: Invalied parameter.\n");
+        return replyCode(connection, request, ERR_PARAM);
+    }
+    return replyCode(connection, request,
+                     trackTarget(args[TRACK_X], args[TRACK_Y], args[TRACK_X_SPEED], args[TRACK_Y_SPEED]));
+}
+
+int ubusTargetTrackBack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    return replyCode(connection, request, moveToLastPostion());
+}
+
+int ubusReloadTargetTrackConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
+                                blob_attr*)
+{
+    const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
+    (void)loadTargetTrackConfig(); // always 0
+    const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
+    if (!switchedOff || gContext.motion.calibrating.load() != 0 || lensMaskEnabled() != 0)
+        return replyErrCode(connection, request, RESULT_OK);
+    if (gContext.panorama.panoramaRunning.load() != 0)
+        return replyErrCode(connection, request, ERR_PANORAMA);
+    return replyErrCode(connection, request, leaveTracking());
+}

@@ -1,0 +1,299 @@
+#include "fakes/motion_fixture.h"
+#include "motion/move.h"
+#include "motion/panorama.h"
+#include "motion/step.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/position_store.h"
+
+#include <limits>
+
+namespace {
+
+class Step : public MotionTest {
+protected:
+    void TearDown() override
+    {
+        stepMoveCancel();
+    }
+    static int32_t active()
+    {
+        LockGuard hold(gContext.motion.MotionLock);
+        return gContext.motion.stepMoveActive;
+    }
+    static int32_t remaining()
+    {
+        LockGuard hold(gContext.motion.MotionLock);
+        return gContext.motion.stepMoveRemaining;
+    }
+    static void expectCleared()
+    {
+        LockGuard hold(gContext.motion.MotionLock);
+        EXPECT_EQ(gContext.motion.stepMoveActive, 0);
+        EXPECT_EQ(gContext.motion.stepMoveDirection, 0);
+        EXPECT_EQ(gContext.motion.stepMoveRemaining, 0);
+    }
+    /// Steps once from the middle and gives the steps of both axes.
+    static std::pair<int32_t, int32_t> aim(int32_t direction)
+    {
+        stepMoveCancel();
+        fakeMotor.requests.clear();
+        EXPECT_EQ(stepHead(direction), RESULT_OK) << direction;
+        const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
+        if (moves.size() != 2)
+            return {};
+        return {moves[0].steps, moves[1].steps};
+    }
+};
+
+TEST_F(Step, AimsOneAxisAtItsLimitByTheSectorOfTheDirection)
+{
+    // From the middle pan has 1500 steps to either limit; tilt 610 up to 61 units and 390 down to -39.
+    const struct {
+        int32_t direction;
+        std::pair<int32_t, int32_t> steps;
+    } cases[] = {{0, {1500, 0}},    {45, {1500, 0}},   {46, {0, 610}},    {90, {0, 610}},
+                 {91, {0, 610}},    {134, {0, 610}},   {135, {-1500, 0}}, {180, {-1500, 0}},
+                 {181, {-1500, 0}}, {225, {-1500, 0}}, {226, {0, -390}},  {270, {0, -390}},
+                 {271, {0, -390}},  {314, {0, -390}},  {315, {1500, 0}},  {359, {1500, 0}}};
+    for (const auto& one : cases)
+        EXPECT_EQ(aim(one.direction), one.steps) << one.direction;
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[0].speed, 0) << "the configured speed";
+}
+
+TEST_F(Step, FollowsTheFlipSigns)
+{
+    const std::pair<int32_t, int32_t> right[4] = {{1500, 0}, {-1500, 0}, {1500, 0}, {-1500, 0}};
+    const std::pair<int32_t, int32_t> up[4] = {{0, 610}, {0, 610}, {0, -390}, {0, -390}};
+    for (int32_t type = 0; type < 4; ++type) {
+        gContext.image.imageFlipType.store(type);
+        EXPECT_EQ(aim(0), right[type]) << type;
+        EXPECT_EQ(aim(90), up[type]) << type;
+    }
+}
+
+TEST_F(Step, IsRefusedInOrderAndLeavesTheHeadAlone)
+{
+    standAt(3000, 610);
+    fakeMotor.status[TILT].running = 1;
+    fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
+    gContext.panorama.panoramaRunning.store(1);
+    lensMaskSetEnabled(1);
+    gContext.motion.calibrating.store(1);
+    for (const int32_t none : {-1, 360, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()})
+        EXPECT_EQ(stepHead(none), ERR_PARAM);
+    EXPECT_TRUE(fakes.reports.empty());
+    EXPECT_EQ(stepHead(0), ERR_CALIBRATING);
+    gContext.motion.calibrating.store(0);
+    EXPECT_EQ(stepHead(0), ERR_LENS_MASK);
+    lensMaskSetEnabled(0);
+    EXPECT_EQ(stepHead(0), ERR_PANORAMA);
+    gContext.panorama.panoramaRunning.store(0);
+    EXPECT_EQ(stepHead(0), ERR_DEVICE);
+    fakeMotor.failing.clear();
+    EXPECT_EQ(stepHead(0), ERR_NO_TRAVEL);
+    expectUntouched();
+    EXPECT_EQ(aim(90), (std::pair{0, 610})) << "the other axis has a way to go";
+}
+
+TEST_F(Step, NeedsItsArgumentAndTakesOtherTextForZero)
+{
+    EXPECT_EQ(fakes.call(ubusMoveMotorStep), ERR_PARAM);
+    EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"ubusMoveMotorStep", "UBUS: Invalied parameter.\n"}}));
+    EXPECT_EQ(fakes.call(ubusMoveMotorStep, {{"direction", "abc"}}), RESULT_OK);
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[0].steps, 1500);
+}
+
+TEST_F(Step, MovesForItsTicksAndStopsBothAxes)
+{
+    gContext.motion.stepSustainTicks.store(3);
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_TRUE(fakes.notifications.empty()) << "the thread begins the motion";
+    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].firstNs, 10'000'000'000);
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 3);
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 0, 1500), move(TILT, 0, 0), stop(PAN), stop(TILT)}));
+    EXPECT_EQ(fakes.notifications, (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_USER}}));
+    EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
+    expectCleared();
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications.size(), 2u) << "nothing is left pending: the poll ends the motion";
+    EXPECT_EQ(gContext.motion.motion_active.load(), 0);
+}
+
+TEST_F(Step, EndsAtTheFirstTickWithoutASustain)
+{
+    for (const int32_t sustain : {1, 0, -5, std::numeric_limits<int32_t>::min()}) {
+        resetDaemon();
+        gContext.motion.stepSustainTicks.store(sustain);
+        EXPECT_EQ(stepHead(0), RESULT_OK);
+        fakes.runWorker();
+        EXPECT_EQ(fakes.sleeps, 1) << sustain;
+        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+    }
+}
+
+TEST_F(Step, IsExtendedByTheSameDirectionWithoutARequest)
+{
+    gContext.motion.stepSustainTicks.store(10);
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    fakes.onSleep = [] {
+        if (fakes.sleeps == 7) {
+            EXPECT_EQ(stepHead(0), RESULT_OK);
+            EXPECT_EQ(remaining(), 10);
+        }
+    };
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 16) << "six ticks, then ten anew";
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+}
+
+TEST_F(Step, IsTurnedIntoAnotherDirectionByTheSameThread)
+{
+    gContext.motion.stepSustainTicks.store(10);
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    fakes.onSleep = [] {
+        if (fakes.sleeps == 4) {
+            EXPECT_EQ(stepHead(181), RESULT_OK);
+            fakeMotor.fail(PAN, MOTOR_IOC_STOP);
+            EXPECT_EQ(stepHead(90), ERR_DEVICE);
+            fakeMotor.failing.clear();
+        }
+    };
+    fakes.runWorker();
+    EXPECT_EQ(fakes.worker, nullptr) << "no second thread";
+    EXPECT_EQ(fakes.sleeps, 13) << "a turn that failed leaves the count alone";
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 0, 1500), move(TILT, 0, 0), stop(PAN), stop(TILT),
+                                                  move(PAN, 0, -1500), move(TILT, 0, 0), stop(PAN), stop(TILT),
+                                                  stop(PAN), stop(TILT)}))
+        << "tilt is stopped although pan refuses";
+}
+
+TEST_F(Step, HaltsAnotherMotionFirst)
+{
+    fakeMotor.status[TILT].running = 1;
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT), move(PAN, 0, 1500), move(TILT, 0, 0)}));
+}
+
+TEST_F(Step, AFailedRequestStartsNoThread)
+{
+    fakeMotor.status[TILT].running = 1;
+    fakeMotor.fail(PAN, MOTOR_IOC_STOP);
+    EXPECT_EQ(stepHead(0), ERR_DEVICE);
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN)})) << "neither tilt's stop nor a move";
+    fakeMotor.failing.clear();
+    fakeMotor.fail(TILT, MOTOR_IOC_MOVE);
+    EXPECT_EQ(stepHead(0), ERR_DEVICE);
+    EXPECT_EQ(fakes.worker, nullptr);
+    expectCleared();
+    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
+}
+
+TEST_F(Step, AThreadThatCannotBeCreatedLeavesNoStepBehind)
+{
+    fakes.threadCreationFails = true;
+    EXPECT_EQ(stepHead(0), ERR_DEVICE);
+    expectCleared();
+    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
+    fakes.threadCreationFails = false;
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_NE(fakes.worker, nullptr);
+}
+
+/// Every command that drives the head, whether it finds the axes running or, at the limit, at rest.
+TEST_F(Step, IsCancelledByEveryOtherMotionAndStopsNothingAfterwards)
+{
+    const std::pair<const char*, std::function<ResultCode()>> commands[] = {
+        {"move", [] { return moveHead(-1, 0); }},
+        {"moveTo", [] { return moveHeadTo(1, 1); }},
+        {"stop", [] { return stopHead(); }},
+        {"startPanorama", [] { return panoramaStart(); }},
+        {"movePanorama", [] { return panoramaMove(-1, 0); }},
+        {"targetTrack", [] { return fakeMotor.status[PAN].running ? stopHead() : trackTarget(-1, 0, 1, 1); }},
+        {"targetTrackBack",
+         [] {
+             gContext.motion.motion_origin.store(ORIGIN_TRACK);
+             return moveToLastPostion();
+         }},
+    };
+    for (const auto& [name, command] : commands) {
+        for (const int32_t running : {0, 1}) {
+            resetDaemon();
+            storePosition(10, 10);
+            EXPECT_EQ(stepHead(0), RESULT_OK);
+            fakeMotor.status[PAN].running = running;
+            fakes.onSleep = [&] {
+                if (fakes.sleeps != 5)
+                    return;
+                EXPECT_EQ(command(), RESULT_OK) << name;
+                EXPECT_EQ(active(), 0) << name << " " << running;
+                fakeMotor.requests.clear();
+            };
+            fakes.runWorker();
+            EXPECT_EQ(fakes.sleeps, 5) << name;
+            EXPECT_TRUE(driven().empty()) << name << ": the old thread's stop would end the new motion";
+        }
+    }
+}
+
+TEST_F(Step, ACancelledThreadNeitherBeginsNorSharesTheCountOfANewStep)
+{
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    auto* const oldThread = fakes.worker;
+    void* const oldArgument = fakes.workerArgument;
+    EXPECT_EQ(stopHead(), RESULT_OK);
+    oldThread(oldArgument);
+    EXPECT_TRUE(fakes.notifications.empty()) << "begun although cancelled before";
+
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    oldThread(oldArgument);
+    EXPECT_EQ(fakes.sleeps, 0);
+    EXPECT_EQ(remaining(), 1000) << "the new step has lost a tick";
+    EXPECT_EQ(active(), 1);
+
+    fakes.onSleep = [&] { // cancelled and stepped anew between two ticks of the second thread
+        fakes.onSleep = nullptr;
+        EXPECT_EQ(moveHeadTo(1, 1), RESULT_OK);
+        EXPECT_EQ(stepHead(0), RESULT_OK);
+        fakeMotor.requests.clear();
+    };
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 1);
+    EXPECT_EQ(remaining(), 1000);
+    EXPECT_TRUE(driven().empty());
+}
+
+TEST_F(Step, TheDaemonsEndStopsItAtOnceUnlessItWasCancelled)
+{
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    fakes.onSleep = [] { fakes.stopping = fakes.sleeps == 3; };
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 3);
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    fakes.stopping = true; // before the thread has run
+    fakes.notifications.clear();
+    fakes.runWorker();
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 4u);
+    EXPECT_TRUE(fakes.notifications.empty());
+
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    stepMoveCancel();
+    fakes.runWorker();
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 4u);
+}
+
+TEST_F(Step, ManualCalibrationCancelsItEvenAtRest)
+{
+    CalibrationTarget targets[AXIS_COUNT]{};
+    gContext.calibrationArg = targets;
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_EQ(fakes.call(ubusManualCalibrate), RESULT_OK);
+    EXPECT_EQ(active(), 0);
+    gContext.calibrationArg = nullptr;
+}
+
+} // namespace
