@@ -1,0 +1,373 @@
+// The model's common steps, and what the daemon's threads do.
+
+#include "head_model.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <strings.h>
+
+namespace {
+
+constexpr LabAxisId AXES[] = {LAB_PAN, LAB_TILT};
+constexpr int32_t DEFAULT_SPEED = 4;
+constexpr int32_t MASK_COORDINATE = -61;
+constexpr int64_t SAVE_PERIOD_NS = 10'000'000'000;
+
+bool isOn(const std::optional<std::string>& text)
+{
+    return text && strcasecmp(text->c_str(), "on") == 0;
+}
+
+int32_t clamped(int64_t value, int32_t most)
+{
+    return static_cast<int32_t>(std::clamp<int64_t>(value, 0, most));
+}
+
+} // namespace
+
+HeadModel::HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt)
+    : motions(evidence), evidence_(evidence)
+{
+    axes[LAB_PAN] = {.made = pan, .lower = -150, .upper = 150, .home = 0, .section = "x_motor"};
+    axes[LAB_TILT] = {.made = tilt, .lower = -39, .upper = 61, .home = -6, .section = "y_motor"};
+}
+
+int32_t HeadModel::toSteps(LabAxisId axis, int64_t coordinate) const
+{
+    const LabAxisSetting& made = axes[axis].made;
+    return static_cast<int32_t>(coordinate * made.total_steps / made.range + made.total_steps / 2);
+}
+
+int32_t HeadModel::toCoordinate(LabAxisId axis, int32_t steps) const
+{
+    const LabAxisSetting& made = axes[axis].made;
+    return static_cast<int32_t>(int64_t{made.range} * steps / made.total_steps - made.range / 2);
+}
+
+int32_t HeadModel::position(LabAxisId axis) const
+{
+    return readings_[axis].position();
+}
+
+int32_t HeadModel::relative(LabAxisId axis, int64_t coordinates) const
+{
+    const LabAxisSetting& made = axes[axis].made;
+    const int64_t goal = position(axis) + coordinates * made.total_steps / made.range;
+    const int32_t most = toSteps(axis, axes[axis].upper);
+    const int32_t least = toSteps(axis, axes[axis].lower);
+    return static_cast<int32_t>((goal > most ? most : goal < least ? least : goal) - position(axis));
+}
+
+int32_t HeadModel::sign(LabAxisId axis) const
+{
+    return (flip_ & (axis == LAB_PAN ? 1 : 2)) != 0 ? -1 : 1;
+}
+
+bool HeadModel::running() const
+{
+    return readings_[LAB_PAN].running() || readings_[LAB_TILT].running();
+}
+
+std::vector<int32_t> HeadModel::command(LabAxisId axis, int32_t speed, int32_t steps, bool fromStatus) const
+{
+    std::vector<int32_t> words = fromStatus ? readings_[axis].words : std::vector<int32_t>(5);
+    words[1] = speed;
+    words[2] = steps;
+    return words;
+}
+
+int32_t HeadModel::storedOrHome(LabAxisId axis) const
+{
+    const int32_t stored = axes[axis].stored.value_or(-1);
+    return stored < 0 ? toSteps(axis, axes[axis].home) : stored;
+}
+
+bool HeadModel::nextIs(const std::string& request) const
+{
+    const size_t next = evidence_.nextOfLoop();
+    return next < evidence_.entries.size() && evidence_.entries[next].request == request;
+}
+
+bool HeadModel::ask(LabAxisId axis, const std::string& request, const std::vector<int32_t>* words)
+{
+    const size_t next = evidence_.nextOfLoop();
+    std::string wanted = std::string(axis == LAB_PAN ? "x " : "y ") + request;
+    for (const int32_t word : words ? *words : std::vector<int32_t>{})
+        wanted += " " + std::to_string(word);
+    require(next < evidence_.entries.size(), "the request \"" + wanted + "\" is missing");
+    while (evidence_.at < next)
+        judgeThread(evidence_.entries[evidence_.at++]);
+    const LabJournalEntry& entry = evidence_.entries[evidence_.at++];
+    require(entry.axis == axis && entry.request == request && (!words || entry.in == *words),
+            "the request \"" + textOf(entry) + "\" instead of \"" + wanted + "\"");
+    fold(entry);
+    if (request == "GET_STATUS" && entry.result == 0)
+        readings_[axis].words = entry.out;
+    return entry.result == 0;
+}
+
+bool HeadModel::readStatus()
+{
+    return ask(LAB_PAN, "GET_STATUS") && ask(LAB_TILT, "GET_STATUS");
+}
+
+/// A cancelled step may have ended by itself just before; afterwards its thread must stop nothing any more.
+void HeadModel::cancelStep()
+{
+    const size_t next = evidence_.nextOfLoop();
+    while (evidence_.at < next && next < evidence_.entries.size())
+        judgeThread(evidence_.entries[evidence_.at++]);
+    if (stepMove_ == StepMove::NONE)
+        return;
+    require(!stepStopsTilt_, "a step stopped pan only");
+    motions.forgetBegin();
+    stepMove_ = next < evidence_.entries.size() ? StepMove::NONE : StepMove::FADES;
+}
+
+bool HeadModel::halt()
+{
+    cancelStep();
+    return ask(LAB_PAN, "STOP") && ask(LAB_TILT, "STOP");
+}
+
+/// Every begin is followed by a move request of the same handler.
+void HeadModel::begin(int origin)
+{
+    require(nextIs("MOVE"), "a move request is missing");
+    const int64_t from = evidence_.lastOfLoopRealNs();
+    atRest = false;
+    cancelStep();
+    motions.begin(origin, from, evidence_.entries[evidence_.nextOfLoop()].realNs);
+}
+
+Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt)
+{
+    const bool panMoves = ask(LAB_PAN, "MOVE", &pan);
+    const bool tiltMoves = ask(LAB_TILT, "MOVE", &tilt);
+    return panMoves && tiltMoves ? CODE_OK : CODE_DEVICE;
+}
+
+void HeadModel::armSave()
+{
+    if (recover_)
+        save = PendingSave{evidence_.lastOfLoopLabNs(), INT64_MAX};
+}
+
+void HeadModel::commit()
+{
+    for (ModelAxis& axis : axes)
+        axis.speedInFile = axis.speedOption;
+}
+
+/// A handler saves the position itself, if the axes rest.
+void HeadModel::saveNow()
+{
+    if (!readStatus() || running())
+        return;
+    for (const LabAxisId axis : AXES)
+        axes[axis].stored = position(axis);
+    save.reset();
+    commit();
+}
+
+void HeadModel::fold(const LabJournalEntry& entry)
+{
+    ModelAxis& axis = axes[entry.axis];
+    if (entry.result == 0 && entry.request == "SET_POSITION")
+        axis.count = clamped(entry.stepsWord(), axis.made.total_steps);
+    if (!axis.moving)
+        require(entry.count == axis.count && entry.shaft == axis.shaft,
+                "the axis is not where it was: \"" + textOf(entry) + "\", expected at " + std::to_string(axis.count));
+    axis.moving = entry.rate != 0;
+    axis.count = clamped(int64_t{entry.count} + entry.left, axis.made.total_steps);
+    axis.shaft = clamped(int64_t{entry.shaft} + entry.left, axis.made.total_steps);
+}
+
+void HeadModel::start()
+{
+    recover_ = settings.recover != 0;
+    mask_ = isOn(settings.mask);
+    track_ = isOn(settings.track);
+    panorama_ = false;
+    flip_ = 0;
+    (void)loadFlip();
+    stepMove_ = StepMove::NONE;
+    stepStopsTilt_ = saveReadPan_ = atRest = false;
+    save.reset();
+    motions.restart();
+    for (ModelAxis& axis : axes)
+        axis.speedOption = axis.speedInFile;
+    int32_t goals[LAB_AXIS_COUNT];
+    for (const LabAxisId axis : AXES)
+        goals[axis] = recover_ ? storedOrHome(axis) : toSteps(axis, axes[axis].home);
+    if (mask_)
+        goals[LAB_TILT] = toSteps(LAB_TILT, MASK_COORDINATE);
+    worker_.clear();
+    queueCalibration(goals);
+    for (const LabAxisId axis : AXES)
+        require(ask(axis, "GET_CAPA"), "the capability is not read");
+    require(evidence_.nextOfLoop() == evidence_.entries.size(), "the start sends more requests");
+}
+
+void HeadModel::queueCalibration(const int32_t (&returnSteps)[LAB_AXIS_COUNT])
+{
+    calibrating = true;
+    motions.addCalibration();
+    for (const LabAxisId id : AXES) {
+        ModelAxis& axis = axes[id];
+        const int32_t total = axis.made.total_steps;
+        worker_.push_back({id, "SET_POSITION", returnSteps[id]});
+        worker_.push_back({id, "SET_SPEED", axis.made.max_speed});
+        for (const int32_t way : {-total, total, returnSteps[id] - total})
+            worker_.push_back({id, "ROTATE", way});
+        const int32_t stored = axis.speedOption.value_or(-1);
+        const int32_t speed = stored > 0 && stored <= axis.made.max_speed ? stored : DEFAULT_SPEED;
+        worker_.push_back({id, "SET_SPEED", speed});
+        axis.speedOption = speed;
+    }
+}
+
+void HeadModel::judgeThreads()
+{
+    while (evidence_.at < evidence_.entries.size()) {
+        const LabJournalEntry& entry = evidence_.entries[evidence_.at++];
+        require(entry.thread != entry.pid, "a request that no method made: \"" + textOf(entry) + "\"");
+        judgeThread(entry);
+    }
+}
+
+void HeadModel::judgeThread(const LabJournalEntry& entry)
+{
+    fold(entry);
+    if (entry.request == "GET_STATUS") {
+        if (atRest)
+            judgeSaveRead(entry);
+    } else if (entry.request == "STOP" && stepMove_ != StepMove::NONE) {
+        require(entry.axis == (stepStopsTilt_ ? LAB_TILT : LAB_PAN), "the end of a step stops the axes in disorder");
+        if (stepStopsTilt_)
+            stepMove_ = StepMove::NONE;
+        stepStopsTilt_ = !stepStopsTilt_;
+    } else {
+        judgeWorker(entry);
+    }
+}
+
+/// At rest nobody but a save that is due reads the axes.
+void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
+{
+    require(save.has_value(), "a thread reads the axes at rest although no save is due");
+    require(entry.labNs >= save->earliestNs + SAVE_PERIOD_NS, "a save comes too early");
+    require(entry.axis == (saveReadPan_ ? LAB_TILT : LAB_PAN), "a save reads the axes in disorder");
+    if (entry.result != 0) { // it is tried again at the next expiry
+        saveReadPan_ = false;
+        save->earliestNs += SAVE_PERIOD_NS;
+        return;
+    }
+    saveReadPan_ = !saveReadPan_;
+    if (saveReadPan_)
+        return;
+    for (ModelAxis& axis : axes)
+        axis.stored = axis.count;
+    save.reset();
+    commit();
+}
+
+void HeadModel::judgeWorker(const LabJournalEntry& entry)
+{
+    if (entry.request != JOURNAL_ROTATE_END) {
+        require(!worker_.empty() && stepMove_ != StepMove::RUNS,
+                "a thread sends \"" + textOf(entry) + "\", which nobody asked for");
+        stepMove_ = StepMove::NONE;
+        const WorkerRequest& due = worker_.front();
+        const int32_t word = due.request == "SET_SPEED" ? entry.speedWord() : entry.stepsWord();
+        require(entry.axis == due.axis && entry.request == due.request && word == due.word,
+                "a thread sends \"" + textOf(entry) + "\" instead of " + due.request + " " + std::to_string(due.word));
+        worker_.pop_front();
+    }
+    if (entry.result == 0 || (entry.request != "ROTATE" && entry.request != JOURNAL_ROTATE_END))
+        return;
+    while (!worker_.empty() && worker_.front().request == "ROTATE")
+        worker_.pop_front(); // the other rotations of that axis, or of the whole test
+}
+
+bool HeadModel::hasSettled() const
+{
+    return worker_.empty() && stepMove_ != StepMove::RUNS && motions.rests();
+}
+
+void HeadModel::settle()
+{
+    motions.keepResting();
+    calibrating = false;
+    stepMove_ = StepMove::NONE;
+    atRest = true;
+    for (ModelAxis& axis : axes)
+        axis.moving = false;
+}
+
+/// The flag falls at a moment that nobody sees: what the daemon answered shows it, within what is possible.
+bool HeadModel::stillCalibrating()
+{
+    if (!calibrating)
+        return false;
+    const size_t next = evidence_.nextOfLoop();
+    if (replied_ == CODE_CALIBRATING && next == evidence_.entries.size())
+        return true;
+    while (evidence_.at < next)
+        judgeThread(evidence_.entries[evidence_.at++]);
+    require(worker_.empty(), "a calibration is not over, but its flag is");
+    motions.follow(next < evidence_.entries.size() ? evidence_.entries[next].realNs : WHENEVER);
+    motions.keepCalibrated("a calibration has not announced its end, but its flag is down");
+    calibrating = false;
+    return false;
+}
+
+Code HeadModel::busy(bool panoramaCounts)
+{
+    if (stillCalibrating())
+        return CODE_CALIBRATING;
+    if (mask_)
+        return CODE_LENS_MASK;
+    return panorama_ && panoramaCounts ? CODE_PANORAMA : CODE_OK;
+}
+
+bool HeadModel::loadFlip()
+{
+    constexpr const char* NAMES[] = {"off", "left_and_right", "up_and_down", "center"};
+    const std::string text = settings.flip.value_or("");
+    for (int i = 0; i < 4; ++i) {
+        if (!std::string(NAMES[i]).starts_with(text))
+            continue;
+        flip_ = i;
+        return true;
+    }
+    return false;
+}
+
+std::map<std::string, std::optional<std::string>> HeadModel::storedOptions() const
+{
+    std::map<std::string, std::optional<std::string>> result;
+    const auto text = [](const std::optional<int32_t>& value) {
+        return value ? std::optional(std::to_string(*value)) : std::nullopt;
+    };
+    for (const ModelAxis& axis : axes) {
+        result[axis.section + ".steps"] = text(axis.stored);
+        result[axis.section + ".speed"] = text(axis.speedInFile);
+    }
+    result["config.power_off_recover"] = std::to_string(settings.recover);
+    return result;
+}
+
+bool HeadModel::mayHold(const std::string& option, const std::string& value) const
+{
+    for (const ModelAxis& axis : axes)
+        if (option == axis.section + ".speed" && axis.speedOption && value == std::to_string(*axis.speedOption))
+            return true;
+    return false;
+}
+
+std::string HeadModel::describe() const
+{
+    return motions.describe() + (worker_.empty() ? "" : ", rotations missing") +
+           (stepMove_ == StepMove::RUNS ? ", a step not ended" : "");
+}

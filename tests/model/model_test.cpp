@@ -1,0 +1,107 @@
+// Random sequences of methods, pauses, faults, settings and restarts: the daemon does what the model does.
+//
+// PTZD_MODEL_SEED=N plays one sequence, PTZD_MODEL_SEQUENCES=N so many, PTZD_LONG_TESTS a few thousand.
+
+#include "player.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int ORDINARY = 60;
+constexpr int THOROUGH = 3000;
+constexpr auto SHRINK_TIME = 90s;
+
+std::optional<uint32_t> environmentNumber(const char* name)
+{
+    const char* text = getenv(name);
+    return text ? std::optional(static_cast<uint32_t>(strtoul(text, nullptr, 10))) : std::nullopt;
+}
+
+struct Tally {
+    int sequences = 0;
+    int steps = 0;
+    int inconclusive = 0;
+};
+
+/// On a machine that is too busy a save may come at any moment; then the sequence is played again.
+Verdict playToTheEnd(Player& player, const Sequence& sequence)
+{
+    Verdict verdict = player.play(sequence);
+    for (int again = 0; again < 5 && verdict.inconclusive; ++again)
+        verdict = player.play(sequence);
+    return verdict;
+}
+
+/// Reports the smallest sequence that shows the mismatch.
+void report(Player& player, const Sequence& sequence, const Verdict& verdict)
+{
+    const auto end = Clock::now() + SHRINK_TIME;
+    std::string text = verdict.mismatch;
+    player.patience = 3s;
+    const Sequence smallest = shrink(
+        sequence,
+        [&](const Sequence& smaller) {
+            const Verdict other = player.play(smaller);
+            text = other.mismatch.empty() ? text : other.mismatch;
+            return !other.mismatch.empty();
+        },
+        [&] { return Clock::now() < end; });
+    ADD_FAILURE() << "after " << verdict.mismatch << "\nshrunk to\n" << print(smallest) << "after " << text;
+}
+
+bool playAll(int head, uint32_t firstSeed, int count, Tally& tally)
+{
+    Lab lab;
+    const LabOptions options = headOptions(head);
+    if (!lab.up(options)) {
+        ADD_FAILURE() << lab.error();
+        return false;
+    }
+    const std::set<std::string> offered = offeredMethods(lab);
+    EXPECT_TRUE(offered.contains("moveTo")) << "the daemon lists no methods";
+    Player player(lab, options);
+    for (int i = 0; i < count; ++i) {
+        const Sequence sequence = randomSequence(firstSeed + static_cast<uint32_t>(i * HEADS), offered);
+        const Verdict verdict = playToTheEnd(player, sequence);
+        ++tally.sequences;
+        tally.steps += static_cast<int>(sequence.steps.size());
+        tally.inconclusive += verdict.inconclusive ? 1 : 0;
+        if (!verdict.mismatch.empty()) {
+            report(player, sequence, verdict);
+            return false;
+        }
+    }
+    const auto status = lab.killPtzd(SIGTERM);
+    EXPECT_TRUE(status.has_value() && *status == 0) << lab.ptzdLog();
+    return true;
+}
+
+TEST(Model, AgreesWithTheDaemonOnRandomSequences)
+{
+    const auto started = Clock::now();
+    Tally tally;
+    if (const auto seed = environmentNumber("PTZD_MODEL_SEED")) {
+        playAll(static_cast<int>(*seed % HEADS), *seed, 1, tally);
+        return;
+    }
+    const int ordinary = getenv("PTZD_LONG_TESTS") ? THOROUGH : ORDINARY;
+    const auto wanted = environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(ordinary));
+    const uint32_t base = std::random_device{}() / 2 / HEADS * HEADS;
+    for (int head = 0; head < HEADS; ++head)
+        if (!playAll(head, base + static_cast<uint32_t>(head), static_cast<int>((wanted + HEADS - 1) / HEADS), tally))
+            break;
+    const std::chrono::duration<double> took = Clock::now() - started;
+    printf("%d sequences of %d steps in %.1f s, %d of them inconclusive\n", tally.sequences, tally.steps, took.count(),
+           tally.inconclusive);
+}
+
+} // namespace

@@ -1,0 +1,329 @@
+#include "player.h"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int64_t SAVE_PERIOD_NS = 10'000'000'000;
+/// A save that is due sooner than this is waited for before the next command.
+constexpr int64_t SAVE_MARGIN_NS = 5'000'000'000;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr double CLOCK_SPEED = 40;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr double CLOCK_SPEED = 40;
+#else
+constexpr double CLOCK_SPEED = 100;
+#endif
+#else
+constexpr double CLOCK_SPEED = 100;
+#endif
+
+/// "section.option" of a settings file; lists and comments are none of ours.
+std::map<std::string, std::string> optionsOf(const std::string& path)
+{
+    std::map<std::string, std::string> result;
+    std::ifstream file(path);
+    std::string section;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string kind;
+        std::string name;
+        std::string value;
+        words >> kind >> name >> value;
+        std::erase(value, '\'');
+        std::erase(name, '\'');
+        if (kind == "config")
+            section = value;
+        else if (kind == "option")
+            result[section + "." + name] = value;
+    }
+    return result;
+}
+
+std::string optionLine(const std::string& name, const std::optional<std::string>& value)
+{
+    return value ? "\toption " + name + " '" + *value + "'\n" : "";
+}
+
+std::optional<std::string> settingOf(const Step& step)
+{
+    return step.text == "-" ? std::nullopt : std::optional(step.text);
+}
+
+std::optional<int32_t> numberOf(const Step& step)
+{
+    return step.text == "-" ? std::nullopt : std::optional(static_cast<int32_t>(std::stol(step.text)));
+}
+
+LabRequest requestNamed(const std::string& name)
+{
+    uint32_t request = 0;
+    while (request + 1 < LAB_REQUEST_COUNT && name != LAB_REQUEST_NAMES[request])
+        ++request;
+    return static_cast<LabRequest>(request);
+}
+
+} // namespace
+
+LabOptions headOptions(int head)
+{
+    constexpr LabAxisSetting PANS[HEADS] = {{300, 8, 3000}, {301, 7, 2999}, {300, 5, 100}};
+    constexpr LabAxisSetting TILTS[HEADS] = {{122, 8, 1220}, {123, 6, 1001}, {124, 3, 90}};
+    constexpr int32_t FACTORS[HEADS] = {500, 500, 20};
+    LabOptions options;
+    options.pan = PANS[head];
+    options.tilt = TILTS[head];
+    options.factor = FACTORS[head];
+    options.clockSpeed = CLOCK_SPEED;
+    return options;
+}
+
+std::set<std::string> offeredMethods(Lab& lab)
+{
+    std::string text;
+    std::set<std::string> result;
+    if (lab.run({"ubus", "-v", "list", "ptzd"}, text) != 0)
+        return result;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t first = line.find('"');
+        const size_t end = line.find("\":");
+        if (first != std::string::npos && end != std::string::npos)
+            result.insert(line.substr(first + 1, end - first - 1));
+    }
+    return result;
+}
+
+Player::Player(Lab& lab, const LabOptions& options)
+    : lab_(lab), options_(options), model_(evidence_, options.pan, options.tilt)
+{
+}
+
+Verdict Player::play(const Sequence& sequence)
+{
+    std::string at = "the start";
+    try {
+        for (const Step& step : sequence.setup)
+            change(step);
+        std::ofstream(lab_.folder() + "/etc/config/ptzd")
+            << "config ptzd 'config'\n"
+            << optionLine("power_off_recover", std::to_string(model_.settings.recover));
+        for (ModelAxis& axis : model_.axes) {
+            const auto text = model_.storedOptions();
+            std::ofstream(lab_.folder() + "/etc/config/ptzd", std::ios::app)
+                << "\nconfig motor '" << axis.section << "'\n"
+                << optionLine("steps", text.at(axis.section + ".steps"))
+                << optionLine("speed", text.at(axis.section + ".speed"));
+        }
+        std::ofstream(lab_.folder() + "/etc/config/ptzd", std::ios::app) << "\nconfig preset_config 'preset_config'\n";
+        lab_.heal(LAB_PAN);
+        lab_.heal(LAB_TILT);
+        restart(true);
+        for (const Step& step : sequence.steps) {
+            at = step.print();
+            run(step);
+        }
+        at = "the end";
+        settle();
+        require(lab_.ptzdLog().find("Sanitizer") == std::string::npos, lab_.ptzdLog());
+    } catch (const Mismatch& mismatch) {
+        return {at + ": " + mismatch.text};
+    } catch (const Inconclusive&) {
+        return {"", true};
+    }
+    return {};
+}
+
+/// Changes a setting as another program of the camera would.
+void Player::change(const Step& step)
+{
+    HeadModel::Settings& settings = model_.settings;
+    if (step.verb == "@flip")
+        settings.flip = settingOf(step);
+    else if (step.verb == "@mask")
+        settings.mask = settingOf(step);
+    else if (step.verb == "@track")
+        settings.track = settingOf(step);
+    else if (step.verb == "@recover")
+        settings.recover = numberOf(step).value_or(1);
+    for (ModelAxis& axis : model_.axes) {
+        if (step.verb == "@steps")
+            axis.stored = numberOf(step);
+        else if (step.verb == "@speed")
+            axis.speedOption = axis.speedInFile = numberOf(step);
+    }
+    writeSettings();
+}
+
+void Player::writeSettings()
+{
+    const std::string folder = lab_.folder() + "/etc/config/";
+    const HeadModel::Settings& settings = model_.settings;
+    std::ofstream(folder + "image") << "config switch 'switch'\n" << optionLine("flip_type", settings.flip);
+    std::ofstream(folder + "lens_mask") << "config lens_mask 'lens_mask_info'\n"
+                                        << optionLine("enabled", settings.mask);
+    std::ofstream(folder + "target_track") << "config target_track 'target_track_info'\n"
+                                           << optionLine("enabled", settings.track);
+}
+
+void Player::run(const Step& step)
+{
+    if (model_.save && lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS) {
+        settle();
+        awaitSave();
+    }
+    if (step.verb == "@rest") {
+        settle();
+    } else if (step.verb == "@saved") {
+        settle();
+        awaitSave();
+    } else if (step.verb == "@nap") {
+        std::this_thread::sleep_for(std::chrono::microseconds(std::stol(step.text)));
+    } else if (step.verb == "@fault") {
+        lab_.failRequest(step.text[0] == 'x' ? LAB_PAN : LAB_TILT, requestNamed(step.text.substr(2)));
+    } else if (step.verb == "@crash" || step.verb == "@power") {
+        restart(step.verb == "@power");
+    } else if (step.verb[0] == '@') {
+        change(step);
+    } else {
+        callMethod(step);
+    }
+}
+
+void Player::callMethod(const Step& step)
+{
+    // What the rules leave open: rotations beside motions that nobody keeps apart.
+    const bool disturbs =
+        step.verb == "test" || ((step.verb == "movePanorama" || step.verb == "stopPanorama") && model_.calibrating);
+    if (disturbs)
+        settle();
+    const std::optional<PendingSave> before = model_.save;
+    const std::string reply = lab_.call(step.verb, step.json());
+    const int64_t repliedNs = lab_.labTimeNs();
+    if (before && repliedNs >= before->earliestNs + SAVE_PERIOD_NS)
+        throw Inconclusive{};
+    evidence_.load(lab_);
+    const std::string expected = model_.expect(step, reply, repliedNs);
+    require(reply == expected, "answered " + reply + " instead of " + expected);
+    const size_t more = evidence_.nextOfLoop();
+    require(more == evidence_.entries.size(),
+            "a request too many: " + (more < evidence_.entries.size() ? textOf(evidence_.entries[more]) : ""));
+    compareFile();
+    if (step.verb == "test")
+        settle();
+}
+
+void Player::restart(bool powerLoss)
+{
+    if (lab_.ptzdPid() != 0)
+        require(lab_.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
+    (void)lab_.invoke("CET", "none"); // what the daemon sent last has arrived then
+    std::error_code ignored;
+    fs::remove_all(lab_.folder() + "/tmp/.uci", ignored);
+    if (powerLoss)
+        lab_.powerLoss();
+    takeAxes();
+    lab_.forget();
+    evidence_ = Evidence{};
+    require(lab_.startPtzd(), "the daemon does not start: " + lab_.error());
+    if (resident_ == 0)
+        learnThreads();
+    evidence_.load(lab_);
+    model_.start();
+    settle();
+}
+
+void Player::takeAxes()
+{
+    for (const LabAxisId id : {LAB_PAN, LAB_TILT}) {
+        const LabAxisNow now = lab_.axisNow(id);
+        ModelAxis& axis = model_.axes[id];
+        axis.count = now.count;
+        axis.shaft = now.shaft;
+        axis.moving = now.running != 0;
+    }
+}
+
+int Player::threads() const
+{
+    std::error_code problem;
+    const fs::directory_iterator tasks("/proc/" + std::to_string(lab_.ptzdPid()) + "/task", problem);
+    return problem ? 0 : static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+/// Timers only start threads now and then, so that the fewest that are seen are those that stay.
+void Player::learnThreads()
+{
+    resident_ = threads();
+    for (int i = 0; i < 200; ++i) {
+        std::this_thread::sleep_for(1ms);
+        resident_ = std::min(resident_, threads());
+    }
+}
+
+/// Nothing moves, no thread of a timer or a step is left, and every begin has had its end.
+bool Player::settled()
+{
+    if (lab_.axisNow(LAB_PAN).running != 0 || lab_.axisNow(LAB_TILT).running != 0 || threads() > resident_)
+        return false;
+    evidence_.load(lab_);
+    model_.judgeThreads();
+    model_.motions.follow(WHENEVER);
+    return model_.hasSettled() && evidence_.wrongEvents(true).empty();
+}
+
+void Player::settle()
+{
+    const bool rested = model_.atRest;
+    // Twice: a thread may still have been about to read the axes when the idle notification was seen.
+    if (!waitUntil([this] { return settled() && settled(); }, patience)) {
+        require(lab_.ptzdPid() != 0, "the daemon has ended:\n" + lab_.ptzdLog());
+        const std::string events = evidence_.wrongEvents(true);
+        throw Mismatch{"the head does not come to rest, " + model_.describe() + (events.empty() ? "" : ", " + events) +
+                       ", " + std::to_string(threads()) + " threads of " + std::to_string(resident_)};
+    }
+    if (!rested && model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+        throw Inconclusive{};
+    model_.settle();
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+        const LabAxisNow now = lab_.axisNow(axis);
+        const ModelAxis& expected = model_.axes[axis];
+        require(now.count == expected.count && now.shaft == expected.shaft,
+                expected.section + " rests at " + std::to_string(now.count) + " instead of " +
+                    std::to_string(expected.count));
+    }
+    compareFile();
+}
+
+void Player::awaitSave()
+{
+    const auto saved = [this] {
+        evidence_.load(lab_);
+        model_.judgeThreads();
+        return !model_.save;
+    };
+    require(waitUntil(saved, patience), "the position is not saved");
+    require(waitUntil([this] { return threads() <= resident_; }, patience), "the save does not end");
+    compareFile();
+}
+
+void Player::compareFile()
+{
+    const auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
+    for (const auto& [name, value] : model_.storedOptions()) {
+        const auto at = seen.find(name);
+        const std::string found = at == seen.end() ? "nothing" : at->second;
+        require(found == value.value_or("nothing") || model_.mayHold(name, found),
+                name + " is " + found + " in the file instead of " + value.value_or("nothing"));
+    }
+}

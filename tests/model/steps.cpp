@@ -1,0 +1,271 @@
+#include "steps.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+namespace {
+
+class Dice {
+public:
+    explicit Dice(uint32_t seed) : random_(seed)
+    {
+    }
+    int below(int n)
+    {
+        return static_cast<int>(random_() % static_cast<unsigned>(n));
+    }
+    bool oneIn(int n)
+    {
+        return below(n) == 0;
+    }
+    template <size_t N>
+    std::string of(const char* const (&choices)[N])
+    {
+        return choices[below(N)];
+    }
+
+private:
+    std::mt19937 random_;
+};
+
+constexpr const char* ODD[] = {"abc",  "",           " 12",         "+7",          "-0",
+                               "3x",   "2147483647", "-2147483648", "99999999999", "-99999999999",
+                               "0x10", "1e3",        "- 5",         "4294967297",  "\\t9"};
+constexpr const char* PAN_EDGES[] = {"0", "1", "-1", "149", "150", "151", "-149", "-150", "-151", "300", "-1000"};
+constexpr const char* TILT_EDGES[] = {"0", "1", "-1", "-6", "39", "40", "60", "61", "62", "-38", "-39", "-40", "-61"};
+constexpr const char* ANGLES[] = {"0",   "45",  "46",  "90",  "91",  "134", "135", "180", "181",
+                                  "225", "226", "270", "271", "314", "315", "359", "360", "-1"};
+constexpr const char* SPEEDS[] = {"1", "2", "4", "6", "7", "8", "0", "-1", "100"};
+// A step's thread sleeps once for each unit, so none lasts long.
+constexpr const char* SUSTAINS[] = {"0", "1", "5", "20", "60", "200", "-3", "-99999999999"};
+constexpr const char* SWITCHES[] = {"on", "off", "on", "off", "ON", "On", "oN", "onn", "", "-"};
+constexpr const char* FLIPS[] = {"off", "left_and_right", "up_and_down", "center", "left", "up", "c", "mirror", "",
+                                 "-",   "offx",           "center ",     "OFF"};
+constexpr const char* REQUESTS[] = {"GET_STATUS", "GET_STATUS", "MOVE", "STOP", "SET_SPEED", "ROTATE", "SET_POSITION"};
+
+std::string coordinate(Dice& dice, bool pan)
+{
+    if (dice.oneIn(12))
+        return dice.of(ODD);
+    if (dice.oneIn(3))
+        return pan ? dice.of(PAN_EDGES) : dice.of(TILT_EDGES);
+    return std::to_string(pan ? dice.below(301) - 150 : dice.below(101) - 39);
+}
+
+std::string valueOf(Dice& dice, const std::string& name)
+{
+    if (name == "x_coord" || name == "y_coord")
+        return coordinate(dice, name == "x_coord");
+    if (name == "direction")
+        return dice.oneIn(12) ? dice.of(ODD) : dice.oneIn(2) ? dice.of(ANGLES) : std::to_string(dice.below(360));
+    if (name == "sustain")
+        return dice.of(SUSTAINS);
+    if (name == "recover")
+        return dice.oneIn(6) ? dice.of(ODD) : std::to_string(dice.below(2));
+    if (name == "times")
+        return dice.oneIn(2) ? "0" : std::to_string(dice.below(3) - 1);
+    return dice.oneIn(12) ? dice.of(ODD) : dice.of(SPEEDS);
+}
+
+struct Method {
+    const char* name;
+    int weight;
+    bool isOptional; // each argument may be left out
+    std::vector<const char*> arguments;
+};
+
+const std::vector<Method>& methods()
+{
+    static const std::vector<Method> all = {
+        {"move", 9, false, {"x_coord", "y_coord"}},
+        {"moveTo", 9, false, {"x_coord", "y_coord"}},
+        {"stop", 5, false, {}},
+        {"getStatus", 3, false, {}},
+        {"getCapa", 1, false, {}},
+        {"checkMotorStatus", 1, false, {}},
+        {"setPowerOffRecover", 3, false, {"recover"}},
+        {"manualCalibrate", 2, false, {}},
+        {"test", 1, false, {"times"}},
+        {"moveStep", 10, false, {"direction"}},
+        {"setConfig", 4, true, {"x_speed", "y_speed", "sustain"}},
+        {"startPanorama", 3, false, {}},
+        {"movePanorama", 5, false, {"x_coord", "y_coord"}},
+        {"stopPanorama", 4, false, {}},
+        {"targetTrack", 7, false, {"x_coord", "y_coord", "x_speed", "y_speed"}},
+        {"targetTrackBack", 4, false, {}},
+        {"reloadTargetTrackConfig", 2, false, {}},
+        {"lensMask", 2, false, {}},
+        {"updateImageConfig", 2, false, {}},
+    };
+    return all;
+}
+
+Step methodStep(Dice& dice, const Method& method)
+{
+    Step step{method.name, {}, ""};
+    for (const char* name : method.arguments) {
+        if (dice.oneIn(method.isOptional ? 2 : 30))
+            continue;
+        const bool isNumber = dice.oneIn(60);
+        step.arguments.push_back({name, isNumber ? "5" : valueOf(dice, name), isNumber});
+    }
+    return step;
+}
+
+/// Settings change together with the method that makes the daemon look at them, mostly.
+void addSetting(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered)
+{
+    constexpr std::array<std::array<const char*, 2>, 3> PAIRS = {
+        {{"@flip", "updateImageConfig"}, {"@mask", "lensMask"}, {"@track", "reloadTargetTrackConfig"}}};
+    const auto& [setting, method] = PAIRS[static_cast<size_t>(dice.below(3))];
+    if (!offered.contains(method))
+        return;
+    steps.push_back({setting, {}, std::string(setting) == "@flip" ? dice.of(FLIPS) : dice.of(SWITCHES)});
+    if (!dice.oneIn(5))
+        steps.push_back({method, {}, ""});
+}
+
+void addPause(Dice& dice, std::vector<Step>& steps)
+{
+    const int kind = dice.below(100);
+    if (kind < 66)
+        steps.push_back({"@rest", {}, ""});
+    else if (kind < 84)
+        steps.push_back({"@nap", {}, std::to_string(dice.below(12000))});
+    else if (kind < 88)
+        steps.push_back({"@saved", {}, ""});
+}
+
+void addCommand(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered)
+{
+    if (dice.oneIn(8))
+        steps.push_back({"@fault", {}, std::string(dice.oneIn(2) ? "x " : "y ") + dice.of(REQUESTS)});
+    const int kind = dice.below(40);
+    if (kind == 0)
+        steps.push_back({dice.oneIn(2) ? "@crash" : "@power", {}, ""});
+    else if (kind < 5)
+        addSetting(dice, steps, offered);
+    else {
+        int total = 0;
+        for (const Method& method : methods())
+            total += offered.contains(method.name) ? method.weight : 0;
+        int at = total > 0 ? dice.below(total) : 0;
+        for (const Method& method : methods()) {
+            at -= offered.contains(method.name) ? method.weight : 0;
+            if (at >= 0)
+                continue;
+            steps.push_back(methodStep(dice, method));
+            break;
+        }
+    }
+    addPause(dice, steps);
+}
+
+/// Simpler forms of a step, the simplest first.
+std::vector<Step> simpler(const Step& step)
+{
+    std::vector<Step> result;
+    for (size_t i = 0; i < step.arguments.size(); ++i) {
+        for (const char* value : {"0", "1", "-1", "10", "100", "-100"}) {
+            if (step.arguments[i].text == value)
+                break;
+            Step other = step;
+            other.arguments[i].text = value;
+            result.push_back(other);
+        }
+    }
+    if (step.verb == "@nap" && step.text != "1000")
+        result.push_back({"@rest", {}, ""});
+    return result;
+}
+
+} // namespace
+
+std::string Step::json() const
+{
+    std::string result;
+    for (const Argument& argument : arguments) {
+        const std::string quote = argument.isNumber ? "" : "\"";
+        result += (result.empty() ? "{\"" : ",\"") + argument.name + "\":" + quote + argument.text + quote;
+    }
+    return result.empty() ? "" : result + "}";
+}
+
+std::string Step::print() const
+{
+    const std::string rest = arguments.empty() ? text : json();
+    return rest.empty() ? verb : verb + " " + rest;
+}
+
+std::optional<std::string> Step::argument(const std::string& name) const
+{
+    for (const Argument& argument : arguments)
+        if (argument.name == name && !argument.isNumber)
+            return argument.text == "\\t9" ? "\t9" : argument.text;
+    return std::nullopt;
+}
+
+std::string print(const Sequence& sequence)
+{
+    std::string result = "PTZD_MODEL_SEED=" + std::to_string(sequence.seed) + "\n";
+    for (const Step& step : sequence.setup)
+        result += "    before the start: " + step.print() + "\n";
+    for (const Step& step : sequence.steps)
+        result += "    " + step.print() + "\n";
+    return result;
+}
+
+Sequence randomSequence(uint32_t seed, const std::set<std::string>& offered)
+{
+    constexpr int COMMANDS = 12;
+    constexpr const char* STEPS[] = {"-", "-", "0", "77", "-5", "40"};
+    Dice dice(seed);
+    Sequence sequence{.seed = seed, .setup = {}, .steps = {}};
+    sequence.setup = {
+        {"@flip", {}, dice.oneIn(2) ? "off" : dice.of(FLIPS)},
+        {"@mask", {}, dice.oneIn(8) ? "on" : "off"},
+        {"@track", {}, dice.of(SWITCHES)},
+        {"@recover", {}, dice.oneIn(4) ? "0" : "1"},
+        {"@steps", {}, dice.of(STEPS)},
+        {"@speed", {}, dice.oneIn(3) ? dice.of(SPEEDS) : "4"},
+    };
+    if (offered.contains("setConfig"))
+        sequence.steps.push_back({"setConfig", {{"sustain", "20", false}}, ""});
+    for (int i = 0; i < COMMANDS; ++i)
+        addCommand(dice, sequence.steps, offered);
+    sequence.steps.push_back({dice.oneIn(4) ? "@saved" : "@rest", {}, ""});
+    return sequence;
+}
+
+Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails,
+                const std::function<bool()>& mayGoOn)
+{
+    const auto accept = [&](const Sequence& smaller) {
+        if (!mayGoOn() || !fails(smaller))
+            return false;
+        sequence = smaller;
+        return true;
+    };
+    for (size_t length = std::max<size_t>(sequence.steps.size() / 2, 1); length >= 1; length /= 2) {
+        for (size_t at = 0; at < sequence.steps.size();) {
+            Sequence smaller = sequence;
+            const auto first = smaller.steps.begin() + static_cast<ptrdiff_t>(at);
+            smaller.steps.erase(first, first + static_cast<ptrdiff_t>(std::min(length, smaller.steps.size() - at)));
+            at += accept(smaller) ? 0 : length;
+        }
+    }
+    for (size_t at = 0; at < sequence.steps.size(); ++at) {
+        for (bool changed = true; changed;) {
+            changed = false;
+            for (const Step& step : simpler(sequence.steps[at])) {
+                Sequence smaller = sequence;
+                smaller.steps[at] = step;
+                changed = accept(smaller);
+                if (changed)
+                    break;
+            }
+        }
+    }
+    return sequence;
+}
