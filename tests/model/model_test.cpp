@@ -16,7 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int ORDINARY = 60;
+constexpr int ORDINARY = 105;
 constexpr int THOROUGH = 3000;
 constexpr auto SHRINK_TIME = 90s;
 

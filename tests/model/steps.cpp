@@ -129,11 +129,11 @@ void addSetting(Dice& dice, std::vector<Step>& steps, const std::set<std::string
 void addPause(Dice& dice, std::vector<Step>& steps)
 {
     const int kind = dice.below(100);
-    if (kind < 66)
+    if (kind < 50)
         steps.push_back({"@rest", {}, ""});
-    else if (kind < 84)
+    else if (kind < 74)
         steps.push_back({"@nap", {}, std::to_string(dice.below(12000))});
-    else if (kind < 88)
+    else if (kind < 78)
         steps.push_back({"@saved", {}, ""});
 }
 
