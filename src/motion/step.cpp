@@ -100,27 +100,32 @@ ResultCode startStep(int32_t direction, const MotorCommand& pan, const MotorComm
     return ERR_DEVICE;
 }
 
-/// Goes on with the step under way; its thread counts anew.
-ResultCode continueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
+/// Turns the step under way into another direction. `turned`: its move requests were sent.
+ResultCode turnStep(const MotorCommand& pan, const MotorCommand& tilt, bool& turned)
     REQUIRES(gContext.motion.MotionLock)
 {
+    const ResultCode panStopped = motorStop(PAN);
+    const ResultCode tiltStopped = motorStop(TILT);
+    if (panStopped != RESULT_OK || tiltStopped != RESULT_OK)
+        return ERR_DEVICE;
+    turned = true;
+    return driveAxes(pan, tilt);
+}
+
+/// Starts a step, or goes on with the one under way, whose thread then counts anew. `turned`: move
+/// requests have sent it another way.
+ResultCode startOrContinueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt, bool& turned)
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    if (gContext.motion.stepMoveActive == 0)
+        return startStep(direction, pan, tilt);
     if (gContext.motion.stepMoveDirection != direction) {
-        const ResultCode panStopped = motorStop(PAN);
-        const ResultCode tiltStopped = motorStop(TILT);
-        if (panStopped != RESULT_OK || tiltStopped != RESULT_OK)
-            return ERR_DEVICE;
-        if (const ResultCode result = driveAxes(pan, tilt); result != RESULT_OK)
+        if (const ResultCode result = turnStep(pan, tilt, turned); result != RESULT_OK)
             return result;
     }
     gContext.motion.stepMoveDirection = direction;
     gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
     return RESULT_OK;
-}
-
-ResultCode startOrContinueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
-{
-    LockGuard hold(gContext.motion.MotionLock);
-    return gContext.motion.stepMoveActive == 0 ? startStep(direction, pan, tilt) : continueStep(direction, pan, tilt);
 }
 
 } // namespace
@@ -141,7 +146,17 @@ ResultCode stepHead(int32_t direction)
     if (!limitCommand(PAN, sector->sense[PAN], pan, panCommand) ||
         !limitCommand(TILT, sector->sense[TILT], tilt, tiltCommand))
         return ERR_NO_TRAVEL;
-    const ResultCode result = startOrContinueStep(direction, panCommand, tiltCommand);
+    // The poll must not take the rest between a turn's stops and its move requests for the end. It may have found the
+    // end before, at the limit; then the turned step is a motion of its own, and its thread has made its begin step
+    // already.
+    bool turned = false;
+    motionStarting();
+    const ResultCode result = startOrContinueStep(direction, panCommand, tiltCommand, turned);
+    motionStarted();
+    if (turned) {
+        motionBegin(MotionBegin::User);
+        motionStarted();
+    }
     if (result == RESULT_OK)
         saveStepsArm();
     return result;

@@ -206,6 +206,11 @@ bool motionBeginStep(uint32_t generation)
     return true;
 }
 
+void motionStarting()
+{
+    startOpened();
+}
+
 void motionStarted()
 {
     startClosed();

@@ -65,7 +65,11 @@ void motionBegin(MotionBegin variant) EXCLUDES(gContext.motion.MotionStateLock);
 /// Any thread; takes MotionStateLock and, under it, BusLock.
 [[nodiscard]] bool motionBeginStep(uint32_t generation) EXCLUDES(gContext.motion.MotionStateLock);
 
-/// Says that the move requests of a begin step have been sent. Any thread; no lock.
+/// Says that axes are about to be halted and driven anew: until motionStarted no status poll takes their rest for the
+/// motion's end. A begin step includes it. Any thread; no lock.
+void motionStarting();
+
+/// Says that the move requests of a begin step, or after motionStarting, have been sent. Any thread; no lock.
 void motionStarted();
 
 /// Sends a move request to pan and then to tilt, both in any case. @return ERR_DEVICE when either failed.

@@ -170,6 +170,33 @@ TEST_F(Step, IsTurnedIntoAnotherDirectionByTheSameThread)
         << "tilt is stopped although pan refuses";
 }
 
+TEST_F(Step, IsNotTakenForEndedBetweenTheStopsAndTheMovesOfATurn)
+{
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK); // what its thread begins with
+    fakeMotor.onRequest = [](const FakeRequest& request) {
+        if (request.axis == PAN && request.number == MOTOR_IOC_MOVE)
+            motorStatusPoll(nullptr); // both axes rest, halted
+    };
+    EXPECT_EQ(stepHead(180), RESULT_OK);
+    EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
+    EXPECT_TRUE(fakes.armed(gContext.timers.statusPollTimer));
+}
+
+TEST_F(Step, IsAnnouncedAgainWhenItTurnsAwayFromTheLimitItRestedAt)
+{
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
+    fakeMotor.status[PAN].position = 3000; // at the limit long before its ticks are over
+    motorStatusPoll(nullptr);
+    ASSERT_EQ(fakes.notifications.size(), 2u);
+    EXPECT_EQ(stepHead(180), RESULT_OK);
+    EXPECT_EQ(fakes.notifications.size(), 3u);
+    EXPECT_TRUE(fakes.armed(gContext.timers.statusPollTimer));
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications.size(), 4u);
+}
+
 TEST_F(Step, HaltsAnotherMotionFirst)
 {
     fakeMotor.status[TILT].running = 1;
@@ -205,7 +232,10 @@ TEST_F(Step, AThreadThatCannotBeCreatedLeavesNoStepBehind)
 /// Every command that drives the head, whether it finds the axes running or, at the limit, at rest.
 TEST_F(Step, IsCancelledByEveryOtherMotionAndStopsNothingAfterwards)
 {
-    const std::pair<const char*, std::function<ResultCode()>> commands[] = {
+    const struct {
+        const char* name;
+        std::function<ResultCode()> run;
+    } commands[] = {
         {"move", [] { return moveHead(-1, 0); }},
         {"moveTo", [] { return moveHeadTo(1, 1); }},
         {"stop", [] { return stopHead(); }},
@@ -218,7 +248,7 @@ TEST_F(Step, IsCancelledByEveryOtherMotionAndStopsNothingAfterwards)
              return moveToLastPostion();
          }},
     };
-    for (const auto& [name, command] : commands) {
+    for (const auto& command : commands) {
         for (const int32_t running : {0, 1}) {
             resetDaemon();
             storePosition(10, 10);
@@ -227,13 +257,13 @@ TEST_F(Step, IsCancelledByEveryOtherMotionAndStopsNothingAfterwards)
             fakes.onSleep = [&] {
                 if (fakes.sleeps != 5)
                     return;
-                EXPECT_EQ(command(), RESULT_OK) << name;
-                EXPECT_EQ(active(), 0) << name << " " << running;
+                EXPECT_EQ(command.run(), RESULT_OK) << command.name;
+                EXPECT_EQ(active(), 0) << command.name << " " << running;
                 fakeMotor.requests.clear();
             };
             fakes.runWorker();
-            EXPECT_EQ(fakes.sleeps, 5) << name;
-            EXPECT_TRUE(driven().empty()) << name << ": the old thread's stop would end the new motion";
+            EXPECT_EQ(fakes.sleeps, 5) << command.name;
+            EXPECT_TRUE(driven().empty()) << command.name << ": the old thread's stop would end the new motion";
         }
     }
 }
