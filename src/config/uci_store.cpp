@@ -68,6 +68,13 @@ void cfg_uci_pkg_reload(int32_t id)
     package.handle = cfg_uci_pkg_init(package.name);
 }
 
+void cfg_uci_ensure_loaded(int32_t id)
+{
+    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
+    if (gContext.config.uciContext && !loadedPackage(id))
+        cfg_uci_pkg_reload(id);
+}
+
 int32_t cfg_uci_commit(int32_t id)
 {
     RecursiveLockGuard hold(gContext.config.ConfigStoreLock);

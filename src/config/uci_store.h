@@ -29,6 +29,9 @@ enum UciPackageId : int32_t {
 void cfg_uci_lock();
 void cfg_uci_unlock();
 
+/// Loads a package again that a failed commit or reload has left unloaded. For UciTransaction.
+void cfg_uci_ensure_loaded(int32_t id);
+
 /// Allocates a new context (an existing one is freed first) and loads all seven packages, in the order of their ids;
 /// the first that fails to load ends it. Thread: main, at start.
 [[nodiscard]] int32_t cfg_uci_init();
@@ -93,6 +96,7 @@ public:
     explicit UciTransaction(UciPackageId id) : id_(id)
     {
         cfg_uci_lock();
+        cfg_uci_ensure_loaded(id); // a file that was damaged for a while must not cost every later save
     }
     ~UciTransaction()
     {

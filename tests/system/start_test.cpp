@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -69,6 +70,14 @@ TEST_F(Start, WaitsForAMissingDeviceAndGoesOn)
     ASSERT_TRUE(lab.setNode(LAB_PAN, false));
     (void)lab.startPtzd();
     EXPECT_TRUE(reported("motorInit", "can't open /dev/x-motor file, sleep 1 second and retry"));
+    const auto reports = [&] {
+        const std::string log = lab.ptzdLog();
+        return std::count(log.begin(), log.end(), '\n');
+    };
+    const auto before = reports();
+    const auto since = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitUntil([&] { return reports() >= before + 2; }, DEADLINE));
+    EXPECT_GE(std::chrono::steady_clock::now() - since, 900ms) << "one report a second";
     EXPECT_NE(lab.ptzdPid(), 0);
     ASSERT_TRUE(lab.setNode(LAB_PAN, true));
     EXPECT_TRUE(lab.waitReady(DEADLINE)) << lab.error();

@@ -222,6 +222,19 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
     EXPECT_EQ(file("ptzd"), "\nconfig t 's'\n\toption a '6'\n\n");
 }
 
+TEST_F(UciStore, ATransactionLoadsWhatADamagedFileHadLeftUnloaded)
+{
+    load("config t 's'\n option a '1'\n");
+    write("ptzd", "config t 's'\n option a 'unterminated\n");
+    cfg_uci_pkg_reload(UCI_PTZD);
+    EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), CFG_UCI_FAILED);
+    write("ptzd", "config t 's'\n option a '5'\n"); // somebody mends it
+    const UciTransaction transaction(UCI_PTZD);
+    EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 6), 0);
+    EXPECT_EQ(transaction.commit(), 0);
+    EXPECT_EQ(file("ptzd"), "\nconfig t 's'\n\toption a '6'\n\n");
+}
+
 TEST_F(UciStore, ATransactionKeepsAnotherThreadsReloadAway)
 {
     load("config t 's'\n option a '1'\n option b '1'\n");

@@ -109,6 +109,10 @@ void cfg_uci_lock()
     ++fakes.transactions;
 }
 
+void cfg_uci_ensure_loaded(int32_t)
+{
+}
+
 void cfg_uci_unlock()
 {
     --fakes.transactions;
