@@ -21,6 +21,8 @@ inline constexpr const char* REFUSED_DEVICE = R"({"error_code":-64301})";
 inline constexpr const char* REFUSED_PARAM = R"({"error_code":-64302})";
 inline constexpr const char* REFUSED_CALIBRATING = R"({"error_code":-64303})";
 inline constexpr const char* REFUSED_NO_TRAVEL = R"({"error_code":-64304})";
+inline constexpr const char* REFUSED_LENS_MASK = R"({"error_code":-64324})";
+inline constexpr const char* REFUSED_PANORAMA = R"({"error_code":-64329})";
 
 /// Long runs multiply what the ordinary tests do a few times (./dev test --long).
 inline int repetitions(int ordinary, int thorough)
@@ -103,6 +105,31 @@ protected:
             if (entry.axis == axis && entry.request == "MOVE")
                 steps.push_back(entry.stepsWord());
         return steps;
+    }
+    /// The move and stop requests of one axis, in order.
+    std::vector<LabJournalEntry> driving(LabAxisId axis)
+    {
+        std::vector<LabJournalEntry> found;
+        for (const LabJournalEntry& entry : lab.journal())
+            if (entry.axis == axis && (entry.request == "MOVE" || entry.request == "STOP"))
+                found.push_back(entry);
+        return found;
+    }
+    void expectAt(int32_t pan, int32_t tilt)
+    {
+        EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, pan);
+        EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, tilt);
+    }
+    /// Starts a motion to a coordinate and waits for its end, the first since the lab forgot.
+    void goTo(int32_t x, int32_t y)
+    {
+        EXPECT_EQ(lab.call("moveTo", coords(x, y)), DONE);
+        EXPECT_TRUE(settled());
+        lab.forget();
+    }
+    static std::string coords(int32_t x, int32_t y)
+    {
+        return R"({"x_coord":")" + std::to_string(x) + R"(","y_coord":")" + std::to_string(y) + "\"}";
     }
     int requests(const std::string& name)
     {
