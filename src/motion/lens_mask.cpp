@@ -57,13 +57,15 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
     if (wanted != 0) {
         // No save may put the mask's position over the one stored here. Barring and storing are one transaction, and a
         // save decides inside its own: one that comes before is overwritten here, and one that comes after finds the
-        // bar, whenever it looked at the head.
+        // bar, whenever it looked at the head. Only another motion lifts the bar: a mask that is switched on again
+        // before the head is back, or after half of its motion failed, stores nothing either.
         const UciTransaction transaction(UCI_PTZD);
-        savesBar();
-        for (const AxisIndex axis : {PAN, TILT}) {
-            const char* section = gContext.axes[axis].section;
-            if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", status[axis].position) != 0)
-                LOG_ERROR("error to set option %s.steps\n", section);
+        if (savesBar()) {
+            for (const AxisIndex axis : {PAN, TILT}) {
+                const char* section = gContext.axes[axis].section;
+                if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", status[axis].position) != 0)
+                    LOG_ERROR("error to set option %s.steps\n", section);
+            }
         }
         (void)transaction.commit(); // reported there; the lens is hidden all the same
     } else {
@@ -74,10 +76,7 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
     result =
         driveAxes(fullSpeedCommand(PAN, status[PAN], target[PAN]), fullSpeedCommand(TILT, status[TILT], target[TILT]));
     motionStarted();
-    if (result == RESULT_OK) {
+    if (result == RESULT_OK)
         lensMaskSetEnabled(wanted);
-        if (wanted == 0)
-            savesAllow();
-    }
     return replyErrCode(connection, request, result);
 }

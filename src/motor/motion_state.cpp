@@ -1,5 +1,6 @@
 #include "motor/motion_state.h"
 
+#include "motor/position_store.h"
 #include "ubus/notify.h"
 
 namespace {
@@ -165,6 +166,8 @@ ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
 
 void motionBegin(MotionBegin variant)
 {
+    if (variant != MotionBegin::LensMask)
+        savesAllow(); // the head leaves the mask's position, should it stand there
     {
         LockGuard hold(gContext.motion.MotionStateLock);
         startOpened();

@@ -36,18 +36,18 @@ void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
 
 } // namespace
 
-void savesBar()
+bool savesBar()
 {
-    gContext.position.saveEpoch.fetch_or(EPOCH_BARRED);
     gContext.position.savePending.store(false);
     timerStop(&gContext.timers.saveStepsTimer);
+    return !barred(gContext.position.saveEpoch.fetch_or(EPOCH_BARRED));
 }
 
 void savesAllow()
 {
-    // Bars and allowances come from the event loop alone, so nobody bars in between.
-    if (barred(gContext.position.saveEpoch.load()))
-        gContext.position.saveEpoch.fetch_add(EPOCH_BARRED);
+    uint32_t epoch = gContext.position.saveEpoch.load();
+    while (barred(epoch) && !gContext.position.saveEpoch.compare_exchange_weak(epoch, epoch + EPOCH_BARRED)) {
+    }
 }
 
 void saveStepsArm()

@@ -16,10 +16,11 @@ void saveStepsArm();
 
 /// Bars saves and disarms saveStepsTimer, before the head goes where it must not come back to. Called inside a
 /// transaction of package ptzd: a save that looked at the head before, or looks at it from now on, has no effect.
+/// @return false when they were barred already: then the head may stand there, and what is stored is to stay.
 /// Thread: event loop.
-void savesBar();
+[[nodiscard]] bool savesBar();
 
-/// Allows saves again. Thread: event loop; no lock.
+/// Allows saves again: every begin step but the lens mask's does, and every command of a user. Any thread; no lock.
 void savesAllow();
 
 /// Callback of saveStepsTimer, also called directly: stores both axes' positions when both stand still, and disarms the

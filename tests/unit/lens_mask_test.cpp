@@ -2,6 +2,8 @@
 #include "fakes/motion_fixture.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"
+#include "motion/panorama.h"
+#include "motion/track.h"
 #include "motor/position_store.h"
 
 namespace {
@@ -136,8 +138,9 @@ void duringSave(AxisIndex axis, const std::function<void()>& command)
     fakeMotor.onRequest = [axis, command](const FakeRequest& request) {
         if (request.axis != axis || request.number != MOTOR_IOC_GET_STATUS)
             return;
+        const auto once = command; // this closure ends with the next line
         fakeMotor.onRequest = nullptr;
-        command();
+        once();
     };
     saveCurSteps(nullptr);
 }
@@ -182,6 +185,36 @@ TEST_F(LensMask, AMotionThatFailedIsNotSavedUntilAUserMovesTheHead)
     standAt(1500, 50);
     saveCurSteps(nullptr);
     EXPECT_EQ(stored().at("y_motor.steps"), "50");
+}
+
+TEST_F(LensMask, IsNotStoredByAnotherTryAfterAMotionThatFailed)
+{
+    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
+    EXPECT_EQ(mask("on"), ERR_DEVICE);
+    fakeMotor.failing.clear();
+    standAt(1500, 0); // tilt was sent all the same
+    EXPECT_EQ(mask("on"), RESULT_OK);
+    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}}));
+}
+
+TEST_F(LensMask, IsNotStoredWhenItIsSwitchedOnAgainBeforeTheHeadIsBack)
+{
+    EXPECT_EQ(mask("on"), RESULT_OK);
+    standAt(1500, 0);
+    EXPECT_EQ(mask("off"), RESULT_OK);
+    EXPECT_EQ(mask("on"), RESULT_OK);
+    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}}));
+}
+
+TEST_F(LensMask, APanoramaOrTrackingAfterAMotionThatFailedStoresItsStart)
+{
+    fakeMotor.fail(TILT, MOTOR_IOC_MOVE);
+    EXPECT_EQ(mask("on"), ERR_DEVICE);
+    fakeMotor.failing.clear();
+    EXPECT_EQ(panoramaMove(0, 1), RESULT_OK);
+    standAt(1500, 620);
+    EXPECT_EQ(trackTarget(1, 1, 1, 1), RESULT_OK);
+    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "620"}}));
 }
 
 TEST_F(LensMask, ASaveThatANewerOneHasOvertakenIsDropped)
