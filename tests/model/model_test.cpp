@@ -16,8 +16,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int ORDINARY = 105;
-constexpr int THOROUGH = 3000;
+constexpr int ORDINARY = 75;
+constexpr int THOROUGH = 2400;
 constexpr auto SHRINK_TIME = 90s;
 
 std::optional<uint32_t> environmentNumber(const char* name)

@@ -113,6 +113,7 @@ Verdict Player::play(const Sequence& sequence)
 {
     std::string at = "the start";
     try {
+        endDaemon(); // it might still save into the fresh settings
         for (const Step& step : sequence.setup)
             change(step);
         std::ofstream(lab_.folder() + "/etc/config/ptzd")
@@ -184,9 +185,11 @@ void Player::run(const Step& step)
     }
     if (step.verb == "@rest") {
         settle();
-    } else if (step.verb == "@saved") {
+    } else if (step.verb == "@saved" || step.verb == "@idle") {
         settle();
         awaitSave();
+        if (step.verb == "@idle")
+            watchIdle();
     } else if (step.verb == "@nap") {
         std::this_thread::sleep_for(std::chrono::microseconds(std::stol(step.text)));
     } else if (step.verb == "@fault") {
@@ -223,10 +226,15 @@ void Player::callMethod(const Step& step)
         settle();
 }
 
-void Player::restart(bool powerLoss)
+void Player::endDaemon()
 {
     if (lab_.ptzdPid() != 0)
         require(lab_.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
+}
+
+void Player::restart(bool powerLoss)
+{
+    endDaemon();
     (void)lab_.invoke("CET", "none"); // what the daemon sent last has arrived then
     std::error_code ignored;
     fs::remove_all(lab_.folder() + "/tmp/.uci", ignored);
@@ -315,6 +323,14 @@ void Player::awaitSave()
     require(waitUntil(saved, patience), "the position is not saved");
     require(waitUntil([this] { return threads() <= resident_; }, patience), "the save does not end");
     compareFile();
+}
+
+/// For longer than the period of any save nobody may look at the axes.
+void Player::watchIdle()
+{
+    const int64_t end = lab_.labTimeNs() + SAVE_PERIOD_NS * 11 / 10;
+    require(waitUntil([&] { return lab_.labTimeNs() >= end; }, patience), "the lab's clock does not run");
+    settle();
 }
 
 void Player::compareFile()

@@ -35,12 +35,14 @@ private:
     void change(const Step& step);
     void run(const Step& step);
     void callMethod(const Step& step);
+    void endDaemon();
     void restart(bool powerLoss);
     void takeAxes();
     void writeSettings();
     void settle();
     bool settled();
     void awaitSave();
+    void watchIdle();
     void compareFile();
     int threads() const;
     void learnThreads();

@@ -68,8 +68,11 @@ std::string valueOf(Dice& dice, const std::string& name)
     return dice.oneIn(12) ? dice.of(ODD) : dice.of(SPEEDS);
 }
 
+enum class Kind { OTHER, MOTION, STOP };
+
 struct Method {
     const char* name;
+    Kind kind;
     int weight;
     bool isOptional; // each argument may be left out
     std::vector<const char*> arguments;
@@ -78,25 +81,25 @@ struct Method {
 const std::vector<Method>& methods()
 {
     static const std::vector<Method> all = {
-        {"move", 9, false, {"x_coord", "y_coord"}},
-        {"moveTo", 9, false, {"x_coord", "y_coord"}},
-        {"stop", 5, false, {}},
-        {"getStatus", 3, false, {}},
-        {"getCapa", 1, false, {}},
-        {"checkMotorStatus", 1, false, {}},
-        {"setPowerOffRecover", 3, false, {"recover"}},
-        {"manualCalibrate", 2, false, {}},
-        {"test", 1, false, {"times"}},
-        {"moveStep", 10, false, {"direction"}},
-        {"setConfig", 4, true, {"x_speed", "y_speed", "sustain"}},
-        {"startPanorama", 3, false, {}},
-        {"movePanorama", 5, false, {"x_coord", "y_coord"}},
-        {"stopPanorama", 4, false, {}},
-        {"targetTrack", 7, false, {"x_coord", "y_coord", "x_speed", "y_speed"}},
-        {"targetTrackBack", 4, false, {}},
-        {"reloadTargetTrackConfig", 2, false, {}},
-        {"lensMask", 2, false, {}},
-        {"updateImageConfig", 2, false, {}},
+        {"move", Kind::MOTION, 9, false, {"x_coord", "y_coord"}},
+        {"moveTo", Kind::MOTION, 9, false, {"x_coord", "y_coord"}},
+        {"stop", Kind::STOP, 5, false, {}},
+        {"getStatus", Kind::OTHER, 3, false, {}},
+        {"getCapa", Kind::OTHER, 1, false, {}},
+        {"checkMotorStatus", Kind::OTHER, 1, false, {}},
+        {"setPowerOffRecover", Kind::OTHER, 3, false, {"recover"}},
+        {"manualCalibrate", Kind::OTHER, 2, false, {}},
+        {"test", Kind::OTHER, 1, false, {"times"}},
+        {"moveStep", Kind::MOTION, 10, false, {"direction"}},
+        {"setConfig", Kind::OTHER, 4, true, {"x_speed", "y_speed", "sustain"}},
+        {"startPanorama", Kind::MOTION, 3, false, {}},
+        {"movePanorama", Kind::MOTION, 5, false, {"x_coord", "y_coord"}},
+        {"stopPanorama", Kind::MOTION, 4, false, {}},
+        {"targetTrack", Kind::MOTION, 7, false, {"x_coord", "y_coord", "x_speed", "y_speed"}},
+        {"targetTrackBack", Kind::MOTION, 4, false, {}},
+        {"reloadTargetTrackConfig", Kind::OTHER, 2, false, {}},
+        {"lensMask", Kind::OTHER, 2, false, {}},
+        {"updateImageConfig", Kind::OTHER, 2, false, {}},
     };
     return all;
 }
@@ -134,7 +137,30 @@ void addPause(Dice& dice, std::vector<Step>& steps)
     else if (kind < 74)
         steps.push_back({"@nap", {}, std::to_string(dice.below(12000))});
     else if (kind < 78)
-        steps.push_back({"@saved", {}, ""});
+        steps.push_back({kind < 76 ? "@saved" : "@idle", {}, ""});
+}
+
+/// One of the methods that are offered and wanted, by their weights.
+void addMethod(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered,
+               bool (*wanted)(const Method&))
+{
+    std::vector<const Method*> choices;
+    for (const Method& method : methods())
+        if (offered.contains(method.name) && wanted(method))
+            choices.insert(choices.end(), static_cast<size_t>(method.weight), &method);
+    if (!choices.empty())
+        steps.push_back(methodStep(dice, *choices[static_cast<size_t>(dice.below(static_cast<int>(choices.size())))]));
+}
+
+/// A motion that another command finds under way, likely.
+void addInterruption(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered)
+{
+    addMethod(dice, steps, offered, [](const Method& method) { return method.kind == Kind::MOTION; });
+    steps.push_back({"@nap", {}, std::to_string(dice.below(2500))});
+    if (dice.oneIn(3))
+        addMethod(dice, steps, offered, [](const Method& method) { return method.kind == Kind::STOP; });
+    else
+        addMethod(dice, steps, offered, [](const Method& method) { return method.kind != Kind::OTHER; });
 }
 
 void addCommand(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered)
@@ -146,19 +172,10 @@ void addCommand(Dice& dice, std::vector<Step>& steps, const std::set<std::string
         steps.push_back({dice.oneIn(2) ? "@crash" : "@power", {}, ""});
     else if (kind < 5)
         addSetting(dice, steps, offered);
-    else {
-        int total = 0;
-        for (const Method& method : methods())
-            total += offered.contains(method.name) ? method.weight : 0;
-        int at = total > 0 ? dice.below(total) : 0;
-        for (const Method& method : methods()) {
-            at -= offered.contains(method.name) ? method.weight : 0;
-            if (at >= 0)
-                continue;
-            steps.push_back(methodStep(dice, method));
-            break;
-        }
-    }
+    else if (kind < 11)
+        addInterruption(dice, steps, offered);
+    else
+        addMethod(dice, steps, offered, [](const Method&) { return true; });
     addPause(dice, steps);
 }
 
