@@ -201,11 +201,12 @@ bool motionBeginStep(uint32_t generation)
         LockGuard hold(gContext.motion.MotionStateLock);
         if (gContext.motion.stepMoveGeneration.load() != generation)
             return false;
-        startOpened();
+        // Nothing is pending once the lock is free: the step's requests went out before, and a `stop` that cancels it
+        // from now on settles it.
+        gContext.motion.startsSeen.fetch_add(START_EVENT);
         beginUser();
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
-    startClosed();
     return true;
 }
 

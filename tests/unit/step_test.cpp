@@ -197,6 +197,20 @@ TEST_F(Step, IsAnnouncedAgainWhenItTurnsAwayFromTheLimitItRestedAt)
     EXPECT_EQ(fakes.notifications.size(), 4u);
 }
 
+TEST_F(Step, IsEndedByAStopThatComesRightAfterItsBeginStep)
+{
+    EXPECT_EQ(stepHead(0), RESULT_OK);
+    fakes.duringTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
+        fakes.duringTimerStart = nullptr;
+        EXPECT_EQ(stopHead(), RESULT_OK);
+        EXPECT_EQ(fakes.notifications.size(), 2u) << "the stop announces the end itself";
+    };
+    fakes.runWorker();
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications.size(), 2u);
+    EXPECT_EQ(gContext.motion.motion_active.load(), 0);
+}
+
 TEST_F(Step, HaltsAnotherMotionFirst)
 {
     fakeMotor.status[TILT].running = 1;

@@ -55,6 +55,8 @@ void resetDaemon()
 
 int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 {
+    if (fakes.duringTimerStart)
+        fakes.duringTimerStart();
     fakes.timers[timer] = {firstNs, intervalNs};
     return 0;
 }
