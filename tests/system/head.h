@@ -60,13 +60,24 @@ protected:
         }
         EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
         if (HasFailure())
-            std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
+            printWhatHappened();
     }
 
     void up(const LabOptions& options = fastHead())
     {
         ASSERT_TRUE(lab.up(options)) << lab.error();
         lab.forget(); // the calibration announces itself too
+    }
+    void printWhatHappened()
+    {
+        std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
+        for (const LabCetEntry& entry : lab.cetLog())
+            std::fprintf(stderr, "%8.3f s  %s %s\n", static_cast<double>(entry.realNs) / 1e9, entry.name.c_str(),
+                         entry.text.c_str());
+        for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+            for (const LabJournalEntry& entry : driving(axis))
+                std::fprintf(stderr, "%8.3f s  %c %s %d\n", static_cast<double>(entry.realNs) / 1e9,
+                             axis == LAB_PAN ? 'x' : 'y', entry.request.c_str(), entry.stepsWord());
     }
     bool rests()
     {

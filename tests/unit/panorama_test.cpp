@@ -109,6 +109,8 @@ TEST_F(Panorama, RefusesASweepInOrder)
     fakeMotor.failing.clear();
     EXPECT_EQ(panoramaMove(1, 0), ERR_NO_TRAVEL);
     EXPECT_EQ(panoramaMove(1, 5), ERR_NO_TRAVEL);
+    standAt(1500, 220); // tilt's lower limit, -39
+    EXPECT_EQ(panoramaMove(1, -1), ERR_NO_TRAVEL);
     expectUntouched();
     EXPECT_EQ(fakes.reports.size(), 1u);
 }

@@ -137,8 +137,10 @@ TEST_F(Track, TheSwitchInterruptsATrackingMotionAndNotAReturn)
     gContext.track.targetTrackEnabled.store(1);
     fakeMotor.status[PAN].running = 1;
     gContext.motion.motion_origin.store(ORIGIN_RETURN);
+    gContext.motion.track_back_done.store(0);
     EXPECT_EQ(fakes.call(ubusReloadTargetTrackConfig), RESULT_OK);
     EXPECT_TRUE(driven().empty());
+    EXPECT_EQ(gContext.motion.track_back_done.load(), 0) << "nothing is done at all";
 
     gContext.track.targetTrackEnabled.store(1);
     gContext.motion.motion_origin.store(ORIGIN_TRACK);
