@@ -255,6 +255,8 @@ void HeadModel::judgeThread(const LabJournalEntry& entry)
 /// At rest nobody but a save that is due reads the axes.
 void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
 {
+    if (!save && saveCommitsFromNs_ && entry.labNs >= *saveCommitsFromNs_ + SAVE_PERIOD_NS)
+        return;
     require(save.has_value(), "a thread reads the axes at rest although no save is due");
     require(entry.labNs >= save->earliestNs + SAVE_PERIOD_NS, "a save comes too early");
     require(entry.axis == (saveReadPan_ ? LAB_TILT : LAB_PAN), "a save reads the axes in disorder");
@@ -268,6 +270,7 @@ void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
         return;
     for (ModelAxis& axis : axes)
         axis.stored = axis.count;
+    saveCommitsFromNs_ = save->earliestNs + SAVE_PERIOD_NS;
     save.reset();
     commit();
 }
@@ -301,6 +304,7 @@ void HeadModel::settle()
     calibrating = false;
     stepMove_ = StepMove::NONE;
     atRest = true;
+    saveCommitsFromNs_.reset();
     for (ModelAxis& axis : axes)
         axis.moving = false;
 }

@@ -171,5 +171,7 @@ private:
     int32_t stepDirection_ = 0;
     bool stepStopsTilt_ = false; // the closing stop of pan was seen
     bool saveReadPan_ = false;
+    /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
+    std::optional<int64_t> saveCommitsFromNs_{};
     std::deque<WorkerRequest> worker_; // what is left of a calibration or a test
 };

@@ -321,8 +321,7 @@ void Player::awaitSave()
         return !model_.save;
     };
     require(waitUntil(saved, patience), "the position is not saved");
-    require(waitUntil([this] { return threads() <= resident_; }, patience), "the save does not end");
-    compareFile();
+    settle(); // once the save's thread has ended
 }
 
 /// For longer than the period of any save nobody may look at the axes.
