@@ -95,7 +95,8 @@ TEST(Model, AgreesWithTheDaemonOnRandomSequences)
     }
     const int ordinary = getenv("PTZD_LONG_TESTS") ? THOROUGH : ORDINARY;
     const auto wanted = environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(ordinary));
-    const uint32_t base = std::random_device{}() / 2 / HEADS * HEADS;
+    // The ordinary run plays the same sequences every time: what it finds then comes from the change under test.
+    const uint32_t base = getenv("PTZD_LONG_TESTS") ? std::random_device{}() / 2 / HEADS * HEADS : 7000 * HEADS;
     for (int head = 0; head < HEADS; ++head)
         if (!playAll(head, base + static_cast<uint32_t>(head), static_cast<int>((wanted + HEADS - 1) / HEADS), tally))
             break;
