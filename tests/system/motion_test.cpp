@@ -12,26 +12,27 @@ TEST_F(HeadInTheLab, OffersItsMethodsInOrder)
     up();
     std::string text;
     ASSERT_EQ(lab.run({"ubus", "-v", "list", "ptzd"}, text), 0);
-    const std::string expected = "\t\"getCapa\":{}\n"
-                                 "\t\"getStatus\":{}\n"
-                                 "\t\"updateImageConfig\":{}\n"
-                                 "\t\"setConfig\":{\"x_speed\":\"String\",\"y_speed\":\"String\",\"sustain\":\"String\"}\n"
-                                 "\t\"move\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
-                                 "\t\"moveTo\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
-                                 "\t\"moveStep\":{\"direction\":\"String\"}\n"
-                                 "\t\"setPowerOffRecover\":{\"recover\":\"String\"}\n"
-                                 "\t\"stop\":{}\n"
-                                 "\t\"test\":{}\n"
-                                 "\t\"manualCalibrate\":{}\n"
-                                 "\t\"checkMotorStatus\":{}\n"
-                                 "\t\"lensMask\":{}\n"
-                                 "\t\"targetTrack\":{\"x_coord\":\"String\",\"y_coord\":\"String\","
-                                 "\"x_speed\":\"String\",\"y_speed\":\"String\"}\n"
-                                 "\t\"targetTrackBack\":{}\n"
-                                 "\t\"reloadTargetTrackConfig\":{}\n"
-                                 "\t\"startPanorama\":{}\n"
-                                 "\t\"movePanorama\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
-                                 "\t\"stopPanorama\":{}\n";
+    const std::string expected =
+        "\t\"getCapa\":{}\n"
+        "\t\"getStatus\":{}\n"
+        "\t\"updateImageConfig\":{}\n"
+        "\t\"setConfig\":{\"x_speed\":\"String\",\"y_speed\":\"String\",\"sustain\":\"String\"}\n"
+        "\t\"move\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
+        "\t\"moveTo\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
+        "\t\"moveStep\":{\"direction\":\"String\"}\n"
+        "\t\"setPowerOffRecover\":{\"recover\":\"String\"}\n"
+        "\t\"stop\":{}\n"
+        "\t\"test\":{}\n"
+        "\t\"manualCalibrate\":{}\n"
+        "\t\"checkMotorStatus\":{}\n"
+        "\t\"lensMask\":{}\n"
+        "\t\"targetTrack\":{\"x_coord\":\"String\",\"y_coord\":\"String\","
+        "\"x_speed\":\"String\",\"y_speed\":\"String\"}\n"
+        "\t\"targetTrackBack\":{}\n"
+        "\t\"reloadTargetTrackConfig\":{}\n"
+        "\t\"startPanorama\":{}\n"
+        "\t\"movePanorama\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
+        "\t\"stopPanorama\":{}\n";
     EXPECT_EQ(text.substr(text.find('\n') + 1), expected);
 }
 
