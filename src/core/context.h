@@ -146,7 +146,7 @@ struct DaemonContext {
     ConfigState config;
 };
 
-extern DaemonContext gContext;
+extern DaemonContext gContext; // NOLINT(bugprone-dynamic-static-initializers): constinit in context.cpp
 
 /// The lens-mask library's switch, a plain integer there: 1 while the mask is on. Any thread; no lock.
 [[nodiscard]] int32_t lensMaskEnabled();
