@@ -7,6 +7,7 @@
 //   MotionLock          the step-move state
 //   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never with MotionLock
 //   ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
+//   PresetLock          the preset table; nothing is waited for while it is held
 //   BusLock             every call into the bus library; nothing is waited for while it is held
 #pragma once
 
@@ -92,6 +93,36 @@ struct TrackState {
     std::atomic<int32_t> targetTrackEnabled{0};
 };
 
+inline constexpr int PRESET_COUNT = 8;
+inline constexpr int PRESET_NAME_SIZE = 33; // 32 bytes and the NUL
+
+/// One stored preset. Positions run from -1.0, step 0, to 1.0, the far end of the travel.
+struct PresetEntry {
+    int32_t id; // 1..8
+    float position_pan;
+    float position_tilt;
+    float position_zoom; // the head has no zoom: 0
+    int32_t read_only;
+    int32_t enabled; // 0: the slot is free
+    char name[PRESET_NAME_SIZE];
+};
+
+/// Slot n, 1..8, is element n - 1. A preset's slot and its id differ.
+struct PresetTable {
+    PresetEntry presetTable[PRESET_COUNT];
+    int32_t presetSlotOfId[PRESET_COUNT]; // element i: the slot of the enabled preset with id i + 1, or 0
+};
+
+/// Owner: preset/. The table is written on the event loop's thread alone.
+struct PresetState {
+    Mutex PresetLock;
+    PresetTable presets GUARDED_BY(PresetLock) = {};
+    float presetSpeed = 0; // these two: event loop only
+    int32_t presetImageFreezeEnabled = 0;
+    std::atomic<float> panSpeedFactor{1.0F}; // fraction of max_speed, above 0 and at most 1
+    std::atomic<float> tiltSpeedFactor{1.0F};
+};
+
 struct TourState {
     std::atomic<int32_t> tourCurrentPresetId{0}; // 0 makes a preset tour send the head again
     std::atomic<int32_t> scanStepDone{1};
@@ -140,6 +171,7 @@ struct DaemonContext {
     PositionState position;
     PanoramaState panorama;
     TrackState track;
+    PresetState preset;
     TourState tour;
     ImageState image;
     UbusState ubus;

@@ -12,6 +12,7 @@
 #include "motor/motor_device.h"
 #include "motor/motor_report.h"
 #include "motor/position_store.h"
+#include "preset/preset_store.h"
 #include "ubus/ubus_service.h"
 
 #include <stdlib.h>
@@ -77,6 +78,8 @@ int32_t PtzdInit()
         return -1;
     }
     loadSwitches();
+    (void)reloadPresetConfig(); // reported there, both: the daemon does without
+    (void)reloadPresetList();
     (void)loadImageFlipConfig(); // an unknown type leaves the image as it is
     gContext.calibrationArg = static_cast<CalibrationTarget*>(calloc(AXIS_COUNT, sizeof(CalibrationTarget)));
     if (!gContext.calibrationArg) {

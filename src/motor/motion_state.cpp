@@ -69,6 +69,17 @@ void beginReturn() REQUIRES(gContext.motion.MotionStateLock)
     motorNotifyState(NOTIFY_MOVING, ORIGIN_RETURN);
 }
 
+void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    gContext.motion.user_moved_recently.store(1);
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
+    gContext.motion.motion_active.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
+}
+
 void settleActive() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.motion_active.store(0);
@@ -180,6 +191,9 @@ void motionBegin(MotionBegin variant)
             break;
         case MotionBegin::Return:
             beginReturn();
+            break;
+        case MotionBegin::Preset:
+            beginPreset();
             break;
         case MotionBegin::Calibration:
             beginCalibration();

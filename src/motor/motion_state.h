@@ -20,6 +20,7 @@ enum class MotionBegin {
     LensMask,
     Track,
     Return,
+    Preset, // a user's; always counts as one, also when it takes over another's motion
     Calibration,
 };
 

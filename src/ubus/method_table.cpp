@@ -11,6 +11,8 @@
 #include "motor/position_store.h"
 #include "motor/rotation_test.h"
 #include "motor/speed_config.h"
+#include "preset/goto_preset.h"
+#include "preset/preset_methods.h"
 #include "ubus/bus_door.h"
 
 #include <span>
@@ -46,6 +48,14 @@ const ubus_method ptzdMethods[] = {
     method("targetTrack", served<ubusTargetTrack>, trackPolicy),
     method("targetTrackBack", served<ubusTargetTrackBack>),
     method("reloadTargetTrackConfig", served<ubusReloadTargetTrackConfig>),
+    method("getPresetPage", served<ubusGetPresetPage>, presetPagePolicy),
+    method("setPreset", served<ubusSetPreset>, setPresetPolicy),
+    method("delPreset", served<ubusDeletePreset>, deletePresetPolicy),
+    method("gotoPreset", served<ubusGotoPreset>, gotoPresetPolicy),
+    method("setPresetConfig", served<ubusSetPresetConfig>, presetConfigPolicy),
+    method("getPresetAll", served<ubusGetPresetAll>),
+    method("clearPreset", served<ubusClearPreset>),
+    method("reloadPresetConfig", served<ubusReloadPresetConfig>),
     method("startPanorama", served<ubusStartPanorama>),
     method("movePanorama", served<ubusMovePanorama>, coordPolicy),
     method("stopPanorama", served<ubusStopPanorama>),
