@@ -123,7 +123,39 @@ struct PresetState {
     std::atomic<float> tiltSpeedFactor{1.0F};
 };
 
+enum PlanAction : int32_t {
+    PLAN_ACTION_UNKNOWN = -1,
+    PLAN_ACTION_DISABLE = 0,
+    PLAN_ACTION_PRESET = 1,
+};
+
+inline constexpr int WEEK_DAYS = 7; // from Sunday, 0
+inline constexpr int PLAN_DAY_ENTRIES = 10;
+
+/// One range of one weekday, in minutes after midnight.
+struct PlanEntry {
+    int32_t action_type; // PlanAction
+    int32_t weekday;
+    int32_t start_time;
+    int32_t end_time;   // at most 1440
+    char action_id[64]; // a preset's id as text; 64 bytes of text have no NUL
+    int32_t valid;
+};
+static_assert(sizeof(PlanEntry) * PLAN_DAY_ENTRIES == 840);
+
+/// A week; a table holds PLAN_DAY_ENTRIES.
+struct DayPlanSet {
+    PlanEntry* tables[WEEK_DAYS];
+    int32_t counts[WEEK_DAYS];
+    int32_t dayMask; // bit d: weekday d belongs to the plan
+};
+
+/// Owner: tour/. The tables are allocated by TourInit and freed by TourDeinit.
 struct TourState {
+    DayPlanSet activePlan{};  // main thread until the touring thread starts, then that one's alone
+    DayPlanSet pendingPlan{}; // this and the scratch tables: event loop only
+    PlanEntry* planScratchTables[WEEK_DAYS] = {};
+    std::atomic<int32_t> planChanged{0};         // stored and not loaded yet
     std::atomic<int32_t> tourCurrentPresetId{0}; // 0 makes a preset tour send the head again
     std::atomic<int32_t> scanStepDone{1};
 };

@@ -5,6 +5,7 @@
 #include "core/log.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
+#include "tour/plan.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
@@ -264,7 +265,7 @@ int ubusDeletePreset(ubus_context* connection, ubus_object*, ubus_request_data* 
     }
     pack(table);
     (void)keep(table); // not reported
-    return replyCode(connection, request, RESULT_OK);
+    return replyCode(connection, request, plan_drop_presets({ids, static_cast<size_t>(count)}));
 }
 
 int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
@@ -278,7 +279,7 @@ int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* r
         clearPosition(entry);
     }
     (void)keep(table); // not reported
-    return replyCode(connection, request, RESULT_OK);
+    return replyCode(connection, request, plan_drop_all());
 }
 
 int ubusGetPresetAll(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)

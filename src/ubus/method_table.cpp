@@ -13,6 +13,7 @@
 #include "motor/speed_config.h"
 #include "preset/goto_preset.h"
 #include "preset/preset_methods.h"
+#include "tour/plan.h"
 #include "ubus/bus_door.h"
 
 #include <span>
@@ -56,6 +57,7 @@ const ubus_method ptzdMethods[] = {
     method("getPresetAll", served<ubusGetPresetAll>),
     method("clearPreset", served<ubusClearPreset>),
     method("reloadPresetConfig", served<ubusReloadPresetConfig>),
+    method("set_plan_config", served<plan_modify_plan>, planPolicy),
     method("startPanorama", served<ubusStartPanorama>),
     method("movePanorama", served<ubusMovePanorama>, coordPolicy),
     method("stopPanorama", served<ubusStopPanorama>),
