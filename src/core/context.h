@@ -64,8 +64,10 @@ struct MotionState {
     int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;    // 1 while a step move and its thread are under way
     int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0; // degrees
     int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0; // ticks until its thread stops the head
-    std::atomic<uint32_t> stepMoveGeneration{0}; // changes, under MotionLock, with each start and end of a step
-    std::atomic<int32_t> stepSustainTicks{1000}; // length of a step; owner: motor/speed_config
+    // Changes, under MotionLock, with each start and end of a step and with each command that takes the head over.
+    std::atomic<uint32_t> stepMoveGeneration{0};
+    uint32_t tourTicket GUARDED_BY(MotionStateLock) = 0; // of the tour step that began last
+    std::atomic<int32_t> stepSustainTicks{1000};         // length of a step; owner: motor/speed_config
 };
 
 /// Owner: motor/position_store.
@@ -150,12 +152,29 @@ struct DayPlanSet {
     int32_t dayMask; // bit d: weekday d belongs to the plan
 };
 
-/// Owner: tour/. The tables are allocated by TourInit and freed by TourDeinit.
+struct TourInfo {
+    char enabled[4];   // touring is off while this is "off"
+    int32_t tour_type; // TourType
+};
+
+/// Pan coordinates between which a scan goes, and its daily span in minutes after midnight.
+struct ScanTourInfo {
+    int32_t x_coord_start;
+    int32_t x_coord_end;
+    int32_t start_time;
+    int32_t end_time;
+};
+
+/// Owner: tour/. Both records and the tables are allocated by TourInit and freed by TourDeinit.
 struct TourState {
-    DayPlanSet activePlan{};  // main thread until the touring thread starts, then that one's alone
+    TourInfo* tourInfo = nullptr; // these three: main thread until the touring thread starts, then that one's alone
+    ScanTourInfo* scanTourInfo = nullptr;
+    DayPlanSet activePlan{};
     DayPlanSet pendingPlan{}; // this and the scratch tables: event loop only
     PlanEntry* planScratchTables[WEEK_DAYS] = {};
-    std::atomic<int32_t> planChanged{0};         // stored and not loaded yet
+    std::atomic<int32_t> planChanged{0}; // stored and not loaded yet
+    std::atomic<int32_t> tourReloadRequested{0};
+    std::atomic<int32_t> scanTourReloadRequested{0};
     std::atomic<int32_t> tourCurrentPresetId{0}; // 0 makes a preset tour send the head again
     std::atomic<int32_t> scanStepDone{1};
 };

@@ -25,12 +25,11 @@ int32_t integerPart(float value)
 }
 
 /// In single precision, like the stored position.
-MotorCommand presetCommand(AxisIndex axis, float position, float speedFactor, const MotorStatus& status)
+MotorCommand presetCommand(AxisIndex axis, float position, const MotorStatus& status)
 {
     const MotorAxis& motor = gContext.axes[axis];
     const float target = (position + 1.0F) * static_cast<float>(motor.total_steps) * 0.5F;
-    return relativeCommand(integerPart(target - static_cast<float>(status.position)),
-                           integerPart(static_cast<float>(motor.max_speed) * speedFactor));
+    return relativeCommand(integerPart(target - static_cast<float>(status.position)), factoredSpeed(axis));
 }
 
 struct PresetCommands {
@@ -40,8 +39,7 @@ struct PresetCommands {
 
 PresetCommands presetCommands(const PresetEntry& preset, const MotorStatus& pan, const MotorStatus& tilt)
 {
-    return {presetCommand(PAN, preset.position_pan, gContext.preset.panSpeedFactor.load(), pan),
-            presetCommand(TILT, preset.position_tilt, gContext.preset.tiltSpeedFactor.load(), tilt)};
+    return {presetCommand(PAN, preset.position_pan, pan), presetCommand(TILT, preset.position_tilt, tilt)};
 }
 
 /// Takes over an accepted factor; full speed without the argument.
@@ -91,6 +89,25 @@ ResultCode presetMove(int32_t id)
         return result;
     const PresetCommands commands = presetCommands(preset, pan, tilt);
     return beginAndDrive(MotionBegin::Preset, commands.pan, commands.tilt);
+}
+
+TourMove presetTourMove(uint32_t ticket, int32_t id)
+{
+    PresetEntry preset{};
+    if (!presetFind(id, preset))
+        return TourMove::Overtaken; // deleted since the plan was looked at
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const TourMove taken = tourTakeOver(ticket, pan, tilt); taken != TourMove::Started)
+        return taken;
+    const PresetCommands commands = presetCommands(preset, pan, tilt);
+    return tourDrive(ticket, commands.pan, &commands.tilt);
+}
+
+int32_t factoredSpeed(AxisIndex axis)
+{
+    const std::atomic<float>& factor = axis == PAN ? gContext.preset.panSpeedFactor : gContext.preset.tiltSpeedFactor;
+    return integerPart(static_cast<float>(gContext.axes[axis].max_speed) * factor.load());
 }
 
 int ubusGotoPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)

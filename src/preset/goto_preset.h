@@ -3,6 +3,7 @@
 
 #include "core/context.h"
 #include "core/result_code.h"
+#include "motor/tour_motion.h"
 #include "ubus/bus_door.h"
 
 #include <stdint.h>
@@ -23,6 +24,13 @@ static_assert(std::size(gotoPresetPolicy) == GOTO_ARG_COUNT);
 /// Thread: event loop; takes PresetLock, MotionLock and MotionStateLock, one after the other.
 [[nodiscard]] ResultCode presetMove(int32_t id)
     EXCLUDES(gContext.preset.PresetLock, gContext.motion.MotionLock, gContext.motion.MotionStateLock);
+
+/// The same for a tour, which any command may overtake (motor/tour_motion.h). Thread: touring; locks as presetMove.
+[[nodiscard]] TourMove presetTourMove(uint32_t ticket, int32_t id)
+    EXCLUDES(gContext.preset.PresetLock, gContext.motion.MotionLock, gContext.motion.MotionStateLock);
+
+/// The integer part of the axis's largest speed times its factor. Any thread; no lock.
+[[nodiscard]] int32_t factoredSpeed(AxisIndex axis);
 
 /// `gotoPreset`: to preset `id` at fractions of each axis's largest speed; without one, at full speed.
 UbusHandler ubusGotoPreset;

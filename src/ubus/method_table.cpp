@@ -14,6 +14,7 @@
 #include "preset/goto_preset.h"
 #include "preset/preset_methods.h"
 #include "tour/plan.h"
+#include "tour/tour_config.h"
 #include "ubus/bus_door.h"
 
 #include <span>
@@ -58,6 +59,8 @@ const ubus_method ptzdMethods[] = {
     method("clearPreset", served<ubusClearPreset>),
     method("reloadPresetConfig", served<ubusReloadPresetConfig>),
     method("set_plan_config", served<plan_modify_plan>, planPolicy),
+    method("reload_tour_info", served<ubusReloadTourInfo>),
+    method("reload_scan_tour", served<ubusReloadScanTour>),
     method("startPanorama", served<ubusStartPanorama>),
     method("movePanorama", served<ubusMovePanorama>, coordPolicy),
     method("stopPanorama", served<ubusStopPanorama>),

@@ -39,6 +39,11 @@ TEST_F(HeadInTheLab, OffersItsMethodsInOrder)
         "\t\"getPresetAll\":{}\n"
         "\t\"clearPreset\":{}\n"
         "\t\"reloadPresetConfig\":{}\n"
+        "\t\"set_plan_config\":{\"sunday\":\"Array\",\"monday\":\"Array\","
+        "\"tuesday\":\"Array\",\"wednesday\":\"Array\",\"thursday\":\"Array\","
+        "\"friday\":\"Array\",\"saturday\":\"Array\"}\n"
+        "\t\"reload_tour_info\":{}\n"
+        "\t\"reload_scan_tour\":{}\n"
         "\t\"startPanorama\":{}\n"
         "\t\"movePanorama\":{\"x_coord\":\"String\",\"y_coord\":\"String\"}\n"
         "\t\"stopPanorama\":{}\n";

@@ -53,6 +53,8 @@ void resetDaemon()
 int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 {
     fakes.timers[timer] = {firstNs, intervalNs};
+    if (const auto command = fakes.duringTimerStart)
+        command();
     return 0;
 }
 

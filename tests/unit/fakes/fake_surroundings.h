@@ -40,6 +40,7 @@ struct FakeSurroundings {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::vector<FakeNotification> notifications;
     std::function<void()> duringNotification;
+    std::function<void()> duringTimerStart;
     std::vector<FakeReport> reports;            // level 5 only
     std::map<std::string, std::string> options; // "section.option" of package ptzd or others
     bool settingFails = false;
