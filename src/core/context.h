@@ -7,6 +7,7 @@
 //   MotionLock          the step-move state
 //   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never with MotionLock
 //   ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
+//   PresetLock          the preset table; nothing is waited for while it is held
 //   BusLock             every call into the bus library; nothing is waited for while it is held
 #pragma once
 
@@ -63,8 +64,10 @@ struct MotionState {
     int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;    // 1 while a step move and its thread are under way
     int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0; // degrees
     int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0; // ticks until its thread stops the head
-    std::atomic<uint32_t> stepMoveGeneration{0}; // changes, under MotionLock, with each start and end of a step
-    std::atomic<int32_t> stepSustainTicks{1000}; // length of a step; owner: motor/speed_config
+    // Changes, under MotionLock, with each start and end of a step and with each command that takes the head over.
+    std::atomic<uint32_t> stepMoveGeneration{0};
+    uint32_t tourTicket GUARDED_BY(MotionStateLock) = 0; // of the tour step that began last
+    std::atomic<int32_t> stepSustainTicks{1000};         // length of a step; owner: motor/speed_config
 };
 
 /// Owner: motor/position_store.
@@ -92,7 +95,86 @@ struct TrackState {
     std::atomic<int32_t> targetTrackEnabled{0};
 };
 
+inline constexpr int PRESET_COUNT = 8;
+inline constexpr int PRESET_NAME_SIZE = 33; // 32 bytes and the NUL
+
+/// One stored preset. Positions run from -1.0, step 0, to 1.0, the far end of the travel.
+struct PresetEntry {
+    int32_t id; // 1..8
+    float position_pan;
+    float position_tilt;
+    float position_zoom; // the head has no zoom: 0
+    int32_t read_only;
+    int32_t enabled; // 0: the slot is free
+    char name[PRESET_NAME_SIZE];
+};
+
+/// Slot n, 1..8, is element n - 1. A preset's slot and its id differ.
+struct PresetTable {
+    PresetEntry presetTable[PRESET_COUNT];
+    int32_t presetSlotOfId[PRESET_COUNT]; // element i: the slot of the enabled preset with id i + 1, or 0
+};
+
+/// Owner: preset/. The table is written on the event loop's thread alone.
+struct PresetState {
+    Mutex PresetLock;
+    PresetTable presets GUARDED_BY(PresetLock) = {};
+    float presetSpeed = 0; // these two: event loop only
+    int32_t presetImageFreezeEnabled = 0;
+    std::atomic<float> panSpeedFactor{1.0F}; // fraction of max_speed, above 0 and at most 1
+    std::atomic<float> tiltSpeedFactor{1.0F};
+};
+
+enum PlanAction : int32_t {
+    PLAN_ACTION_UNKNOWN = -1,
+    PLAN_ACTION_DISABLE = 0,
+    PLAN_ACTION_PRESET = 1,
+};
+
+inline constexpr int WEEK_DAYS = 7; // from Sunday, 0
+inline constexpr int PLAN_DAY_ENTRIES = 10;
+
+/// One range of one weekday, in minutes after midnight.
+struct PlanEntry {
+    int32_t action_type; // PlanAction
+    int32_t weekday;
+    int32_t start_time;
+    int32_t end_time;   // at most 1440
+    char action_id[64]; // a preset's id as text; 64 bytes of text have no NUL
+    int32_t valid;
+};
+static_assert(sizeof(PlanEntry) * PLAN_DAY_ENTRIES == 840);
+
+/// A week; a table holds PLAN_DAY_ENTRIES.
+struct DayPlanSet {
+    PlanEntry* tables[WEEK_DAYS];
+    int32_t counts[WEEK_DAYS];
+    int32_t dayMask; // bit d: weekday d belongs to the plan
+};
+
+struct TourInfo {
+    char enabled[4];   // touring is off while this is "off"
+    int32_t tour_type; // TourType
+};
+
+/// Pan coordinates between which a scan goes, and its daily span in minutes after midnight.
+struct ScanTourInfo {
+    int32_t x_coord_start;
+    int32_t x_coord_end;
+    int32_t start_time;
+    int32_t end_time;
+};
+
+/// Owner: tour/. Both records and the tables are allocated by TourInit and freed by TourDeinit.
 struct TourState {
+    TourInfo* tourInfo = nullptr; // these three: main thread until the touring thread starts, then that one's alone
+    ScanTourInfo* scanTourInfo = nullptr;
+    DayPlanSet activePlan{};
+    DayPlanSet pendingPlan{}; // this and the scratch tables: event loop only
+    PlanEntry* planScratchTables[WEEK_DAYS] = {};
+    std::atomic<int32_t> planChanged{0}; // stored and not loaded yet
+    std::atomic<int32_t> tourReloadRequested{0};
+    std::atomic<int32_t> scanTourReloadRequested{0};
     std::atomic<int32_t> tourCurrentPresetId{0}; // 0 makes a preset tour send the head again
     std::atomic<int32_t> scanStepDone{1};
 };
@@ -140,6 +222,7 @@ struct DaemonContext {
     PositionState position;
     PanoramaState panorama;
     TrackState track;
+    PresetState preset;
     TourState tour;
     ImageState image;
     UbusState ubus;

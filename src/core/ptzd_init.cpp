@@ -12,6 +12,8 @@
 #include "motor/motor_device.h"
 #include "motor/motor_report.h"
 #include "motor/position_store.h"
+#include "preset/preset_store.h"
+#include "tour/touring.h"
 #include "ubus/ubus_service.h"
 
 #include <stdlib.h>
@@ -44,6 +46,7 @@ public:
             return; // a thread inside a driver keeps what it uses until the process ends
         if (gContext.position.savePending.load())
             saveCurSteps(nullptr);
+        TourDeinit();
         gContext.motion.MotionLock.destroy();
         free(gContext.calibrationArg);
         gContext.calibrationArg = nullptr;
@@ -77,6 +80,11 @@ int32_t PtzdInit()
         return -1;
     }
     loadSwitches();
+    (void)reloadPresetConfig(); // reported there, both: the daemon does without
+    (void)reloadPresetList();
+    gContext.motion.calibrating.store(1); // no tour moves a head that has not been calibrated yet
+    if (TourInit() != 0)
+        LOG_ERROR("init tour failed.\n");
     (void)loadImageFlipConfig(); // an unknown type leaves the image as it is
     gContext.calibrationArg = static_cast<CalibrationTarget*>(calloc(AXIS_COUNT, sizeof(CalibrationTarget)));
     if (!gContext.calibrationArg) {

@@ -156,7 +156,7 @@ ResultCode stepHead(int32_t direction)
     const ResultCode result = startOrContinueStep(direction, panCommand, tiltCommand, turned);
     motionStarted();
     if (turned) {
-        motionBegin(MotionBegin::User);
+        motionBegin(MotionBegin::Step);
         motionStarted();
     }
     if (result == RESULT_OK)

@@ -12,6 +12,7 @@ namespace {
 constexpr uint32_t START_PENDING = 1;
 constexpr uint32_t START_EVENT = 0x100;
 constexpr uint32_t START_PENDING_MASK = 0xFF;
+constexpr uint32_t TOUR_PENDING = 0x80; // the tour's own, of which there is one at most
 
 void startOpened()
 {
@@ -26,6 +27,16 @@ void startClosed()
 bool startPending(uint32_t seen)
 {
     return (seen & START_PENDING_MASK) != 0;
+}
+
+/// Whether a motion of another thread than the event loop's is about to start, or has just been started by a tour: one
+/// that no halt has taken over.
+bool othersMotion() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if ((gContext.motion.startsSeen.load() & START_PENDING_MASK & ~TOUR_PENDING) != 0)
+        return true;
+    return gContext.motion.motion_active.load() == 1 && gContext.motion.motion_origin.load() == ORIGIN_TOUR &&
+           gContext.motion.tourTicket == tourTicketNow();
 }
 
 void beginUser() REQUIRES(gContext.motion.MotionStateLock)
@@ -68,6 +79,17 @@ void beginReturn() REQUIRES(gContext.motion.MotionStateLock)
     gContext.motion.motion_active.store(1);
     gContext.motion.motion_origin.store(ORIGIN_RETURN);
     motorNotifyState(NOTIFY_MOVING, ORIGIN_RETURN);
+}
+
+void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.motion_origin.store(ORIGIN_USER);
+    gContext.motion.user_moved_recently.store(1);
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
+    gContext.motion.motion_active.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
 }
 
 void settleActive() REQUIRES(gContext.motion.MotionStateLock)
@@ -133,6 +155,8 @@ void stepMoveCancel()
     LockGuard hold(gContext.motion.MotionLock);
     if (gContext.motion.stepMoveActive == 1)
         stepMoveClear();
+    else
+        gContext.motion.stepMoveGeneration.fetch_add(1); // a tour's step that is about to drive learns it from this
 }
 
 void stepMoveClear()
@@ -173,6 +197,7 @@ void motionBegin(MotionBegin variant)
         startOpened();
         switch (variant) {
         case MotionBegin::User:
+        case MotionBegin::Step:
             beginUser();
             break;
         case MotionBegin::LensMask:
@@ -184,11 +209,16 @@ void motionBegin(MotionBegin variant)
         case MotionBegin::Return:
             beginReturn();
             break;
+        case MotionBegin::Preset:
+            beginPreset();
+            break;
         case MotionBegin::Calibration:
             beginCalibration();
             break;
         }
     }
+    if (variant != MotionBegin::Step)
+        stepMoveCancel(); // again: a tour's step may have begun since the halt
     // Armed with the lock released: the poll takes it, and a notification can keep it for seconds.
     if (variant != MotionBegin::Calibration)
         timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
@@ -213,6 +243,44 @@ bool motionBeginStep(uint32_t generation)
 void motionStarting()
 {
     startOpened();
+}
+
+uint32_t tourTicketNow()
+{
+    return gContext.motion.stepMoveGeneration.load();
+}
+
+bool tourMayDrive(uint32_t ticket)
+{
+    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket && motionBusy() == RESULT_OK;
+}
+
+bool motionBeginTour(uint32_t ticket)
+{
+    {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (tourTicketNow() != ticket || gContext.motion.motion_active.load() != 0 ||
+            gContext.motion.user_moved_recently.load() != 0 || gContext.motion.track_back_done.load() == 0 ||
+            motionBusy() != RESULT_OK)
+            return false;
+        gContext.motion.startsSeen.fetch_add(START_EVENT + TOUR_PENDING);
+        gContext.motion.tourTicket = ticket;
+        gContext.motion.motion_origin.store(ORIGIN_TOUR);
+        motorNotifyState(NOTIFY_MOVING, ORIGIN_TOUR);
+        gContext.motion.motion_active.store(1);
+    }
+    timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
+    return true;
+}
+
+void motionTourStarted(bool overtaken)
+{
+    if (overtaken) {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (gContext.motion.motion_active.load() != 0)
+            gContext.motion.user_moved_recently.store(1); // else `stop` has settled the motion as a user's
+    }
+    gContext.motion.startsSeen.fetch_add(START_EVENT - TOUR_PENDING);
 }
 
 void motionStarted()
@@ -247,8 +315,8 @@ void motionSettle(MotionSettle variant)
     LockGuard hold(gContext.motion.MotionStateLock);
     switch (variant) {
     case MotionSettle::Stop:
-        if (startPending(gContext.motion.startsSeen.load()))
-            break; // another thread's motion is about to start: the poll stays, and settles that one
+        if (othersMotion())
+            break; // the poll stays, and settles that one
         timerStop(&gContext.timers.statusPollTimer);
         if (gContext.motion.motion_active.load() == 1)
             settleByUser();

@@ -17,9 +17,11 @@ inline constexpr int64_t SCAN_MOVE_STOP_NS = 15 * NS_PER_SECOND;
 
 enum class MotionBegin {
     User,
+    Step, // a user's, of a step move that is under way
     LensMask,
     Track,
     Return,
+    Preset, // a user's; always counts as one, also when it takes over another's motion
     Calibration,
 };
 
@@ -47,8 +49,8 @@ enum class MotionSettle {
 [[nodiscard]] ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
     EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
-/// Cancels a step move: once this returns, its thread sends nothing any more. Every command that is about to drive the
-/// head does so, most of them in a halt. Any thread; takes MotionLock.
+/// Cancels a step move and a tour's step: once this returns, their threads send nothing any more. Every command that is
+/// about to drive the head does so, in its halt and in its begin step. Any thread; takes MotionLock.
 void stepMoveCancel() EXCLUDES(gContext.motion.MotionLock);
 
 /// Ends a step move, whoever ends it.
@@ -69,6 +71,23 @@ void motionBegin(MotionBegin variant) EXCLUDES(gContext.motion.MotionStateLock);
 /// motion's end. A begin step includes it. Any thread; no lock.
 void motionStarting();
 
+/// What a tour step shows when it is about to do something to the head; to be taken before the step looks at anything
+/// else. It is worth nothing any more once a command has taken the head over. Any thread; no lock.
+[[nodiscard]] uint32_t tourTicketNow();
+
+/// Whether a tour step may send a request to the axes: only while the lock is held, which every command takes before it
+/// sends its own.
+[[nodiscard]] bool tourMayDrive(uint32_t ticket) REQUIRES(gContext.motion.MotionLock);
+
+/// The moving transition of a tour step, to be followed by motionTourStarted.
+/// @return false, with nothing begun, when the ticket is worth nothing or the head is not the tour's to move.
+/// Thread: touring; takes MotionStateLock and, under it, BusLock.
+[[nodiscard]] bool motionBeginTour(uint32_t ticket) EXCLUDES(gContext.motion.MotionStateLock);
+
+/// Says that a tour step's move requests have been sent, or never will be because a command has overtaken it: the
+/// motion that was announced is then that command's, and a user's. Thread: touring; takes MotionStateLock.
+void motionTourStarted(bool overtaken) EXCLUDES(gContext.motion.MotionStateLock);
+
 /// Says that the move requests of a begin step, or after motionStarting, have been sent. Any thread; no lock.
 void motionStarted();
 
@@ -80,8 +99,8 @@ void motionStarted();
     EXCLUDES(gContext.motion.MotionStateLock);
 
 /// The idle transition of `stop`, which ends the status poll too, and of a calibration; the status poll has its own.
-/// `stop` leaves both alone while another thread's motion is about to start. Any thread; takes MotionStateLock and,
-/// under it, BusLock.
+/// `stop`, which has halted the head, leaves both alone when another thread's motion has begun since. Any thread; takes
+/// MotionStateLock and, under it, BusLock.
 void motionSettle(MotionSettle variant) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// Arms usrMoveStopTimer, and scanMoveStopTimer while a scan step has not rested.

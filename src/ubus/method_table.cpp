@@ -11,6 +11,10 @@
 #include "motor/position_store.h"
 #include "motor/rotation_test.h"
 #include "motor/speed_config.h"
+#include "preset/goto_preset.h"
+#include "preset/preset_methods.h"
+#include "tour/plan.h"
+#include "tour/tour_config.h"
 #include "ubus/bus_door.h"
 
 #include <span>
@@ -46,6 +50,17 @@ const ubus_method ptzdMethods[] = {
     method("targetTrack", served<ubusTargetTrack>, trackPolicy),
     method("targetTrackBack", served<ubusTargetTrackBack>),
     method("reloadTargetTrackConfig", served<ubusReloadTargetTrackConfig>),
+    method("getPresetPage", served<ubusGetPresetPage>, presetPagePolicy),
+    method("setPreset", served<ubusSetPreset>, setPresetPolicy),
+    method("delPreset", served<ubusDeletePreset>, deletePresetPolicy),
+    method("gotoPreset", served<ubusGotoPreset>, gotoPresetPolicy),
+    method("setPresetConfig", served<ubusSetPresetConfig>, presetConfigPolicy),
+    method("getPresetAll", served<ubusGetPresetAll>),
+    method("clearPreset", served<ubusClearPreset>),
+    method("reloadPresetConfig", served<ubusReloadPresetConfig>),
+    method("set_plan_config", served<plan_modify_plan>, planPolicy),
+    method("reload_tour_info", served<ubusReloadTourInfo>),
+    method("reload_scan_tour", served<ubusReloadScanTour>),
     method("startPanorama", served<ubusStartPanorama>),
     method("movePanorama", served<ubusMovePanorama>, coordPolicy),
     method("stopPanorama", served<ubusStopPanorama>),

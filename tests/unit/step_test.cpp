@@ -186,7 +186,7 @@ TEST_F(Step, IsNotTakenForEndedBetweenTheStopsAndTheMovesOfATurn)
 TEST_F(Step, IsAnnouncedAgainWhenItTurnsAwayFromTheLimitItRestedAt)
 {
     EXPECT_EQ(stepHead(0), RESULT_OK);
-    EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
+    EXPECT_EQ(beginAndDrive(MotionBegin::Step, {}, {}), RESULT_OK);
     fakeMotor.status[PAN].position = 3000; // at the limit long before its ticks are over
     motorStatusPoll(nullptr);
     ASSERT_EQ(fakes.notifications.size(), 2u);
@@ -200,8 +200,8 @@ TEST_F(Step, IsAnnouncedAgainWhenItTurnsAwayFromTheLimitItRestedAt)
 TEST_F(Step, IsEndedByAStopThatComesRightAfterItsBeginStep)
 {
     EXPECT_EQ(stepHead(0), RESULT_OK);
-    fakes.duringTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
-        fakes.duringTimerStart = nullptr;
+    fakes.beforeTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
+        fakes.beforeTimerStart = nullptr;
         EXPECT_EQ(stopHead(), RESULT_OK);
         EXPECT_EQ(fakes.notifications.size(), 2u) << "the stop announces the end itself";
     };

@@ -40,7 +40,8 @@ struct FakeSurroundings {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::vector<FakeNotification> notifications;
     std::function<void()> duringNotification;
-    std::function<void()> duringTimerStart;
+    std::function<void()> beforeTimerStart;
+    std::function<void()> afterTimerStart;
     std::vector<FakeReport> reports;            // level 5 only
     std::map<std::string, std::string> options; // "section.option" of package ptzd or others
     bool settingFails = false;

@@ -1,0 +1,254 @@
+#include "tour/touring.h"
+
+#include "core/log.h"
+#include "core/worker.h"
+#include "motor/coordinates.h"
+#include "motor/motion_state.h"
+#include "motor/tour_motion.h"
+#include "preset/goto_preset.h"
+#include "preset/preset_store.h"
+#include "tour/plan.h"
+#include "tour/tour_config.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <span>
+
+namespace {
+
+constexpr timespec CYCLE{0, 200 * NS_PER_MS};
+constexpr int32_t SCAN_STRIDE = 10; // coordinate units
+
+/// Lets the tour start anew after its settings have changed, unless somebody moves the head.
+void startAnew() EXCLUDES(gContext.motion.MotionStateLock)
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    gContext.motion.user_moved_recently.store(0);
+    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.tour.scanStepDone.store(1);
+    gContext.motion.track_back_done.store(1);
+}
+
+/// Loads what a request flag asks for. The flag is taken first: a request that comes meanwhile counts for the next
+/// cycle.
+/// @return false when loading failed; the flag is set again then.
+template <typename Load>
+bool loadRequested(std::atomic<int32_t>& requested, Load load)
+{
+    if (load() == 0)
+        return true;
+    requested.store(1);
+    return false;
+}
+
+bool scanEnabled()
+{
+    const TourInfo& info = *gContext.tour.tourInfo;
+    return strcmp(info.enabled, "on") == 0 && info.tour_type == TOUR_SCAN;
+}
+
+/// @return what is to be reported, or null.
+const char* reload(ScanProgress& scan)
+{
+    TourState& tour = gContext.tour;
+    if (tour.tourReloadRequested.exchange(0) != 0) {
+        if (!loadRequested(tour.tourReloadRequested, [] { return tour_load_config(gContext.tour.tourInfo); }))
+            return "load tour config err\n";
+        if (scanEnabled())
+            scan.coord = tour.scanTourInfo->x_coord_start;
+        startAnew();
+    }
+    if (tour.scanTourReloadRequested.exchange(0) != 0) {
+        if (!loadRequested(tour.scanTourReloadRequested,
+                           [] { return scan_tour_load_config(gContext.tour.scanTourInfo); }))
+            return "load tour scan info err\n";
+        scan.coord = tour.scanTourInfo->x_coord_start;
+        startAnew();
+    }
+    if (tour.planChanged.exchange(0) != 0 && !loadRequested(tour.planChanged, plan_load_plan))
+        return "load tour preset plan err\n";
+    return nullptr;
+}
+
+/// Whether the head is the tour's to move.
+bool mayTour()
+{
+    return strcmp(gContext.tour.tourInfo->enabled, "off") != 0 && gContext.motion.user_moved_recently.load() == 0 &&
+           motionBusy() == RESULT_OK && gContext.motion.track_back_done.load() != 0;
+}
+
+struct WeekMinute {
+    int32_t weekday;
+    int32_t minute; // after midnight
+};
+
+/// The local time; @return false when it cannot be had.
+bool localNow(WeekMinute& out)
+{
+    const time_t now = time(nullptr);
+    tm local{};
+    tzset(); // the time zone may have changed
+    if (now == static_cast<time_t>(-1) || !localtime_r(&now, &local))
+        return false;
+    out = {local.tm_wday, 60 * local.tm_hour + local.tm_min};
+    return true;
+}
+
+/// Whether a minute lies in a daily span, which may wrap past midnight; equal ends are the whole day.
+bool inSpan(int32_t minute, int32_t start, int32_t end)
+{
+    if (start < end)
+        return start <= minute && minute < end;
+    return minute >= start || minute < end;
+}
+
+TourMove scanMove(uint32_t ticket, int32_t coord)
+{
+    if (!withinLimits(PAN, coord))
+        return TourMove::Failed;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (const TourMove taken = tourTakeOver(ticket, pan, tilt); taken != TourMove::Started)
+        return taken;
+    const int32_t steps = targetCommand(pan, coordToSteps(PAN, coord)).steps;
+    return tourDrive(ticket, relativeCommand(steps, factoredSpeed(PAN)), nullptr);
+}
+
+/// @return what is to be reported, or null.
+const char* scanStep(uint32_t ticket, ScanProgress& scan)
+{
+    const ScanTourInfo& limits = *gContext.tour.scanTourInfo;
+    WeekMinute now{};
+    if (gContext.tour.scanStepDone.load() == 0 || !localNow(now) ||
+        !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
+        return nullptr;
+    logWrite(LOG_LEVEL_ERROR, "motorTouring", __LINE__, "cur_xoord is %d\n", scan.coord);
+    switch (scanMove(ticket, scan.coord)) {
+    case TourMove::Failed:
+        return "scan tour move err\n";
+    case TourMove::Overtaken:
+        return nullptr; // the same step once the head is free again
+    case TourMove::Started:
+        break;
+    }
+    if (scan.coord >= limits.x_coord_end)
+        scan.direction = -1;
+    if (scan.coord <= limits.x_coord_start)
+        scan.direction = 1;
+    scan.coord += SCAN_STRIDE * scan.direction;
+    return nullptr;
+}
+
+/// The preset that the plan names for now, or 0.
+int32_t plannedPreset()
+{
+    WeekMinute now{};
+    if (!localNow(now))
+        return 0;
+    for (const PlanEntry& entry : std::span(gContext.tour.activePlan.tables[now.weekday], PLAN_DAY_ENTRIES)) {
+        if (entry.valid == 0 || now.minute < entry.start_time || now.minute >= entry.end_time)
+            continue;
+        PresetEntry preset{};
+        const int32_t id = planPresetId(entry);
+        return entry.action_type == PLAN_ACTION_PRESET && presetFind(id, preset) ? id : 0;
+    }
+    return 0;
+}
+
+void setCurrentPreset(int32_t id) EXCLUDES(gContext.motion.MotionStateLock)
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    gContext.tour.tourCurrentPresetId.store(id);
+}
+
+void presetStep(uint32_t ticket)
+{
+    const int32_t target = plannedPreset();
+    if (gContext.motion.motion_active.load() != 0 || target == 0 || target == gContext.tour.tourCurrentPresetId.load())
+        return;
+    setCurrentPreset(target); // before the move: one that fails is not tried again
+    if (presetTourMove(ticket, target) == TourMove::Overtaken)
+        setCurrentPreset(0); // it has not been sent there
+}
+
+void* motorTouring(void*)
+{
+    const WorkerScope scope(WorkerEntry::Adopt);
+    if (!scope.entered())
+        return nullptr;
+    ScanProgress scan{gContext.tour.scanTourInfo->x_coord_start, 1};
+    while (!workersStopping()) {
+        nanosleep(&CYCLE, nullptr);
+        if (workersStopping())
+            break;
+        if (const char* failure = tourCycle(scan))
+            LOG_ERROR("%s", failure);
+    }
+    return nullptr;
+}
+
+bool allocate()
+{
+    TourState& tour = gContext.tour;
+    for (int day = 0; day < WEEK_DAYS; ++day) {
+        tour.planScratchTables[day] = static_cast<PlanEntry*>(calloc(PLAN_DAY_ENTRIES, sizeof(PlanEntry)));
+        tour.activePlan.tables[day] = static_cast<PlanEntry*>(calloc(PLAN_DAY_ENTRIES, sizeof(PlanEntry)));
+        if (!tour.planScratchTables[day] || !tour.activePlan.tables[day])
+            return false;
+    }
+    tour.scanTourInfo = static_cast<ScanTourInfo*>(calloc(1, sizeof(ScanTourInfo)));
+    tour.tourInfo = static_cast<TourInfo*>(calloc(1, sizeof(TourInfo)));
+    return tour.scanTourInfo && tour.tourInfo;
+}
+
+bool loadAndStart()
+{
+    (void)scan_tour_load_config(gContext.tour.scanTourInfo); // reported there, both; a reload may mend it
+    (void)tour_load_config(gContext.tour.tourInfo);
+    return plan_load_plan() == PLAN_OK && workerStart(motorTouring, nullptr) == 0;
+}
+
+} // namespace
+
+int32_t TourInit()
+{
+    if (allocate() && loadAndStart())
+        return 0;
+    LOG_ERROR("error to init tour!\n");
+    TourDeinit();
+    return -1;
+}
+
+void TourDeinit()
+{
+    TourState& tour = gContext.tour;
+    for (int day = 0; day < WEEK_DAYS; ++day) {
+        free(tour.planScratchTables[day]);
+        free(tour.activePlan.tables[day]);
+        tour.planScratchTables[day] = nullptr;
+    }
+    tour.activePlan = {};
+    tour.pendingPlan = {}; // its tables are the scratch ones
+    free(tour.scanTourInfo);
+    free(tour.tourInfo);
+    tour.scanTourInfo = nullptr;
+    tour.tourInfo = nullptr;
+}
+
+const char* tourCycle(ScanProgress& scan)
+{
+    const uint32_t ticket = tourTicketNow(); // before everything that the step goes by
+    if (const char* failure = reload(scan))
+        return failure;
+    if (!mayTour())
+        return nullptr;
+    if (gContext.tour.tourInfo->tour_type == TOUR_SCAN)
+        return scanStep(ticket, scan);
+    if (gContext.tour.tourInfo->tour_type == TOUR_PRESETS)
+        presetStep(ticket);
+    return nullptr;
+}

@@ -1,0 +1,26 @@
+// The tours: the thread that moves the head when nobody else does.
+#pragma once
+
+#include "core/context.h"
+
+#include <stdint.h>
+
+/// Allocates the tours' records and the plans' tables, loads them and starts the touring thread.
+/// @return 0; -1, reported, with everything freed, when memory, the plan or the thread cannot be had.
+/// Thread: main, once, with `calibrating` set until the axes are known.
+[[nodiscard]] int32_t TourInit();
+
+/// Frees what TourInit allocated. Thread: main, when the touring thread has ended.
+void TourDeinit();
+
+/// Where the scan stands.
+struct ScanProgress {
+    int32_t coord;     // of the next step, coordinate units
+    int32_t direction; // +1 or -1
+};
+
+/// One cycle: the reloads that were asked for, then a step of the tour when the head is the tour's to move.
+/// @return what is to be reported, or null. Thread: touring; takes ConfigStoreLock, MotionLock and MotionStateLock, one
+/// after the other.
+[[nodiscard]] const char* tourCycle(ScanProgress& scan)
+    EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);

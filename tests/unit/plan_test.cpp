@@ -1,0 +1,199 @@
+#include "config/uci_store.h"
+#include "fakes/stored_head.h"
+#include "preset/preset_methods.h"
+#include "preset/preset_store.h"
+#include "tour/plan.h"
+
+namespace {
+
+class Plan : public StoredHead {
+protected:
+    void SetUp() override
+    {
+        StoredHead::SetUp();
+        for (int day = 0; day < WEEK_DAYS; ++day) {
+            gContext.tour.planScratchTables[day] = scratch[day];
+            gContext.tour.activePlan.tables[day] = active[day];
+        }
+        gContext.tour.pendingPlan = {};
+        gContext.tour.planChanged.store(0);
+    }
+    void TearDown() override
+    {
+        gContext.tour.activePlan = {};
+        gContext.tour.pendingPlan = {};
+        for (PlanEntry*& table : gContext.tour.planScratchTables)
+            table = nullptr;
+        StoredHead::TearDown();
+    }
+    static std::string range(const std::string& name, int start, int end, const std::string& rest)
+    {
+        return R"({")" + name + R"(":{"start_time":)" + std::to_string(start) + R"(,"end_time":)" +
+               std::to_string(end) + "," + rest + "}}";
+    }
+    static std::string preset(const std::string& name, int start, int end, const std::string& id)
+    {
+        return range(name, start, end, R"("action_type":"preset","action_id":")" + id + R"(")");
+    }
+    static std::string disable(const std::string& name, int start, int end)
+    {
+        return range(name, start, end, R"("action_type":"disable")");
+    }
+    static int set(const std::string& day, const std::string& ranges)
+    {
+        return answer(call(plan_modify_plan, R"({")" + day + R"(":[)" + ranges + "]}"));
+    }
+    static int answer(const std::string& reply)
+    {
+        int code = 1;
+        EXPECT_EQ(sscanf(reply.c_str(), R"({"error_code":%d})", &code), 1) << reply;
+        return code;
+    }
+    static const PlanEntry& entry(int day, int index)
+    {
+        return gContext.tour.activePlan.tables[day][index];
+    }
+
+    PlanEntry scratch[WEEK_DAYS][PLAN_DAY_ENTRIES] = {};
+    PlanEntry active[WEEK_DAYS][PLAN_DAY_ENTRIES] = {};
+};
+
+TEST_F(Plan, StoresTheDaysItIsGivenAndLoadsThemBack)
+{
+    write("ptz_plan", "config friday 'friday_7'\n\toption start_time '1'\n\toption end_time '2'\n"
+                      "\toption action_type 'disable'\n"
+                      "config monday 'monday_9'\n\toption start_time '1'\n");
+    ASSERT_EQ(cfg_uci_init(), 0);
+    EXPECT_EQ(set("monday", preset("monday_1", 480, 720, "2") + "," + disable("monday_2", 720, 1440)), PLAN_OK);
+    EXPECT_EQ(file("ptz_plan"), "\nconfig friday 'friday_7'\n\toption start_time '1'\n\toption end_time '2'\n"
+                                "\toption action_type 'disable'\n"
+                                "\nconfig monday 'monday_1'\n\toption start_time '480'\n\toption end_time '720'\n"
+                                "\toption action_type 'preset'\n\toption action_id '2'\n"
+                                "\nconfig monday 'monday_2'\n\toption start_time '720'\n\toption end_time '1440'\n"
+                                "\toption action_type 'disable'\n\n");
+    EXPECT_EQ(gContext.tour.planChanged.load(), 1);
+    ASSERT_EQ(plan_load_plan(), PLAN_OK);
+    EXPECT_EQ(gContext.tour.activePlan.counts[1], 2);
+    EXPECT_EQ(entry(1, 0).action_type, PLAN_ACTION_PRESET);
+    EXPECT_EQ(entry(1, 0).start_time, 480);
+    EXPECT_EQ(entry(1, 0).weekday, 1);
+    EXPECT_EQ(planPresetId(entry(1, 0)), 2);
+    EXPECT_EQ(entry(1, 1).action_type, PLAN_ACTION_DISABLE);
+    EXPECT_EQ(entry(5, 6).valid, 1) << "a gap before it is allowed";
+    EXPECT_EQ(entry(5, 0).valid, 0);
+    EXPECT_TRUE(fakes.reports.empty());
+
+    EXPECT_EQ(set("monday", ""), PLAN_OK) << "an empty day is stored as one";
+    EXPECT_EQ(file("ptz_plan").find("monday"), std::string::npos);
+    EXPECT_NE(file("ptz_plan").find("friday_7"), std::string::npos);
+}
+
+TEST_F(Plan, RefusesWhatIsNoDay)
+{
+    const std::string before = file("ptz_plan");
+    const std::string wrong[] = {
+        disable("monday_1", 480, 720) + "," + disable("monday_2", 700, 900),
+        disable("monday_1", 0, 1441),
+        disable("monday_1", -1, 5),
+        disable("monday_1", 6, 5),
+        disable("monday_2", 1, 2),
+        range("monday_1", 1, 2, R"("action_type":"goto")"),
+        range("monday_1", 1, 2, R"("action_id":"1")"),
+        R"({"monday_1":{"start_time":1,"action_type":"disable"}})",
+        R"({"monday_1":{"end_time":1,"action_type":"disable"}})",
+        R"({"monday_1":5})",
+        R"(5)",
+    };
+    for (const std::string& ranges : wrong)
+        EXPECT_EQ(set("monday", ranges), PLAN_INVALID) << ranges;
+    std::string eleven;
+    for (int i = 1; i <= 11; ++i)
+        eleven += (i > 1 ? "," : "") + disable("sunday_" + std::to_string(i), i, i + 1);
+    EXPECT_EQ(set("sunday", eleven), PLAN_INVALID);
+    EXPECT_EQ(set("sunday", eleven.substr(0, eleven.rfind(",{"))), PLAN_OK) << "ten are fine";
+    EXPECT_NE(file("ptz_plan"), before);
+    EXPECT_EQ(gContext.tour.planChanged.load(), 1);
+    EXPECT_EQ(set("tuesday", disable("tuesday_1", 5, 5)), PLAN_OK) << "an empty range";
+    EXPECT_EQ(call(plan_modify_plan), R"({"error_code":0})") << "no day at all";
+}
+
+TEST_F(Plan, ActionIdsHave64BytesAtMost)
+{
+    const std::string id = "7" + std::string(63, 'x');
+    EXPECT_EQ(set("sunday",
+                  preset("sunday_1", 1, 2, id + "cut") + "," + range("sunday_2", 2, 3, R"("action_type":"preset")")),
+              PLAN_OK);
+    EXPECT_NE(file("ptz_plan").find("action_id '" + id + "'\n"), std::string::npos) << file("ptz_plan");
+    EXPECT_NE(file("ptz_plan").find("action_id 'NULL'\n"), std::string::npos);
+    EXPECT_EQ(planPresetId(scratch[0][0]), 7);
+    ASSERT_EQ(plan_load_plan(), PLAN_OK);
+    EXPECT_EQ(planPresetId(entry(0, 0)), 7);
+    EXPECT_EQ(planPresetId(entry(0, 1)), 0);
+}
+
+TEST_F(Plan, AnEntryThatCannotBeReadEmptiesTheActivePlan)
+{
+    const std::string good = "config sunday 'sunday_1'\n\toption start_time '1'\n\toption end_time '2'\n"
+                             "\toption action_type 'preset'\n";
+    write("ptz_plan", good);
+    ASSERT_EQ(plan_load_plan(), PLAN_OK);
+    EXPECT_EQ(planPresetId(entry(0, 0)), 0) << "without an id";
+    write("ptz_plan", good + "config saturday 'saturday_10'\n\toption start_time '1'\n\toption end_time 'x'\n"
+                             "\toption action_type 'preset'\n");
+    EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
+    EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
+    EXPECT_EQ(entry(0, 0).valid, 0);
+    EXPECT_EQ(gContext.tour.activePlan.counts[0], 0);
+}
+
+TEST_F(Plan, AnUnknownActionIsReportedForItsDayAndFollowed)
+{
+    write("ptz_plan", "config tuesday 'tuesday_3'\n\toption start_time '1'\n\toption end_time '2'\n"
+                      "\toption action_type 'goto'\n");
+    EXPECT_EQ(plan_load_plan(), PLAN_OK);
+    EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
+    EXPECT_EQ(entry(2, 2).action_type, PLAN_ACTION_UNKNOWN);
+    EXPECT_EQ(entry(2, 2).valid, 1);
+}
+
+TEST_F(Plan, PresetsThatGoTakeTheirEntriesAlong)
+{
+    ASSERT_EQ(set("sunday", preset("sunday_1", 1, 2, "1") + "," + preset("sunday_2", 2, 3, "2") + "," +
+                                preset("sunday_3", 3, 4, "3") + "," + disable("sunday_4", 4, 5)),
+              PLAN_OK);
+    gContext.tour.planChanged.store(0);
+    EXPECT_EQ(answer(call(ubusDeletePreset, R"({"id":["3","1"]})")), PLAN_OK);
+    EXPECT_EQ(gContext.tour.planChanged.load(), 1);
+    ASSERT_EQ(plan_load_plan(), PLAN_OK);
+    EXPECT_EQ(gContext.tour.activePlan.counts[0], 2);
+    EXPECT_EQ(entry(0, 1).valid + entry(0, 3).valid, 2);
+    EXPECT_EQ(answer(call(ubusClearPreset)), PLAN_OK);
+    EXPECT_EQ(file("ptz_plan"), "\n");
+}
+
+TEST_F(Plan, WithoutARequestSinceTheStartADeletionLeavesTheStoredPlan)
+{
+    write("ptz_plan", "config sunday 'sunday_1'\n\toption start_time '1'\n\toption end_time '2'\n"
+                      "\toption action_type 'preset'\n\toption action_id '1'\n");
+    ASSERT_EQ(cfg_uci_init(), 0);
+    EXPECT_EQ(answer(call(ubusDeletePreset, R"({"id":["1"]})")), PLAN_OK);
+    EXPECT_EQ(answer(call(ubusClearPreset)), PLAN_OK);
+    EXPECT_NE(file("ptz_plan").find("sunday_1"), std::string::npos);
+}
+
+TEST_F(Plan, AFailedCommitIsAnsweredAndNotFollowed)
+{
+    ASSERT_EQ(set("sunday", preset("sunday_1", 1, 2, "1")), PLAN_OK);
+    gContext.tour.planChanged.store(0);
+    const std::string before = file("ptz_plan");
+    spoilStore();
+    EXPECT_EQ(set("sunday", disable("sunday_1", 1, 2)), CFG_UCI_FAILED);
+    EXPECT_EQ(gContext.tour.planChanged.load(), 0);
+    EXPECT_EQ(file("ptz_plan"), before);
+    EXPECT_FALSE(cfg_uci_get_section(UCI_PTZ_PLAN, "sunday_1") == nullptr) << "the loaded package is as stored";
+    char action[16] = "";
+    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZ_PLAN, "sunday_1", "action_type", action, sizeof(action)), 0);
+    EXPECT_STREQ(action, "preset");
+}
+
+} // namespace
