@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -50,106 +49,22 @@ class HeadInTheLab : public testing::Test {
 protected:
     Lab lab;
 
-    void TearDown() override
-    {
-        // Whatever a test did, the daemon must end well and no sanitizer may have found anything.
-        if (lab.ptzdPid() != 0) {
-            const auto status = lab.killPtzd(SIGTERM);
-            ASSERT_TRUE(status.has_value()) << "does not end\n" << lab.ptzdLog();
-            EXPECT_EQ(*status, 0) << lab.ptzdLog();
-        }
-        EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
-        if (HasFailure())
-            printWhatHappened();
-    }
+    void TearDown() override;
 
-    void up(const LabOptions& options = fastHead())
-    {
-        ASSERT_TRUE(lab.up(options)) << lab.error();
-        // The calibration announces itself too, and its last event may still be on its way when the daemon is ready.
-        const auto announced = [&] { return !lab.actions().empty() && lab.actions().back() == "stop"; };
-        ASSERT_TRUE(!options.startCet || !options.startPtzd || waitUntil(announced, DEADLINE));
-        lab.forget();
-    }
-    void printWhatHappened()
-    {
-        std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
-        for (const LabCetEntry& entry : lab.cetLog())
-            std::fprintf(stderr, "%8.3f s  %s %s\n", static_cast<double>(entry.realNs) / 1e9, entry.name.c_str(),
-                         entry.text.c_str());
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-            for (const LabJournalEntry& entry : driving(axis))
-                std::fprintf(stderr, "%8.3f s  %c %s %d\n", static_cast<double>(entry.realNs) / 1e9,
-                             axis == LAB_PAN ? 'x' : 'y', entry.request.c_str(), entry.stepsWord());
-    }
-    bool rests()
-    {
-        return lab.axisNow(LAB_PAN).running == 0 && lab.axisNow(LAB_TILT).running == 0;
-    }
+    void up(const LabOptions& options = fastHead());
+    void printWhatHappened();
+    bool rests();
     /// Waits until as many idle as moving notifications and events went out, at least `motions` of each.
-    bool settled(int motions = 1)
-    {
-        return waitUntil(
-            [&] {
-                const int moving = lab.callsToCet("notify_motor_moving");
-                const int idle = lab.callsToCet("notify_motor_idle");
-                return moving >= motions && moving == idle && lab.actions().size() == 2 * static_cast<size_t>(moving);
-            },
-            DEADLINE);
-    }
+    bool settled(int motions = 1);
     /// Waits until the console shows a report, in the stated form with the reporting function's name.
-    bool reported(const std::string& function, const std::string& text)
-    {
-        const std::regex line("\\[" + function + ":[0-9]+\\]: ([^\n]*)\n");
-        return waitUntil(
-            [&] {
-                const std::string log = lab.ptzdLog();
-                for (auto at = std::sregex_iterator(log.begin(), log.end(), line); at != std::sregex_iterator(); ++at)
-                    if ((*at)[1] == text)
-                        return lab.messageLog().find(" 5 PTZD: " + text + "\n") != std::string::npos;
-                return false;
-            },
-            DEADLINE);
-    }
+    bool reported(const std::string& function, const std::string& text);
     /// The steps words of the move requests of one axis, in order.
-    std::vector<int32_t> moves(LabAxisId axis)
-    {
-        std::vector<int32_t> steps;
-        for (const LabJournalEntry& entry : lab.journal())
-            if (entry.axis == axis && entry.request == "MOVE")
-                steps.push_back(entry.stepsWord());
-        return steps;
-    }
+    std::vector<int32_t> moves(LabAxisId axis);
     /// The move and stop requests of one axis, in order.
-    std::vector<LabJournalEntry> driving(LabAxisId axis)
-    {
-        std::vector<LabJournalEntry> found;
-        for (const LabJournalEntry& entry : lab.journal())
-            if (entry.axis == axis && (entry.request == "MOVE" || entry.request == "STOP"))
-                found.push_back(entry);
-        return found;
-    }
-    void expectAt(int32_t pan, int32_t tilt)
-    {
-        EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, pan);
-        EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, tilt);
-    }
+    std::vector<LabJournalEntry> driving(LabAxisId axis);
+    void expectAt(int32_t pan, int32_t tilt);
     /// Starts a motion to a coordinate and waits for its end, the first since the lab forgot.
-    void goTo(int32_t x, int32_t y)
-    {
-        EXPECT_EQ(lab.call("moveTo", coords(x, y)), DONE);
-        EXPECT_TRUE(settled());
-        lab.forget();
-    }
-    static std::string coords(int32_t x, int32_t y)
-    {
-        return R"({"x_coord":")" + std::to_string(x) + R"(","y_coord":")" + std::to_string(y) + "\"}";
-    }
-    int requests(const std::string& name)
-    {
-        int count = 0;
-        for (const LabJournalEntry& entry : lab.journal())
-            count += entry.request == name ? 1 : 0;
-        return count;
-    }
+    void goTo(int32_t x, int32_t y);
+    static std::string coords(int32_t x, int32_t y);
+    int requests(const std::string& name);
 };

@@ -1,0 +1,111 @@
+#include "head.h"
+
+#include <regex>
+
+void HeadInTheLab::TearDown()
+{
+    // Whatever a test did, the daemon must end well and no sanitizer may have found anything.
+    if (lab.ptzdPid() != 0) {
+        const auto status = lab.killPtzd(SIGTERM);
+        ASSERT_TRUE(status.has_value()) << "does not end\n" << lab.ptzdLog();
+        EXPECT_EQ(*status, 0) << lab.ptzdLog();
+    }
+    EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
+    if (HasFailure())
+        printWhatHappened();
+}
+
+void HeadInTheLab::up(const LabOptions& options)
+{
+    ASSERT_TRUE(lab.up(options)) << lab.error();
+    // The calibration announces itself too, and its last event may still be on its way when the daemon is ready.
+    const auto announced = [&] { return !lab.actions().empty() && lab.actions().back() == "stop"; };
+    ASSERT_TRUE(!options.startCet || !options.startPtzd || waitUntil(announced, DEADLINE));
+    lab.forget();
+}
+
+void HeadInTheLab::printWhatHappened()
+{
+    std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
+    for (const LabCetEntry& entry : lab.cetLog())
+        std::fprintf(stderr, "%8.3f s  %s %s\n", static_cast<double>(entry.realNs) / 1e9, entry.name.c_str(),
+                     entry.text.c_str());
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+        for (const LabJournalEntry& entry : driving(axis))
+            std::fprintf(stderr, "%8.3f s  %c %s %d\n", static_cast<double>(entry.realNs) / 1e9,
+                         axis == LAB_PAN ? 'x' : 'y', entry.request.c_str(), entry.stepsWord());
+}
+
+bool HeadInTheLab::rests()
+{
+    return lab.axisNow(LAB_PAN).running == 0 && lab.axisNow(LAB_TILT).running == 0;
+}
+
+bool HeadInTheLab::settled(int motions)
+{
+    return waitUntil(
+        [&] {
+            const int moving = lab.callsToCet("notify_motor_moving");
+            const int idle = lab.callsToCet("notify_motor_idle");
+            return moving >= motions && moving == idle && lab.actions().size() == 2 * static_cast<size_t>(moving);
+        },
+        DEADLINE);
+}
+
+bool HeadInTheLab::reported(const std::string& function, const std::string& text)
+{
+    const std::regex line("\\[" + function + ":[0-9]+\\]: ([^\n]*)\n");
+    return waitUntil(
+        [&] {
+            const std::string log = lab.ptzdLog();
+            for (auto at = std::sregex_iterator(log.begin(), log.end(), line); at != std::sregex_iterator(); ++at)
+                if ((*at)[1] == text)
+                    return lab.messageLog().find(" 5 PTZD: " + text + "\n") != std::string::npos;
+            return false;
+        },
+        DEADLINE);
+}
+
+std::vector<int32_t> HeadInTheLab::moves(LabAxisId axis)
+{
+    std::vector<int32_t> steps;
+    for (const LabJournalEntry& entry : lab.journal())
+        if (entry.axis == axis && entry.request == "MOVE")
+            steps.push_back(entry.stepsWord());
+    return steps;
+}
+
+std::vector<LabJournalEntry> HeadInTheLab::driving(LabAxisId axis)
+{
+    std::vector<LabJournalEntry> found;
+    for (const LabJournalEntry& entry : lab.journal())
+        if (entry.axis == axis && (entry.request == "MOVE" || entry.request == "STOP"))
+            found.push_back(entry);
+    return found;
+}
+
+void HeadInTheLab::expectAt(int32_t pan, int32_t tilt)
+{
+    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, pan);
+    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, tilt);
+}
+
+void HeadInTheLab::goTo(int32_t x, int32_t y)
+{
+    EXPECT_EQ(lab.call("moveTo", coords(x, y)), DONE);
+    EXPECT_TRUE(settled());
+    lab.forget();
+}
+
+std::string HeadInTheLab::coords(int32_t x, int32_t y)
+{
+    return R"({"x_coord":")" + std::to_string(x) + R"(","y_coord":")" + std::to_string(y) + "\"}";
+}
+
+int HeadInTheLab::requests(const std::string& name)
+{
+    int count = 0;
+    for (const LabJournalEntry& entry : lab.journal())
+        count += entry.request == name ? 1 : 0;
+    return count;
+}
