@@ -179,6 +179,8 @@ public:
     /// Local time of the lab, in the form that setWall() takes.
     std::string wall() const;
     int64_t labTimeNs() const;
+    /// The wall clock at lab time 0 in ns since 1970; nothing while the wall clock is the machine's.
+    std::optional<int64_t> wallAtZeroNs() const;
 
     // What happened.
     std::vector<LabJournalEntry> journal() const;
@@ -241,6 +243,8 @@ bool waitUntil(Condition condition, std::chrono::milliseconds timeout)
 }
 
 /// Pan and tilt over lab time as an SVG picture, reconstructed from the journal; calls of CET shade the moving spans.
-/// A motion under way is drawn as it will go on, but not beyond `untilLabNs`.
+/// A motion under way is drawn as it will go on, but not beyond `untilLabNs`. With the wall clock's reading at lab time
+/// 0 the scale is that of a clock.
 std::string plotLab(const std::vector<LabJournalEntry>& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs);
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs,
+                    std::optional<int64_t> wallAtZeroNs = {});

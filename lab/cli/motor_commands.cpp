@@ -264,7 +264,8 @@ int plotCommand(const Command& self, Arguments arguments)
     if (journal.empty())
         return failed("nothing has happened in " + lab.folder() + " yet");
     std::ofstream picture(arguments[0]);
-    picture << plotLab(journal, lab.cetLog(), {lab.axisSetting(LAB_PAN), lab.axisSetting(LAB_TILT)}, lab.labTimeNs());
+    picture << plotLab(journal, lab.cetLog(), {lab.axisSetting(LAB_PAN), lab.axisSetting(LAB_TILT)}, lab.labTimeNs(),
+                       lab.wallAtZeroNs());
     picture.close();
     return picture ? 0 : failed("cannot write " + arguments[0]);
 }

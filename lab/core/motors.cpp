@@ -165,3 +165,11 @@ int64_t Lab::labTimeNs() const
 {
     return labNow(*state_);
 }
+
+std::optional<int64_t> Lab::wallAtZeroNs() const
+{
+    const LabClock clock = readClock(*state_);
+    if (clock.wallIsReal)
+        return {};
+    return clock.wallNs;
+}

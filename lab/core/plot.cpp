@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
+#include <optional>
 #include <sstream>
 
 namespace {
@@ -24,13 +26,15 @@ constexpr const char* STYLE = R"(<style>
   svg { font: 12px sans-serif }
   .paper { fill: #ffffff } .grid { stroke: #d8dde3; stroke-width: 1 } .frame { stroke: #7a8594; fill: none }
   text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
-  .moving { fill: #ffe9b8 } .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
+  .origin0 { fill: #ffe9b8 } .origin1 { fill: #f6d3e6 } .origin2 { fill: #e3dcf7 } .origin3 { fill: #d3efd9 }
+  .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
   .move { fill: #2f8f46 } .rotate { fill: #8a4fbf } .stop { fill: #c43a31 } .set { fill: #5b6672 }
   .failed { stroke: #c43a31; stroke-width: 2.5 } .power { stroke: #c43a31; stroke-dasharray: 4 3 }
   @media (prefers-color-scheme: dark) {
     .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
     text { fill: #dbe2ea } .unit { fill: #9aa6b4 }
-    .moving { fill: #4a3c14 } .course { stroke: #63b0f4 }
+    .origin0 { fill: #4a3c14 } .origin1 { fill: #4d2740 } .origin2 { fill: #352c57 } .origin3 { fill: #1d4028 }
+    .course { stroke: #63b0f4 }
     .move { fill: #63c97c } .rotate { fill: #c193ef } .stop { fill: #f2776e } .set { fill: #9aa6b4 }
     .failed { stroke: #f2776e } .power { stroke: #f2776e }
   }
@@ -59,10 +63,44 @@ std::string number(double value)
     return text.str();
 }
 
-/// The pixel column of a lab time.
+/// A step of a clock's scale, in seconds, so that a span has about `count` of them.
+double clockStep(double span, int count)
+{
+    constexpr double HOUR = 3600;
+    for (const double step : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, HOUR, 2 * HOUR,
+                              3 * HOUR, 6 * HOUR, 12 * HOUR})
+        if (span / step <= count)
+            return step;
+    return 24 * HOUR * std::ceil(span / (24 * HOUR * count));
+}
+
+/// The pixel column of a lab time, and what the scale calls it: lab time, or the wall clock where the lab has its own.
 struct TimeScale {
     double from;
     double to;
+    std::optional<double> localAtZero = {}; // local time at lab time 0, in seconds since 1970
+
+    double step() const
+    {
+        return localAtZero ? clockStep(to - from, 13) : tickStep(to - from, 10);
+    }
+    double firstTick() const
+    {
+        const double offset = localAtZero.value_or(0);
+        return std::ceil((from + offset) / step()) * step() - offset;
+    }
+    std::string label(double time) const
+    {
+        if (!localAtZero)
+            return number(time);
+        const auto local = static_cast<time_t>(std::llround(time + *localAtZero));
+        tm parts{};
+        gmtime_r(&local, &parts); // the offset has been added already
+        const bool midnight = parts.tm_hour == 0 && parts.tm_min == 0 && parts.tm_sec == 0;
+        char text[32];
+        std::strftime(text, sizeof(text), midnight ? "%a %H:%M" : step() < 60 ? "%H:%M:%S" : "%H:%M", &parts);
+        return text;
+    }
     double x(double time) const
     {
         return LEFT + (time - from) / (to - from) * (WIDTH - LEFT - RIGHT);
@@ -123,12 +161,11 @@ TimeScale timeScaleOf(const Journal& journal, const std::vector<LabCetEntry>& ce
 void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool timeLabels)
 {
     const double bottom = panel.top + PANEL_HEIGHT;
-    const double timeStep = tickStep(time.to - time.from, 10);
-    for (double t = std::ceil(time.from / timeStep) * timeStep; t <= time.to; t += timeStep) {
+    for (double t = time.firstTick(); t <= time.to; t += time.step()) {
         out << "<line class='grid' x1='" << time.x(t) << "' x2='" << time.x(t) << "' y1='" << panel.top << "' y2='"
             << bottom << "'/>\n";
         if (timeLabels)
-            out << "<text x='" << time.x(t) << "' y='" << bottom + 16 << "' text-anchor='middle'>" << number(t)
+            out << "<text x='" << time.x(t) << "' y='" << bottom + 16 << "' text-anchor='middle'>" << time.label(t)
                 << "</text>\n";
     }
     const double half = panel.setting.range / 2.0;
@@ -148,17 +185,20 @@ void drawMovingSpans(std::ostream& out, const Panel& panel, const TimeScale& tim
                      const std::vector<LabCetEntry>& cetLog)
 {
     double since = -1;
+    std::string origin;
     const auto span = [&](double until) {
-        out << "<rect class='moving' x='" << time.x(since) << "' y='" << panel.top << "' width='"
+        out << "<rect class='origin" << origin << "' x='" << time.x(since) << "' y='" << panel.top << "' width='"
             << time.x(until) - time.x(since) << "' height='" << PANEL_HEIGHT << "'/>\n";
         since = -1;
     };
     for (const LabCetEntry& entry : cetLog) {
         if (entry.isEvent)
             continue;
-        if (entry.name == "notify_motor_moving" && since < 0)
+        if (entry.name == "notify_motor_moving" && since < 0) {
             since = seconds(entry.labNs);
-        else if (entry.name == "notify_motor_idle" && since >= 0)
+            origin = entry.text;
+        }
+        if (entry.name == "notify_motor_idle" && since >= 0)
             span(seconds(entry.labNs));
     }
     if (since >= 0)
@@ -242,23 +282,36 @@ void drawLegend(std::ostream& out)
         drawMark(out, sample, x, y);
         label(text, width);
     };
-    mark("MOVE", 0, "move", 75);
-    mark("ROTATE", 0, "rotate", 80);
-    mark("STOP", 0, "stop", 70);
-    mark("SET_POSITION", 0, "position told", 120);
-    mark("MOVE", 1, "request failed", 125);
+    mark("MOVE", 0, "move", 68);
+    mark("ROTATE", 0, "rotate", 72);
+    mark("STOP", 0, "stop", 62);
+    mark("SET_POSITION", 0, "position told", 108);
+    mark("MOVE", 1, "request failed", 116);
     drawPowerLoss(out, x, y - 9, y + 7);
-    label("power loss", 105);
-    out << "<rect class='moving' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
-    label("announced as moving", 0);
+    label("power loss", 96);
+    const auto origin = [&](int type, const char* text, double width) {
+        out << "<rect class='origin" << type << "' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
+        label(text, width);
+    };
+    origin(0, "a user's motion", 120);
+    origin(1, "tracking", 85);
+    origin(2, "return", 75);
+    origin(3, "tour", 0);
 }
 
 } // namespace
 
 std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs)
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs,
+                    std::optional<int64_t> wallAtZeroNs)
 {
-    const TimeScale time = timeScaleOf(journal, cetLog, seconds(untilLabNs));
+    TimeScale time = timeScaleOf(journal, cetLog, seconds(untilLabNs));
+    if (wallAtZeroNs) {
+        const time_t wall = *wallAtZeroNs / NS_PER_SECOND;
+        tm local{};
+        localtime_r(&wall, &local);
+        time.localAtZero = seconds(*wallAtZeroNs) + static_cast<double>(local.tm_gmtoff);
+    }
     const Panel panels[] = {{"Pan", PANEL_TOP, axes[LAB_PAN]},
                             {"Tilt", PANEL_TOP + PANEL_HEIGHT + PANEL_GAP, axes[LAB_TILT]}};
     std::ostringstream out;
@@ -273,7 +326,7 @@ std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetL
         drawCourse(out, panels[axis], time, journal, axis);
         drawMarks(out, panels[axis], time, journal, axis);
     }
-    out << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << HEIGHT - 12
-        << "' text-anchor='middle'>lab time in s</text>\n</svg>\n";
+    out << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << HEIGHT - 12 << "' text-anchor='middle'>"
+        << (wallAtZeroNs ? "the lab's wall clock" : "lab time in s") << "</text>\n</svg>\n";
     return out.str();
 }

@@ -52,4 +52,20 @@ TEST(Plot, AMotionUnderWayEndsNow)
     EXPECT_EQ(course(picture).substr(0, 5), "78.92");
 }
 
+TEST(Plot, NamesTheHoursOfAWallClockAndWhoseMotionItWas)
+{
+    // Lab time 0 is 1970-01-04 22:00 UTC, a Sunday. Three hours have a tick every quarter of an hour.
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const std::vector<LabCetEntry> cetLog = {{0, SECOND, false, "notify_motor_moving", "3"},
+                                             {0, 2 * SECOND, false, "notify_motor_idle", "3"}};
+    const std::string picture = plotLab({entry(0, "MOVE", 0, 1, 1), entry(3 * 3600 * SECOND, "STOP", 1, 0, 0)}, cetLog,
+                                        AXES, 4 * 3600 * SECOND, (3 * 24 + 22) * 3600 * SECOND);
+    EXPECT_NE(picture.find(">23:45<"), std::string::npos);
+    EXPECT_NE(picture.find(">Mon 00:00<"), std::string::npos);
+    EXPECT_EQ(picture.find(">23:50<"), std::string::npos);
+    // 108 s of margin: 109 of 11016 s, on 910 pixels from 70 on.
+    EXPECT_NE(picture.find("<rect class='origin3' x='79.00"), std::string::npos);
+}
+
 } // namespace
