@@ -39,57 +39,51 @@ bool othersMotion() REQUIRES(gContext.motion.MotionStateLock)
            gContext.motion.tourTicket == tourTicketNow();
 }
 
-void beginUser() REQUIRES(gContext.motion.MotionStateLock)
+/// The moving transition from rest. @return false while a motion is under way: it keeps its origin and gets no second
+/// notification.
+bool announceFromRest(int32_t origin) REQUIRES(gContext.motion.MotionStateLock)
 {
     if (gContext.motion.motion_active.load() != 0)
-        return; // the motion under way keeps its origin and gets no second notification
-    gContext.motion.motion_origin.store(ORIGIN_USER);
-    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
-    gContext.tour.tourCurrentPresetId.store(0);
+        return false;
+    gContext.motion.motion_origin.store(origin);
+    motorNotifyState(NOTIFY_MOVING, origin);
     gContext.motion.motion_active.store(1);
+    return true;
+}
+
+void countAsUserMotion() REQUIRES(gContext.motion.MotionStateLock)
+{
     gContext.motion.user_moved_recently.store(1);
+    gContext.tour.tourCurrentPresetId.store(0);
+}
+
+void beginUser() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (announceFromRest(ORIGIN_USER))
+        countAsUserMotion();
 }
 
 void beginLensMask() REQUIRES(gContext.motion.MotionStateLock)
 {
-    if (gContext.motion.motion_active.load() == 0) {
-        gContext.motion.motion_origin.store(ORIGIN_USER);
-        motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
-        gContext.motion.motion_active.store(1);
-    }
-    gContext.motion.user_moved_recently.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    (void)announceFromRest(ORIGIN_USER);
+    countAsUserMotion(); // also when it takes over another's motion
 }
 
 void beginTrack() REQUIRES(gContext.motion.MotionStateLock)
 {
-    if (gContext.motion.motion_active.load() != 0)
+    if (!announceFromRest(ORIGIN_TRACK))
         return;
-    gContext.motion.motion_origin.store(ORIGIN_TRACK);
-    motorNotifyState(NOTIFY_MOVING, ORIGIN_TRACK);
-    gContext.motion.motion_active.store(1);
     gContext.motion.track_back_done.store(0);
     gContext.tour.tourCurrentPresetId.store(0);
 }
 
-void beginReturn() REQUIRES(gContext.motion.MotionStateLock)
-{
-    if (gContext.motion.motion_active.load() != 0)
-        return;
-    gContext.motion.motion_active.store(1);
-    gContext.motion.motion_origin.store(ORIGIN_RETURN);
-    motorNotifyState(NOTIFY_MOVING, ORIGIN_RETURN);
-}
-
 void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
 {
-    gContext.motion.motion_origin.store(ORIGIN_USER);
     gContext.motion.user_moved_recently.store(1);
-    if (gContext.motion.motion_active.load() != 0)
-        return;
-    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
-    gContext.motion.motion_active.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    if (announceFromRest(ORIGIN_USER))
+        gContext.tour.tourCurrentPresetId.store(0);
+    else
+        gContext.motion.motion_origin.store(ORIGIN_USER);
 }
 
 void settleActive() REQUIRES(gContext.motion.MotionStateLock)
@@ -97,10 +91,8 @@ void settleActive() REQUIRES(gContext.motion.MotionStateLock)
     gContext.motion.motion_active.store(0);
     const int32_t origin = gContext.motion.motion_origin.load();
     motorNotifyState(NOTIFY_IDLE, origin);
-    if (origin != ORIGIN_TOUR) {
-        gContext.motion.user_moved_recently.store(1);
-        gContext.tour.tourCurrentPresetId.store(0);
-    }
+    if (origin != ORIGIN_TOUR)
+        countAsUserMotion();
 }
 
 void beginCalibration() REQUIRES(gContext.motion.MotionStateLock)
@@ -109,11 +101,8 @@ void beginCalibration() REQUIRES(gContext.motion.MotionStateLock)
     if (gContext.motion.motion_active.load() != 0)
         settleActive();
     timerStop(&gContext.timers.statusPollTimer);
-    gContext.motion.motion_origin.store(ORIGIN_USER);
-    motorNotifyState(NOTIFY_MOVING, ORIGIN_USER);
-    gContext.motion.motion_active.store(1);
-    gContext.motion.user_moved_recently.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    (void)announceFromRest(ORIGIN_USER);
+    countAsUserMotion();
 }
 
 void settlePolled() REQUIRES(gContext.motion.MotionStateLock)
@@ -132,8 +121,7 @@ void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
     gContext.motion.motion_origin.store(ORIGIN_USER);
     motorNotifyState(NOTIFY_IDLE, ORIGIN_USER);
     gContext.motion.motion_active.store(0);
-    gContext.motion.user_moved_recently.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    countAsUserMotion();
     quietPeriodsStart();
 }
 
@@ -207,7 +195,7 @@ void motionBegin(MotionBegin variant)
             beginTrack();
             break;
         case MotionBegin::Return:
-            beginReturn();
+            (void)announceFromRest(ORIGIN_RETURN);
             break;
         case MotionBegin::Preset:
             beginPreset();
@@ -265,9 +253,7 @@ bool motionBeginTour(uint32_t ticket)
             return false;
         gContext.motion.startsSeen.fetch_add(START_EVENT + TOUR_PENDING);
         gContext.motion.tourTicket = ticket;
-        gContext.motion.motion_origin.store(ORIGIN_TOUR);
-        motorNotifyState(NOTIFY_MOVING, ORIGIN_TOUR);
-        gContext.motion.motion_active.store(1);
+        (void)announceFromRest(ORIGIN_TOUR);
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;
