@@ -230,75 +230,86 @@ bool isUnchanged(const uci_ptr* ptr)
     return ptr->s && strcmp(ptr->s->type, ptr->value) == 0;
 }
 
+int set(uci_ptr* ptr)
+{
+    if (!ptr->section || !ptr->value)
+        return UCI_ERR_INVAL;
+    if (isUnchanged(ptr))
+        return UCI_OK;
+    if (*ptr->value)
+        return changePtr(ptr, UCI_CHANGE_SET, ptr->value);
+    const bool exists = ptr->option ? ptr->o != nullptr : ptr->s != nullptr;
+    return exists ? changePtr(ptr, UCI_CHANGE_DELETE, nullptr) : UCI_OK;
+}
+
+int remove(uci_ptr* ptr)
+{
+    if (!ptr->section)
+        return UCI_ERR_INVAL;
+    if (ptr->option ? !ptr->o : !ptr->s)
+        return UCI_ERR_NOTFOUND;
+    // Only a list's element is named by the value; for all else a value means nothing.
+    const bool element = ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value;
+    return changePtr(ptr, UCI_CHANGE_DELETE, element ? ptr->value : nullptr);
+}
+
+int addToList(uci_ptr* ptr)
+{
+    return changePtr(ptr, UCI_CHANGE_ADD_LIST, ptr->value);
+}
+
+int removeFromList(uci_ptr* ptr)
+{
+    if (!ptr->s || !ptr->option || !ptr->value)
+        return UCI_ERR_INVAL;
+    if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
+        return UCI_OK;
+    return changePtr(ptr, UCI_CHANGE_DEL_LIST, ptr->value);
+}
+
+int rename(uci_ptr* ptr)
+{
+    if (!ptr->section || !ptr->value)
+        return UCI_ERR_INVAL;
+    if (ptr->option ? !ptr->o : !ptr->s)
+        return UCI_ERR_NOTFOUND;
+    return changePtr(ptr, UCI_CHANGE_RENAME, ptr->value);
+}
+
+/// Looks up what the pointer record names and changes it; the context keeps the code.
+int edit(uci_context* ctx, uci_ptr* ptr, int (*change)(uci_ptr*))
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    const int code = resolve(ctx, ptr);
+    return result(ctx, code == UCI_OK ? change(ptr) : code);
+}
+
 } // namespace
 
 int uci_set(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    const int code = resolve(ctx, ptr);
-    if (code != UCI_OK)
-        return result(ctx, code);
-    if (!ptr->section || !ptr->value)
-        return result(ctx, UCI_ERR_INVAL);
-    if (isUnchanged(ptr))
-        return result(ctx, UCI_OK);
-    if (*ptr->value)
-        return result(ctx, changePtr(ptr, UCI_CHANGE_SET, ptr->value));
-    const bool exists = ptr->option ? ptr->o != nullptr : ptr->s != nullptr;
-    return result(ctx, exists ? changePtr(ptr, UCI_CHANGE_DELETE, nullptr) : int(UCI_OK));
+    return edit(ctx, ptr, set);
 }
 
 int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    const int code = resolve(ctx, ptr);
-    if (code != UCI_OK)
-        return result(ctx, code);
-    if (!ptr->section)
-        return result(ctx, UCI_ERR_INVAL);
-    if (ptr->option ? !ptr->o : !ptr->s)
-        return result(ctx, UCI_ERR_NOTFOUND);
-    // Only a list's element is named by the value; for all else a value means nothing.
-    const bool element = ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value;
-    return result(ctx, changePtr(ptr, UCI_CHANGE_DELETE, element ? ptr->value : nullptr));
+    return edit(ctx, ptr, remove);
 }
 
 int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    const int code = resolve(ctx, ptr);
-    return result(ctx, code == UCI_OK ? changePtr(ptr, UCI_CHANGE_ADD_LIST, ptr->value) : code);
+    return edit(ctx, ptr, addToList);
 }
 
 int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    const int code = resolve(ctx, ptr);
-    if (code != UCI_OK)
-        return result(ctx, code);
-    if (!ptr->s || !ptr->option || !ptr->value)
-        return result(ctx, UCI_ERR_INVAL);
-    if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
-        return result(ctx, UCI_OK);
-    return result(ctx, changePtr(ptr, UCI_CHANGE_DEL_LIST, ptr->value));
+    return edit(ctx, ptr, removeFromList);
 }
 
 int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    const int code = resolve(ctx, ptr);
-    if (code != UCI_OK)
-        return result(ctx, code);
-    if (!ptr->section || !ptr->value)
-        return result(ctx, UCI_ERR_INVAL);
-    if (ptr->option ? !ptr->o : !ptr->s)
-        return result(ctx, UCI_ERR_NOTFOUND);
-    return result(ctx, changePtr(ptr, UCI_CHANGE_RENAME, ptr->value));
+    return edit(ctx, ptr, rename);
 }
 
 int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res)
