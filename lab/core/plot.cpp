@@ -19,6 +19,7 @@ constexpr double RIGHT = 20;
 constexpr double PANEL_TOP = 78;
 constexpr double PANEL_HEIGHT = 220;
 constexpr double PANEL_GAP = 46;
+constexpr double NARROWEST_SPAN = 3; // visible, however short the motion was
 constexpr double HEIGHT = PANEL_TOP + 2 * PANEL_HEIGHT + PANEL_GAP + 56;
 
 // Colours come from one style sheet, with a second set for viewers that prefer dark.
@@ -26,14 +27,14 @@ constexpr const char* STYLE = R"(<style>
   svg { font: 12px sans-serif }
   .paper { fill: #ffffff } .grid { stroke: #d8dde3; stroke-width: 1 } .frame { stroke: #7a8594; fill: none }
   text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
-  .origin0 { fill: #ffe9b8 } .origin1 { fill: #f6d3e6 } .origin2 { fill: #e3dcf7 } .origin3 { fill: #d3efd9 }
+  .origin0 { fill: #ffdc8f } .origin1 { fill: #f5b5d8 } .origin2 { fill: #cdbff5 } .origin3 { fill: #a9e2b6 }
   .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
   .move { fill: #2f8f46 } .rotate { fill: #8a4fbf } .stop { fill: #c43a31 } .set { fill: #5b6672 }
   .failed { stroke: #c43a31; stroke-width: 2.5 } .power { stroke: #c43a31; stroke-dasharray: 4 3 }
   @media (prefers-color-scheme: dark) {
     .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
     text { fill: #dbe2ea } .unit { fill: #9aa6b4 }
-    .origin0 { fill: #4a3c14 } .origin1 { fill: #4d2740 } .origin2 { fill: #352c57 } .origin3 { fill: #1d4028 }
+    .origin0 { fill: #665012 } .origin1 { fill: #6b2c55 } .origin2 { fill: #473a7d } .origin3 { fill: #1f5a33 }
     .course { stroke: #63b0f4 }
     .move { fill: #63c97c } .rotate { fill: #c193ef } .stop { fill: #f2776e } .set { fill: #9aa6b4 }
     .failed { stroke: #f2776e } .power { stroke: #f2776e }
@@ -188,7 +189,7 @@ void drawMovingSpans(std::ostream& out, const Panel& panel, const TimeScale& tim
     std::string origin;
     const auto span = [&](double until) {
         out << "<rect class='origin" << origin << "' x='" << time.x(since) << "' y='" << panel.top << "' width='"
-            << time.x(until) - time.x(since) << "' height='" << PANEL_HEIGHT << "'/>\n";
+            << std::max(time.x(until) - time.x(since), NARROWEST_SPAN) << "' height='" << PANEL_HEIGHT << "'/>\n";
         since = -1;
     };
     for (const LabCetEntry& entry : cetLog) {
@@ -293,7 +294,7 @@ void drawLegend(std::ostream& out)
         out << "<rect class='origin" << type << "' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
         label(text, width);
     };
-    origin(0, "a user's motion", 120);
+    origin(0, "a user's motion", 125);
     origin(1, "tracking", 85);
     origin(2, "return", 75);
     origin(3, "tour", 0);
