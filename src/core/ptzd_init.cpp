@@ -101,8 +101,10 @@ int32_t PtzdInit()
             LOG_ERROR("can't init y-motor device file\n");
         return startFailed();
     }
-    if (lensMaskEnabled() != 0)
+    if (lensMaskEnabled() != 0) {
         calibrationSetTarget(TILT, lensMaskTiltSteps());
+        (void)savesBar(); // the stored position is the one from before
+    }
     if (calibrationStart() != 0) {
         LOG_ERROR("motor calibrate failed\n");
         return -1;

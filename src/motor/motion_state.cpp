@@ -178,7 +178,7 @@ ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
 
 void motionBegin(MotionBegin variant)
 {
-    if (variant != MotionBegin::LensMask)
+    if (variant != MotionBegin::LensMask && lensMaskEnabled() == 0)
         savesAllow(); // the head leaves the mask's position, should it stand there
     {
         LockGuard hold(gContext.motion.MotionStateLock);

@@ -20,8 +20,8 @@ void saveStepsArm();
 /// Thread: event loop.
 [[nodiscard]] bool savesBar();
 
-/// Allows saves again: every begin step of a command but the lens mask's does, and every command of a user; a tour's
-/// does not, as it may leave one axis where it stands. Any thread; no lock.
+/// Allows saves again: while the mask is off every begin step of a command but the lens mask's does, and every command
+/// of a user; a tour's does not, as it may leave one axis where it stands. Any thread; no lock.
 void savesAllow();
 
 /// Callback of saveStepsTimer, also called directly: stores both axes' positions when both stand still, and disarms the

@@ -381,13 +381,15 @@ Code HeadModel::lensMask()
         return wanted ? CODE_LENS_MASK : CODE_OK;
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
+    const bool wasAtMask = atMask_;
     begin(ORIGIN_USER);
+    atMask_ = wasAtMask || wanted;
     int32_t pan = 0;
     int32_t tilt = 0;
     if (wanted) {
         save.reset();
-        axes[LAB_PAN].stored = position(LAB_PAN);
-        axes[LAB_TILT].stored = position(LAB_TILT);
+        for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+            axes[axis].stored = wasAtMask ? axes[axis].stored : position(axis);
         commit();
         tilt = toSteps(LAB_TILT, MASK_COORDINATE) - position(LAB_TILT);
     } else {

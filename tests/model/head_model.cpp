@@ -133,6 +133,7 @@ bool HeadModel::halt()
 /// Every begin is followed by a move request of the same handler.
 void HeadModel::begin(int origin)
 {
+    atMask_ = atMask_ && mask_;
     require(nextIs("MOVE"), "a move request is missing");
     const int64_t from = evidence_.lastOfLoopRealNs();
     atRest = false;
@@ -149,6 +150,7 @@ Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t
 
 void HeadModel::armSave()
 {
+    atMask_ = false;
     if (recover_)
         save = PendingSave{evidence_.lastOfLoopLabNs(), INT64_MAX};
 }
@@ -162,7 +164,7 @@ void HeadModel::commit()
 /// A handler saves the position itself, if the axes rest.
 void HeadModel::saveNow()
 {
-    if (!readStatus() || running())
+    if (!readStatus() || running() || atMask_)
         return;
     for (const LabAxisId axis : AXES)
         axes[axis].stored = position(axis);
@@ -186,7 +188,7 @@ void HeadModel::fold(const LabJournalEntry& entry)
 void HeadModel::start()
 {
     recover_ = settings.recover != 0;
-    mask_ = isOn(settings.mask);
+    mask_ = atMask_ = isOn(settings.mask);
     track_ = isOn(settings.track);
     panorama_ = false;
     flip_ = 0;

@@ -165,6 +165,7 @@ private:
     bool recover_ = true;
     bool panorama_ = false;
     bool mask_ = false;
+    bool atMask_ = false; // the head may stand at the mask: what is stored stays
     bool track_ = false;
     int flip_ = 0;
     enum class StepMove { NONE, RUNS, FADES } stepMove_ = StepMove::NONE;

@@ -264,9 +264,10 @@ void Player::takeAxes()
 
 int Player::threads() const
 {
+    // The links of the folder, not its entries: a thread that ends while they are listed hides the ones after it.
     std::error_code problem;
-    const fs::directory_iterator tasks("/proc/" + std::to_string(lab_.ptzdPid()) + "/task", problem);
-    return problem ? 0 : static_cast<int>(std::distance(begin(tasks), end(tasks)));
+    const auto links = fs::hard_link_count("/proc/" + std::to_string(lab_.ptzdPid()) + "/task", problem);
+    return problem ? 0 : static_cast<int>(links) - 2;
 }
 
 /// Timers only start threads now and then, so that the fewest that are seen are those that stay.

@@ -163,6 +163,23 @@ void addInterruption(Dice& dice, std::vector<Step>& steps, const std::set<std::s
         addMethod(dice, steps, offered, [](const Method& method) { return method.kind != Kind::OTHER; });
 }
 
+const Method& methodNamed(const std::string& name)
+{
+    return *std::find_if(methods().begin(), methods().end(), [&](const Method& method) { return method.name == name; });
+}
+
+/// Target tracking that somebody ends in mid-motion, and what then tells who moved the head last.
+void addTracking(Dice& dice, std::vector<Step>& steps)
+{
+    constexpr const char* ENDS[] = {"stop", "stop", "move", "manualCalibrate", "targetTrackBack", "startPanorama"};
+    constexpr const char* TELLS[] = {"targetTrack", "targetTrackBack", "reloadTargetTrackConfig"};
+    steps.push_back(methodStep(dice, methodNamed("targetTrack")));
+    steps.push_back({"@nap", {}, std::to_string(dice.below(2500))});
+    steps.push_back(methodStep(dice, methodNamed(dice.of(ENDS))));
+    steps.push_back({"@rest", {}, ""});
+    steps.push_back(methodStep(dice, methodNamed(dice.of(TELLS))));
+}
+
 void addCommand(Dice& dice, std::vector<Step>& steps, const std::set<std::string>& offered)
 {
     if (dice.oneIn(8))
@@ -174,6 +191,8 @@ void addCommand(Dice& dice, std::vector<Step>& steps, const std::set<std::string
         addSetting(dice, steps, offered);
     else if (kind < 11)
         addInterruption(dice, steps, offered);
+    else if (kind < 15)
+        addTracking(dice, steps);
     else
         addMethod(dice, steps, offered, [](const Method&) { return true; });
     addPause(dice, steps);

@@ -71,6 +71,24 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     expectAt(1800, 710);
 }
 
+TEST_F(Mask, KeepsTheStoredPositionWhenTheHeadStartsHidden)
+{
+    LabOptions options = slowHead();
+    options.clockSpeed = 20;
+    options.config["lens_mask"] = "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n";
+    options.config["ptzd"] =
+        "config motor 'x_motor'\n\toption steps '1800'\nconfig motor 'y_motor'\n\toption steps '710'\n";
+    up(options);
+    lab.setSpeed(1);
+    EXPECT_EQ(mask("off"), FOLLOWED);
+    EXPECT_EQ(mask("on"), FOLLOWED) << "the head is hardly out yet";
+    expectStored("1800", "710");
+    EXPECT_EQ(lab.call("movePanorama", coords(1, 0)), DONE) << "leaves the lens hidden";
+    EXPECT_EQ(mask("off"), FOLLOWED);
+    EXPECT_EQ(mask("on"), FOLLOWED);
+    expectStored("1800", "710");
+}
+
 TEST_F(Mask, InterruptsAMotionAndStoresWhereThatHadGot)
 {
     up(slowHead());
@@ -136,6 +154,7 @@ TEST_F(Mask, ReportsWhatItCannotReadOrSet)
     EXPECT_TRUE(reported("ubusLensMask", "error to get option y_motor.steps"));
     ASSERT_TRUE(settled());
     expectAt(1500, 550); // home
+    EXPECT_EQ(lab.call("move", coords(1, 0)), DONE) << "until then nothing is stored";
     EXPECT_EQ(mask("on"), FOLLOWED) << "there is no section to store the position in";
     EXPECT_TRUE(reported("ubusLensMask", "error to set option x_motor.steps"));
     EXPECT_TRUE(reported("ubusLensMask", "error to set option y_motor.steps"));
