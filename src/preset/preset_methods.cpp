@@ -253,6 +253,8 @@ int ubusDeletePreset(ubus_context* connection, ubus_object*, ubus_request_data* 
         LOG_ERROR("error to get ID list\n");
         return replyCode(connection, request, ERR_PARAM);
     }
+    if (nestedTooDeeply(args[0]))
+        return replyCode(connection, request, ERR_PARAM);
     const std::unique_ptr<char, FreeText> text(blobmsg_format_json(args[0], false));
     int32_t ids[PRESET_COUNT];
     const int32_t count = string_to_int_list(text.get(), ids, PRESET_COUNT);

@@ -52,6 +52,8 @@ bool readRange(json_object* element, int day, int number, PlanEntry& entry)
 
 bool readDay(blob_attr* argument, int day, DayPlanSet& plan)
 {
+    if (nestedTooDeeply(argument))
+        return false;
     const std::unique_ptr<json_object, ReleaseJson> ranges(
         json_alloc_get_json_array_from_blobmsg_array(argument, planPolicy[day].name));
     if (!ranges || !plan.tables[day])

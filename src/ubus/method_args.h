@@ -20,6 +20,10 @@ void parseArgs(const blobmsg_policy (&policy)[N], blob_attr* (&args)[N], blob_at
 /// ignored, text that is no number gives 0, and a number outside 32 bits saturates.
 [[nodiscard]] int32_t decimalArg(const blob_attr* argument);
 
+/// Whether arrays and tables nest in an ARRAY or TABLE argument beyond every use of them. The library's formatting
+/// recurses once a level, so that a single message could exhaust the stack.
+[[nodiscard]] bool nestedTooDeeply(blob_attr* argument);
+
 /// The arguments of a call that needs all of its policy's, each a STRING that holds a decimal integer.
 /// @return false, `values` unchanged, when one is missing.
 template <size_t N>
