@@ -3,7 +3,8 @@
 // A struct's members are written by its owner alone unless a word here says otherwise. A word that is read without a
 // lock is atomic; words that belong together still change under their lock.
 //
-// Locks, in the order in which they may be taken: a lock may be waited for only while none further down is held.
+// Locks, in the order in which they may be taken: a lock may be waited for only while none further down is held
+// (core/lock_order.h checks it in debug builds).
 //   MotionLock          the step-move state
 //   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never with MotionLock
 //   ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
@@ -52,8 +53,8 @@ enum MotionOrigin : int32_t {
 /// Owner: motor/motion_state. All words but `calibrating` change under MotionStateLock, except where a function says
 /// so.
 struct MotionState {
-    Mutex MotionLock;
-    Mutex MotionStateLock;
+    Mutex MotionLock{LockRank::Motion};
+    Mutex MotionStateLock{LockRank::MotionState};
     std::atomic<int32_t> motion_active{0};       // 1 from a begin step until its idle transition
     std::atomic<int32_t> motion_origin{0};       // MotionOrigin of the motion, or of the last one
     std::atomic<int32_t> user_moved_recently{0}; // the tour stays away from the head while set
@@ -117,7 +118,7 @@ struct PresetTable {
 
 /// Owner: preset/. The table is written on the event loop's thread alone.
 struct PresetState {
-    Mutex PresetLock;
+    Mutex PresetLock{LockRank::Preset};
     PresetTable presets GUARDED_BY(PresetLock) = {};
     float presetSpeed = 0; // these two: event loop only
     int32_t presetImageFreezeEnabled = 0;
@@ -186,7 +187,7 @@ struct ImageState {
 
 /// Owner: ubus/. All but notifyBuf belongs to the event loop's thread.
 struct UbusState {
-    Mutex BusLock;
+    Mutex BusLock{LockRank::Bus};
     ubus_context* gUbusctx = nullptr;
     blob_buf replyBuf{};
     blob_buf notifyBuf{}; // used under MotionStateLock
@@ -203,7 +204,7 @@ inline constexpr int UCI_PACKAGE_COUNT = 7;
 
 /// Owner: config/uci_store.
 struct ConfigState {
-    RecursiveMutex ConfigStoreLock;
+    RecursiveMutex ConfigStoreLock{LockRank::ConfigStore};
     uci_context* uciContext GUARDED_BY(ConfigStoreLock) = nullptr;
     UciPackage uciPackages[UCI_PACKAGE_COUNT] GUARDED_BY(ConfigStoreLock) = {
         {"ptzd", nullptr},         {"image", nullptr},    {"diagd", nullptr}, {"lens_mask", nullptr},
