@@ -171,13 +171,16 @@ public:
 
     // Time.
     void setSpeed(double labPerReal);
-    /// Local time "YYYY-MM-DD HH:MM:SS".
+    /// Time of this process's zone, "YYYY-MM-DD HH:MM:SS".
     bool setWall(const std::string& localTime);
     /// Speed 1 and the machine's wall clock again.
     void realTime();
     double speed() const;
-    /// Local time of the lab, in the form that setWall() takes.
+    /// The lab's wall clock in the form that setWall() takes.
     std::string wall() const;
+    /// The time zone that the lab's programs see, the machine's until then: a rule like "CET-1CEST,M3.5.0,M10.5.0/3".
+    /// Without effect where the environment has TZ.
+    bool setZone(const std::string& rule);
     int64_t labTimeNs() const;
     /// The wall clock at lab time 0 in ns since 1970; nothing while the wall clock is the machine's.
     std::optional<int64_t> wallAtZeroNs() const;

@@ -10,6 +10,9 @@ inline constexpr uint32_t LAB_STATE_MAGIC = 0x62616c70;
 /// Grows with every change of the records below; a process refuses a state file of another version.
 inline constexpr uint32_t LAB_STATE_VERSION = 1;
 
+/// The lab's time zone, below DIR.
+#define LAB_ZONE_FILE "/etc/localtime"
+
 enum LabAxisId : uint32_t { LAB_PAN, LAB_TILT, LAB_AXIS_COUNT };
 
 /// The seven requests of a motor device, numbered as in their request words.

@@ -164,6 +164,8 @@ std::vector<std::string> Lab::environment() const
         result.emplace_back(*variable);
     set("PTZD_LAB=" + folder_);
     set("MSGLOG_FILE=" + folder_ + "/log/msglog");
+    if (!getenv("TZ"))
+        set("TZ=:" + folder_ + "/./" + LAB_ZONE_FILE); // the preloaded library respells it when the file changes
     // The loader splits LD_PRELOAD at blanks, but takes a bare name from LD_LIBRARY_PATH, which it splits at colons
     // only.
     const std::filesystem::path library = LAB_PRELOAD;

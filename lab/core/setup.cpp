@@ -80,6 +80,27 @@ void linkBusSocket(const std::string& folder)
         fs::create_symlink("../ubus.sock", below, ignored);
 }
 
+/// The machine's zone until another is set; without a file it is UTC for both.
+void linkZone(const std::string& folder)
+{
+    std::error_code ignored;
+    fs::remove(folder + LAB_ZONE_FILE, ignored);
+    fs::create_symlink(LAB_ZONE_FILE, folder + LAB_ZONE_FILE, ignored);
+}
+
+/// A zone file whose rule counts for all times after 1901: the format's first part, for old readers, and its second.
+std::string zoneFile(const std::string& rule)
+{
+    const auto number = [](size_t value) { return std::string(3, '\0') + static_cast<char>(value); };
+    const auto part = [&](size_t changes) {
+        const std::string counts = number(0) + number(0) + number(0) + number(changes) + number(1) + number(4);
+        return "TZif2" + std::string(15, '\0') + counts;
+    };
+    const std::string type = std::string(6, '\0') + std::string("UTC", 4); // offset, no daylight saving, name
+    const std::string since = std::string(4, '\xff') + '\x80' + std::string(3, '\0');
+    return part(0) + type + part(1) + since + '\0' + type + "\n" + rule + "\n";
+}
+
 /// A zeroed record of the state, in a file that becomes DIR/state when it is complete.
 LabState* mapFreshState(const std::string& path)
 {
@@ -132,6 +153,7 @@ bool Lab::prepare(const LabOptions& options)
     if (!copySettings(folder_, options_.config))
         return fail("cannot copy the settings to " + folder_ + "/etc/config");
     linkBusSocket(folder_);
+    linkZone(folder_);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         if (!hasNode(axis) && !moveFile(hiddenNodePath(folder_, axis), nodePath(folder_, axis)) &&
             !touch(nodePath(folder_, axis)))
@@ -171,6 +193,12 @@ bool Lab::createState(const LabOptions& options)
         record.nodeInode = node.st_ino;
     }
     return complete && moveFile(path + ".new", path);
+}
+
+bool Lab::setZone(const std::string& rule)
+{
+    const std::string path = folder_ + LAB_ZONE_FILE;
+    return (writeFile(path + ".new", zoneFile(rule)) && moveFile(path + ".new", path)) || fail("cannot write " + path);
 }
 
 bool Lab::hasNode(LabAxisId axis) const

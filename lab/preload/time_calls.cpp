@@ -3,6 +3,10 @@
 #include "context.h"
 #include "lab_sleep.h"
 
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -59,6 +63,35 @@ int sleepRelative(LabState& state, const timespec* wanted, timespec* remaining)
     if (result == EINTR && remaining)
         *remaining = asTimespec(left);
     return result;
+}
+
+/// What TZ ends with in a lab's programs, in both of its spellings.
+constexpr const char* ZONE_FILE = "/./" LAB_ZONE_FILE;
+constexpr const char* ZONE_FILE_AGAIN = "///" LAB_ZONE_FILE;
+
+/// Has the C library read the lab's zone again if its file is another than at the last call. The library remembers the
+/// zone by the text of TZ, so the file is named in turn in one of two ways.
+void followZoneFile()
+{
+    static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    static struct stat known;
+    char* zone = labFolder() ? getenv("TZ") : nullptr;
+    const size_t length = zone ? strlen(zone) : 0;
+    const size_t tail = strlen(ZONE_FILE);
+    if (length <= tail ||
+        (strcmp(zone + length - tail, ZONE_FILE) != 0 && strcmp(zone + length - tail, ZONE_FILE_AGAIN) != 0))
+        return;
+    struct stat now {};
+    if (stat(zone + strspn(zone, ":"), &now) != 0)
+        return;
+    pthread_mutex_lock(&lock);
+    if (now.st_ino != known.st_ino || now.st_mtim.tv_sec != known.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != known.st_mtim.tv_nsec) {
+        known = now;
+        char& spelling = zone[length - tail + 1];
+        spelling = spelling == '.' ? '/' : '.';
+    }
+    pthread_mutex_unlock(&lock);
 }
 
 } // namespace
@@ -128,6 +161,18 @@ int timespec_get(timespec* now, int base) noexcept
         return NEXT(timespec_get)(now, base);
     *now = asTimespec(wallNow(*state));
     return base;
+}
+
+void tzset() noexcept
+{
+    followZoneFile();
+    NEXT(tzset)();
+}
+
+tm* localtime(const time_t* seconds) noexcept
+{
+    followZoneFile();
+    return NEXT(localtime)(seconds);
 }
 
 int nanosleep(const timespec* wanted, timespec* remaining)

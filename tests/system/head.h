@@ -45,6 +45,25 @@ inline LabOptions slowHead()
     return options;
 }
 
+/// The package tour; times of the scan in minutes.
+inline std::string tourPackage(const std::string& enabled, int type, int from, int to, int start = 0, int end = 0)
+{
+    const auto option = [](const char* name, int value) {
+        return std::string("\n\toption ") + name + " '" + std::to_string(value) + "'";
+    };
+    return "config tour 'tour_info'\n\toption enabled '" + enabled + "'" + option("tour_type", type) +
+           "\nconfig scan_tour 'scan_tour'" + option("x_coord_start", from) + option("x_coord_end", to) +
+           option("start_time", start) + option("end_time", end) + "\n";
+}
+
+/// An element of a weekday's array, named like "monday_1"; minutes, and a preset's id, or "" for a disable entry.
+inline std::string planEntry(const std::string& name, int start, int end, const std::string& preset)
+{
+    const std::string action = preset.empty() ? R"("disable")" : R"("preset","action_id":")" + preset + "\"";
+    return R"({")" + name + R"(":{"start_time":)" + std::to_string(start) + R"(,"end_time":)" + std::to_string(end) +
+           R"(,"action_type":)" + action + "}}";
+}
+
 class HeadInTheLab : public testing::Test {
 protected:
     Lab lab;

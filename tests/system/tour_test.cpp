@@ -6,19 +6,6 @@ namespace {
 
 using Steps = std::vector<int32_t>;
 
-std::string preset(const std::string& name, int start, int end, const std::string& id)
-{
-    return R"({")" + name + R"(":{"start_time":)" + std::to_string(start) + R"(,"end_time":)" + std::to_string(end) +
-           R"(,"action_type":"preset","action_id":")" + id + R"("}})";
-}
-
-std::string tourPackage(const std::string& enabled, int type, int from, int to)
-{
-    return "config tour 'tour_info'\n\toption enabled '" + enabled + "'\n\toption tour_type '" + std::to_string(type) +
-           "'\nconfig scan_tour 'scan_tour'\n\toption x_coord_start '" + std::to_string(from) +
-           "'\n\toption x_coord_end '" + std::to_string(to) + "'\n\toption start_time '0'\n\toption end_time '0'\n";
-}
-
 TEST_F(HeadInTheLab, KeepsPresetsOverARestartAndGoesToThem)
 {
     up();
@@ -81,7 +68,7 @@ TEST_F(HeadInTheLab, FollowsTheWeeklyPlan)
     EXPECT_EQ(lab.call("setPreset", R"({"id":"3","save_ptz":"1"})"), R"({"name":"preset3","id":"3","error_code":0})");
     EXPECT_EQ(lab.call("moveTo", R"({"x_coord":"0","y_coord":"-6"})"), DONE);
     ASSERT_TRUE(settled(2));
-    EXPECT_EQ(lab.call("set_plan_config", R"({"monday":[)" + preset("monday_1", 480, 720, "3") + "]}"), DONE);
+    EXPECT_EQ(lab.call("set_plan_config", R"({"monday":[)" + planEntry("monday_1", 480, 720, "3") + "]}"), DONE);
     EXPECT_EQ(lab.uciGet("ptz_plan.monday_1.action_id"), "3");
     lab.forget();
     const int64_t start = lab.labTimeNs();
@@ -104,7 +91,7 @@ TEST_F(HeadInTheLab, ToursAndCommandsTogetherLeaveOneIdleForEachMoving)
     options.config["tour"] = tourPackage("on", 1, -100, 100);
     options.clockSpeed = 100;
     up(options);
-    const std::string day = R"({"monday":[)" + preset("monday_1", 0, 1440, "1") + "]}";
+    const std::string day = R"({"monday":[)" + planEntry("monday_1", 0, 1440, "1") + "]}";
     for (int round = 0; round < repetitions(15, 300); ++round) {
         // Starts the tour anew whatever a user has done; its step then meets the commands that follow.
         EXPECT_EQ(lab.call("reload_tour_info"), DONE);
