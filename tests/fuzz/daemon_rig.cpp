@@ -161,6 +161,7 @@ int32_t DaemonRig::run(const Settings& settings, const std::function<void()>& in
     around.inside = inside;
     prepareContext();
     giveAxesFakeMotors();
+    std::copy(std::begin(capability), std::end(capability), fakeMotor.capability);
     const int32_t result = PtzdInit();
     FUZZ_CHECK(around.reached || result == -1, "started without a loop\n");
     return result;
@@ -175,6 +176,7 @@ void DaemonRig::runWorkers()
         worker.routine(worker.argument);
     }
     around.patience = WORKER_PATIENCE;
+    fakeMotor.requests.clear(); // a rotation test makes many
 }
 
 void DaemonRig::expire(unsigned timer)
@@ -223,6 +225,11 @@ std::string DaemonRig::stored(const std::string& package)
     return readFile(configFolder() + "/" + package);
 }
 
+void DaemonRig::store(const std::string& package, const std::string& text)
+{
+    writeFile(configFolder() + "/" + package, text);
+}
+
 void DaemonRig::checkPresetMap()
 {
     const PresetTable table = presetTableNow();
@@ -266,18 +273,24 @@ std::optional<std::vector<uint8_t>> messageFrom(Input input)
         return std::vector<uint8_t>(raw.begin(), raw.end());
     }
     const Bytes damage = input.bytes(form == DAMAGED ? size_t{3} * (input.byte() % 8) : 0);
+    auto attributes = messageOf(asText(input.rest()));
+    for (Input patches(damage); attributes && !attributes->empty() && !patches.empty();) {
+        const size_t at = patches.word() % attributes->size();
+        (*attributes)[at] = patches.byte();
+    }
+    return attributes;
+}
+
+std::optional<std::vector<uint8_t>> messageOf(const std::string& json)
+{
     blob_buf buffer{};
     blob_buf_init(&buffer, 0);
-    const bool added = blobmsg_add_json_from_string(&buffer, textOf(input.rest()).c_str());
+    const bool added = blobmsg_add_json_from_string(&buffer, json.c_str());
     const auto* content = static_cast<const uint8_t*>(blob_data(buffer.head));
-    std::vector<uint8_t> attributes(content, content + blob_len(buffer.head));
+    const std::vector<uint8_t> attributes(content, content + blob_len(buffer.head));
     blob_buf_free(&buffer);
     if (!added)
         return std::nullopt;
-    for (Input patches(damage); !patches.empty() && !attributes.empty();) {
-        const size_t at = patches.word() % attributes.size();
-        attributes[at] = patches.byte();
-    }
     return attributes;
 }
 
@@ -385,7 +398,7 @@ bool workersStop(int32_t)
 
 bool shutdownRequested()
 {
-    return true;
+    return false;
 }
 
 bool shutdownSleep(int32_t)

@@ -4,6 +4,7 @@
 
 #include "core/context.h"
 #include "fuzz.h"
+#include "motor/motor_device.h"
 
 #include <functional>
 #include <map>
@@ -16,6 +17,9 @@ using Settings = std::map<std::string, std::string>;
 
 class DaemonRig {
 public:
+    /// What the motors report of themselves at start.
+    MotorCapability capability[AXIS_COUNT] = {{300, 8, 3000, {}}, {122, 8, 1220, {}}};
+
     /// Starts the daemon on these packages (of those left out, the defaults that it is delivered with), runs `inside`
     /// in the place of its event loop, and ends it. @return what PtzdInit returned; -1 also when it never got to the
     /// loop.
@@ -34,8 +38,9 @@ public:
     [[nodiscard]] static unsigned methodCount();
     [[nodiscard]] static std::string methodName(unsigned method);
 
-    /// The file of a package, as it is stored.
+    /// The file of a package as it is stored, and its replacement by others.
     [[nodiscard]] static std::string stored(const std::string& package);
+    static void store(const std::string& package, const std::string& text);
 
     /// Checks what must hold at any time: the map of the presets names enabled slots that carry the id.
     static void checkPresetMap();
@@ -47,3 +52,6 @@ public:
 /// Attributes of a message, made of an input by its first byte: as they are, from JSON text, or from JSON text and then
 /// damaged. Empty, without a value, when the text is no JSON object.
 std::optional<std::vector<uint8_t>> messageFrom(Input input);
+
+/// The attributes of a JSON object; without a value as above.
+std::optional<std::vector<uint8_t>> messageOf(const std::string& json);

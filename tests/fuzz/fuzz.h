@@ -72,7 +72,7 @@ private:
     Bytes rest_;
 };
 
-inline std::string textOf(Bytes bytes)
+inline std::string asText(Bytes bytes)
 {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }

@@ -1,7 +1,10 @@
 // set_plan_config: any message, on a plan that is stored already.
 
 #include "daemon_rig.h"
+#include "preset/preset_store.h"
 #include "tour/plan.h"
+
+#include <string.h>
 
 namespace {
 
@@ -25,12 +28,19 @@ std::vector<PlanEntry> day(const DayPlanSet& plan, int number)
     return {plan.tables[number], plan.tables[number] + PLAN_DAY_ENTRIES};
 }
 
+/// The id as it is stored: a byte less than what the request may hold, and none that the store would not give back.
+std::string storedId(const PlanEntry& entry)
+{
+    const std::string id(entry.action_id, strnlen(entry.action_id, sizeof(entry.action_id)));
+    return presetNameStorable(id.c_str()) ? id.substr(0, sizeof(entry.action_id) - 1) : "";
+}
+
 bool sameRange(const PlanEntry& a, const PlanEntry& b)
 {
     if (a.valid == 0 || b.valid == 0)
         return a.valid == b.valid;
     return a.action_type == b.action_type && a.start_time == b.start_time && a.end_time == b.end_time &&
-           (a.action_type != PLAN_ACTION_PRESET || planPresetId(a) == planPresetId(b));
+           (a.action_type != PLAN_ACTION_PRESET || storedId(a) == storedId(b));
 }
 
 /// The stored plan is the pending one in the days that this names, and what it was in the others.
