@@ -28,7 +28,10 @@ void motorCali(AxisIndex axis, const CalibrationTarget& target)
         return;
     }
     LOG_TRACE("start calibration rotate.\n");
-    for (const int32_t steps : {-target.totalSteps, target.totalSteps, target.returnSteps - target.totalSteps}) {
+    MotorStatus atFarEnd{};
+    atFarEnd.position = target.totalSteps;
+    const int32_t back = targetCommand(atFarEnd, target.returnSteps).steps; // saturates
+    for (const int32_t steps : {-target.totalSteps, target.totalSteps, back}) {
         if (workersStopping())
             return;
         if (motorRotate(axis, steps) != RESULT_OK) {
