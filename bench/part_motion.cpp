@@ -1,0 +1,121 @@
+// How soon a motion begins and ends after its call, by the journal's times, beside an object that makes the same bus
+// connections, look-up, calls and event, and the same two device requests.
+
+#include "bench.h"
+#include "callers.h"
+#include "head_pair.h"
+#include "lab/clock.h"
+#include "lab/state_file.h"
+#include "statistics.h"
+
+#include <functional>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr double TIME_GOAL = 1.1;
+constexpr int32_t SLOW = 1; // steps a second and unit of speed: no motion ends by itself
+constexpr auto CALM = 3ms;  // for the receivers of the notifications
+constexpr const char* FAR = R"({"x_coord":"100","y_coord":"40"})";
+
+/// Times from sending a call, in µs.
+struct Timed {
+    double first = 0;
+    double second = 0;
+    double reply = 0;
+};
+
+class Journal {
+public:
+    explicit Journal(HeadPair& pair) : pair_(pair), state_(mapLabState(pair.lab().folder().c_str()))
+    {
+    }
+    [[nodiscard]] bool valid() const
+    {
+        return state_ != nullptr;
+    }
+    /// Calls, and looks for the two requests of that name that it makes; zeros unless it makes just two.
+    Timed timed(Callers& callers, const Target& target, const std::string& request)
+    {
+        pair_.lab().forget();
+        const CallMoment call = callers.once(target);
+        std::vector<double> us;
+        for (const LabJournalEntry& entry : pair_.lab().journal()) {
+            if (entry.request == request)
+                us.push_back(static_cast<double>(entry.realNs + state_->startNs - call.sentNs) / 1000);
+        }
+        if (us.size() != 2 || call.sentNs == 0)
+            return {};
+        return {us[0], us[1], static_cast<double>(call.answeredNs - call.sentNs) / 1000};
+    }
+
+private:
+    HeadPair& pair_;
+    const LabState* state_;
+};
+
+struct Side {
+    std::vector<double> first;
+    std::vector<double> second;
+    std::vector<double> reply;
+    std::vector<double> stop;
+
+    void add(const Timed& move, const Timed& stopped)
+    {
+        first.push_back(move.first);
+        second.push_back(move.second);
+        reply.push_back(move.reply);
+        stop.push_back(stopped.second);
+    }
+};
+
+void compare(Report& report, const std::string& what, const std::vector<double>& ptzd, const std::vector<double>& bare,
+             bool goal)
+{
+    Row row{what, "µs", median(ptzd), percentile99(ptzd), median(bare), percentile99(bare)};
+    row.ratio = Sides{ptzd, bare}.ratio();
+    if (goal) {
+        row.goal = "≤ 1.1";
+        row.met = *row.ratio <= TIME_GOAL;
+    }
+    report.add(row);
+}
+
+} // namespace
+
+void benchMotion(const Effort& effort, Report& report)
+{
+    HeadPair pair;
+    Journal journal(pair);
+    report.require(pair.valid() && journal.valid(), "the lab starts");
+    if (!pair.valid() || !journal.valid())
+        return;
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+        pair.lab().setFactor(axis, SLOW);
+    Callers callers(pair.socket(), 1);
+    constexpr const char* OBJECTS[] = {"ptzd", "bare", "bare_requests"};
+    Side sides[std::size(OBJECTS)];
+    bool two = true;
+    for (int motion = 0; motion < effort.motions; ++motion) {
+        for (size_t i = 0; i < std::size(OBJECTS); ++i) {
+            const char* object = OBJECTS[i];
+            const Timed move = journal.timed(callers, {object, "moveTo", {FAR, FAR}}, "MOVE");
+            std::this_thread::sleep_for(CALM);
+            const Timed stop = journal.timed(callers, {i == 0 ? "ptzd" : "bare_requests", "stop"}, "STOP");
+            std::this_thread::sleep_for(CALM);
+            sides[i].add(move, stop);
+            two = two && move.second > 0 && stop.second > 0;
+        }
+    }
+    report.require(two, "a moveTo makes two MOVE requests and a stop two STOP requests");
+    const auto& [ptzd, bare, alike] = sides;
+    report.section("From the call of moveTo or stop, by the journal");
+    compare(report, "moveTo to first MOVE", ptzd.first, bare.first, true);
+    compare(report, "moveTo to second MOVE", ptzd.second, bare.second, true);
+    compare(report, "moveTo to reply", ptzd.reply, bare.reply, true);
+    compare(report, "moveTo to first MOVE, bare with the same requests", ptzd.first, alike.first, false);
+    compare(report, "moveTo to reply, bare with the same requests", ptzd.reply, alike.reply, false);
+    compare(report, "stop to second STOP", ptzd.stop, bare.stop, true);
+}
