@@ -30,6 +30,7 @@ constexpr const char* BUS_SOCKET = PTZD_UBUS_SOCKET;
 constexpr const char* PACKAGE = "bare"; // a copy of the daemon's own
 
 int motors[2];
+bool moving;
 blob_buf reply;
 uci_context* settings;
 uci_package* package;
@@ -104,13 +105,6 @@ int getStatusRequests(ubus_context* bus, ubus_object*, ubus_request_data* reques
     return sendTable(bus, request, "status", STATUS, std::size(STATUS));
 }
 
-int stopAxes(ubus_context* bus, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
-{
-    requestBoth(STOP);
-    code("error_code");
-    return send(bus, request);
-}
-
 void change(const char* section, const char* option, const char* value)
 {
     uci_ptr place{};
@@ -143,8 +137,8 @@ int setConfigRequests(ubus_context* bus, ubus_object*, ubus_request_data* reques
     return send(bus, request);
 }
 
-/// What a motion that begins tells others: a call of "CET" and an event, each on a connection of its own.
-void notify()
+/// What a motion's begin and end tell others: a call of "CET" and an event, each on a connection of its own.
+void notify(const char* method, const char* action)
 {
     blob_buf message{};
     blob_buf_init(&message, 0);
@@ -152,12 +146,12 @@ void notify()
     uint32_t id = 0;
     ubus_context* bus = ubus_connect(nullptr);
     if (!bus || ubus_lookup_id(bus, "CET", &id) != 0 ||
-        ubus_invoke(bus, id, "notify_motor_moving", message.head, nullptr, nullptr, 1000) != 0)
+        ubus_invoke(bus, id, method, message.head, nullptr, nullptr, 1000) != 0)
         fprintf(stderr, "CET does not answer\n");
     if (bus)
         ubus_free(bus);
     blob_buf_init(&message, 0);
-    blobmsg_add_string(&message, "action", "start");
+    blobmsg_add_string(&message, "action", action);
     bus = ubus_connect(nullptr);
     if (!bus || ubus_send_event(bus, "motor_rotate_event", message.head) != 0)
         fprintf(stderr, "the event cannot be sent\n");
@@ -166,19 +160,32 @@ void notify()
     blob_buf_free(&message);
 }
 
-int moveTo(ubus_context* bus, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+int drive(ubus_context* bus, ubus_request_data* request)
 {
-    notify();
+    notify("notify_motor_moving", "start");
     requestBoth(MOVE, 500);
+    moving = true;
     code("error_code");
     return send(bus, request);
+}
+
+int moveTo(ubus_context* bus, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    return drive(bus, request);
 }
 
 int moveToRequests(ubus_context* bus, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
 {
     requestBoth(GET_STATUS);
-    notify();
-    requestBoth(MOVE, 500);
+    return drive(bus, request);
+}
+
+int stopAxes(ubus_context* bus, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+{
+    requestBoth(STOP);
+    if (moving)
+        notify("notify_motor_idle", "stop");
+    moving = false;
     code("error_code");
     return send(bus, request);
 }

@@ -33,11 +33,10 @@ struct Row {
     std::optional<bool> met{};
 };
 
-/// A curve of the plot: what grows, and a figure over it.
+/// A curve of the plot, over what grows.
 struct Curve {
-    std::string panel; // "clients", "presets", "plan entries" or "daemons"
+    std::string panel; // what is shown, and over what
     std::string name;
-    std::string unit;
     std::vector<std::pair<double, double>> points;
 };
 
@@ -46,7 +45,7 @@ public:
     void section(const std::string& title);
     void add(Row row);
     /// Adds a point to a curve, which begins with its first point.
-    void point(const std::string& panel, const std::string& name, const std::string& unit, double x, double y);
+    void point(const std::string& panel, const std::string& name, double x, double y);
     /// Notes something that must hold whatever the machine does; without it the bench fails.
     void require(bool holds, const std::string& what);
 

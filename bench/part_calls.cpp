@@ -3,6 +3,7 @@
 #include "bench.h"
 #include "callers.h"
 #include "head_pair.h"
+#include "process_figures.h"
 #include "statistics.h"
 
 #include <iterator>
@@ -43,18 +44,30 @@ std::string nameOf(const Comparison& comparison)
     return std::string(comparison.method) + (alike ? ", bare with the same requests" : "");
 }
 
-/// Rates and times of both sides in alternation.
+/// Rates, times, and processor time of the object for each call, of both sides in alternation.
 struct Measured {
     Sides rates;
     Sides us;
+    Sides processorUs;
 };
 
-Measured alternate(Callers& callers, const Target& ptzd, const Target& bare, const Effort& effort, Report& report)
+CallTimes watched(Callers& callers, const Target& target, pid_t pid, const Effort& effort, std::vector<double>& us)
 {
+    const int64_t before = processorNs(pid);
+    CallTimes times = callers.run(target, effort.window);
+    if (!times.us.empty())
+        us.push_back(static_cast<double>(processorNs(pid) - before) / 1000 / static_cast<double>(times.us.size()));
+    return times;
+}
+
+Measured alternate(HeadPair& pair, Callers& callers, const Target& ptzd, const Target& bare, const Effort& effort,
+                   Report& report)
+{
+    const pid_t ptzdPid = pair.lab().ptzdPid();
     Measured measured;
     for (int round = 0; round < effort.rounds; ++round) {
-        const CallTimes ours = callers.run(ptzd, effort.window);
-        const CallTimes theirs = callers.run(bare, effort.window);
+        const CallTimes ours = watched(callers, ptzd, ptzdPid, effort, measured.processorUs.ptzd);
+        const CallTimes theirs = watched(callers, bare, pair.barePid(), effort, measured.processorUs.bare);
         report.require(ours.perSecond > 0 && theirs.perSecond > 0, std::string(ptzd.method) + " is answered");
         if (ours.perSecond <= 0 || theirs.perSecond <= 0)
             break;
@@ -71,7 +84,7 @@ void compare(HeadPair& pair, const Comparison& comparison, int clients, const Ef
     Callers callers(pair.socket(), clients);
     const Target ptzd{"ptzd", comparison.method, {comparison.arguments[0], comparison.arguments[1]}};
     const Target bare{comparison.bare, comparison.method, {comparison.arguments[0], comparison.arguments[1]}};
-    const Measured measured = alternate(callers, ptzd, bare, effort, report);
+    const Measured measured = alternate(pair, callers, ptzd, bare, effort, report);
     Row row{nameOf(comparison) + ", " + std::to_string(clients) + (clients == 1 ? " client" : " clients"), "µs"};
     row.ptzd = median(measured.us.ptzd);
     row.ptzd99 = percentile99(measured.us.ptzd);
@@ -83,6 +96,13 @@ void compare(HeadPair& pair, const Comparison& comparison, int clients, const Ef
         row.met = *row.ratio >= RATE_GOAL;
     }
     report.add(row);
+    if (clients != 1)
+        return;
+    Row processor{nameOf(comparison) + ", processor time of the object", "µs"};
+    processor.ptzd = median(measured.processorUs.ptzd);
+    processor.bare = median(measured.processorUs.bare);
+    processor.ratio = *processor.ptzd / *processor.bare;
+    report.add(processor);
 }
 
 } // namespace
@@ -118,13 +138,13 @@ void benchClients(const Effort& effort, Report& report)
     for (const int clients : effort.clients) {
         Callers callers(pair.socket(), clients);
         const Measured measured =
-            alternate(callers, {"ptzd", "getStatus"}, {OWN_REQUESTS, "getStatus"}, effort, report);
+            alternate(pair, callers, {"ptzd", "getStatus"}, {OWN_REQUESTS, "getStatus"}, effort, report);
         Row row{std::to_string(clients) + (clients == 1 ? " client" : " clients"), "1/s"};
         row.ptzd = median(measured.rates.ptzd);
         row.bare = median(measured.rates.bare);
         row.ratio = measured.rates.ratio();
         report.add(row);
-        report.point("clients", "ptzd", "getStatus/s", clients, *row.ptzd);
-        report.point("clients", "bare object", "getStatus/s", clients, *row.bare);
+        report.point("getStatus a second, over clients", "ptzd", clients, *row.ptzd);
+        report.point("getStatus a second, over clients", "bare object", clients, *row.bare);
     }
 }

@@ -96,8 +96,8 @@ void with(int count, const Effort& effort, Report& report)
     row.ratio = us.ratio();
     report.add(row);
     report.require(quantile(us.ptzd, 0) > 0 && ptzd.privateDirty > 0, "every daemon answers");
-    report.point("daemons", "ptzd, KiB each", "KiB", count, ptzd.proportional);
-    report.point("daemons", "bare object, KiB each", "KiB", count, bare.proportional);
+    report.point("KiB of memory of each, over daemons", "ptzd", count, ptzd.proportional);
+    report.point("KiB of memory of each, over daemons", "bare object", count, bare.proportional);
 }
 
 } // namespace

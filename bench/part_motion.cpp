@@ -71,6 +71,17 @@ struct Side {
     }
 };
 
+/// One motion by one object, stopped by another. False when either did not make its two requests.
+bool moveAndStop(Journal& journal, Callers& callers, const char* mover, const char* stopper, Side& side)
+{
+    const Timed move = journal.timed(callers, {mover, "moveTo", {FAR, FAR}}, "MOVE");
+    std::this_thread::sleep_for(CALM);
+    const Timed stop = journal.timed(callers, {stopper, "stop"}, "STOP");
+    std::this_thread::sleep_for(CALM);
+    side.add(move, stop);
+    return move.second > 0 && stop.second > 0;
+}
+
 void compare(Report& report, const std::string& what, const std::vector<double>& ptzd, const std::vector<double>& bare,
              bool goal)
 {
@@ -95,27 +106,23 @@ void benchMotion(const Effort& effort, Report& report)
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         pair.lab().setFactor(axis, SLOW);
     Callers callers(pair.socket(), 1);
-    constexpr const char* OBJECTS[] = {"ptzd", "bare", "bare_requests"};
-    Side sides[std::size(OBJECTS)];
     bool two = true;
-    for (int motion = 0; motion < effort.motions; ++motion) {
-        for (size_t i = 0; i < std::size(OBJECTS); ++i) {
-            const char* object = OBJECTS[i];
-            const Timed move = journal.timed(callers, {object, "moveTo", {FAR, FAR}}, "MOVE");
-            std::this_thread::sleep_for(CALM);
-            const Timed stop = journal.timed(callers, {i == 0 ? "ptzd" : "bare_requests", "stop"}, "STOP");
-            std::this_thread::sleep_for(CALM);
-            sides[i].add(move, stop);
-            two = two && move.second > 0 && stop.second > 0;
+    Side sides[2][2];
+    const char* const bares[] = {"bare", "bare_requests"};
+    for (size_t i = 0; i < std::size(bares); ++i) {
+        for (int motion = 0; motion < effort.motions; ++motion) {
+            two = moveAndStop(journal, callers, "ptzd", "ptzd", sides[i][0]) && two;
+            two = moveAndStop(journal, callers, bares[i], "bare_requests", sides[i][1]) && two;
         }
     }
     report.require(two, "a moveTo makes two MOVE requests and a stop two STOP requests");
-    const auto& [ptzd, bare, alike] = sides;
+    const auto& [ptzd, bare] = sides[0];
+    const auto& [ptzdAlike, alike] = sides[1];
     report.section("From the call of moveTo or stop, by the journal");
     compare(report, "moveTo to first MOVE", ptzd.first, bare.first, true);
     compare(report, "moveTo to second MOVE", ptzd.second, bare.second, true);
     compare(report, "moveTo to reply", ptzd.reply, bare.reply, true);
-    compare(report, "moveTo to first MOVE, bare with the same requests", ptzd.first, alike.first, false);
-    compare(report, "moveTo to reply, bare with the same requests", ptzd.reply, alike.reply, false);
+    compare(report, "moveTo to first MOVE, bare with the same requests", ptzdAlike.first, alike.first, false);
+    compare(report, "moveTo to reply, bare with the same requests", ptzdAlike.reply, alike.reply, false);
     compare(report, "stop to second STOP", ptzd.stop, bare.stop, true);
 }

@@ -94,8 +94,8 @@ void withPresets(int count, const Effort& effort, Report& report)
     report.add({presets + "getPresetAll", "µs", median(all), percentile99(all)});
     report.add({presets + "bytes that a saved position writes", "bytes", bytes});
     report.add({presets + "private dirty", "KiB", memoryOf(pair.lab().ptzdPid()).privateDirty});
-    report.point("presets", "getPresetAll", "µs", count, median(all));
-    report.point("presets", "bytes of a save / 10", "", count, bytes / 10);
+    report.point("µs of getPresetAll, over presets", "ptzd", count, median(all));
+    report.point("bytes that a saved position writes, over presets", "ptzd", count, bytes);
 }
 
 void withPlan(int entries, const Effort& effort, Report& report)
@@ -125,8 +125,8 @@ void withPlan(int entries, const Effort& effort, Report& report)
     report.add({plan + "set_plan_config of a day", "µs", median(set), percentile99(set)});
     report.add({plan + "processor time of an hour of touring at rest", "ms", share * 3600 * 1000});
     report.add({plan + "private dirty", "KiB", memoryOf(ptzd).privateDirty});
-    report.point("plan entries", "set_plan_config", "µs", entries, median(set));
-    report.point("plan entries", "ms of an hour at rest", "", entries, share * 3600 * 1000);
+    report.point("µs of set_plan_config, over plan entries", "ptzd", entries, median(set));
+    report.point("ms of processor time of an hour, over plan entries", "ptzd", entries, share * 3600 * 1000);
 }
 
 } // namespace

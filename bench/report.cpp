@@ -21,6 +21,8 @@ std::string number(const std::optional<double>& value)
         return "";
     char text[32];
     const double size = std::abs(*value);
+    if (size < 0.0005)
+        return "0";
     const bool whole = *value == std::floor(*value) && size < 1e6;
     const int decimals = whole || size >= 100 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : 3;
     (void)snprintf(text, sizeof(text), "%.*f", decimals, *value);
@@ -73,11 +75,11 @@ void Report::add(Row row)
     rows_.push_back(std::move(row));
 }
 
-void Report::point(const std::string& panel, const std::string& name, const std::string& unit, double x, double y)
+void Report::point(const std::string& panel, const std::string& name, double x, double y)
 {
     const auto known = std::find_if(curves_.begin(), curves_.end(),
                                     [&](const Curve& curve) { return curve.panel == panel && curve.name == name; });
-    Curve& curve = known != curves_.end() ? *known : curves_.emplace_back(Curve{panel, name, unit, {}});
+    Curve& curve = known != curves_.end() ? *known : curves_.emplace_back(Curve{panel, name, {}});
     curve.points.emplace_back(x, y);
 }
 
