@@ -155,7 +155,8 @@ int main(int count, char** arguments)
     // In memory: then a commit costs what the daemon does for it, not what this machine's disk does.
     if (!getenv("TMPDIR") && access(MEMORY_FOLDER, W_OK) == 0)
         setenv("TMPDIR", MEMORY_FOLDER, 1);
-    steady();
+    if (options.effort != &SMOKE)
+        steady();
     Report report;
     for (const NamedPart* part : options.parts) {
         fprintf(stderr, "bench: %s\n", part->what);
