@@ -2,8 +2,7 @@
 
 #include "ubus/bus_door.h"
 
-#include <inttypes.h>
-#include <stdio.h>
+#include <charconv>
 
 namespace {
 
@@ -29,7 +28,7 @@ void replyAddInt(const char* name, int32_t value)
 void replyAddDecimal(const char* name, int64_t value)
 {
     char text[24];
-    (void)snprintf(text, sizeof(text), "%" PRId64, value);
+    *std::to_chars(text, text + sizeof(text) - 1, value).ptr = '\0'; // printf was half of what we add to a reading call
     addString(gContext.ubus.replyBuf, name, text);
 }
 
