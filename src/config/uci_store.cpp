@@ -59,13 +59,14 @@ uci_package* cfg_uci_pkg_init(const char* name)
     return package;
 }
 
-void cfg_uci_pkg_reload(int32_t id)
+int32_t cfg_uci_pkg_reload(int32_t id)
 {
     RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
     if (id < 0 || id >= UCI_PACKAGE_COUNT)
-        return;
+        return CFG_UCI_FAILED;
     UciPackage& package = gContext.config.uciPackages[id];
     package.handle = cfg_uci_pkg_init(package.name);
+    return package.handle ? 0 : CFG_UCI_FAILED;
 }
 
 void cfg_uci_ensure_loaded(int32_t id)

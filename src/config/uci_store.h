@@ -44,7 +44,7 @@ void cfg_uci_deinit();
 uci_package* cfg_uci_pkg_init(const char* name);
 
 /// Loads a package afresh from storage; on failure (reported) it counts as not loaded from then on.
-void cfg_uci_pkg_reload(int32_t id);
+int32_t cfg_uci_pkg_reload(int32_t id);
 
 /// Saves a package's changes and commits them to its file, durably. A failure is reported; the changes that could not
 /// be written are then discarded with the next reload.

@@ -130,13 +130,17 @@ void enter(PresetTable& table, const PresetRequest& wanted)
     entry.enabled = 1;
 }
 
-/// Stores a changed table; when that fails the table becomes again what is stored.
+/// Stores a changed table; when that fails the table becomes again what is stored, or what it was before where that
+/// cannot be read: the next save that succeeds must not store an empty list.
 int32_t keep(const PresetTable& table)
 {
+    const PresetTable before = presetTableNow();
     presetTableSet(table);
     const int32_t result = savePresetList();
-    if (result != RESULT_OK)
+    if (result != RESULT_OK) {
+        presetTableSet(before);
         (void)reloadPresetList(); // reported there
+    }
     return result;
 }
 

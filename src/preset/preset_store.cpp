@@ -112,7 +112,8 @@ int32_t reloadPresetList()
     ResultCode result = RESULT_OK;
     {
         const UciTransaction transaction(UCI_PTZD);
-        cfg_uci_pkg_reload(UCI_PTZD);
+        if (cfg_uci_pkg_reload(UCI_PTZD) != 0)
+            return ERR_DEVICE; // reported there; an unreadable list is not an empty one
         for (int slot = 1; slot <= PRESET_COUNT && result == RESULT_OK; ++slot) {
             const SectionName section = sectionOf(slot);
             PresetEntry& entry = loaded.presetTable[slot - 1];

@@ -21,7 +21,8 @@ void presetTableSet(const PresetTable& table) EXCLUDES(gContext.preset.PresetLoc
 
 /// Replaces the table by what is stored; a missing section is a free slot, and so is, reported, an enabled one whose id
 /// is not 1..8. On success the preset tour starts anew.
-/// @return RESULT_OK; ERR_DEVICE, reported, when an option but `name` cannot be read: the slots from there on are free.
+/// @return RESULT_OK; ERR_DEVICE, reported, when an option but `name` cannot be read: the slots from there on are free;
+/// or when the whole list cannot be read: the table stays as it is.
 /// Thread: main; takes ConfigStoreLock and PresetLock.
 [[nodiscard]] int32_t reloadPresetList() EXCLUDES(gContext.preset.PresetLock);
 

@@ -120,6 +120,20 @@ TEST_F(Presets, AFailedSaveLeavesWhatIsStored)
     EXPECT_STREQ(preset(1).name, "kept");
 }
 
+// A file that cannot be read for a while holds no empty list: what it cannot tell must not be stored later.
+TEST_F(Presets, SurviveAnUnreadableFile)
+{
+    call(ubusSetPreset, R"({"id":"1","name":"kept"})");
+    const std::string whole = file("ptzd");
+    write("ptzd", "config preset 'unterminated\n");
+    EXPECT_EQ(call(ubusSetPreset, R"({"id":"2","name":"lost"})"), R"({"name":"preset2","id":"2","error_code":-64301})");
+    EXPECT_EQ(ids(), R"({"id":["1"])");
+    write("ptzd", whole);
+    EXPECT_EQ(call(ubusSetPreset, R"({"id":"3"})"), done("preset3", 3));
+    EXPECT_EQ(reloadPresetList(), RESULT_OK);
+    EXPECT_STREQ(preset(1).name, "kept");
+}
+
 TEST_F(Presets, AreDeletedAndTheRestPacked)
 {
     for (const char* id : {"1", "2", "3", "5"}) {

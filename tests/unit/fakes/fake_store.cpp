@@ -21,9 +21,10 @@ void cfg_uci_unlock()
     --fakes.transactions;
 }
 
-void cfg_uci_pkg_reload(int32_t id)
+int32_t cfg_uci_pkg_reload(int32_t id)
 {
     fakes.reloads.push_back(id);
+    return 0;
 }
 
 int32_t cfg_uci_get_string_value(int32_t, const char* section, const char* option, char* out, size_t size)
