@@ -255,7 +255,7 @@ bool tourMayDrive(uint32_t ticket)
     return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket && motionBusy() == RESULT_OK;
 }
 
-bool motionBeginTour(uint32_t ticket)
+bool motionBeginTour(uint32_t ticket, bool toPreset)
 {
     {
         LockGuard hold(gContext.motion.MotionStateLock);
@@ -268,6 +268,8 @@ bool motionBeginTour(uint32_t ticket)
         gContext.motion.motion_origin.store(ORIGIN_TOUR);
         motorNotifyState(NOTIFY_MOVING, ORIGIN_TOUR);
         gContext.motion.motion_active.store(1);
+        if (!toPreset)
+            gContext.tour.tourCurrentPresetId.store(0);
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;
