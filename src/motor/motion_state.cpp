@@ -243,7 +243,7 @@ bool tourMayDrive(uint32_t ticket)
     return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket && motionBusy() == RESULT_OK;
 }
 
-bool motionBeginTour(uint32_t ticket)
+bool motionBeginTour(uint32_t ticket, bool toPreset)
 {
     {
         LockGuard hold(gContext.motion.MotionStateLock);
@@ -254,6 +254,8 @@ bool motionBeginTour(uint32_t ticket)
         gContext.motion.startsSeen.fetch_add(START_EVENT + TOUR_PENDING);
         gContext.motion.tourTicket = ticket;
         (void)announceFromRest(ORIGIN_TOUR);
+        if (!toPreset)
+            gContext.tour.tourCurrentPresetId.store(0);
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;

@@ -79,10 +79,11 @@ void motionStarting();
 /// sends its own.
 [[nodiscard]] bool tourMayDrive(uint32_t ticket) REQUIRES(gContext.motion.MotionLock);
 
-/// The moving transition of a tour step, to be followed by motionTourStarted.
+/// The moving transition of a tour step, to be followed by motionTourStarted. A step that does not go to a preset makes
+/// a preset tour send the head again.
 /// @return false, with nothing begun, when the ticket is worth nothing or the head is not the tour's to move.
 /// Thread: touring; takes MotionStateLock and, under it, BusLock.
-[[nodiscard]] bool motionBeginTour(uint32_t ticket) EXCLUDES(gContext.motion.MotionStateLock);
+[[nodiscard]] bool motionBeginTour(uint32_t ticket, bool toPreset) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// Says that a tour step's move requests have been sent, or never will be because a command has overtaken it: the
 /// motion that was announced is then that command's, and a user's. Thread: touring; takes MotionStateLock.

@@ -38,7 +38,7 @@ TourMove tourTakeOver(uint32_t ticket, MotorStatus& pan, MotorStatus& tilt)
 
 TourMove tourDrive(uint32_t ticket, const MotorCommand& pan, const MotorCommand* tilt)
 {
-    if (!motionBeginTour(ticket))
+    if (!motionBeginTour(ticket, tilt != nullptr))
         return TourMove::Overtaken;
     const TourMove result = sendMoves(ticket, pan, tilt);
     motionTourStarted(result == TourMove::Overtaken);

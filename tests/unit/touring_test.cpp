@@ -97,10 +97,12 @@ protected:
 
 TEST_F(Tour, ScansThereAndBackWithARestAfterEachStep)
 {
+    gContext.tour.tourCurrentPresetId.store(3);
     for (int expected : {-20, -10, 0, 10, 20, 10, 0, -10, -20, -10}) {
         EXPECT_EQ(cycle(), expected);
         ASSERT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 1u) << "tilt does not move";
         EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_MOVING, ORIGIN_TOUR}));
+        EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "a preset tour sends the head again";
         EXPECT_EQ(cycle(), NOWHERE) << "not rested";
         motorStatusPoll(nullptr);
         EXPECT_EQ(fakes.timers[&gContext.timers.scanMoveStopTimer].firstNs, 15'000'000'000);
