@@ -6,13 +6,35 @@
 #include <cctype>
 #include <climits>
 #include <cstdlib>
+#include <functional>
 #include <strings.h>
 
 namespace {
 
 constexpr int32_t MASK_COORDINATE = -61;
 
-/// Decimal text as a number; what is out of range saturates, what is no number is 0.
+bool within(const ModelAxis& axis, int64_t coordinate)
+{
+    return coordinate >= axis.lower && coordinate <= axis.upper;
+}
+
+std::function<bool(int)> is(Origin wanted)
+{
+    return [wanted](int origin) { return origin == wanted; };
+}
+
+std::function<bool(int)> isNot(Origin other)
+{
+    return std::not_fn(is(other));
+}
+
+std::string field(const std::string& name, int64_t value)
+{
+    return "\"" + name + "\":\"" + std::to_string(value) + "\"";
+}
+
+} // namespace
+
 int64_t number(const std::string& text)
 {
     size_t i = 0;
@@ -28,20 +50,13 @@ int64_t number(const std::string& text)
     return std::min<int64_t>(std::max<int64_t>(value, INT32_MIN), INT32_MAX);
 }
 
-bool within(const ModelAxis& axis, int64_t coordinate)
+std::string HeadModel::expect(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs)
 {
-    return coordinate >= axis.lower && coordinate <= axis.upper;
-}
+    while (evidence_.at < evidence_.entries.size() && evidence_.entries[evidence_.at].labNs < calledNs)
+        judgeThread(evidence_.entries[evidence_.at++]);
+    motions.follow(calledNs);
+    calledNs_ = calledNs;
 
-std::string field(const std::string& name, int64_t value)
-{
-    return "\"" + name + "\":\"" + std::to_string(value) + "\"";
-}
-
-} // namespace
-
-std::string HeadModel::expect(const Step& step, const std::string& reply, int64_t repliedLabNs)
-{
     const size_t colon = reply.find("_code\":");
     require(colon != std::string::npos, "no code in the reply " + reply);
     replied_ = static_cast<int32_t>(strtol(reply.c_str() + colon + 7, nullptr, 10));
@@ -52,6 +67,11 @@ std::string HeadModel::expect(const Step& step, const std::string& reply, int64_
         return status();
     if (method == "getCapa")
         return capability();
+    if (method == "getPresetAll")
+        return presetList();
+    if (method.ends_with("Preset"))
+        world.remember();
+    fields_.clear();
     const Code code = method == "move"                      ? move(step)
                       : method == "moveTo"                  ? moveTo(step)
                       : method == "stop"                    ? stop()
@@ -68,11 +88,21 @@ std::string HeadModel::expect(const Step& step, const std::string& reply, int64_
                       : method == "manualCalibrate"         ? manualCalibrate()
                       : method == "test"                    ? test(step)
                       : method == "updateImageConfig"       ? updateImage()
+                      : method == "gotoPreset"              ? gotoPreset(step)
+                      : method == "setPreset"               ? setPreset(step)
+                      : method == "delPreset"               ? delPreset(step)
+                      : method == "clearPreset"             ? clearPreset()
+                      : method == "set_plan_config"         ? setPlan(step)
+                      : method.starts_with("reload_")       ? CODE_OK
                       : stillCalibrating()                  ? CODE_CALIBRATING
                                                             : CODE_OK;
     if (save && save->latestNs == INT64_MAX)
-        save->latestNs = repliedLabNs;
-    return std::string("{\"") + (shortName ? "err_code" : "error_code") + "\":" + std::to_string(code) + "}";
+        save->latestNs = repliedNs;
+    if (method.starts_with("reload_"))
+        motions.requestReload(method == "reload_tour_info");
+    world.changedNs = std::min(world.changedNs, repliedNs);
+    world.held = mask_ || panorama_;
+    return "{" + fields_ + (shortName ? "\"err_code\":" : "\"error_code\":") + std::to_string(code) + "}";
 }
 
 std::string HeadModel::capability() const
@@ -118,7 +148,7 @@ Code HeadModel::move(const Step& step)
         return CODE_NO_TRAVEL;
     if (running() && !halt())
         return CODE_DEVICE;
-    begin(ORIGIN_USER);
+    begin(Begin::USER);
     const Code code = drive(command(LAB_PAN, 0, pan, false), command(LAB_TILT, 0, tilt, false));
     armSave();
     return code;
@@ -138,7 +168,7 @@ Code HeadModel::moveTo(const Step& step)
         return code;
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
-    begin(ORIGIN_USER);
+    begin(Begin::USER);
     const Code code =
         drive(command(LAB_PAN, readings_[LAB_PAN].speed(), toSteps(LAB_PAN, pan) - position(LAB_PAN), true),
               command(LAB_TILT, readings_[LAB_TILT].speed(), toSteps(LAB_TILT, tilt) - position(LAB_TILT), true));
@@ -152,7 +182,7 @@ Code HeadModel::stop()
         return code;
     cancelStep();
     const bool stopped = ask(LAB_PAN, "STOP") && ask(LAB_TILT, "STOP");
-    motions.stop(evidence_.lastOfLoopRealNs());
+    motions.stop(calledNs_, evidence_.lastOfLoopNs());
     armSave();
     return stopped ? CODE_OK : CODE_DEVICE;
 }
@@ -201,7 +231,7 @@ Code HeadModel::aimStep(int32_t direction, const std::vector<int32_t>& pan, cons
             return CODE_DEVICE;
         motions.addBegin(false); // the motion may have come to its end at a limit
     }
-    motions.follow(evidence_.lastOfLoopRealNs());
+    motions.follow(evidence_.lastOfLoopNs());
     const size_t first = evidence_.nextOfLoop();
     atRest = false;
     const Code code = drive(pan, tilt);
@@ -228,7 +258,7 @@ Code HeadModel::startPanorama()
         saveNow();
         readings_[LAB_PAN] = before[LAB_PAN];
         readings_[LAB_TILT] = before[LAB_TILT];
-        begin(ORIGIN_USER);
+        begin(Begin::USER);
         const int32_t pan = toSteps(LAB_PAN, sign(LAB_PAN) * -150) - position(LAB_PAN);
         const int32_t tilt = toSteps(LAB_TILT, sign(LAB_TILT) * -10) - position(LAB_TILT);
         done = drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, true),
@@ -256,7 +286,7 @@ Code HeadModel::movePanorama(const Step& step)
         return CODE_NO_TRAVEL;
     if (running() && !halt())
         return CODE_DEVICE;
-    begin(ORIGIN_USER);
+    begin(Begin::USER);
     return drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, false),
                  command(LAB_TILT, axes[LAB_TILT].made.max_speed, tilt, false));
 }
@@ -266,7 +296,7 @@ Code HeadModel::stopPanorama()
     panorama_ = false;
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
-    begin(ORIGIN_USER);
+    begin(Begin::USER);
     return drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, storedOrHome(LAB_PAN) - position(LAB_PAN), true),
                  command(LAB_TILT, axes[LAB_TILT].made.max_speed, storedOrHome(LAB_TILT) - position(LAB_TILT), true));
 }
@@ -286,11 +316,12 @@ Code HeadModel::targetTrack(const Step& step)
     if (running())
         return CODE_CALIBRATING;
     const Reading before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
+    const auto storing = [](int origin) { return origin == ORIGIN_USER || origin == ORIGIN_TOUR; };
     if (nextIs("GET_STATUS")) {
-        motions.keepOrigin(ORIGIN_USER, true, "the position is stored again in the middle of a tracking");
+        motions.keepOrigin(storing, "the position is stored again in the middle of a tracking");
         saveNow();
     } else {
-        motions.keepOrigin(ORIGIN_USER, false, "the position before a tracking is not stored");
+        motions.keepOrigin(std::not_fn(storing), "the position before a tracking is not stored");
     }
     readings_[LAB_PAN] = before[LAB_PAN];
     readings_[LAB_TILT] = before[LAB_TILT];
@@ -300,7 +331,7 @@ Code HeadModel::targetTrack(const Step& step)
     const int32_t tilt = relative(LAB_TILT, dy);
     if ((dx != 0 && pan == 0) || (dy != 0 && tilt == 0))
         return CODE_NO_TRAVEL;
-    begin(ORIGIN_TRACK);
+    begin(Begin::TRACK);
     const auto speed = [](const std::string& text, const ModelAxis& axis) {
         return static_cast<int32_t>(std::max<int64_t>(1, std::min<int64_t>(number(text), axis.made.max_speed)));
     };
@@ -310,16 +341,17 @@ Code HeadModel::targetTrack(const Step& step)
 
 Code HeadModel::targetTrackBack()
 {
+    motions.endTracking(calledNs_);
     if (const Code code = busy())
         return code;
     if (!axes[LAB_PAN].stored || !axes[LAB_TILT].stored || !readStatus())
         return CODE_DEVICE;
     if (running()) {
         if (!nextIs("STOP")) {
-            motions.keepOrigin(ORIGIN_TRACK, false, "a return does not end the tracking");
+            motions.keepOrigin(isNot(ORIGIN_TRACK), "a return does not end the tracking");
             return CODE_CALIBRATING;
         }
-        motions.keepOrigin(ORIGIN_TRACK, true, "a return stops a motion that is no tracking");
+        motions.keepOrigin(is(ORIGIN_TRACK), "a return stops a motion that is no tracking");
         if (!halt() || !readStatus())
             return CODE_DEVICE;
     }
@@ -327,12 +359,12 @@ Code HeadModel::targetTrackBack()
     const int32_t tilt = storedOrHome(LAB_TILT) - position(LAB_TILT);
     if (!nextIs("MOVE")) {
         if (pan != 0 || tilt != 0)
-            motions.keepOrigin(ORIGIN_USER, true, "a return does not move");
+            motions.keepOrigin(is(ORIGIN_USER), "a return does not move");
         return CODE_OK;
     }
-    motions.keepOrigin(ORIGIN_USER, false, "a return although a user moved the head last");
+    motions.keepOrigin(isNot(ORIGIN_USER), "a return although a user moved the head last");
     require(pan != 0 || tilt != 0, "a return moves to where the head stands");
-    begin(ORIGIN_RETURN);
+    begin(Begin::RETURN);
     return drive(command(LAB_PAN, readings_[LAB_PAN].speed(), pan, true),
                  command(LAB_TILT, readings_[LAB_TILT].speed(), tilt, true));
 }
@@ -353,19 +385,21 @@ Code HeadModel::reloadTargetTrack()
         return CODE_DEVICE;
     const bool ran = running();
     if (ran && nextIs("STOP")) {
-        motions.keepOrigin(ORIGIN_TRACK, true, "the end of tracking stops another motion");
+        motions.keepOrigin(is(ORIGIN_TRACK), "the end of tracking stops another motion");
         if (!ask(LAB_PAN, "STOP") || !ask(LAB_TILT, "STOP"))
             return CODE_DEVICE;
     } else if (ran) {
-        motions.keepOrigin(ORIGIN_TRACK, false, "the end of tracking does not stop it");
+        motions.keepOrigin(isNot(ORIGIN_TRACK), "the end of tracking does not stop it");
     }
     if (evidence_.nextOfLoop() < evidence_.entries.size()) {
         if (ran)
-            motions.keepOrigin(ORIGIN_RETURN, false, "a return begins twice");
+            motions.keepOrigin(isNot(ORIGIN_RETURN), "a return begins twice");
         (void)targetTrackBack();
     } else {
         const bool lost = !axes[LAB_PAN].stored || !axes[LAB_TILT].stored;
         require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
+        if (lost)
+            motions.endTracking(calledNs_);
     }
     return CODE_OK;
 }
@@ -382,7 +416,7 @@ Code HeadModel::lensMask()
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
     const bool wasAtMask = atMask_;
-    begin(ORIGIN_USER);
+    begin(Begin::MASK);
     atMask_ = wasAtMask || wanted;
     int32_t pan = 0;
     int32_t tilt = 0;
@@ -445,7 +479,7 @@ Code HeadModel::manualCalibrate()
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
     cancelStep();
-    motions.follow(evidence_.lastOfLoopRealNs());
+    motions.follow(evidence_.lastOfLoopNs());
     atRest = false;
     queueCalibration({toSteps(LAB_PAN, axes[LAB_PAN].home), toSteps(LAB_TILT, axes[LAB_TILT].home)});
     armSave();

@@ -26,7 +26,7 @@ int32_t clamped(int64_t value, int32_t most)
 } // namespace
 
 HeadModel::HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt)
-    : motions(evidence), evidence_(evidence)
+    : motions(evidence, world), evidence_(evidence)
 {
     axes[LAB_PAN] = {.made = pan, .lower = -150, .upper = 150, .home = 0, .section = "x_motor"};
     axes[LAB_TILT] = {.made = tilt, .lower = -39, .upper = 61, .home = -6, .section = "y_motor"};
@@ -131,14 +131,14 @@ bool HeadModel::halt()
 }
 
 /// Every begin is followed by a move request of the same handler.
-void HeadModel::begin(int origin)
+void HeadModel::begin(Begin kind)
 {
     atMask_ = atMask_ && mask_;
     require(nextIs("MOVE"), "a move request is missing");
-    const int64_t from = evidence_.lastOfLoopRealNs();
+    const int64_t from = evidence_.lastOfLoopNs();
     atRest = false;
     cancelStep();
-    motions.begin(origin, from, evidence_.entries[evidence_.nextOfLoop()].realNs);
+    motions.begin(kind, from, evidence_.entries[evidence_.nextOfLoop()].labNs);
 }
 
 Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt)
@@ -152,7 +152,7 @@ void HeadModel::armSave()
 {
     atMask_ = false;
     if (recover_)
-        save = PendingSave{evidence_.lastOfLoopLabNs(), INT64_MAX};
+        save = PendingSave{evidence_.lastOfLoopNs(), INT64_MAX};
 }
 
 void HeadModel::commit()
@@ -191,6 +191,13 @@ void HeadModel::start()
     mask_ = atMask_ = isOn(settings.mask);
     track_ = isOn(settings.track);
     panorama_ = false;
+    world.held = mask_;
+    world.presets = storedPresets;
+    for (PresetSlot& slot : world.presets) // with the digits that are stored
+        for (float* position : {&slot.pan, &slot.tilt})
+            *position = strtof(std::to_string(*position).c_str(), nullptr);
+    world.factors = {1, 1};
+    pendingPlan_.clear();
     flip_ = 0;
     (void)loadFlip();
     stepMove_ = StepMove::NONE;
@@ -241,7 +248,9 @@ void HeadModel::judgeThreads()
 void HeadModel::judgeThread(const LabJournalEntry& entry)
 {
     fold(entry);
-    if (entry.request == "GET_STATUS") {
+    if (evidence_.lasting.contains(entry.thread)) {
+        judgeTour(entry);
+    } else if (entry.request == "GET_STATUS") {
         if (atRest)
             judgeSaveRead(entry);
     } else if (entry.request == "STOP" && stepMove_ != StepMove::NONE) {
@@ -252,6 +261,52 @@ void HeadModel::judgeThread(const LabJournalEntry& entry)
     } else {
         judgeWorker(entry);
     }
+}
+
+/// The touring thread looks at the axes, halts them if one runs, begins and drives.
+void HeadModel::judgeTour(const LabJournalEntry& entry)
+{
+    atRest = false;
+    const std::string request = std::string(entry.axis == LAB_PAN ? "x " : "y ") + entry.request;
+    const bool ran = tourReadings_[LAB_PAN].running() || tourReadings_[LAB_TILT].running();
+    const bool inOrder = request == "x GET_STATUS" || (request == "y GET_STATUS" && tourDid_ == "x GET_STATUS") ||
+                         (request == "x STOP" && tourDid_ == "y GET_STATUS" && ran) ||
+                         (request == "y STOP" && tourDid_ == "x STOP") ||
+                         (request == "x MOVE" && tourDid_ == (ran ? "y STOP" : "y GET_STATUS")) ||
+                         (request == "y MOVE" && tourDid_ == "x MOVE");
+    require(inOrder, "a tour sends "
+                     " + textOf(entry) + "
+                     " after " +
+                         tourDid_);
+    if (entry.request == "GET_STATUS")
+        tourReadings_[entry.axis].words = entry.result == 0 ? entry.out : std::vector<int32_t>(5);
+    tourReadNs_ = request == "x GET_STATUS" ? entry.labNs : tourReadNs_;
+    tourDid_ = entry.result == 0 || entry.request == "MOVE" ? request : "";
+    if (entry.request != "MOVE") {
+        if (entry.result != 0)
+            motions.tourFails(entry.labNs);
+        return;
+    }
+    const auto may = [&](Presets presets, const std::array<float, 2>& factors, const MotionState& state) {
+        const bool scans = world.settings[state.setting].type == 1;
+        const PresetSlot* preset = presetWithId(presets, state.preset);
+        if (scans ? entry.axis == LAB_TILT : !preset)
+            return false;
+        const Reading& reading = tourReadings_[entry.axis];
+        const int32_t steps =
+            scans ? toSteps(LAB_PAN, state.scanCoord) - reading.position() : presetSteps(entry.axis, *preset, reading);
+        const float speed = static_cast<float>(axes[entry.axis].made.max_speed) * factors[entry.axis];
+        return entry.in == std::vector<int32_t>{0, static_cast<int32_t>(speed), steps, 0, 0};
+    };
+    const auto fits = [&](const MotionState& state) {
+        return may(world.presets, world.factors, state) ||
+               (world.justChanged(tourReadNs_) &&
+                (may(world.presetsBefore, world.factors, state) || may(world.presets, world.factorsBefore, state)));
+    };
+    if (entry.axis == LAB_PAN)
+        motions.tourDrives(entry.labNs, entry.result == 0, fits);
+    else
+        motions.keep(fits, "a tour drives tilt");
 }
 
 /// At rest nobody but a save that is due reads the axes.
@@ -322,8 +377,9 @@ bool HeadModel::stillCalibrating()
     while (evidence_.at < next)
         judgeThread(evidence_.entries[evidence_.at++]);
     require(worker_.empty(), "a calibration is not over, but its flag is");
-    motions.follow(next < evidence_.entries.size() ? evidence_.entries[next].realNs : WHENEVER);
-    motions.keepCalibrated("a calibration has not announced its end, but its flag is down");
+    motions.follow(next < evidence_.entries.size() ? evidence_.entries[next].labNs : WHENEVER);
+    motions.keep([](const MotionState& state) { return state.calibration == 0; },
+                 "a calibration has not announced its end, but its flag is down");
     calibrating = false;
     return false;
 }
@@ -370,6 +426,12 @@ bool HeadModel::mayHold(const std::string& option, const std::string& value) con
         if (option == axis.section + ".speed" && axis.speedOption && value == std::to_string(*axis.speedOption))
             return true;
     return false;
+}
+
+bool HeadModel::speedsDiffer() const
+{
+    return std::any_of(std::begin(axes), std::end(axes),
+                       [](const ModelAxis& axis) { return axis.speedOption != axis.speedInFile; });
 }
 
 std::string HeadModel::describe() const

@@ -6,7 +6,9 @@
 // is thereby known also in mid-motion and after faults.
 
 #include "evidence.h"
+#include "motion_judge.h"
 #include "steps.h"
+#include "tours.h"
 
 #include <deque>
 #include <map>
@@ -20,11 +22,15 @@ enum Code : int32_t {
     CODE_PARAM = -64302,
     CODE_CALIBRATING = -64303,
     CODE_NO_TRAVEL = -64304,
+    CODE_MOVING = -64305,
+    CODE_FULL = -64306,
+    CODE_NAME = -64308,
+    CODE_FACTOR = -64317,
+    CODE_PRESET = -64321,
     CODE_LENS_MASK = -64324,
     CODE_PANORAMA = -64329,
+    CODE_PLAN = 64302,
 };
-
-enum Origin : int { ORIGIN_USER, ORIGIN_TRACK, ORIGIN_RETURN, ORIGIN_TOUR };
 
 struct ModelAxis {
     LabAxisSetting made{};
@@ -45,7 +51,7 @@ struct ModelAxis {
 
 /// Fields of a status, as the device answered.
 struct Reading {
-    std::vector<int32_t> words;
+    std::vector<int32_t> words{0, 0, 0, 0, 0};
     int32_t speed() const
     {
         return words[1];
@@ -72,6 +78,9 @@ struct WorkerRequest {
     int32_t word;
 };
 
+/// Decimal text as a number; what is out of range saturates, what is no number is 0.
+int64_t number(const std::string& text);
+
 class HeadModel {
 public:
     HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt);
@@ -85,6 +94,8 @@ public:
     } settings;
 
     ModelAxis axes[LAB_AXIS_COUNT];
+    TourWorld world;
+    Presets storedPresets;
     MotionJudge motions;
     std::optional<PendingSave> save;
     bool atRest = false;      // nothing is under way, so that only a save may look at the axes
@@ -92,8 +103,9 @@ public:
 
     /// A daemon that has just started on the settings and found the axes where they stand.
     void start();
-    /// What the daemon answers to the step, whose reply was `reply` at that lab time. Judges its requests.
-    std::string expect(const Step& step, const std::string& reply, int64_t repliedLabNs);
+    /// What the daemon answers to the step, which was called and answered with `reply` at these lab times. Judges its
+    /// requests.
+    std::string expect(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs);
     /// Judges what threads did up to the end of what is loaded.
     void judgeThreads();
     /// True once nothing is under way any more, as far as loaded.
@@ -105,6 +117,8 @@ public:
     std::map<std::string, std::optional<std::string>> storedOptions() const;
     /// A speed that the calibration corrected goes to the file with the next commit, at the start perhaps at once.
     bool mayHold(const std::string& option, const std::string& value) const;
+    /// True when a calibration has corrected a speed, or may have, and no commit has followed.
+    bool speedsDiffer() const;
     std::string describe() const;
 
 private:
@@ -113,7 +127,7 @@ private:
     bool nextIs(const std::string& request) const;
     bool readStatus();
     bool halt();
-    void begin(int origin);
+    void begin(Begin kind);
     Code drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
     void cancelStep();
     void saveNow();
@@ -131,6 +145,7 @@ private:
 
     void judgeThread(const LabJournalEntry& entry);
     void judgeSaveRead(const LabJournalEntry& entry);
+    void judgeTour(const LabJournalEntry& entry);
     void judgeWorker(const LabJournalEntry& entry);
     void queueCalibration(const int32_t (&returnSteps)[LAB_AXIS_COUNT]);
     bool stillCalibrating();
@@ -155,11 +170,24 @@ private:
     Code manualCalibrate();
     Code test(const Step& step);
     Code updateImage();
+    int32_t presetSteps(LabAxisId axis, const PresetSlot& preset, const Reading& reading) const;
+    Code gotoPreset(const Step& step);
+    Code setFactor(const std::optional<std::string>& text, LabAxisId axis);
+    Code setPreset(const Step& step);
+    Code capture(PresetSlot& slot);
+    Code delPreset(const Step& step);
+    Code clearPreset();
+    Code setPlan(const Step& step);
+    void savePresets();
+    void savePendingPlan();
+    std::string presetList() const;
     std::string capability() const;
     std::string status();
 
     Evidence& evidence_;
     int32_t replied_ = 0; // the code that the daemon gave
+    int64_t calledNs_ = 0;
+    std::string fields_; // of the reply, before the code
     Reading readings_[LAB_AXIS_COUNT];
 
     bool recover_ = true;
@@ -175,4 +203,8 @@ private:
     /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
     std::optional<int64_t> saveCommitsFromNs_{};
     std::deque<WorkerRequest> worker_; // what is left of a calibration or a test
+    Plan pendingPlan_;
+    Reading tourReadings_[LAB_AXIS_COUNT];
+    std::string tourDid_; // its latest request that succeeded
+    int64_t tourReadNs_ = 0;
 };

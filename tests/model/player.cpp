@@ -85,23 +85,8 @@ LabOptions headOptions(int head)
     options.tilt = TILTS[head];
     options.factor = FACTORS[head];
     options.clockSpeed = CLOCK_SPEED;
+    options.environment = {"TZ=UTC0"};
     return options;
-}
-
-std::set<std::string> offeredMethods(Lab& lab)
-{
-    std::string text;
-    std::set<std::string> result;
-    if (lab.run({"ubus", "-v", "list", "ptzd"}, text) != 0)
-        return result;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const size_t first = line.find('"');
-        const size_t end = line.find("\":");
-        if (first != std::string::npos && end != std::string::npos)
-            result.insert(line.substr(first + 1, end - first - 1));
-    }
-    return result;
 }
 
 Player::Player(Lab& lab, const LabOptions& options)
@@ -114,6 +99,11 @@ Verdict Player::play(const Sequence& sequence)
     std::string at = "the start";
     try {
         endDaemon(); // it might still save into the fresh settings
+        lab_.setSpeed(CLOCK_SPEED);
+        model_.storedPresets = {};
+        model_.world.plans = {Plan{}};
+        model_.world.settings = {TourSettings{}};
+        std::ofstream(lab_.folder() + "/etc/config/ptz_plan").flush();
         for (const Step& step : sequence.setup)
             change(step);
         std::ofstream(lab_.folder() + "/etc/config/ptzd")
@@ -149,7 +139,15 @@ Verdict Player::play(const Sequence& sequence)
 void Player::change(const Step& step)
 {
     HeadModel::Settings& settings = model_.settings;
-    if (step.verb == "@flip")
+    if (step.verb == "@wall") {
+        model_.world.setWall(step.text, lab_.labTimeNs());
+        lab_.setWall(step.text);
+    } else if (step.verb == "@tour") {
+        model_.motions.mayReload();
+        TourSettings tour;
+        std::istringstream(step.text) >> tour.enabled >> tour.type >> tour.from >> tour.to >> tour.start >> tour.end;
+        model_.world.settings.push_back(tour);
+    } else if (step.verb == "@flip")
         settings.flip = settingOf(step);
     else if (step.verb == "@mask")
         settings.mask = settingOf(step);
@@ -175,11 +173,22 @@ void Player::writeSettings()
                                         << optionLine("enabled", settings.mask);
     std::ofstream(folder + "target_track") << "config target_track 'target_track_info'\n"
                                            << optionLine("enabled", settings.track);
+    // In one go: the daemon's thread may be reading it.
+    const TourSettings& tour = model_.world.settings.back();
+    const auto line = [](const char* name, int value) { return optionLine(name, std::to_string(value)); };
+    std::ofstream(folder + ".tour") << "config tour 'tour_info'\n"
+                                    << optionLine("enabled", tour.enabled) << line("tour_type", tour.type)
+                                    << "config scan_tour 'scan_tour'\n"
+                                    << line("x_coord_start", tour.from) << line("x_coord_end", tour.to)
+                                    << line("start_time", tour.start) << line("end_time", tour.end);
+    fs::rename(folder + ".tour", folder + "tour");
 }
 
 void Player::run(const Step& step)
 {
-    if (model_.save && lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS) {
+    const bool mayTour = step.verb.starts_with("reload_") || step.verb.starts_with("@tour") || step.verb == "@wall" ||
+                         step.verb == "set_plan_config";
+    if (model_.save && (mayTour || lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
         settle();
         awaitSave();
     }
@@ -190,6 +199,9 @@ void Player::run(const Step& step)
         awaitSave();
         if (step.verb == "@idle")
             watchIdle();
+    } else if (step.verb == "@tours") {
+        for (int i = std::stoi(step.text); i > 0 && awaitTour(); --i)
+            settle();
     } else if (step.verb == "@nap") {
         std::this_thread::sleep_for(std::chrono::microseconds(std::stol(step.text)));
     } else if (step.verb == "@fault") {
@@ -205,18 +217,21 @@ void Player::run(const Step& step)
 
 void Player::callMethod(const Step& step)
 {
-    // What the rules leave open: rotations beside motions that nobody keeps apart.
-    const bool disturbs =
-        step.verb == "test" || ((step.verb == "movePanorama" || step.verb == "stopPanorama") && model_.calibrating);
+    // What the rules leave open: rotations beside motions that nobody keeps apart, and presets that are saved while a
+    // calibration corrects the speeds.
+    const bool disturbs = step.verb == "test" ||
+                          ((step.verb == "movePanorama" || step.verb == "stopPanorama") && model_.calibrating) ||
+                          (step.verb.ends_with("Preset") && model_.calibrating && model_.speedsDiffer());
     if (disturbs)
         settle();
     const std::optional<PendingSave> before = model_.save;
+    const int64_t calledNs = lab_.labTimeNs();
     const std::string reply = lab_.call(step.verb, step.json());
     const int64_t repliedNs = lab_.labTimeNs();
     if (before && repliedNs >= before->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     evidence_.load(lab_);
-    const std::string expected = model_.expect(step, reply, repliedNs);
+    const std::string expected = model_.expect(step, reply, calledNs, repliedNs);
     require(reply == expected, "answered " + reply + " instead of " + expected);
     const size_t more = evidence_.nextOfLoop();
     require(more == evidence_.entries.size(),
@@ -249,6 +264,9 @@ void Player::restart(bool powerLoss)
     evidence_.load(lab_);
     model_.start();
     settle();
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.ptzdPid()) + "/task"))
+        evidence_.lasting.insert(static_cast<pid_t>(std::stol(task.path().filename())));
+    evidence_.lasting.erase(lab_.ptzdPid());
 }
 
 void Player::takeAxes()
@@ -303,20 +321,54 @@ void Player::settle()
     }
     if (!rested && model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
+    const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
+    const size_t seen = evidence_.entries.size();
+    evidence_.load(lab_);
+    if (evidence_.entries.size() != seen)
+        return settle(); // a tour goes on
     model_.settle();
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-        const LabAxisNow now = lab_.axisNow(axis);
         const ModelAxis& expected = model_.axes[axis];
-        require(now.count == expected.count && now.shaft == expected.shaft,
-                expected.section + " rests at " + std::to_string(now.count) + " instead of " +
+        require(now[axis].count == expected.count && now[axis].shaft == expected.shaft,
+                expected.section + " rests at " + std::to_string(now[axis].count) + " instead of " +
                     std::to_string(expected.count));
     }
     compareFile();
 }
 
+/// Waits for the tour's next step if there is to be one. @return false when there is none.
+bool Player::awaitTour()
+{
+    settle();
+    std::this_thread::sleep_for(50ms); // several cycles of the touring thread
+    settle();
+    model_.motions.keepReloaded();
+    const std::set<bool> moves = model_.motions.tourMoves(lab_.labTimeNs());
+    if (moves.size() != 1)
+        return false;
+    const auto steps = [this] {
+        return std::count_if(evidence_.notifications.begin(), evidence_.notifications.end(),
+                             [](const Notification& seen) { return seen.moving && seen.origin == ORIGIN_TOUR; });
+    };
+    const auto before = steps();
+    const int64_t end = lab_.labTimeNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
+    lab_.setSpeed(4 * CLOCK_SPEED);
+    const bool done = waitUntil(
+        [&] {
+            evidence_.load(lab_);
+            return steps() > before || lab_.labTimeNs() > end;
+        },
+        patience);
+    lab_.setSpeed(CLOCK_SPEED);
+    require(done, "the tour does not move the head, " + model_.describe());
+    return steps() > before;
+}
+
 void Player::awaitSave()
 {
     const auto saved = [this] {
+        if (!model_.atRest)
+            settle(); // after a tour's step
         evidence_.load(lab_);
         model_.judgeThreads();
         return !model_.save;

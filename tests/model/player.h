@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <optional>
-#include <set>
 #include <string>
 
 /// The heads that sequences are played on: their travels do not divide evenly, or have fewer steps than coordinates.
@@ -42,6 +41,7 @@ private:
     void settle();
     bool settled();
     void awaitSave();
+    bool awaitTour();
     void watchIdle();
     void compareFile();
     int threads() const;
@@ -53,6 +53,3 @@ private:
     HeadModel model_;
     int resident_ = 0; // threads of a daemon at rest
 };
-
-/// The methods that the daemon advertises.
-std::set<std::string> offeredMethods(Lab& lab);

@@ -5,14 +5,16 @@
 #include <functional>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
+/// As what an argument is given: a number in the place of a text counts as missing.
+enum class Form { TEXT, NUMBER, ARRAY, PLAN };
+
 struct Argument {
     std::string name;
-    std::string text;
-    bool isNumber = false; // a number in the place of a text, which counts as missing
+    std::string text; // JSON, but for a PLAN: ranges in the form of planRanges()
+    Form form = Form::TEXT;
 };
 
 /// A method of the daemon, or with a verb that begins with "@" something that happens around it.
@@ -25,6 +27,7 @@ struct Step {
     std::string print() const;
     /// The argument's text; nothing when the daemon does not get it.
     std::optional<std::string> argument(const std::string& name) const;
+    std::optional<std::string> array(const std::string& name) const;
 };
 
 /// A head to begin with, and what is done to it.
@@ -36,8 +39,8 @@ struct Sequence {
 
 std::string print(const Sequence& sequence);
 
-/// The sequence of a seed; only methods that `offered` contains. The same seed and methods give the same sequence.
-Sequence randomSequence(uint32_t seed, const std::set<std::string>& offered);
+/// The sequence of a seed, always the same.
+Sequence randomSequence(uint32_t seed);
 
 /// The smallest sequence found that still fails, within the time that `mayGoOn` grants.
 Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails,
