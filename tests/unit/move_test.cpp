@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <thread>
 
 namespace {
 
@@ -187,6 +188,15 @@ TEST_F(Move, TheQuietPeriodsEndOnlyWhenTheHeadRests)
     EXPECT_EQ(gContext.tour.scanStepDone.load(), 0);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer) && fakes.armed(timers.scanMoveStopTimer));
     gContext.motion.motion_active.store(0);
+    // A motion that ended in between would arm the timer for its own rest, and lose it.
+    fakes.beforeTimerStop = [] {
+        std::thread([] {
+            const bool isFree = gContext.motion.MotionStateLock.tryLock();
+            EXPECT_FALSE(isFree);
+            if (isFree)
+                gContext.motion.MotionStateLock.unlock();
+        }).join();
+    };
     usrMoveStopTimeout(nullptr);
     scanMoveStopTimeout(nullptr);
     EXPECT_EQ(gContext.motion.user_moved_recently.load(), 0);

@@ -41,6 +41,7 @@ struct FakeSurroundings {
     std::vector<FakeNotification> notifications;
     std::function<void()> duringNotification;
     std::function<void()> beforeTimerStart;
+    std::function<void()> beforeTimerStop;
     std::function<void()> afterTimerStart;
     std::vector<FakeReport> reports;            // level 5 only
     std::map<std::string, std::string> options; // "section.option" of package ptzd or others
