@@ -4,8 +4,7 @@
 #include "core/context.h"
 
 /// Callback of usrMoveStopTimer: once the head rests, clears user_moved_recently and disarms the timer; while it moves,
-/// nothing, and the timer expires again. Thread: timer; takes
-/// MotionStateLock.
+/// nothing, and the timer expires again. Thread: timer; takes MotionStateLock.
 void usrMoveStopTimeout(void* unused) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// Callback of scanMoveStopTimer: the same for scanStepDone, which it sets.

@@ -388,6 +388,8 @@ void Player::watchIdle()
 void Player::compareFile()
 {
     const auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
+    if (model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+        return; // a save may have come meanwhile
     for (const auto& [name, value] : model_.storedOptions()) {
         const auto at = seen.find(name);
         const std::string found = at == seen.end() ? "nothing" : at->second;
