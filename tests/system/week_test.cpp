@@ -196,12 +196,12 @@ protected:
 TEST_F(PlannedWeek, SendsTheHeadToEachPresetOnceAtItsMinute)
 {
     if (!longTests())
-        GTEST_SKIP() << "takes five minutes: ./dev test --long; its stretches that matter are the next test";
+        GTEST_SKIP() << "takes a minute: ./dev test --long; its stretches that matter are the next test";
     upWithPlan();
     setUtc(utc("05-03 17:00"));
-    runTo(utc("05-07 10:30"), 2000);
+    runTo(utc("05-07 10:30"), 10000);
     ASSERT_TRUE(lab.setZone(TWELVE_EAST)) << lab.error();
-    runTo(utc("05-10 22:00"), 2000);
+    runTo(utc("05-10 22:00"), 10000);
     expectVisits({std::begin(VISITS), std::end(VISITS)}, 30 * MINUTE);
 }
 
@@ -381,7 +381,7 @@ TEST_F(ScannedNight, GoesOnForAWeek)
     for (int night = 0; night < 7; ++night) {
         disturb();
         const size_t before = tourStepsMade();
-        runTo(utc("05-04 19:40") + night * 86400, SPEED);
+        runTo(utc("05-04 20:30") + night * 86400, SPEED); // 22:30
         EXPECT_GT(tourStepsMade(), before + 100);
     }
     const size_t night = tourStepsMade();
