@@ -83,17 +83,17 @@ std::string bars(const std::vector<Row>& rows, double& y)
         svg += print("<rect class='%s' x='%.0f' y='%.1f' width='%.1f' height='%.0f'/>\n",
                      row.met.value_or(false) ? "met" : "missed", LEFT, y + 3, length, BAR_HEIGHT - 6);
         svg += line("goal", LEFT + goal * scale, y, LEFT + goal * scale, y + BAR_HEIGHT);
-        svg += text(LEFT + length + 8, y + 15, print("%.2f", *row.ratio), "unit");
+        svg += text(LEFT + std::max(length, goal * scale) + 8, y + 15, print("%.2f", *row.ratio), "unit");
         y += BAR_HEIGHT;
     }
     return svg;
 }
 
-/// 1, 2 or 5 times a power of ten that is not below the value.
+/// A round number that is not below the value.
 double roundUp(double value)
 {
     const double power = std::pow(10, std::floor(std::log10(std::max(value, 1e-9))));
-    for (const double digit : {1, 2, 5}) {
+    for (const double digit : {1.0, 2.0, 2.5, 4.0, 5.0, 8.0}) {
         if (value <= digit * power)
             return digit * power;
     }
