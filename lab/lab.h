@@ -148,7 +148,8 @@ public:
     LabCetMode cetMode() const;
 
     // Motors. Requests that are being answered see the change, delayed ones too.
-    void failRequest(LabAxisId axis, LabRequest request, int32_t times = 1, int error = 5);
+    /// `passes` requests still succeed, then `times` fail.
+    void failRequest(LabAxisId axis, LabRequest request, int32_t times = 1, int error = 5, int32_t passes = 0);
     void delayRequest(LabAxisId axis, LabRequest request, int32_t delayMs);
     void stuckRunning(LabAxisId axis, bool stuck);
     /// What GET_CAPA reports instead of the truth; nothing: the truth.

@@ -8,7 +8,7 @@
 
 inline constexpr uint32_t LAB_STATE_MAGIC = 0x62616c70;
 /// Grows with every change of the records below; a process refuses a state file of another version.
-inline constexpr uint32_t LAB_STATE_VERSION = 1;
+inline constexpr uint32_t LAB_STATE_VERSION = 2;
 
 /// The lab's time zone, below DIR.
 #define LAB_ZONE_FILE "/etc/localtime"
@@ -54,6 +54,7 @@ struct LabAxis {
 
 /// What is to go wrong with one request of one axis.
 struct LabFault {
+    int32_t passes;   // so many still succeed first
     int32_t failures; // the next so many fail; LAB_FOR_EVER: all
     int32_t error;    // errno of a failure
     int32_t delayMs;  // real time between the effect and the answer

@@ -28,9 +28,10 @@ void Lab::editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit
     bumpAndWake(state_->axes[axis].wake);
 }
 
-void Lab::failRequest(LabAxisId axis, LabRequest request, int32_t times, int error)
+void Lab::failRequest(LabAxisId axis, LabRequest request, int32_t times, int error, int32_t passes)
 {
     editFaults(axis, [=](LabFaults& faults) {
+        faults.requests[request].passes = passes;
         faults.requests[request].failures = times;
         faults.requests[request].error = error;
     });

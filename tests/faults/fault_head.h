@@ -1,0 +1,68 @@
+// A head in the lab whose daemon runs on the fault-injecting library: brings it into the state that a row begins with,
+// makes the row's call or request fail, and compares what follows with what the row says.
+#pragma once
+
+#include "fault_control.h"
+#include "fault_page.h"
+#include "tests/system/head.h"
+
+/// A call of the matrix, as the page names it.
+struct FaultyCall {
+    const char* name;   // in the column Call
+    const char* method; // null: what happens without a call
+    const char* arguments;
+    int32_t pan = -1; // where it sends the head, in steps; -1: nowhere
+    int32_t tilt = -1;
+    bool relative = false;
+    const char* package = nullptr; // of the setting that it stores; the texts, separated by "*", that are in its file
+    const char* stored = nullptr;  // then, "!" before: are not
+    const char* undo = nullptr;    // a call of the matrix that takes it back
+};
+
+class FaultyHead : public HeadInTheLab {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Options that put the injecting library before the lab's own.
+    LabOptions withFaults();
+    /// A calibrated head at home with preset 1, position recovery off, and a plan that names the preset all week.
+    void upWithFaults();
+    void arm(const FaultPoint& point, bool ever);
+    void disarm();
+    /// How often the point has failed since it was armed.
+    uint32_t met(const FaultPoint& point);
+    void run(const PageRow& row, const FaultPoint* point, bool ever);
+    /// Lines of the console since `from`, a length that ptzdLog() had, without "[function:line]: ". Fails the test for
+    /// lines of another form, and for those that are not in the message log too.
+    std::vector<std::string> reports(size_t consoleFrom, size_t logFrom);
+
+    // Of the latest run(): lab time of the call, and what the daemon had called when it answered.
+    int64_t callNs_ = 0;
+    uint32_t seen_[FAULT_CALL_COUNT] = {};
+
+private:
+    void home();
+    void restoreSettings();
+    void undo();
+    void makePreset();
+    void prepare(const std::string& state);
+    void goOnABit();
+    bool expectAnswer(const PageRow& row, const FaultyCall& call, const std::string& answer);
+    bool standsAsStated(const PageRow& row, LabAxisId axis);
+    bool isStored(const FaultyCall& call);
+    [[nodiscard]] bool turning() const;
+    std::string settings(const std::string& package) const;
+    void writeSettings(const std::string& package, const std::string& text) const;
+    std::vector<std::string> told() const;
+    void freeze();
+    void thaw();
+
+    FaultControl* control_ = nullptr;
+    std::map<std::string, std::string> pristine_;
+    const FaultyCall* last_ = nullptr; // to be undone
+    bool lastDone_ = false;            // answered with 0
+    std::string lastState_;
+    int32_t start_[LAB_AXIS_COUNT] = {};  // where the head stands when the call comes
+    int32_t before_[LAB_AXIS_COUNT] = {}; // where a motion under way leads
+};

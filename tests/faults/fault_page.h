@@ -1,0 +1,39 @@
+// docs/failures.md is the matrix: its tables say what fails and what follows, and the tests do and check what they say.
+#pragma once
+
+#include "fault_control.h"
+#include "lab/lab.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A row of a table: cells by the heads of their columns, without backquotes; "–" is an empty cell.
+struct PageRow {
+    int line;
+    std::map<std::string, std::string> cells;
+
+    const std::string& operator[](const std::string& column) const;
+};
+
+/// The rows of all tables below the heading "## `heading`" of the page, in order.
+std::vector<PageRow> pageRows(const std::string& heading);
+
+/// The parts of a cell between separators, without blanks around them; none for an empty cell.
+std::vector<std::string> partsOf(const std::string& cell, char separator);
+
+/// One call or device request that fails: "2nd y MOVE", "every uci_commit ptzd", "malloc".
+struct FaultPoint {
+    std::string text;
+    std::optional<LabAxisId> axis; // of a device request
+    LabRequest request = LAB_REQUEST_COUNT;
+    FaultCall call = FAULT_CALL_COUNT;
+    std::string subject;
+    int32_t nth = 1;
+    bool onlyOnce = false; // "once": what follows when it goes on failing is another story
+    bool onlyEvery = false;
+};
+
+/// Nothing for a text that names no such thing.
+std::optional<FaultPoint> faultPoint(const std::string& text);

@@ -1,0 +1,175 @@
+// docs/failures.md, row by row.
+
+#include "fault_head.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <set>
+
+namespace {
+
+/// Rows that the heap of a sanitizer hides from the injecting library.
+bool skipped(const FaultPoint& point)
+{
+#ifdef FAULTS_WITHOUT_HEAP
+    return point.call == FAULT_MALLOC || point.call == FAULT_CALLOC;
+#else
+    (void)point;
+    return false;
+#endif
+}
+
+constexpr const char* HEADINGS[] = {"Requests to the motors", "Settings", "Bus", "Threads, timers and memory"};
+
+/// What the page lets fail in one call in one state of the head, whatever the table.
+std::vector<FaultPoint> listed(const std::string& call, const std::string& head)
+{
+    std::vector<FaultPoint> points;
+    for (const char* heading : HEADINGS)
+        for (const PageRow& row : pageRows(heading))
+            if (row["Call"] == call && row["Head"] == head)
+                for (const std::string& text : partsOf(row["Fails"], ','))
+                    if (const std::optional<FaultPoint> point = faultPoint(text))
+                        points.push_back(*point);
+    return points;
+}
+
+class Failures : public FaultyHead {
+protected:
+    void runAll(const char* heading)
+    {
+        upWithFaults();
+        const std::vector<PageRow> rows = pageRows(heading);
+        ASSERT_FALSE(rows.empty());
+        for (const PageRow& row : rows) {
+            runRow(row);
+            if (HasFatalFailure())
+                return;
+        }
+    }
+
+private:
+    /// After a healthy row: every request that it made to a motor, and every call that can fail, has a row of its own.
+    void expectAllListed(const std::string& call, const std::string& head)
+    {
+        const std::vector<FaultPoint> points = listed(call, head);
+        int made[LAB_AXIS_COUNT][LAB_REQUEST_COUNT] = {};
+        const pid_t daemon = lab.ptzdPid();
+        for (const LabJournalEntry& entry : lab.journal())
+            for (uint32_t request = 0; request < LAB_REQUEST_COUNT; ++request)
+                if (entry.request == LAB_REQUEST_NAMES[request] &&
+                    (request != LAB_GET_STATUS || entry.thread == daemon) && entry.labNs >= callNs_) // else the poll's
+                    ++made[entry.axis][request];
+        for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+            for (uint32_t request = 0; request < LAB_REQUEST_COUNT; ++request)
+                for (int nth = 1; nth <= made[axis][request]; ++nth)
+                    EXPECT_TRUE(std::any_of(points.begin(), points.end(),
+                                            [&](const FaultPoint& point) {
+                                                return point.axis == axis && point.request == request &&
+                                                       point.nth == nth;
+                                            }))
+                        << call << ", " << head << ": nobody lets " << nth << (axis == LAB_PAN ? " x " : " y ")
+                        << LAB_REQUEST_NAMES[request] << " fail";
+        for (const FaultCall function : {FAULT_PTHREAD_CREATE, FAULT_MALLOC, FAULT_CALLOC, FAULT_FORMAT_JSON,
+                                         FAULT_UCI_LOAD, FAULT_UCI_SAVE, FAULT_UCI_COMMIT}) {
+            std::set<std::pair<int, std::string>> different;
+            for (const FaultPoint& point : points)
+                if (point.call == function)
+                    different.insert({point.nth, point.subject});
+            EXPECT_GE(different.size(), seen_[function]) << call << ", " << head << ": " << FAULT_CALL_NAMES[function];
+        }
+    }
+    void runRow(const PageRow& row)
+    {
+        if (row["Fails"].empty()) {
+            run(row, nullptr, false);
+            if (row["Head"] != "scan due" && row["Head"] != "preset due")
+                expectAllListed(row["Call"], row["Head"]);
+        }
+        for (const std::string& text : partsOf(row["Fails"], ',')) {
+            const std::optional<FaultPoint> point = faultPoint(text);
+            ASSERT_TRUE(point) << "line " << row.line << ": " << text;
+            if (skipped(*point))
+                continue;
+            if (!point->onlyEvery)
+                run(row, &*point, false);
+            if (point->onlyEvery || (!point->onlyOnce && std::getenv("PTZD_LONG_TESTS")))
+                run(row, &*point, true);
+        }
+    }
+};
+
+TEST_F(Failures, OfTheMotors)
+{
+    runAll("Requests to the motors");
+}
+
+TEST_F(Failures, OfTheSettings)
+{
+    runAll("Settings");
+}
+
+TEST_F(Failures, OfTheBus)
+{
+    runAll("Bus");
+}
+
+TEST_F(Failures, OfThreadsTimersAndMemory)
+{
+    runAll("Threads, timers and memory");
+}
+
+class FailingStart : public FaultyHead {
+protected:
+    void runRow(const PageRow& row, const FaultPoint& point, bool ever)
+    {
+        SCOPED_TRACE("line " + std::to_string(row.line) + " of the page: " + point.text + (ever ? " for ever" : ""));
+        const size_t console = lab.ptzdLog().size();
+        const size_t log = lab.messageLog().size();
+        lab.forget();
+        arm(point, ever);
+        (void)lab.startPtzd(); // does not wait
+        if (row["Then"] == "serves") {
+            EXPECT_TRUE(waitUntil([&] { return met(point) != 0; }, DEADLINE));
+            EXPECT_TRUE(lab.waitReady(DEADLINE)) << lab.error();
+            EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
+            disarm();
+            EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+        } else {
+            const auto status = lab.waitPtzd(DEADLINE);
+            ASSERT_TRUE(status.has_value());
+            EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
+            EXPECT_NE(met(point), 0U);
+            disarm();
+        }
+        std::vector<std::string> expected = partsOf(row["Report"], ';');
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(reports(console, log), expected);
+    }
+};
+
+TEST_F(FailingStart, EndsOrServesAsThePageSays)
+{
+    LabOptions options = withFaults();
+    options.startPtzd = false;
+    options.waitCalibrated = false;
+    ASSERT_TRUE(lab.up(options)) << lab.error();
+    for (const PageRow& row : pageRows("Start")) {
+        for (const std::string& text : partsOf(row["Fails"], ',')) {
+            const std::optional<FaultPoint> point = faultPoint(text);
+            ASSERT_TRUE(point) << "line " << row.line << ": " << text;
+            if (skipped(*point))
+                continue;
+            lab.setSpeed(10);
+            if (!point->onlyEvery)
+                runRow(row, *point, false);
+            if (point->onlyEvery || (!point->onlyOnce && std::getenv("PTZD_LONG_TESTS")))
+                runRow(row, *point, true);
+            if (HasFatalFailure())
+                return;
+        }
+    }
+}
+
+} // namespace
