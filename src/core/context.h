@@ -60,6 +60,7 @@ struct MotionState {
     std::atomic<int32_t> user_moved_recently{0}; // the tour stays away from the head while set
     std::atomic<int32_t> track_back_done{1};     // 0 from a tracking motion until its return
     std::atomic<uint32_t> startsSeen{0};         // see motion_state.cpp
+    std::atomic<uint32_t> quietPeriods{0};       // how many have begun
     std::atomic<int32_t> calibrating{0};         // owner: motor/calibration
     std::atomic<int32_t> simultaneous{0};
     int32_t stepMoveActive GUARDED_BY(MotionLock) = 0;    // 1 while a step move and its thread are under way

@@ -2,23 +2,30 @@
 
 #include "core/context.h"
 
-// Both under the lock that the transition to rest holds while it arms their timers: a motion that begins and ends
-// meanwhile would else have its rest taken for over, and its timer disarmed for good.
+namespace {
+
+/// Ends a quiet period while the head rests. Under the lock that the transition to rest holds while it arms the timer:
+/// a motion that begins and ends meanwhile would else have its rest taken for over, and its timer disarmed for good.
+/// An expiry that waited for the lock while that happened belongs to the period before.
+void endQuietPeriod(DaemonTimer& timer, std::atomic<int32_t>& word, int32_t over)
+    EXCLUDES(gContext.motion.MotionStateLock)
+{
+    const uint32_t before = gContext.motion.quietPeriods.load();
+    LockGuard hold(gContext.motion.MotionStateLock);
+    if (gContext.motion.motion_active.load() != 0 || gContext.motion.quietPeriods.load() != before)
+        return;
+    word.store(over);
+    timerStop(&timer);
+}
+
+} // namespace
 
 void usrMoveStopTimeout(void*)
 {
-    LockGuard hold(gContext.motion.MotionStateLock);
-    if (gContext.motion.motion_active.load() != 0)
-        return;
-    gContext.motion.user_moved_recently.store(0);
-    timerStop(&gContext.timers.usrMoveStopTimer);
+    endQuietPeriod(gContext.timers.usrMoveStopTimer, gContext.motion.user_moved_recently, 0);
 }
 
 void scanMoveStopTimeout(void*)
 {
-    LockGuard hold(gContext.motion.MotionStateLock);
-    if (gContext.motion.motion_active.load() != 0)
-        return;
-    gContext.tour.scanStepDone.store(1);
-    timerStop(&gContext.timers.scanMoveStopTimer);
+    endQuietPeriod(gContext.timers.scanMoveStopTimer, gContext.tour.scanStepDone, 1);
 }

@@ -105,15 +105,28 @@ void beginCalibration() REQUIRES(gContext.motion.MotionStateLock)
     countAsUserMotion();
 }
 
+void userQuietStart() REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.quietPeriods.fetch_add(1);
+    timerStart(&gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS, USR_MOVE_STOP_NS);
+}
+
+void scanQuietStart() REQUIRES(gContext.motion.MotionStateLock)
+{
+    if (gContext.tour.scanStepDone.load() != 0)
+        return;
+    gContext.motion.quietPeriods.fetch_add(1);
+    timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
+}
+
 void settlePolled() REQUIRES(gContext.motion.MotionStateLock)
 {
     if (gContext.motion.motion_active.load() != 1)
         return;
     settleActive();
     if (gContext.motion.user_moved_recently.load() != 0)
-        timerStart(&gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS, USR_MOVE_STOP_NS);
-    if (gContext.tour.scanStepDone.load() == 0)
-        timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
+        userQuietStart();
+    scanQuietStart();
 }
 
 void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
@@ -293,9 +306,8 @@ ResultCode beginAndDrive(MotionBegin variant, const MotorCommand& pan, const Mot
 
 void quietPeriodsStart()
 {
-    timerStart(&gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS, USR_MOVE_STOP_NS);
-    if (gContext.tour.scanStepDone.load() == 0)
-        timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
+    userQuietStart();
+    scanQuietStart();
 }
 
 void motionSettle(MotionSettle variant)

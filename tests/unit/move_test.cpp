@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <limits>
 #include <thread>
 
@@ -202,6 +204,31 @@ TEST_F(Move, TheQuietPeriodsEndOnlyWhenTheHeadRests)
     EXPECT_EQ(gContext.motion.user_moved_recently.load(), 0);
     EXPECT_EQ(gContext.tour.scanStepDone.load(), 1);
     EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer) || fakes.armed(timers.scanMoveStopTimer));
+}
+
+TEST_F(Move, AnExpiryThatWaitedWhileTheHeadCameToRestDoesNotEndTheNewQuietPeriod)
+{
+    // An expiry that reaches the lock only after the rest has begun is a new one to everybody: try until one waits.
+    const auto ignored = [&] {
+        gContext.motion.user_moved_recently.store(1);
+        std::atomic<bool> expired{false};
+        gContext.motion.MotionStateLock.lock();
+        std::thread expiry([&] {
+            expired.store(true);
+            usrMoveStopTimeout(nullptr);
+        });
+        const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(2); // sleeps are faked here
+        while (!expired.load() || std::chrono::steady_clock::now() < soon)
+            std::this_thread::yield();
+        quietPeriodsStart();
+        gContext.motion.MotionStateLock.unlock();
+        expiry.join();
+        return gContext.motion.user_moved_recently.load() == 1 && fakes.armed(timers.usrMoveStopTimer);
+    };
+    bool once = false;
+    for (int attempt = 0; attempt < 50 && !once; ++attempt)
+        once = ignored();
+    EXPECT_TRUE(once);
 }
 
 } // namespace
