@@ -145,11 +145,20 @@ void takeReply(blob_attr* message)
     FUZZ_CHECK(rest == 0, "%zu bytes behind a reply's last attribute\n", rest);
 }
 
+/// In six decimals, as positions are stored.
+std::string decimals(float position)
+{
+    char text[64];
+    (void)snprintf(text, sizeof(text), "%0.6f", static_cast<double>(position));
+    return text;
+}
+
 bool sameEntry(const PresetEntry& a, const PresetEntry& b)
 {
-    return a.id == b.id && a.position_pan == b.position_pan && a.position_tilt == b.position_tilt &&
-           a.position_zoom == b.position_zoom && a.read_only == b.read_only && a.enabled == b.enabled &&
-           strcmp(a.name, b.name) == 0;
+    return a.id == b.id && a.read_only == b.read_only && a.enabled == b.enabled && strcmp(a.name, b.name) == 0 &&
+           decimals(a.position_pan) == decimals(b.position_pan) &&
+           decimals(a.position_tilt) == decimals(b.position_tilt) &&
+           decimals(a.position_zoom) == decimals(b.position_zoom);
 }
 
 } // namespace

@@ -50,7 +50,7 @@ std::vector<std::string> split(std::string text, const std::string& separator)
     return parts;
 }
 
-/// A package as a text that says all there is to it.
+/// A package as a text that says all that is to be stored of it.
 std::string describe(uci_package* package)
 {
     std::string text;
@@ -66,6 +66,8 @@ std::string describe(uci_package* package)
         add(uci_to_section(section)->anonymous ? 'a' : 's', uci_to_section(section)->anonymous ? "" : section->name);
         uci_foreach_element (&uci_to_section(section)->options, option) {
             const uci_option* one = uci_to_option(option);
+            if (one->type == UCI_TYPE_LIST && uci_list_empty(&one->v.list))
+                continue; // has no form in a file
             add(one->type == UCI_TYPE_LIST ? 'l' : 'o', option->name);
             if (one->type == UCI_TYPE_STRING) {
                 add('v', one->v.string);
