@@ -311,7 +311,6 @@ bool Player::settled()
 
 void Player::settle()
 {
-    const bool rested = model_.atRest;
     // Twice: a thread may still have been about to read the axes when the idle notification was seen.
     if (!waitUntil([this] { return settled() && settled(); }, patience)) {
         require(lab_.ptzdPid() != 0, "the daemon has ended:\n" + lab_.ptzdLog());
@@ -319,7 +318,7 @@ void Player::settle()
         throw Mismatch{"the head does not come to rest, " + model_.describe() + (events.empty() ? "" : ", " + events) +
                        ", " + std::to_string(threads()) + " threads of " + std::to_string(resident_)};
     }
-    if (!rested && model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    if (!model_.atRest && model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
     const size_t seen = evidence_.entries.size();
