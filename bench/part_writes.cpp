@@ -124,7 +124,7 @@ void benchWrites(const Effort& effort, Report& report)
     int number = 1;
     const int single = savesOf(pair, effort.saves, 1, number, effort, report);
     const int bursts = savesOf(pair, effort.saves, BURST, number, effort, report);
-    report.add({"saves counted, " + std::to_string(effort.saves) + " motions 30 s apart", "saves", single});
+    report.add({"saves counted, " + std::to_string(effort.saves) + " motions, 30 s apart", "saves", single});
     report.add({"saves counted, " + std::to_string(effort.saves) + " times three motions within 6 s", "saves", bursts});
     report.add({"saves of a day, a motion every 30 s for 8 hours", "saves", BUSY_HOURS * 3600 / MOTION_EVERY_S});
     report.add({"saves of a day at most", "saves", 24 * 3600 / SAVE_DELAY_S});
