@@ -178,15 +178,6 @@ Callers::Callers(const std::string& socket, int count)
 
 Callers::~Callers() = default;
 
-bool Callers::valid() const
-{
-    for (const auto& caller : callers_) {
-        if (!caller->connected())
-            return false;
-    }
-    return true;
-}
-
 CallTimes Callers::run(const Target& target, milliseconds window)
 {
     Run run{&target};

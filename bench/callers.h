@@ -35,9 +35,7 @@ public:
     Callers(const Callers&) = delete;
     Callers& operator=(const Callers&) = delete;
 
-    /// False when the bus could not be reached.
-    [[nodiscard]] bool valid() const;
-    /// All clients at once for that long. Without times when the object is not there or a call fails.
+    /// All clients at once for that long. Without times when the bus or the object is not there or a call fails.
     CallTimes run(const Target& target, std::chrono::milliseconds window);
     /// One call of the first client.
     CallMoment once(const Target& target);

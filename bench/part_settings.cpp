@@ -66,7 +66,7 @@ std::string dayRequest(const std::string& action)
     return R"({"sunday":[)" + ranges + "]}";
 }
 
-/// Bytes of the settings that one set of speeds makes durable, for each of its two commits.
+/// Size of the file that a commit of the settings writes.
 double bytesOfACommit(HeadPair& pair, Report& report)
 {
     const size_t before = pair.syncs(pair.lab().ptzdPid()).size();

@@ -111,11 +111,6 @@ int64_t wakeUps(pid_t pid)
     return sum;
 }
 
-int64_t threads(pid_t pid)
-{
-    return field(procFile(pid, "status"), "Threads");
-}
-
 MemoryUse memoryOf(pid_t pid)
 {
     const std::string sums = procFile(pid, "smaps_rollup");

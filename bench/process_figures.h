@@ -11,7 +11,6 @@ int64_t processorNs(pid_t pid);
 
 /// How often its living threads have gone to sleep and been woken.
 int64_t wakeUps(pid_t pid);
-int64_t threads(pid_t pid);
 
 /// KiB. The stacks' part is what is resident of every thread's.
 struct MemoryUse {
