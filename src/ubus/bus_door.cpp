@@ -1,6 +1,8 @@
 #define PTZD_BUS_DOOR
 #include "ubus/bus_door.h"
 
+#include <poll.h>
+
 namespace {
 
 thread_local bool holdsBus = false;
@@ -36,6 +38,21 @@ ubus_context* busConnect(const char* path)
 void busFree(ubus_context* connection)
 {
     ubus_free(connection);
+}
+
+// The analysis cannot follow a lock that is only tried for in a loop.
+bool busEnd(ubus_context* connection, int32_t timeoutMs) NO_THREAD_SAFETY_ANALYSIS
+{
+    constexpr int32_t PAUSE_MS = 10;
+    for (int32_t waited = 0; !gContext.ubus.BusLock.tryLock(); waited += PAUSE_MS) {
+        if (waited >= timeoutMs)
+            return false;
+        (void)poll(nullptr, 0, PAUSE_MS);
+    }
+    ubus_free(connection);
+    uloop_done(); // a worker that connects calls uloop_init, under the same lock
+    gContext.ubus.BusLock.unlock();
+    return true;
 }
 
 int busReconnect(ubus_context* connection, const char* path)

@@ -22,6 +22,12 @@ public:
 /// Connects; a null path is the library's default socket. @return null on failure; the caller owns the connection.
 [[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
 void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
+
+/// Frees the event loop's connection and the loop at the daemon's end. A thread that is inside the library while the
+/// bus daemon does not answer keeps it for ever: after `timeoutMs` both are left to the end of the process.
+/// @return false then. Thread: main.
+[[nodiscard]] bool busEnd(ubus_context* connection, int32_t timeoutMs) EXCLUDES(gContext.ubus.BusLock);
+
 [[nodiscard]] int busReconnect(ubus_context* connection, const char* path) REQUIRES(gContext.ubus.BusLock);
 [[nodiscard]] int busAddObject(ubus_context* connection, ubus_object* object) REQUIRES(gContext.ubus.BusLock);
 [[nodiscard]] int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr* message)

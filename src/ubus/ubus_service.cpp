@@ -24,6 +24,7 @@ constexpr char CONSOLE_NOTICE[] = "PTZD: can not connect to ubusd\n";
 constexpr int RETRIES = 2;
 constexpr int RETRY_PAUSE_MS = 1000;
 constexpr int RECONNECT_MS = 2000;
+constexpr int BUS_END_MS = 200; // beside what the workers get, within two seconds in all
 
 ubus_context* connectLocked(const char* path)
 {
@@ -169,12 +170,8 @@ int32_t ubusInit()
         return -1;
     }
     serve();
-    freeConnection();
-    {
-        // A worker that connects calls uloop_init, under the same lock.
-        const BusGuard hold;
-        uloop_done();
-    }
+    if (busEnd(gContext.ubus.gUbusctx, BUS_END_MS))
+        gContext.ubus.gUbusctx = nullptr;
     LOG_TRACE("ubus end.\n");
     return registered;
 }

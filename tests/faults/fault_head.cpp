@@ -127,6 +127,8 @@ void FaultyHead::SetUp()
 
 void FaultyHead::TearDown()
 {
+    if (!control_)
+        return; // skipped
     if (lab.isRunning("ubusd")) {
         disarm();
         lab.setSpeed(1);
@@ -218,9 +220,14 @@ uint32_t FaultyHead::met(const FaultPoint& point)
     }));
 }
 
+std::string FaultyHead::fileText(const std::string& path) const
+{
+    return textOf(lab.folder() + path);
+}
+
 std::string FaultyHead::settings(const std::string& package) const
 {
-    return textOf(lab.folder() + "/etc/config/" + package);
+    return fileText("/etc/config/" + package);
 }
 
 void FaultyHead::writeSettings(const std::string& package, const std::string& text) const

@@ -32,6 +32,12 @@ protected:
     void disarm();
     /// How often the point has failed since it was armed.
     uint32_t met(const FaultPoint& point);
+    [[nodiscard]] FaultControl& control() const
+    {
+        return *control_;
+    }
+    /// The text of a file of the lab, by its path in it.
+    [[nodiscard]] std::string fileText(const std::string& path) const;
     void run(const PageRow& row, const FaultPoint* point, bool ever);
     /// Lines of the console since `from`, a length that ptzdLog() had, without "[function:line]: ". Fails the test for
     /// lines of another form, and for those that are not in the message log too.
