@@ -94,7 +94,8 @@ bool HeadModel::ask(LabAxisId axis, const std::string& request, const std::vecto
     std::string wanted = std::string(axis == LAB_PAN ? "x " : "y ") + request;
     for (const int32_t word : words ? *words : std::vector<int32_t>{})
         wanted += " " + std::to_string(word);
-    require(next < evidence_.entries.size(), "the request \"" + wanted + "\" is missing");
+    require(next < evidence_.entries.size(),
+            "the request \"" + wanted + "\" is missing after " + std::to_string(next) + " entries");
     while (evidence_.at < next)
         judgeThread(evidence_.entries[evidence_.at++]);
     const LabJournalEntry& entry = evidence_.entries[evidence_.at++];

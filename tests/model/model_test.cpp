@@ -16,7 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int ORDINARY = 45;
+constexpr int ORDINARY = 36;
 constexpr int THOROUGH = 2400;
 constexpr auto SHRINK_TIME = 90s;
 

@@ -187,7 +187,7 @@ void addPause(Dice& dice, std::vector<Step>& steps)
         steps.push_back({kind < 76 ? "@saved" : "@idle", {}, ""});
 }
 
-/// One of the methods that are offered and wanted, by their weights.
+/// One of the methods that are wanted, by their weights.
 void addMethod(Dice& dice, std::vector<Step>& steps, bool (*wanted)(const Method&))
 {
     std::vector<const Method*> choices;
