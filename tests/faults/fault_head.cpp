@@ -555,7 +555,8 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     (void)waitUntil(
         [&] {
             return told() == expectedTold && rests() && standsAsStated(row, LAB_PAN) && standsAsStated(row, LAB_TILT) &&
-                   (!mustBeStored || isStored(*call));
+                   (!mustBeStored || isStored(*call)) &&
+                   (row["Stored"] != "part" || settings(call->package) != stored[call->package]);
         },
         DEADLINE / 4);
     std::this_thread::sleep_for(10ms); // two more ticks of the poll: nothing else may come
