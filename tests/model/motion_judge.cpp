@@ -118,7 +118,9 @@ void MotionJudge::addTourBegins(States& states, MotionState state, int64_t ns) c
     const bool rested = !state.scanned || state.lingers || ns >= state.scanFrom + SCAN_REST_NS;
     if (tour.type == 1 && rested && std::abs(state.scanCoord) <= SCAN_LIMIT &&
         world_.inSpan(state.scan, ns).contains(true)) {
-        state.lingers = state.scanned && ns >= state.scanFrom + 2 * SCAN_REST_NS;
+        // A second expiry for the rest that this step ends, or the first one when a reload ends it.
+        const int64_t expiry = state.scanFrom + (state.scanned ? 2 : 1) * SCAN_REST_NS;
+        state.lingers = state.scanned ? ns >= expiry : std::abs(ns - expiry) < LATENESS_NS;
         state.scanned = false;
         state.preset = 0;
         states.insert(state);
@@ -313,7 +315,7 @@ void MotionJudge::tourDrives(int64_t ns, bool succeeds, const Fits& fitting)
         if (!succeeds || world_.settings[state.setting].type != 1)
             return;
         state.scanned = true;
-        state.scanFrom = WHENEVER - SCAN_REST_NS; // until it has settled
+        state.scanFrom = WHENEVER / 2; // until it has settled
         state.scanWay = state.scanCoord >= limits.to ? -1 : state.scanWay;
         state.scanWay = state.scanCoord <= limits.from ? 1 : state.scanWay;
         state.scanCoord += SCAN_STRIDE * state.scanWay;

@@ -27,8 +27,8 @@ struct MotionState {
     int64_t quietFrom = WHENEVER;
     bool tracking = false;
     bool scanned = false; // a scan step, and the head has not rested for 15 s since scanFrom
-    int64_t scanFrom = 0;
-    bool lingers = false; // the end of the rest before came so late that another expiry may still end this one
+    int64_t scanFrom = WHENEVER / 2;
+    bool lingers = false; // an expiry of the timer for the rest before may still be on its way, and end this one
     int preset = 0;       // where the tour has sent the head last
     int scanCoord = 0;
     int scanWay = 1;
