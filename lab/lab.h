@@ -169,6 +169,8 @@ public:
     bool hasNode(LabAxisId axis) const;
     /// Requests of that kind since the lab was started, failed ones included.
     uint32_t served(LabAxisId axis, LabRequest request) const;
+    /// Timers that programs have created since the lab was started.
+    uint32_t timersCreated() const;
 
     // Time.
     void setSpeed(double labPerReal);

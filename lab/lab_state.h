@@ -8,7 +8,7 @@
 
 inline constexpr uint32_t LAB_STATE_MAGIC = 0x62616c70;
 /// Grows with every change of the records below; a process refuses a state file of another version.
-inline constexpr uint32_t LAB_STATE_VERSION = 2;
+inline constexpr uint32_t LAB_STATE_VERSION = 3;
 
 /// The lab's time zone, below DIR.
 #define LAB_ZONE_FILE "/etc/localtime"
@@ -99,6 +99,7 @@ struct LabState {
     LabAxisRecord axes[LAB_AXIS_COUNT];
     std::atomic<int32_t> cetMode;    // LabCetMode
     std::atomic<int32_t> cetDelayMs; // of CET_LATE
+    std::atomic<uint32_t> timersCreated;
 };
 
 static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free,

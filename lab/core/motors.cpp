@@ -108,6 +108,11 @@ uint32_t Lab::served(LabAxisId axis, LabRequest request) const
     return state_->axes[axis].served[request].load();
 }
 
+uint32_t Lab::timersCreated() const
+{
+    return state_->timersCreated.load();
+}
+
 void Lab::setCet(LabCetMode mode, int32_t delayMs)
 {
     state_->cetDelayMs.store(delayMs);

@@ -224,6 +224,7 @@ int timer_create(clockid_t clock, sigevent* event, timer_t* id) noexcept
         return fail(EAGAIN);
     *timer = {true, clock, event->sigev_notify_function, event->sigev_value, stackSize, UNARMED, 0, 0, 0};
     *id = timer;
+    labState()->timersCreated.fetch_add(1);
     return 0;
 }
 
