@@ -26,8 +26,8 @@ void presetTableSet(const PresetTable& table) EXCLUDES(gContext.preset.PresetLoc
 /// Thread: main; takes ConfigStoreLock and PresetLock.
 [[nodiscard]] int32_t reloadPresetList() EXCLUDES(gContext.preset.PresetLock);
 
-/// Stores the table. @return RESULT_OK; ERR_DEVICE, reported, or CFG_UCI_FAILED when the commit fails: storage is then
-/// unchanged, and reloadPresetList makes memory match it again.
+/// Stores the table. @return RESULT_OK; ERR_DEVICE when a change fails, reported, or before any reloadPresetList has
+/// read the list; CFG_UCI_FAILED when the commit fails. Then reloadPresetList makes memory match storage again.
 /// Thread: event loop; takes ConfigStoreLock and, under it, PresetLock.
 [[nodiscard]] int32_t savePresetList() EXCLUDES(gContext.preset.PresetLock);
 

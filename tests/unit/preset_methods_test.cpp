@@ -134,6 +134,18 @@ TEST_F(Presets, SurviveAnUnreadableFile)
     EXPECT_STREQ(preset(1).name, "kept");
 }
 
+TEST_F(Presets, SurviveAFileThatTheStartCouldNotRead)
+{
+    call(ubusSetPreset, R"({"id":"1","name":"kept"})");
+    presetTableSet({});
+    gContext.preset.presetsLoaded = false;
+    EXPECT_EQ(call(ubusSetPreset, R"({"id":"2","name":"early"})"), R"({"name":"kept","id":"2","error_code":-64301})");
+    EXPECT_EQ(ids(), R"({"id":["1"])") << "loaded after all";
+    EXPECT_EQ(call(ubusSetPreset, R"({"id":"2"})"), done("preset2", 2));
+    EXPECT_EQ(reloadPresetList(), RESULT_OK);
+    EXPECT_STREQ(preset(1).name, "kept");
+}
+
 TEST_F(Presets, AreDeletedAndTheRestPacked)
 {
     for (const char* id : {"1", "2", "3", "5"}) {

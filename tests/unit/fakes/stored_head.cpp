@@ -60,6 +60,7 @@ void StoredHead::SetUp()
     ASSERT_EQ(cfg_uci_init(), 0);
     resetDaemon();
     presetTableSet({});
+    gContext.preset.presetsLoaded = true;
     gContext.preset.panSpeedFactor.store(1.0F);
     gContext.preset.tiltSpeedFactor.store(1.0F);
 }
