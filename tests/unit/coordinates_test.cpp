@@ -30,39 +30,23 @@ TEST_F(Coordinates, TruncateTowardZeroBothWays)
     EXPECT_EQ(stepsToCoord(PAN, 3001), 151);
 }
 
-TEST_F(Coordinates, LimitsIncludeBothEnds)
+TEST_F(Coordinates, RelativeStepsAreCutAtTheLimitsWhichIncludeBothEnds)
 {
     EXPECT_TRUE(withinLimits(PAN, -150) && withinLimits(PAN, 150) && withinLimits(TILT, -39) && withinLimits(TILT, 61));
     EXPECT_FALSE(withinLimits(PAN, -151) || withinLimits(PAN, 151) || withinLimits(TILT, -40) ||
                  withinLimits(TILT, 62));
-}
-
-TEST_F(Coordinates, EachFlipTypeHasItsSigns)
-{
-    const int32_t signs[4][2] = {{1, 1}, {-1, 1}, {1, -1}, {-1, -1}};
-    for (int32_t type = 0; type < 4; ++type) {
-        gContext.image.imageFlipType.store(type);
-        EXPECT_EQ(flipSign(PAN), signs[type][0]) << type;
-        EXPECT_EQ(flipSign(TILT), signs[type][1]) << type;
-    }
-}
-
-TEST_F(Coordinates, RelativeStepsAreCutAtTheLimits)
-{
-    EXPECT_EQ(relativeSteps(PAN, 10, 1500), 100);
-    EXPECT_EQ(relativeSteps(PAN, 149, 1500), 1490);
-    EXPECT_EQ(relativeSteps(PAN, 151, 1500), 1500);
-    EXPECT_EQ(relativeSteps(PAN, -1000, 1500), -1500);
-    EXPECT_EQ(relativeSteps(PAN, 1, 3000), 0);
-    EXPECT_EQ(relativeSteps(TILT, -100, 610), -390); // the lower limit, -39, is at step 220
-    EXPECT_EQ(relativeSteps(TILT, -1, 220), 0);
-}
-
-TEST_F(Coordinates, AHugeDisplacementRunsToTheLimitInItsOwnDirection)
-{
-    const int64_t huge = int64_t{std::numeric_limits<int32_t>::max()} + 1;
-    EXPECT_EQ(relativeSteps(PAN, huge, 1500), 1500);
-    EXPECT_EQ(relativeSteps(PAN, -huge, 1500), -1500);
+    constexpr int64_t HUGE_WAY = int64_t{std::numeric_limits<int32_t>::max()} + 1;
+    const struct {
+        AxisIndex axis;
+        int64_t way;
+        int32_t from, steps;
+    } cases[] = {
+        {PAN, 10, 1500, 100},      {PAN, 149, 1500, 1490},      {PAN, 151, 1500, 1500},
+        {PAN, -1000, 1500, -1500}, {PAN, 1, 3000, 0},           {TILT, -100, 610, -390}, // -39 is at step 220
+        {TILT, -1, 220, 0},        {PAN, HUGE_WAY, 1500, 1500}, {PAN, -HUGE_WAY, 1500, -1500},
+    };
+    for (const auto& one : cases)
+        EXPECT_EQ(relativeSteps(one.axis, one.way, one.from), one.steps) << one.way;
     gContext.axes[PAN].total_steps = std::numeric_limits<int32_t>::max();
     gContext.axes[PAN].range = 1;
     EXPECT_EQ(coordToSteps(PAN, std::numeric_limits<int32_t>::min()), std::numeric_limits<int32_t>::min());

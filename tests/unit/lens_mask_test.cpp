@@ -52,17 +52,13 @@ TEST_F(LensMask, HidesTheLensAndStoresWhereTheHeadStood)
     }
 }
 
-TEST_F(LensMask, DoesNothingWhileItIsOffAndStaysOff)
+TEST_F(LensMask, IsRefusedInOrderAndTheSwitchStays)
 {
     for (const char* off : {"off", "", "1"})
         EXPECT_EQ(mask(off), RESULT_OK) << off;
     fakes.options.clear();
-    EXPECT_EQ(fakes.call(ubusLensMask), RESULT_OK);
-    expectUntouched();
-}
-
-TEST_F(LensMask, IsRefusedInOrderAndTheSwitchStays)
-{
+    EXPECT_EQ(fakes.call(ubusLensMask), RESULT_OK) << "it is off without a setting, too";
+    fakes.reloads.clear();
     fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
     gContext.panorama.panoramaRunning.store(1);
     gContext.motion.calibrating.store(1);
@@ -101,24 +97,6 @@ TEST_F(LensMask, ReturnsToTheStoredPositionOrHome)
     EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"ubusLensMask", "error to get option x_motor.steps\n"}}));
     EXPECT_EQ(fakes.commits, 0);
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
-}
-
-TEST_F(LensMask, StaysAsItWasWhenTheHeadCannotFollow)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_EQ(mask("on"), ERR_DEVICE);
-    EXPECT_EQ(lensMaskEnabled(), 0);
-    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}}));
-    fakeMotor.failing.clear();
-    fakeMotor.status[TILT].running = 1;
-    fakeMotor.fail(TILT, MOTOR_IOC_STOP);
-    EXPECT_EQ(mask("on"), ERR_DEVICE);
-    EXPECT_EQ(fakes.commits, 1) << "nothing is stored when the head cannot be halted";
-    fakeMotor.failing.clear();
-    EXPECT_EQ(mask("on"), RESULT_OK);
-    fakeMotor.fail(TILT, MOTOR_IOC_MOVE);
-    EXPECT_EQ(mask("off"), ERR_DEVICE);
-    EXPECT_EQ(lensMaskEnabled(), 1);
 }
 
 TEST_F(LensMask, AFailedWriteIsReportedAndTheLensHiddenAllTheSame)
@@ -176,34 +154,20 @@ TEST_F(LensMask, AMotionThatFailedIsNotSavedUntilAUserMovesTheHead)
     const Options where{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}};
     fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
     EXPECT_EQ(mask("on"), ERR_DEVICE);
+    EXPECT_EQ(lensMaskEnabled(), 0);
     fakeMotor.failing.clear();
-    standAt(1500, 0);
+    standAt(1500, 0); // tilt was sent all the same
     saveCurSteps(nullptr);
     EXPECT_EQ(stored(), where);
+    for (const char* text : {"on", "off", "on", "off"}) { // nor by other tries, before the head is back
+        EXPECT_EQ(mask(text), RESULT_OK);
+        EXPECT_EQ(stored(), where);
+    }
     gContext.position.power_off_recover.store(0);
     EXPECT_EQ(moveHead(0, 5), RESULT_OK);
     standAt(1500, 50);
     saveCurSteps(nullptr);
     EXPECT_EQ(stored().at("y_motor.steps"), "50");
-}
-
-TEST_F(LensMask, IsNotStoredByAnotherTryAfterAMotionThatFailed)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_EQ(mask("on"), ERR_DEVICE);
-    fakeMotor.failing.clear();
-    standAt(1500, 0); // tilt was sent all the same
-    EXPECT_EQ(mask("on"), RESULT_OK);
-    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}}));
-}
-
-TEST_F(LensMask, IsNotStoredWhenItIsSwitchedOnAgainBeforeTheHeadIsBack)
-{
-    EXPECT_EQ(mask("on"), RESULT_OK);
-    standAt(1500, 0);
-    EXPECT_EQ(mask("off"), RESULT_OK);
-    EXPECT_EQ(mask("on"), RESULT_OK);
-    EXPECT_EQ(stored(), (Options{{"x_motor.steps", "1500"}, {"y_motor.steps", "610"}}));
 }
 
 TEST_F(LensMask, APanoramaOrTrackingAfterAMotionThatFailedStoresItsStart)

@@ -1,9 +1,4 @@
-#include "fakes/fake_motor.h"
-#include "fakes/fake_surroundings.h"
-#include "motor/motion_state.h"
-#include "ubus/notify.h"
-
-#include <gtest/gtest.h>
+#include "fakes/motion_fixture.h"
 
 namespace {
 
@@ -11,23 +6,18 @@ using Notifications = std::vector<FakeNotification>;
 const FakeNotification MOVING{NOTIFY_MOVING, ORIGIN_USER};
 const FakeNotification IDLE{NOTIFY_IDLE, ORIGIN_USER};
 
-class Motion : public testing::Test {
+class Motion : public MotionTest {
 protected:
     MotionState& motion = gContext.motion;
-    Timers& timers = gContext.timers;
 
-    void SetUp() override
-    {
-        resetDaemon();
-    }
     static void run(bool running)
     {
         fakeMotor.status[PAN].running = running;
     }
     /// A motion that has been started and runs.
-    static void startMotion(MotionBegin variant = MotionBegin::User)
+    static void startMotion()
     {
-        EXPECT_EQ(beginAndDrive(variant, {}, {}), RESULT_OK);
+        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
         run(true);
     }
 };
@@ -40,31 +30,24 @@ TEST_F(Motion, BeginsOnceAndSettlesOnceWhenBothAxesRest)
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications, Notifications{MOVING}) << "settled while an axis runs";
 
-    fakeMotor.status[PAN].running = 0;
+    run(false);
     fakeMotor.status[TILT].running = 1;
     motorStatusPoll(nullptr);
     EXPECT_EQ(motion.motion_active.load(), 1) << "settled while tilt runs";
 
     fakeMotor.status[TILT].running = 0;
+    fakeMotor.fail(TILT, MOTOR_IOC_GET_STATUS);
+    motorStatusPoll(nullptr);
+    EXPECT_TRUE(fakes.armed(timers.statusPollTimer)) << "settled while tilt cannot be read";
+    EXPECT_EQ(motion.motion_active.load(), 1);
+
+    fakeMotor.failing.clear();
     motorStatusPoll(nullptr);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE}));
     EXPECT_FALSE(fakes.armed(timers.statusPollTimer));
     EXPECT_EQ(fakes.timers[&timers.usrMoveStopTimer].firstNs, 60'000'000'000);
     EXPECT_FALSE(fakes.armed(timers.scanMoveStopTimer)) << "no scan step waits for its rest";
-}
-
-TEST_F(Motion, KeepsPollingWhileAnAxisCannotBeRead)
-{
-    startMotion();
-    run(false);
-    fakeMotor.fail(TILT, MOTOR_IOC_GET_STATUS);
-    motorStatusPoll(nullptr);
-    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
-    EXPECT_EQ(motion.motion_active.load(), 1);
-    fakeMotor.failing.clear();
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.back(), IDLE);
 }
 
 TEST_F(Motion, AMotionUnderWayKeepsItsOriginAndGetsNoSecondNotification)
@@ -82,10 +65,11 @@ TEST_F(Motion, AMotionUnderWayKeepsItsOriginAndGetsNoSecondNotification)
     EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer));
 }
 
-TEST_F(Motion, ThePollDoesNotTakeTheRestBeforeTheMoveRequestsForTheEnd)
+TEST_F(Motion, NobodyTakesTheRestBeforeTheMoveRequestsForTheEnd)
 {
-    motionBegin(MotionBegin::User);
-    motorStatusPoll(nullptr); // the requests are not sent yet, the axes still rest
+    motionBegin(MotionBegin::User); // the requests are not sent yet, the axes still rest
+    motorStatusPoll(nullptr);
+    motionSettle(MotionSettle::Stop);
     EXPECT_EQ(fakes.notifications, Notifications{MOVING});
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
     motionStarted();
@@ -128,16 +112,6 @@ TEST_F(Motion, StopEndsTheMotionAndThePollAddsNothing)
     EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
 }
 
-TEST_F(Motion, StopLeavesAMotionAloneThatAnotherThreadIsAboutToStart)
-{
-    motionBegin(MotionBegin::User);
-    motionSettle(MotionSettle::Stop);
-    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
-    motionStarted();
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE}));
-}
-
 TEST_F(Motion, ACalibrationEndsTheMotionItInterruptsAndIsNotPolled)
 {
     startMotion();
@@ -152,54 +126,6 @@ TEST_F(Motion, ACalibrationEndsTheMotionItInterruptsAndIsNotPolled)
     EXPECT_EQ(motion.motion_active.load(), 0);
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer));
-}
-
-TEST_F(Motion, HaltStopsTiltOnlyAfterPanAndCancelsAStepMove)
-{
-    {
-        LockGuard hold(gContext.motion.MotionLock);
-        gContext.motion.stepMoveActive = 1;
-        gContext.motion.stepMoveDirection = 90;
-        gContext.motion.stepMoveRemaining = 700;
-    }
-    fakeMotor.fail(PAN, MOTOR_IOC_STOP);
-    EXPECT_EQ(motionHalt(), ERR_DEVICE);
-    ASSERT_EQ(fakeMotor.requests.size(), 1u);
-    EXPECT_EQ(fakeMotor.requests[0].axis, PAN);
-    LockGuard hold(gContext.motion.MotionLock);
-    EXPECT_EQ(gContext.motion.stepMoveActive + gContext.motion.stepMoveDirection + gContext.motion.stepMoveRemaining,
-              0);
-}
-
-TEST_F(Motion, DriveSendsTiltEvenWhenPanFails)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_EQ(driveAxes({}, {}), ERR_DEVICE);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
-    fakeMotor.failing.clear();
-    fakeMotor.fail(TILT, MOTOR_IOC_MOVE);
-    EXPECT_EQ(driveAxes({}, {}), ERR_DEVICE);
-}
-
-TEST_F(Motion, RefusalsComeInTheirOrder)
-{
-    EXPECT_EQ(motionBusy(), RESULT_OK);
-    gContext.panorama.panoramaRunning.store(1);
-    EXPECT_EQ(motionBusy(), ERR_PANORAMA);
-    lensMaskSetEnabled(1);
-    EXPECT_EQ(motionBusy(), ERR_LENS_MASK);
-    motion.calibrating.store(1);
-    EXPECT_EQ(motionBusy(), ERR_CALIBRATING);
-}
-
-TEST_F(Motion, ReadsLeaveTiltAloneWhenPanFails)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    EXPECT_EQ(motorReadStatus(pan, tilt), ERR_DEVICE);
-    ASSERT_EQ(fakeMotor.requests.size(), 1u);
-    EXPECT_EQ(fakeMotor.requests[0].axis, PAN);
 }
 
 } // namespace

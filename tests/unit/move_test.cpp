@@ -1,12 +1,6 @@
-#include "fakes/fake_motor.h"
-#include "fakes/fake_surroundings.h"
+#include "fakes/motion_fixture.h"
 #include "motion/move.h"
 #include "motion/quiet_period.h"
-#include "motor/motion_state.h"
-#include "ubus/notify.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <limits>
@@ -14,91 +8,43 @@
 
 namespace {
 
-class Move : public testing::Test {
-protected:
-    Timers& timers = gContext.timers;
+using Move = MotionTest;
 
-    void SetUp() override
-    {
+TEST_F(Move, GoesByTheDisplacementCutAtTheLimitsWithTheConfiguredSpeed)
+{
+    constexpr int32_t LOWEST = std::numeric_limits<int32_t>::min();
+    const struct {
+        int32_t flipType, x, y, pan, tilt;
+    } cases[] = {{0, 10, 5, 100, 50},   {1, 10, 5, -100, 50},       {2, 10, 5, 100, -50},
+                 {3, 10, 5, -100, -50}, {0, 1000, 1000, 1500, 610}, {3, LOWEST, LOWEST, 1500, 610},
+                 {0, 0, 0, 0, 0}};
+    for (const auto& one : cases) {
         resetDaemon();
+        gContext.image.imageFlipType.store(one.flipType);
+        EXPECT_EQ(moveHead(one.x, one.y), RESULT_OK);
+        EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 0, one.pan), move(TILT, 0, one.tilt)})) << one.x;
+        EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].firstNs, 10'000'000'000);
+        EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].intervalNs, 10'000'000'000);
+        EXPECT_EQ(fakes.notifications.size(), 1u);
     }
-    /// What the last move requests told pan and tilt.
-    static std::pair<int32_t, int32_t> driven()
-    {
-        const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
-        if (moves.size() < 2)
-            return {-999999, -999999};
-        return {moves[moves.size() - 2].steps, moves[moves.size() - 1].steps};
-    }
-    /// Expects that a refused command left the head, its state and its timers alone.
-    void expectUntouched()
-    {
-        EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_MOVE).empty());
-        EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty());
-        EXPECT_TRUE(fakes.notifications.empty());
-        EXPECT_FALSE(fakes.armed(timers.statusPollTimer));
-        EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
-    }
-};
-
-TEST_F(Move, GoesByTheDisplacementWithTheConfiguredSpeed)
-{
-    EXPECT_EQ(moveHead(10, -5), RESULT_OK);
-    const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
-    ASSERT_EQ(moves.size(), 2u);
-    EXPECT_EQ(moves[0], (FakeRequest{PAN, MOTOR_IOC_MOVE, 0, 100}));
-    EXPECT_EQ(moves[1], (FakeRequest{TILT, MOTOR_IOC_MOVE, 0, -50}));
-    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].firstNs, 10'000'000'000);
-    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].intervalNs, 10'000'000'000);
-}
-
-TEST_F(Move, FollowsTheFlipSigns)
-{
-    const std::pair<int32_t, int32_t> expected[4] = {{100, 50}, {-100, 50}, {100, -50}, {-100, -50}};
-    for (int32_t type = 0; type < 4; ++type) {
-        gContext.image.imageFlipType.store(type);
-        EXPECT_EQ(moveHead(10, 5), RESULT_OK);
-        EXPECT_EQ(driven(), expected[type]) << type;
-    }
-}
-
-TEST_F(Move, IsCutAtTheLimitsHoweverFarItIsAsked)
-{
-    EXPECT_EQ(moveHead(1000, 1000), RESULT_OK);
-    EXPECT_EQ(driven(), (std::pair{1500, 610}));
-    gContext.image.imageFlipType.store(3);
-    constexpr int32_t lowest = std::numeric_limits<int32_t>::min();
-    EXPECT_EQ(moveHead(lowest, lowest), RESULT_OK) << "-2147483648 times -1 must not wrap";
-    EXPECT_EQ(driven(), (std::pair{1500, 610}));
 }
 
 TEST_F(Move, IsRefusedWhenAnAxisHasNoWayToGo)
 {
-    fakeMotor.status[PAN].position = 3000;
+    standAt(3000, 610);
     fakeMotor.status[TILT].running = 1;
     EXPECT_EQ(moveHead(1, 0), ERR_NO_TRAVEL);
     EXPECT_EQ(moveHead(1, 5), ERR_NO_TRAVEL);
     expectUntouched();
     EXPECT_EQ(moveHead(0, 5), RESULT_OK);
-    EXPECT_EQ(driven(), (std::pair{0, 50}));
-}
-
-TEST_F(Move, OfNothingStillHaltsAndBegins)
-{
-    fakeMotor.status[PAN].running = 1;
-    EXPECT_EQ(moveHead(0, 0), RESULT_OK);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
-    EXPECT_EQ(driven(), (std::pair{0, 0}));
-    EXPECT_EQ(fakes.notifications.size(), 1u);
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT), move(PAN, 0, 0), move(TILT, 0, 50)}));
 }
 
 TEST_F(Move, ToATargetSendsTheStatusBackWithTheSteps)
 {
     fakeMotor.status[PAN].speed = 7;
-    EXPECT_EQ(moveHeadTo(30, 0), RESULT_OK);
-    const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
-    EXPECT_EQ(moves[0], (FakeRequest{PAN, MOTOR_IOC_MOVE, 7, 300})); // 1500 + 30 * 10 - 1500
-    EXPECT_EQ(moves[1], (FakeRequest{TILT, MOTOR_IOC_MOVE, 4, 0}));
+    EXPECT_EQ(moveHeadTo(30, 0), RESULT_OK); // 1500 + 30 * 10 - 1500
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 7, 300), move(TILT, 4, 0)}));
 }
 
 TEST_F(Move, TestsTheTargetsLimitsBeforeEverythingElse)
@@ -128,53 +74,19 @@ TEST_F(Move, RefusalsAndFailedReadsLeaveTheHeadAlone)
     expectUntouched();
 }
 
-TEST_F(Move, AFailedHaltEndsTheCommandBeforeItBegins)
-{
-    fakeMotor.status[TILT].running = 1;
-    fakeMotor.fail(TILT, MOTOR_IOC_STOP);
-    EXPECT_EQ(moveHeadTo(1, 1), ERR_DEVICE);
-    EXPECT_TRUE(fakes.notifications.empty());
-    EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_MOVE).empty());
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
-}
-
-TEST_F(Move, AFailedMoveRequestStillEndsInIdle)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_EQ(moveHead(1, 1), ERR_DEVICE);
-    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer));
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.size(), 2u);
-    EXPECT_EQ(gContext.motion.motion_active.load(), 0);
-}
-
 TEST_F(Move, StopAtRestSendsBothStopsAndArmsTheSaveOnly)
 {
     EXPECT_EQ(stopHead(), RESULT_OK);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT)}));
     EXPECT_EQ(fakeMotor.requests.size(), 2u) << "no status is read";
     EXPECT_TRUE(fakes.notifications.empty());
     EXPECT_TRUE(fakes.armed(timers.saveStepsTimer));
     EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer));
-}
-
-TEST_F(Move, AFailedStopStillEndsTheMotion)
-{
-    EXPECT_EQ(moveHead(1, 1), RESULT_OK);
-    fakeMotor.fail(PAN, MOTOR_IOC_STOP);
-    EXPECT_EQ(stopHead(), ERR_DEVICE);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 1u);
-    EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_USER}));
-    EXPECT_FALSE(fakes.armed(timers.statusPollTimer));
-}
-
-TEST_F(Move, WithRecoveryOffNothingArmsTheSave)
-{
+    timerStop(&timers.saveStepsTimer);
     gContext.position.power_off_recover.store(0);
-    EXPECT_EQ(moveHead(1, 1), RESULT_OK);
-    EXPECT_EQ(moveHeadTo(1, 1), RESULT_OK);
-    EXPECT_EQ(stopHead(), RESULT_OK);
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
+    for (const ResultCode code : {moveHead(1, 1), moveHeadTo(1, 1), stopHead()})
+        EXPECT_EQ(code, RESULT_OK);
+    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer)) << "nobody asks for the position";
 }
 
 TEST_F(Move, TheQuietPeriodsEndOnlyWhenTheHeadRests)

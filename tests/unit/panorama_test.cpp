@@ -30,16 +30,17 @@ TEST_F(Panorama, StoresThePositionAndGoesToItsStartAtFullSpeed)
 
 TEST_F(Panorama, FollowsTheFlipSigns)
 {
-    const std::pair<int32_t, int32_t> start[4] = {{-1500, -100}, {1500, -100}, {-1500, 100}, {1500, 100}};
-    const std::pair<int32_t, int32_t> sweep[4] = {{300, 50}, {-300, 50}, {300, -50}, {-300, -50}};
+    const struct {
+        int32_t startPan, startTilt, pan, tilt;
+    } steps[4] = {{-1500, -100, 300, 50}, {1500, -100, -300, 50}, {-1500, 100, 300, -50}, {1500, 100, -300, -50}};
     for (int32_t type = 0; type < 4; ++type) {
         resetDaemon();
         gContext.image.imageFlipType.store(type);
         EXPECT_EQ(panoramaStart(), RESULT_OK);
         EXPECT_EQ(panoramaMove(30, 5), RESULT_OK);
-        EXPECT_EQ(driven(),
-                  (std::vector<FakeRequest>{move(PAN, 8, start[type].first), move(TILT, 8, start[type].second),
-                                            move(PAN, 8, sweep[type].first), move(TILT, 8, sweep[type].second)}))
+        const auto& [startPan, startTilt, pan, tilt] = steps[type];
+        EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 8, startPan), move(TILT, 8, startTilt),
+                                                      move(PAN, 8, pan), move(TILT, 8, tilt)}))
             << type;
     }
 }
@@ -54,18 +55,20 @@ TEST_F(Panorama, AFailedStartLeavesNonePending)
     gContext.motion.calibrating.store(0);
     EXPECT_EQ(panoramaStart(), ERR_LENS_MASK);
     lensMaskSetEnabled(0);
-    fakeMotor.fail(TILT, MOTOR_IOC_GET_STATUS);
-    EXPECT_EQ(panoramaStart(), ERR_DEVICE);
     expectUntouched();
-    fakeMotor.failing.clear();
     fakeMotor.status[PAN].running = 1;
-    fakeMotor.fail(PAN, MOTOR_IOC_STOP);
-    EXPECT_EQ(panoramaStart(), ERR_DEVICE);
-    EXPECT_EQ(fakes.commits, 0);
-    fakeMotor.failing.clear();
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_EQ(panoramaStart(), ERR_DEVICE);
-    EXPECT_EQ(running(), 0);
+    for (const auto& [axis, request] :
+         {std::pair{TILT, MOTOR_IOC_GET_STATUS}, {PAN, MOTOR_IOC_STOP}, {PAN, MOTOR_IOC_MOVE}}) {
+        EXPECT_EQ(fakes.commits, 0) << "stored before the head rests";
+        fakeMotor.failing.clear();
+        fakeMotor.fail(axis, request);
+        EXPECT_EQ(panoramaStart(), ERR_DEVICE);
+        EXPECT_EQ(running(), 0);
+        gContext.panorama.panoramaRunning.store(1);
+        EXPECT_EQ(fakes.call(ubusStopPanorama), ERR_DEVICE);
+        EXPECT_EQ(running(), 0) << "it ends whatever fails";
+        fakeMotor.status[PAN].running = request != MOTOR_IOC_STOP;
+    }
     EXPECT_EQ(fakes.commits, 1);
 }
 
@@ -115,7 +118,7 @@ TEST_F(Panorama, RefusesASweepInOrder)
     EXPECT_EQ(fakes.reports.size(), 1u);
 }
 
-TEST_F(Panorama, ReturnsToTheStoredPosition)
+TEST_F(Panorama, ReturnsToTheStoredPositionOrHome)
 {
     storePosition(1234, 600);
     standAt(0, 510);
@@ -126,29 +129,13 @@ TEST_F(Panorama, ReturnsToTheStoredPosition)
     EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT), move(PAN, 8, 1234), move(TILT, 8, 90)}));
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
     EXPECT_EQ(fakes.commits, 0);
-}
 
-TEST_F(Panorama, ReturnsHomeForWhatIsNotStored)
-{
-    fakes.options["y_motor.steps"] = "-1";
-    standAt(0, 610);
+    fakeMotor.requests.clear();
+    fakes.options = {{"y_motor.steps", "-1"}};
     EXPECT_EQ(fakes.call(ubusStopPanorama), RESULT_OK);
-    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 8, 1500), move(TILT, 8, -60)}));
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 8, 1500), move(TILT, 8, 40)}));
     EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"ubusStopPanorama", "error to get option x_motor.steps\n"}}))
         << "a negative one is no failure";
-}
-
-TEST_F(Panorama, EndsWhateverFails)
-{
-    for (const auto& [axis, request] :
-         {std::pair{TILT, MOTOR_IOC_GET_STATUS}, {PAN, MOTOR_IOC_STOP}, {TILT, MOTOR_IOC_MOVE}}) {
-        resetDaemon();
-        gContext.panorama.panoramaRunning.store(1);
-        fakeMotor.status[PAN].running = 1;
-        fakeMotor.fail(axis, request);
-        EXPECT_EQ(fakes.call(ubusStopPanorama), ERR_DEVICE);
-        EXPECT_EQ(running(), 0);
-    }
 }
 
 } // namespace

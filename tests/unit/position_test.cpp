@@ -1,34 +1,17 @@
-#include "fakes/fake_motor.h"
-#include "fakes/fake_surroundings.h"
+#include "fakes/motion_fixture.h"
 #include "motor/calibration.h"
-#include "motor/motion_state.h"
 #include "motor/position_store.h"
-#include "ubus/notify.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
-using Options = std::map<std::string, std::string>;
-
-class Position : public testing::Test {
-protected:
-    Timers& timers = gContext.timers;
-
-    void SetUp() override
-    {
-        resetDaemon();
-    }
-    static void storePosition(int32_t pan, int32_t tilt)
-    {
-        fakes.options["x_motor.steps"] = std::to_string(pan);
-        fakes.options["y_motor.steps"] = std::to_string(tilt);
-    }
-};
+using Position = MotionTest;
 
 TEST_F(Position, IsSavedOnceBothAxesRest)
 {
     saveStepsArm();
+    gContext.motion.calibrating.store(1); // and they do between its rotations
+    saveCurSteps(nullptr);
+    gContext.motion.calibrating.store(0);
     fakeMotor.status[TILT].running = 1;
     saveCurSteps(nullptr);
     fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
@@ -38,7 +21,7 @@ TEST_F(Position, IsSavedOnceBothAxesRest)
     EXPECT_TRUE(fakes.armed(timers.saveStepsTimer)) << "a save that did not happen is tried again";
 
     fakeMotor.failing.clear();
-    fakeMotor.status[PAN].position = 1234;
+    standAt(1234, 610);
     saveCurSteps(nullptr);
     EXPECT_EQ(fakes.options, (Options{{"x_motor.steps", "1234"}, {"y_motor.steps", "610"}}));
     EXPECT_EQ(fakes.commits, 1);
@@ -58,23 +41,12 @@ TEST_F(Position, OfAMotionThatStartsDuringASaveIsSavedToo)
     EXPECT_TRUE(gContext.position.savePending.load());
 }
 
-TEST_F(Position, IsNotSavedBetweenTheRotationsOfACalibration)
-{
-    saveStepsArm();
-    gContext.motion.calibrating.store(1);
-    saveCurSteps(nullptr);
-    EXPECT_TRUE(fakes.options.empty());
-    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer));
-}
-
 TEST_F(Position, AFailedWriteIsReportedForEachAxisAndCommitted)
 {
     fakes.settingFails = true;
     saveCurSteps(nullptr);
-    ASSERT_EQ(fakes.reports.size(), 2u);
-    EXPECT_EQ(fakes.reports[0].text, "error to set option x_motor.steps\n");
-    EXPECT_EQ(fakes.reports[1].text, "error to set option y_motor.steps\n");
-    EXPECT_EQ(fakes.reports[0].function, "saveCurSteps");
+    EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"saveCurSteps", "error to set option x_motor.steps\n"},
+                                                      {"saveCurSteps", "error to set option y_motor.steps\n"}}));
     EXPECT_EQ(fakes.commits, 1);
 }
 
@@ -87,26 +59,20 @@ TEST_F(Position, TheReturnAfterTrackingStopsTheTrackingMotionAndGoesBack)
     gContext.tour.tourCurrentPresetId.store(4);
     fakeMotor.status[PAN] = {0, 3, 1800, 1, 1};
     EXPECT_EQ(moveToLastPostion(), RESULT_OK);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
-    const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
-    ASSERT_EQ(moves.size(), 2u);
-    EXPECT_EQ(moves[0], (FakeRequest{PAN, MOTOR_IOC_MOVE, 3, -400}));
-    EXPECT_EQ(moves[1], (FakeRequest{TILT, MOTOR_IOC_MOVE, 4, -10}));
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT), move(PAN, 3, -400), move(TILT, 4, -10)}));
     EXPECT_EQ(gContext.motion.track_back_done.load(), 1);
     EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer));
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer)) << "a return is never stored";
     EXPECT_TRUE(fakes.notifications.empty()) << "the motion was under way";
-}
-
-TEST_F(Position, TheReturnFromRestHasItsOwnOrigin)
-{
-    storePosition(1400, 610);
+    motorStatusPoll(nullptr);
     gContext.motion.motion_origin.store(ORIGIN_TOUR);
+    fakes.notifications.clear();
     EXPECT_EQ(moveToLastPostion(), RESULT_OK);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications,
-              (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_RETURN}, {NOTIFY_IDLE, ORIGIN_RETURN}}));
+              (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_RETURN}, {NOTIFY_IDLE, ORIGIN_RETURN}}))
+        << "one from rest";
 }
 
 TEST_F(Position, TheReturnLeavesTheHeadWhereAUserPutIt)
@@ -146,8 +112,7 @@ TEST_F(Position, TheReturnNeedsAStoredPositionAndTakesHomeForANegativeOne)
     EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"moveToLastPostion", "error to get option y_motor.steps\n"}}));
     fakes.options["y_motor.steps"] = "-1";
     EXPECT_EQ(moveToLastPostion(), RESULT_OK);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[0].steps, 0);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[1].steps, -60); // home is -6 units of 10 steps
+    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 4, 0), move(TILT, 4, -60)})); // home is -6 units
 }
 
 TEST_F(Position, TheReturnReportsFailedRequests)
@@ -183,10 +148,8 @@ protected:
         EXPECT_EQ(calibrationStart(), 0);
         EXPECT_EQ(gContext.motion.calibrating.load(), 1) << "calibrating before the thread has run";
         fakes.runWorker();
-        std::vector<FakeRequest> found;
-        for (const FakeRequest& request : fakeMotor.requests)
-            if (request.axis == axis)
-                found.push_back(request);
+        std::vector<FakeRequest> found = fakeMotor.requests;
+        std::erase_if(found, [=](const FakeRequest& request) { return request.axis != axis; });
         return found;
     }
 };
@@ -242,14 +205,7 @@ TEST_F(Calibration, CorrectsAMissingOrExcessiveSpeedOption)
     EXPECT_EQ(fakes.reports[0], (FakeReport{"ptzdCali", "error to set option x_motor.speed\n"}));
 }
 
-TEST_F(Calibration, DoesNotCountAsRunningWhenItsThreadCannotBeCreated)
-{
-    fakes.threadCreationFails = true;
-    EXPECT_EQ(calibrationStart(), -1);
-    EXPECT_EQ(gContext.motion.calibrating.load(), 0);
-}
-
-TEST_F(Calibration, EndsBetweenRotationsWhenTheDaemonEnds)
+TEST_F(Calibration, EndsBetweenRotationsWhenTheDaemonEndsAndDoesNotBeginWithoutAThread)
 {
     fakeMotor.onRequest = [](const FakeRequest& request) {
         if (request.number == MOTOR_IOC_ROTATE)
@@ -257,6 +213,9 @@ TEST_F(Calibration, EndsBetweenRotationsWhenTheDaemonEnds)
     };
     (void)calibrate(PAN);
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_ROTATE).size(), 1u);
+    fakes.threadCreationFails = true;
+    EXPECT_EQ(calibrationStart(), -1);
+    EXPECT_EQ(gContext.motion.calibrating.load(), 0);
 }
 
 } // namespace

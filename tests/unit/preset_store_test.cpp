@@ -124,20 +124,6 @@ TEST_F(PresetStore, StoresEightSectionsAndGivesThemBackExactly)
     EXPECT_STREQ(found.name, table.presetTable[1].name);
 }
 
-TEST_F(PresetStore, AFailedCommitLeavesTheStoredPresets)
-{
-    write("ptzd", section(1, options(1, 1)));
-    ASSERT_EQ(reloadPresetList(), RESULT_OK);
-    const std::string before = file("ptzd");
-    presetTableSet({});
-    spoilStore();
-    EXPECT_EQ(savePresetList(), CFG_UCI_FAILED);
-    EXPECT_EQ(file("ptzd"), before);
-    EXPECT_EQ(reloadPresetList(), RESULT_OK);
-    PresetEntry found{};
-    EXPECT_TRUE(presetFind(1, found));
-}
-
 TEST_F(PresetStore, LoadsTheSettingsAndSaysWhatIsMissing)
 {
     EXPECT_EQ(reloadPresetConfig(), ERR_DEVICE);

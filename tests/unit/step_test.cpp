@@ -49,26 +49,17 @@ protected:
 TEST_F(Step, AimsOneAxisAtItsLimitByTheSectorOfTheDirection)
 {
     // From the middle pan has 1500 steps to either limit; tilt 610 up to 61 units and 390 down to -39.
-    const struct {
-        int32_t direction;
-        std::pair<int32_t, int32_t> steps;
-    } cases[] = {{0, {1500, 0}},    {45, {1500, 0}},   {46, {0, 610}},    {90, {0, 610}},
-                 {91, {0, 610}},    {134, {0, 610}},   {135, {-1500, 0}}, {180, {-1500, 0}},
-                 {181, {-1500, 0}}, {225, {-1500, 0}}, {226, {0, -390}},  {270, {0, -390}},
-                 {271, {0, -390}},  {314, {0, -390}},  {315, {1500, 0}},  {359, {1500, 0}}};
-    for (const auto& one : cases)
-        EXPECT_EQ(aim(one.direction), one.steps) << one.direction;
+    using Steps = std::pair<int32_t, int32_t>;
+    const Steps right{1500, 0}, up{0, 610}, left{-1500, 0}, down{0, -390};
+    const std::pair<int32_t, Steps> cases[] = {{0, right},  {45, right}, {46, up},    {134, up},    {135, left},
+                                               {225, left}, {226, down}, {314, down}, {315, right}, {359, right}};
+    for (const auto& [direction, steps] : cases)
+        EXPECT_EQ(aim(direction), steps) << direction;
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[0].speed, 0) << "the configured speed";
-}
-
-TEST_F(Step, FollowsTheFlipSigns)
-{
-    const std::pair<int32_t, int32_t> right[4] = {{1500, 0}, {-1500, 0}, {1500, 0}, {-1500, 0}};
-    const std::pair<int32_t, int32_t> up[4] = {{0, 610}, {0, 610}, {0, -390}, {0, -390}};
-    for (int32_t type = 0; type < 4; ++type) {
+    for (int32_t type = 1; type < 4; ++type) {
         gContext.image.imageFlipType.store(type);
-        EXPECT_EQ(aim(0), right[type]) << type;
-        EXPECT_EQ(aim(90), up[type]) << type;
+        EXPECT_EQ(aim(0), type % 2 == 0 ? right : left) << type;
+        EXPECT_EQ(aim(90), type < 2 ? up : down) << type;
     }
 }
 
@@ -94,42 +85,32 @@ TEST_F(Step, IsRefusedInOrderAndLeavesTheHeadAlone)
     EXPECT_EQ(stepHead(0), ERR_NO_TRAVEL);
     expectUntouched();
     EXPECT_EQ(aim(90), (std::pair{0, 610})) << "the other axis has a way to go";
-}
-
-TEST_F(Step, NeedsItsArgumentAndTakesOtherTextForZero)
-{
+    standAt(1500, 610);
+    fakeMotor.requests.clear();
     EXPECT_EQ(fakes.call(ubusMoveMotorStep), ERR_PARAM);
     EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"ubusMoveMotorStep", "UBUS: Invalied parameter.\n"}}));
-    EXPECT_EQ(fakes.call(ubusMoveMotorStep, {{"direction", "abc"}}), RESULT_OK);
+    EXPECT_EQ(fakes.call(ubusMoveMotorStep, {{"direction", "abc"}}), RESULT_OK) << "other text is zero";
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE)[0].steps, 1500);
 }
 
 TEST_F(Step, MovesForItsTicksAndStopsBothAxes)
 {
-    gContext.motion.stepSustainTicks.store(3);
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    EXPECT_TRUE(fakes.notifications.empty()) << "the thread begins the motion";
-    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].firstNs, 10'000'000'000);
-    fakes.runWorker();
-    EXPECT_EQ(fakes.sleeps, 3);
-    EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 0, 1500), move(TILT, 0, 0), stop(PAN), stop(TILT)}));
-    EXPECT_EQ(fakes.notifications, (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_USER}}));
-    EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
-    expectCleared();
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.size(), 2u) << "nothing is left pending: the poll ends the motion";
-    EXPECT_EQ(gContext.motion.motion_active.load(), 0);
-}
-
-TEST_F(Step, EndsAtTheFirstTickWithoutASustain)
-{
-    for (const int32_t sustain : {1, 0, -5, std::numeric_limits<int32_t>::min()}) {
+    constexpr int32_t LOWEST = std::numeric_limits<int32_t>::min();
+    for (const auto& [sustain, ticks] : {std::pair{3, 3}, {1, 1}, {0, 1}, {-5, 1}, {LOWEST, 1}}) {
         resetDaemon();
         gContext.motion.stepSustainTicks.store(sustain);
         EXPECT_EQ(stepHead(0), RESULT_OK);
+        EXPECT_TRUE(fakes.notifications.empty()) << "the thread begins the motion";
+        EXPECT_EQ(fakes.timers[&timers.saveStepsTimer].firstNs, 10'000'000'000);
         fakes.runWorker();
-        EXPECT_EQ(fakes.sleeps, 1) << sustain;
-        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+        EXPECT_EQ(fakes.sleeps, ticks) << sustain;
+        EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 0, 1500), move(TILT, 0, 0), stop(PAN), stop(TILT)}));
+        EXPECT_EQ(fakes.notifications, (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_USER}}));
+        EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
+        expectCleared();
+        motorStatusPoll(nullptr);
+        EXPECT_EQ(fakes.notifications.size(), 2u) << "nothing is left pending: the poll ends the motion";
+        EXPECT_EQ(gContext.motion.motion_active.load(), 0);
     }
 }
 
@@ -211,14 +192,7 @@ TEST_F(Step, IsEndedByAStopThatComesRightAfterItsBeginStep)
     EXPECT_EQ(gContext.motion.motion_active.load(), 0);
 }
 
-TEST_F(Step, HaltsAnotherMotionFirst)
-{
-    fakeMotor.status[TILT].running = 1;
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    EXPECT_EQ(driven(), (std::vector<FakeRequest>{stop(PAN), stop(TILT), move(PAN, 0, 1500), move(TILT, 0, 0)}));
-}
-
-TEST_F(Step, AFailedRequestStartsNoThread)
+TEST_F(Step, AFailureStartsNoThreadAndLeavesNoStepBehind)
 {
     fakeMotor.status[TILT].running = 1;
     fakeMotor.fail(PAN, MOTOR_IOC_STOP);
@@ -229,11 +203,7 @@ TEST_F(Step, AFailedRequestStartsNoThread)
     EXPECT_EQ(stepHead(0), ERR_DEVICE);
     EXPECT_EQ(fakes.worker, nullptr);
     expectCleared();
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer));
-}
-
-TEST_F(Step, AThreadThatCannotBeCreatedLeavesNoStepBehind)
-{
+    fakeMotor.failing.clear();
     fakes.threadCreationFails = true;
     EXPECT_EQ(stepHead(0), ERR_DEVICE);
     expectCleared();
@@ -324,19 +294,11 @@ TEST_F(Step, TheDaemonsEndStopsItAtOnceUnlessItWasCancelled)
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 4u);
     EXPECT_TRUE(fakes.notifications.empty());
 
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    stepMoveCancel();
-    fakes.runWorker();
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 4u);
-}
-
-TEST_F(Step, ManualCalibrationCancelsItEvenAtRest)
-{
     CalibrationTarget targets[AXIS_COUNT]{};
     gContext.calibrationArg = targets;
     EXPECT_EQ(stepHead(0), RESULT_OK);
     EXPECT_EQ(fakes.call(ubusManualCalibrate), RESULT_OK);
-    EXPECT_EQ(active(), 0);
+    EXPECT_EQ(active(), 0) << "cancelled, even at rest";
     gContext.calibrationArg = nullptr;
 }
 

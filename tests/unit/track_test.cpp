@@ -29,14 +29,13 @@ TEST_F(Track, GoesByTheDisplacementAtItsOwnSpeeds)
 
 TEST_F(Track, CutsSpeedsAndFollowsTheFlipSigns)
 {
-    constexpr int32_t most = std::numeric_limits<int32_t>::max();
-    const std::pair<int32_t, int32_t> expected[4] = {{100, 50}, {-100, 50}, {100, -50}, {-100, -50}};
+    constexpr int32_t MOST = std::numeric_limits<int32_t>::max();
     for (int32_t type = 0; type < 4; ++type) {
         resetDaemon();
         gContext.image.imageFlipType.store(type);
-        EXPECT_EQ(trackTarget(10, 5, type == 0 ? 0 : -5, type == 0 ? 9 : most), RESULT_OK);
-        EXPECT_EQ(driven(),
-                  (std::vector<FakeRequest>{move(PAN, 1, expected[type].first), move(TILT, 8, expected[type].second)}));
+        EXPECT_EQ(trackTarget(10, 5, type == 0 ? 0 : -5, type == 0 ? 9 : MOST), RESULT_OK);
+        EXPECT_EQ(driven(), (std::vector<FakeRequest>{move(PAN, 1, type % 2 == 0 ? 100 : -100),
+                                                      move(TILT, 8, type < 2 ? 50 : -50)}));
     }
 }
 

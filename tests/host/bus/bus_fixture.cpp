@@ -77,18 +77,6 @@ long BusTest::ticksWhileIdle() const
     return daemonTicks() - before;
 }
 
-long BusTest::daemonStatus(const std::string& name) const
-{
-    std::ifstream file("/proc/" + std::to_string(daemon->pid()) + "/status");
-    for (std::string word; file >> word;) {
-        long value = 0;
-        if (word == name + ":" && file >> value)
-            return value;
-    }
-    ADD_FAILURE() << "no " << name;
-    return 0;
-}
-
 size_t BusTest::daemonDescriptors() const
 {
     const std::filesystem::directory_iterator entries("/proc/" + std::to_string(daemon->pid()) + "/fd");

@@ -37,9 +37,6 @@ protected:
     // Ticks used in half a second of watching: a busy loop would take about 50.
     long ticksWhileIdle() const;
 
-    // A line of the daemon's /proc status, such as "VmRSS", in its unit.
-    long daemonStatus(const std::string& name) const;
-
     // How many descriptors the daemon has open.
     size_t daemonDescriptors() const;
 

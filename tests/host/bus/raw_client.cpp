@@ -168,12 +168,6 @@ void RawClient::send(const Bytes& bytes) const
     }
 }
 
-size_t RawClient::trySend(const Bytes& bytes) const
-{
-    const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    return count > 0 ? static_cast<size_t>(count) : 0;
-}
-
 void RawClient::endWriting() const
 {
     shutdown(fd_, SHUT_WR);

@@ -65,8 +65,6 @@ public:
     void awaitGreeting();
     void send(const Bytes& bytes) const;
 
-    // Sends as much as goes without waiting.
-    size_t trySend(const Bytes& bytes) const;
     void endWriting() const;
 
     // The next message; empty, and a test failure, when none comes in time.

@@ -146,113 +146,84 @@ TEST_F(Uloop, TimeoutsAreRearmedAndCancelled)
     pass();
     EXPECT_EQ(runs, 1);
     EXPECT_FALSE(timeout.pending);
-}
 
-TEST_F(Uloop, ATimeoutThatAlwaysArmsItselfForNowLeavesRoomForDescriptors)
-{
-    Timeout restless([&] { uloop_timeout_set(&restless, 0); });
+    // One that always arms itself for now leaves room for descriptors.
+    timeout.run = [&] { uloop_timeout_set(&timeout, 0); };
     Watched socket([&](unsigned) { uloop_end(); });
     uloop_fd_add(&socket, ULOOP_READ);
-    uloop_timeout_set(&restless, 0);
+    uloop_timeout_set(&timeout, 0);
     socket.send();
     EXPECT_EQ(uloop_run(), 0);
 }
 
-TEST_F(Uloop, APassRunsOneDescriptorCallback)
+TEST_F(Uloop, APassRunsOneCallbackAndDeletingADescriptorDropsItsFetchedEvents)
 {
     int calls = 0;
-    auto count = [&](unsigned events) {
-        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-        ++calls;
+    bool deletes = false;
+    std::vector<Watched*> sockets;
+    const auto count = [&](size_t other) {
+        return [&, other](unsigned events) {
+            EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+            ++calls;
+            if (deletes) {
+                EXPECT_EQ(uloop_fd_delete(sockets[other]), 0);
+            }
+        };
     };
-    Watched one(count), two(count);
-    uloop_fd_add(&one, ULOOP_READ);
-    uloop_fd_add(&two, ULOOP_READ);
+    Watched one(count(1)), two(count(0));
+    sockets = {&one, &two};
+    for (Watched* socket : sockets)
+        EXPECT_EQ(uloop_fd_add(socket, ULOOP_READ), 0);
     pass();
     EXPECT_EQ(calls, 0);
     one.send();
     two.send();
-    pass();
-    EXPECT_EQ(calls, 1);
-    pass();
-    EXPECT_EQ(calls, 2);
-}
-
-TEST_F(Uloop, DeletingADescriptorDropsItsFetchedEvents)
-{
-    int calls = 0;
-    Watched *first = nullptr, *second = nullptr;
-    auto deleteOther = [&](Watched** other) {
-        return [&calls, other](unsigned) {
-            ++calls;
-            EXPECT_EQ(uloop_fd_delete(*other), 0);
-        };
-    };
-    Watched one(deleteOther(&second)), two(deleteOther(&first));
-    first = &one;
-    second = &two;
-    for (Watched* socket : {first, second}) {
-        EXPECT_EQ(uloop_fd_add(socket, ULOOP_READ), 0);
-        socket->send();
+    for (int expected : {1, 2}) {
+        pass();
+        EXPECT_EQ(calls, expected);
     }
+    deletes = true;
     pass();
     pass();
-    EXPECT_EQ(calls, 2); // the same one twice
+    EXPECT_EQ(calls, 4); // the same one twice
     EXPECT_NE(one.registered, two.registered);
 }
 
-TEST_F(Uloop, HalfCloseIsReportedUntilTheDescriptorIsDeleted)
+TEST_F(Uloop, AFullCloseDeregistersBeforeItsOnlyCallbackUnlessErrorsAreWanted)
 {
-    int calls = 0;
-    Watched socket([&](unsigned events) {
-        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-        EXPECT_TRUE(socket.eof);
-        EXPECT_FALSE(socket.error);
-        EXPECT_TRUE(socket.registered);
-        ++calls;
-    });
-    uloop_fd_add(&socket, ULOOP_READ);
-    shutdown(socket.pair.fds[1], SHUT_WR);
-    pass();
-    pass();
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(uloop_fd_add(&socket, ULOOP_READ), 0);
-    EXPECT_FALSE(socket.eof);
-    EXPECT_EQ(uloop_fd_add(&socket, ULOOP_BLOCKING), 0); // neither direction: deleted
-    EXPECT_FALSE(socket.registered);
-    pass();
-    EXPECT_EQ(calls, 2);
-}
-
-TEST_F(Uloop, FullCloseDeregistersBeforeItsOnlyCallback)
-{
-    int calls = 0;
-    Watched socket([&](unsigned events) {
-        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-        EXPECT_TRUE(socket.eof);
-        EXPECT_TRUE(socket.error);
+    const struct {
+        bool full;
+        unsigned flags;
+        bool staysRegistered;
+    } cases[] = {{false, ULOOP_READ, true}, {true, ULOOP_READ, false}, {true, ULOOP_READ | ULOOP_ERROR_CB, true}};
+    for (const auto& [full, flags, stays] : cases) {
+        SCOPED_TRACE(std::to_string(full) + " " + std::to_string(flags));
+        int calls = 0;
+        Watched socket([&, full = full, stays = stays](unsigned events) {
+            EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+            EXPECT_TRUE(socket.eof);
+            EXPECT_EQ(socket.error, full);
+            EXPECT_EQ(socket.registered, stays);
+            EXPECT_EQ(socket.flags != 0, stays);
+            ++calls;
+        });
+        uloop_fd_add(&socket, flags);
+        if (full)
+            socket.pair.closeEnd(1);
+        else
+            shutdown(socket.pair.fds[1], SHUT_WR);
+        pass();
+        pass();
+        EXPECT_EQ(calls, stays ? 2 : 1) << "reported until it is deleted";
+        if (full)
+            continue;
+        EXPECT_EQ(uloop_fd_add(&socket, ULOOP_READ), 0);
+        EXPECT_FALSE(socket.eof);
+        EXPECT_EQ(uloop_fd_add(&socket, ULOOP_BLOCKING), 0); // neither direction: deleted
         EXPECT_FALSE(socket.registered);
-        EXPECT_EQ(socket.flags, 0);
-        ++calls;
-    });
-    uloop_fd_add(&socket, ULOOP_READ);
-    socket.pair.closeEnd(1);
-    pass();
-    pass();
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_F(Uloop, FullCloseLeavesADescriptorWithErrorCallbackRegistered)
-{
-    int calls = 0;
-    Watched socket([&](unsigned) { ++calls; });
-    uloop_fd_add(&socket, ULOOP_READ | ULOOP_ERROR_CB);
-    socket.pair.closeEnd(1);
-    pass();
-    pass();
-    EXPECT_EQ(calls, 2);
-    EXPECT_TRUE(socket.error);
-    EXPECT_TRUE(socket.registered);
+        pass();
+        EXPECT_EQ(calls, 2);
+    }
 }
 
 TEST_F(Uloop, FlagsChooseDirectionAndBlockingMode)

@@ -118,7 +118,7 @@ TEST(Golden, CallersOfMethods)
     }
 }
 
-TEST(Golden, Lookups)
+TEST(Golden, LookupsAndAnEvent)
 {
     FakeBus missing(playBack("C4"));
     uint32_t id = 77;
@@ -134,10 +134,7 @@ TEST(Golden, Lookups)
     };
     EXPECT_EQ(ubus_lookup(connectTo(all).get(), nullptr, collect, &found), 0);
     EXPECT_EQ(found, R"(ptzd{"moveTo":{"x_coord":3,"y_coord":3},"stop":{}})");
-}
 
-TEST(Golden, SenderOfAnEvent)
-{
     FakeBus bus(playBack("C6"));
     JsonMessage data(R"({"action":"start"})");
     EXPECT_EQ(ubus_send_event(connectTo(bus).get(), "motor_rotate_event", data.get()), 0);

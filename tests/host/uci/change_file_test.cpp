@@ -23,39 +23,28 @@ std::string commitMark(const std::string& text)
 
 TEST(ChangeFile, SkipsLinesThatDoNotApply)
 {
-    Sandbox box("config t 's'\n");
-    box.setChanges("p.s.a='1'\n"
-                   "it's garbage\n"
-                   "q.s.b='another package'\n"
-                   "p.nosec.c='1'\n"
-                   "p.s.d-e='1'\n"
-                   "-p.nosec\n"
-                   "p.s.f='1' 'too many words'\n"
-                   "@p.s='no-name'\n"
-                   "^p.s='x'\n"
-                   "p\n"
-                   "\n"
-                   "p.s.g=unquoted\n"
-                   "+p.cfg0292bd='rule'\n"
-                   "p.cfg0292bd.h='l1\nl2'\n");
-    const Context ctx = box.context();
-    uci_package* p = load(ctx);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(exported(ctx, p), "\nconfig t 's'\n\toption a '1'\n\toption g 'unquoted'\n"
-                                "\nconfig rule\n\toption h 'l1\nl2'\n\n");
-}
-
-TEST(ChangeFile, OfWhichNothingAppliesStaysAndLeavesTheFileAlone)
-{
+    const std::string bad = "it's garbage\n"
+                            "q.s.b='another package'\n"
+                            "p.nosec.c='1'\n"
+                            "p.s.d-e='1'\n"
+                            "-p.nosec\n"
+                            "p.s.f='1' 'too many words'\n"
+                            "@p.s='no-name'\n"
+                            "^p.s='x'\n"
+                            "p\n"
+                            "\n";
     Sandbox box("config t 's' # untouched\n");
-    box.setChanges("p.nosec.c='1'\n");
+    box.setChanges(bad);
     const Context ctx = box.context();
     uci_package* p = load(ctx);
-    uci_package* const before = p;
     EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_NE(p, before);
     EXPECT_EQ(box.fileText(), "config t 's' # untouched\n");
-    EXPECT_EQ(box.changes(), "p.nosec.c='1'\n");
+    EXPECT_EQ(box.changes(), bad);
+
+    box.setChanges("p.s.a='1'\n" + bad + "p.s.g=unquoted\n+p.cfg0292bd='rule'\np.cfg0292bd.h='l1\nl2'\n");
+    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+    EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '1'\n\toption g 'unquoted'\n"
+                              "\nconfig rule\n\toption h 'l1\nl2'\n\n");
 }
 
 TEST(ChangeFile, DoesNotTrustALineWhoseWriterDied)
@@ -77,41 +66,39 @@ TEST(ChangeFile, DoesNotTrustALineWhoseWriterDied)
 TEST(ChangeFile, IsNotAppliedAgainToTheFileThatHoldsItsChanges)
 {
     const std::string committed = "\nconfig t 's'\n\tlist l 'x'\n\nconfig rule\n\n";
-    const std::string changes = "|p.s.l='x'\n+p.cfg0292bd='rule'\n-p.gone\n";
-
-    // The process died between the rename and the emptying; somebody saved more since.
-    Sandbox after(committed);
-    after.setChanges(changes + commitMark(committed) + "|p.s.l='y'\n");
-    const Context ctx = after.context();
-    uci_package* p = load(ctx);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(values(ctx, "p.s.l"), (std::vector<std::string>{"x", "y"}));
-    EXPECT_EQ(after.run({"changes"}).out, "p.s.l+='y'\n");
-    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(after.fileText(), "\nconfig t 's'\n\tlist l 'x'\n\tlist l 'y'\n\nconfig rule\n\n");
-    EXPECT_EQ(after.changes(), "");
-
-    // Nothing is left to do but to empty it.
-    Sandbox idle(committed);
-    idle.setChanges(changes + commitMark(committed));
-    EXPECT_EQ(idle.run({"commit"}).status, 0);
-    EXPECT_EQ(idle.fileText(), committed);
-    EXPECT_EQ(idle.changes(), "");
-
-    // It died ahead of the rename.
-    Sandbox before("config t 's'\n\nconfig t 'gone'\n");
-    before.setChanges(changes + commitMark(committed));
-    EXPECT_EQ(before.run({"commit"}).status, 0);
-    EXPECT_EQ(before.fileText(), committed);
+    const std::string done = "|p.s.l='x'\n+p.cfg0292bd='rule'\n-p.gone\n" + commitMark(committed);
+    const struct {
+        std::string file, more, changes, after;
+    } cases[] = {
+        // The process died between the rename and the emptying; somebody saved more since.
+        {committed, "|p.s.l='y'\n", "p.s.l+='y'\n", "\nconfig t 's'\n\tlist l 'x'\n\tlist l 'y'\n\nconfig rule\n\n"},
+        // Nothing is left to do but to empty it.
+        {committed, "", "", committed},
+        // It died ahead of the rename.
+        {"config t 's'\n\nconfig t 'gone'\n", "", "p.s.l+='x'\np.cfg0292bd='rule'\n-p.gone\n", committed},
+    };
+    for (const auto& [file, more, changes, after] : cases) {
+        Sandbox box(file);
+        box.setChanges(done + more);
+        EXPECT_EQ(box.run({"changes"}).out, changes);
+        EXPECT_EQ(box.run({"commit"}).status, 0);
+        EXPECT_EQ(box.fileText(), after);
+        EXPECT_EQ(box.changes(), "");
+    }
 }
 
 TEST(ChangeFile, IsReadInEverySearchDirectoryAndEmptiedInOne)
 {
     Sandbox box("config t 's'\n");
+    chmod(box.file.c_str(), 0600);
+    chmod(box.configDir.c_str(), 0700);
     const std::filesystem::path other = box.root / "other";
     std::filesystem::create_directory(other);
     writeFile(other / "p", "p.s.a='other'\np.s.b='other'\n");
-    box.setChanges("p.s.b='mine'\n");
+    EXPECT_EQ(box.run({"set", "p.s.b=mine"}).status, 0);
+    using std::filesystem::perms;
+    EXPECT_EQ(status(box.changeFile).permissions(), perms::owner_read | perms::owner_write) << "as the file's";
+    EXPECT_EQ(status(box.saveDir).permissions(), perms::owner_all) << "as its directory's";
     const Context ctx = box.context();
     EXPECT_STREQ(uci_list_to_element(ctx->delta_path.next)->name, "/tmp/.uci");
     EXPECT_EQ(uci_add_delta_path(ctx.get(), other.c_str()), UCI_OK);
@@ -121,17 +108,6 @@ TEST(ChangeFile, IsReadInEverySearchDirectoryAndEmptiedInOne)
     EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a 'other'\n\toption b 'mine'\n\n");
     EXPECT_EQ(box.changes(), "");
     EXPECT_EQ(readFile(other / "p"), "p.s.a='other'\np.s.b='other'\n");
-}
-
-TEST(ChangeFile, TakesItsModesFromTheConfiguration)
-{
-    Sandbox box("config t 's'\n");
-    chmod(box.file.c_str(), 0600);
-    chmod(box.configDir.c_str(), 0700);
-    EXPECT_EQ(box.run({"set", "p.s.a=1"}).status, 0);
-    using std::filesystem::perms;
-    EXPECT_EQ(status(box.changeFile).permissions(), perms::owner_read | perms::owner_write);
-    EXPECT_EQ(status(box.saveDir).permissions(), perms::owner_all);
 }
 
 } // namespace

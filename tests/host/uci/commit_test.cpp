@@ -1,5 +1,4 @@
-// Committing: the file that is replaced, its surroundings, and failures.
-#include "fault_calls.h"
+// Committing: the file that is replaced, and its surroundings.
 #include "sandbox.h"
 
 #include <gtest/gtest.h>
@@ -99,77 +98,6 @@ TEST_F(Commit, OntoABrokenFileKeepsHandleAndChanges)
     box.setFile("config t 's'\n\toption b 'mended'\n");
     EXPECT_EQ(commit(), UCI_OK);
     EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption b 'mended'\n\toption a '2'\n\n");
-}
-
-TEST_F(Commit, WithoutASaveDirectoryKeepsTheChangeUnsaved)
-{
-    EXPECT_EQ(edit(ctx, uci_set, "p.s.a=2"), UCI_OK);
-    writeFile(box.saveDir, "in the way");
-    uci_package* const before = p;
-    EXPECT_EQ(uci_save(ctx.get(), p), UCI_ERR_IO);
-    EXPECT_EQ(commit(), UCI_ERR_IO);
-    EXPECT_EQ(p, before);
-    fs::remove(box.saveDir);
-    EXPECT_EQ(commit(), UCI_OK);
-    EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '2'\n\n");
-}
-
-TEST_F(Commit, GivesUpWithoutHarmWhereTheDirectoryCannotBeWritten)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can become somebody who may not";
-    EXPECT_EQ(box.run({"set", "p.s.a=2"}).status, 0);
-    chmod(box.root.c_str(), 0755);
-    chmod(box.file.c_str(), 0666);
-    chmod(box.changeFile.c_str(), 0666);
-    ASSERT_EQ(seteuid(65534), 0);
-    const int writableFile = commit();
-    ASSERT_EQ(seteuid(0), 0);
-    EXPECT_EQ(writableFile, UCI_ERR_IO);
-    EXPECT_EQ(box.changes(), "p.s.a='2'\n");
-
-    chmod(box.file.c_str(), 0600);
-    ASSERT_EQ(seteuid(65534), 0);
-    const int unreadable = uci_load(box.context().get(), "p", nullptr);
-    ASSERT_EQ(seteuid(0), 0);
-    EXPECT_EQ(unreadable, UCI_ERR_IO);
-    EXPECT_EQ(commit(), UCI_OK);
-}
-
-// Each file call of a commit fails once, from the first to the last: the file is the old or the new one, the handle is
-// good, and the next commit brings everything in order.
-TEST(CommitFailure, OfAnyCallHarmsNothing)
-{
-    const std::string before = "config t 's'\n\tlist l 'x'\n", after = "\nconfig t 's'\n\tlist l 'x'\n\tlist l 'y'\n\n";
-    int failures = 0;
-    for (int nth = 1;; ++nth) {
-        SCOPED_TRACE(nth);
-        Sandbox box(before);
-        const Context ctx = box.context();
-        uci_package* p = load(ctx);
-        ASSERT_EQ(edit(ctx, uci_add_list, "p.s.l=y"), UCI_OK);
-        uci_package* const old = p;
-        plan(Fault::Fail, nth);
-        const int code = uci_commit(ctx.get(), &p, false);
-        if (!planMet()) {
-            EXPECT_EQ(code, UCI_OK);
-            break;
-        }
-        failures += code != UCI_OK;
-        EXPECT_TRUE(code == UCI_OK || code == UCI_ERR_IO);
-        EXPECT_EQ(p == old, code != UCI_OK);
-        EXPECT_TRUE(box.fileText() == before || box.fileText() == after) << box.fileText();
-        EXPECT_EQ(values(ctx, "p.s.l"), (std::vector<std::string>{"x", "y"}));
-        EXPECT_EQ(std::distance(fs::directory_iterator(box.configDir), {}), 1) << "a temporary file stays";
-
-        const Context reader = box.context();
-        load(reader);
-        EXPECT_LE(values(reader, "p.s.l").size(), 2u);
-        EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-        EXPECT_EQ(box.fileText(), after);
-        EXPECT_EQ(box.changes(), "");
-    }
-    EXPECT_GE(failures, 8);
 }
 
 } // namespace

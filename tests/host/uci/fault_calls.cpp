@@ -53,45 +53,20 @@ ssize_t write(int fd, const void* data, size_t size)
     return meets() ? -1 : call(fd, data, size);
 }
 
-int fsync(int fd)
-{
-    static const auto call = real(&fsync, "fsync");
-    return meets() ? -1 : call(fd);
-}
+// A call that does what it always does unless it is the one that is to fail.
+#define FAULTY_CALL(name, parameters, arguments)                                                                       \
+    int name parameters                                                                                                \
+    {                                                                                                                  \
+        static const auto call = real(&name, #name);                                                                   \
+        return meets() ? -1 : call arguments;                                                                          \
+    }                                                                                                                  \
+    static_assert(true)
 
-int ftruncate(int fd, off_t size) noexcept
-{
-    static const auto call = real(&ftruncate, "ftruncate");
-    return meets() ? -1 : call(fd, size);
-}
-
-int fchmod(int fd, mode_t mode) noexcept
-{
-    static const auto call = real(&fchmod, "fchmod");
-    return meets() ? -1 : call(fd, mode);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept
-{
-    static const auto call = real(&mkdir, "mkdir");
-    return meets() ? -1 : call(path, mode);
-}
-
-int mkstemp(char* path)
-{
-    static const auto call = real(&mkstemp, "mkstemp");
-    return meets() ? -1 : call(path);
-}
-
-int rename(const char* from, const char* to) noexcept
-{
-    static const auto call = real(&rename, "rename");
-    return meets() ? -1 : call(from, to);
-}
-
-int unlink(const char* path) noexcept
-{
-    static const auto call = real(&unlink, "unlink");
-    return meets() ? -1 : call(path);
-}
+FAULTY_CALL(fsync, (int fd), (fd));
+FAULTY_CALL(ftruncate, (int fd, off_t size) noexcept, (fd, size));
+FAULTY_CALL(fchmod, (int fd, mode_t mode) noexcept, (fd, mode));
+FAULTY_CALL(mkdir, (const char* path, mode_t mode) noexcept, (path, mode));
+FAULTY_CALL(mkstemp, (char* path), (path));
+FAULTY_CALL(rename, (const char* from, const char* to) noexcept, (from, to));
+FAULTY_CALL(unlink, (const char* path) noexcept, (path));
 }

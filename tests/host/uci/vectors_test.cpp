@@ -6,71 +6,65 @@
 
 #include <json-c/json.h>
 
+#include <functional>
 #include <map>
 
 namespace {
 
-struct Edit {
-    std::string command;
-    std::string argument;
-    int status;
-};
+// One of the array's vectors; a text is an array of its lines there.
+class UciVector {
+public:
+    explicit UciVector(json_object* object) : object_(object)
+    {
+    }
+    std::string lines(const char* key) const
+    {
+        std::string all;
+        for (size_t i = 0; i < json_object_array_length(member(key)); ++i)
+            all += text(json_object_array_get_idx(member(key), i));
+        return all;
+    }
+    std::string name() const
+    {
+        return text(member("name"));
+    }
+    // Calls `make(command, argument, whether it fails)` for each edit.
+    void edits(const std::function<void(const std::string&, const std::string&, bool)>& make) const
+    {
+        for (size_t i = 0; i < json_object_array_length(member("edits")); ++i) {
+            json_object* edit = json_object_array_get_idx(member("edits"), i);
+            SCOPED_TRACE(text(edit));
+            make(text(json_object_array_get_idx(edit, 0)), text(json_object_array_get_idx(edit, 1)),
+                 json_object_get_int(json_object_array_get_idx(edit, 2)) != 0);
+        }
+    }
 
-struct UciVector {
-    std::string name, in, showBefore, delta, changes, out, showAfter;
-    std::vector<Edit> edits;
+private:
+    static std::string text(json_object* value)
+    {
+        return json_object_get_string(value);
+    }
+    json_object* member(const char* key) const
+    {
+        json_object* value = nullptr;
+        if (!json_object_object_get_ex(object_, key, &value))
+            throw std::runtime_error(std::string("no ") + key);
+        return value;
+    }
+    json_object* object_;
 };
 
 void PrintTo(const UciVector& vector, std::ostream* out)
 {
-    *out << vector.name;
-}
-
-json_object* member(json_object* object, const char* key)
-{
-    json_object* value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value))
-        throw std::runtime_error(std::string("no ") + key);
-    return value;
-}
-
-std::string text(json_object* string)
-{
-    return {json_object_get_string(string), static_cast<size_t>(json_object_get_string_len(string))};
-}
-
-std::string joinedLines(json_object* object, const char* key)
-{
-    json_object* lines = member(object, key);
-    std::string all;
-    for (size_t i = 0; i < json_object_array_length(lines); ++i)
-        all += text(json_object_array_get_idx(lines, i));
-    return all;
+    *out << vector.name();
 }
 
 std::vector<UciVector> readVectors()
 {
-    const std::unique_ptr<json_object, int (*)(json_object*)> root(json_object_from_file(PTZD_VECTORS "/uci.json"),
-                                                                   json_object_put);
+    static json_object* const ROOT = json_object_from_file(PTZD_VECTORS "/uci.json");
     std::vector<UciVector> vectors;
-    for (size_t i = 0; i < json_object_array_length(root.get()); ++i) {
-        json_object* object = json_object_array_get_idx(root.get(), i);
-        UciVector vector;
-        vector.name = text(member(object, "name"));
-        vector.in = joinedLines(object, "in");
-        vector.showBefore = joinedLines(object, "show_before");
-        vector.delta = joinedLines(object, "delta");
-        vector.changes = joinedLines(object, "changes");
-        vector.out = joinedLines(object, "out");
-        vector.showAfter = joinedLines(object, "show_after");
-        json_object* edits = member(object, "edits");
-        for (size_t k = 0; k < json_object_array_length(edits); ++k) {
-            json_object* edit = json_object_array_get_idx(edits, k);
-            vector.edits.push_back({text(json_object_array_get_idx(edit, 0)), text(json_object_array_get_idx(edit, 1)),
-                                    json_object_get_int(json_object_array_get_idx(edit, 2))});
-        }
-        vectors.push_back(std::move(vector));
-    }
+    for (size_t i = 0; i < json_object_array_length(ROOT); ++i)
+        vectors.emplace_back(json_object_array_get_idx(ROOT, i));
     return vectors;
 }
 
@@ -94,24 +88,23 @@ class Vectors : public testing::TestWithParam<UciVector> {};
 TEST_P(Vectors, ThroughTheLibrary)
 {
     const UciVector& vector = GetParam();
-    Sandbox box(vector.in);
+    Sandbox box(vector.lines("in"));
     const Context ctx = box.context();
     uci_package* p = load(ctx);
     ASSERT_NE(p, nullptr);
-    for (const Edit& step : vector.edits) {
-        std::string tuple = step.argument;
-        if (step.command == "add")
+    vector.edits([&](const std::string& command, std::string tuple, bool fails) {
+        if (command == "add")
             tuple[tuple.find(' ')] = '=';
-        EXPECT_EQ(edit(ctx, CALLS.at(step.command), tuple) != UCI_OK, step.status != 0) << step.argument;
-    }
+        EXPECT_EQ(edit(ctx, CALLS.at(command), tuple) != UCI_OK, fails);
+    });
     ASSERT_EQ(uci_save(ctx.get(), p), UCI_OK);
-    EXPECT_EQ(box.changes(), vector.delta);
-    EXPECT_EQ(std::filesystem::exists(box.changeFile), !vector.delta.empty());
+    EXPECT_EQ(box.changes(), vector.lines("delta"));
+    EXPECT_EQ(std::filesystem::exists(box.changeFile), !box.changes().empty());
 
     const uci_package* before = p;
     ASSERT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
     EXPECT_NE(p, before);
-    EXPECT_EQ(box.fileText(), vector.out);
+    EXPECT_EQ(box.fileText(), vector.lines("out"));
     EXPECT_EQ(box.changes(), "");
     EXPECT_EQ(uci_lookup_package(ctx.get(), "p"), p);
 }
@@ -119,25 +112,24 @@ TEST_P(Vectors, ThroughTheLibrary)
 TEST_P(Vectors, ThroughTheCommand)
 {
     const UciVector& vector = GetParam();
-    Sandbox box(vector.in);
-    EXPECT_EQ(box.show(), vector.showBefore);
-    for (const Edit& step : vector.edits) {
-        std::vector<std::string> arguments = {step.command, step.argument};
-        if (step.command == "add") {
-            const size_t blank = step.argument.find(' ');
-            arguments = {"add", step.argument.substr(0, blank), step.argument.substr(blank + 1)};
-        }
-        EXPECT_EQ(box.run(arguments).status, step.status) << step.argument;
-    }
-    EXPECT_EQ(box.changes(), vector.delta);
-    EXPECT_EQ(box.run({"changes", "p"}).out, vector.changes);
+    Sandbox box(vector.lines("in"));
+    EXPECT_EQ(box.show(), vector.lines("show_before"));
+    vector.edits([&](const std::string& command, const std::string& argument, bool fails) {
+        const size_t blank = command == "add" ? argument.find(' ') : argument.npos;
+        std::vector<std::string> arguments = {command, argument.substr(0, blank)};
+        if (blank != argument.npos)
+            arguments.push_back(argument.substr(blank + 1));
+        EXPECT_EQ(box.run(arguments).status, fails ? 1 : 0);
+    });
+    EXPECT_EQ(box.changes(), vector.lines("delta"));
+    EXPECT_EQ(box.run({"changes", "p"}).out, vector.lines("changes"));
     EXPECT_EQ(box.run({"commit", "p"}).status, 0);
-    EXPECT_EQ(box.fileText(), vector.out);
-    EXPECT_EQ(box.show(), vector.showAfter);
+    EXPECT_EQ(box.fileText(), vector.lines("out"));
+    EXPECT_EQ(box.show(), vector.lines("show_after"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Golden, Vectors, testing::ValuesIn(readVectors()),
-                         [](const auto& vector) { return vector.param.name; });
+                         [](const auto& vector) { return vector.param.name(); });
 
 TEST(RefusedFiles, GiveTheReasonAndThePlace)
 {
@@ -169,7 +161,7 @@ void expectText(const VectorRecord& record, const char* key, const char* actual)
 
 TEST(Tuples, AreLookedUpAsRecorded)
 {
-    const std::string file = readVectors().front().in; // no_change
+    const std::string file = readVectors().front().lines("in"); // no_change
     size_t count = 0;
     for (const VectorRecord& record : readVectorFile("uci_tuples.txt")) {
         SCOPED_TRACE(record.text("tuple"));
