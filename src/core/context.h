@@ -122,7 +122,7 @@ struct PresetState {
     Mutex PresetLock{LockRank::Preset};
     PresetTable presets GUARDED_BY(PresetLock) = {};
     bool presetsLoaded = false; // event loop only
-    float presetSpeed = 0; // these two: event loop only
+    float presetSpeed = 0;      // these two: event loop only
     int32_t presetImageFreezeEnabled = 0;
     std::atomic<float> panSpeedFactor{1.0F}; // fraction of max_speed, above 0 and at most 1
     std::atomic<float> tiltSpeedFactor{1.0F};
