@@ -68,12 +68,19 @@ public:
         }
         int life = samples_.front().life;
         std::string points;
-        for (const Sample& sample : samples_) {
+        for (size_t i = 0; i < samples_.size(); ++i) {
+            const Sample& sample = samples_[i];
             if (sample.life != life) {
                 line("cut", x(sample.hours), x(sample.hours), panel.top, panel.top + panel.height);
                 course(points);
                 life = sample.life;
             }
+            const auto sameAs = [&](size_t other) {
+                return other < samples_.size() && samples_[other].life == life &&
+                       samples_[other].*panel.value == sample.*panel.value;
+            };
+            if (sameAs(i - 1) && sameAs(i + 1))
+                continue; // on a level line
             std::ostringstream point;
             point << x(sample.hours) << ',' << panel.y(static_cast<double>(sample.*panel.value)) << ' ';
             points += point.str();

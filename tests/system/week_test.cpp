@@ -350,7 +350,7 @@ protected:
         }
         // On this clock 15 s are some milliseconds: the thread of an expiry that starts so late that the next period
         // has begun ends that one.
-        EXPECT_LE(hasty, static_cast<int>(tourStepsMade() / 200) + 1)
+        EXPECT_LE(hasty, static_cast<int>(tourStepsMade() / 100) + 1)
             << "steps of " << tourStepsMade() << " came less than 15 s after a rest";
     }
 };
