@@ -148,6 +148,10 @@ protected:
             done(method);
         std::this_thread::sleep_for(1s); // the touring thread, a rotation test, CET's own reconnection
         done("stop");
+        // A calibration that failed, or that a rotation test disturbed, has left the drivers with wrong positions.
+        done("manualCalibrate");
+        done("checkMotorStatus");
+        EXPECT_TRUE(waitUntil([&] { return !lab.actions().empty() && lab.actions().back() == "stop"; }, DEADLINE));
     }
 
     std::atomic<bool> ending_{false};
