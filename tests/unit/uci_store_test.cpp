@@ -1,79 +1,16 @@
 // The configuration store's access layer on the real library, in a folder of the test's own.
 
 #include "config/uci_store.h"
-#include "core/context.h"
+#include "fakes/stored_head.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
-
-extern "C" {
-#include <uci.h>
-}
-
-namespace fs = std::filesystem;
-
-static std::string root;
-static std::vector<std::string> reports; // level 5
-
-extern "C" uci_context* __real_uci_alloc_context();
-extern "C" uci_context* __wrap_uci_alloc_context();
-
-uci_context* __wrap_uci_alloc_context()
-{
-    uci_context* context = __real_uci_alloc_context();
-    uci_set_confdir(context, (root + "/config").c_str());
-    uci_set_savedir(context, (root + "/changes").c_str());
-    return context;
-}
-
-void logWrite(int level, const char*, int, const char* format, ...);
-
-void logWrite(int level, const char*, int, const char* format, ...)
-{
-    if (level == 5)
-        reports.emplace_back(format);
-}
 
 namespace {
 
 constexpr int32_t UNTOUCHED = -77;
 
-class UciStore : public testing::Test {
+class UciStore : public StoredHead {
 protected:
-    void SetUp() override
-    {
-        char folder[] = "/tmp/uci-store-XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        root = folder;
-        fs::create_directory(root + "/config");
-        for (const char* package : {"ptzd", "image", "diagd", "lens_mask", "target_track", "ptz_plan", "tour"})
-            write(package, "");
-        reports.clear();
-    }
-    void TearDown() override
-    {
-        cfg_uci_deinit();
-        fs::remove_all(root);
-    }
-    static void write(const std::string& package, const std::string& text)
-    {
-        std::ofstream(root + "/config/" + package) << text;
-    }
-    static std::string file(const std::string& package)
-    {
-        std::ostringstream text;
-        text << std::ifstream(root + "/config/" + package).rdbuf();
-        return text.str();
-    }
     static void load(const std::string& text)
     {
         write("ptzd", text);
@@ -103,7 +40,7 @@ TEST_F(UciStore, NumbersAreReadToTheirLastCharacter)
     EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "s", "f", &real), 0);
     EXPECT_EQ(real, 0.5F);
     EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "s", "b", &real), CFG_UCI_FAILED);
-    EXPECT_TRUE(reports.empty()) << "misses are not errors";
+    EXPECT_TRUE(fakes.reports.empty()) << "misses are not errors";
 }
 
 TEST_F(UciStore, TextIsCutToTheBufferAndTerminated)
@@ -194,11 +131,11 @@ TEST_F(UciStore, ListsGrowShrinkAndAreCleared)
 
 TEST_F(UciStore, AMissingPackageFailsTheStartAndIsReported)
 {
-    fs::remove(root + "/config/tour");
+    remove("tour");
     EXPECT_EQ(cfg_uci_init(), CFG_UCI_FAILED);
-    EXPECT_EQ(reports, std::vector<std::string>{"error to load package %s\n"});
+    EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"cfg_uci_pkg_init", "error to load package tour\n"}}));
     EXPECT_EQ(cfg_uci_commit(UCI_TOUR), CFG_UCI_FAILED);
-    EXPECT_EQ(reports.size(), 1u) << "a package that is not loaded is refused without a word";
+    EXPECT_EQ(fakes.reports.size(), 1u) << "a package that is not loaded is refused without a word";
     cfg_uci_deinit();
     int32_t value = 0;
     EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &value), CFG_UCI_FAILED);
@@ -211,8 +148,8 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
     write("ptzd", "config t 's'\n option a 'unterminated\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), CFG_UCI_FAILED);
-    ASSERT_FALSE(reports.empty());
-    EXPECT_EQ(reports[0], "error to comit uci package\n");
+    ASSERT_FALSE(fakes.reports.empty());
+    EXPECT_EQ(fakes.reports[0].text, "error to comit uci package\n");
     int32_t value = UNTOUCHED;
     (void)cfg_uci_get_int_value(UCI_PTZD, "s", "a", &value); // whatever it says, it touches no freed package
     cfg_uci_pkg_reload(UCI_PTZD);

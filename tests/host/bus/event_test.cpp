@@ -92,7 +92,8 @@ TEST_F(BusTest, RefusesRequestsThatLackSomethingOrConcernOthers)
     const auto registering = [&](uint32_t object) { return numberField("object", object) + pattern; };
     const Bytes name = stringField("id", "x");
     // A field of the wrong type counts as absent, and the right one behind it is found.
-    const Bytes twice = stringField("object", "7") + numberField("object", own) + numberField("object", foreign);
+    const Bytes twice = numberField("other", 1) + stringField("object", "7") + numberField("object", own) +
+                        numberField("object", foreign);
     const struct {
         const char* method;
         Bytes fields;
@@ -109,7 +110,7 @@ TEST_F(BusTest, RefusesRequestsThatLackSomethingOrConcernOthers)
         {"register", twice + pattern, OK},
         {"send", tableField("data", {}), INVALID_ARGUMENT},
         {"send", name, INVALID_ARGUMENT},
-        {"send", name + stringField("data", "y"), INVALID_ARGUMENT},
+        {"send", stringField("other", "x") + name + stringField("data", "y"), INVALID_ARGUMENT},
         {"send", stringField("id", "ubus.object.add") + tableField("data", {}), PERMISSION_DENIED},
         {"send", stringField("id", "ubus") + tableField("data", {}), OK},
     };

@@ -58,10 +58,6 @@ public:
     {
         return id_;
     }
-    int fd() const
-    {
-        return fd_;
-    }
     void awaitGreeting();
     void send(const Bytes& bytes) const;
 

@@ -2,8 +2,6 @@
 
 #include "bus_fixture.h"
 
-#include <sys/socket.h>
-
 namespace {
 
 constexpr size_t QUEUE = 1048576;
@@ -134,21 +132,6 @@ TEST_F(BusTest, KeepsAHalfClosedClientUntilItHasReadItsQueue)
         }
         EXPECT_EQ(findText(witness.receive(), A_METHOD), "ubus.object.remove");
     }
-}
-
-TEST_F(BusTest, ServesOnAfterAClientStoppedReadingForGood)
-{
-    RawClient client = connect();
-    RawClient witness = connect();
-    client.listenTo("load");
-    shutdown(client.fd(), SHUT_RD);
-    for (uint32_t i = 0; i < 10; ++i)
-        EXPECT_EQ(witness.ask(numberedEvent(1, i)).status, 0u);
-    EXPECT_LE(ticksWhileIdle(), IDLE_TICKS);
-    // What such a client sends still counts.
-    const uint32_t object = witness.listenTo("word");
-    client.send(eventCall(1, "word", {}));
-    EXPECT_EQ(u32At(find(witness.receive(), A_OBJID), 0), object);
 }
 
 } // namespace

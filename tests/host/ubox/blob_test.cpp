@@ -70,27 +70,6 @@ TEST(Blob, RefusesToPassTheLargestLength)
     EXPECT_EQ(buf.hex(), "02000004");
 }
 
-TEST(Blob, WalkEndsAtTheFirstAttributeThatDoesNotFit)
-{
-    // A whole attribute, then: one longer than the rest, one of length 0, one without its padding, half a header.
-    for (const char* tail : {"01000009ffffffff", "00000000ffffffff", "01000005ff", "0100"}) {
-        Bytes bytes = bytesFromHex(std::string("01000008aaaaaaaa") + tail);
-        bytes.insert(bytes.begin(), {0, 0, 0, static_cast<uint8_t>(bytes.size() + 4)});
-        HeapCopy copy(bytes);
-        int count = 0;
-        blob_attr* attr = nullptr;
-        size_t rest = 0;
-        blob_for_each_attr (attr, copy.attr(), rest)
-            ++count;
-        EXPECT_EQ(count, 1) << tail;
-    }
-    blob_attr* attr = nullptr;
-    size_t rest = 0;
-    const blob_attr* none = nullptr;
-    blob_for_each_attr (attr, none, rest)
-        FAIL();
-}
-
 TEST(Utils, CopiesAttributesAndHoldsSeveralAlignedZeroedObjectsInABlock)
 {
     Buffer one;

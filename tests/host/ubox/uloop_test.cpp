@@ -329,21 +329,3 @@ TEST(UloopSignals, ReapsEveryChildUnlessToldNotTo)
     }
     uloop_handle_sigchld = true;
 }
-
-TEST(UloopInit, SeveralThreadsMakeOneLoop)
-{
-    int lowest = dup(0);
-    close(lowest);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([] { EXPECT_EQ(uloop_init(), 0); });
-    for (std::thread& thread : threads)
-        thread.join();
-    int next = dup(0);
-    close(next);
-    EXPECT_EQ(next, lowest + 2); // the epoll instance and the wake-up descriptor
-    uloop_done();
-    int after = dup(0);
-    close(after);
-    EXPECT_EQ(after, lowest);
-}

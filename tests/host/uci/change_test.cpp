@@ -103,7 +103,6 @@ TEST_F(Change, KeepsTheRecordOfALookupUsable)
     EXPECT_EQ(uci_add_list(ctx.get(), &ptr), UCI_OK);
     EXPECT_EQ(ptr.o->type, UCI_TYPE_LIST);
     EXPECT_EQ(ptr.last, &ptr.o->e);
-    EXPECT_EQ(uci_save(ctx.get(), p), UCI_OK);
     EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_ERR_NOTFOUND); // no element of index 2
     ptr.value = nullptr;
     EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);

@@ -72,10 +72,6 @@ TEST_F(Commit, MergesWhatOthersDidMeanwhile)
     EXPECT_EQ(commit(), UCI_OK);
     EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '7'\n\toption mine '1'\n\nconfig t 'new'\n"
                               "\toption theirs '1'\n\n");
-}
-
-TEST_F(Commit, OfAFileThatIsGoneMakesAnEmptyOne)
-{
     EXPECT_EQ(edit(ctx, uci_set, "p.s.a=2"), UCI_OK);
     fs::remove(box.file);
     EXPECT_EQ(commit(), UCI_OK);

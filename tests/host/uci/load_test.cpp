@@ -88,14 +88,10 @@ TEST(Context, ReportsAParseErrorsPlaceOnlyForThatError)
     EXPECT_EQ(uci_load(ctx.get(), "p", nullptr), UCI_ERR_PARSE);
     testing::internal::CaptureStderr();
     uci_perror(ctx.get(), "test");
+    EXPECT_EQ(edit(ctx, uci_set, "p.s.a-b=1"), UCI_ERR_PARSE);
     uci_perror(ctx.get(), nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: Parse error (invalid command) at line 1, byte 0\n"
-                                                      "Parse error (invalid command) at line 1, byte 0\n");
-    EXPECT_EQ(edit(ctx, uci_set, "p.s.a-b=1"), UCI_ERR_PARSE);
-    char* text = nullptr;
-    uci_get_errorstr(ctx.get(), &text, "test");
-    EXPECT_STREQ(text, "test: Parse error");
-    free(text);
+                                                      "Parse error\n");
 }
 
 TEST(Lookup, FindsByStoredNameOnly)

@@ -46,25 +46,10 @@ std::string readFile(const fs::path& path)
     return text.str();
 }
 
-void Sandbox::setFile(std::string_view text) const
-{
-    writeFile(file, text);
-}
-
 void Sandbox::setChanges(std::string_view text) const
 {
     fs::create_directory(saveDir);
     writeFile(changeFile, text);
-}
-
-std::string Sandbox::fileText() const
-{
-    return readFile(file);
-}
-
-std::string Sandbox::changes() const
-{
-    return readFile(changeFile);
 }
 
 Context Sandbox::context() const

@@ -25,6 +25,9 @@ struct CommandResult {
     std::string err;
 };
 
+void writeFile(const std::filesystem::path& path, std::string_view text);
+std::string readFile(const std::filesystem::path& path);
+
 // Everything lies under one folder, which goes with the object. The package is called p.
 class Sandbox {
 public:
@@ -43,11 +46,20 @@ public:
     const std::filesystem::path file = configDir / "p";
     const std::filesystem::path changeFile = saveDir / "p";
 
-    void setFile(std::string_view text) const;
+    void setFile(std::string_view text) const
+    {
+        writeFile(file, text);
+    }
     void setChanges(std::string_view text) const;
-    std::string fileText() const;
+    std::string fileText() const
+    {
+        return readFile(file);
+    }
     // Empty also when there is no change file.
-    std::string changes() const;
+    std::string changes() const
+    {
+        return readFile(changeFile);
+    }
 
     // A context that knows these directories and no others but the default save directory.
     Context context() const;
@@ -57,9 +69,6 @@ public:
     // The output of `show p`, or the error.
     std::string show() const;
 };
-
-void writeFile(const std::filesystem::path& path, std::string_view text);
-std::string readFile(const std::filesystem::path& path);
 
 // Loads package p; null when that fails.
 uci_package* load(const Context& ctx);

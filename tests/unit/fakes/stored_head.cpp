@@ -77,6 +77,11 @@ void StoredHead::write(const std::string& package, const std::string& text)
     std::ofstream(root + "/config/" + package) << text;
 }
 
+void StoredHead::remove(const std::string& package)
+{
+    fs::remove(root + "/config/" + package);
+}
+
 std::string StoredHead::file(const std::string& package)
 {
     std::ostringstream text;

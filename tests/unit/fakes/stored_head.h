@@ -15,6 +15,7 @@ protected:
 
     /// Replaces a package's file.
     static void write(const std::string& package, const std::string& text);
+    static void remove(const std::string& package);
     /// What is stored, the file's whole text.
     static std::string file(const std::string& package);
     /// From now on nothing can be written.
