@@ -126,16 +126,19 @@ TEST_F(PresetStore, StoresEightSectionsAndGivesThemBackExactly)
 
 TEST_F(PresetStore, LoadsTheSettingsAndSaysWhatIsMissing)
 {
-    EXPECT_EQ(reloadPresetConfig(), ERR_DEVICE);
-    EXPECT_TRUE(reported("reloadPresetConfig", "preset_config is NULL"));
-    write("ptzd", "config preset_config 'preset_config'\n\toption image_freeze_enabled '1'\n");
-    EXPECT_EQ(reloadPresetConfig(), ERR_DEVICE);
-    EXPECT_TRUE(reported("reloadPresetConfig", "preset_config.speed is NULL"));
-    write("ptzd", "config preset_config 'preset_config'\n\toption speed '0.5'\n");
-    EXPECT_EQ(reloadPresetConfig(), ERR_DEVICE);
-    EXPECT_TRUE(reported("reloadPresetConfig", "preset_config.image_freeze_enabled is NULL"));
+    const std::string head = "config preset_config 'preset_config'\n";
+    const std::pair<std::string, const char*> incomplete[] = {
+        {"", "preset_config is NULL"},
+        {head + "\toption image_freeze_enabled '1'\n", "preset_config.speed is NULL"},
+        {head + "\toption speed '0.5'\n", "preset_config.image_freeze_enabled is NULL"},
+    };
+    for (const auto& [text, report] : incomplete) {
+        write("ptzd", text);
+        EXPECT_EQ(reloadPresetConfig(), ERR_DEVICE);
+        EXPECT_TRUE(reported("reloadPresetConfig", report));
+    }
     EXPECT_EQ(gContext.preset.presetSpeed, 0.5F) << "read before the failure";
-    write("ptzd", "config preset_config 'preset_config'\n\toption speed '2'\n\toption image_freeze_enabled '1'\n");
+    write("ptzd", head + "\toption speed '2'\n\toption image_freeze_enabled '1'\n");
     EXPECT_EQ(reloadPresetConfig(), RESULT_OK);
     EXPECT_EQ(gContext.preset.presetSpeed, 2.0F);
     EXPECT_EQ(gContext.preset.presetImageFreezeEnabled, 1);

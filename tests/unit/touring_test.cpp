@@ -268,12 +268,19 @@ protected:
 TEST_P(Overtaken, ByAMoveBeforeItsBegin)
 {
     start();
-    during(MOTOR_IOC_GET_STATUS, [] { EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK); });
-    EXPECT_EQ(cycle(), -100);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u) << "the user's only";
-    EXPECT_EQ(gContext.motion.motion_origin.load(), ORIGIN_USER);
-    EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+    for (const int running : {0, 1}) { // or that it takes for a motion to halt
+        during(MOTOR_IOC_GET_STATUS, [running] {
+            EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK);
+            fakeMotor.status[PAN].running = running;
+        });
+        EXPECT_EQ(cycle(), -100);
+        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u) << "the user's only";
+        EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty()) << "the user's motion is not halted";
+        EXPECT_EQ(gContext.motion.motion_origin.load(), ORIGIN_USER);
+        EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
+        EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+        rest();
+    }
 }
 
 TEST_P(Overtaken, ByAMoveAfterItsBegin)
@@ -320,17 +327,6 @@ TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
     EXPECT_EQ(gContext.motion.motion_active.load(), 1) << "the poll ends it";
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_TOUR}));
-}
-
-TEST_P(Overtaken, ByAMoveThatItTakesForAMotionToHalt)
-{
-    start();
-    during(MOTOR_IOC_GET_STATUS, [] {
-        EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK);
-        fakeMotor.status[PAN].running = 1;
-    });
-    EXPECT_EQ(cycle(), -100);
-    EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty()) << "the user's motion is not halted";
 }
 
 TEST_P(Overtaken, ByTheLensMaskOrACalibrationAtAnyTime)

@@ -54,15 +54,12 @@ TEST_F(BusTest, HidesAnObjectWithoutAGoodSignatureButForwardsItsCalls)
     const Bytes methodCutShort = part(oneMethod("run", "how"), 0, 24);
     for (const Bytes& signature : {Bytes(), attr(A_SIGNATURE, methodCutShort), attr(A_SIGNATURE, numberField("n", 1)),
                                    attr(A_SIGNATURE, tableField("", {})), attr(A_OBJTYPE, u32(77777))}) {
-        const Bytes path = attr(A_OBJPATH, text("shy"));
-        const Answer added = owner.ask(message(ADD_OBJECT, 1, 0, path + signature));
+        const Answer added = owner.ask(message(ADD_OBJECT, 1, 0, attr(A_OBJPATH, text("shy")) + signature));
         ASSERT_EQ(added.status, OK);
         EXPECT_EQ(added.data.at(0).size(), 20u) << "the id alone, no type";
-        const uint32_t object = u32At(find(added.data.at(0), A_OBJID), 0);
-
+        const uint32_t object = u32At(find(added.data[0], A_OBJID), 0);
         const Answer found = caller.ask(lookup(1, "shy"));
-        EXPECT_EQ(found.status, OK);
-        EXPECT_TRUE(found.data.empty());
+        EXPECT_TRUE(found.status == OK && found.data.empty());
         caller.send(call(2, object, "run", {}));
         EXPECT_EQ(findText(owner.receive(), A_METHOD), "run");
         EXPECT_EQ(owner.ask(removal(2, object)).status, OK);
@@ -73,22 +70,19 @@ TEST_F(BusTest, SharesATypeUntilItsLastObjectGoes)
 {
     RawClient owner = connect();
     const Bytes signature = oneMethod("run", "how");
-    const Answer first =
-        owner.ask(message(ADD_OBJECT, 1, 0, attr(A_OBJPATH, text("one")) + attr(A_SIGNATURE, signature)));
-    const uint32_t type = u32At(find(first.data.at(0), A_OBJTYPE), 0);
-    const Answer second =
-        owner.ask(message(ADD_OBJECT, 2, 0, attr(A_OBJPATH, text("two")) + attr(A_OBJTYPE, u32(type))));
-    const uint32_t one = u32At(find(first.data.at(0), A_OBJID), 0);
-    const uint32_t two = u32At(find(second.data.at(0), A_OBJID), 0);
-    EXPECT_TRUE(find(second.data.at(0), A_OBJTYPE).empty()) << "told only to who brought the signature";
+    const Bytes pathTwo = attr(A_OBJPATH, text("two"));
+    const Bytes first =
+        owner.ask(message(ADD_OBJECT, 1, 0, attr(A_OBJPATH, text("one")) + attr(A_SIGNATURE, signature))).data.at(0);
+    const Bytes type = attr(A_OBJTYPE, find(first, A_OBJTYPE));
+    const Bytes second = owner.ask(message(ADD_OBJECT, 2, 0, pathTwo + type)).data.at(0);
+    EXPECT_TRUE(find(second, A_OBJTYPE).empty()) << "told only to who brought the signature";
 
-    EXPECT_EQ(owner.ask(removal(3, one)).data, Messages{message(DATA, 3, 0, attr(A_OBJID, u32(one)))});
+    const Bytes one = attr(A_OBJID, find(first, A_OBJID));
+    const Bytes two = attr(A_OBJID, find(second, A_OBJID));
+    EXPECT_EQ(owner.ask(message(REMOVE_OBJECT, 3, 0, one)).data, Messages{message(DATA, 3, 0, one)});
     EXPECT_EQ(owner.ask(lookup(4, "two")).data,
-              Messages{message(DATA, 4, 0,
-                               attr(A_OBJPATH, text("two")) + attr(A_OBJID, u32(two)) + attr(A_OBJTYPE, u32(type)) +
-                                   attr(A_SIGNATURE, signature))});
-    EXPECT_EQ(owner.ask(removal(5, two)).data,
-              Messages{message(DATA, 5, 0, attr(A_OBJID, u32(two)) + attr(A_OBJTYPE, u32(type)))});
+              Messages{message(DATA, 4, 0, pathTwo + two + type + attr(A_SIGNATURE, signature))});
+    EXPECT_EQ(owner.ask(message(REMOVE_OBJECT, 5, 0, two)).data, Messages{message(DATA, 5, 0, two + type)});
 }
 
 TEST_F(BusTest, ForwardsACallAsANewMessage)
@@ -97,14 +91,14 @@ TEST_F(BusTest, ForwardsACallAsANewMessage)
     RawClient caller = connect();
     const uint32_t object = owner.addObject("ptzd");
     constexpr uint8_t NO_REPLY = 10;
-    const Bytes wanted = attr(A_OBJID, u32(object)) + attr(A_METHOD, text("stop"));
+    const Bytes method = attr(A_METHOD, text("stop"));
     // In another order, with attributes that are not for the owner, an earlier id that counts for nothing, no DATA.
     caller.send(message(INVOKE, 7, 0x12345,
-                        attr(NO_REPLY, {1}) + attr(A_METHOD, text("stop")) + attr(A_USER, text("mallory")) +
-                            attr(A_OBJID, u32(1)) + attr(A_OBJID, u32(object)) + attr(A_OBJID, {1, 2, 3})));
+                        attr(NO_REPLY, {1}) + method + attr(A_USER, text("mallory")) + attr(A_OBJID, u32(1)) +
+                            attr(A_OBJID, u32(object)) + attr(A_OBJID, {1, 2, 3})));
     const Bytes received = owner.receive();
     const Bytes names = attr(A_USER, find(received, A_USER)) + attr(A_GROUP, find(received, A_GROUP));
-    EXPECT_EQ(received, message(INVOKE, 7, caller.id(), wanted + names));
+    EXPECT_EQ(received, message(INVOKE, 7, caller.id(), attr(A_OBJID, u32(object)) + method + names));
     EXPECT_NE(findText(received, A_USER), "mallory");
     EXPECT_TRUE(caller.nothingWaits()) << "the owner answers, not the daemon";
 }

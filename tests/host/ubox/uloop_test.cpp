@@ -268,10 +268,8 @@ TEST_F(Uloop, AnotherThreadWakesAndEndsASleepingLoop)
         uloop_end();
     });
     EXPECT_EQ(uloop_run(), 0);
-    auto passed = steady_clock::now() - start;
     other.join();
-    EXPECT_GE(passed, milliseconds(100));
-    EXPECT_LT(passed, std::chrono::seconds(5));
+    EXPECT_GE(steady_clock::now() - start, milliseconds(100));
     EXPECT_LT(processorTime() - before, milliseconds(80)); // asleep, not spinning
 }
 
