@@ -18,6 +18,7 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
     } cases[] = {
         {{"get", "p.preset_1"}, "preset\n", "", 0},
         {{"get", "p.preset_1.name"}, "it's me\n", "", 0},
+        {{"get", "p.preset_1.l"}, "x 'b c'\n", "", 0},
         {{"-d", ",", "get", "p.preset_1.l"}, "x,b c\n", "", 0},
         {{"get", "p.@rule[-1].v"}, "9\n", "", 0},
         {{"get", "p"}, "", "", 0},

@@ -12,12 +12,14 @@ TEST(Load, TellsWhatIsWrong)
 {
     Sandbox box("config t 's'\n");
     std::filesystem::create_directory(box.configDir / "folder");
+    std::filesystem::create_symlink("loop", box.configDir / "loop");
     mkfifo((box.configDir / "pipe").c_str(), 0600);
     writeFile(box.configDir / "cut", std::string_view("config t s\n\0\0\0\0", 15)); // the power took its text
     const Context ctx = box.context();
     uci_package* const untouched = reinterpret_cast<uci_package*>(&box);
     uci_package* p = untouched;
     EXPECT_EQ(uci_load(ctx.get(), "cut", nullptr), UCI_ERR_PARSE);
+    EXPECT_EQ(uci_load(ctx.get(), "loop", &p), UCI_ERR_IO);
     for (const char* name : {"missing", "folder", "pipe"})
         EXPECT_EQ(uci_load(ctx.get(), name, &p), UCI_ERR_NOTFOUND) << name;
     for (const char* name : {"", "a b", "../config/p", "a.b", "p=q", "-p", "'p"})
