@@ -124,9 +124,19 @@ pid_t startProcess(const ProgramStart& start, std::string& error)
 
 bool livesIn(pid_t pid, const std::string& folder)
 {
-    // Empty for a zombie.
-    const std::string environment = '\0' + readFile("/proc/" + std::to_string(pid) + "/environ");
-    return environment.find('\0' + ("PTZD_LAB=" + folder) + '\0') != std::string::npos;
+    const std::string process = "/proc/" + std::to_string(pid);
+    // Empty for a zombie, and for an instant of every exec.
+    for (int look = 0; look < 50; ++look) {
+        const std::string environment = readFile(process + "/environ");
+        if (!environment.empty())
+            return ('\0' + environment).find('\0' + ("PTZD_LAB=" + folder) + '\0') != std::string::npos;
+        const std::string status = readFile(process + "/stat"); // PID (NAME) STATE ...
+        const size_t state = status.rfind(") ");
+        if (state == std::string::npos || strchr("ZX", status[state + 2]))
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return false;
 }
 
 pid_t livingProcess(const std::string& pidFile, const std::string& folder)

@@ -2,8 +2,10 @@
 
 #include "probe.h"
 
+#include "lab/core/process.h"
 #include "lab_paths.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -282,6 +284,28 @@ TEST(CommandLine, ShowsAHeadAndRunsOneInTheBackground)
     EXPECT_EQ(command("down").second, "the head in " + lab.folder() + " is down\n");
     EXPECT_EQ(command("down").second, "no head is up in " + lab.folder() + "\n");
     unsetenv("PTZD_LAB_DIR");
+}
+
+TEST(Programs, LiveWhileTheyReplaceThemselves)
+{
+    // The kernel shows no environment for an instant of every exec, the one that starts a program among them.
+    char name[] = "/tmp/lab-programs-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    const std::string folder(name);
+    const std::string again = folder + "/again";
+    std::ofstream(again) << "#!/bin/sh\nexec " << again << "\n";
+    fs::permissions(again, fs::perms::owner_all);
+    std::string error;
+    const pid_t pid = startProcess({{again}, {"PTZD_LAB=" + folder}, folder + "/log", folder + "/pid", true}, error);
+    ASSERT_NE(pid, 0) << error;
+    int unseen = 0;
+    for (int look = 0; look < 5000; ++look)
+        unseen += livesIn(pid, folder) ? 0 : 1;
+    EXPECT_EQ(unseen, 0);
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(awaitEnd(pid, folder, 10s).has_value());
+    EXPECT_FALSE(livesIn(pid, folder));
+    fs::remove_all(folder);
 }
 
 } // namespace
