@@ -2,6 +2,8 @@
 
 #include "bench.h"
 
+#include "lab/picture.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
@@ -22,18 +24,13 @@ constexpr double PANEL_STRIDE_Y = 250;
 constexpr double TICK_WIDTH = 18;
 constexpr double SCALE_MAX = 1.5; // of the ratios' bars
 
-// Colours come from one style sheet, with a second set for viewers that prefer dark.
 constexpr const char* STYLE = R"(<style>
-  svg { font: 12px sans-serif }
-  .paper { fill: #ffffff } .grid { stroke: #d8dde3 } .frame { stroke: #7a8594; fill: none }
-  text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
   .met { fill: #2f8f46 } .missed { fill: #c43a31 } .goal { stroke: #2b333d; stroke-width: 2 }
   .curve { fill: none; stroke-width: 2; stroke-linejoin: round }
   .c0 { stroke: #1668b8 } .c1 { stroke: #b86a16 } .c2 { stroke: #8a4fbf } .c3 { stroke: #2f8f46 }
   .d0 { fill: #1668b8 } .d1 { fill: #b86a16 } .d2 { fill: #8a4fbf } .d3 { fill: #2f8f46 }
   @media (prefers-color-scheme: dark) {
-    .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
-    text { fill: #dbe2ea } .unit { fill: #9aa6b4 } .goal { stroke: #dbe2ea }
+    .goal { stroke: #dbe2ea }
     .met { fill: #63c97c } .missed { fill: #f2776e }
     .c0 { stroke: #63b0f4 } .c1 { stroke: #f0a95c } .c2 { stroke: #c193ef } .c3 { stroke: #63c97c }
     .d0 { fill: #63b0f4 } .d1 { fill: #f0a95c } .d2 { fill: #c193ef } .d3 { fill: #63c97c }
@@ -189,5 +186,5 @@ std::string pictureOf(const Report& report)
                "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 %.0f %.0f' width='%.0f' height='%.0f' role='img' "
                "aria-label='What the daemon costs'>\n",
                WIDTH, y, WIDTH, y) +
-           STYLE + "<rect class='paper' width='100%' height='100%'/>\n" + body + "</svg>\n";
+           PICTURE_STYLE + STYLE + "<rect class='paper' width='100%' height='100%'/>\n" + body + "</svg>\n";
 }

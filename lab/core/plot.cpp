@@ -3,6 +3,7 @@
 #include "lab/lab.h"
 
 #include "lab/clock.h"
+#include "lab/picture.h"
 
 #include <algorithm>
 #include <cmath>
@@ -22,18 +23,12 @@ constexpr double PANEL_GAP = 46;
 constexpr double NARROWEST_SPAN = 3; // visible, however short the motion was
 constexpr double HEIGHT = PANEL_TOP + 2 * PANEL_HEIGHT + PANEL_GAP + 56;
 
-// Colours come from one style sheet, with a second set for viewers that prefer dark.
 constexpr const char* STYLE = R"(<style>
-  svg { font: 12px sans-serif }
-  .paper { fill: #ffffff } .grid { stroke: #d8dde3; stroke-width: 1 } .frame { stroke: #7a8594; fill: none }
-  text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
   .origin0 { fill: #ffdc8f } .origin1 { fill: #f5b5d8 } .origin2 { fill: #cdbff5 } .origin3 { fill: #a9e2b6 }
   .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
   .move { fill: #2f8f46 } .rotate { fill: #8a4fbf } .stop { fill: #c43a31 } .set { fill: #5b6672 }
   .failed { stroke: #c43a31; stroke-width: 2.5 } .power { stroke: #c43a31; stroke-dasharray: 4 3 }
   @media (prefers-color-scheme: dark) {
-    .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
-    text { fill: #dbe2ea } .unit { fill: #9aa6b4 }
     .origin0 { fill: #665012 } .origin1 { fill: #6b2c55 } .origin2 { fill: #473a7d } .origin3 { fill: #1f5a33 }
     .course { stroke: #63b0f4 }
     .move { fill: #63c97c } .rotate { fill: #c193ef } .stop { fill: #f2776e } .set { fill: #9aa6b4 }
@@ -45,15 +40,6 @@ constexpr const char* STYLE = R"(<style>
 double seconds(int64_t ns)
 {
     return static_cast<double>(ns) / NS_PER_SECOND;
-}
-
-/// 1, 2 or 5 times a power of ten, so that a span has about `count` of them.
-double tickStep(double span, int count)
-{
-    const double rough = span / count;
-    const double power = std::pow(10, std::floor(std::log10(rough)));
-    const double digit = rough / power;
-    return power * (digit <= 1 ? 1 : digit <= 2 ? 2 : digit <= 5 ? 5 : 10);
 }
 
 std::string number(double value)
@@ -83,7 +69,7 @@ struct TimeScale {
 
     double step() const
     {
-        return localAtZero ? clockStep(to - from, 13) : tickStep(to - from, 10);
+        return localAtZero ? clockStep(to - from, 13) : roundStep(to - from, 10);
     }
     double firstTick() const
     {
@@ -170,7 +156,7 @@ void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool
                 << "</text>\n";
     }
     const double half = panel.setting.range / 2.0;
-    const double step = tickStep(std::max(panel.setting.range, 1), 6);
+    const double step = roundStep(std::max(panel.setting.range, 1), 6);
     for (double c = std::ceil(-half / step) * step; c <= half; c += step) {
         out << "<line class='grid' x1='" << LEFT << "' x2='" << WIDTH - RIGHT << "' y1='" << panel.y(c) << "' y2='"
             << panel.y(c) << "'/>\n<text x='" << LEFT - 8 << "' y='" << panel.y(c) + 4 << "' text-anchor='end'>"
@@ -318,7 +304,7 @@ std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetL
     std::ostringstream out;
     out << "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << WIDTH << ' ' << HEIGHT << "' width='" << WIDTH
         << "' height='" << HEIGHT << "' role='img' aria-label='Pan and tilt over time'>\n"
-        << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT
+        << PICTURE_STYLE << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT
         << "' y='22'>Pan and tilt over time</text>\n";
     drawLegend(out);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {

@@ -1,5 +1,7 @@
 #include "figure.h"
 
+#include "lab/picture.h"
+
 #include <algorithm>
 #include <cmath>
 #include <sstream>
@@ -13,13 +15,9 @@ constexpr double TOP = 60;
 constexpr double GAP = 44;
 
 constexpr const char* STYLE = R"(<style>
-  svg { font: 12px sans-serif }
-  .paper { fill: #ffffff } .grid { stroke: #d8dde3 } .frame { stroke: #7a8594; fill: none }
-  text { fill: #2b333d } .title { font-size: 15px; font-weight: bold } .unit { fill: #5b6672 }
   .course { fill: none; stroke: #1668b8; stroke-width: 1.5 } .cut { stroke: #c43a31; stroke-dasharray: 4 3 }
   @media (prefers-color-scheme: dark) {
-    .paper { fill: #14181d } .grid { stroke: #313a45 } .frame { stroke: #8592a3 }
-    text { fill: #dbe2ea } .unit { fill: #9aa6b4 } .course { stroke: #63b0f4 } .cut { stroke: #f2776e }
+    .course { stroke: #63b0f4 } .cut { stroke: #f2776e }
   }
 </style>
 )";
@@ -38,17 +36,6 @@ struct Panel {
     }
 };
 
-/// A round number of about a quarter of `span`.
-double tick(double span)
-{
-    const double rough = span / 4;
-    const double power = std::pow(10, std::floor(std::log10(rough)));
-    for (const double digit : {1.0, 2.0, 5.0})
-        if (digit * power >= rough)
-            return digit * power;
-    return 10 * power;
-}
-
 class Figure {
 public:
     Figure(const std::vector<Sample>& samples, std::ostream& out) : samples_(samples), out_(out)
@@ -60,7 +47,7 @@ public:
     {
         out_ << "<text x='" << LEFT << "' y='" << panel.top - 8 << "'>" << panel.name << " <tspan class='unit'>"
              << panel.unit << "</tspan></text>\n";
-        const double step = std::max(tick(panel.most), 1.0);
+        const double step = std::max(roundStep(panel.most, 4), 1.0);
         for (double value = 0; value <= panel.most; value += step) {
             line("grid", LEFT, WIDTH - RIGHT, panel.y(value), panel.y(value));
             out_ << "<text x='" << LEFT - 8 << "' y='" << panel.y(value) + 4 << "' text-anchor='end'>" << value
@@ -92,7 +79,7 @@ public:
     void labelTime(double y)
     {
         const double unit = inDays_ ? 24 : 1;
-        const double step = tick(last_ / unit / 2);
+        const double step = roundStep(last_ / unit, 8);
         for (double time = 0; time * unit <= last_; time += step)
             out_ << "<text x='" << x(time * unit) << "' y='" << y << "' text-anchor='middle'>" << time << "</text>\n";
         out_ << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << y + 20 << "' text-anchor='middle'>"
@@ -142,8 +129,9 @@ std::string drawSamples(const std::vector<Sample>& samples, const std::string& t
     std::ostringstream out;
     out << "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << WIDTH << ' ' << bottom + 40 << "' width='"
         << WIDTH << "' height='" << bottom + 40 << "' role='img' aria-label='" << title << "'>\n"
-        << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT << "' y='26'>"
-        << title << "</text>\n<text class='unit' x='" << LEFT << "' y='46'>dashed: power cut and new start</text>\n";
+        << PICTURE_STYLE << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT
+        << "' y='26'>" << title << "</text>\n<text class='unit' x='" << LEFT
+        << "' y='46'>dashed: power cut and new start</text>\n";
     Figure figure(samples, out);
     for (const Panel& panel : panels)
         figure.draw(panel);
