@@ -33,16 +33,19 @@ void startAnew() EXCLUDES(gContext.motion.MotionStateLock)
     gContext.motion.track_back_done.store(1);
 }
 
-/// Loads what a request flag asks for. The flag is taken first: a request that comes meanwhile counts for the next
-/// cycle.
-/// @return false when loading failed; the flag is set again then.
+enum class Reload { NotAsked, Done, Failed };
+
+/// Loads what a request flag asks for. The flag is taken before: a request that comes meanwhile counts for the next
+/// cycle; after a failure it is set again.
 template <typename Load>
-bool loadRequested(std::atomic<int32_t>& requested, Load load)
+Reload reloadIfAsked(std::atomic<int32_t>& requested, Load load)
 {
+    if (requested.exchange(0) == 0)
+        return Reload::NotAsked;
     if (load() == 0)
-        return true;
+        return Reload::Done;
     requested.store(1);
-    return false;
+    return Reload::Failed;
 }
 
 bool scanEnabled()
@@ -55,23 +58,28 @@ bool scanEnabled()
 const char* reload(ScanProgress& scan)
 {
     TourState& tour = gContext.tour;
-    if (tour.tourReloadRequested.exchange(0) != 0) {
-        if (!loadRequested(tour.tourReloadRequested, [] { return tour_load_config(gContext.tour.tourInfo); }))
-            return "load tour config err\n";
+    switch (reloadIfAsked(tour.tourReloadRequested, [&] { return tour_load_config(tour.tourInfo); })) {
+    case Reload::Failed:
+        return "load tour config err\n";
+    case Reload::Done:
         if (scanEnabled())
             scan.coord = tour.scanTourInfo->x_coord_start;
         startAnew();
+        break;
+    case Reload::NotAsked:
+        break;
     }
-    if (tour.scanTourReloadRequested.exchange(0) != 0) {
-        if (!loadRequested(tour.scanTourReloadRequested,
-                           [] { return scan_tour_load_config(gContext.tour.scanTourInfo); }))
-            return "load tour scan info err\n";
+    switch (reloadIfAsked(tour.scanTourReloadRequested, [&] { return scan_tour_load_config(tour.scanTourInfo); })) {
+    case Reload::Failed:
+        return "load tour scan info err\n";
+    case Reload::Done:
         scan.coord = tour.scanTourInfo->x_coord_start;
         startAnew();
+        break;
+    case Reload::NotAsked:
+        break;
     }
-    if (tour.planChanged.exchange(0) != 0 && !loadRequested(tour.planChanged, plan_load_plan))
-        return "load tour preset plan err\n";
-    return nullptr;
+    return reloadIfAsked(tour.planChanged, plan_load_plan) == Reload::Failed ? "load tour preset plan err\n" : nullptr;
 }
 
 /// Whether the head is the tour's to move.
