@@ -3,6 +3,7 @@
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "ubus/bus_door.h"
+#include "ubus/call_queue.h"
 #include "ubus/method_table.h"
 
 #include <fcntl.h>
@@ -96,6 +97,7 @@ void ubusConnectionLost() REQUIRES(gContext.ubus.BusLock)
         LOG_ERROR("gUbusctx is NULL\n");
         return;
     }
+    callQueueClear();
     if (!reconnect()) {
         LOG_ERROR("failed to reconnect, trying again in %d microseconds\n", RECONNECT_MS);
         uloop_timeout_set(&gContext.ubus.reconnectTimeout, RECONNECT_MS);
@@ -138,6 +140,7 @@ void serve()
 #endif
     uloop_run();
     uloop_fd_delete(&shutdownWake);
+    callQueueClear();
 }
 
 } // namespace

@@ -128,4 +128,31 @@ TEST_F(HeadInTheLab, AnswersStopAmidACrowdOfCallers)
     ASSERT_EQ(lab.call("stop"), DONE);
 }
 
+TEST_F(HeadInTheLab, StopsBeforeItStoresWhatWaits)
+{
+    up();
+    RawCaller caller(lab);
+    blob_buf_init(&caller.message, 0);
+    blobmsg_add_json_from_string(&caller.message, R"({"id":"1","name":"waits"})");
+    std::vector<const char*> methods(40, "setPreset");
+    methods.push_back("stop");
+    const std::vector<size_t> order = caller.answered(methods);
+    ASSERT_EQ(order.size(), methods.size());
+    EXPECT_NE(order.back(), methods.size() - 1) << "the stop waited for every commit";
+    std::vector<size_t> stores;
+    std::copy_if(order.begin(), order.end(), std::back_inserter(stores), [](size_t place) { return place < 40; });
+    EXPECT_TRUE(std::is_sorted(stores.begin(), stores.end())) << "storing calls are carried out in their order";
+
+    // More than may wait; and then a bus that goes while some do.
+    blobmsg_add_string(&caller.message, "name", std::string(2000, 'x').c_str());
+    const std::vector<size_t> many = caller.answered(std::vector<const char*>(400, "setPreset"));
+    EXPECT_EQ(many.size(), 400U);
+    EXPECT_TRUE(std::is_sorted(many.begin(), many.end()));
+    caller.leave(std::vector<const char*>(100, "clearPreset"));
+    ASSERT_TRUE(lab.stopBus());
+    ASSERT_TRUE(lab.startBus()) << lab.error();
+    EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
+    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+}
+
 } // namespace

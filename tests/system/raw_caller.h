@@ -40,6 +40,41 @@ public:
         return code;
     }
 
+    /// Sends the calls at once and gives their places in the order of the answers; empty when one has none in time.
+    std::vector<size_t> answered(const std::vector<const char*>& methods)
+    {
+        struct Sent {
+            ubus_request request;
+            std::vector<size_t>* order;
+            size_t place;
+        };
+        std::vector<size_t> order;
+        std::vector<Sent> sent(methods.size());
+        for (size_t i = 0; i < methods.size(); ++i) {
+            EXPECT_EQ(ubus_invoke_async(connection_, object_, methods[i], message.head, &sent[i].request), 0);
+            sent[i].order = &order;
+            sent[i].place = i;
+            sent[i].request.priv = &sent[i];
+            sent[i].request.complete_cb = [](ubus_request* request, int) {
+                auto* self = static_cast<Sent*>(request->priv);
+                self->order->push_back(self->place);
+            };
+            ubus_complete_request_async(connection_, &sent[i].request);
+        }
+        for (Sent& call : sent)
+            EXPECT_EQ(ubus_complete_request(connection_, &call.request, 10000), 0);
+        return order;
+    }
+
+    /// Sends the calls and does not wait for an answer.
+    void leave(const std::vector<const char*>& methods)
+    {
+        for (const char* method : methods) {
+            ubus_request request;
+            EXPECT_EQ(ubus_invoke_async(connection_, object_, method, message.head, &request), 0);
+        }
+    }
+
     blob_buf message{};
 
 private:
