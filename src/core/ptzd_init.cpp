@@ -33,6 +33,12 @@ void loadSwitches()
     lensMaskSetEnabled(lensMaskWanted());
 }
 
+void savePending()
+{
+    if (gContext.position.savePending.load())
+        saveCurSteps(nullptr);
+}
+
 /// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
 class Teardown {
 public:
@@ -42,10 +48,10 @@ public:
         for (DaemonTimer* timer : {&gContext.timers.saveStepsTimer, &gContext.timers.statusPollTimer,
                                    &gContext.timers.usrMoveStopTimer, &gContext.timers.scanMoveStopTimer})
             timerStop(timer);
+        savePending(); // now already: a worker that does not end leaves no other moment
         if (!workersStop(WORKER_END_MS))
             return; // a thread inside a driver keeps what it uses until the process ends
-        if (gContext.position.savePending.load())
-            saveCurSteps(nullptr);
+        savePending();
         TourDeinit();
         gContext.motion.MotionLock.destroy();
         free(gContext.calibrationArg);

@@ -199,6 +199,7 @@ TEST_F(Slow, AStalledBus)
 TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
 {
     up(withFaults());
+    ASSERT_EQ(lab.call("setPowerOffRecover", R"({"recover":"1"})"), DONE);
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
     lab.setFactor(LAB_PAN, 250); // 0.2 s
     EXPECT_EQ(lab.call("moveTo", coords(20, 0)), DONE);
@@ -209,6 +210,7 @@ TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
     EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
     std::printf("| SIGTERM while a notification waits for a stopped bus | %ld ms | – | ends with status 0 |\n",
                 ms(Clock::now() - start));
+    EXPECT_NE(fileText("/etc/config/ptzd").find("'1700'"), std::string::npos) << "the pending position is stored";
     kill(bus, SIGCONT);
 }
 
