@@ -1,53 +1,89 @@
 #include "lab/journal.h"
 
 #include <fcntl.h>
-#include <inttypes.h>
 #include <limits.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <charconv>
+
 namespace {
 
-struct WordText {
-    char text[64];
+/// A line in the making. printf would take as long as the write.
+class Line {
+public:
+    Line& operator<<(const char* text)
+    {
+        const size_t length = strnlen(text, static_cast<size_t>(text_ + sizeof(text_) - end_));
+        memcpy(end_, text, length);
+        end_ += length;
+        return *this;
+    }
+    Line& operator<<(int64_t number)
+    {
+        end_ = std::to_chars(end_, text_ + sizeof(text_), number).ptr;
+        return *this;
+    }
+    void addWords(const int32_t* words)
+    {
+        for (int i = 0; words && i < LAB_WORDS; ++i)
+            *this << (i == 0 ? "" : ",") << words[i];
+        if (!words)
+            *this << "-";
+    }
+    [[nodiscard]] const char* text() const
+    {
+        return text_;
+    }
+    [[nodiscard]] size_t length() const
+    {
+        return static_cast<size_t>(end_ - text_);
+    }
+
+private:
+    char text_[512]; // the longest line has less than 400
+    char* end_ = text_;
 };
 
-WordText wordText(const int32_t* words)
-{
-    WordText result{"-"};
-    if (words)
-        snprintf(result.text, sizeof(result.text), "%d,%d,%d,%d,%d", words[0], words[1], words[2], words[3], words[4]);
-    return result;
-}
+struct Caller {
+    pid_t process;
+    pid_t thread;
+};
 
-void appendLine(const char* folder, const char* line, int length)
+/// One system call where there would be two: only a fork changes the thread's number, and the process's with it.
+Caller thisCaller()
 {
-    char path[PATH_MAX];
-    if (snprintf(path, sizeof(path), "%s/journal", folder) >= PATH_MAX)
-        return;
-    // Opened for each line: a descriptor kept open could be closed, and its number used again, by the program.
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    if (write(fd, line, static_cast<size_t>(length)) < 0)
-        perror("journal");
-    close(fd);
+    // Of this model because the other ones may allocate.
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local Caller caller{};
+    const pid_t process = getpid();
+    if (caller.process != process)
+        caller = {process, static_cast<pid_t>(syscall(SYS_gettid))};
+    return caller;
 }
 
 } // namespace
 
-void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabAxisEdit& edit,
-                   const LabJournalNote& note)
+int openJournal(const char* folder)
+{
+    char path[PATH_MAX];
+    if (snprintf(path, sizeof(path), "%s/journal", folder) >= PATH_MAX)
+        return -1;
+    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+}
+
+void appendJournal(int journal, const LabState& state, LabAxisId id, LabAxisEdit& edit, const LabJournalNote& note)
 {
     const LabAxisNow now = axisAt(*edit, edit.labNs());
-    char line[512];
-    const int length = snprintf(
-        line, sizeof(line),
-        "%" PRId64 " %" PRId64 " %d %ld %c %s in=%s result=%d out=%s count=%d shaft=%d rate=%" PRId64 " left=%d\n",
-        edit.realNs() - state.startNs, edit.labNs(), static_cast<int>(getpid()), syscall(SYS_gettid),
-        id == LAB_PAN ? 'x' : 'y', note.request, wordText(note.wordsIn).text, note.result, wordText(note.wordsOut).text,
-        now.count, now.shaft, now.rate, now.left);
-    if (length > 0 && length < static_cast<int>(sizeof(line)))
-        appendLine(folder, line, length);
+    const Caller caller = thisCaller();
+    Line line;
+    line << edit.realNs() - state.startNs << " " << edit.labNs() << " " << caller.process << " " << caller.thread
+         << (id == LAB_PAN ? " x " : " y ") << note.request << " in=";
+    line.addWords(note.wordsIn);
+    line << " result=" << note.result << " out=";
+    line.addWords(note.wordsOut);
+    line << " count=" << now.count << " shaft=" << now.shaft << " rate=" << now.rate << " left=" << now.left << "\n";
+    if (journal >= 0 && write(journal, line.text(), line.length()) < 0)
+        perror("journal");
 }

@@ -4,6 +4,8 @@
 
 #include "lab/clock.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -81,12 +83,15 @@ void Lab::setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed)
 void Lab::powerLoss()
 {
     const LabLock hold(*state_);
+    const int journal = openJournal(folder_.c_str());
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisEdit edit(*state_, axis);
         losePower(*edit, edit.labNs());
-        appendJournal(folder_.c_str(), *state_, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
+        appendJournal(journal, *state_, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
         edit.commit();
     }
+    if (journal >= 0)
+        close(journal);
 }
 
 LabAxisNow Lab::axisNow(LabAxisId axis)

@@ -1,6 +1,7 @@
 #include "motor_device.h"
 
 #include "context.h"
+#include "journal_descriptor.h"
 #include "lab/clock.h"
 #include "lab/journal.h"
 
@@ -107,7 +108,7 @@ Outcome takeEffect(LabState& state, LabAxisId id, unsigned request, Words& words
     }
     record.served[request].fetch_add(1);
     appendJournal(
-        labFolder(), state, id, edit,
+        journalDescriptor(), state, id, edit,
         {LAB_REQUEST_NAMES[request], writes ? in.word : nullptr, result, reads && result == 0 ? words.word : nullptr});
     if (!reads && result == 0)
         edit.commit();
@@ -126,7 +127,7 @@ int awaitRotation(LabState& state, LabAxisId id, uint32_t motionId)
             LabAxisEdit edit(state, id);
             if (edit->motionId != motionId || edit->motionSteps == 0) {
                 const int result = motionCompleted(*edit, motionId) ? 0 : EIO;
-                appendJournal(labFolder(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
+                appendJournal(journalDescriptor(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
                 edit.commit();
                 return result;
             }

@@ -16,8 +16,10 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -293,6 +295,68 @@ static void file_command(const char* verb, const char* path, const char* other)
     }
 }
 
+/* Puts a file of that name at a number, past the C library on request. */
+static int put_file(const char* path, int number, int raw)
+{
+    const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const long result = raw ? syscall(SYS_dup3, fd, number, O_CLOEXEC) : dup2(fd, number);
+    close(fd);
+    return (int)result;
+}
+
+static atomic_int storm_blows;
+static const char* storm_path;
+
+static void* storm_over_numbers(void* unused)
+{
+    (void)unused;
+    while (storm_blows) {
+        for (int number = 200; number < 204; ++number)
+            put_file(storm_path, number, 0);
+        close_range(202, 203, 0);
+        close(200);
+        close(201);
+    }
+    return NULL;
+}
+
+static void descriptor_command(const char* verb, int number, const char* path)
+{
+    int32_t words[WORDS];
+    if (strcmp(verb, "close") == 0) {
+        answer_result(close(number));
+    } else if (strcmp(verb, "close-range") == 0) {
+        answer_result(close_range((unsigned)number, ~0u, 0));
+    } else if (strcmp(verb, "closefrom") == 0) {
+        closefrom(number);
+        answer("0");
+    } else if (strcmp(verb, "put") == 0) {
+        answer_result(put_file(path, number, 0));
+    } else if (strcmp(verb, "put-raw") == 0) {
+        answer_result(put_file(path, number, 1));
+    } else if (strcmp(verb, "fork") == 0) { /* so many children ask one after the other, then their parent */
+        for (int i = 0; i < number; ++i) {
+            const pid_t child = fork();
+            if (child == 0)
+                _exit(ioctl(motors[0], requests[GET_STATUS], words) != 0);
+            waitpid(child, NULL, 0);
+        }
+        answer_result(ioctl(motors[0], requests[GET_STATUS], words));
+    } else if (strcmp(verb, "storm") == 0) { /* so many requests while files come and go at high numbers */
+        storm_path = path;
+        storm_blows = 1;
+        pthread_create(&background, NULL, storm_over_numbers, NULL);
+        int served = 0;
+        for (int i = 0; i < number; ++i)
+            served += ioctl(motors[0], requests[GET_STATUS], words) == 0;
+        storm_blows = 0;
+        pthread_join(background, NULL);
+        answer("%d", served);
+    } else {
+        time_command(verb, number);
+    }
+}
+
 int main(void)
 {
     char line[2 * PATH_MAX], verb[32], first[PATH_MAX], rest[PATH_MAX];
@@ -311,7 +375,7 @@ int main(void)
         } else if (first[0] == '/') {
             file_command(verb, first, rest);
         } else {
-            time_command(verb, strtol(first, NULL, 10));
+            descriptor_command(verb, (int)strtol(first, NULL, 10), rest);
         }
     }
     return 0;

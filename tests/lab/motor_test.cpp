@@ -4,6 +4,9 @@
 
 #include "lab/clock.h"
 
+#include <filesystem>
+#include <regex>
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -32,6 +35,16 @@ protected:
         std::vector<LabJournalEntry> entries = lab_.journal();
         std::erase_if(entries, [&](const LabJournalEntry& entry) { return entry.request != request; });
         return entries;
+    }
+    /// The numbers under which the probe holds the journal open.
+    std::vector<std::string> journalNumbers() const
+    {
+        std::vector<std::string> numbers;
+        std::error_code gone;
+        for (const auto& fd : std::filesystem::directory_iterator("/proc/" + std::to_string(probe_->pid()) + "/fd"))
+            if (std::filesystem::read_symlink(fd.path(), gone).string().starts_with(lab_.folder() + "/journal"))
+                numbers.push_back(fd.path().filename());
+        return numbers;
     }
     bool rotates()
     {
@@ -209,6 +222,49 @@ TEST_F(Motors, ALockLeftBehindStopsNobody)
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
     EXPECT_EQ(ask("setpos x 5"), "0");
     EXPECT_EQ(lab_.axisNow(LAB_PAN).count, 5);
+}
+
+TEST_F(Motors, JournalEveryRequestWhateverTheProgramDoesWithItsDescriptors)
+{
+    const std::string journal = lab_.folder() + "/journal";
+    const std::string own = lab_.folder() + "/own";
+    const auto asked = [this] { return journalOf("GET_STATUS").size(); };
+    ask("status x");
+    // "#" stands for the number of the journal's descriptor.
+    const struct {
+        const char* command;
+        const char* answer;
+    } disturbances[] = {
+        {"close #", "errno 9"}, {"close-range 3", "0"}, {"closefrom 3", "0"},
+        {"put # OWN", "#"},     {"put-raw # OWN", "#"}, {"close-range #", "0"},
+    };
+    for (const auto& [command, answer] : disturbances) {
+        SCOPED_TRACE(command);
+        ASSERT_EQ(journalNumbers().size(), 1u);
+        const std::string number = journalNumbers()[0];
+        const auto filled = [&](std::string text) {
+            text = std::regex_replace(text, std::regex("#"), number);
+            return std::regex_replace(text, std::regex("OWN"), own);
+        };
+        lab_.forget();
+        EXPECT_EQ(ask(filled(command)), filled(answer));
+        ask("open x");
+        EXPECT_EQ(ask("status x"), "0 1 0 0 1");
+        EXPECT_EQ(asked(), 1u);
+        EXPECT_EQ(journalNumbers().size(), 1u);
+    }
+    lab_.forget();
+    EXPECT_EQ(ask("storm 3000 " + own), "3000");
+    EXPECT_EQ(asked(), 3000u);
+    EXPECT_EQ(std::filesystem::file_size(own), 0u) << "the lab's text in a file of the program's";
+
+    std::filesystem::remove(journal);
+    EXPECT_EQ(ask("fork 20"), "0");
+    const std::vector<LabJournalEntry> entries = lab_.journal();
+    EXPECT_EQ(entries.size(), 21u);
+    for (const LabJournalEntry& entry : entries)
+        EXPECT_TRUE(entry.pid == entry.thread && (entry.pid == probe_->pid()) == (&entry == &entries.back()));
+    EXPECT_EQ(journalNumbers().size(), 1u);
 }
 
 TEST_F(Motors, KeepTheHeadWhereItIsWhenTheLabStartsAnew)

@@ -76,6 +76,10 @@ public:
     {
         return strtol(ask(command).c_str(), nullptr, 10);
     }
+    [[nodiscard]] pid_t pid() const
+    {
+        return pid_;
+    }
     /// Kills it without a chance to tidy up.
     void kill9()
     {
