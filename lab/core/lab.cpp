@@ -226,9 +226,13 @@ bool Lab::startCet()
     if (!startProgram("cet", {LAB_CET}))
         return false;
     if (!isRunning("ubusd"))
-        return true;                                                          // it registers once there is a bus
-    const auto listed = [this] { return invoke("CET", "none").status == 3; }; // no such method: it is there
-    if (waitUntil([&] { return listed() || !isRunning("cet"); }, options_.patience) && isRunning("cet"))
+        return true; // it registers once there is a bus
+    bool listed = false;
+    const auto look = [&] {
+        listed = invoke("CET", "none").status == 3; // no such method: it is there
+        return listed || !isRunning("cet");
+    };
+    if (waitUntil(look, options_.patience) && listed)
         return true;
     return fail("CET does not answer:\n" + tailOf(readFile(folder_ + "/log/cet.log"), 10));
 }
@@ -276,10 +280,18 @@ bool Lab::isReady()
 bool Lab::waitReady(milliseconds timeout)
 {
     const auto tail = [this] { return tailOf(ptzdLog(), 15); };
-    const bool ended = waitUntil([this] { return isReady() || !isRunning("ptzd"); }, timeout);
-    if (!isRunning("ptzd"))
+    // Decided by one look: a daemon that seemed to have ended and is there in the next look is not ready for that.
+    bool ready = false;
+    bool ended = false;
+    const auto look = [&] {
+        ready = isReady();
+        ended = !ready && !isRunning("ptzd");
+        return ready || ended;
+    };
+    waitUntil(look, timeout);
+    if (ended)
         return fail("the daemon has ended; its log ends with:\n" + tail());
-    return ended || fail("the daemon is not calibrated after " + std::to_string(timeout.count() / 1000) +
+    return ready || fail("the daemon is not calibrated after " + std::to_string(timeout.count() / 1000) +
                          " s (checkMotorStatus: " + call("checkMotorStatus") + "); its log ends with:\n" + tail());
 }
 

@@ -177,6 +177,23 @@ TEST(Head, SaysWhyItDoesNotStart)
     EXPECT_EQ(lab.error().substr(0, 20), "the daemon has ended");
 }
 
+TEST(Head, TakesNoDaemonForReadyThatSeemedToHaveEndedForAnInstant)
+{
+    Lab lab;
+    ASSERT_TRUE(lab.up(withoutDaemon())) << lab.error();
+    LabOptions options = withoutDaemon();
+    options.ptzd = lab.folder() + "/blinking";
+    std::ofstream(options.ptzd)
+        << "#!/bin/sh\ncd \"$PTZD_LAB/pid\"\nwhile :; do echo $$ >ptzd; : <.; : <.; : <.; : >ptzd; done\n";
+    fs::permissions(options.ptzd, fs::perms::owner_all);
+    ASSERT_TRUE(lab.up(options)) << lab.error();
+    for (int start = 0; start < 60; ++start) {
+        ASSERT_FALSE(lab.startPtzd()) << "start " << start;
+        EXPECT_TRUE(lab.error().starts_with("the daemon has ended")) << lab.error();
+        lab.killPtzd(SIGKILL);
+    }
+}
+
 /// Runs ptzd-lab in an empty folder; its exit status and all that it printed.
 std::pair<int, std::string> command(const std::string& line)
 {
