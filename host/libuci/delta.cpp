@@ -181,24 +181,30 @@ ChangeFile::~ChangeFile()
     freeDeltas(deltas);
 }
 
+ChangeLine changeLineAt(std::string_view text, size_t at)
+{
+    const bool begins = changeBegins(slice(text, at, text.size()));
+    const size_t whole = begins ? lineEnd(text, at) : text.npos;
+    const size_t feed = text.find('\n', at);
+    const size_t end = feed != text.npos ? feed + 1 : text.size();
+    return {whole != text.npos ? whole : end, whole != text.npos, begins && whole == text.npos, feed != text.npos};
+}
+
 int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
 {
     const std::string_view view(text.data(), text.size());
     size_t torn = view.npos; // where a line begins that does not end, unless a good one comes later
     size_t end = 0;
     for (size_t at = 0; at < view.size(); at = end) {
-        const std::string_view rest = slice(view, at, view.size());
-        const bool begins = changeBegins(rest);
-        const size_t whole = begins ? lineEnd(view, at) : view.npos;
-        const size_t feed = view.find('\n', at);
-        end = whole != view.npos ? whole : feed != view.npos ? feed + 1 : view.size();
+        const ChangeLine line = changeLineAt(view, at);
+        end = line.end;
         Change change{};
-        if (isMark(rest, digest)) {
+        if (isMark(slice(view, at, view.size()), digest)) {
             freeDeltas(deltas);
             committedPart = true;
-        } else if (whole == view.npos) {
+        } else if (!line.whole) {
             // Its writer died in the middle, and even what is there may mean something else than the whole would have.
-            if ((begins || feed == view.npos) && torn == view.npos)
+            if ((line.open || !line.fed) && torn == view.npos)
                 torn = at;
         } else if (parseLine(text.subspan(at, end - at), package, change)) {
             torn = view.npos;

@@ -217,6 +217,15 @@ void freeDeltas(uci_list& deltas);
 /// Appends the change file's line of a record.
 void writeDelta(Text& out, const char* package, const uci_delta* delta);
 
+/// A line of a change file.
+struct ChangeLine {
+    size_t end; ///< where the next one begins
+    bool whole; ///< it begins like a change and goes up to a line feed outside quotes
+    bool open;  ///< it begins like a change, and its quote is not closed down to the end of the file
+    bool fed;   ///< a line feed ends it, quoted or not
+};
+ChangeLine changeLineAt(std::string_view text, size_t at);
+
 /// What a change file says.
 struct ChangeFile {
     uci_list deltas;            ///< changes that are not in the configuration file yet

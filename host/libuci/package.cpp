@@ -78,6 +78,26 @@ int makeSaveDirectory(const char* savedir, const char* configFile)
     return mkdir(savedir, modeOf(configDir.get(), 0700)) == 0 || errno == EEXIST ? UCI_OK : UCI_ERR_IO;
 }
 
+bool commentOut(int fd, size_t at)
+{
+    const int flags = fcntl(fd, F_GETFL); // what appends would write at the end
+    const bool done = fcntl(fd, F_SETFL, flags & ~O_APPEND) == 0 && pwrite(fd, "#", 1, static_cast<off_t>(at)) == 1;
+    return fcntl(fd, F_SETFL, flags) == 0 && done;
+}
+
+// Lines of a change file whose quote is never closed say nothing, but would take what is appended for their end. Good
+// ones stand behind them, so they stay, as comments: a crash after any of these writes harms nothing.
+bool commentOutOpenLines(int fd, std::string_view text)
+{
+    for (size_t at = 0; at < text.size();) {
+        const ChangeLine line = changeLineAt(text, at);
+        if (line.open && !commentOut(fd, at))
+            return false;
+        at = line.end;
+    }
+    return true;
+}
+
 // Puts lines behind the whole lines of a change file, or leaves these as they were.
 int appendChanges(int fd, const uci_package* p, std::string_view lines)
 {
@@ -85,13 +105,16 @@ int appendChanges(int fd, const uci_package* p, std::string_view lines)
     int code = readAll(fd, old);
     if (code != UCI_OK)
         return code;
+    Text spoilt;
+    spoilt << old.view();
     ChangeFile changes;
-    code = changes.read(old.bytes(), p->e.name, 0);
+    code = spoilt.failed() ? int(UCI_ERR_MEM) : changes.read(spoilt.bytes(), p->e.name, 0);
     if (code != UCI_OK)
         return code;
     const auto size = static_cast<off_t>(changes.wholeSize);
     // What a writer that died left of a line would swallow ours.
-    if (changes.wholeSize < old.view().size() && ftruncate(fd, size) != 0)
+    if ((changes.wholeSize < old.view().size() && ftruncate(fd, size) != 0) ||
+        !commentOutOpenLines(fd, slice(old.view(), 0, changes.wholeSize)))
         return UCI_ERR_IO;
     if (writeAll(fd, lines))
         return UCI_OK;

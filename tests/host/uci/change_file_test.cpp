@@ -63,6 +63,26 @@ TEST(ChangeFile, DoesNotTrustALineWhoseWriterDied)
     }
 }
 
+TEST(ChangeFile, KeepsWhatIsSavedBehindAQuoteThatNobodyCloses)
+{
+    // The value that is saved holds quotes, one of which would close the open one.
+    for (const std::string open : {"p.s.a='x\n", "p.s.a=\"x\n", "-p.s='\n@p.s=\"\n"}) {
+        Sandbox box("config t 's'\n");
+        box.setChanges(open + "p.s.b='good'\n");
+        const Context ctx = box.context();
+        uci_package* p = load(ctx);
+        const std::string value = "it's \"quoted\" 'so'";
+        const std::string quoted = R"('it'\''s "quoted" '\''so'\''')";
+        EXPECT_EQ(edit(ctx, uci_set, "p.s.c=" + value), UCI_OK);
+        EXPECT_EQ(uci_save(ctx.get(), p), UCI_OK);
+        EXPECT_EQ(edit(ctx, uci_set, "p.s.d=" + value), UCI_OK);
+        EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+        EXPECT_EQ(box.fileText(),
+                  "\nconfig t 's'\n\toption b 'good'\n\toption c " + quoted + "\n\toption d " + quoted + "\n\n")
+            << open;
+    }
+}
+
 TEST(ChangeFile, IsNotAppliedAgainToTheFileThatHoldsItsChanges)
 {
     const std::string committed = "\nconfig t 's'\n\tlist l 'x'\n\nconfig rule\n\n";
