@@ -54,22 +54,21 @@ int32_t motorInit(AxisIndex axis)
 int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    blob_buf& reply = gContext.ubus.replyBuf;
     const MotorAxis& pan = gContext.axes[PAN];
     const MotorAxis& tilt = gContext.axes[TILT];
     replyBegin();
     replyAddInt("error_code", RESULT_OK);
-    void* table = blobmsg_open_table(&reply, "capability");
+    void* table = replyOpenTable("capability");
     replyAddDecimal("x_coord_min", -(pan.range / 2));
     replyAddDecimal("x_coord_max", pan.range / 2);
     replyAddDecimal("y_coord_min", -(tilt.range / 2));
     replyAddDecimal("y_coord_max", tilt.range / 2);
     replyAddDecimal("x_max_speed", pan.max_speed);
     replyAddDecimal("y_max_speed", tilt.max_speed);
-    addString(reply, "simultaneous", gContext.motion.simultaneous.load() == 1 ? "enabled" : "disabled");
-    addString(reply, "preset", "enabled");
-    addString(reply, "calibrate", "enabled");
-    blobmsg_close_table(&reply, table);
+    replyAddText("simultaneous", gContext.motion.simultaneous.load() == 1 ? "enabled" : "disabled");
+    replyAddText("preset", "enabled");
+    replyAddText("calibrate", "enabled");
+    replyClose(table);
     return replySend(connection, request);
 }
 
@@ -80,15 +79,14 @@ int ubusGetMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data
     MotorStatus tilt{};
     if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
         return replyCode(connection, request, result);
-    blob_buf& reply = gContext.ubus.replyBuf;
     replyBegin();
     replyAddInt("error_code", RESULT_OK);
-    void* table = blobmsg_open_table(&reply, "status");
+    void* table = replyOpenTable("status");
     replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, pan.position)) * flipSign(PAN));
     replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, tilt.position)) * flipSign(TILT));
     addSpeed("x_speed", PAN, pan);
     addSpeed("y_speed", TILT, tilt);
-    blobmsg_close_table(&reply, table);
+    replyClose(table);
     return replySend(connection, request);
 }
 

@@ -191,16 +191,11 @@ void pack(PresetTable& table)
     }
 }
 
-void addText(const char* text)
-{
-    addString(gContext.ubus.replyBuf, nullptr, text);
-}
-
 void addPosition(float position)
 {
     char text[64]; // the longest float has 39 digits before its point
     (void)snprintf(text, sizeof(text), "%0.6f", static_cast<double>(position));
-    addText(text);
+    replyAddText(nullptr, text);
 }
 
 /// Adds the five arrays of the enabled presets with ids above `after`, at most `last`, in the order of their slots.
@@ -208,14 +203,14 @@ void addPresets(int64_t after, int64_t last)
 {
     const PresetTable table = presetTableNow();
     const auto addArray = [&](const char* name, void (*add)(const PresetEntry&)) {
-        void* array = blobmsg_open_array(&gContext.ubus.replyBuf, name);
+        void* array = replyOpenArray(name);
         for (const PresetEntry& entry : table.presetTable)
             if (entry.enabled != 0 && entry.id > after && entry.id <= last)
                 add(entry);
-        blobmsg_close_array(&gContext.ubus.replyBuf, array);
+        replyClose(array);
     };
     addArray("id", [](const PresetEntry& entry) { replyAddDecimal(nullptr, entry.id); });
-    addArray("name", [](const PresetEntry& entry) { addText(entry.name); });
+    addArray("name", [](const PresetEntry& entry) { replyAddText(nullptr, entry.name); });
     addArray("read_only", [](const PresetEntry& entry) { replyAddDecimal(nullptr, entry.read_only); });
     addArray("position_pan", [](const PresetEntry& entry) { addPosition(entry.position_pan); });
     addArray("position_tilt", [](const PresetEntry& entry) { addPosition(entry.position_tilt); });
@@ -241,7 +236,7 @@ int ubusSetPreset(ubus_context* connection, ubus_object*, ubus_request_data* req
     enter(table, wanted);
     const int32_t result = keep(table);
     replyBegin();
-    addString(gContext.ubus.replyBuf, "name", presetTableNow().presetTable[wanted.slot - 1].name);
+    replyAddText("name", presetTableNow().presetTable[wanted.slot - 1].name);
     replyAddDecimal("id", wanted.id);
     replyAddInt("error_code", result);
     return replySend(connection, request);
@@ -303,13 +298,12 @@ int ubusGetPresetPage(ubus_context* connection, ubus_object*, ubus_request_data*
     int32_t values[PAGE_ARG_COUNT];
     if (!decimalArgs(presetPagePolicy, values, message) || values[PAGE_START] < 0 || values[PAGE_COUNT] < 1)
         return replyCode(connection, request, ERR_PARAM);
-    blob_buf& reply = gContext.ubus.replyBuf;
     replyBegin();
-    void* outer = blobmsg_open_table(&reply, "preset");
-    void* inner = blobmsg_open_table(&reply, "preset");
+    void* outer = replyOpenTable("preset");
+    void* inner = replyOpenTable("preset");
     addPresets(values[PAGE_START], static_cast<int64_t>(values[PAGE_START]) + values[PAGE_COUNT]);
-    blobmsg_close_table(&reply, inner);
-    blobmsg_close_table(&reply, outer);
+    replyClose(inner);
+    replyClose(outer);
     return replyPresets(connection, request);
 }
 

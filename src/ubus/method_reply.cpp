@@ -6,6 +6,8 @@
 
 namespace {
 
+bool complete = false; // whether the reply holds all that was added to it; event loop only
+
 int replyWith(const char* name, ubus_context* connection, ubus_request_data* request, int32_t code)
 {
     replyBegin();
@@ -17,30 +19,61 @@ int replyWith(const char* name, ubus_context* connection, ubus_request_data* req
 
 void replyBegin()
 {
-    blob_buf_init(&gContext.ubus.replyBuf, 0);
+    complete = blob_buf_init(&gContext.ubus.replyBuf, 0) == 0;
 }
 
 void replyAddInt(const char* name, int32_t value)
 {
-    blobmsg_add_u32(&gContext.ubus.replyBuf, name, static_cast<uint32_t>(value));
+    complete = complete && blobmsg_add_u32(&gContext.ubus.replyBuf, name, static_cast<uint32_t>(value)) == 0;
 }
 
 void replyAddDecimal(const char* name, int64_t value)
 {
     char text[24];
     *std::to_chars(text, text + sizeof(text) - 1, value).ptr = '\0'; // printf was half of what we add to a reading call
-    addString(gContext.ubus.replyBuf, name, text);
+    replyAddText(name, text);
 }
 
-void addString(blob_buf& buffer, const char* name, const char* text)
+void replyAddText(const char* name, const char* text)
 {
-    blobmsg_add_string(&buffer, name, text);
+    complete = complete && addString(gContext.ubus.replyBuf, name, text);
+}
+
+void* replyOpenTable(const char* name)
+{
+    void* table = complete ? blobmsg_open_table(&gContext.ubus.replyBuf, name) : nullptr;
+    complete = table != nullptr;
+    return table;
+}
+
+void* replyOpenArray(const char* name)
+{
+    void* array = complete ? blobmsg_open_array(&gContext.ubus.replyBuf, name) : nullptr;
+    complete = array != nullptr;
+    return array;
+}
+
+void replyClose(void* container)
+{
+    if (container)
+        blobmsg_close_table(&gContext.ubus.replyBuf, container); // an array's end is the same
+}
+
+bool addString(blob_buf& buffer, const char* name, const char* text)
+{
+    return blobmsg_add_string(&buffer, name, text) == 0;
 }
 
 int replySend(ubus_context* connection, ubus_request_data* request)
 {
+    if (!complete) {
+        replyBegin(); // half an answer would mean something else; the code alone needs less memory
+        replyAddInt("error_code", ERR_DEVICE);
+    }
     const BusGuard hold;
-    (void)busSendReply(connection, request, gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
+    if (complete)
+        (void)busSendReply(connection, request,
+                           gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
     return 0;
 }
 

@@ -148,10 +148,7 @@ void receive_call_result_data(ubus_request* request, int, blob_attr* message)
 /// A blob buffer that goes with its scope.
 class LocalBuffer {
 public:
-    LocalBuffer()
-    {
-        blob_buf_init(&buffer_, 0);
-    }
+    LocalBuffer() = default;
     ~LocalBuffer()
     {
         blob_buf_free(&buffer_);
@@ -167,6 +164,23 @@ public:
 private:
     blob_buf buffer_{};
 };
+
+/// Starts a message in a buffer. @return false without memory.
+bool putArguments(blob_buf& buffer, const char* type)
+{
+    return blob_buf_init(&buffer, 0) == 0 && addString(buffer, "type", type);
+}
+
+bool putEvent(blob_buf& buffer, const char* action)
+{
+    if (blob_buf_init(&buffer, 0) != 0 || !addString(buffer, "id", ALARM_EVENT))
+        return false;
+    void* data = blobmsg_open_table(&buffer, "data");
+    if (!data || !addString(buffer, "action", action))
+        return false;
+    blobmsg_close_table(&buffer, data);
+    return true;
+}
 
 } // namespace
 
@@ -189,17 +203,17 @@ int32_t ubusNotifyWithParam(const char* method, int32_t origin)
     }
     blob_buf& arguments = gContext.ubus.notifyBuf;
     char type[16];
-    blob_buf_init(&arguments, 0);
     (void)snprintf(type, sizeof(type), "%" PRId32, origin);
-    addString(arguments, "type", type);
-
+    const bool put = putArguments(arguments, type);
     uint32_t object = 0;
     if (!findObject(connection.get(), TARGET_OBJECT, object)) {
         LOG_ERROR("%s ubus process not found\n", TARGET_OBJECT);
         return -1;
     }
     int32_t result = -1;
-    const int status = callAndWait(connection.get(), object, method, arguments.head, receive_call_result_data, &result);
+    const int status =
+        put ? callAndWait(connection.get(), object, method, arguments.head, receive_call_result_data, &result)
+            : UBUS_STATUS_UNKNOWN_ERROR;
     if (status != UBUS_STATUS_OK || result != 0) {
         LOG_ERROR("ubus call %s %s failed\n", TARGET_OBJECT, method);
         return -1;
@@ -216,13 +230,10 @@ int32_t ubus_send_alarm_event(const char* action)
         return -1;
     }
     // The library's own call for events waits without a bound, with BusLock held; this is the message that it sends.
-    LocalBuffer local;
-    blob_buf& event = local.get();
-    addString(event, "id", ALARM_EVENT);
-    void* data = blobmsg_open_table(&event, "data");
-    addString(event, "action", action);
-    blobmsg_close_table(&event, data);
-    const int status = callAndWait(connection.get(), BUS_EVENT_OBJECT, "send", event.head, nullptr, nullptr);
+    LocalBuffer event;
+    const int status = putEvent(event.get(), action)
+                           ? callAndWait(connection.get(), BUS_EVENT_OBJECT, "send", event.get().head, nullptr, nullptr)
+                           : UBUS_STATUS_UNKNOWN_ERROR;
     if (status != UBUS_STATUS_OK)
         LOG_ERROR("send event(%s %s) failed.\n", ALARM_EVENT, action);
     return status;
