@@ -28,7 +28,8 @@ enum FaultCall : uint32_t {
     FAULT_OPEN, // from here on by file, whoever calls
     FAULT_CREATE,
     FAULT_WRITE,
-    FAULT_FSYNC,
+    FAULT_FSYNC, // this and the next by the path's last two names, a folder's with a slash behind it
+    FAULT_FTRUNCATE,
     FAULT_RENAME,
     FAULT_CALL_COUNT
 };
@@ -58,6 +59,7 @@ inline constexpr const char* FAULT_CALL_NAMES[FAULT_CALL_COUNT] = {
     "create",
     "write",
     "fsync",
+    "ftruncate",
     "rename",
 };
 

@@ -15,14 +15,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr double FAST = 10;      // lab time in real time, while nothing is looked at
 constexpr double FROZEN = 0.001; // no timer expires and nothing turns while a call is answered
 constexpr int32_t HOME[] = {1500, 550};
 constexpr int32_t LAST_STEP[] = {3000, 1220};
 constexpr const char* PACKAGES[] = {"ptzd", "image", "diagd", "lens_mask", "target_track", "ptz_plan", "tour"};
-constexpr int32_t DRIFT = 60;    // what a turning head may go on while it is frozen, in steps
-constexpr int32_t FACTOR = 2500; // the whole pan travel takes 0.3 s of the lab
-constexpr int32_t SLOWLY = 100;  // for steps: 400 steps a second of the lab
+constexpr int32_t DRIFT = 60; // what a turning head may go on while it is frozen, in steps
 
 constexpr int32_t NOWHERE = -1;
 constexpr const char* POSITION = "position"; // stored is where the head stands
@@ -73,13 +70,6 @@ constexpr FaultyCall CALLS[] = {
     {"save timer", nullptr, nullptr, NOWHERE, NOWHERE, false, "ptzd", POSITION, "setPowerOffRecover 0"},
 };
 
-const FaultyCall* callOf(const std::string& name)
-{
-    const auto* found =
-        std::find_if(std::begin(CALLS), std::end(CALLS), [&](const FaultyCall& c) { return name == c.name; });
-    return found == std::end(CALLS) ? nullptr : found;
-}
-
 std::string textOf(const fs::path& path)
 {
     std::ostringstream text;
@@ -112,6 +102,13 @@ std::string switchOf(const std::string& package, const char* enabled)
 }
 
 } // namespace
+
+const FaultyCall* FaultyHead::callOf(const std::string& name)
+{
+    const auto* found =
+        std::find_if(std::begin(CALLS), std::end(CALLS), [&](const FaultyCall& c) { return name == c.name; });
+    return found == std::end(CALLS) ? nullptr : found;
+}
 
 void FaultyHead::SetUp()
 {
@@ -149,6 +146,7 @@ LabOptions FaultyHead::withFaults()
         if (variable.starts_with("LD_PRELOAD="))
             options.environment = {"LD_PRELOAD=" + library + ":" + variable.substr(variable.find('=') + 1)};
     options.environment.push_back("PTZD_FAULTS=" + lab.folder() + "/faults");
+    options.environment.push_back("MALLOC_PERTURB_=165"); // what has been freed, or not been set, shows
     return options;
 }
 
@@ -198,7 +196,7 @@ void FaultyHead::arm(const FaultPoint& point, bool ever)
     record.passes.store(point.nth - 1);
     record.seen.store(0);
     record.met.store(0);
-    record.failures.store(ever ? FAULT_EVER : 1, std::memory_order_release);
+    record.failures.store(ever ? FAULT_EVER : point.times, std::memory_order_release);
 }
 
 void FaultyHead::disarm()
@@ -419,37 +417,6 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
     return texts;
 }
 
-namespace {
-
-std::vector<std::string> toldBy(const std::string& cell)
-{
-    std::vector<std::string> result;
-    for (const std::string& part : partsOf(cell, ',')) {
-        if (!part.starts_with("told ")) {
-            result.push_back(part);
-            continue;
-        }
-        const std::string origin = part.substr(5);
-        const bool events = origin != "1"; // tracking is announced without
-        result.push_back("moving " + origin);
-        if (events)
-            result.emplace_back("start");
-        result.push_back("idle " + origin);
-        if (events)
-            result.emplace_back("stop");
-    }
-    return result;
-}
-
-std::vector<std::string> reportsBy(const std::string& cell)
-{
-    std::vector<std::string> result = partsOf(cell, ';');
-    std::sort(result.begin(), result.end());
-    return result;
-}
-
-} // namespace
-
 /// @return whether the call was answered with 0.
 bool FaultyHead::expectAnswer(const PageRow& row, const FaultyCall& call, const std::string& answer)
 {
@@ -572,5 +539,6 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
             EXPECT_TRUE(!isStored(*call) && settings(package) != text) << settings(package);
         else
             EXPECT_EQ(settings(package), text) << package;
+        after_[package] = settings(package);
     }
 }

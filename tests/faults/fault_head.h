@@ -6,6 +6,10 @@
 #include "fault_page.h"
 #include "tests/system/head.h"
 
+inline constexpr double FAST = 10;      // lab time in real time, while nothing is looked at
+inline constexpr int32_t FACTOR = 2500; // the whole pan travel takes 0.3 s of the lab
+inline constexpr int32_t SLOWLY = 100;  // for steps: 400 steps a second of the lab
+
 /// A call of the matrix, as the page names it.
 struct FaultyCall {
     const char* name;   // in the column Call
@@ -43,32 +47,38 @@ protected:
     /// lines of another form, and for those that are not in the message log too.
     std::vector<std::string> reports(size_t consoleFrom, size_t logFrom);
 
-    // Of the latest run(): lab time of the call, and what the daemon had called when it answered.
-    int64_t callNs_ = 0;
-    uint32_t seen_[FAULT_CALL_COUNT] = {};
-
-private:
+    static const FaultyCall* callOf(const std::string& name);
+    /// Brings the head home, with all that the last call has left taken back by healthy calls; then into a state.
     void home();
-    void restoreSettings();
-    void undo();
-    void makePreset();
     void prepare(const std::string& state);
-    void goOnABit();
-    bool expectAnswer(const PageRow& row, const FaultyCall& call, const std::string& answer);
     bool standsAsStated(const PageRow& row, LabAxisId axis);
     bool isStored(const FaultyCall& call);
     [[nodiscard]] bool turning() const;
     std::string settings(const std::string& package) const;
-    void writeSettings(const std::string& package, const std::string& text) const;
     std::vector<std::string> told() const;
+
+    const FaultyCall* last_ = nullptr; // to be undone
+    bool lastDone_ = false;            // answered with 0
+    std::string lastState_;
+    int32_t start_[LAB_AXIS_COUNT] = {}; // where the head stands when the call comes
+
+    // Of the latest run(): the settings files behind it, lab time of the call, and what the daemon had called when it
+    // answered.
+    std::map<std::string, std::string> after_;
+    int64_t callNs_ = 0;
+    uint32_t seen_[FAULT_CALL_COUNT] = {};
+
+private:
+    void restoreSettings();
+    void undo();
+    void makePreset();
+    void goOnABit();
+    bool expectAnswer(const PageRow& row, const FaultyCall& call, const std::string& answer);
+    void writeSettings(const std::string& package, const std::string& text) const;
     void freeze();
     void thaw();
 
     FaultControl* control_ = nullptr;
     std::map<std::string, std::string> pristine_;
-    const FaultyCall* last_ = nullptr; // to be undone
-    bool lastDone_ = false;            // answered with 0
-    std::string lastState_;
-    int32_t start_[LAB_AXIS_COUNT] = {};  // where the head stands when the call comes
     int32_t before_[LAB_AXIS_COUNT] = {}; // where a motion under way leads
 };

@@ -73,6 +73,33 @@ std::vector<PageRow> pageRows(const std::string& heading)
     return rows;
 }
 
+std::vector<std::string> toldBy(const std::string& cell)
+{
+    std::vector<std::string> result;
+    for (const std::string& part : partsOf(cell, ',')) {
+        if (!part.starts_with("told ")) {
+            result.push_back(part);
+            continue;
+        }
+        const std::string origin = part.substr(5);
+        const bool events = origin != "1"; // tracking is announced without
+        result.push_back("moving " + origin);
+        if (events)
+            result.emplace_back("start");
+        result.push_back("idle " + origin);
+        if (events)
+            result.emplace_back("stop");
+    }
+    return result;
+}
+
+std::vector<std::string> reportsBy(const std::string& cell)
+{
+    std::vector<std::string> result = partsOf(cell, ';');
+    std::sort(result.begin(), result.end());
+    return result;
+}
+
 std::optional<FaultPoint> faultPoint(const std::string& text)
 {
     FaultPoint point;
@@ -88,6 +115,10 @@ std::optional<FaultPoint> faultPoint(const std::string& text)
     if (!word.empty() && word[0] >= '1' && word[0] <= '9') {
         point.nth = std::stoi(word);
         words >> word;
+        if (word == "times") {
+            std::swap(point.times, point.nth);
+            words >> word;
+        }
     }
     if (word == "x" || word == "y") {
         point.axis = word == "x" ? LAB_PAN : LAB_TILT;

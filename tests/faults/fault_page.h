@@ -23,7 +23,11 @@ std::vector<PageRow> pageRows(const std::string& heading);
 /// The parts of a cell between separators, without blanks around them; none for an empty cell.
 std::vector<std::string> partsOf(const std::string& cell, char separator);
 
-/// One call or device request that fails: "2nd y MOVE", "every uci_commit ptzd", "malloc".
+/// What a cell of the column Told, or Report, says; reports in alphabetical order.
+std::vector<std::string> toldBy(const std::string& cell);
+std::vector<std::string> reportsBy(const std::string& cell);
+
+/// One call or device request that fails: "2 y MOVE", "every uci_commit ptzd", "malloc", "3 times ubus_reconnect".
 struct FaultPoint {
     std::string text;
     std::optional<LabAxisId> axis; // of a device request
@@ -31,6 +35,7 @@ struct FaultPoint {
     FaultCall call = FAULT_CALL_COUNT;
     std::string subject;
     int32_t nth = 1;
+    int32_t times = 1;     // unless it fails for ever
     bool onlyOnce = false; // "once": what follows when it goes on failing is another story
     bool onlyEvery = false;
 };

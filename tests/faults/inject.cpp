@@ -19,6 +19,7 @@
 #include <string.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -122,6 +123,17 @@ struct PathOf {
         const long length = syscall(SYS_readlinkat, AT_FDCWD, link, text, sizeof(text) - 1);
         text[length > 0 ? length : 0] = '\0';
     }
+    /// The last two names; a folder ends with a slash, which tells it from what is in it.
+    const char* tail(int fd)
+    {
+        struct stat info {};
+        if (fstat(fd, &info) == 0 && S_ISDIR(info.st_mode))
+            strncat(text, "/", sizeof(text) - strlen(text) - 1);
+        const char* from = text + strlen(text);
+        for (int slashes = S_ISDIR(info.st_mode) ? 3 : 2; from > text && slashes > 0; --from)
+            slashes -= from[-1] == '/' ? 1 : 0;
+        return from;
+    }
     char text[512];
 };
 
@@ -131,6 +143,28 @@ int openFault(const char* path, int flags)
         return error;
     return (flags & (O_CREAT | O_WRONLY | O_RDWR)) != 0 ? faultAt(FAULT_CREATE, path) : 0;
 }
+
+#ifndef FAULTS_WITHOUT_HEAP
+constinit std::atomic<bool> gStarted{false};
+
+/// Allocations count from here on. What ran before is no work of the daemon's, and by now the lab, which stands behind
+/// this library, has copied its folder's name for good: its only allocation but the records of timers that expire.
+__attribute__((constructor)) void started()
+{
+    (void)access("/", F_OK);
+    gStarted.store(true);
+}
+
+thread_local __attribute__((tls_model("initial-exec"))) bool gSpared = false;
+
+bool allocationFails()
+{
+    if (!gStarted.load(std::memory_order_relaxed) || gSpared || faultAt(FAULT_ALLOCATION, nullptr) == 0)
+        return false;
+    errno = ENOMEM;
+    return true;
+}
+#endif
 
 void* definition(std::atomic<void*>& slot, const char* name)
 {
@@ -176,7 +210,12 @@ int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* ol
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                    void* argument) noexcept
 {
+#ifdef FAULTS_WITH_SANITIZERS_THREAD
+    // ThreadSanitizer starts a thread of its own with the program's first one, and without attributes.
+    const int error = attributes ? FAULT(FAULT_PTHREAD_CREATE) : 0;
+#else
     const int error = FAULT(FAULT_PTHREAD_CREATE);
+#endif
     return error ? error : NEXT(pthread_create)(thread, attributes, routine, argument);
 }
 
@@ -184,29 +223,34 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 #ifndef FAULTS_WITHOUT_HEAP
 void* malloc(size_t size) noexcept
 {
-    if (FAULT(FAULT_MALLOC) || faultAt(FAULT_ALLOCATION, nullptr)) {
-        errno = ENOMEM;
+    if (FAULT(FAULT_MALLOC) || allocationFails())
         return nullptr;
-    }
     return __libc_malloc(size);
 }
 
 void* calloc(size_t count, size_t size) noexcept
 {
-    if (FAULT(FAULT_CALLOC) || faultAt(FAULT_ALLOCATION, nullptr)) {
-        errno = ENOMEM;
+    if (FAULT(FAULT_CALLOC) || allocationFails())
         return nullptr;
-    }
     return __libc_calloc(count, size);
 }
 
 void* realloc(void* memory, size_t size) noexcept
 {
-    if (faultAt(FAULT_ALLOCATION, nullptr)) {
-        errno = ENOMEM;
+    if (allocationFails())
         return nullptr;
-    }
     return __libc_realloc(memory, size);
+}
+
+/// json-c goes on with the null pointer when it lacks the memory for a member's name, and ends the process: a fault of
+/// its own, which is not tried.
+char* strdup(const char* text) noexcept
+{
+    Dl_info object{};
+    gSpared = control() && dladdr(__builtin_return_address(0), &object) != 0 && strstr(object.dli_fname, "json-c");
+    char* copy = NEXT(strdup)(text);
+    gSpared = false;
+    return copy;
 }
 #endif
 
@@ -310,8 +354,14 @@ ssize_t write(int fd, const void* data, size_t size)
 
 int fsync(int fd)
 {
-    const int error = control() ? faultAt(FAULT_FSYNC, PathOf(fd).text) : 0;
+    const int error = control() ? faultAt(FAULT_FSYNC, PathOf(fd).tail(fd)) : 0;
     return error ? failed(error) : NEXT(fsync)(fd);
+}
+
+int ftruncate(int fd, off_t size) noexcept
+{
+    const int error = control() ? faultAt(FAULT_FTRUNCATE, PathOf(fd).tail(fd)) : 0;
+    return error ? failed(error) : NEXT(ftruncate)(fd, size);
 }
 
 int rename(const char* from, const char* to) noexcept

@@ -1,0 +1,228 @@
+// Every allocation of every call and of the start, whoever makes it: the memory is not there, once, or from then on.
+
+#include "fault_head.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <limits>
+#include <regex>
+#include <set>
+#include <sstream>
+
+namespace {
+
+constexpr int SHARDS = 4; // of the rows, for the long form's sake
+constexpr int NEVER = std::numeric_limits<int>::max();
+
+FaultPoint allocation(int nth)
+{
+    return {"allocation", {}, LAB_REQUEST_COUNT, FAULT_ALLOCATION, "", nth};
+}
+
+/// What a failure in the middle may leave of a settings file: lines that are old or new, the positions' apart.
+bool isWhole(const std::string& file, const std::string& before, const std::string& after)
+{
+    const std::string known = "\n" + before + "\n" + after + "\n";
+    std::istringstream text(file);
+    for (std::string line; std::getline(text, line);)
+        if (!line.starts_with("\toption steps '") && known.find("\n" + line + "\n") == std::string::npos)
+            return false;
+    return file.ends_with('\n');
+}
+
+class Memory : public FaultyHead {
+protected:
+    /// The rows without failure: each call in each state once, or in one state only.
+    static std::vector<PageRow> healthyRows()
+    {
+        std::vector<PageRow> rows;
+        std::set<std::string> known;
+        for (const char* heading : {"Requests to the motors", "Settings", "Bus", "Threads, timers and memory"})
+            for (const PageRow& row : pageRows(heading))
+                if (row["Fails"].empty() && known.insert(row["Call"] + (thorough ? row["Head"] : "")).second)
+                    rows.push_back(row);
+        return rows;
+    }
+    /// The row's call, which has been run healthy, while its nth allocation fails, or all from there on until it and
+    /// the motion that it has started are over, or something is reported. @return false when it made fewer.
+    bool starve(const PageRow& row, int nth, bool ever);
+    bool hasMore(size_t consoleFrom, size_t reports)
+    {
+        const std::string text = lab.ptzdLog();
+        return std::count(text.begin() + static_cast<long>(consoleFrom), text.end(), '\n') > static_cast<long>(reports);
+    }
+
+    static inline const bool thorough = std::getenv("PTZD_LONG_TESTS") != nullptr;
+    uint32_t made_ = 0; // allocations of the latest starve()
+};
+
+bool Memory::starve(const PageRow& row, int nth, bool ever)
+{
+    SCOPED_TRACE(row["Call"] + ", " + row["Head"] + ": allocation " + std::to_string(nth) + (ever ? " and on" : ""));
+    home();
+    prepare(row["Head"]);
+    const FaultyCall* call = last_ = callOf(row["Call"]);
+    const pid_t daemon = lab.ptzdPid();
+    const size_t console = lab.ptzdLog().size();
+    const size_t log = lab.messageLog().size();
+    const std::vector<std::string> expectedTold = toldBy(row["Told"]);
+    const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
+    std::map<std::string, std::string> before;
+    for (const auto& [package, text] : after_)
+        before[package] = settings(package);
+    const auto done = [&] {
+        // While a call stores, the poll may find the end of the motion that it has halted, and tell it.
+        return (turning() || told() == expectedTold) && rests() && standsAsStated(row, LAB_PAN) &&
+               standsAsStated(row, LAB_TILT) && (row["Stored"] != "yes" || isStored(*call));
+    };
+    const auto doneOrReported = [&] { return done() || hasMore(console, expectedReports.size()); };
+    const bool isStep = call->method && std::string(call->method) == "moveStep";
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+        if (turning() || isStep)
+            lab.setFactor(axis, isStep ? SLOWLY : SLOWLY / 10);
+    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
+    arm(allocation(nth), ever);
+    const LabReply reply = call->method ? lab.invoke("ptzd", call->method, call->arguments, 3s) : LabReply{0, DONE};
+    const bool answered = std::regex_search(reply.text, std::regex(R"("err(or)?_code":-?[0-9]+[,}])"));
+    lastDone_ = !answered || std::regex_search(reply.text, std::regex(R"("err(or)?_code":0[,}])"));
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
+        if (turning() && !isStep)
+            lab.setFactor(axis, FACTOR);
+    if (answered && lastDone_)
+        (void)waitUntil(doneOrReported, 500ms);
+    const bool wasMet = met(allocation(nth)) != 0;
+    made_ = control().calls[FAULT_ALLOCATION].seen.load();
+    disarm();
+    EXPECT_TRUE(reply.status == 0 && (answered || reply.text.empty())) << reply.status << " " << reply.text;
+    if (lab.ptzdPid() != daemon) {
+        ADD_FAILURE() << "the daemon has ended";
+        return false;
+    }
+    if (answered && lastDone_)
+        (void)waitUntil(doneOrReported, DEADLINE / 4);
+    EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    std::this_thread::sleep_for(10ms);
+    if (reports(console, log) == expectedReports) {
+        const bool went =
+            start_[LAB_PAN] != lab.axisNow(LAB_PAN).shaft || start_[LAB_TILT] != lab.axisNow(LAB_TILT).shaft;
+        EXPECT_TRUE(!answered || !lastDone_ || done()) << "success without effect";
+        EXPECT_TRUE(!went || turning() || isStep || expectedTold.empty() || !told().empty())
+            << "has moved without a word";
+    }
+    for (const auto& [package, text] : before)
+        EXPECT_TRUE(isWhole(settings(package), text, after_[package])) << settings(package);
+    return wasMet;
+}
+
+class MemoryOfCalls : public Memory, public testing::WithParamInterface<int> {
+protected:
+    void starveAll(const PageRow& row)
+    {
+        run(row, nullptr, false);
+        EXPECT_FALSE(starve(row, NEVER, false));
+        const bool each = thorough || row["Call"] == "moveTo"; // which notifies of a whole motion
+        const int made = static_cast<int>(made_);
+        int tried[2] = {};
+        for (const bool ever : {false, true})
+            for (int nth = 1; lab.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
+                                                                                   : ever ? 1 + made
+                                                                                          : 1 + made / 2)
+                ++tried[ever];
+        std::printf("%s, %s: %u allocations, %d tried alone, %d with all that follow\n", row["Call"].c_str(),
+                    row["Head"].c_str(), made_, tried[false], tried[true]);
+    }
+};
+
+TEST_P(MemoryOfCalls, LackingHarmsNothing)
+{
+    upWithFaults();
+    int index = 0;
+    for (const PageRow& row : healthyRows()) {
+        if (index++ % SHARDS == GetParam())
+            starveAll(row);
+        ASSERT_NE(lab.ptzdPid(), 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Shard, MemoryOfCalls, testing::Range(0, SHARDS));
+
+// The bus library, which cannot keep such a message for later, gives up its connection.
+TEST_F(Memory, LackingForALongMessage)
+{
+    upWithFaults();
+    std::string plan;
+    for (int i = 1; i <= 6; ++i)
+        plan += (i > 1 ? "," : "") + planEntry("monday_" + std::to_string(i), 10 * i, 10 * i + 5, "1");
+    plan = R"({"monday":[)" + plan + "]}";
+    arm(allocation(1), false);
+    EXPECT_EQ(lab.invoke("ptzd", "set_plan_config", plan, 500ms).status, 7) << "the caller's own time must run out";
+    EXPECT_EQ(met(allocation(1)), 1U);
+    disarm();
+    EXPECT_TRUE(waitUntil([&] { return lab.call("set_plan_config", plan) == DONE; }, DEADLINE));
+    EXPECT_NE(settings("ptz_plan").find("monday_6"), std::string::npos);
+}
+
+class MemoryOfTheStart : public Memory {
+protected:
+    /// Starts the daemon, and has it answer a call whose reply is longer than the reply buffer at first; that goes
+    /// without memory too. @return false when the start made fewer allocations.
+    bool starve(int nth, bool ever);
+
+    std::string presets_; // what a healthy daemon answers
+    std::string stored_;
+};
+
+bool MemoryOfTheStart::starve(int nth, bool ever)
+{
+    SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
+    const size_t console = lab.ptzdLog().size();
+    lab.setSpeed(FAST);
+    arm(allocation(nth), ever);
+    (void)lab.startPtzd(); // does not wait
+    const auto settled = [&] { return lab.isReady() || !lab.isRunning("ptzd"); };
+    (void)waitUntil(settled, 500ms);
+    const bool wasMet = met(allocation(nth)) != 0;
+    made_ = control().calls[FAULT_ALLOCATION].seen.load();
+    disarm();
+    EXPECT_TRUE(waitUntil(settled, DEADLINE));
+    EXPECT_TRUE(isWhole(settings("ptzd"), stored_, stored_)) << settings("ptzd");
+    if (!lab.isRunning("ptzd")) {
+        const auto status = lab.waitPtzd(DEADLINE);
+        EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
+        EXPECT_TRUE(std::regex_search(lab.ptzdLog().substr(console), std::regex("(initialize|timer) failed\\.\n$")))
+            << lab.ptzdLog().substr(console);
+        return wasMet;
+    }
+    arm(allocation(nth % 3 + 1), ever);
+    const std::string starved = lab.call("getPresetAll");
+    disarm();
+    const std::string whole = lab.call("getPresetAll");
+    EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
+    EXPECT_TRUE(whole == presets_ || hasMore(console, 0)) << "has lost presets without a word: " << whole;
+    EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
+    EXPECT_TRUE(waitUntil([&] { return rests() && lab.axisNow(LAB_PAN).shaft == 1500; }, DEADLINE));
+    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    return wasMet;
+}
+
+TEST_F(MemoryOfTheStart, LackingEndsItOrHarmsNothing)
+{
+    upWithFaults();
+    presets_ = lab.call("getPresetAll");
+    stored_ = settings("ptzd");
+    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    LabOptions options = withFaults();
+    options.startPtzd = false;
+    options.waitCalibrated = false;
+    ASSERT_TRUE(lab.up(options)) << lab.error();
+    EXPECT_FALSE(starve(NEVER, false));
+    const int stride = thorough ? 1 : static_cast<int>(made_) / 5;
+    int tried[2] = {};
+    for (const bool ever : {false, true})
+        for (int nth = 1; starve(nth, ever); nth += stride)
+            ++tried[ever];
+    std::printf("start: %u allocations, %d tried alone, %d with all that follow\n", made_, tried[false], tried[true]);
+}
+
+} // namespace
