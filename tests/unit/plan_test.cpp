@@ -1,3 +1,5 @@
+// The weekly plan: what is no day, and what a stored one is read as.
+
 #include "config/uci_store.h"
 #include "fakes/stored_head.h"
 #include "preset/preset_methods.h"
@@ -26,6 +28,18 @@ protected:
             table = nullptr;
         StoredHead::TearDown();
     }
+    /// A section of the stored plan.
+    static std::string section(const std::string& name, int start, const std::string& end, const std::string& action,
+                               const std::string& id = "")
+    {
+        const auto option = [](const char* key, const std::string& value) {
+            return std::string("\toption ") + key + " '" + value + "'\n";
+        };
+        return "config " + name.substr(0, name.find('_')) + " '" + name + "'\n" +
+               option("start_time", std::to_string(start)) + option("end_time", end) + option("action_type", action) +
+               (id.empty() ? "" : option("action_id", id));
+    }
+    /// An element of a request's weekday.
     static std::string range(const std::string& name, int start, int end, const std::string& rest)
     {
         return R"({")" + name + R"(":{"start_time":)" + std::to_string(start) + R"(,"end_time":)" +
@@ -58,34 +72,34 @@ protected:
     PlanEntry active[WEEK_DAYS][PLAN_DAY_ENTRIES] = {};
 };
 
-TEST_F(Plan, StoresTheDaysItIsGivenAndLoadsThemBack)
+TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
 {
-    write("ptz_plan", "config friday 'friday_7'\n\toption start_time '1'\n\toption end_time '2'\n"
-                      "\toption action_type 'disable'\n"
-                      "config monday 'monday_9'\n\toption start_time '1'\n");
-    ASSERT_EQ(cfg_uci_init(), 0);
-    EXPECT_EQ(set("monday", preset("monday_1", 480, 720, "2") + "," + disable("monday_2", 720, 1440)), PLAN_OK);
-    EXPECT_EQ(file("ptz_plan"), "\nconfig friday 'friday_7'\n\toption start_time '1'\n\toption end_time '2'\n"
-                                "\toption action_type 'disable'\n"
-                                "\nconfig monday 'monday_1'\n\toption start_time '480'\n\toption end_time '720'\n"
-                                "\toption action_type 'preset'\n\toption action_id '2'\n"
-                                "\nconfig monday 'monday_2'\n\toption start_time '720'\n\toption end_time '1440'\n"
-                                "\toption action_type 'disable'\n\n");
-    EXPECT_EQ(gContext.tour.planChanged.load(), 1);
+    write("ptz_plan", section("friday_7", 1, "2", "disable") + section("sunday_1", 480, "720", "preset", "2x") +
+                          section("sunday_2", 720, "1440", "preset") + section("tuesday_3", 1, "2", "goto"));
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(gContext.tour.activePlan.counts[1], 2);
-    EXPECT_EQ(entry(1, 0).action_type, PLAN_ACTION_PRESET);
-    EXPECT_EQ(entry(1, 0).start_time, 480);
-    EXPECT_EQ(entry(1, 0).weekday, 1);
-    EXPECT_EQ(planPresetId(entry(1, 0)), 2);
-    EXPECT_EQ(entry(1, 1).action_type, PLAN_ACTION_DISABLE);
-    EXPECT_EQ(entry(5, 6).valid, 1) << "a gap before it is allowed";
     EXPECT_EQ(entry(5, 0).valid, 0);
-    EXPECT_TRUE(fakes.reports.empty());
+    EXPECT_EQ(entry(5, 6).valid, 1) << "a gap before it is allowed";
+    EXPECT_EQ(entry(5, 6).action_type, PLAN_ACTION_DISABLE);
+    EXPECT_EQ(gContext.tour.activePlan.counts[0], 2);
+    EXPECT_EQ(entry(0, 0).action_type, PLAN_ACTION_PRESET);
+    EXPECT_EQ(entry(0, 0).start_time, 480);
+    EXPECT_EQ(planPresetId(entry(0, 0)), 2);
+    EXPECT_EQ(planPresetId(entry(0, 1)), 0) << "without an id";
+    EXPECT_EQ(entry(2, 2).action_type, PLAN_ACTION_UNKNOWN);
+    EXPECT_EQ(entry(2, 2).valid, 1);
+    EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
+    EXPECT_EQ(fakes.reports.size(), 1u);
+}
 
-    EXPECT_EQ(set("monday", ""), PLAN_OK) << "an empty day is stored as one";
-    EXPECT_EQ(file("ptz_plan").find("monday"), std::string::npos);
-    EXPECT_NE(file("ptz_plan").find("friday_7"), std::string::npos);
+TEST_F(Plan, AnEntryThatCannotBeReadEmptiesTheActivePlan)
+{
+    write("ptz_plan", section("sunday_1", 1, "2", "preset"));
+    ASSERT_EQ(plan_load_plan(), PLAN_OK);
+    write("ptz_plan", section("sunday_1", 1, "2", "preset") + section("saturday_10", 1, "x", "preset"));
+    EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
+    EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
+    EXPECT_EQ(entry(0, 0).valid, 0);
+    EXPECT_EQ(gContext.tour.activePlan.counts[0], 0);
 }
 
 TEST_F(Plan, RefusesWhatIsNoDay)
@@ -106,12 +120,12 @@ TEST_F(Plan, RefusesWhatIsNoDay)
     };
     for (const std::string& ranges : wrong)
         EXPECT_EQ(set("monday", ranges), PLAN_INVALID) << ranges;
+    EXPECT_EQ(file("ptz_plan"), before);
     std::string eleven;
     for (int i = 1; i <= 11; ++i)
         eleven += (i > 1 ? "," : "") + disable("sunday_" + std::to_string(i), i, i + 1);
     EXPECT_EQ(set("sunday", eleven), PLAN_INVALID);
     EXPECT_EQ(set("sunday", eleven.substr(0, eleven.rfind(",{"))), PLAN_OK) << "ten are fine";
-    EXPECT_NE(file("ptz_plan"), before);
     EXPECT_EQ(gContext.tour.planChanged.load(), 1);
     EXPECT_EQ(set("tuesday", disable("tuesday_1", 5, 5)), PLAN_OK) << "an empty range";
     EXPECT_EQ(call(plan_modify_plan), R"({"error_code":0})") << "no day at all";
@@ -131,50 +145,9 @@ TEST_F(Plan, ActionIdsHave64BytesAtMost)
     EXPECT_EQ(planPresetId(entry(0, 1)), 0);
 }
 
-TEST_F(Plan, AnEntryThatCannotBeReadEmptiesTheActivePlan)
-{
-    const std::string good = "config sunday 'sunday_1'\n\toption start_time '1'\n\toption end_time '2'\n"
-                             "\toption action_type 'preset'\n";
-    write("ptz_plan", good);
-    ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(planPresetId(entry(0, 0)), 0) << "without an id";
-    write("ptz_plan", good + "config saturday 'saturday_10'\n\toption start_time '1'\n\toption end_time 'x'\n"
-                             "\toption action_type 'preset'\n");
-    EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
-    EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
-    EXPECT_EQ(entry(0, 0).valid, 0);
-    EXPECT_EQ(gContext.tour.activePlan.counts[0], 0);
-}
-
-TEST_F(Plan, AnUnknownActionIsReportedForItsDayAndFollowed)
-{
-    write("ptz_plan", "config tuesday 'tuesday_3'\n\toption start_time '1'\n\toption end_time '2'\n"
-                      "\toption action_type 'goto'\n");
-    EXPECT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
-    EXPECT_EQ(entry(2, 2).action_type, PLAN_ACTION_UNKNOWN);
-    EXPECT_EQ(entry(2, 2).valid, 1);
-}
-
-TEST_F(Plan, PresetsThatGoTakeTheirEntriesAlong)
-{
-    ASSERT_EQ(set("sunday", preset("sunday_1", 1, 2, "1") + "," + preset("sunday_2", 2, 3, "2") + "," +
-                                preset("sunday_3", 3, 4, "3") + "," + disable("sunday_4", 4, 5)),
-              PLAN_OK);
-    gContext.tour.planChanged.store(0);
-    EXPECT_EQ(answer(call(ubusDeletePreset, R"({"id":["3","1"]})")), PLAN_OK);
-    EXPECT_EQ(gContext.tour.planChanged.load(), 1);
-    ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(gContext.tour.activePlan.counts[0], 2);
-    EXPECT_EQ(entry(0, 1).valid + entry(0, 3).valid, 2);
-    EXPECT_EQ(answer(call(ubusClearPreset)), PLAN_OK);
-    EXPECT_EQ(file("ptz_plan"), "\n");
-}
-
 TEST_F(Plan, WithoutARequestSinceTheStartADeletionLeavesTheStoredPlan)
 {
-    write("ptz_plan", "config sunday 'sunday_1'\n\toption start_time '1'\n\toption end_time '2'\n"
-                      "\toption action_type 'preset'\n\toption action_id '1'\n");
+    write("ptz_plan", section("sunday_1", 1, "2", "preset", "1"));
     ASSERT_EQ(cfg_uci_init(), 0);
     EXPECT_EQ(answer(call(ubusDeletePreset, R"({"id":["1"]})")), PLAN_OK);
     EXPECT_EQ(answer(call(ubusClearPreset)), PLAN_OK);
@@ -190,10 +163,9 @@ TEST_F(Plan, AFailedCommitIsAnsweredAndNotFollowed)
     EXPECT_EQ(set("sunday", disable("sunday_1", 1, 2)), CFG_UCI_FAILED);
     EXPECT_EQ(gContext.tour.planChanged.load(), 0);
     EXPECT_EQ(file("ptz_plan"), before);
-    EXPECT_FALSE(cfg_uci_get_section(UCI_PTZ_PLAN, "sunday_1") == nullptr) << "the loaded package is as stored";
     char action[16] = "";
     EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZ_PLAN, "sunday_1", "action_type", action, sizeof(action)), 0);
-    EXPECT_STREQ(action, "preset");
+    EXPECT_STREQ(action, "preset") << "the loaded package is as stored";
 }
 
 } // namespace

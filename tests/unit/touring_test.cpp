@@ -1,4 +1,7 @@
+// When a tour moves the head, and commands that overtake its step.
+
 #include "fakes/stored_head.h"
+#include "motion/lens_mask.h"
 #include "motion/move.h"
 #include "motion/quiet_period.h"
 #include "motor/motion_state.h"
@@ -79,40 +82,18 @@ protected:
     {
         settings("on", 2, "0", "0", 0, 0);
         reload();
-        fakeMotor.status[PAN].position = 2250;
-        for (int i = 0; i < 3; ++i)
-            call(ubusSetPreset, R"({"save_ptz":"1"})");
-        fakeMotor.status[PAN].position = 1500;
-        EXPECT_EQ(
-            call(plan_modify_plan,
-                 R"({"monday":[{"monday_1":{"start_time":480,"end_time":720,"action_type":"preset",)"
-                 R"("action_id":"3"}},{"monday_2":{"start_time":720,"end_time":721,"action_type":"preset",)"
-                 R"("action_id":"5"}},{"monday_3":{"start_time":721,"end_time":1440,"action_type":"disable"}}]})"),
-            R"({"error_code":0})");
+        standAt(2250, 610);
+        call(ubusSetPreset, R"({"id":"3","save_ptz":"1"})");
+        standAt(1500, 610);
+        EXPECT_EQ(call(plan_modify_plan,
+                       R"({"monday":[{"monday_1":{"start_time":480,"end_time":720,"action_type":"preset",)"
+                       R"("action_id":"3"}}]})"),
+                  R"({"error_code":0})");
     }
 
     static constexpr int NOWHERE = -999;
     ScanProgress scan{};
 };
-
-TEST_F(Tour, ScansThereAndBackWithARestAfterEachStep)
-{
-    gContext.tour.tourCurrentPresetId.store(3);
-    for (int expected : {-20, -10, 0, 10, 20, 10, 0, -10, -20, -10}) {
-        EXPECT_EQ(cycle(), expected);
-        ASSERT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 1u) << "tilt does not move";
-        EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_MOVING, ORIGIN_TOUR}));
-        EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "a preset tour sends the head again";
-        EXPECT_EQ(cycle(), NOWHERE) << "not rested";
-        motorStatusPoll(nullptr);
-        EXPECT_EQ(fakes.timers[&gContext.timers.scanMoveStopTimer].firstNs, 15'000'000'000);
-        EXPECT_FALSE(fakes.armed(gContext.timers.usrMoveStopTimer));
-        EXPECT_EQ(cycle(), NOWHERE);
-        scanMoveStopTimeout(nullptr);
-    }
-    EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_TOUR}));
-    EXPECT_TRUE(reported("motorTouring", "cur_xoord is 20"));
-}
 
 TEST_F(Tour, ScansWithinItsDailySpan)
 {
@@ -131,43 +112,6 @@ TEST_F(Tour, ScansWithinItsDailySpan)
         EXPECT_EQ(cycle(), c.scans ? 0 : NOWHERE) << c.start << " " << c.end << " " << c.minute;
         rest();
     }
-}
-
-TEST_F(Tour, StaysAwayFromAHeadThatIsNotItsToMove)
-{
-    const auto blocked = [&](std::atomic<int32_t>& word, int32_t value) {
-        const int32_t before = word.exchange(value);
-        EXPECT_EQ(cycle(), NOWHERE);
-        EXPECT_TRUE(fakeMotor.requests.empty());
-        word.store(before);
-    };
-    blocked(gContext.motion.user_moved_recently, 1);
-    blocked(gContext.motion.calibrating, 1);
-    blocked(gContext.motion.motion_active, 1);
-    blocked(gContext.motion.track_back_done, 0);
-    blocked(gContext.panorama.panoramaRunning, 1);
-    lensMaskSetEnabled(1);
-    EXPECT_EQ(cycle(), NOWHERE);
-    lensMaskSetEnabled(0);
-    EXPECT_EQ(cycle(), -20);
-}
-
-TEST_F(Tour, FollowsItsSwitchAndTypeOnceReloaded)
-{
-    settings("off", 1, "50", "60", 0, 0);
-    EXPECT_EQ(cycle(), -20) << "not reloaded yet";
-    rest();
-    call(ubusReloadTourInfo);
-    EXPECT_EQ(cycle(), NOWHERE);
-    for (const int type : {0, 3}) {
-        settings("on", type, "50", "60", 0, 0);
-        reload();
-        EXPECT_EQ(cycle(), NOWHERE) << type;
-    }
-    settings("yes", 1, "50", "60", 0, 0);
-    reload();
-    gContext.motion.user_moved_recently.store(1);
-    EXPECT_EQ(cycle(), 50) << "a reload lets the tour start anew";
 }
 
 TEST_F(Tour, AFailedReloadIsTriedAgain)
@@ -189,65 +133,29 @@ TEST_F(Tour, AFailedReloadIsTriedAgain)
     EXPECT_EQ(gContext.tour.planChanged.load(), 0);
 }
 
-TEST_F(Tour, GoesToThePlannedPresetOnce)
+TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
 {
-    presetTour();
-    at(1, 479);
-    EXPECT_EQ(cycle(), NOWHERE);
-    at(1, 480);
-    EXPECT_EQ(cycle(), 75);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
-    rest();
-    EXPECT_EQ(cycle(), NOWHERE) << "it is there";
-    gContext.tour.tourCurrentPresetId.store(0); // as after another motion
-    at(1, 719);
-    EXPECT_EQ(cycle(), 75);
-    rest();
-    gContext.tour.tourCurrentPresetId.store(0);
-    at(1, 720);
-    EXPECT_EQ(cycle(), NOWHERE) << "there is no preset 5";
-    at(1, 800);
-    EXPECT_EQ(cycle(), NOWHERE) << "disabled";
-    at(2, 480);
-    EXPECT_EQ(cycle(), NOWHERE) << "another day";
-}
-
-TEST_F(Tour, AFailedScanStepIsTriedAgainAtTheSamePlaceAndAFailedPresetMoveIsNot)
-{
-    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    EXPECT_STREQ(tourCycle(scan), "scan tour move err\n");
-    rest();
-    fakeMotor.failing.clear();
-    EXPECT_EQ(cycle(), -20);
-    rest();
-    scan.coord = 151;
-    EXPECT_STREQ(tourCycle(scan), "scan tour move err\n");
-
     presetTour();
     at(1, 500);
-    fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
-    EXPECT_EQ(cycle(), NOWHERE);
-    fakeMotor.failing.clear();
-    EXPECT_EQ(cycle(), NOWHERE);
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 3);
-    ASSERT_EQ(reloadPresetList(), RESULT_OK);
     EXPECT_EQ(cycle(), 75);
+    fakeMotor.status[PAN].running = 1;
+    EXPECT_EQ(call(ubusGotoPreset, R"({"id":"3"})"), R"({"error_code":0})");
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_USER}));
+    rest();
+
+    EXPECT_EQ(cycle(), 75) << "the tour goes on";
+    fakeMotor.status[PAN].running = 1;
+    write("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
+    EXPECT_EQ(call(ubusLensMask), R"({"err_code":0})");
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
 }
 
 // A user's command at each point of a tour's step: the head obeys the user, and the motion counts as the user's.
 class Overtaken : public Tour, public testing::WithParamInterface<bool> {
 protected:
-    /// Runs `command` once, when the step makes its first request of a kind, or while it announces its motion.
-    static void during(unsigned long request, const std::function<void()>& command)
-    {
-        fakeMotor.onRequest = [=](const FakeRequest& made) {
-            if (made.number != request)
-                return;
-            const auto once = command; // outlives the function that it is called from
-            fakeMotor.onRequest = nullptr;
-            once();
-        };
-    }
     void start()
     {
         if (GetParam())
@@ -269,15 +177,15 @@ TEST_P(Overtaken, ByAMoveBeforeItsBegin)
 {
     start();
     for (const int running : {0, 1}) { // or that it takes for a motion to halt
-        during(MOTOR_IOC_GET_STATUS, [running] {
+        atNext(PAN, MOTOR_IOC_GET_STATUS, [running] {
             EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK);
             fakeMotor.status[PAN].running = running;
         });
         EXPECT_EQ(cycle(), -100);
         EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u) << "the user's only";
         EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty()) << "the user's motion is not halted";
-        EXPECT_EQ(gContext.motion.motion_origin.load(), ORIGIN_USER);
-        EXPECT_EQ(gContext.motion.user_moved_recently.load(), 1);
+        EXPECT_EQ(motion.motion_origin.load(), ORIGIN_USER);
+        EXPECT_EQ(motion.user_moved_recently.load(), 1);
         EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
         rest();
     }
@@ -291,7 +199,7 @@ TEST_P(Overtaken, ByAMoveAfterItsBegin)
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.size(), 2u) << "one moving, one idle";
-    EXPECT_TRUE(fakes.armed(gContext.timers.usrMoveStopTimer));
+    EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer));
     EXPECT_EQ(cycle(), NOWHERE);
     rest();
     EXPECT_NE(cycle(), NOWHERE) << "after the quiet period the tour goes on";
@@ -302,7 +210,7 @@ TEST_P(Overtaken, ByAStopAfterItsBegin)
     start();
     afterBegin([] { EXPECT_EQ(stopHead(), RESULT_OK); });
     EXPECT_EQ(cycle(), NOWHERE);
-    EXPECT_EQ(gContext.motion.motion_active.load(), 0);
+    EXPECT_EQ(motion.motion_active.load(), 0);
     EXPECT_EQ(fakes.notifications,
               (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_TOUR}, {NOTIFY_IDLE, ORIGIN_USER}}));
     motorStatusPoll(nullptr);
@@ -316,7 +224,7 @@ TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
 {
     start();
     int sent = NOWHERE;
-    during(MOTOR_IOC_STOP, [&] {
+    atNext(PAN, MOTOR_IOC_STOP, [&] {
         fakeMotor.requests.clear();
         EXPECT_EQ(tourCycle(scan), nullptr);
         sent = static_cast<int>(fakeMotor.sent(MOTOR_IOC_MOVE).size());
@@ -324,7 +232,7 @@ TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
     });
     EXPECT_EQ(stopHead(), RESULT_OK);
     EXPECT_EQ(sent, GetParam() ? 2 : 1);
-    EXPECT_EQ(gContext.motion.motion_active.load(), 1) << "the poll ends it";
+    EXPECT_EQ(motion.motion_active.load(), 1) << "the poll ends it";
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_TOUR}));
 }
@@ -332,11 +240,11 @@ TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
 TEST_P(Overtaken, ByTheLensMaskOrACalibrationAtAnyTime)
 {
     start();
-    during(MOTOR_IOC_GET_STATUS, [] { lensMaskSetEnabled(1); });
+    atNext(PAN, MOTOR_IOC_GET_STATUS, [] { lensMaskSetEnabled(1); });
     EXPECT_EQ(cycle(), NOWHERE);
     EXPECT_TRUE(fakes.notifications.empty());
     lensMaskSetEnabled(0);
-    afterBegin([] { gContext.motion.calibrating.store(1); });
+    afterBegin([this] { motion.calibrating.store(1); });
     EXPECT_EQ(cycle(), NOWHERE);
 }
 

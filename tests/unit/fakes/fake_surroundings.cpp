@@ -14,19 +14,6 @@
 
 FakeSurroundings fakes;
 
-int32_t FakeSurroundings::call(UbusHandler* handler, const std::map<std::string, std::string>& arguments)
-{
-    blob_buf message{};
-    blob_buf_init(&message, 0);
-    for (const auto& [name, text] : arguments)
-        blobmsg_add_string(&message, name.c_str(), text.c_str());
-    const size_t before = replies.size();
-    const int status = handler(nullptr, nullptr, nullptr, "", message.head);
-    blob_buf_free(&message);
-    // A handler answers exactly once, and nothing but success to the bus itself.
-    return status == 0 && replies.size() == before + 1 ? replies.back().code : 1;
-}
-
 void resetDaemon()
 {
     fakes = {};
@@ -71,8 +58,6 @@ int32_t timerStop(DaemonTimer* timer)
 void motorNotifyState(int32_t state, int32_t origin)
 {
     fakes.notifications.push_back({state, origin});
-    if (fakes.duringNotification)
-        fakes.duringNotification();
 }
 
 void logWrite(int level, const char* function, int, const char* format, ...)

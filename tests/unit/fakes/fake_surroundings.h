@@ -1,9 +1,8 @@
-// What stands around the motor code in its unit tests: timers that record how they are armed, notifications that are
-// only counted, reports that are kept, a configuration store in memory, and workers that run when the test says so.
+// What stands around the daemon's modules in their unit tests: timers that record how they are armed, notifications
+// that are only counted, reports that are kept, and workers that run when the test says so.
 #pragma once
 
 #include "core/context.h"
-#include "ubus/bus_door.h"
 
 #include <functional>
 #include <map>
@@ -29,29 +28,14 @@ struct FakeReport {
     bool operator==(const FakeReport&) const = default;
 };
 
-struct FakeReply {
-    std::string field;
-    int32_t code;
-
-    bool operator==(const FakeReply&) const = default;
-};
-
 struct FakeSurroundings {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::vector<FakeNotification> notifications;
-    std::function<void()> duringNotification;
     std::function<void()> beforeTimerStart;
     std::function<void()> beforeTimerStop;
     std::function<void()> afterTimerStart;
-    std::vector<FakeReport> reports;            // level 5 only
-    std::map<std::string, std::string> options; // "section.option" of package ptzd or others
-    bool settingFails = false;
-    bool commitFails = false;
-    int commits = 0;
-    std::vector<int32_t> reloads; // packages
-    int transactions = 0;         // open now
-    std::vector<FakeReply> replies;
-    std::function<void()> onSleep; // runs in place of a sleep
+    std::vector<FakeReport> reports; // level 5 only
+    std::function<void()> onSleep;   // runs in place of a sleep
     int sleeps = 0;
     bool threadCreationFails = false;
     void* (*worker)(void*) = nullptr; // started and not run yet
@@ -62,8 +46,6 @@ struct FakeSurroundings {
     {
         return timers[&timer].firstNs != 0;
     }
-    /// What a handler answers to a call with these arguments, all of them texts.
-    int32_t call(UbusHandler* handler, const std::map<std::string, std::string>& arguments = {});
     /// Runs the worker that was started.
     void runWorker()
     {
@@ -74,5 +56,5 @@ struct FakeSurroundings {
 
 extern FakeSurroundings fakes;
 
-/// A daemon at rest with nothing armed, nothing reported, healthy motors and an empty store.
+/// A daemon at rest with nothing armed, nothing reported and healthy motors.
 void resetDaemon();

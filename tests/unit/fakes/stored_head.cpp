@@ -111,3 +111,29 @@ bool StoredHead::reported(const std::string& function, const std::string& text)
 {
     return std::count(fakes.reports.begin(), fakes.reports.end(), FakeReport{function, text + "\n"}) == 1;
 }
+
+void StoredHead::standAt(int32_t pan, int32_t tilt)
+{
+    fakeMotor.status[PAN].position = pan;
+    fakeMotor.status[TILT].position = tilt;
+}
+
+std::vector<FakeRequest> StoredHead::driven()
+{
+    std::vector<FakeRequest> found;
+    for (const FakeRequest& request : fakeMotor.requests)
+        if (request.number == MOTOR_IOC_MOVE || request.number == MOTOR_IOC_STOP)
+            found.push_back(request);
+    return found;
+}
+
+void StoredHead::atNext(AxisIndex axis, unsigned long request, const std::function<void()>& command)
+{
+    fakeMotor.onRequest = [=](const FakeRequest& made) {
+        if (made.axis != axis || made.number != request)
+            return;
+        const auto once = command; // outlives the function that it is called from
+        fakeMotor.onRequest = nullptr;
+        once();
+    };
+}

@@ -1,8 +1,10 @@
-// A head whose configuration store is the real one, in a folder of the test's own, and whose handlers answer in JSON.
+// The head of the unit tests: motors that live in the test, the real configuration store in a folder of its own, and
+// handlers that answer in JSON.
 #pragma once
 
 #include "fakes/fake_motor.h"
 #include "fakes/fake_surroundings.h"
+#include "ubus/bus_door.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +12,9 @@
 
 class StoredHead : public testing::Test {
 protected:
+    Timers& timers = gContext.timers;
+    MotionState& motion = gContext.motion;
+
     void SetUp() override;
     void TearDown() override;
 
@@ -23,4 +28,11 @@ protected:
     /// Calls a handler with a JSON object of arguments. @return its reply as compact JSON.
     static std::string call(UbusHandler* handler, const std::string& arguments = "{}");
     static bool reported(const std::string& function, const std::string& text);
+
+    /// Puts both axes there, in steps.
+    static void standAt(int32_t pan, int32_t tilt);
+    /// All move and stop requests, in order.
+    static std::vector<FakeRequest> driven();
+    /// Runs `command` once, at the next request of a kind to an axis, before that is answered.
+    static void atNext(AxisIndex axis, unsigned long request, const std::function<void()>& command);
 };

@@ -1,0 +1,117 @@
+// Begin, rest and quiet period of a motion when two threads meet in the middle of them.
+
+#include "fakes/stored_head.h"
+#include "motion/quiet_period.h"
+#include "motor/motion_state.h"
+#include "ubus/notify.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using Notifications = std::vector<FakeNotification>;
+const FakeNotification MOVING{NOTIFY_MOVING, ORIGIN_USER};
+const FakeNotification IDLE{NOTIFY_IDLE, ORIGIN_USER};
+
+class MotionRace : public StoredHead {
+protected:
+    static void startMotion()
+    {
+        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
+    }
+};
+
+TEST_F(MotionRace, NobodyTakesTheRestBeforeTheMoveRequestsForTheEnd)
+{
+    motionBegin(MotionBegin::User); // the requests are not sent yet, the axes still rest
+    motorStatusPoll(nullptr);
+    motionSettle(MotionSettle::Stop);
+    EXPECT_EQ(fakes.notifications, Notifications{MOVING});
+    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
+    motionStarted();
+    motorStatusPoll(nullptr); // a motion of no steps rests at once
+    EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE}));
+}
+
+TEST_F(MotionRace, ATickThatLookedBeforeANewerMotionDoesNotEndIt)
+{
+    startMotion();
+    // The newer motion begins and is driven after the tick has read pan and before it decides.
+    atNext(TILT, MOTOR_IOC_GET_STATUS, startMotion);
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(motion.motion_active.load(), 1);
+    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
+    EXPECT_EQ(fakes.notifications, Notifications{MOVING});
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE}));
+}
+
+TEST_F(MotionRace, ATickUnderWayDoesNotEndACalibrationBetweenTwoRotations)
+{
+    startMotion();
+    motionBegin(MotionBegin::Calibration);
+    EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE, MOVING})) << "the motion that it interrupts has ended";
+    EXPECT_FALSE(fakes.armed(timers.statusPollTimer));
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(motion.motion_active.load(), 1);
+    motionSettle(MotionSettle::Calibration);
+    EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE, MOVING, IDLE}));
+}
+
+TEST_F(MotionRace, TheQuietPeriodsEndUnderTheLockAndOnlyWhenTheHeadRests)
+{
+    timerStart(&timers.usrMoveStopTimer, 1, 1);
+    timerStart(&timers.scanMoveStopTimer, 1, 1);
+    motion.user_moved_recently.store(1);
+    gContext.tour.scanStepDone.store(0);
+    motion.motion_active.store(1);
+    usrMoveStopTimeout(nullptr);
+    scanMoveStopTimeout(nullptr);
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    EXPECT_EQ(gContext.tour.scanStepDone.load(), 0);
+    EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer) && fakes.armed(timers.scanMoveStopTimer));
+    motion.motion_active.store(0);
+    // A motion that ended in between would arm the timer for its own rest, and lose it.
+    fakes.beforeTimerStop = [] {
+        std::thread([] {
+            const bool isFree = gContext.motion.MotionStateLock.tryLock();
+            EXPECT_FALSE(isFree);
+            if (isFree)
+                gContext.motion.MotionStateLock.unlock();
+        }).join();
+    };
+    usrMoveStopTimeout(nullptr);
+    scanMoveStopTimeout(nullptr);
+    EXPECT_EQ(motion.user_moved_recently.load(), 0);
+    EXPECT_EQ(gContext.tour.scanStepDone.load(), 1);
+    EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer) || fakes.armed(timers.scanMoveStopTimer));
+}
+
+TEST_F(MotionRace, AnExpiryThatWaitedWhileTheHeadCameToRestDoesNotEndTheNewQuietPeriod)
+{
+    // An expiry that reaches the lock only after the rest has begun is a new one to everybody: try until one waits.
+    const auto ignored = [&] {
+        motion.user_moved_recently.store(1);
+        std::atomic<bool> expired{false};
+        gContext.motion.MotionStateLock.lock();
+        std::thread expiry([&] {
+            expired.store(true);
+            usrMoveStopTimeout(nullptr);
+        });
+        const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(2); // sleeps are faked here
+        while (!expired.load() || std::chrono::steady_clock::now() < soon)
+            std::this_thread::yield();
+        quietPeriodsStart();
+        gContext.motion.MotionStateLock.unlock();
+        expiry.join();
+        return motion.user_moved_recently.load() == 1 && fakes.armed(timers.usrMoveStopTimer);
+    };
+    bool once = false;
+    for (int attempt = 0; attempt < 50 && !once; ++attempt)
+        once = ignored();
+    EXPECT_TRUE(once);
+}
+
+} // namespace
