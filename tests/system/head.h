@@ -18,10 +18,7 @@ inline constexpr auto DEADLINE = 20s;
 inline constexpr const char* DONE = R"({"error_code":0})";
 inline constexpr const char* REFUSED_DEVICE = R"({"error_code":-64301})";
 inline constexpr const char* REFUSED_PARAM = R"({"error_code":-64302})";
-inline constexpr const char* REFUSED_CALIBRATING = R"({"error_code":-64303})";
 inline constexpr const char* REFUSED_NO_TRAVEL = R"({"error_code":-64304})";
-inline constexpr const char* REFUSED_LENS_MASK = R"({"error_code":-64324})";
-inline constexpr const char* REFUSED_PANORAMA = R"({"error_code":-64329})";
 
 /// Long runs multiply what the ordinary tests do a few times (./dev test --long).
 inline int repetitions(int ordinary, int thorough)

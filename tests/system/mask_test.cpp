@@ -1,4 +1,4 @@
-// The lens mask.
+// The lens mask and the position that is to come back after it.
 
 #include "head.h"
 
@@ -7,9 +7,7 @@
 
 namespace {
 
-constexpr const char* MASKED = R"({"err_code":-64324})";
 constexpr const char* FOLLOWED = R"({"err_code":0})";
-constexpr const char* FAILED = R"({"err_code":-64301})";
 
 class Mask : public HeadInTheLab {
 protected:
@@ -24,29 +22,6 @@ protected:
         EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), tilt);
     }
 };
-
-TEST_F(Mask, HidesTheLensAndBringsItBack)
-{
-    up();
-    goTo(30, 10);
-    for (int round = 0; round < 2; ++round) {
-        lab.forget();
-        EXPECT_EQ(mask("oN"), FOLLOWED);
-        ASSERT_TRUE(settled());
-        expectAt(1800, 0); // -61 units below the middle, 610
-        expectStored("1800", "710");
-        EXPECT_EQ(lab.call("lensMask"), MASKED);
-        for (const char* method : {"stop", "startPanorama", "targetTrackBack", "manualCalibrate"})
-            EXPECT_EQ(lab.call(method), REFUSED_LENS_MASK) << method;
-        EXPECT_EQ(lab.call("moveStep", R"({"direction":"0"})"), REFUSED_LENS_MASK);
-        EXPECT_EQ(mask("off"), FOLLOWED);
-        ASSERT_TRUE(settled(2));
-        expectAt(1800, 710);
-        EXPECT_EQ(lab.call("lensMask"), FOLLOWED);
-        EXPECT_EQ(moves(LAB_TILT), (std::vector<int32_t>{-710, 710})) << "off already: nothing moves";
-        EXPECT_EQ(moves(LAB_PAN), (std::vector<int32_t>{0, 0}));
-    }
-}
 
 TEST_F(Mask, ItsPositionIsNeverStored)
 {
@@ -69,58 +44,6 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     EXPECT_EQ(mask("off"), FOLLOWED);
     ASSERT_TRUE(settled());
     expectAt(1800, 710);
-}
-
-TEST_F(Mask, KeepsTheStoredPositionWhenTheHeadStartsHidden)
-{
-    LabOptions options = slowHead();
-    options.clockSpeed = 20;
-    options.config["lens_mask"] = "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n";
-    options.config["ptzd"] =
-        "config motor 'x_motor'\n\toption steps '1800'\nconfig motor 'y_motor'\n\toption steps '710'\n";
-    up(options);
-    lab.setSpeed(1);
-    EXPECT_EQ(mask("off"), FOLLOWED);
-    EXPECT_EQ(mask("on"), FOLLOWED) << "the head is hardly out yet";
-    expectStored("1800", "710");
-    EXPECT_EQ(lab.call("movePanorama", coords(1, 0)), DONE) << "leaves the lens hidden";
-    EXPECT_EQ(mask("off"), FOLLOWED);
-    EXPECT_EQ(mask("on"), FOLLOWED);
-    expectStored("1800", "710");
-}
-
-TEST_F(Mask, InterruptsAMotionAndStoresWhereThatHadGot)
-{
-    up(slowHead());
-    EXPECT_EQ(lab.call("moveTo", coords(150, -6)), DONE);
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(mask("on"), FOLLOWED);
-    EXPECT_EQ(requests("STOP"), 2);
-    ASSERT_TRUE(settled());
-    const std::string stored = lab.uciGet("ptzd.x_motor.steps").value_or("");
-    EXPECT_GT(std::atoi(stored.c_str()), 1500);
-    EXPECT_LT(std::atoi(stored.c_str()), 3000);
-    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, 0);
-    EXPECT_EQ(lab.actions(), (std::vector<std::string>{"start", "stop"}));
-}
-
-TEST_F(Mask, StaysAsItWasWhileTheDevicesFail)
-{
-    up();
-    goTo(0, 0);
-    lab.failRequest(LAB_TILT, LAB_MOVE);
-    EXPECT_EQ(mask("on"), FAILED);
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(lab.call("move", coords(1, 0)), DONE) << "not masked";
-    ASSERT_TRUE(settled(2));
-    EXPECT_EQ(lab.call("lensMask"), FOLLOWED) << "tried again";
-    ASSERT_TRUE(settled(3));
-    lab.failRequest(LAB_PAN, LAB_GET_STATUS);
-    EXPECT_EQ(mask("off"), FAILED);
-    EXPECT_EQ(lab.call("stop"), REFUSED_LENS_MASK);
-    EXPECT_EQ(lab.call("lensMask"), FOLLOWED);
-    ASSERT_TRUE(settled(4));
-    expectAt(1510, 610);
 }
 
 TEST_F(Mask, HidesTheLensThoughNothingCanBeStored)

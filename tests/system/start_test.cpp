@@ -1,4 +1,4 @@
-// Starts that fail, starts that wait, and how the daemon ends.
+// Starts that fail in ways of their own, and how the daemon ends.
 
 #include "head.h"
 
@@ -59,45 +59,14 @@ protected:
     }
 };
 
-TEST_F(Start, FailsWithoutAPackage)
+TEST_F(Start, FailsOnACapabilityThatMakesNoSense)
 {
     upWithoutDaemon();
-    fs::remove(lab.folder() + "/etc/config/tour");
-    expectFailedStart("error to init uci");
-    EXPECT_TRUE(reported("cfg_uci_pkg_init", "error to load package tour"));
-}
-
-TEST_F(Start, FailsOnACapabilityThatCannotBeReadOrMakesNoSense)
-{
-    upWithoutDaemon();
-    lab.failRequest(LAB_TILT, LAB_GET_CAPA, LAB_FOR_EVER);
-    expectFailedStart("can't init y-motor device file");
-    EXPECT_TRUE(reported("motorInit", "can't get capability of /dev/y-motor"));
-    ASSERT_TRUE(lab.heal(LAB_TILT));
     for (const LabAxisSetting nonsense :
          {LabAxisSetting{0, 8, 3000}, LabAxisSetting{300, 8, -1}, LabAxisSetting{300, 0, 3000}}) {
         lab.reportCapability(LAB_PAN, nonsense);
         expectFailedStart("can't init x-motor device file");
     }
-}
-
-TEST_F(Start, WaitsForAMissingDeviceAndGoesOn)
-{
-    upWithoutDaemon();
-    ASSERT_TRUE(lab.setNode(LAB_PAN, false));
-    (void)lab.startPtzd();
-    EXPECT_TRUE(reported("motorInit", "can't open /dev/x-motor file, sleep 1 second and retry"));
-    const auto reports = [&] {
-        const std::string log = lab.ptzdLog();
-        return std::count(log.begin(), log.end(), '\n');
-    };
-    const auto before = reports();
-    const auto since = std::chrono::steady_clock::now();
-    ASSERT_TRUE(waitUntil([&] { return reports() >= before + 2; }, DEADLINE));
-    EXPECT_GE(std::chrono::steady_clock::now() - since, 900ms) << "one report a second";
-    EXPECT_NE(lab.ptzdPid(), 0);
-    ASSERT_TRUE(lab.setNode(LAB_PAN, true));
-    EXPECT_TRUE(lab.waitReady(DEADLINE)) << lab.error();
 }
 
 TEST_F(Start, EndsOrderlyWhileItWaitsForADevice)
@@ -125,43 +94,6 @@ TEST_F(Start, GivesUpWithoutABusAndSaysSoOnTheConsole)
     EXPECT_TRUE(reported("ubusInit", "UBUS: open console file(/dev/console) failed."));
 }
 
-TEST_F(Start, FailsBesideASecondDaemonOnTheSameBus)
-{
-    up();
-    Lab second;
-    LabOptions options = fastHead();
-    options.startBus = false;
-    options.startCet = false;
-    options.startPtzd = false;
-    options.waitCalibrated = false;
-    ASSERT_TRUE(second.up(options)) << second.error();
-    fs::create_directories(second.folder() + "/var/run");
-    fs::create_symlink(lab.folder() + "/var/run/ubus.sock", second.folder() + "/var/run/ubus.sock");
-    (void)second.startPtzd();
-    const auto status = second.waitPtzd(DEADLINE);
-    ASSERT_TRUE(status.has_value()) << second.ptzdLog();
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
-    const std::string log = second.ptzdLog();
-    EXPECT_NE(log.find("UBUS: add object(ptzd) failed.\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("[ubusInitObj:"), std::string::npos) << log;
-    EXPECT_NE(log.find("UBUS: init object failed.\n"), std::string::npos) << log;
-    EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << log;
-    EXPECT_EQ(lab.call("stop"), DONE) << "the first one serves on";
-}
-
-TEST_F(Start, CalibratesToTheMaskPositionWhenTheLensMaskIsOn)
-{
-    LabOptions options = fastHead();
-    options.config["lens_mask"] = "config lens_mask 'lens_mask_info'\n\toption enabled 'ON'\n";
-    up(options);
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1500);
-    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, 0); // -61 units of 10 steps below the middle, 610
-    for (const char* method : {"move", "moveTo"})
-        EXPECT_EQ(lab.call(method, R"({"x_coord":"1","y_coord":"1"})"), R"({"error_code":-64324})");
-    EXPECT_EQ(lab.call("stop"), R"({"error_code":-64324})");
-    EXPECT_EQ(lab.call("manualCalibrate"), R"({"error_code":-64324})");
-}
-
 TEST_F(Start, SkipsTheRotationsInFactoryMode)
 {
     LabOptions options = fastHead();
@@ -183,83 +115,12 @@ TEST_F(Start, WorksWithTheSystemsOwnTimers)
     options.environment = {"PTZD_LAB_GLIBC_TIMERS=1"};
     up(options);
     for (int motions = 1; motions <= 5; ++motions) {
-        EXPECT_EQ(lab.call("moveTo", R"({"x_coord":")" + std::to_string(10 * motions) + R"(","y_coord":"0"})"), DONE);
+        EXPECT_EQ(lab.call("moveTo", coords(10 * motions, 0)), DONE);
         ASSERT_TRUE(settled(motions)) << "the status poll ends each motion";
     }
     EXPECT_TRUE(waitUntil([&] { return lab.uciGet("ptzd.x_motor.steps") == "2000"; }, DEADLINE)) << "after ten seconds";
 }
 #endif
-
-class Recovery : public HeadInTheLab {
-protected:
-    /// The position is saved 10 s after a motion: 0.2 s on this clock.
-    void upOnAFastClock()
-    {
-        LabOptions options = fastHead();
-        options.factor = 500;
-        options.clockSpeed = 50;
-        up(options);
-    }
-    void moveAndWaitForTheSave(const std::string& x, const std::string& y, const std::string& savedPan)
-    {
-        EXPECT_EQ(lab.call("moveTo", R"({"x_coord":")" + x + R"(","y_coord":")" + y + "\"}"), DONE);
-        ASSERT_TRUE(waitUntil([&] { return lab.uciGet("ptzd.x_motor.steps") == savedPan; }, DEADLINE));
-    }
-    void losePower()
-    {
-        ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-        lab.powerLoss();
-    }
-};
-
-TEST_F(Recovery, BringsTheHeadBackWhereItStood)
-{
-    upOnAFastClock();
-    moveAndWaitForTheSave("77", "-20", "2270");
-    losePower();
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 2270);
-    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, 410);
-    EXPECT_EQ(lab.call("getStatus"),
-              R"({"error_code":0,"status":{"x_coord":"77","y_coord":"-20","x_speed":"0","y_speed":"0"}})");
-}
-
-TEST_F(Recovery, SwitchedOffGoesHome)
-{
-    upOnAFastClock();
-    moveAndWaitForTheSave("77", "-20", "2270");
-    EXPECT_EQ(lab.call("setPowerOffRecover", R"({"recover":"0"})"), DONE);
-    EXPECT_EQ(lab.uciGet("ptzd.config.power_off_recover"), "0");
-    losePower();
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1500);
-    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, 550);
-    EXPECT_EQ(lab.call("moveTo", R"({"x_coord":"-10","y_coord":"0"})"), DONE);
-    ASSERT_TRUE(settled());
-    std::this_thread::sleep_for(500ms); // 25 s of the lab
-    EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), "2270") << "nothing is saved while recovery is off";
-}
-
-TEST_F(Recovery, APositionThatWaitsForItsSaveIsStoredAtTheEnd)
-{
-    up();
-    EXPECT_EQ(lab.call("moveTo", R"({"x_coord":"-40","y_coord":"10"})"), DONE);
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), std::nullopt);
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
-    EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), "1100");
-    EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), "710");
-}
-
-TEST_F(Recovery, ATooLongMotionIsSavedAfterItsEnd)
-{
-    LabOptions options = fastHead();
-    options.factor = 25;
-    options.clockSpeed = 100; // pan travels 1500 steps in 15 s of the lab, 0.15 s here
-    up(options);
-    moveAndWaitForTheSave("150", "0", "3000");
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 3000);
-}
 
 TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
 {
@@ -286,7 +147,7 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
 
     up(fastHead());
     lab.setFactor(LAB_PAN, 100);
-    EXPECT_EQ(lab.call("moveTo", R"({"x_coord":"150","y_coord":"0"})"), DONE);
+    EXPECT_EQ(lab.call("moveTo", coords(150, 0)), DONE);
     endsWell("moving");
 
     up(fastHead());
@@ -320,7 +181,7 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
 
     up(fastHead());
     lab.setCet(CET_SILENT);
-    EXPECT_EQ(lab.call("moveTo", R"({"x_coord":"10","y_coord":"0"})"), DONE);
+    EXPECT_EQ(lab.call("moveTo", coords(10, 0)), DONE);
     ASSERT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
     endsWell("during a notification");
 }

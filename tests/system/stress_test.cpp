@@ -1,4 +1,5 @@
-// The bus that goes away, and random interleavings of everything that moves and stops the head.
+// The bus that goes away, callers that wait for the start, and interleavings of everything that moves and stops the
+// head.
 
 #include "head.h"
 
@@ -14,8 +15,7 @@ TEST_F(HeadInTheLab, IsBackAfterEveryRestartOfTheBus)
     up(slowHead());
     for (int round = 0; round < repetitions(5, 50); ++round) {
         lab.forget();
-        const std::string target = round % 2 == 0 ? "60" : "0";
-        ASSERT_EQ(lab.call("moveTo", R"({"x_coord":")" + target + R"(","y_coord":"0"})"), DONE) << round;
+        ASSERT_EQ(lab.call("moveTo", coords(round % 2 == 0 ? 60 : 0, 0)), DONE) << round;
         ASSERT_TRUE(lab.stopBus());
         ASSERT_TRUE(lab.startBus()) << lab.error();
         const auto restarted = std::chrono::steady_clock::now();
@@ -80,11 +80,9 @@ TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
             lab.failRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)]);
         if (below(4) == 0)
             lab.delayRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)], below(30));
-        const std::string x = std::to_string(below(301) - 150);
-        const std::string y = std::to_string(below(100) - 39);
-        const std::string coords = R"({"x_coord":")" + x + R"(","y_coord":")" + y + "\"}";
+        const std::string there = coords(below(301) - 150, below(100) - 39);
         const int kind = below(8);
-        const std::string reply = kind == 7 ? lab.call("stop") : lab.call(kind < 4 ? "moveTo" : "move", coords);
+        const std::string reply = kind == 7 ? lab.call("stop") : lab.call(kind < 4 ? "moveTo" : "move", there);
         EXPECT_TRUE(reply == DONE || reply == REFUSED_DEVICE || reply == REFUSED_NO_TRAVEL) << reply;
         std::this_thread::sleep_for(std::chrono::milliseconds(below(3) == 0 ? below(120) : below(12)));
     }
@@ -101,6 +99,30 @@ TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
         DEADLINE))
         << "the poll runs on";
     expectAlternation(lab.cetLog());
+}
+
+// Commands of a user, changes of presets and plan, and a tour that always wants to go on: the daemon stays in order.
+TEST_F(HeadInTheLab, ToursAndCommandsTogetherLeaveOneIdleForEachMoving)
+{
+    LabOptions options = fastHead();
+    options.config["tour"] = tourPackage("on", 1, -100, 100);
+    options.clockSpeed = 100;
+    up(options);
+    const std::string day = R"({"monday":[)" + planEntry("monday_1", 0, 1440, "1") + "]}";
+    for (int round = 0; round < repetitions(15, 300); ++round) {
+        // Starts the tour anew whatever a user has done; its step then meets the commands that follow.
+        EXPECT_EQ(lab.call("reload_tour_info"), DONE);
+        std::this_thread::sleep_for(std::chrono::milliseconds(round % 7));
+        EXPECT_EQ(lab.call("setPreset", R"({"id":"1"})"), R"({"name":"preset1","id":"1","error_code":0})");
+        EXPECT_EQ(lab.call("set_plan_config", day), DONE);
+        EXPECT_EQ(lab.call(round % 2 == 0 ? "stop" : "moveTo", coords(5, 0)), DONE);
+        EXPECT_EQ(lab.call("delPreset", R"({"id":["1"]})"), DONE);
+    }
+    ASSERT_TRUE(lab.uciSet("tour.tour_info.enabled", "off"));
+    EXPECT_EQ(lab.call("reload_tour_info"), DONE);
+    lab.realTime();
+    EXPECT_TRUE(settled());
+    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
 }
 
 } // namespace
