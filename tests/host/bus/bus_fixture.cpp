@@ -7,7 +7,6 @@
 #include <thread>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -41,9 +40,7 @@ void BusTest::TearDown()
 
 pid_t BusTest::listenerAtSocket() const
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
+    const sockaddr_un address = addressOf(socketPath());
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     const pid_t listener = connected ? serverOf(fd) : 0;

@@ -1,9 +1,10 @@
 #pragma once
 // Tests with a bus daemon of their own, on a socket in a temporary folder.
 
-#include "process.h"
+#include "raw_client.h"
 
 #include <memory>
+#include <optional>
 
 #include <gtest/gtest.h>
 

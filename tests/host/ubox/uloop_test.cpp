@@ -4,11 +4,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "process.h"
 #include "ubox_test.h"
 
 namespace {
@@ -82,16 +82,6 @@ protected:
         EXPECT_EQ(uloop_run_timeout(0), 0);
     }
 };
-
-std::chrono::microseconds processorTime()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    auto total = [](const timeval& time) {
-        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
-    };
-    return total(usage.ru_utime) + total(usage.ru_stime);
-}
 
 sighandler_t dispositionOf(int number)
 {

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "vector_file.h"
+#include "wire.h"
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -19,8 +19,7 @@ class FakeBus {
 public:
     using Script = std::function<void(FakeBus&)>;
 
-    // Listens on a socket in a directory of its own and starts the script. What the script waits for must come within
-    // ten seconds.
+    // Listens on a socket in a directory of its own and starts the script.
     explicit FakeBus(Script script);
     // Waits for the script's end.
     ~FakeBus();
@@ -35,25 +34,33 @@ public:
     // For the script: takes the next client in the place of the last, and greets it.
     void accept();
     void greet(uint32_t clientId = 0xa617c13a);
-    void send(const std::string& hex);
+    void send(const Bytes& bytes) const
+    {
+        client_.send(bytes);
+    }
     // The next whole message of the client, empty at its end.
-    Bytes receive();
-    void expect(const std::string& hex);
+    Bytes receive()
+    {
+        return client_.receive();
+    }
+    void expect(const Bytes& bytes);
     void expectEnd();
-    void close();
-    void closeHalf();
+    void close()
+    {
+        client_ = WireEnd();
+    }
+    void closeHalf() const
+    {
+        client_.endWriting();
+    }
 
 private:
     std::string directory_;
     std::string path_;
     int listener_ = -1;
-    int client_ = -1;
+    WireEnd client_;
     std::thread thread_;
 };
-
-// A message, its attributes given in hexadecimal.
-std::string message(int type, unsigned seq, uint32_t peer, const std::string& attributes);
-std::string statusMessage(unsigned seq, uint32_t peer, uint32_t status);
 
 struct FreeContext {
     void operator()(ubus_context* ctx) const
@@ -89,8 +96,5 @@ std::string jsonOf(blob_attr* msg);
 // Lets a data callback collect the replies as JSON, one after the other, in the std::string that is the request's priv.
 void collectJson(ubus_request* req, int type, blob_attr* msg);
 
-// Handles what arrives at a context outside the loop until the condition holds, at most ten seconds.
+// Handles what arrives at a context outside the loop until the condition holds; false when it does not in time.
 bool handleUntil(ubus_context* ctx, const std::function<bool()>& condition);
-
-// User and system time of the process so far, in milliseconds.
-long processorMs();

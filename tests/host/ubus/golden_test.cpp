@@ -16,9 +16,9 @@ FakeBus::Script playBack(const std::string& connection)
                 continue;
             SCOPED_TRACE("message " + record.text("msg"));
             if (record.text("dir") == "from-daemon")
-                bus.send(record.text("hex"));
+                bus.send(record.bytes("hex"));
             else
-                bus.expect(record.text("hex"));
+                bus.expect(record.bytes("hex"));
         }
         bus.expectEnd();
     };

@@ -1,4 +1,5 @@
-#include <chrono>
+// Requests and their answers, and the calls of a client's own object.
+
 #include <csignal>
 
 #include <gtest/gtest.h>
@@ -16,39 +17,37 @@ constexpr uint32_t OWN = 0x2000;
 // In the field "s" of a call of "m": beside it there are the words of the root, the arguments and the field (12 bytes),
 // the object's id and the method (16), the field's name (4) and the text's NUL.
 constexpr size_t LARGEST_TEXT = UBUS_MAX_MSGLEN - 33;
-const std::string OWN_ID = "0300000800002000";
-const std::string METHOD_M = "040000066d000000";
-const std::string NO_FIELDS = "07000004";
+const Bytes OWN_ID = attr(A_OBJID, u32(OWN));
+const Bytes METHOD_M = attr(A_METHOD, text("m"));
+const Bytes NO_FIELDS = attr(A_DATA, {});
 
-std::string callOfM(unsigned seq)
+Bytes callOfM(uint16_t seq, const Bytes& fields = {})
 {
-    return message(UBUS_MSG_INVOKE, seq, CALLEE, "0300000800001000" + METHOD_M + NO_FIELDS);
+    return call(seq, CALLEE, "m", fields);
+}
+
+// What the callee replies.
+Bytes reply(uint16_t seq, const Bytes& fields)
+{
+    return message(DATA, seq, CALLEE, attr(A_DATA, fields));
 }
 
 // A call of the client's own object, and the status that it is answered with.
-std::string incoming(unsigned seq, uint32_t peer, const std::string& method = METHOD_M)
+Bytes incoming(uint16_t seq, uint32_t peer, const Bytes& method = METHOD_M)
 {
-    return message(UBUS_MSG_INVOKE, seq, peer, OWN_ID + method + NO_FIELDS);
+    return message(INVOKE, seq, peer, OWN_ID + method + NO_FIELDS);
 }
 
-std::string ownStatus(unsigned seq, uint32_t peer, const std::string& status)
+Bytes ownStatus(uint16_t seq, uint32_t peer, uint32_t status)
 {
-    return message(UBUS_MSG_STATUS, seq, peer, "01000008" + status + OWN_ID);
-}
-
-std::string dataOf(const char* json)
-{
-    JsonMessage fields(json);
-    blob_attr* head = fields.get();
-    head->id_len |= cpu_to_be32(UBUS_ATTR_DATA << BLOB_ATTR_ID_SHIFT);
-    return hexFromBytes(head, blob_raw_len(head));
+    return message(STATUS, seq, peer, attr(A_STATUS, u32(status)) + OWN_ID);
 }
 
 void acceptOwnObject(FakeBus& bus)
 {
     bus.greet();
-    bus.expect(message(UBUS_MSG_ADD_OBJECT, 1, 0, ""));
-    bus.send(message(UBUS_MSG_DATA, 1, 0, OWN_ID) + statusMessage(1, 0, 0));
+    bus.expect(message(ADD_OBJECT, 1, 0, {}));
+    bus.send(message(DATA, 1, 0, OWN_ID) + statusMessage(1, 0, 0));
 }
 
 // An anonymous object with one handler.
@@ -67,9 +66,9 @@ struct OwnObject : ubus_object {
     Handler handler;
 };
 
-int invokeM(ubus_context* ctx, int timeoutMs = 5000, std::string* reply = nullptr)
+int invokeM(ubus_context* ctx, int timeoutMs = 5000, std::string* collected = nullptr)
 {
-    return ubus_invoke(ctx, CALLEE, "m", nullptr, reply ? collectJson : nullptr, reply, timeoutMs);
+    return ubus_invoke(ctx, CALLEE, "m", nullptr, collected ? collectJson : nullptr, collected, timeoutMs);
 }
 
 } // namespace
@@ -77,15 +76,17 @@ int invokeM(ubus_context* ctx, int timeoutMs = 5000, std::string* reply = nullpt
 TEST(Request, TakesOnlyItsOwnAnswersAndTheLastOfSeveralMatches)
 {
     FakeBus bus([](FakeBus& daemon) {
+        const auto found = [](uint16_t seq, uint32_t peer, uint32_t id) {
+            return message(DATA, seq, peer, attr(A_OBJID, u32(id)));
+        };
         daemon.greet();
-        daemon.expect(message(UBUS_MSG_LOOKUP, 1, 0, "02000007612a0000"));
-        daemon.send(message(UBUS_MSG_DATA, 1, 0, "0300000800001001") +
-                    message(UBUS_MSG_DATA, 1, 0, "0300000800001002") +
-                    message(UBUS_MSG_DATA, 1, 0, "03000006ffff0000") + // an id of the wrong size
-                    message(UBUS_MSG_DATA, 2, 0, "0300000800001003") + // another sequence number
-                    message(UBUS_MSG_DATA, 1, 1, "0300000800001004") + // another peer
+        daemon.expect(message(LOOKUP, 1, 0, attr(A_OBJPATH, text("a*"))));
+        daemon.send(found(1, 0, 0x1001) + found(1, 0, 0x1002) +
+                    message(DATA, 1, 0, attr(A_OBJID, {0xff, 0xff})) + // an id of the wrong size
+                    found(2, 0, 0x1003) +                              // another sequence number
+                    found(1, 1, 0x1004) +                              // another peer
                     statusMessage(1, 1, 6) + statusMessage(1, 0, 0));
-        daemon.expect(message(UBUS_MSG_LOOKUP, 2, 0, "0200000668000000"));
+        daemon.expect(message(LOOKUP, 2, 0, attr(A_OBJPATH, text("h"))));
         daemon.send(statusMessage(2, 0, 0));
     });
     Context ctx = connectTo(bus);
@@ -102,45 +103,43 @@ TEST(Request, ReadsMessagesInPiecesAndManyAtOnceAmidSignals)
     action.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
     const pthread_t waiter = pthread_self();
-    const std::string text(100000, 'x');
-    const std::string json = R"({"s":")" + text + R"("})";
+    const std::string large(100000, 'x');
     FakeBus bus([&](FakeBus& daemon) {
         daemon.greet();
         daemon.expect(callOfM(1));
-        std::string small = message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"n":1})"));
-        std::string all = small + message(UBUS_MSG_DATA, 1, CALLEE, dataOf(json.c_str())) + small + small +
-                          statusMessage(1, CALLEE, 0);
-        for (size_t piece : {5U, 6U, 4U, 40U, 3000U, 90000U}) {
-            daemon.send(all.substr(0, 2 * piece));
-            all.erase(0, 2 * piece);
+        const Bytes small = reply(1, numberField("n", 1));
+        const Bytes all = small + reply(1, stringField("s", large)) + small + small + statusMessage(1, CALLEE, 0);
+        size_t at = 0;
+        for (const size_t piece : {5U, 6U, 4U, 40U, 3000U, 90000U}) {
+            daemon.send(part(all, at, at + piece));
+            at += piece;
             std::this_thread::sleep_for(milliseconds(3));
             pthread_kill(waiter, SIGUSR1);
         }
-        daemon.send(all);
+        daemon.send(part(all, at, all.size()));
     });
-    std::string reply;
-    EXPECT_EQ(invokeM(connectTo(bus).get(), 0, &reply), 0);
-    EXPECT_TRUE(reply == R"({"n":1})" + json + R"({"n":1}{"n":1})") << reply.size();
+    std::string replies;
+    EXPECT_EQ(invokeM(connectTo(bus).get(), 0, &replies), 0);
+    EXPECT_TRUE(replies == R"({"n":1}{"s":")" + large + R"("}{"n":1}{"n":1})") << replies.size();
 }
 
 TEST(Request, TimesOutAndIgnoresTheLateAnswer)
 {
     FakeBus bus([](FakeBus& daemon) {
         daemon.greet();
-        daemon.expect(callOfM(1));
-        daemon.expect(callOfM(2));
-        daemon.expect(callOfM(3));
-        daemon.send(message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"late":1})")) + statusMessage(1, CALLEE, 0) +
-                    message(UBUS_MSG_DATA, 3, CALLEE, dataOf(R"({"n":3})")) + statusMessage(3, CALLEE, 5));
+        for (uint16_t seq = 1; seq <= 3; ++seq)
+            daemon.expect(callOfM(seq));
+        daemon.send(reply(1, numberField("late", 1)) + statusMessage(1, CALLEE, 0) + reply(3, numberField("n", 3)) +
+                    statusMessage(3, CALLEE, UBUS_STATUS_NO_DATA));
     });
     Context ctx = connectTo(bus);
     auto start = steady_clock::now();
     EXPECT_STREQ(ubus_strerror(invokeM(ctx.get(), 60)), "Request timed out");
     EXPECT_GE(steady_clock::now() - start, milliseconds(59));
     EXPECT_EQ(invokeM(ctx.get(), -1), UBUS_STATUS_TIMEOUT);
-    std::string reply;
-    EXPECT_EQ(invokeM(ctx.get(), 0, &reply), UBUS_STATUS_NO_DATA);
-    EXPECT_EQ(reply, R"({"n":3})");
+    std::string replies;
+    EXPECT_EQ(invokeM(ctx.get(), 0, &replies), UBUS_STATUS_NO_DATA);
+    EXPECT_EQ(replies, R"({"n":3})");
     EXPECT_STREQ(ubus_strerror(14), "Unknown error: 14");
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
 }
@@ -153,12 +152,12 @@ TEST(Request, HandlersRunAfterTheOutermostWaitAndNeverNest)
         daemon.send(incoming(7, 0xa) + incoming(8, 0xb) + statusMessage(2, CALLEE, 0));
         daemon.expect(callOfM(3)); // made by the first handler
         daemon.send(incoming(9, 0xc) + statusMessage(3, CALLEE, 0));
-        daemon.expect(ownStatus(7, 0xa, "00000000"));
-        daemon.expect(ownStatus(8, 0xb, "00000000"));
-        daemon.expect(ownStatus(9, 0xc, "00000000"));
+        daemon.expect(ownStatus(7, 0xa, 0));
+        daemon.expect(ownStatus(8, 0xb, 0));
+        daemon.expect(ownStatus(9, 0xc, 0));
         daemon.expect(callOfM(4)); // in the loop, which the handler is left to
         daemon.send(incoming(5, 0xd) + statusMessage(4, CALLEE, 0));
-        daemon.expect(ownStatus(5, 0xd, "00000003"));
+        daemon.expect(ownStatus(5, 0xd, UBUS_STATUS_METHOD_NOT_FOUND));
     });
     Context ctx = connectTo(bus);
     std::string order;
@@ -186,73 +185,52 @@ TEST(Request, HandlersRunAfterTheOutermostWaitAndNeverNest)
 TEST(Request, ADataCallbackMayWaitForAnotherRequest)
 {
     FakeBus bus([](FakeBus& daemon) {
+        const Bytes path = attr(A_OBJPATH, text("h"));
         daemon.greet();
         daemon.expect(callOfM(1));
-        daemon.send(message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"n":1})")));
-        daemon.expect(message(UBUS_MSG_LOOKUP, 2, 0, "0200000668000000"));
-        daemon.send(message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"n":2})")) + statusMessage(1, CALLEE, 0));
+        daemon.send(reply(1, numberField("n", 1)));
+        daemon.expect(message(LOOKUP, 2, 0, path));
+        daemon.send(reply(1, numberField("n", 2)) + statusMessage(1, CALLEE, 0));
         std::this_thread::sleep_for(milliseconds(20));
-        daemon.send(statusMessage(2, 0, 4));
-        daemon.expect(message(UBUS_MSG_LOOKUP, 3, 0, "0200000668000000"));
-        daemon.send(statusMessage(3, 0, 4));
+        daemon.send(statusMessage(2, 0, UBUS_STATUS_NOT_FOUND));
+        daemon.expect(message(LOOKUP, 3, 0, path));
+        daemon.send(statusMessage(3, 0, UBUS_STATUS_NOT_FOUND));
     });
     Context ctx = connectTo(bus);
     std::string order;
     auto waitInside = [](ubus_request* req, int, blob_attr* msg) {
-        auto& text = *static_cast<std::string*>(req->priv);
+        auto& seen = *static_cast<std::string*>(req->priv);
         uint32_t id = 0;
-        text += "<" + jsonOf(msg);
+        seen += "<" + jsonOf(msg);
         EXPECT_EQ(ubus_lookup_id(req->ctx, "h", &id), UBUS_STATUS_NOT_FOUND);
-        text += jsonOf(msg) + ">";
+        seen += jsonOf(msg) + ">";
     };
     EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", nullptr, waitInside, &order, 5000), 0);
     EXPECT_EQ(order, R"(<{"n":1}{"n":1}><{"n":2}{"n":2}>)");
 }
 
-TEST(Request, RepliesMayBeDeferred)
-{
-    FakeBus bus([](FakeBus& daemon) {
-        acceptOwnObject(daemon);
-        daemon.send(incoming(5, 0xa) + incoming(6, 0xb));
-        daemon.expect(ownStatus(6, 0xb, "00000000"));
-        daemon.expect(message(UBUS_MSG_DATA, 5, 0xa, OWN_ID + dataOf(R"({"n":1})")));
-        daemon.expect(ownStatus(5, 0xa, "00000008"));
-    });
-    Context ctx = connectTo(bus);
-    ubus_request_data later{};
-    int seen = 0;
-    OwnObject object([&](ubus_request_data* req, blob_attr*) {
-        if (++seen == 1)
-            ubus_defer_request(ctx.get(), req, &later);
-        return 0;
-    });
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return seen == 2; }));
-    JsonMessage reply(R"({"n":1})");
-    EXPECT_EQ(ubus_send_reply(ctx.get(), &later, reply.get()), 0);
-    ubus_complete_deferred_request(ctx.get(), &later, UBUS_STATUS_NOT_SUPPORTED);
-}
-
 TEST(Request, MalformedCallsAreRefusedOrPassedOver)
 {
-    FakeBus bus([](FakeBus& daemon) {
+    const Bytes cutId = attr(A_OBJID, {0, 0, 0x20}), unendedText = attr(A_METHOD, {'m'});
+    constexpr uint8_t NOTIFY = UBUS_MSG_NOTIFY;
+    FakeBus bus([&](FakeBus& daemon) {
         acceptOwnObject(daemon);
-        daemon.send(message(UBUS_MSG_INVOKE, 1, 0xa, METHOD_M + NO_FIELDS) +                      // no object
-                    message(UBUS_MSG_INVOKE, 2, 0xa, "03000007002000ff" + METHOD_M + NO_FIELDS) + // of 3 bytes
-                    message(UBUS_MSG_NOTIFY, 3, 0xa, OWN_ID + METHOD_M + NO_FIELDS) + message(99, 3, 0xa, "") +
-                    message(UBUS_MSG_INVOKE, 4, 0xa, "0300000800002001" + METHOD_M + NO_FIELDS)); // unknown object
-        daemon.expect(message(UBUS_MSG_STATUS, 4, 0xa, "01000008000000040300000800002001"));
-        daemon.send(message(UBUS_MSG_INVOKE, 5, 0xa, OWN_ID + "040000056d000000" + NO_FIELDS)); // text without its end
-        daemon.expect(ownStatus(5, 0xa, "00000002"));
-        daemon.send(message(UBUS_MSG_INVOKE, 6, 0xa, OWN_ID + METHOD_M)); // no arguments at all
-        daemon.expect(ownStatus(6, 0xa, "00000002"));
-        daemon.send(incoming(7, 0xa, "040000066e000000")); // another method
-        daemon.expect(ownStatus(7, 0xa, "00000003"));
+        daemon.send(message(INVOKE, 1, 0xa, METHOD_M + NO_FIELDS) + // no object
+                    message(INVOKE, 2, 0xa, cutId + METHOD_M + NO_FIELDS) +
+                    message(NOTIFY, 3, 0xa, OWN_ID + METHOD_M + NO_FIELDS) + message(99, 3, 0xa, {}) +
+                    message(INVOKE, 4, 0xa, attr(A_OBJID, u32(OWN + 1)) + METHOD_M + NO_FIELDS));
+        daemon.expect(message(STATUS, 4, 0xa, attr(A_STATUS, u32(4)) + attr(A_OBJID, u32(OWN + 1))));
+        daemon.send(incoming(5, 0xa, unendedText));
+        daemon.expect(ownStatus(5, 0xa, UBUS_STATUS_INVALID_ARGUMENT));
+        daemon.send(message(INVOKE, 6, 0xa, OWN_ID + METHOD_M)); // no arguments at all
+        daemon.expect(ownStatus(6, 0xa, UBUS_STATUS_INVALID_ARGUMENT));
+        daemon.send(incoming(7, 0xa, attr(A_METHOD, text("n"))));
+        daemon.expect(ownStatus(7, 0xa, UBUS_STATUS_METHOD_NOT_FOUND));
         // The last valid one of equal attributes counts, unknown ones and a cut-off tail do not.
-        daemon.send(
-            message(UBUS_MSG_INVOKE, 8, 0xa,
-                    "0300000800009999" + OWN_ID + "03000005ff000000" + "7f000004" + METHOD_M + NO_FIELDS + "07ffffff"));
-        daemon.expect(ownStatus(8, 0xa, "00000000"));
+        daemon.send(message(INVOKE, 8, 0xa,
+                            attr(A_OBJID, u32(0x9999)) + OWN_ID + attr(A_OBJID, {0xff}) + attr(0x7f, {}) + METHOD_M +
+                                NO_FIELDS + u32(0x07ffffff)));
+        daemon.expect(ownStatus(8, 0xa, 0));
     });
     Context ctx = connectTo(bus);
     int calls = 0;
@@ -268,20 +246,17 @@ TEST(Request, MalformedCallsAreRefusedOrPassedOver)
 
 TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndRefusesALargerOne)
 {
-    const std::string json = R"({"s":")" + std::string(LARGEST_TEXT, 'x') + R"("})";
+    const std::string largest(LARGEST_TEXT, 'x');
     FakeBus bus([&](FakeBus& daemon) {
         acceptOwnObject(daemon);
         std::this_thread::sleep_for(milliseconds(400));
-        std::string expected =
-            message(UBUS_MSG_INVOKE, 2, CALLEE, "0300000800001000" + METHOD_M + dataOf(json.c_str()));
-        Bytes bytes = daemon.receive();
-        EXPECT_TRUE(hexFromBytes(bytes.data(), bytes.size()) == expected);
+        EXPECT_TRUE(daemon.receive() == callOfM(2, stringField("s", largest)));
         daemon.send(incoming(3, 0xa) + statusMessage(2, CALLEE, 0));
-        daemon.expect(ownStatus(3, 0xa, "00000000"));
+        daemon.expect(ownStatus(3, 0xa, 0));
     });
     Context ctx = connectTo(bus);
-    JsonMessage argument(json.c_str());
-    const std::string more = R"({"s":")" + std::string(LARGEST_TEXT + 1, 'x') + R"("})";
+    JsonMessage argument((R"({"s":")" + largest + "\"}").c_str());
+    const std::string more = R"({"s":")" + largest + "x\"}";
     JsonMessage tooLarge(more.c_str());
     int replied = -1;
     OwnObject object([&](ubus_request_data* req, blob_attr*) {
@@ -291,9 +266,9 @@ TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndRefusesALargerOne
     });
     EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
     ubus_request req;
-    long before = processorMs();
+    const auto before = processorTime();
     EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.get(), &req), 0);
-    EXPECT_LT(processorMs() - before, 300);
+    EXPECT_LT(processorTime() - before, milliseconds(300)) << "it waits asleep";
     EXPECT_EQ(ubus_complete_request(ctx.get(), &req, 5000), 0);
     EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.get(), nullptr, nullptr, 1000),
               UBUS_STATUS_INVALID_ARGUMENT);
@@ -301,32 +276,32 @@ TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndRefusesALargerOne
     EXPECT_EQ(replied, UBUS_STATUS_NO_DATA);
 }
 
-TEST(AsyncRequest, CompletesAndAbortsOutsideTheLoop)
+TEST(Request, AsyncOnesCompleteAndAbortOutsideTheLoop)
 {
     FakeBus bus([](FakeBus& daemon) {
         daemon.greet();
         daemon.expect(callOfM(1));
         daemon.expect(callOfM(2));
-        daemon.send(message(UBUS_MSG_DATA, 1, CALLEE, dataOf(R"({"n":1})")) + statusMessage(1, CALLEE, 0) +
-                    message(UBUS_MSG_DATA, 2, CALLEE, dataOf(R"({"n":2})")) + statusMessage(2, CALLEE, 4));
+        daemon.send(reply(1, numberField("n", 1)) + statusMessage(1, CALLEE, 0) + reply(2, numberField("n", 2)) +
+                    statusMessage(2, CALLEE, UBUS_STATUS_NOT_FOUND));
     });
     Context ctx = connectTo(bus);
-    std::string reply;
+    std::string replies;
     int ended = -1;
-    struct Request : ubus_request {
+    struct AsyncRequest : ubus_request {
         int* ended;
     } aborted{}, kept{};
-    for (Request* req : {&aborted, &kept}) {
+    for (AsyncRequest* req : {&aborted, &kept}) {
         EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", nullptr, req), 0);
         req->data_cb = collectJson;
-        req->complete_cb = [](ubus_request* self, int status) { *static_cast<Request*>(self)->ended = status; };
-        req->priv = &reply;
+        req->complete_cb = [](ubus_request* self, int status) { *static_cast<AsyncRequest*>(self)->ended = status; };
+        req->priv = &replies;
         req->ended = &ended;
         ubus_complete_request_async(ctx.get(), req);
     }
     ubus_abort_request(ctx.get(), &aborted);
     EXPECT_TRUE(handleUntil(ctx.get(), [&] { return ended >= 0; }));
     EXPECT_EQ(ended, UBUS_STATUS_NOT_FOUND);
-    EXPECT_EQ(reply, R"({"n":2})");
+    EXPECT_EQ(replies, R"({"n":2})");
     EXPECT_FALSE(ctx->sock.eof);
 }

@@ -1,12 +1,13 @@
 #include "sandbox.h"
 
+#include "process.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -65,21 +66,9 @@ CommandResult Sandbox::run(const std::vector<std::string>& arguments) const
 {
     std::vector<std::string> all = {"uci", "-c", configDir, "-t", saveDir, "-C", ""};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : all)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    const fs::path out = root / "stdout", err = root / "stderr";
-
-    const pid_t child = fork();
-    if (child == 0) {
-        if (freopen(out.c_str(), "w", stdout) && freopen(err.c_str(), "w", stderr))
-            execv(UCI_COMMAND, argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
+    Process command(all, Process::Stderr::Pipe, UCI_COMMAND);
+    const int status = command.wait();
+    return {status, command.out, command.err};
 }
 
 std::string Sandbox::show() const

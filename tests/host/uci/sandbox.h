@@ -20,7 +20,7 @@ using Context = std::unique_ptr<uci_context, ContextDeleter>;
 using ChangeCall = int(uci_context*, uci_ptr*);
 
 struct CommandResult {
-    int status; // of the exit; -1 when it did not exit
+    int status; // of the exit; 1000 plus the signal when one ended it
     std::string out;
     std::string err;
 };

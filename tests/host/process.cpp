@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -35,7 +36,15 @@ void closeOnce(int& fd)
 
 } // namespace
 
-Process::Process(const std::vector<std::string>& arguments, Stderr standardError)
+std::chrono::milliseconds processorTime()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto ms = [](const timeval& time) { return time.tv_sec * 1000 + time.tv_usec / 1000; };
+    return std::chrono::milliseconds(ms(usage.ru_utime) + ms(usage.ru_stime));
+}
+
+Process::Process(const std::vector<std::string>& arguments, Stderr standardError, const char* file)
 {
     int outPipe[2];
     int errPipe[2];
@@ -58,7 +67,7 @@ Process::Process(const std::vector<std::string>& arguments, Stderr standardError
             std::signal(number, SIG_DFL); // a test run in the background ignores some of them
         dup2(outPipe[1], STDOUT_FILENO);
         dup2(errPipe[1], STDERR_FILENO);
-        execv(argv[0], argv.data());
+        execv(file ? file : argv[0], argv.data());
         _exit(127);
     }
     close(outPipe[1]);

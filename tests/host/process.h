@@ -1,25 +1,42 @@
 #pragma once
 // Child processes: the daemon, and commands with what they print.
 
-#include "raw_client.h"
-
-#include <optional>
+#include <chrono>
+#include <string>
+#include <vector>
 
 #include <sys/types.h>
+#include <time.h>
+
+constexpr auto DEADLINE = std::chrono::seconds(30); // generous: reached in failing tests only
 
 // How often waited-for conditions are looked at.
 constexpr auto POLL_INTERVAL = std::chrono::milliseconds(5);
 
 // True as soon as the condition holds; false when it does not within DEADLINE.
 template <class Condition>
-bool waitUntil(Condition condition);
+bool waitUntil(Condition condition)
+{
+    const auto end = std::chrono::steady_clock::now() + DEADLINE;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        const timespec interval{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(POLL_INTERVAL).count()};
+        nanosleep(&interval, nullptr);
+    }
+    return true;
+}
+
+// Processor time that this process has used.
+std::chrono::milliseconds processorTime();
 
 class Process {
 public:
     enum class Stderr { Pipe, Terminal };
 
-    // `arguments` begin with the program.
-    explicit Process(const std::vector<std::string>& arguments, Stderr standardError = Stderr::Pipe);
+    // `arguments` begin with the program's name, which is its file unless that is given.
+    explicit Process(const std::vector<std::string>& arguments, Stderr standardError = Stderr::Pipe,
+                     const char* file = nullptr);
     ~Process(); // kills it if it still runs
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -51,16 +68,3 @@ private:
     int outFd_ = -1;
     int errFd_ = -1;
 };
-
-template <class Condition>
-bool waitUntil(Condition condition)
-{
-    const auto end = std::chrono::steady_clock::now() + DEADLINE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        const timespec interval{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(POLL_INTERVAL).count()};
-        nanosleep(&interval, nullptr);
-    }
-    return true;
-}
