@@ -30,28 +30,6 @@ std::string notify(const Lab& lab, const std::string& method, std::chrono::milli
     return reply.status == 0 ? reply.text : "status " + std::to_string(reply.status);
 }
 
-TEST(Head, CetAnswersAsToldAndRecordsCallsAndEventsInOrder)
-{
-    Lab lab;
-    ASSERT_TRUE(lab.up(withoutDaemon())) << lab.error();
-    EXPECT_EQ(notify(lab, "notify_motor_moving"), R"({"err_code":0})");
-    std::string ignored;
-    EXPECT_EQ(lab.run({"ubus", "send", "motor_rotate_event", R"({"action":"start"})"}, ignored), 0);
-    lab.setCet(CET_WRONG);
-    EXPECT_EQ(notify(lab, "notify_motor_idle"), R"({"err_code":5})");
-    lab.setCet(CET_NO_CODE);
-    EXPECT_EQ(notify(lab, "notify_motor_idle"), "{}");
-    ASSERT_TRUE(waitUntil([&] { return lab.cetLog().size() == 4; }, 5s));
-    const auto log = lab.cetLog();
-    EXPECT_EQ(log[0].name + " " + log[0].text, "notify_motor_moving 3");
-    EXPECT_TRUE(log[1].isEvent);
-    EXPECT_EQ(log[1].text, "start");
-    EXPECT_EQ(lab.callsToCet("notify_motor_idle"), 2);
-    EXPECT_EQ(lab.actions(), std::vector<std::string>{"start"});
-    lab.setCet(CET_SILENT);
-    EXPECT_EQ(notify(lab, "notify_motor_idle", 200ms), "status 7");
-}
-
 TEST(Head, LateAnswersDoNotQueueBehindEachOther)
 {
     Lab lab;
@@ -71,24 +49,6 @@ TEST(Head, LateAnswersDoNotQueueBehindEachOther)
         EXPECT_EQ(answer, R"({"err_code":0})");
     EXPECT_GE(took, 699ms);
     EXPECT_LT(took, 2000ms) << "less than three times 700 ms";
-}
-
-TEST(Head, CetComesBackAfterTheBus)
-{
-    Lab lab;
-    ASSERT_TRUE(lab.up(withoutDaemon())) << lab.error();
-    ASSERT_TRUE(lab.stopBus()) << lab.error();
-    EXPECT_EQ(notify(lab, "notify_motor_idle"), "status 10");
-    ASSERT_TRUE(lab.startBus()) << lab.error();
-    EXPECT_TRUE(waitUntil([&] { return notify(lab, "notify_motor_idle") == R"({"err_code":0})"; }, 5s));
-    std::string ignored;
-    const auto eventArrives = [&] {
-        lab.run({"ubus", "send", "motor_rotate_event", R"({"action":"stop"})"}, ignored);
-        return !lab.actions().empty();
-    };
-    EXPECT_TRUE(waitUntil(eventArrives, 5s));
-    ASSERT_TRUE(lab.stopCet());
-    EXPECT_EQ(notify(lab, "notify_motor_idle"), "status 4");
 }
 
 TEST(Head, TwoLabsLiveSideBySideAndEndWithoutATrace)

@@ -64,17 +64,6 @@ TEST(Kinematics, ANewSpeedCountsFromNowOn)
     EXPECT_EQ(motionEndNs(axis), 1100 * MS);
 }
 
-TEST(Kinematics, SpeedsStayWithinTheirLimits)
-{
-    LabAxis axis = middle();
-    startMotion(axis, 0, 99, 100);
-    EXPECT_EQ(axisAt(axis, 0).speed, 8);
-    startMotion(axis, 0, -7, 100);
-    EXPECT_EQ(axisAt(axis, 0).speed, 1);
-    setAxisSpeed(axis, 0, 0);
-    EXPECT_EQ(axis.speed, 1);
-}
-
 TEST(Kinematics, TheShaftStopsAtAnEndWhileTimePassesAndTheCountIsClamped)
 {
     LabAxis axis = middle();

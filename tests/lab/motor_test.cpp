@@ -62,21 +62,6 @@ TEST_F(Motors, StandInTheMiddleWithoutPowerAtFirst)
     EXPECT_EQ(ask("nothing x"), "errno 14") << "a request without a record";
 }
 
-TEST_F(Motors, CalibrateFromEndToEnd)
-{
-    ask("setpos x 1000"); // 500 less than the truth
-    ask("speed x 8");     // 8000 steps a second
-    const long toZero = probe_->number("rotate x -3000");
-    EXPECT_GE(toZero, 375'000);
-    EXPECT_LT(toZero, 2'000'000);
-    EXPECT_EQ(ask("status x"), "0 8 0 0 -1");
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 0);
-    EXPECT_GE(probe_->number("rotate x 3000"), 375'000);
-    EXPECT_GE(probe_->number("rotate x -2000"), 250'000);
-    EXPECT_EQ(ask("status x"), "0 8 1000 0 -1");
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 1000) << "now the driver knows where the head is";
-}
-
 TEST_F(Motors, MoveReturnsAtOnceAndThePositionFollowsTheClock)
 {
     ask("setpos x 1500");
@@ -91,21 +76,6 @@ TEST_F(Motors, MoveReturnsAtOnceAndThePositionFollowsTheClock)
     EXPECT_EQ(asked.out.at(2), 1500 + (asked.labNs - begun.labNs) / 1'000'000) << "a step in 1 ms";
     EXPECT_EQ(journalOf("SET_SPEED").at(0).rate, 4000);
     EXPECT_TRUE(waitUntil([this] { return ask("status x") == "0 4 2500 0 1"; }, 5s));
-}
-
-TEST_F(Motors, ANewMoveReplacesTheOldFromWhereItIs)
-{
-    ask("setpos y 610");
-    ask("speed y 1");
-    ask("move y 1 500");
-    ask("move y 0 -100"); // speed word 0: the configured speed
-    const auto moves = journalOf("MOVE");
-    EXPECT_EQ(moves.at(1).rate, -1000);
-    const int32_t target = moves[1].count - 100;
-    EXPECT_TRUE(waitUntil([&] { return ask("status y") == "0 1 " + std::to_string(target) + " 0 -1"; }, 5s));
-    ask("move y 1 500");
-    ask("move y 1 0"); // ends at once
-    EXPECT_EQ(lab_.axisNow(LAB_TILT).running, 0);
 }
 
 TEST_F(Motors, ABlockedRotationAnswersOthersAndFailsWhenStoppedReplacedOrWithoutPower)
@@ -137,23 +107,6 @@ TEST_F(Motors, ABlockedRotationAnswersOthersAndFailsWhenStoppedReplacedOrWithout
     EXPECT_EQ(ask("join"), "done 0");
 }
 
-TEST_F(Motors, RequestsFailAsOftenAsToldAndHaveNoEffectThen)
-{
-    lab_.failRequest(LAB_PAN, LAB_SET_POSITION, 2);
-    EXPECT_EQ(ask("setpos x 700"), IO_ERROR);
-    EXPECT_EQ(ask("setpos y 700"), "0") << "the other axis is well";
-    EXPECT_EQ(ask("setpos x 700"), IO_ERROR);
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).count, 0);
-    EXPECT_EQ(ask("setpos x 700"), "0");
-    lab_.failRequest(LAB_PAN, LAB_ROTATE, LAB_FOR_EVER, 16);
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(ask("rotate x 10"), "errno 16");
-    EXPECT_EQ(ask("status x"), "0 1 700 0 1");
-    EXPECT_EQ(lab_.served(LAB_PAN, LAB_ROTATE), 3u);
-    EXPECT_TRUE(lab_.heal(LAB_PAN));
-    EXPECT_NE(ask("rotate x 10"), "errno 16");
-}
-
 TEST_F(Motors, ADelayedAnswerIsStaleHoldsNobodyUpAndEndsWhenHealed)
 {
     ask("setpos x 100");
@@ -171,29 +124,6 @@ TEST_F(Motors, ADelayedAnswerIsStaleHoldsNobodyUpAndEndsWhenHealed)
     ASSERT_TRUE(waitUntil([this] { return journalOf("GET_STATUS").size() == 2; }, 5s));
     EXPECT_EQ(other.ask("setpos x 900"), "0");
     EXPECT_EQ(probe_->receive(), "0 1 101 0 1") << "what was true when it was asked";
-}
-
-TEST_F(Motors, TellNonsenseWhenTold)
-{
-    lab_.stuckRunning(LAB_TILT, true);
-    EXPECT_EQ(ask("status y"), "0 1 0 1 1");
-    lab_.reportCapability(LAB_TILT, LabAxisSetting{0, -5, 2147483647});
-    EXPECT_EQ(ask("capa y"), "0 -5 2147483647 0 0");
-    lab_.reportCapability(LAB_TILT, std::nullopt);
-    EXPECT_EQ(ask("capa y"), "122 8 1220 0 0");
-    lab_.stuckRunning(LAB_TILT, false);
-    EXPECT_EQ(ask("status y"), "0 1 0 0 1");
-}
-
-TEST_F(Motors, AMissingNodeCannotBeOpenedAndStaysTheSameMotorForThoseWhoDid)
-{
-    ASSERT_TRUE(lab_.setNode(LAB_PAN, false));
-    Probe other(lab_);
-    EXPECT_EQ(other.ask("open x"), "errno 2");
-    EXPECT_EQ(ask("setpos x 12"), "0");
-    ASSERT_TRUE(lab_.setNode(LAB_PAN, true));
-    EXPECT_EQ(other.ask("open x"), "1");
-    EXPECT_EQ(other.ask("status x"), "0 1 12 0 1");
 }
 
 TEST_F(Motors, GoOnWhenTheirProgramIsKilledInTheMidst)
@@ -275,22 +205,6 @@ TEST_F(Motors, KeepTheHeadWhereItIsWhenTheLabStartsAnew)
     EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 1800);
     EXPECT_EQ(lab_.axisNow(LAB_PAN).count, 0);
     EXPECT_TRUE(lab_.journal().empty());
-}
-
-TEST_F(Motors, TurnInLabTime)
-{
-    lab_.setSpeed(100);
-    ask("setpos x 0");
-    const long slow = probe_->number("rotate x 3000"); // 3 s in the lab
-    EXPECT_GE(slow, 30'000);
-    EXPECT_LT(slow, 1'500'000);
-    lab_.setSpeed(1);
-    probe_->send("rotate x -3000");
-    ASSERT_TRUE(rotates());
-    lab_.setSpeed(1000); // wakes the one who waits
-    const auto changed = std::chrono::steady_clock::now();
-    probe_->receive();
-    EXPECT_LT(std::chrono::steady_clock::now() - changed, 1500ms);
 }
 
 } // namespace

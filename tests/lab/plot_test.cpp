@@ -37,21 +37,6 @@ TEST(Plot, DrawsAMotionFromItsRequestToItsEnd)
     EXPECT_EQ(picture.find("<script"), std::string::npos);
 }
 
-TEST(Plot, AMotionThatWasStoppedDoesNotStretchTheTime)
-{
-    // 1000 s of motion, stopped after one: 910 pixels for 1.02 s.
-    const std::string picture =
-        plotLab({entry(SECOND, "MOVE", 0, 1, 1000), entry(2 * SECOND, "STOP", 1, 0, 0)}, {}, AXES, 9 * SECOND);
-    EXPECT_EQ(course(picture).substr(0, 8), "78.9216,");
-}
-
-TEST(Plot, AMotionUnderWayEndsNow)
-{
-    // From 1 s to 3 s with 0.02 s of margin: 910 pixels for 2.04 s.
-    const std::string picture = plotLab({entry(SECOND, "MOVE", 0, 1, 1000)}, {}, AXES, 3 * SECOND);
-    EXPECT_EQ(course(picture).substr(0, 5), "78.92");
-}
-
 TEST(Plot, NamesTheHoursOfAWallClockAndWhoseMotionItWas)
 {
     // Lab time 0 is 1970-01-04 22:00 UTC, a Sunday. Three hours have a tick every quarter of an hour.

@@ -61,13 +61,6 @@ TEST_F(LabTime, TimersKeepTheirPeriod)
     EXPECT_EQ(fired("#0"), count) << "a disarmed timer is silent";
 }
 
-TEST_F(LabTime, TimersRunFiftyTimesAsFast)
-{
-    lab_.setSpeed(50);
-    ask("timer #0 0");
-    expectPeriod(1000, 500ms); // 25 s in the lab
-}
-
 TEST_F(LabTime, ExpiriesOverlapAndTimersAreIndependent)
 {
     ask("timer #0 400");

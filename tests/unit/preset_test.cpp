@@ -141,21 +141,6 @@ TEST_F(Presets, SurviveAFileThatCannotBeReadForAWhile)
     EXPECT_EQ(ids(), R"({"id":["1","3","2"])");
 }
 
-TEST_F(Presets, DeletionPacksTheRestAndTheOldPlaceKeepsIdAndName)
-{
-    for (const char* id : {"1", "2", "3", "5"}) {
-        standAt(id[0] * 10, 0);
-        call(ubusSetPreset, R"({"id":")" + std::string(id) + R"(","save_ptz":"1"})");
-    }
-    const float fifth = slot(4).position_pan;
-    EXPECT_EQ(call(ubusDeletePreset, R"({"id":["3","1","7"]})"), code(0));
-    EXPECT_EQ(ids(), R"({"id":["2","5"])");
-    EXPECT_EQ(slot(2).position_pan, fifth);
-    EXPECT_EQ(slot(4).id, 5);
-    EXPECT_EQ(slot(4).position_pan, 0.0F);
-    EXPECT_EQ(call(ubusDeletePreset, R"({"id":[5,5,5,5,5,5,5,5,99]})"), code(0)) << "the ninth does not count";
-}
-
 TEST_F(Presets, ComeInPages)
 {
     for (int i = 0; i < 6; ++i)

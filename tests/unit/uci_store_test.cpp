@@ -93,29 +93,6 @@ TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
                             "\toption d 'it'\\''s = a.b'\n\nconfig kind 'new'\n\n");
 }
 
-TEST_F(UciStore, AReloadDiscardsWhatWasNotCommittedAndSeesWhatOthersWrote)
-{
-    load("config t 's'\n option a '1'\n");
-    EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
-    write("ptzd", "config t 's'\n option a '3'\n");
-    cfg_uci_pkg_reload(UCI_PTZD);
-    int32_t value = 0;
-    EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &value), 0);
-    EXPECT_EQ(value, 3);
-    cfg_uci_pkg_reload(7);
-    cfg_uci_pkg_reload(-1);
-}
-
-TEST_F(UciStore, DeletingWhatIsNotThereIsNoFailure)
-{
-    load("config t 's'\n option a '1'\n");
-    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, "none", "t"), 0);
-    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, "s", "t"), 0);
-    EXPECT_EQ(cfg_uci_get_section(UCI_PTZD, "s"), nullptr);
-    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, nullptr, "t"), CFG_UCI_FAILED);
-    EXPECT_EQ(cfg_uci_delete(7, "s", "t"), CFG_UCI_FAILED);
-}
-
 TEST_F(UciStore, ListsGrowShrinkAndAreCleared)
 {
     load("config t 's'\n option a '1'\n");
@@ -125,6 +102,9 @@ TEST_F(UciStore, ListsGrowShrinkAndAreCleared)
     EXPECT_EQ(cfg_uci_del_list(UCI_PTZD, "s", "m", "x"), 0);
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "l"), 0) << "removing the first x removes the last one too";
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "missing"), CFG_UCI_FAILED);
+    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, "none", "t"), 0) << "deleting what is not there is no failure";
+    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, nullptr, "t"), CFG_UCI_FAILED);
+    EXPECT_EQ(cfg_uci_delete(7, "s", "t"), CFG_UCI_FAILED);
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), 0);
     EXPECT_EQ(file("ptzd").find("list"), std::string::npos);
 }

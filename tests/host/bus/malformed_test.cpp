@@ -3,6 +3,7 @@
 #include "bus_fixture.h"
 
 #include <algorithm>
+
 namespace {
 
 constexpr size_t MAX_ROOT = 1048576;
@@ -31,22 +32,6 @@ TEST_F(BusTest, TakesRootLengthsUpToTheLimitAndDisconnectsBeyond)
         EXPECT_TRUE(client.closedByDaemon()) << length;
     }
     EXPECT_TRUE(connect().nothingWaits());
-}
-
-TEST_F(BusTest, PutsMessagesTogetherFromAnyPieces)
-{
-    RawClient client = connect();
-    Bytes stream;
-    for (uint16_t seq = 1; seq <= 300; ++seq)
-        stream = stream + message(PING, seq, 0, attr(A_DATA, Bytes(seq % 7, 1)));
-    for (size_t at = 0, piece = 1; at < stream.size(); at += piece, piece = piece % 41 + 1)
-        client.send(part(stream, at, std::min(at + piece, stream.size())));
-    client.send(stream); // and all in one
-    for (int i = 0; i < 600; ++i) {
-        const auto seq = static_cast<uint16_t>(i % 300 + 1);
-        ASSERT_EQ(client.receive(), message(DATA, seq, 0, attr(A_DATA, Bytes(seq % 7, 1))));
-        ASSERT_EQ(client.receive(), message(STATUS, seq, 0, attr(A_STATUS, u32(0))));
-    }
 }
 
 TEST_F(BusTest, TreatsABrokenAttributeAsAbsent)

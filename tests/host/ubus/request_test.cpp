@@ -182,31 +182,28 @@ TEST(Request, HandlersRunAfterTheOutermostWaitAndNeverNest)
     EXPECT_EQ(order, "(10)(11)(12)(13)");
 }
 
-TEST(Request, ADataCallbackMayWaitForAnotherRequest)
+TEST(Request, RepliesMayBeDeferred)
 {
     FakeBus bus([](FakeBus& daemon) {
-        const Bytes path = attr(A_OBJPATH, text("h"));
-        daemon.greet();
-        daemon.expect(callOfM(1));
-        daemon.send(reply(1, numberField("n", 1)));
-        daemon.expect(message(LOOKUP, 2, 0, path));
-        daemon.send(reply(1, numberField("n", 2)) + statusMessage(1, CALLEE, 0));
-        std::this_thread::sleep_for(milliseconds(20));
-        daemon.send(statusMessage(2, 0, UBUS_STATUS_NOT_FOUND));
-        daemon.expect(message(LOOKUP, 3, 0, path));
-        daemon.send(statusMessage(3, 0, UBUS_STATUS_NOT_FOUND));
+        acceptOwnObject(daemon);
+        daemon.send(incoming(5, 0xa) + incoming(6, 0xb));
+        daemon.expect(ownStatus(6, 0xb, 0));
+        daemon.expect(message(DATA, 5, 0xa, OWN_ID + attr(A_DATA, numberField("n", 1))));
+        daemon.expect(ownStatus(5, 0xa, UBUS_STATUS_NOT_SUPPORTED));
     });
     Context ctx = connectTo(bus);
-    std::string order;
-    auto waitInside = [](ubus_request* req, int, blob_attr* msg) {
-        auto& seen = *static_cast<std::string*>(req->priv);
-        uint32_t id = 0;
-        seen += "<" + jsonOf(msg);
-        EXPECT_EQ(ubus_lookup_id(req->ctx, "h", &id), UBUS_STATUS_NOT_FOUND);
-        seen += jsonOf(msg) + ">";
-    };
-    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", nullptr, waitInside, &order, 5000), 0);
-    EXPECT_EQ(order, R"(<{"n":1}{"n":1}><{"n":2}{"n":2}>)");
+    ubus_request_data later{};
+    int seen = 0;
+    OwnObject object([&](ubus_request_data* req, blob_attr*) {
+        if (++seen == 1)
+            ubus_defer_request(ctx.get(), req, &later);
+        return 0;
+    });
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return seen == 2; }));
+    JsonMessage answer(R"({"n":1})");
+    EXPECT_EQ(ubus_send_reply(ctx.get(), &later, answer.get()), 0);
+    ubus_complete_deferred_request(ctx.get(), &later, UBUS_STATUS_NOT_SUPPORTED);
 }
 
 TEST(Request, MalformedCallsAreRefusedOrPassedOver)

@@ -72,45 +72,4 @@ TEST_F(Change, TakesElementsFromAList)
     EXPECT_EQ(saved(), "-p.s.l='1'\n|p.s.l='y'\n~p.s.l='x'\n~p.s.l='y'\n");
 }
 
-TEST_F(Change, WorksOnARecordFilledByHand)
-{
-    uci_ptr ptr{};
-    ptr.package = "p";
-    ptr.section = "s";
-    ptr.option = "a";
-    ptr.value = "2";
-    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
-    EXPECT_STREQ(ptr.o->v.string, "2");
-    const Context other = box.context();
-    ASSERT_NE(load(other), nullptr);
-    EXPECT_EQ(values(other, "p.s.a"), std::vector<std::string>{"1"}) << "not saved yet";
-
-    uci_ptr section{};
-    section.p = p;
-    section.s = uci_lookup_section(ctx.get(), p, "s2");
-    EXPECT_EQ(uci_delete(ctx.get(), &section), UCI_OK);
-    EXPECT_EQ(section.s, nullptr);
-    EXPECT_STREQ(section.section, "s2");
-    EXPECT_EQ(saved(), "p.s.a='2'\n-p.s2\n");
-}
-
-TEST_F(Change, KeepsTheRecordOfALookupUsable)
-{
-    std::string tuple = "p.s.a=2";
-    uci_ptr ptr;
-    ASSERT_EQ(uci_lookup_ptr(ctx.get(), &ptr, tuple.data(), true), UCI_OK);
-    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
-    EXPECT_EQ(uci_add_list(ctx.get(), &ptr), UCI_OK);
-    EXPECT_EQ(ptr.o->type, UCI_TYPE_LIST);
-    EXPECT_EQ(ptr.last, &ptr.o->e);
-    EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_ERR_NOTFOUND); // no element of index 2
-    ptr.value = nullptr;
-    EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);
-    EXPECT_EQ(ptr.o, nullptr);
-    ptr.value = "again";
-    EXPECT_EQ(uci_set(ctx.get(), &ptr), UCI_OK);
-    EXPECT_EQ(values(ctx, "p.s.a"), std::vector<std::string>{"again"});
-    EXPECT_EQ(saved(), "p.s.a='2'\n|p.s.a='2'\n-p.s.a\np.s.a='again'\n");
-}
-
 } // namespace
