@@ -77,7 +77,9 @@ struct PositionState {
     std::atomic<int32_t> power_off_recover{1};
     std::atomic<uint32_t> saveRequests{0}; // counts the armings of saveStepsTimer
     std::atomic<bool> savePending{false};  // armed and not saved yet
-    std::atomic<uint32_t> saveEpoch{0};    // see position_store.cpp
+    std::atomic<uint32_t> saveEpoch{0};    // this and the two below: see position_store.cpp
+    std::atomic<uint32_t> savesBegun{0};
+    uint32_t lastSaved = 0; // under ConfigStoreLock
 };
 
 struct Timers {

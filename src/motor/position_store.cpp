@@ -11,11 +11,10 @@
 
 namespace {
 
-// saveEpoch decides, inside the transaction that stores a position, whether that position still counts: it is odd while
-// saves are barred, and it changes with each bar and with each save. A save that has read the head and then been
-// overtaken by a newer save, or by the lens mask, finds another epoch than before it read, and drops what it read.
+// A save decides inside its transaction whether what it has read still counts. It does not when saves have been barred
+// since: saveEpoch is odd while they are, and changes with each bar. Nor when a save that began later has stored its
+// position: savesBegun counts them, and lastSaved is the one whose position is stored.
 constexpr uint32_t EPOCH_BARRED = 1;
-constexpr uint32_t EPOCH_SAVED = 2;
 
 bool barred(uint32_t epoch)
 {
@@ -66,14 +65,16 @@ void saveCurSteps(void*)
         return; // what the driver reports between two rotations is no position to come back to
     const uint32_t requestsBefore = gContext.position.saveRequests.load();
     const uint32_t epochBefore = gContext.position.saveEpoch.load();
+    const uint32_t self = gContext.position.savesBegun.fetch_add(1) + 1;
     MotorStatus pan{};
     MotorStatus tilt{};
     if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
         return;
     const UciTransaction transaction(UCI_PTZD);
-    if (barred(epochBefore) || gContext.position.saveEpoch.load() != epochBefore)
+    if (barred(epochBefore) || gContext.position.saveEpoch.load() != epochBefore ||
+        static_cast<int32_t>(self - gContext.position.lastSaved) < 0)
         return;
-    gContext.position.saveEpoch.fetch_add(EPOCH_SAVED);
+    gContext.position.lastSaved = self;
     const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
     for (const AxisIndex axis : {PAN, TILT}) {
         const char* section = gContext.axes[axis].section;

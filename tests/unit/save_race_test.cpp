@@ -6,6 +6,8 @@
 #include "motion/move.h"
 #include "motor/position_store.h"
 
+#include <thread>
+
 namespace {
 
 using Position = std::pair<int32_t, int32_t>;
@@ -67,6 +69,22 @@ TEST_F(SaveRace, ANewerSaveCounts)
     saveDuringWhich([] {
         standAt(2000, 600);
         saveCurSteps(nullptr);
+    });
+    EXPECT_EQ(stored(), (Position{2000, 600}));
+}
+
+TEST_F(SaveRace, ANewerSaveCountsThoughAnOlderOneIsDoneFirst)
+{
+    standAt(1000, 300);
+    const unsigned before = fakeMotorAnswered;
+    cfg_uci_lock(); // the older one gets no further than its look at the head
+    std::thread older(saveCurSteps, nullptr);
+    while (fakeMotorAnswered != before + AXIS_COUNT)
+        std::this_thread::yield();
+    standAt(2000, 600);
+    saveDuringWhich([&] {
+        cfg_uci_unlock();
+        older.join();
     });
     EXPECT_EQ(stored(), (Position{2000, 600}));
 }

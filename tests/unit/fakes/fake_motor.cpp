@@ -4,6 +4,7 @@
 #include <stdarg.h>
 
 FakeMotor fakeMotor;
+std::atomic<unsigned> fakeMotorAnswered;
 
 namespace {
 constexpr int FIRST_FD = 1000; // no real descriptor of the test
@@ -61,5 +62,6 @@ int __wrap_ioctl(int fd, unsigned long number, ...)
         *static_cast<MotorStatus*>(record) = fakeMotor.status[axis];
     if (number == MOTOR_IOC_STOP)
         fakeMotor.status[axis].running = 0;
+    ++fakeMotorAnswered;
     return 0;
 }

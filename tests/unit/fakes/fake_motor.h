@@ -3,6 +3,7 @@
 
 #include "motor/motor_device.h"
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -33,6 +34,9 @@ struct FakeMotor {
 };
 
 extern FakeMotor fakeMotor;
+
+/// Requests that were answered: what another thread waits for before it touches the fake.
+extern std::atomic<unsigned> fakeMotorAnswered;
 
 /// A healthy head: pan 300 units in 3000 steps, tilt 122 units in 1220 steps, max_speed 8, both in the middle, at rest.
 void giveAxesFakeMotors();
