@@ -301,9 +301,14 @@ void Player::learnThreads()
 /// Nothing moves, no thread of a timer or a step is left, and every begin has had its end.
 bool Player::settled()
 {
-    if (lab_.axisNow(LAB_PAN).running != 0 || lab_.axisNow(LAB_TILT).running != 0 || threads() > resident_)
+    const auto busy = [this] {
+        return lab_.axisNow(LAB_PAN).running != 0 || lab_.axisNow(LAB_TILT).running != 0 || threads() > resident_;
+    };
+    if (busy())
         return false;
     evidence_.load(lab_);
+    if (busy())
+        return false; // a save whose reads are in the evidence may be in the middle of its commit
     model_.judgeThreads();
     model_.motions.follow(WHENEVER);
     return model_.hasSettled() && evidence_.wrongEvents(true).empty();
