@@ -111,4 +111,30 @@ TEST_F(SaveRace, TheLensMasksPositionIsNeverStored)
     EXPECT_EQ(stored(), (Position{1300, 610})) << "saved as ever afterwards";
 }
 
+TEST_F(SaveRace, AMaskWhoseMotionFailedIsNotSavedUntilAUserMovesTheHead)
+{
+    const Position where{1500, 610};
+    fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
+    write("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
+    EXPECT_EQ(call(ubusLensMask), R"({"err_code":-64301})");
+    fakeMotor.failing.clear();
+    standAt(1500, 0); // tilt was sent all the same
+    saveCurSteps(nullptr);
+    EXPECT_EQ(stored(), where);
+    for (const char* enabled : {"on", "off", "on", "off"}) { // nor by other tries, before the head is back
+        mask(enabled);
+        EXPECT_EQ(stored(), where);
+    }
+}
+
+TEST_F(SaveRace, ARefusedReturnStillEndsTheTrackingEpisode)
+{
+    motion.motion_origin.store(ORIGIN_TOUR);
+    motion.track_back_done.store(0);
+    lensMaskSetEnabled(1);
+    EXPECT_EQ(moveToLastPostion(), ERR_LENS_MASK);
+    EXPECT_EQ(motion.track_back_done.load(), 1) << "else no tour goes on again";
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+}
+
 } // namespace
