@@ -1,9 +1,11 @@
-// The bus that goes away, callers that wait for the start, and tours that meet commands.
+// The bus that goes away, callers that wait for the start, and random interleavings of all that moves the head.
 
 #include "head.h"
 
 #include <atomic>
+#include <random>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -48,6 +50,58 @@ TEST_F(HeadInTheLab, ServesCallersThatWaitForItsStart)
         caller.join();
 }
 
+/// Every start is answered by one stop before the next, calls and events alike.
+void expectAlternation(const std::vector<LabCetEntry>& log)
+{
+    bool moving = false;
+    bool started = false;
+    for (const LabCetEntry& entry : log) {
+        bool& state = entry.isEvent ? started : moving;
+        const bool begins = entry.isEvent ? entry.text == "start" : entry.name == "notify_motor_moving";
+        EXPECT_NE(state, begins) << entry.name << " " << entry.text << " twice";
+        state = begins;
+    }
+    EXPECT_FALSE(moving || started) << "a motion has not ended";
+}
+
+TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned n) { return static_cast<int32_t>(random() % n); };
+    LabOptions options = fastHead();
+    options.factor = 5000;
+    up(options);
+    const LabRequest disturbed[] = {LAB_GET_STATUS, LAB_MOVE, LAB_STOP};
+    for (int i = 0; i < repetitions(200, 2000); ++i) {
+        if (below(4) == 0)
+            lab.failRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)]);
+        if (below(4) == 0)
+            lab.delayRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)], below(30));
+        const std::string x = std::to_string(below(301) - 150);
+        const std::string y = std::to_string(below(100) - 39);
+        const std::string coords = R"({"x_coord":")" + x + R"(","y_coord":")" + y + "\"}";
+        const int kind = below(8);
+        const std::string reply = kind == 7 ? lab.call("stop") : lab.call(kind < 4 ? "moveTo" : "move", coords);
+        EXPECT_TRUE(reply == DONE || reply == REFUSED_DEVICE || reply == REFUSED_NO_TRAVEL) << reply;
+        std::this_thread::sleep_for(std::chrono::milliseconds(below(3) == 0 ? below(120) : below(12)));
+    }
+    ASSERT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
+    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    ASSERT_TRUE(settled());
+    const auto polled = [&] { return lab.served(LAB_PAN, LAB_GET_STATUS); };
+    uint32_t last = polled();
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            std::this_thread::sleep_for(200ms);
+            return std::exchange(last, polled()) == last;
+        },
+        DEADLINE))
+        << "the poll runs on";
+    expectAlternation(lab.cetLog());
+}
+
 // Commands of a user, changes of presets and plan, and a tour that always wants to go on: the daemon stays in order.
 TEST_F(HeadInTheLab, ToursAndCommandsTogetherLeaveOneIdleForEachMoving)
 {
@@ -70,6 +124,7 @@ TEST_F(HeadInTheLab, ToursAndCommandsTogetherLeaveOneIdleForEachMoving)
     lab.realTime();
     EXPECT_TRUE(settled());
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    expectAlternation(lab.cetLog());
 }
 
 } // namespace
