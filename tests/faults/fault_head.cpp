@@ -392,26 +392,31 @@ void FaultyHead::goOnABit()
 std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
 {
     const std::regex form("\\[\\w+:[0-9]+\\]: (.*)");
-    std::vector<std::string> texts;
-    std::istringstream console(lab.ptzdLog().substr(consoleFrom));
-    std::vector<std::string> logged;
-    std::smatch match;
-    for (std::string line; std::getline(console, line);) {
-        if (std::regex_match(line, match, form)) {
-            texts.push_back(match[1]);
-            logged.push_back(match[1]);
-        } else {
-            texts.push_back(line); // of the C library, on standard error only
-        }
-    }
-    std::vector<std::string> entries;
-    std::istringstream log(lab.messageLog().substr(logFrom));
     const std::string tag = " 5 PTZD: ";
-    for (std::string line; std::getline(log, line);)
-        if (const size_t at = line.find(tag); at != std::string::npos)
-            entries.push_back(line.substr(at + tag.size()));
-    std::sort(logged.begin(), logged.end());
-    std::sort(entries.begin(), entries.end());
+    std::vector<std::string> texts;
+    std::vector<std::string> logged;
+    std::vector<std::string> entries;
+    const auto alike = [&] {
+        texts.clear();
+        logged.clear();
+        entries.clear();
+        std::istringstream console(lab.ptzdLog().substr(consoleFrom));
+        std::smatch match;
+        for (std::string line; std::getline(console, line);) {
+            const bool ours = std::regex_match(line, match, form); // else the C library's, on standard error only
+            texts.push_back(ours ? match[1].str() : line);
+            if (ours)
+                logged.push_back(match[1]);
+        }
+        std::istringstream log(lab.messageLog().substr(logFrom));
+        for (std::string line; std::getline(log, line);)
+            if (const size_t at = line.find(tag); at != std::string::npos)
+                entries.push_back(line.substr(at + tag.size()));
+        std::sort(logged.begin(), logged.end());
+        std::sort(entries.begin(), entries.end());
+        return logged == entries;
+    };
+    (void)waitUntil(alike, 1s); // a thread may be between the two
     EXPECT_EQ(logged, entries) << "console and message log differ";
     std::sort(texts.begin(), texts.end());
     return texts;
