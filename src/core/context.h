@@ -204,7 +204,8 @@ struct UbusState {
     Mutex BusLock{LockRank::Bus};
     ubus_context* gUbusctx = nullptr;
     blob_buf replyBuf{};
-    blob_buf notifyBuf{}; // used under MotionStateLock
+    bool replyComplete = false; // whether replyBuf holds all that was added to it
+    blob_buf notifyBuf{};       // used under MotionStateLock
     int32_t ubusConnectAttempts = 0;
     uloop_timeout reconnectTimeout{};
     CallQueue callQueue;

@@ -6,8 +6,6 @@
 
 namespace {
 
-bool complete = false; // whether the reply holds all that was added to it; event loop only
-
 int replyWith(const char* name, ubus_context* connection, ubus_request_data* request, int32_t code)
 {
     replyBegin();
@@ -19,12 +17,13 @@ int replyWith(const char* name, ubus_context* connection, ubus_request_data* req
 
 void replyBegin()
 {
-    complete = blob_buf_init(&gContext.ubus.replyBuf, 0) == 0;
+    gContext.ubus.replyComplete = blob_buf_init(&gContext.ubus.replyBuf, 0) == 0;
 }
 
 void replyAddInt(const char* name, int32_t value)
 {
-    complete = complete && blobmsg_add_u32(&gContext.ubus.replyBuf, name, static_cast<uint32_t>(value)) == 0;
+    gContext.ubus.replyComplete = gContext.ubus.replyComplete &&
+                                  blobmsg_add_u32(&gContext.ubus.replyBuf, name, static_cast<uint32_t>(value)) == 0;
 }
 
 void replyAddDecimal(const char* name, int64_t value)
@@ -36,20 +35,20 @@ void replyAddDecimal(const char* name, int64_t value)
 
 void replyAddText(const char* name, const char* text)
 {
-    complete = complete && addString(gContext.ubus.replyBuf, name, text);
+    gContext.ubus.replyComplete = gContext.ubus.replyComplete && addString(gContext.ubus.replyBuf, name, text);
 }
 
 void* replyOpenTable(const char* name)
 {
-    void* table = complete ? blobmsg_open_table(&gContext.ubus.replyBuf, name) : nullptr;
-    complete = table != nullptr;
+    void* table = gContext.ubus.replyComplete ? blobmsg_open_table(&gContext.ubus.replyBuf, name) : nullptr;
+    gContext.ubus.replyComplete = table != nullptr;
     return table;
 }
 
 void* replyOpenArray(const char* name)
 {
-    void* array = complete ? blobmsg_open_array(&gContext.ubus.replyBuf, name) : nullptr;
-    complete = array != nullptr;
+    void* array = gContext.ubus.replyComplete ? blobmsg_open_array(&gContext.ubus.replyBuf, name) : nullptr;
+    gContext.ubus.replyComplete = array != nullptr;
     return array;
 }
 
@@ -66,14 +65,14 @@ bool addString(blob_buf& buffer, const char* name, const char* text)
 
 int replySend(ubus_context* connection, ubus_request_data* request)
 {
-    if (!complete) {
+    if (!gContext.ubus.replyComplete) {
         replyBegin(); // half an answer would mean something else; the code alone needs less memory
         replyAddInt("error_code", ERR_DEVICE);
     }
+    if (!gContext.ubus.replyComplete)
+        return 0;
     const BusGuard hold;
-    if (complete)
-        (void)busSendReply(connection, request,
-                           gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
+    (void)busSendReply(connection, request, gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
     return 0;
 }
 
