@@ -189,16 +189,6 @@ struct ImageState {
     std::atomic<int32_t> imageFlipType{0}; // 0..3, row of FlipSignTable
 };
 
-struct WaitingCall;
-
-/// Owner: ubus/call_queue; event loop only.
-struct CallQueue {
-    WaitingCall* first = nullptr;
-    WaitingCall* last = nullptr;
-    size_t bytes = 0;
-    uloop_timeout turn{};
-};
-
 /// Owner: ubus/. All but notifyBuf belongs to the event loop's thread.
 struct UbusState {
     Mutex BusLock{LockRank::Bus};
@@ -208,7 +198,6 @@ struct UbusState {
     blob_buf notifyBuf{};       // used under MotionStateLock
     int32_t ubusConnectAttempts = 0;
     uloop_timeout reconnectTimeout{};
-    CallQueue callQueue;
 };
 
 struct UciPackage {

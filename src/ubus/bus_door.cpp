@@ -70,16 +70,6 @@ int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr
     return ubus_send_reply(connection, request, message);
 }
 
-void busDefer(ubus_context* connection, ubus_request_data* request, ubus_request_data* later)
-{
-    ubus_defer_request(connection, request, later);
-}
-
-void busCompleteDeferred(ubus_context* connection, ubus_request_data* later, int status)
-{
-    ubus_complete_deferred_request(connection, later, status);
-}
-
 int busLookupId(ubus_context* connection, const char* path, uint32_t& id)
 {
     id = 0; // a hidden object is answered with success and no id

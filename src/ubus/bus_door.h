@@ -33,13 +33,6 @@ void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
 [[nodiscard]] int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr* message)
     REQUIRES(gContext.ubus.BusLock);
 
-/// Lets a handler return unanswered: `later` stands for the request from then on, until it is completed with the
-/// outcome that the handler would have returned.
-void busDefer(ubus_context* connection, ubus_request_data* request, ubus_request_data* later)
-    REQUIRES(gContext.ubus.BusLock);
-void busCompleteDeferred(ubus_context* connection, ubus_request_data* later, int status)
-    REQUIRES(gContext.ubus.BusLock);
-
 [[nodiscard]] int busLookupId(ubus_context* connection, const char* path, uint32_t& id) REQUIRES(gContext.ubus.BusLock);
 
 /// Sends a request and returns; its callbacks run inside a later busHandle of the same connection.

@@ -16,7 +16,6 @@
 #include "tour/plan.h"
 #include "tour/tour_config.h"
 #include "ubus/bus_door.h"
-#include "ubus/call_queue.h"
 
 #include <span>
 
@@ -38,11 +37,11 @@ const ubus_method ptzdMethods[] = {
     method("getCapa", served<ubusGetMotorCapa>),
     method("getStatus", served<ubusGetMotorStatus>),
     method("updateImageConfig", served<ubusUpdateImageConfig>),
-    method("setConfig", served<enqueued<ubusSetMotorConfig>>, speedPolicy),
+    method("setConfig", served<ubusSetMotorConfig>, speedPolicy),
     method("move", served<ubusMoveMotor>, coordPolicy),
     method("moveTo", served<ubusMoveMotorTo>, coordPolicy),
     method("moveStep", served<ubusMoveMotorStep>, stepPolicy),
-    method("setPowerOffRecover", served<enqueued<ubusSetPowerOffRecover>>, powerOffRecoverPolicy),
+    method("setPowerOffRecover", served<ubusSetPowerOffRecover>, powerOffRecoverPolicy),
     method("stop", served<ubusStopMotorRotate>),
     method("test", served<ubusTestMotorRotate>),
     method("manualCalibrate", served<ubusManualCalibrate>),
@@ -52,14 +51,14 @@ const ubus_method ptzdMethods[] = {
     method("targetTrackBack", served<ubusTargetTrackBack>),
     method("reloadTargetTrackConfig", served<ubusReloadTargetTrackConfig>),
     method("getPresetPage", served<ubusGetPresetPage>, presetPagePolicy),
-    method("setPreset", served<enqueued<ubusSetPreset>>, setPresetPolicy),
-    method("delPreset", served<enqueued<ubusDeletePreset>>, deletePresetPolicy),
+    method("setPreset", served<ubusSetPreset>, setPresetPolicy),
+    method("delPreset", served<ubusDeletePreset>, deletePresetPolicy),
     method("gotoPreset", served<ubusGotoPreset>, gotoPresetPolicy),
-    method("setPresetConfig", served<enqueued<ubusSetPresetConfig>>, presetConfigPolicy),
+    method("setPresetConfig", served<ubusSetPresetConfig>, presetConfigPolicy),
     method("getPresetAll", served<ubusGetPresetAll>),
-    method("clearPreset", served<enqueued<ubusClearPreset>>),
+    method("clearPreset", served<ubusClearPreset>),
     method("reloadPresetConfig", served<ubusReloadPresetConfig>),
-    method("set_plan_config", served<enqueued<plan_modify_plan>>, planPolicy),
+    method("set_plan_config", served<plan_modify_plan>, planPolicy),
     method("reload_tour_info", served<ubusReloadTourInfo>),
     method("reload_scan_tour", served<ubusReloadScanTour>),
     method("startPanorama", served<ubusStartPanorama>),

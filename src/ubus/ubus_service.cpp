@@ -3,7 +3,6 @@
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "ubus/bus_door.h"
-#include "ubus/call_queue.h"
 #include "ubus/method_table.h"
 
 #include <fcntl.h>
@@ -97,7 +96,6 @@ void ubusConnectionLost() REQUIRES(gContext.ubus.BusLock)
         LOG_ERROR("gUbusctx is NULL\n");
         return;
     }
-    callQueueClear();
     if (!reconnect()) {
         LOG_ERROR("failed to reconnect, trying again in %d microseconds\n", RECONNECT_MS);
         uloop_timeout_set(&gContext.ubus.reconnectTimeout, RECONNECT_MS);
@@ -140,7 +138,6 @@ void serve()
 #endif
     uloop_run();
     uloop_fd_delete(&shutdownWake);
-    callQueueClear();
 }
 
 } // namespace

@@ -8,14 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <random>
 #include <thread>
-
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
 
 namespace {
 
@@ -128,31 +125,58 @@ TEST_F(HeadInTheLab, AnswersStopAmidACrowdOfCallers)
     ASSERT_EQ(lab.call("stop"), DONE);
 }
 
-TEST_F(HeadInTheLab, StopsBeforeItStoresWhatWaits)
+TEST_F(HeadInTheLab, ServesTheCallsOfAClientInTheirOrder)
 {
+    using Call = RawCaller::Call;
+    constexpr Call STORING[] = {
+        {"setConfig", R"({"x_speed":"3"})"},          {"setPowerOffRecover", R"({"recover":"1"})"},
+        {"setPreset", R"({"id":"1","name":"gate"})"}, {"delPreset", R"({"id":["1"]})"},
+        {"setPresetConfig", R"({"speed":"0.5"})"},    {"clearPreset", "{}"},
+        {"set_plan_config", R"({"monday":[]})"},
+    };
+    constexpr Call OTHERS[] = {
+        {"getCapa", "{}"},
+        {"getStatus", "{}"},
+        {"checkMotorStatus", "{}"},
+        {"getPresetAll", "{}"},
+        {"getPresetPage", R"({"start":"0","num":"8"})"},
+        {"updateImageConfig", "{}"},
+        {"reloadTargetTrackConfig", "{}"},
+        {"reloadPresetConfig", "{}"},
+        {"reload_tour_info", "{}"},
+        {"reload_scan_tour", "{}"},
+        {"lensMask", "{}"},
+        {"move", R"({"x_coord":"1","y_coord":"0"})"},
+        {"moveTo", R"({"x_coord":"10","y_coord":"0"})"},
+        {"moveStep", R"({"direction":"90"})"},
+        {"stop", "{}"},
+        {"gotoPreset", R"({"id":"1"})"},
+        {"targetTrack", R"({"x_coord":"1","y_coord":"0","x_speed":"1","y_speed":"1"})"},
+        {"targetTrackBack", "{}"},
+        {"startPanorama", "{}"},
+        {"movePanorama", R"({"x_coord":"5","y_coord":"0"})"},
+        {"stopPanorama", "{}"},
+    };
     up();
     RawCaller caller(lab);
-    blob_buf_init(&caller.message, 0);
-    blobmsg_add_json_from_string(&caller.message, R"({"id":"1","name":"waits"})");
-    std::vector<const char*> methods(40, "setPreset");
-    methods.push_back("stop");
-    const std::vector<size_t> order = caller.answered(methods);
-    ASSERT_EQ(order.size(), methods.size());
-    EXPECT_NE(order.back(), methods.size() - 1) << "the stop waited for every commit";
-    std::vector<size_t> stores;
-    std::copy_if(order.begin(), order.end(), std::back_inserter(stores), [](size_t place) { return place < 40; });
-    EXPECT_TRUE(std::is_sorted(stores.begin(), stores.end())) << "storing calls are carried out in their order";
+    const auto order = [](const std::vector<std::string>& answers) {
+        std::string places;
+        for (const std::string& answer : answers)
+            places += answer[0];
+        return places;
+    };
+    for (const Call& store : STORING)
+        for (const Call& other : OTHERS)
+            EXPECT_EQ(order(caller.pipelined(std::array{store, other})), "01") << store.method << ", " << other.method;
 
-    // More than may wait; and then a bus that goes while some do.
-    blobmsg_add_string(&caller.message, "name", std::string(2000, 'x').c_str());
-    const std::vector<size_t> many = caller.answered(std::vector<const char*>(400, "setPreset"));
-    EXPECT_EQ(many.size(), 400U);
-    EXPECT_TRUE(std::is_sorted(many.begin(), many.end()));
-    caller.leave(std::vector<const char*>(100, "clearPreset"));
-    ASSERT_TRUE(lab.stopBus());
-    ASSERT_TRUE(lab.startBus()) << lab.error();
-    EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    // What an inversion does to a client.
+    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    const auto shown = caller.pipelined(std::array{STORING[2], OTHERS[3]});
+    ASSERT_EQ(order(shown), "01");
+    EXPECT_NE(shown[1].find("gate"), std::string::npos) << "a preset that was stored before the list was asked for";
+    const auto gone = caller.pipelined(std::array{STORING[3], Call{"gotoPreset", R"({"id":"1"})"}});
+    ASSERT_EQ(order(gone), "01");
+    EXPECT_EQ(gone[1], R"(1 {"error_code":-64321})") << "goes to a preset that was deleted before";
 }
 
 } // namespace

@@ -3,8 +3,11 @@
 
 #include "head.h"
 
+#include <cstdlib>
+#include <span>
+
 extern "C" {
-#include <libubox/blobmsg.h>
+#include <libubox/blobmsg_json.h>
 #include <libubus.h>
 }
 #undef fallthrough
@@ -40,39 +43,40 @@ public:
         return code;
     }
 
-    /// Sends the calls at once and gives their places in the order of the answers; empty when one has none in time.
-    std::vector<size_t> answered(const std::vector<const char*>& methods)
+    struct Call {
+        const char* method;
+        const char* arguments; // JSON
+    };
+
+    /// Sends the calls at once and gives their replies as text, in the order of the answers, each behind its place
+    /// among the calls: "1 {...}". Fewer when one is not answered in time.
+    std::vector<std::string> pipelined(std::span<const Call> calls)
     {
         struct Sent {
             ubus_request request;
-            std::vector<size_t>* order;
+            std::vector<std::string>* answers;
             size_t place;
         };
-        std::vector<size_t> order;
-        std::vector<Sent> sent(methods.size());
-        for (size_t i = 0; i < methods.size(); ++i) {
-            EXPECT_EQ(ubus_invoke_async(connection_, object_, methods[i], message.head, &sent[i].request), 0);
-            sent[i].order = &order;
+        std::vector<std::string> answers;
+        std::vector<Sent> sent(calls.size());
+        for (size_t i = 0; i < calls.size(); ++i) {
+            blob_buf_init(&message, 0);
+            blobmsg_add_json_from_string(&message, calls[i].arguments);
+            EXPECT_EQ(ubus_invoke_async(connection_, object_, calls[i].method, message.head, &sent[i].request), 0);
+            sent[i].answers = &answers;
             sent[i].place = i;
             sent[i].request.priv = &sent[i];
-            sent[i].request.complete_cb = [](ubus_request* request, int) {
+            sent[i].request.data_cb = [](ubus_request* request, int, blob_attr* reply) {
                 auto* self = static_cast<Sent*>(request->priv);
-                self->order->push_back(self->place);
+                char* text = blobmsg_format_json(reply, true);
+                self->answers->push_back(std::to_string(self->place) + " " + (text ? text : ""));
+                free(text);
             };
             ubus_complete_request_async(connection_, &sent[i].request);
         }
         for (Sent& call : sent)
             EXPECT_EQ(ubus_complete_request(connection_, &call.request, 10000), 0);
-        return order;
-    }
-
-    /// Sends the calls and does not wait for an answer.
-    void leave(const std::vector<const char*>& methods)
-    {
-        for (const char* method : methods) {
-            ubus_request request;
-            EXPECT_EQ(ubus_invoke_async(connection_, object_, method, message.head, &request), 0);
-        }
+        return answers;
     }
 
     blob_buf message{};
