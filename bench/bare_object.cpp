@@ -130,7 +130,6 @@ int setConfigRequests(ubus_context* bus, ubus_object*, ubus_request_data* reques
     const char* text = speed ? blobmsg_get_string(speed) : "4";
     requestBoth(SET_SPEED, static_cast<int32_t>(strtol(text, nullptr, 10)));
     change("x_motor", "speed", text);
-    commit();
     change("y_motor", "speed", text);
     commit();
     code("error_code");

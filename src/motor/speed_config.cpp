@@ -13,21 +13,32 @@ namespace {
 enum SpeedArg { SPEED_PAN = PAN, SPEED_TILT = TILT, SPEED_SUSTAIN, SPEED_ARG_COUNT };
 static_assert(std::size(speedPolicy) == SPEED_ARG_COUNT);
 
-enum class Speed { Set, OutOfRange, NotStored };
-
-/// Hands a speed to the driver, then stores it.
-Speed setSpeed(AxisIndex axis, int32_t speed)
+bool storeSpeed(AxisIndex axis, int32_t speed)
 {
-    const MotorAxis& motor = gContext.axes[axis];
-    if (speed < 1 || speed > motor.max_speed)
-        return Speed::OutOfRange;
+    return cfg_uci_set_int_value(UCI_PTZD, gContext.axes[axis].section, "speed", speed) == 0;
+}
+
+/// Hands a speed to the driver and sets the option. @return false, logged, when the option cannot be set.
+bool setSpeed(AxisIndex axis, int32_t speed)
+{
     (void)motorSetSpeed(axis, speed); // stored all the same: the next calibration tries again
-    // Committed with the option, for each axis: the other axis's device request must not come in between.
     const UciTransaction transaction(UCI_PTZD);
-    if (cfg_uci_set_int_value(UCI_PTZD, motor.section, "speed", speed) != 0)
-        return Speed::NotStored;
-    (void)transaction.commit(); // reported there
-    return Speed::Set;
+    return storeSpeed(axis, speed);
+}
+
+/// Commits on every path, once: a calibration leaves what it corrected to the next commit.
+void commitSpeeds(const int32_t (&set)[AXIS_COUNT])
+{
+    const UciTransaction transaction(UCI_PTZD);
+    // No transaction is held across a device request, so a save on another thread whose commit failed may have
+    // discarded an option meanwhile.
+    for (const AxisIndex axis : {PAN, TILT}) {
+        int32_t stored = 0;
+        const bool there = cfg_uci_get_int_value(UCI_PTZD, gContext.axes[axis].section, "speed", &stored) == 0;
+        if (set[axis] != 0 && (!there || stored != set[axis]))
+            (void)storeSpeed(axis, set[axis]); // it could be set a moment ago
+    }
+    (void)transaction.commit(); // logged there
 }
 
 } // namespace
@@ -48,19 +59,22 @@ int ubusSetMotorConfig(ubus_context* connection, ubus_object*, ubus_request_data
     } else {
         goOn = true;
     }
+    int32_t set[AXIS_COUNT] = {};
     for (const AxisIndex axis : {PAN, TILT}) {
         if (!goOn || !args[axis])
             continue;
-        const Speed done = setSpeed(axis, decimalArg(args[axis]));
-        if (done == Speed::OutOfRange)
+        const int32_t speed = decimalArg(args[axis]);
+        if (speed < 1 || speed > gContext.axes[axis].max_speed) {
             result = ERR_PARAM;
-        if (done == Speed::NotStored) {
+        } else if (setSpeed(axis, speed)) {
+            set[axis] = speed;
+        } else {
             LOG_ERROR("error to set option %s.speed\n", gContext.axes[axis].section);
             goOn = false;
         }
     }
     if (goOn && args[SPEED_SUSTAIN])
         gContext.motion.stepSustainTicks.store(decimalArg(args[SPEED_SUSTAIN]));
-    (void)cfg_uci_commit(UCI_PTZD); // on every path: a calibration leaves what it corrected to the next commit
+    commitSpeeds(set);
     return replyCode(connection, request, result);
 }
