@@ -2,13 +2,11 @@
 
 #include "config/uci_internal.h"
 #include "core/log.h"
+#include "core/numbers.h"
 
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <algorithm>
-#include <limits>
 
 namespace {
 
@@ -18,12 +16,6 @@ int32_t readText(int32_t id, const char* section, const char* option, char (&tex
 {
     text[0] = '\0';
     return cfg_uci_get_string_value(id, section, option, text, sizeof(text));
-}
-
-template <typename T>
-T saturate(long long value)
-{
-    return static_cast<T>(std::clamp<long long>(value, std::numeric_limits<T>::min(), std::numeric_limits<T>::max()));
 }
 
 template <typename T>
@@ -40,7 +32,10 @@ int32_t getInteger(int32_t id, const char* section, const char* option, T* out)
         LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
         return CFG_UCI_FAILED;
     }
-    *out = saturate<T>(value);
+    if constexpr (sizeof(T) == sizeof(int32_t))
+        *out = saturated32(value);
+    else
+        *out = value;
     return 0;
 }
 
@@ -122,7 +117,7 @@ int32_t cfg_uci_get_float_value(int32_t id, const char* section, const char* opt
 int32_t cfg_uci_get_range_int(int32_t id, const char* section, const char* option, int32_t out[2])
 {
     return getRange<int32_t>(id, section, option, out,
-                             [](const char* text) { return saturate<int32_t>(strtoll(text, nullptr, 10)); });
+                             [](const char* text) { return saturated32(strtoll(text, nullptr, 10)); });
 }
 
 int32_t cfg_uci_get_range_float(int32_t id, const char* section, const char* option, float out[2])

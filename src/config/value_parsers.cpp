@@ -1,6 +1,7 @@
 #include "config/value_parsers.h"
 
 #include "core/log.h"
+#include "core/numbers.h"
 
 #include <stdlib.h>
 
@@ -43,8 +44,7 @@ int32_t string_to_int(const char* text, int32_t* out)
         LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
         return -1;
     }
-    *out = static_cast<int32_t>(
-        std::clamp<long long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+    *out = saturated32(value);
     return 0;
 }
 

@@ -1,17 +1,6 @@
 #include "motor/coordinates.h"
 
-#include <algorithm>
-#include <limits>
-
-namespace {
-
-int32_t toWord(int64_t value)
-{
-    return static_cast<int32_t>(
-        std::clamp<int64_t>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
-}
-
-} // namespace
+#include "core/numbers.h"
 
 int32_t flipSign(AxisIndex axis)
 {
@@ -31,13 +20,13 @@ bool withinLimits(AxisIndex axis, int64_t coord)
 int32_t coordToSteps(AxisIndex axis, int32_t coord)
 {
     const MotorAxis& motor = gContext.axes[axis];
-    return toWord(static_cast<int64_t>(coord) * motor.total_steps / motor.range + motor.total_steps / 2);
+    return saturated32(static_cast<int64_t>(coord) * motor.total_steps / motor.range + motor.total_steps / 2);
 }
 
 int32_t stepsToCoord(AxisIndex axis, int32_t steps)
 {
     const MotorAxis& motor = gContext.axes[axis];
-    return toWord(static_cast<int64_t>(motor.range) * steps / motor.total_steps - motor.range / 2);
+    return saturated32(static_cast<int64_t>(motor.range) * steps / motor.total_steps - motor.range / 2);
 }
 
 bool targetSteps(int32_t xCoord, int32_t yCoord, int32_t (&out)[AXIS_COUNT])
@@ -63,8 +52,8 @@ int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position)
     const int64_t high = coordToSteps(axis, CoordLimits[axis].high);
     const int64_t low = coordToSteps(axis, CoordLimits[axis].low);
     if (position + delta > high)
-        return toWord(high - position);
+        return saturated32(high - position);
     if (position + delta < low)
-        return toWord(low - position);
-    return toWord(delta);
+        return saturated32(low - position);
+    return saturated32(delta);
 }

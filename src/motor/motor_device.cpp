@@ -1,10 +1,9 @@
 #include "motor/motor_device.h"
 
+#include "core/numbers.h"
+
 #include <fcntl.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <limits>
 
 namespace {
 
@@ -95,9 +94,8 @@ MotorCommand relativeCommand(int32_t steps, int32_t speed)
 
 MotorCommand targetCommand(const MotorStatus& status, int32_t targetSteps)
 {
-    const int64_t steps = std::clamp<int64_t>(static_cast<int64_t>(targetSteps) - status.position,
-                                              std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max());
-    return {status.reserved, status.speed, static_cast<int32_t>(steps), {status.running, status.direction}};
+    const int32_t steps = saturated32(static_cast<int64_t>(targetSteps) - status.position);
+    return {status.reserved, status.speed, steps, {status.running, status.direction}};
 }
 
 MotorCommand fullSpeedCommand(AxisIndex axis, const MotorStatus& status, int32_t targetSteps)

@@ -1,6 +1,7 @@
 #include "motor/motor_report.h"
 
 #include "core/log.h"
+#include "core/numbers.h"
 #include "core/shutdown.h"
 #include "motor/calibration.h"
 #include "motor/coordinates.h"
@@ -20,7 +21,10 @@ bool makesSense(const MotorCapability& capability)
 
 void addSpeed(const char* name, AxisIndex axis, const MotorStatus& status)
 {
-    replyAddDecimal(name, static_cast<int64_t>(status.speed) * flipSign(axis) * status.direction * status.running);
+    // A driver may say anything in these three; each product is cut to 32 bits.
+    const int32_t signedSpeed = saturated32(static_cast<int64_t>(status.speed) * flipSign(axis));
+    const int32_t directed = saturated32(static_cast<int64_t>(signedSpeed) * status.direction);
+    replyAddDecimal(name, saturated32(static_cast<int64_t>(directed) * status.running));
 }
 
 } // namespace

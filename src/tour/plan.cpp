@@ -2,13 +2,13 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "core/numbers.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
-#include <limits>
 
 namespace {
 
@@ -94,8 +94,7 @@ PlanEntryName planEntryName(int day, int number)
 int32_t planPresetId(const PlanEntry& entry)
 {
     const long long id = strtoll(actionText(entry).text, nullptr, 10);
-    return static_cast<int32_t>(
-        std::clamp<long long>(id, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+    return saturated32(id);
 }
 
 bool plan_check_plan_list(const PlanEntry* table, int32_t expected)

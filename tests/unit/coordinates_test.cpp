@@ -1,7 +1,6 @@
-#include "fakes/fake_surroundings.h"
+#include "fakes/stored_head.h"
 #include "motor/coordinates.h"
-
-#include <gtest/gtest.h>
+#include "motor/motor_report.h"
 
 #include <limits>
 
@@ -50,6 +49,14 @@ TEST_F(Coordinates, RelativeStepsAreCutAtTheLimitsWhichIncludeBothEnds)
     gContext.axes[PAN].total_steps = std::numeric_limits<int32_t>::max();
     gContext.axes[PAN].range = 1;
     EXPECT_EQ(coordToSteps(PAN, std::numeric_limits<int32_t>::min()), std::numeric_limits<int32_t>::min());
+}
+
+TEST_F(StoredHead, ShowsTheNearestSpeedThatExistsForADriversNonsense)
+{
+    constexpr int32_t MOST = std::numeric_limits<int32_t>::max();
+    fakeMotor.status[PAN] = {0, MOST, 0, MOST, MOST};
+    fakeMotor.status[TILT] = {0, MOST, 0, MOST, -MOST};
+    EXPECT_NE(call(ubusGetMotorStatus).find(R"("x_speed":"2147483647","y_speed":"-2147483648")"), std::string::npos);
 }
 
 } // namespace
