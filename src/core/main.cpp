@@ -8,10 +8,28 @@
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 
+#include <fcntl.h>
 #include <stdio.h>
+#include <unistd.h>
+
+namespace {
+
+/// Opens what is closed of the descriptors 0 to 2, so that no socket or pipe of ours becomes the standard output.
+void openStandardDescriptors()
+{
+    int lowest = 0;
+    do
+        lowest = open("/dev/null", O_RDWR);
+    while (lowest >= 0 && lowest <= STDERR_FILENO);
+    if (lowest > STDERR_FILENO)
+        close(lowest);
+}
+
+} // namespace
 
 int main()
 {
+    openStandardDescriptors();
     setvbuf(stdout, nullptr, _IOLBF, 0); // whole lines, also into a pipe or a file
     if (shutdownInit() != 0) {
         perror("pipe2");

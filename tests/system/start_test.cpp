@@ -1,6 +1,7 @@
 // Starts that fail in ways of their own, and how the daemon ends.
 
 #include "head.h"
+#include "lab_paths.h"
 
 #include <sys/wait.h>
 
@@ -91,6 +92,20 @@ TEST_F(Start, GivesUpWithoutABusAndSaysSoOnTheConsole)
     fs::remove(lab.folder() + "/dev/console");
     expectFailedStart("ubus error.");
     EXPECT_TRUE(reported("ubusInit", "UBUS: open console file(/dev/console) failed."));
+}
+
+// Else the first of its own descriptors would become the standard output, and the console's lines go into it.
+TEST_F(Start, WorksWithoutStandardInputAndOutput)
+{
+    const std::string wrapper = lab.folder() + "/closed";
+    std::ofstream(wrapper) << "#!/bin/sh\nexec '" << LAB_PTZD << "' <&- >&-\n";
+    fs::permissions(wrapper, fs::perms::owner_all);
+    LabOptions options = fastHead();
+    options.ptzd = wrapper;
+    up(options);
+    EXPECT_EQ(lab.call("moveTo"), REFUSED_PARAM); // which writes to the console
+    goTo(30, 0);
+    EXPECT_NE(lab.messageLog().find("Invalied parameter."), std::string::npos);
 }
 
 TEST_F(Start, SkipsTheRotationsInFactoryMode)
