@@ -70,7 +70,7 @@ ResultCode readRequest(const blob_attr* const (&args)[SET_ARG_COUNT], PresetRequ
     wanted.name = textArg(args[SET_NAME]);
     if (strlen(wanted.name) >= PRESET_NAME_SIZE)
         return ERR_NAME_LENGTH;
-    return strchr(wanted.name, '\n') || !presetNameStorable(wanted.name) ? ERR_PARAM : RESULT_OK;
+    return strchr(wanted.name, '\n') ? ERR_PARAM : RESULT_OK; // others that cannot be stored fail when they are
 }
 
 /// The id where none is given, and the slot: the id's own, else the first free one.

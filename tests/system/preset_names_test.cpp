@@ -72,15 +72,17 @@ const std::string ACCEPTED[] = {
     "0",
 };
 
+// For the third place, whose name is TWICE then.
+constexpr const char* TWICE = R"("it's \"quoted\" ''twice''")";
+const std::string NOT_STORED = std::string(R"({"name":)") + TWICE + R"(,"id":"3","error_code":-64301})";
 const struct {
     const char* name;
-    const char* reply;
+    std::string reply;
 } REFUSED[] = {
-    {"", R"({"error_code":-64302})"},
     {"a\nb", R"({"error_code":-64302})"},
-    {"\x01", R"({"error_code":-64302})"},
-    {"bell\a", R"({"error_code":-64302})"},
-    {"\x1b[2J", R"({"error_code":-64302})"},
+    {"\x01", NOT_STORED}, // the store holds no control characters but tab and carriage return
+    {"bell\a", NOT_STORED},
+    {"\x1b[2J", NOT_STORED},
     {"123456789012345678901234567890123", R"({"error_code":-64308})"},       // 33 bytes
     {"1234567890123456789012345678901\xc3\xbc", R"({"error_code":-64308})"}, // the limit cuts a character
     {"12345678901234567890123456789\xf0\x9f\x9a\xaa", R"({"error_code":-64308})"},
@@ -113,11 +115,24 @@ TEST_F(PresetNames, AreStoredExactlyOrRefused)
         if (id == 8)
             restartShows();
     }
+    shown[2] = TWICE;
+    EXPECT_EQ(set(3, ACCEPTED[1]), std::string(R"({"name":)") + TWICE + R"(,"id":"3","error_code":0})");
     const std::string before = show();
     for (const auto& [name, reply] : REFUSED)
         EXPECT_EQ(set(3, name), reply) << quoted(name);
+    EXPECT_TRUE(reported("savePresetList", "error to set option preset_3.name"));
     EXPECT_EQ(show(), before);
     restartShows();
+
+    // An empty name is stored as none, which is read as the section's.
+    EXPECT_EQ(set(3, ""), R"({"name":"","id":"3","error_code":0})");
+    EXPECT_EQ(lab.uciGet("ptzd.preset_3.name"), std::nullopt);
+    shown[2] = R"("")";
+    EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]");
+    ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
+    ASSERT_TRUE(lab.startPtzd()) << lab.error();
+    shown[2] = R"("preset_3")";
+    EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]");
 }
 
 // What stands in the file may have been written by hand: in other quotes, over two lines, without any quotes.
