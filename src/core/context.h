@@ -72,12 +72,20 @@ struct MotionState {
     std::atomic<int32_t> stepSustainTicks{1000};         // length of a step; owner: motor/speed_config
 };
 
+/// Whether the head's position may be stored.
+enum class Saves : int32_t {
+    Allowed,
+    Inhibited,     // the head is in the lens mask's zone, or may be
+    AllowedAtRest, // it is on its way out of there
+};
+
 /// Owner: motor/position_store.
 struct PositionState {
     std::atomic<int32_t> power_off_recover{1};
     std::atomic<uint32_t> saveRequests{0}; // counts the armings of saveStepsTimer
     std::atomic<bool> savePending{false};  // armed and not saved yet
-    std::atomic<uint32_t> saveEpoch{0};    // this and the two below: see position_store.cpp
+    std::atomic<Saves> saves{Saves::Allowed};
+    std::atomic<uint32_t> saveEpoch{0}; // this and the two below: see position_store.cpp
     std::atomic<uint32_t> savesBegun{0};
     uint32_t lastSaved = 0; // under ConfigStoreLock
 };

@@ -109,7 +109,7 @@ int32_t PtzdInit()
     }
     if (lensMaskEnabled() != 0) {
         calibrationSetTarget(TILT, lensMaskTiltSteps());
-        (void)savesBar(); // the stored position is the one from before
+        (void)savesInhibit(); // the stored position is the one from before
     }
     if (calibrationStart() != 0) {
         LOG_ERROR("motor calibrate failed\n");

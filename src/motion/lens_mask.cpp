@@ -55,28 +55,34 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
     motionBegin(MotionBegin::LensMask);
     int32_t target[AXIS_COUNT] = {status[PAN].position, lensMaskTiltSteps()};
     if (wanted != 0) {
-        // No save may put the mask's position over the one stored here. Barring and storing are one transaction, and a
-        // save decides inside its own: one that comes before is overwritten here, and one that comes after finds the
-        // bar, whenever it looked at the head. Only another motion lifts the bar: a mask that is switched on again
-        // before the head is back, or after half of its motion failed, stores nothing either.
+        // No save may put the mask's position over the one stored here. Inhibiting and storing are one transaction, and
+        // a save decides inside its own: one that comes before is overwritten here, and one that comes after finds
+        // saves inhibited, whenever it looked at the head. A mask that is switched on again before the head is back, or
+        // after half of its motion failed, stores nothing either.
         const UciTransaction transaction(UCI_PTZD);
-        if (savesBar()) {
+        if (savesInhibit()) {
             for (const AxisIndex axis : {PAN, TILT}) {
                 const char* section = gContext.axes[axis].section;
                 if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", status[axis].position) != 0)
                     LOG_ERROR("error to set option %s.steps\n", section);
             }
         }
-        (void)transaction.commit(); // reported there; the lens is hidden all the same
+        (void)transaction.commit(); // logged there; the lens is hidden all the same
     } else {
-        for (const AxisIndex axis : {PAN, TILT})
-            if (!storedOrHomeSteps(axis, target[axis]))
+        const StoredPosition stored = storedPosition();
+        for (const AxisIndex axis : {PAN, TILT}) {
+            target[axis] = stored.axes[axis].steps;
+            if (!stored.axes[axis].read)
                 LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+        }
     }
     result =
         driveAxes(fullSpeedCommand(PAN, status[PAN], target[PAN]), fullSpeedCommand(TILT, status[TILT], target[TILT]));
-    motionStarted();
-    if (result == RESULT_OK)
+    if (result == RESULT_OK) {
         lensMaskSetEnabled(wanted);
+        if (wanted == 0)
+            savesAllowAtRest();
+    }
+    motionStarted(); // only now may the status poll see the head rest
     return replyErrCode(connection, request, result);
 }

@@ -27,7 +27,7 @@ ResultCode goToStart()
     MotorStatus tilt{};
     if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
         return result;
-    saveCurSteps(nullptr);
+    saveNowAndDisarm();
     return beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
                          fullSpeedCommand(TILT, tilt, target[TILT]));
 }
@@ -77,12 +77,12 @@ int ubusStopPanorama(ubus_context* connection, ubus_object*, ubus_request_data* 
     MotorStatus tilt{};
     ResultCode result = motionTakeOver(pan, tilt);
     if (result == RESULT_OK) {
-        int32_t target[AXIS_COUNT] = {};
+        const StoredPosition target = storedPosition();
         for (const AxisIndex axis : {PAN, TILT})
-            if (!storedOrHomeSteps(axis, target[axis]))
+            if (!target.axes[axis].read)
                 LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
-        result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
-                               fullSpeedCommand(TILT, tilt, target[TILT]));
+        result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target.axes[PAN].steps),
+                               fullSpeedCommand(TILT, tilt, target.axes[TILT].steps));
     }
     gContext.panorama.panoramaRunning.store(0);
     return replyCode(connection, request, result);

@@ -53,8 +53,9 @@ ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
     if (pan.running != 0 || tilt.running != 0)
         return ERR_CALIBRATING;
     const int32_t origin = gContext.motion.motion_origin.load();
-    if (origin == ORIGIN_USER || origin == ORIGIN_TOUR)
-        saveCurSteps(nullptr);
+    // Also where a user's command took over an earlier tracking motion, whose origin stayed.
+    if (origin == ORIGIN_USER || origin == ORIGIN_TOUR || gContext.position.savePending.load())
+        saveNowAndDisarm();
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, pan, tilt, steps);
         result != RESULT_OK)

@@ -89,6 +89,7 @@ void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
 void settleActive() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.motion_active.store(0);
+    savesHeadRests();
     const int32_t origin = gContext.motion.motion_origin.load();
     motorNotifyState(NOTIFY_IDLE, origin);
     if (origin != ORIGIN_TOUR)
@@ -134,6 +135,7 @@ void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
     gContext.motion.motion_origin.store(ORIGIN_USER);
     motorNotifyState(NOTIFY_IDLE, ORIGIN_USER);
     gContext.motion.motion_active.store(0);
+    savesHeadRests();
     countAsUserMotion();
     quietPeriodsStart();
 }
@@ -191,8 +193,6 @@ ResultCode motionTakeOver(MotorStatus& pan, MotorStatus& tilt)
 
 void motionBegin(MotionBegin variant)
 {
-    if (variant != MotionBegin::LensMask && lensMaskEnabled() == 0)
-        savesAllow(); // the head leaves the mask's position, should it stand there
     {
         LockGuard hold(gContext.motion.MotionStateLock);
         startOpened();
@@ -217,6 +217,8 @@ void motionBegin(MotionBegin variant)
             beginCalibration();
             break;
         }
+        if (variant != MotionBegin::LensMask && lensMaskEnabled() == 0)
+            savesAllowAtRest();
     }
     if (variant != MotionBegin::Step)
         stepMoveCancel(); // again: a tour's step may have begun since the halt
@@ -236,6 +238,7 @@ bool motionBeginStep(uint32_t generation)
         // from now on settles it.
         gContext.motion.startsSeen.fetch_add(START_EVENT);
         beginUser();
+        savesAllowAtRest();
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;

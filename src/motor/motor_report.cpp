@@ -50,7 +50,7 @@ int32_t motorInit(AxisIndex axis)
     motor.total_steps = capability.total_steps;
     int32_t returnSteps = homeSteps(axis);
     if (gContext.position.power_off_recover.load() != 0)
-        (void)storedOrHomeSteps(axis, returnSteps); // none stored: home
+        returnSteps = storedSteps(axis).steps; // none stored: home
     calibrationSetTarget(axis, returnSteps);
     return 0;
 }

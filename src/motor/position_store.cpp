@@ -11,14 +11,56 @@
 
 namespace {
 
-// A save decides inside its transaction whether what it has read still counts. It does not when saves have been barred
-// since: saveEpoch is odd while they are, and changes with each bar. Nor when a save that began later has stored its
-// position: savesBegun counts them, and lastSaved is the one whose position is stored.
-constexpr uint32_t EPOCH_BARRED = 1;
+// A save decides inside its transaction whether what it has read still counts. It does not when a command has taken the
+// head since to where no position may be stored: each such command changes saveEpoch. Nor when a save that began later
+// has stored its position: savesBegun counts them, and lastSaved is the one whose position is stored.
 
-bool barred(uint32_t epoch)
+/// What a save has seen before it reads the axes.
+struct SaveTicket {
+    uint32_t epoch = gContext.position.saveEpoch.load();
+    uint32_t requests = gContext.position.saveRequests.load();
+    uint32_t number = gContext.position.savesBegun.fetch_add(1) + 1;
+};
+
+bool maySave()
 {
-    return (epoch & EPOCH_BARRED) != 0;
+    return gContext.position.saves.load() == Saves::Allowed && gContext.motion.calibrating.load() == 0;
+}
+
+void disarm()
+{
+    gContext.position.savePending.store(false);
+    timerStop(&gContext.timers.saveStepsTimer);
+}
+
+/// Stores both positions, if both axes rest and the ticket still counts then; disarms saveStepsTimer.
+void save(const SaveTicket& ticket)
+{
+    if (!maySave())
+        return;
+    MotorStatus pan{};
+    MotorStatus tilt{};
+    if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
+        return;
+    const UciTransaction transaction(UCI_PTZD);
+    if (!maySave() || gContext.position.saveEpoch.load() != ticket.epoch ||
+        static_cast<int32_t>(ticket.number - gContext.position.lastSaved) < 0)
+        return;
+    gContext.position.lastSaved = ticket.number;
+    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
+            logWrite(LOG_LEVEL_ERROR, "saveCurSteps", __LINE__, "error to set option %s.steps\n", section);
+    }
+    (void)transaction.commit(); // logged there; the next motion saves again
+    disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this
+    // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
+    if (gContext.position.saveRequests.load() != ticket.requests) {
+        gContext.position.savePending.store(true);
+        timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
+    }
+    LOG_TRACE("saveCurSteps end\n");
 }
 
 /// Ends the tracking episode, whether the head can return or not.
@@ -35,70 +77,61 @@ void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
 
 } // namespace
 
-bool savesBar()
+bool savesInhibit()
 {
-    gContext.position.savePending.store(false);
-    timerStop(&gContext.timers.saveStepsTimer);
-    return !barred(gContext.position.saveEpoch.fetch_or(EPOCH_BARRED));
+    disarm();
+    gContext.position.saveEpoch.fetch_add(1);
+    return gContext.position.saves.exchange(Saves::Inhibited) == Saves::Allowed;
 }
 
-void savesAllow()
+void savesAllowAtRest()
 {
-    uint32_t epoch = gContext.position.saveEpoch.load();
-    while (barred(epoch) && !gContext.position.saveEpoch.compare_exchange_weak(epoch, epoch + EPOCH_BARRED)) {
-    }
+    Saves inhibited = Saves::Inhibited;
+    gContext.position.saves.compare_exchange_strong(inhibited, Saves::AllowedAtRest);
+}
+
+void savesHeadRests()
+{
+    Saves moving = Saves::AllowedAtRest;
+    gContext.position.saves.compare_exchange_strong(moving, Saves::Allowed);
 }
 
 void saveStepsArm()
 {
-    savesAllow(); // where a user's command has taken the head, it may come back to
     if (gContext.position.power_off_recover.load() == 0)
         return;
     gContext.position.savePending.store(true);
-    gContext.position.saveRequests.fetch_add(1); // before the timer: see saveCurSteps
+    gContext.position.saveRequests.fetch_add(1); // before the timer: see save
     timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
 }
 
 void saveCurSteps(void*)
 {
-    if (gContext.motion.calibrating.load() != 0)
-        return; // what the driver reports between two rotations is no position to come back to
-    const uint32_t requestsBefore = gContext.position.saveRequests.load();
-    const uint32_t epochBefore = gContext.position.saveEpoch.load();
-    const uint32_t self = gContext.position.savesBegun.fetch_add(1) + 1;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
-        return;
-    const UciTransaction transaction(UCI_PTZD);
-    if (barred(epochBefore) || gContext.position.saveEpoch.load() != epochBefore ||
-        static_cast<int32_t>(self - gContext.position.lastSaved) < 0)
-        return;
-    gContext.position.lastSaved = self;
-    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
-    for (const AxisIndex axis : {PAN, TILT}) {
-        const char* section = gContext.axes[axis].section;
-        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            LOG_ERROR("error to set option %s.steps\n", section);
-    }
-    (void)transaction.commit(); // reported there; the next motion saves again
-    // Still inside the transaction: a bar that comes now disarms the timer after this.
-    gContext.position.savePending.store(false);
-    timerStop(&gContext.timers.saveStepsTimer);
-    // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
-    if (gContext.position.saveRequests.load() != requestsBefore) {
-        gContext.position.savePending.store(true);
-        timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
-    }
-    LOG_TRACE("saveCurSteps end\n");
+    const SaveTicket ticket; // before the question: saveNowAndDisarm changes the epoch behind it
+    if (gContext.position.savePending.load())
+        save(ticket);
 }
 
-bool storedOrHomeSteps(AxisIndex axis, int32_t& out)
+void saveNowAndDisarm()
 {
+    save({});
+    const UciTransaction transaction(UCI_PTZD); // a save that has read the axes is through, or finds the new epoch
+    disarm();
+    gContext.position.saveEpoch.fetch_add(1);
+}
+
+StoredSteps storedSteps(AxisIndex axis)
+{
+    const UciTransaction transaction(UCI_PTZD);
     int32_t steps = -1;
     const bool read = cfg_uci_get_int_value(UCI_PTZD, gContext.axes[axis].section, "steps", &steps) == 0;
-    out = steps < 0 ? homeSteps(axis) : steps;
-    return read;
+    return {steps < 0 ? homeSteps(axis) : steps, read};
+}
+
+StoredPosition storedPosition()
+{
+    const UciTransaction transaction(UCI_PTZD);
+    return {{storedSteps(PAN), storedSteps(TILT)}};
 }
 
 // Reports under its own name, so the reads of both axes stand here.
@@ -108,9 +141,9 @@ ResultCode moveToLastPostion()
     if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
         return busy;
 
-    int32_t target[AXIS_COUNT] = {};
+    const StoredPosition target = storedPosition();
     for (const AxisIndex axis : {PAN, TILT}) {
-        if (!storedOrHomeSteps(axis, target[axis])) {
+        if (!target.axes[axis].read) {
             LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
             return ERR_DEVICE;
         }
@@ -136,8 +169,8 @@ ResultCode moveToLastPostion()
         LOG_TRACE("motor just moved by user, need not move to last position.\n");
         return RESULT_OK;
     }
-    const MotorCommand panCommand = targetCommand(pan, target[PAN]);
-    const MotorCommand tiltCommand = targetCommand(tilt, target[TILT]);
+    const MotorCommand panCommand = targetCommand(pan, target.axes[PAN].steps);
+    const MotorCommand tiltCommand = targetCommand(tilt, target.axes[TILT].steps);
     if (panCommand.steps == 0 && tiltCommand.steps == 0) {
         LOG_TRACE("here is the same as last postion\n");
         return RESULT_OK;

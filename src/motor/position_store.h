@@ -10,28 +10,51 @@
 inline constexpr int64_t SAVE_STEPS_NS = 10 * NS_PER_SECOND;
 inline constexpr blobmsg_policy powerOffRecoverPolicy[] = {{"recover", BLOBMSG_TYPE_STRING}};
 
-/// Arms or re-arms saveStepsTimer when power-off recovery is on, after a command of a user; allows saves again. Thread:
-/// event loop; no lock.
+/// Arms or re-arms saveStepsTimer when power-off recovery is on, after a command of a user. Thread: event loop; no
+/// lock.
 void saveStepsArm();
 
-/// Bars saves and disarms saveStepsTimer, before the head goes where it must not come back to. Called inside a
-/// transaction of package ptzd: a save that looked at the head before, or looks at it from now on, has no effect.
-/// @return false when they were barred already: then the head may stand there, and what is stored is to stay.
+/// Inhibits saves and disarms saveStepsTimer, before the head goes into the lens mask's zone. Called inside a
+/// transaction of package ptzd: a save that has read the axes before, or reads them from now on, has no effect.
+/// @return false when no position could be stored before either: then the head may be in that zone, and what is stored
+/// is to stay.
 /// Thread: event loop.
-[[nodiscard]] bool savesBar();
+[[nodiscard]] bool savesInhibit();
 
-/// Allows saves again: while the mask is off every begin step of a command but the lens mask's does, and every command
-/// of a user; a tour's does not, as it may leave one axis where it stands. Any thread; no lock.
-void savesAllow();
+/// Ends the inhibition once the head rests. A mask that is switched off does so, and every begin step of a command
+/// while the mask is off: it leads out of the zone where a mask that failed has left the head. A tour's begin step does
+/// not, as a scan leaves tilt where it is. Harmless while saves are allowed. Called while no status poll can take the
+/// head's rest for the end of the motion. Any thread; no lock.
+void savesAllowAtRest();
 
-/// Callback of saveStepsTimer, also called directly: stores both axes' positions when both stand still, and disarms the
-/// timer; otherwise it changes nothing, and the timer tries again. It changes nothing while saves are barred either.
-/// Any thread; takes ConfigStoreLock; hold neither motion lock.
+/// Says that a motion has come to its end. Any thread; no lock.
+void savesHeadRests();
+
+/// Callback of saveStepsTimer: stores both axes' positions when both stand still, and disarms the timer; otherwise it
+/// changes nothing, and the timer tries again. It changes nothing either while saves are inhibited or the head
+/// calibrates, or once the timer has been disarmed. Any thread; takes ConfigStoreLock; hold neither motion lock.
 void saveCurSteps(void* unused);
 
-/// An axis's stored position in steps, or its home where none is stored or it is negative.
-/// @return false when the option cannot be read. Any thread; takes ConfigStoreLock.
-[[nodiscard]] bool storedOrHomeSteps(AxisIndex axis, int32_t& out);
+/// The save of a command that is about to take the head to where it is not to come back to: stores where both axes
+/// stand still, under the same conditions, and disarms the timer in any case. Any other save of before has no effect
+/// any more. Thread: event loop; takes ConfigStoreLock.
+void saveNowAndDisarm();
+
+/// Where an axis is to come back to.
+struct StoredSteps {
+    int32_t steps; // its home where none is stored, or a negative one
+    bool read;     // false: the option could not be read
+};
+
+struct StoredPosition {
+    StoredSteps axes[AXIS_COUNT];
+};
+
+/// Of one axis, whose capability is known. Any thread; takes ConfigStoreLock.
+[[nodiscard]] StoredSteps storedSteps(AxisIndex axis);
+
+/// Of both, as one save has left them. Any thread; takes ConfigStoreLock.
+[[nodiscard]] StoredPosition storedPosition();
 
 /// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
 /// when a user has moved the head since.
