@@ -28,6 +28,8 @@ struct LabOptions {
     LabAxisSetting tilt{.range = 122, .max_speed = 8, .total_steps = 1220};
     /// Steps per second for each unit of speed.
     int32_t factor = 250;
+    /// So many status reports behind a STOP of a turning axis still say that it runs: a driver that slows down.
+    int32_t slowdown = 0;
     /// Lab time per real time.
     double clockSpeed = 1;
     /// Local time "YYYY-MM-DD HH:MM:SS" that the wall clock starts with; empty: the machine's wall clock.

@@ -8,7 +8,7 @@
 
 inline constexpr uint32_t LAB_STATE_MAGIC = 0x62616c70;
 /// Grows with every change of the records below; a process refuses a state file of another version.
-inline constexpr uint32_t LAB_STATE_VERSION = 3;
+inline constexpr uint32_t LAB_STATE_VERSION = 4;
 
 /// The lab's time zone, below DIR.
 #define LAB_ZONE_FILE "/etc/localtime"
@@ -77,6 +77,8 @@ struct LabAxisRecord {
     std::atomic<uint32_t> wake;                      // counts what a waiting request must look at
     uint64_t nodeDevice;                             // file system and inode of DIR/dev/x-motor or y-motor
     uint64_t nodeInode;
+    int32_t slowdown;     // so many status reports behind a STOP of a turning axis still say that it runs
+    int32_t slowdownLeft; // of the latest STOP
 };
 
 /// The lab clock from one change on; see clock.h.

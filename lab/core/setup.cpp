@@ -187,6 +187,8 @@ bool Lab::createState(const LabOptions& options)
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisRecord& record = fresh->axes[axis];
         record.slots[record.current.load() & 1] = axisWithoutPower(settings[axis], options.factor, shafts[axis]);
+        record.slowdown = options.slowdown;
+        record.slowdownLeft = 0;
         struct stat node {};
         complete = stat(nodePath(folder_, axis).c_str(), &node) == 0 && complete;
         record.nodeDevice = node.st_dev;

@@ -41,10 +41,12 @@ Words capabilityOf(const LabAxis& axis, const LabFaults& faults)
     return {{axis.range, axis.maxSpeed, axis.totalSteps, 0, 0}};
 }
 
-Words statusOf(const LabAxis& axis, int64_t labNs, const LabFaults& faults)
+Words statusOf(const LabAxis& axis, int64_t labNs, LabAxisRecord& record)
 {
     const LabAxisNow now = axisAt(axis, labNs);
-    return {{0, now.speed, now.count, faults.stuckRunning ? 1 : now.running, now.direction}};
+    const bool slowing = record.slowdownLeft > 0;
+    record.slowdownLeft -= slowing ? 1 : 0;
+    return {{0, now.speed, now.count, slowing || record.faults.stuckRunning ? 1 : now.running, now.direction}};
 }
 
 /// Takes one failure off the account of a request. 0 when it is to succeed, else the errno value.
@@ -100,11 +102,13 @@ Outcome takeEffect(LabState& state, LabAxisId id, unsigned request, Words& words
     const Words in = words;
     const int result = takeFailure(record.faults.requests[request]);
     if (result == 0) {
+        if (writes || request == LAB_STOP)
+            record.slowdownLeft = request == LAB_STOP && axisAt(*edit, edit.labNs()).running ? record.slowdown : 0;
         apply(edit, request, words);
         if (request == LAB_GET_CAPA)
             words = capabilityOf(*edit, record.faults);
         else if (request == LAB_GET_STATUS)
-            words = statusOf(*edit, edit.labNs(), record.faults);
+            words = statusOf(*edit, edit.labNs(), record);
     }
     record.served[request].fetch_add(1);
     appendJournal(

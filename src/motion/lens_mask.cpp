@@ -47,6 +47,8 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
     ResultCode result = RESULT_OK;
     if (nothingToFollow(wanted, result))
         return replyErrCode(connection, request, result);
+    // A mask off that this one halts has not come to rest: saves stay inhibited.
+    const MotionStartScope start;
     MotorStatus status[AXIS_COUNT] = {};
     result = motionTakeOver(status[PAN], status[TILT]);
     if (result != RESULT_OK)

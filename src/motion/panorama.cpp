@@ -23,6 +23,7 @@ ResultCode goToStart()
     int32_t target[AXIS_COUNT];
     if (!targetSteps(START_X, START_Y, target))
         return ERR_PARAM;
+    const MotionStartScope start; // a mask off that is halted here has not come to rest, so nothing is stored
     MotorStatus pan{};
     MotorStatus tilt{};
     if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)

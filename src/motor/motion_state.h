@@ -92,6 +92,22 @@ void motionTourStarted(bool overtaken) EXCLUDES(gContext.motion.MotionStateLock)
 /// Says that the move requests of a begin step, or after motionStarting, have been sent. Any thread; no lock.
 void motionStarted();
 
+/// motionStarting and motionStarted for the length of a scope, which a command's halt and begin step lie in: what it
+/// halts does not come to its end in between. Any thread; no lock.
+class MotionStartScope {
+public:
+    MotionStartScope()
+    {
+        motionStarting();
+    }
+    ~MotionStartScope()
+    {
+        motionStarted();
+    }
+    MotionStartScope(const MotionStartScope&) = delete;
+    MotionStartScope& operator=(const MotionStartScope&) = delete;
+};
+
 /// Sends a move request to pan and then to tilt, both in any case. @return ERR_DEVICE when either failed.
 [[nodiscard]] ResultCode driveAxes(const MotorCommand& pan, const MotorCommand& tilt);
 

@@ -55,7 +55,9 @@ std::string HeadModel::expect(const Step& step, const std::string& reply, int64_
     while (evidence_.at < evidence_.entries.size() && evidence_.entries[evidence_.at].labNs < calledNs)
         judgeThread(evidence_.entries[evidence_.at++]);
     motions.follow(calledNs);
+    seeRest();
     calledNs_ = calledNs;
+    reply_ = reply;
 
     const size_t colon = reply.find("_code\":");
     require(colon != std::string::npos, "no code in the reply " + reply);
@@ -241,6 +243,7 @@ Code HeadModel::aimStep(int32_t direction, const std::vector<int32_t>& pan, cons
         return code;
     if (isNew)
         motions.addBegin(true);
+    leavesMask();
     stepMove_ = StepMove::RUNS;
     stepDirection_ = direction;
     armSave();
@@ -252,10 +255,12 @@ Code HeadModel::startPanorama()
     if (const Code code = busy(false))
         return code;
     panorama_ = true;
-    bool done = readStatus() && (!running() || halt());
+    bool done = readStatus();
+    const bool halted = done && running();
+    done = done && (!halted || halt());
     if (done) {
         Reading before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
-        saveNow();
+        saveNow(halted);
         readings_[LAB_PAN] = before[LAB_PAN];
         readings_[LAB_TILT] = before[LAB_TILT];
         begin(Begin::USER);
@@ -316,12 +321,16 @@ Code HeadModel::targetTrack(const Step& step)
     if (running())
         return CODE_CALIBRATING;
     const Reading before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
-    const auto storing = [](int origin) { return origin == ORIGIN_USER || origin == ORIGIN_TOUR; };
-    if (nextIs("GET_STATUS")) {
-        motions.keepOrigin(storing, "the position is stored again in the middle of a tracking");
-        saveNow();
+    const auto ofOthers = [](int origin) { return origin == ORIGIN_USER || origin == ORIGIN_TOUR; };
+    // A save that is due is one of a user's command, whatever origin the motion has kept.
+    if (save || storing != Storing::FREE) {
+        if (save || nextIs("GET_STATUS"))
+            saveNow(false);
+    } else if (nextIs("GET_STATUS")) {
+        motions.keepOrigin(ofOthers, "the position is stored again in the middle of a tracking");
+        saveNow(false);
     } else {
-        motions.keepOrigin(std::not_fn(storing), "the position before a tracking is not stored");
+        motions.keepOrigin(std::not_fn(ofOthers), "the position before a tracking is not stored");
     }
     readings_[LAB_PAN] = before[LAB_PAN];
     readings_[LAB_TILT] = before[LAB_TILT];
@@ -415,15 +424,20 @@ Code HeadModel::lensMask()
         return wanted ? CODE_LENS_MASK : CODE_OK;
     if (!readStatus() || (running() && !halt()))
         return CODE_DEVICE;
-    const bool wasAtMask = atMask_;
+    motions.follow(evidence_.lastOfLoopNs());
+    seeRest();
+    const bool stores = storing == Storing::FREE;
+    // Whether the status poll has just seen the head rest cannot be told.
+    if (wanted && storing == Storing::ONCE_AT_REST && !running())
+        throw Inconclusive{};
     begin(Begin::MASK);
-    atMask_ = wasAtMask || wanted;
     int32_t pan = 0;
     int32_t tilt = 0;
     if (wanted) {
         save.reset();
+        storing = Storing::NEVER;
         for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-            axes[axis].stored = wasAtMask ? axes[axis].stored : position(axis);
+            axes[axis].stored = stores ? position(axis) : axes[axis].stored;
         commit();
         tilt = toSteps(LAB_TILT, MASK_COORDINATE) - position(LAB_TILT);
     } else {
@@ -432,7 +446,10 @@ Code HeadModel::lensMask()
     }
     const Code code = drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, true),
                             command(LAB_TILT, axes[LAB_TILT].made.max_speed, tilt, true));
-    mask_ = code == CODE_OK ? wanted : mask_;
+    if (code != CODE_OK)
+        return code;
+    mask_ = wanted;
+    leavesMask();
     return code;
 }
 
@@ -481,6 +498,7 @@ Code HeadModel::manualCalibrate()
     cancelStep();
     motions.follow(evidence_.lastOfLoopNs());
     atRest = false;
+    leavesMask();
     queueCalibration({toSteps(LAB_PAN, axes[LAB_PAN].home), toSteps(LAB_TILT, axes[LAB_TILT].home)});
     armSave();
     return CODE_OK;

@@ -134,12 +134,13 @@ bool HeadModel::halt()
 /// Every begin is followed by a move request of the same handler.
 void HeadModel::begin(Begin kind)
 {
-    atMask_ = atMask_ && mask_;
     require(nextIs("MOVE"), "a move request is missing");
     const int64_t from = evidence_.lastOfLoopNs();
     atRest = false;
     cancelStep();
     motions.begin(kind, from, evidence_.entries[evidence_.nextOfLoop()].labNs);
+    if (kind != Begin::MASK)
+        leavesMask();
 }
 
 Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt)
@@ -149,9 +150,23 @@ Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t
     return panMoves && tiltMoves ? CODE_OK : CODE_DEVICE;
 }
 
+/// A command takes the head somewhere else; out of the zone of a mask that is not on.
+void HeadModel::leavesMask()
+{
+    if (mask_ || storing != Storing::NEVER)
+        return;
+    storing = Storing::ONCE_AT_REST;
+    endsBefore_ = motions.ends();
+}
+
+void HeadModel::seeRest()
+{
+    if (storing == Storing::ONCE_AT_REST && motions.ends() > endsBefore_)
+        storing = Storing::FREE;
+}
+
 void HeadModel::armSave()
 {
-    atMask_ = false;
     if (recover_)
         save = PendingSave{evidence_.lastOfLoopNs(), INT64_MAX};
 }
@@ -162,14 +177,28 @@ void HeadModel::commit()
         axis.speedInFile = axis.speedOption;
 }
 
-/// A handler saves the position itself, if the axes rest.
-void HeadModel::saveNow()
+/// A handler saves the position itself, if it may and the axes rest; one that is due is given up in any case. The
+/// daemon reads the axes again only if it may save.
+void HeadModel::saveNow(bool halted)
 {
-    if (!readStatus() || running() || atMask_)
+    save.reset();
+    motions.follow(evidence_.lastOfLoopNs());
+    seeRest();
+    const bool reads = nextIs("GET_STATUS");
+    require(reads || storing != Storing::FREE, "the position is not stored");
+    require(!reads || storing != Storing::NEVER, "a position of the mask's zone is stored");
+    if (!reads)
+        return;
+    if (storing == Storing::ONCE_AT_REST) {
+        // The head rests, and the status poll may have seen it just now. Not if it turned until this handler stopped
+        // it.
+        require(!halted, "a position is stored on the way out of the mask's zone");
+        storing = Storing::FREE;
+    }
+    if (!readStatus() || running())
         return;
     for (const LabAxisId axis : AXES)
         axes[axis].stored = position(axis);
-    save.reset();
     commit();
 }
 
@@ -189,20 +218,18 @@ void HeadModel::fold(const LabJournalEntry& entry)
 void HeadModel::start()
 {
     recover_ = settings.recover != 0;
-    mask_ = atMask_ = isOn(settings.mask);
+    mask_ = isOn(settings.mask);
+    storing = mask_ ? Storing::NEVER : Storing::FREE;
     track_ = isOn(settings.track);
     panorama_ = false;
     world.held = mask_;
-    world.presets = storedPresets;
-    for (PresetSlot& slot : world.presets) // with the digits that are stored
-        for (float* position : {&slot.pan, &slot.tilt})
-            *position = strtof(std::to_string(*position).c_str(), nullptr);
+    readPresets();
     world.factors = {1, 1};
     pendingPlan_.clear();
     flip_ = 0;
     (void)loadFlip();
     stepMove_ = StepMove::NONE;
-    stepStopsTilt_ = saveReadPan_ = atRest = false;
+    stepStopsTilt_ = saveReadPan_ = saveReadRunning_ = atRest = false;
     save.reset();
     motions.restart();
     for (ModelAxis& axis : axes)
@@ -316,6 +343,7 @@ void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
     if (!save && saveCommitsFromNs_ && entry.labNs >= *saveCommitsFromNs_ + SAVE_PERIOD_NS)
         return;
     require(save.has_value(), "a thread reads the axes at rest although no save is due");
+    require(storing == Storing::FREE, "a save reads the axes although it may not store them");
     require(entry.labNs >= save->earliestNs + SAVE_PERIOD_NS, "a save comes too early");
     require(entry.axis == (saveReadPan_ ? LAB_TILT : LAB_PAN), "a save reads the axes in disorder");
     if (entry.result != 0) { // it is tried again at the next expiry
@@ -324,8 +352,13 @@ void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
         return;
     }
     saveReadPan_ = !saveReadPan_;
+    saveReadRunning_ = (saveReadRunning_ && !saveReadPan_) || entry.out.at(3) != 0;
     if (saveReadPan_)
         return;
+    if (saveReadRunning_) { // a driver that slows down
+        save->earliestNs += SAVE_PERIOD_NS;
+        return;
+    }
     for (ModelAxis& axis : axes)
         axis.stored = axis.count;
     saveCommitsFromNs_ = save->earliestNs + SAVE_PERIOD_NS;
@@ -360,6 +393,7 @@ void HeadModel::settle()
 {
     motions.keepResting();
     calibrating = false;
+    seeRest();
     stepMove_ = StepMove::NONE;
     atRest = true;
     saveCommitsFromNs_.reset();

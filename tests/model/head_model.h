@@ -98,9 +98,17 @@ public:
     Presets storedPresets;
     MotionJudge motions;
     std::optional<PendingSave> save;
+    /// Whether a position may be stored: not while the mask is on, until a mask off has come to rest. After a mask that
+    /// failed, until a command has taken the head out of its zone.
+    enum class Storing { FREE, NEVER, ONCE_AT_REST } storing = Storing::FREE;
     bool atRest = false;      // nothing is under way, so that only a save may look at the axes
     bool calibrating = false; // perhaps: it ends at a moment that nobody sees
 
+    /// Whether a save comes by itself.
+    bool saveDue() const
+    {
+        return save && storing != Storing::NEVER;
+    }
     /// A daemon that has just started on the settings and found the axes where they stand.
     void start();
     /// What the daemon answers to the step, which was called and answered with `reply` at these lab times. Judges its
@@ -130,7 +138,9 @@ private:
     void begin(Begin kind);
     Code drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
     void cancelStep();
-    void saveNow();
+    void saveNow(bool halted);
+    void leavesMask();
+    void seeRest();
     void armSave();
     void commit();
 
@@ -178,6 +188,7 @@ private:
     Code delPreset(const Step& step);
     Code clearPreset();
     Code setPlan(const Step& step);
+    void readPresets();
     void savePresets();
     void savePendingPlan();
     std::string presetList() const;
@@ -185,6 +196,8 @@ private:
     std::string status();
 
     Evidence& evidence_;
+    int64_t endsBefore_ = 0; // what motions.ends() was when storing became ONCE_AT_REST
+    std::string reply_;
     int32_t replied_ = 0; // the code that the daemon gave
     int64_t calledNs_ = 0;
     std::string fields_; // of the reply, before the code
@@ -193,13 +206,13 @@ private:
     bool recover_ = true;
     bool panorama_ = false;
     bool mask_ = false;
-    bool atMask_ = false; // the head may stand at the mask: what is stored stays
     bool track_ = false;
     int flip_ = 0;
     enum class StepMove { NONE, RUNS, FADES } stepMove_ = StepMove::NONE;
     int32_t stepDirection_ = 0;
     bool stepStopsTilt_ = false; // the closing stop of pan was seen
     bool saveReadPan_ = false;
+    bool saveReadRunning_ = false;
     /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
     std::optional<int64_t> saveCommitsFromNs_{};
     std::deque<WorkerRequest> worker_; // what is left of a calibration or a test

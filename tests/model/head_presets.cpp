@@ -7,11 +7,11 @@
 
 namespace {
 
-/// A JSON text's length in bytes and whether a name may be stored so.
+/// A JSON text's length in bytes and whether the store can hold it as a name.
 size_t lengthOf(const std::string& json, bool& storable)
 {
     size_t length = 0;
-    storable = !json.empty();
+    storable = true;
     for (size_t i = 0; i < json.size(); ++i, ++length) {
         if (json[i] != '\\')
             continue;
@@ -39,6 +39,14 @@ std::vector<int64_t> numbersIn(const std::string& text)
     }
     result.resize(std::min<size_t>(result.size(), 8));
     return result;
+}
+
+/// A free slot may still hold the name of the preset that it had.
+std::string nameIn(const std::string& reply)
+{
+    const size_t from = reply.find("\"name\":\"");
+    const size_t to = reply.find("\",\"id\":");
+    return from != 0 && from != 1 ? "" : reply.substr(from + 8, to - from - 8);
 }
 
 } // namespace
@@ -91,6 +99,21 @@ Code HeadModel::gotoPreset(const Step& step)
 }
 
 /// What is stored takes the place of all that the package holds, changes that nobody has committed included.
+/// What the daemon reads is what it has stored, with the digits that it stores.
+void HeadModel::readPresets()
+{
+    world.presets = storedPresets;
+    for (size_t i = 0; i < world.presets.size(); ++i) {
+        PresetSlot& slot = world.presets[i];
+        for (float* position : {&slot.pan, &slot.tilt})
+            *position = strtof(std::to_string(*position).c_str(), nullptr);
+        if (slot.id != 0 && slot.name.empty())
+            slot.name = "preset_" + std::to_string(i + 1);
+    }
+    for (ModelAxis& axis : axes)
+        axis.speedOption = axis.speedInFile;
+}
+
 void HeadModel::savePresets()
 {
     storedPresets = world.presets;
@@ -126,7 +149,7 @@ Code HeadModel::setPreset(const Step& step)
     bool storable = true;
     if (name && lengthOf(*name, storable) > 32)
         return CODE_NAME;
-    if (name && !storable)
+    if (name && name->find("\\n") != std::string::npos)
         return CODE_PARAM;
     while (!step.argument("id") && id <= 8 && presetWithId(world.presets, id))
         ++id;
@@ -140,6 +163,13 @@ Code HeadModel::setPreset(const Step& step)
     changed.name = name.value_or(changed.name);
     if (const Code code = capturing == 1 ? capture(changed) : CODE_OK)
         return code;
+    if (!storable) {
+        readPresets();
+        motions.clearPreset();
+        fields_ =
+            "\"name\":\"" + (slot->id != 0 ? slot->name : nameIn(reply_)) + "\",\"id\":\"" + std::to_string(id) + "\",";
+        return CODE_DEVICE;
+    }
     *slot = changed;
     savePresets();
     fields_ = "\"name\":\"" + changed.name + "\",\"id\":\"" + std::to_string(id) + "\",";

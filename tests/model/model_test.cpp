@@ -16,8 +16,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr int ORDINARY = 36;
-constexpr int THOROUGH = 2400;
 constexpr auto SHRINK_TIME = 90s;
 
 std::optional<uint32_t> environmentNumber(const char* name)
@@ -58,7 +56,9 @@ void report(Player& player, const Sequence& sequence, const Verdict& verdict)
     ADD_FAILURE() << "after " << verdict.mismatch << "\nshrunk to\n" << print(smallest) << "after " << text;
 }
 
-bool playAll(int head, uint32_t firstSeed, int count, Tally& tally)
+using Maker = Sequence(uint32_t);
+
+bool playAll(Maker* make, int head, uint32_t firstSeed, int count, Tally& tally)
 {
     Lab lab;
     const LabOptions options = headOptions(head);
@@ -68,7 +68,7 @@ bool playAll(int head, uint32_t firstSeed, int count, Tally& tally)
     }
     Player player(lab, options);
     for (int i = 0; i < count; ++i) {
-        const Sequence sequence = randomSequence(firstSeed + static_cast<uint32_t>(i * HEADS));
+        const Sequence sequence = make(firstSeed + static_cast<uint32_t>(i * HEADS));
         const Verdict verdict = playToTheEnd(player, sequence);
         ++tally.sequences;
         tally.steps += static_cast<int>(sequence.steps.size());
@@ -83,24 +83,36 @@ bool playAll(int head, uint32_t firstSeed, int count, Tally& tally)
     return true;
 }
 
-TEST(Model, AgreesWithTheDaemonOnRandomSequences)
+void play(Maker* make, int ordinary, int thorough)
 {
     const auto started = Clock::now();
     Tally tally;
     if (const auto seed = environmentNumber("PTZD_MODEL_SEED")) {
-        playAll(static_cast<int>(*seed % HEADS), *seed, 1, tally);
+        playAll(make, static_cast<int>(*seed % HEADS), *seed, 1, tally);
         return;
     }
-    const int ordinary = getenv("PTZD_LONG_TESTS") ? THOROUGH : ORDINARY;
-    const auto wanted = environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(ordinary));
+    const bool isLong = getenv("PTZD_LONG_TESTS") != nullptr;
+    const auto wanted =
+        environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(isLong ? thorough : ordinary));
     // The ordinary run plays the same sequences every time: what it finds then comes from the change under test.
-    const uint32_t base = getenv("PTZD_LONG_TESTS") ? std::random_device{}() / 2 / HEADS * HEADS : 7000 * HEADS;
+    const uint32_t base = isLong ? std::random_device{}() / 2 / HEADS * HEADS : 7000 * HEADS;
     for (int head = 0; head < HEADS; ++head)
-        if (!playAll(head, base + static_cast<uint32_t>(head), static_cast<int>((wanted + HEADS - 1) / HEADS), tally))
+        if (!playAll(make, head, base + static_cast<uint32_t>(head), static_cast<int>((wanted + HEADS - 1) / HEADS),
+                     tally))
             break;
     const std::chrono::duration<double> took = Clock::now() - started;
     printf("%d sequences of %d steps in %.1f s, %d of them inconclusive\n", tally.sequences, tally.steps, took.count(),
            tally.inconclusive);
+}
+
+TEST(Model, AgreesWithTheDaemonOnRandomSequences)
+{
+    play(randomSequence, 36, 2400);
+}
+
+TEST(Model, AgreesWithTheDaemonOnWhatIsStored)
+{
+    play(storingSequence, 18, 600);
 }
 
 } // namespace

@@ -286,6 +286,11 @@ void MotionJudge::endTracking(int64_t ns)
     });
 }
 
+void MotionJudge::clearPreset()
+{
+    change([](MotionState& state) { state.preset = 0; });
+}
+
 void MotionJudge::requestReload(bool tour)
 {
     change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
@@ -378,6 +383,13 @@ bool resting(const MotionState& state)
 bool MotionJudge::rests() const
 {
     return at_ == evidence_.notifications.size() && std::any_of(states_.begin(), states_.end(), resting);
+}
+
+int64_t MotionJudge::ends() const
+{
+    const auto from = evidence_.notifications.begin();
+    return std::count_if(from, from + static_cast<ptrdiff_t>(at_),
+                         [](const Notification& seen) { return !seen.moving; });
 }
 
 void MotionJudge::keepResting()

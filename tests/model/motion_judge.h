@@ -66,6 +66,8 @@ public:
     void forgetBegin();
     void addCalibration();
     void endTracking(int64_t ns);
+    /// The presets were read again: a preset tour sends the head once more.
+    void clearPreset();
     /// The touring thread is to load something, in its time, or has done so.
     void requestReload(bool tour);
     void mayReload();
@@ -80,6 +82,8 @@ public:
     void keepOrigin(const std::function<bool(int)>& fitting, const std::string& why);
     /// True when nothing is under way in one of the states and nothing is left to explain.
     bool rests() const;
+    /// How often a motion has come to its end.
+    int64_t ends() const;
     void keepResting();
     bool mayBe(int origin) const;
     /// Whether the tour is to move the head sooner or later if nobody else does: true, false or both.

@@ -85,6 +85,7 @@ LabOptions headOptions(int head)
     options.tilt = TILTS[head];
     options.factor = FACTORS[head];
     options.clockSpeed = CLOCK_SPEED;
+    options.slowdown = head == 0 ? 0 : 3;
     options.environment = {"TZ=UTC0"};
     return options;
 }
@@ -188,7 +189,7 @@ void Player::run(const Step& step)
 {
     const bool mayTour = step.verb.starts_with("reload_") || step.verb.starts_with("@tour") || step.verb == "@wall" ||
                          step.verb == "set_plan_config";
-    if (model_.save && (mayTour || lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
+    if (model_.saveDue() && (mayTour || lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
         settle();
         awaitSave();
     }
@@ -224,7 +225,7 @@ void Player::callMethod(const Step& step)
                           (step.verb.ends_with("Preset") && model_.calibrating && model_.speedsDiffer());
     if (disturbs)
         settle();
-    const std::optional<PendingSave> before = model_.save;
+    const std::optional<PendingSave> before = model_.saveDue() ? model_.save : std::nullopt;
     const int64_t calledNs = lab_.labTimeNs();
     const std::string reply = lab_.call(step.verb, step.json());
     const int64_t repliedNs = lab_.labTimeNs();
@@ -323,7 +324,7 @@ void Player::settle()
         throw Mismatch{"the head does not come to rest, " + model_.describe() + (events.empty() ? "" : ", " + events) +
                        ", " + std::to_string(threads()) + " threads of " + std::to_string(resident_)};
     }
-    if (!model_.atRest && model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    if (!model_.atRest && model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
     const size_t seen = evidence_.entries.size();
@@ -375,7 +376,7 @@ void Player::awaitSave()
             settle(); // after a tour's step
         evidence_.load(lab_);
         model_.judgeThreads();
-        return !model_.save;
+        return !model_.saveDue();
     };
     require(waitUntil(saved, patience), "the position is not saved");
     settle(); // once the save's thread has ended
@@ -392,7 +393,7 @@ void Player::watchIdle()
 void Player::compareFile()
 {
     const auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
-    if (model_.save && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    if (model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         return; // a save may have come meanwhile
     for (const auto& [name, value] : model_.storedOptions()) {
         const auto at = seen.find(name);

@@ -395,6 +395,80 @@ Sequence randomSequence(uint32_t seed)
     return sequence;
 }
 
+Sequence storingSequence(uint32_t seed)
+{
+    constexpr int PIECES = 12;
+    constexpr const char* PLACES[] = {"on 2 0 0 0 0", "on 1 -20 10 0 0", "on 1 100 125 0 0"};
+    Dice dice(seed);
+    Sequence sequence{.seed = seed, .setup = {}, .steps = {}};
+    sequence.setup = {{"@flip", {}, "off"},
+                      {"@mask", {}, dice.oneIn(3) ? "on" : "off"},
+                      {"@track", {}, "on"},
+                      {"@recover", {}, dice.oneIn(4) ? "0" : "1"},
+                      {"@steps", {}, dice.oneIn(3) ? "-" : "77"},
+                      {"@speed", {}, "4"}};
+    std::vector<Step>& steps = sequence.steps;
+    steps.push_back({"setConfig", {{"sustain", "20"}}, ""});
+    beginTours(dice, sequence);
+    sequence.setup.push_back({"@tour", {}, dice.of(PLACES)});
+    const auto call = [&](const char* name) { steps.push_back(methodStep(dice, methodNamed(name))); };
+    const auto nap = [&] { steps.push_back({"@nap", {}, std::to_string(dice.below(2500))}); };
+    const auto pause = [&] {
+        if (dice.oneIn(3))
+            nap();
+        else
+            steps.push_back({dice.oneIn(5) ? "@idle" : "@rest", {}, ""});
+    };
+    for (int i = 0; i < PIECES; ++i) {
+        if (dice.oneIn(4)) { // what the next one finds under way
+            call(dice.oneIn(2) ? "moveTo" : "targetTrack");
+            nap();
+        }
+        switch (dice.below(8)) {
+        case 0:
+        case 1:
+            if (dice.oneIn(6))
+                steps.push_back({"@fault", {}, dice.oneIn(2) ? "x MOVE" : "y MOVE"});
+            steps.push_back({"@mask", {}, "on"});
+            call("lensMask");
+            pause();
+            if (dice.oneIn(4))
+                break;
+            steps.push_back({"@mask", {}, "off"});
+            call("lensMask");
+            break;
+        case 2:
+            steps.push_back({"@tours", {}, std::to_string(dice.below(2) + 1)});
+            break;
+        case 3:
+            call("targetTrack");
+            break;
+        case 4:
+            call("targetTrackBack");
+            break;
+        case 5:
+            call("startPanorama");
+            pause();
+            if (dice.oneIn(2))
+                call(dice.oneIn(3) ? "startPanorama" : "movePanorama");
+            pause();
+            if (dice.oneIn(5))
+                break;
+            call("stopPanorama");
+            break;
+        case 6:
+            call(dice.oneIn(3) ? "stop" : "moveTo");
+            break;
+        default:
+            addMethod(dice, steps, [](const Method& method) { return method.kind == Kind::MOTION; });
+            break;
+        }
+        pause();
+    }
+    steps.push_back({"@saved", {}, ""});
+    return sequence;
+}
+
 Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails,
                 const std::function<bool()>& mayGoOn)
 {

@@ -42,6 +42,9 @@ std::string print(const Sequence& sequence);
 /// The sequence of a seed, always the same.
 Sequence randomSequence(uint32_t seed);
 
+/// One of what stores the head's position or must not: mask, tours, tracking and panoramas in any order.
+Sequence storingSequence(uint32_t seed);
+
 /// The smallest sequence found that still fails, within the time that `mayGoOn` grants.
 Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails,
                 const std::function<bool()>& mayGoOn);
