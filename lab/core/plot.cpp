@@ -154,10 +154,9 @@ void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool
     for (double t = time.firstTick(); t <= time.to; t += time.step()) {
         out << "<line class='grid' x1='" << time.x(t) << "' x2='" << time.x(t) << "' y1='" << panel.top << "' y2='"
             << bottom << "'/>\n";
-        const bool atTheEdge = time.x(t) > WIDTH - RIGHT - 15; // "Tue 00:00" would be cut off
         if (timeLabels)
-            out << "<text x='" << time.x(t) << "' y='" << bottom + 16 << "' text-anchor='"
-                << (atTheEdge ? "end" : "middle") << "'>" << time.label(t) << "</text>\n";
+            out << "<text x='" << std::min(time.x(t), WIDTH - 34) << "' y='" << bottom + 16 << "' text-anchor='middle'>"
+                << time.label(t) << "</text>\n"; // "Tue 00:00" would be cut off at the edge
     }
     const double half = panel.setting.range / 2.0;
     const double step = roundStep(std::max(panel.setting.range, 1), 6);
