@@ -1,4 +1,4 @@
-// The bench as a picture: the ratios that have a goal, and what grows.
+// The bench as a picture: the ratios that have a goal, by the side of it that is good, and what grows.
 
 #include "bench.h"
 
@@ -20,12 +20,14 @@ constexpr double PANEL_LEFT = 60;
 constexpr double PANEL_WIDTH = 390;
 constexpr double PANEL_HEIGHT = 180;
 constexpr double PANEL_STRIDE_X = 490;
-constexpr double PANEL_STRIDE_Y = 250;
+constexpr double PANEL_STRIDE_Y = 270;
+constexpr double GROUP_GAP = 34;
 constexpr double TICK_WIDTH = 18;
 constexpr double SCALE_MAX = 1.5; // of the ratios' bars
 
 constexpr const char* STYLE = R"(<style>
   .met { fill: #2f8f46 } .missed { fill: #c43a31 } .goal { stroke: #2b333d; stroke-width: 2 }
+  .group { font-weight: bold }
   .curve { fill: none; stroke-width: 2; stroke-linejoin: round }
   .c0 { stroke: #1668b8 } .c1 { stroke: #b86a16 } .c2 { stroke: #8a4fbf } .c3 { stroke: #2f8f46 }
   .d0 { fill: #1668b8 } .d1 { fill: #b86a16 } .d2 { fill: #8a4fbf } .d3 { fill: #2f8f46 }
@@ -67,30 +69,51 @@ double goalOf(const Row& row)
     return row.ratio && ratio && sign != std::string::npos ? strtod(row.goal.c_str() + sign, nullptr) : 0;
 }
 
-std::string bars(const std::vector<Row>& rows, double& y)
+/// Rows whose ratio is that of rates, which may not be lower than the goal; else that of times, which may not be
+/// higher.
+bool isRate(const Row& row)
 {
+    return row.goal.starts_with("rate");
+}
+
+/// The rows of one kind under their heading; nothing where there are none.
+std::string bars(const std::vector<Row>& rows, bool rates, double& y)
+{
+    constexpr double SCALE = (BAR_RIGHT - LEFT) / SCALE_MAX;
+    const double heading = y;
+    double goal = 0;
     std::string svg;
+    y += 12;
     for (const Row& row : rows) {
-        const double goal = goalOf(row);
-        if (goal == 0)
+        if (goalOf(row) == 0 || isRate(row) != rates)
             continue;
-        const double scale = (BAR_RIGHT - LEFT) / SCALE_MAX;
-        const double length = std::min(*row.ratio, SCALE_MAX) * scale;
+        goal = goalOf(row);
+        const double length = std::min(*row.ratio, SCALE_MAX) * SCALE;
         svg += text(LEFT - 10, y + 15, row.what, "", "end");
         svg += print("<rect class='%s' x='%.0f' y='%.1f' width='%.1f' height='%.0f'/>\n",
                      row.met.value_or(false) ? "met" : "missed", LEFT, y + 3, length, BAR_HEIGHT - 6);
-        svg += line("goal", LEFT + goal * scale, y, LEFT + goal * scale, y + BAR_HEIGHT);
-        svg += text(LEFT + std::max(length, goal * scale) + 8, y + 15, print("%.2f", *row.ratio), "unit");
+        svg += line("goal", LEFT + goal * SCALE, y, LEFT + goal * SCALE, y + BAR_HEIGHT);
+        svg += text(LEFT + std::max(length, goal * SCALE) + 8, y + 15, print("%.3f", *row.ratio), "unit");
         y += BAR_HEIGHT;
     }
-    return svg;
+    if (svg.empty()) {
+        y = heading;
+        return svg;
+    }
+    y += GROUP_GAP;
+    const std::string good = (rates ? "higher is better: each bar is to reach the line at "
+                                    : "lower is better: each bar is to end before the line at ") +
+                             print("%g", goal);
+    return text(20, heading, rates ? "Rate of calls, relative to a bare object" : "Time, relative to a bare object",
+                "group") +
+           text(LEFT, heading, good, "unit") + svg;
 }
 
 /// A round number that is not below the value.
 double roundUp(double value)
 {
     const double power = std::pow(10, std::floor(std::log10(std::max(value, 1e-9))));
-    for (const double digit : {1.0, 2.0, 2.5, 4.0, 5.0, 8.0}) {
+    for (const double digit : {1.0, 1.2, 1.6, 2.0, 2.4, 3.2, 4.0, 6.0, 8.0}) { // a quarter of each is round too
         if (value <= digit * power)
             return digit * power;
     }
@@ -113,8 +136,10 @@ struct Panel {
     }
 };
 
+/// `name`: "what is shown, over what grows", the titles of the two axes.
 std::string frameOf(const Panel& panel, const std::string& name)
 {
+    const size_t over = name.find(", over ");
     std::string svg;
     for (int i = 0; i <= 4; ++i) {
         const double value = panel.maxY * i / 4;
@@ -123,7 +148,10 @@ std::string frameOf(const Panel& panel, const std::string& name)
     }
     svg += print("<rect class='frame' x='%.0f' y='%.0f' width='%.0f' height='%.0f'/>\n", panel.left, panel.top,
                  PANEL_WIDTH, PANEL_HEIGHT);
-    return svg + text(panel.left + PANEL_WIDTH / 2, panel.top + PANEL_HEIGHT + 34, name, "unit", "middle");
+    svg += text(panel.left, panel.top - 30, name.substr(0, over), "group");
+    return over == std::string::npos ? svg
+                                     : svg + text(panel.left + PANEL_WIDTH / 2, panel.top + PANEL_HEIGHT + 34,
+                                                  name.substr(over + 7), "unit", "middle");
 }
 
 std::string curveIn(const Panel& panel, const Curve& curve, int number)
@@ -168,15 +196,16 @@ std::string panelOf(const std::vector<Curve>& curves, const std::string& name, d
 
 std::string pictureOf(const Report& report)
 {
-    double y = 50;
-    std::string body = bars(report.rows(), y);
-    body = text(20, 30, "The daemon beside a bare object: ratio and goal (black line)", "title") + body;
+    double y = 60;
+    std::string body = text(20, 30, "The daemon beside a bare object", "title");
+    for (const bool rates : {true, false})
+        body += bars(report.rows(), rates, y);
     std::vector<std::string> panels;
     for (const Curve& curve : report.curves()) {
         if (std::find(panels.begin(), panels.end(), curve.panel) == panels.end())
             panels.push_back(curve.panel);
     }
-    y += 50;
+    y += 30;
     for (size_t i = 0; i < panels.size(); ++i) {
         body += panelOf(report.curves(), panels[i], PANEL_LEFT + (i % 2 == 0 ? 0 : PANEL_STRIDE_X), y);
         if (i % 2 == 1 || i + 1 == panels.size())

@@ -250,9 +250,9 @@ bool waitUntil(Condition condition, std::chrono::milliseconds timeout)
     return true;
 }
 
-/// Pan and tilt over lab time as an SVG picture, reconstructed from the journal; calls of CET shade the moving spans.
-/// A motion under way is drawn as it will go on, but not beyond `untilLabNs`. With the wall clock's reading at lab time
-/// 0 the scale is that of a clock.
+/// Pan and tilt over lab time as an SVG picture, reconstructed from the journal; a row for each origin shows the
+/// motions that CET was notified of. A motion under way is drawn as it will go on, but not beyond `untilLabNs`. With
+/// the wall clock's reading at lab time 0 the scale is that of a clock.
 std::string plotLab(const std::vector<LabJournalEntry>& journal, const std::vector<LabCetEntry>& cetLog,
                     const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs,
                     std::optional<int64_t> wallAtZeroNs = {});

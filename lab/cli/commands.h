@@ -11,7 +11,7 @@ using Arguments = std::vector<std::string>;
 
 struct Command {
     const char* name;
-    const char* usage; // lines of "ptzd-lab NAME ..." and explanation
+    const char* usage; // lines of "NAME ..." and explanation
     int (*run)(const Command& self, Arguments arguments);
 };
 
@@ -28,6 +28,10 @@ int powerLossCommand(const Command& self, Arguments arguments);
 int clockCommand(const Command& self, Arguments arguments);
 int journalCommand(const Command& self, Arguments arguments);
 int plotCommand(const Command& self, Arguments arguments);
+
+/// A command line that the user can type: through `./dev` when it started this program, else with this program's own
+/// path. `words` are the arguments of `./dev`: "lab down", "ubus call ...".
+std::string typed(const std::string& words);
 
 /// Says what is wrong and how the command is used, on standard error; returns 2.
 int wrongUse(const Command& self, const std::string& problem);

@@ -63,9 +63,17 @@ bool applyOption(const std::string& name, const std::string& value, LabOptions& 
 
 } // namespace
 
+std::string typed(const std::string& words)
+{
+    const char* dev = getenv("PTZD_DEV");
+    if (dev && *dev)
+        return std::string(dev) + " " + words;
+    return program_invocation_name + (words.starts_with("lab ") ? words.substr(3) : " exec -- " + words);
+}
+
 int wrongUse(const Command& self, const std::string& problem)
 {
-    fprintf(stderr, "ptzd-lab %s: %s\nusage: ptzd-lab %s\n", self.name, problem.c_str(), self.usage);
+    fprintf(stderr, "ptzd-lab %s: %s\nusage: %s%s\n", self.name, problem.c_str(), typed("lab ").c_str(), self.usage);
     return 2;
 }
 
@@ -87,7 +95,7 @@ bool attached(Lab& lab)
 {
     if (lab.attach())
         return true;
-    failed(lab.error() + " (ptzd-lab up starts one)");
+    failed(lab.error() + " (" + typed("lab up") + " starts one)");
     return false;
 }
 

@@ -103,6 +103,7 @@ int upCommand(const Command& self, Arguments arguments)
     if (!takeStartOptions(arguments, options, problem))
         return wrongUse(self, problem);
     options.outlive = true;
+    const std::string folder = arguments.empty() ? "" : " " + arguments[0];
     Lab lab(labFolderFor(arguments, 0));
     const WorkLock lock(lab.folder());
     if (!lock.held())
@@ -112,7 +113,7 @@ int upCommand(const Command& self, Arguments arguments)
         return 0;
     }
     if (!lab.up(options))
-        return failed(lab.error() + "\nwhat was started goes on; ptzd-lab down ends it");
+        return failed(lab.error() + "\nwhat was started goes on; " + typed("lab down") + folder + " ends it");
     printf("a head is up in %s\n", lab.folder().c_str());
     return 0;
 }

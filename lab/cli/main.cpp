@@ -67,7 +67,7 @@ const Command COMMANDS[] = {
 
 int help(FILE* out)
 {
-    fputs("ptzd-lab COMMAND\n\n", out);
+    fprintf(out, "%sCOMMAND\n\n", typed("lab ").c_str());
     for (const Command& command : COMMANDS)
         fprintf(out, "  %s\n", command.usage);
     fputs("\nThe lab is the one in DIR, else in the folder that PTZD_LAB_DIR names, else in .lab here.\n", out);

@@ -267,5 +267,8 @@ int plotCommand(const Command& self, Arguments arguments)
     picture << plotLab(journal, lab.cetLog(), {lab.axisSetting(LAB_PAN), lab.axisSetting(LAB_TILT)}, lab.labTimeNs(),
                        lab.wallAtZeroNs());
     picture.close();
-    return picture ? 0 : failed("cannot write " + arguments[0]);
+    if (!picture)
+        return failed("cannot write " + arguments[0]);
+    printf("pan and tilt are drawn in %s\n", arguments[0].c_str());
+    return 0;
 }

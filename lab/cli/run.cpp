@@ -5,6 +5,7 @@
 #include "lab/clock.h"
 
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,6 +41,42 @@ private:
     bool came_ = false;
 };
 
+/// Columns of the terminal on standard output, which may change at any time.
+size_t columnsNow()
+{
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+/// One axis in a line of at most that many characters: a bar, and behind it as much as leaves room for one.
+std::string axisLine(Lab& lab, LabAxisId axis, size_t width)
+{
+    constexpr size_t MOST_CELLS = 61;
+    constexpr size_t FEWEST_CELLS = 16;
+    const LabAxisSetting setting = lab.axisSetting(axis);
+    const LabAxisNow now = lab.axisNow(axis);
+    const int coordinate = coordinateOf(setting, now.count);
+    const char* turns = now.running ? "turns" : "rests";
+    const size_t frame = std::char_traits<char>::length("tilt []");
+    char text[96];
+    size_t cells = 0;
+    const auto fits = [&](int length) {
+        const size_t taken = frame + static_cast<size_t>(length);
+        cells = std::min(width > taken ? width - taken : 0, MOST_CELLS);
+        return cells >= FEWEST_CELLS;
+    };
+    if (!fits(snprintf(text, sizeof(text), " coordinate %4d, step %5d of %d, %s", coordinate, now.count,
+                       setting.total_steps, turns)) &&
+        !fits(snprintf(text, sizeof(text), " coordinate %4d, %s", coordinate, turns)))
+        (void)fits(snprintf(text, sizeof(text), " %4d %s", coordinate, turns));
+    std::string bar(cells, '-');
+    if (cells > 0)
+        bar[static_cast<size_t>(int64_t{now.count} * static_cast<int64_t>(cells - 1) / setting.total_steps)] = '#';
+    char line[192];
+    (void)snprintf(line, sizeof(line), "%-4s [%s]%s", axisName(axis), bar.c_str(), text);
+    return std::string(line).substr(0, width);
+}
+
 /// Shows the axes on standard output: two lines that change in place on a terminal, else a line for each rotation.
 class Display {
 public:
@@ -52,39 +89,37 @@ public:
         if (terminal_)
             drawBars();
         else
-            tellRotations();
+            printRotations();
         fflush(stdout);
     }
 
     /// What is printed next comes below the two lines.
     void leave()
     {
-        drawn_ = false;
+        if (!shown_.empty())
+            printf("\r\033[J%s\n", shown_.c_str()); // an interrupting key may have been echoed into them
+        shown_.clear();
+        fflush(stdout);
     }
 
 private:
+    /// The cursor stays at the beginning of the first line: a terminal that changes its width may wrap the two lines
+    /// anew, and all that they are then is below that place.
     void drawBars()
     {
-        if (drawn_)
-            printf("\033[2A");
-        drawn_ = true;
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-            constexpr int CELLS = 40;
-            const LabAxisSetting setting = lab_.axisSetting(axis);
-            const LabAxisNow now = lab_.axisNow(axis);
-            const int at = static_cast<int>(int64_t{now.count} * CELLS / setting.total_steps);
-            std::string bar(CELLS + 1, '-');
-            bar[static_cast<size_t>(at)] = '#';
-            printf("\r%-5s[%s] %5d of %d steps, coordinate %4d, %s\033[K\n", axisName(axis), bar.c_str(), now.count,
-                   setting.total_steps, coordinateOf(setting, now.count), now.running ? "turns" : "rests");
-        }
+        const size_t width = columnsNow() - 1; // a line that fills the last column would wrap on some terminals
+        const std::string lines = axisLine(lab_, LAB_PAN, width) + "\n" + axisLine(lab_, LAB_TILT, width);
+        if (lines == shown_)
+            return;
+        printf("\r\033[J%s\r\033[1A", lines.c_str());
+        shown_ = lines;
     }
 
-    void tellRotations()
+    void printRotations()
     {
         const std::vector<LabJournalEntry> journal = lab_.journal();
-        for (; told_ < journal.size(); ++told_) {
-            const LabJournalEntry& entry = journal[told_];
+        for (; printed_ < journal.size(); ++printed_) {
+            const LabJournalEntry& entry = journal[printed_];
             if (entry.request == "ROTATE" || entry.request == "MOVE")
                 printf("%-5s turns by %d steps from step %d\n", axisName(entry.axis), entry.stepsWord(), entry.count);
             else if (entry.request == JOURNAL_ROTATE_END)
@@ -94,8 +129,8 @@ private:
 
     Lab& lab_;
     bool terminal_;
-    bool drawn_ = false;
-    size_t told_ = 0;
+    std::string shown_;
+    size_t printed_ = 0;
 };
 
 bool turns(Lab& lab)
@@ -110,8 +145,10 @@ bool showUntil(Lab& lab, Display& display, EndSignals& signals, Condition condit
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         display.refresh();
-        if (signals.came(REFRESH) || !lab.isRunning("ptzd") || std::chrono::steady_clock::now() >= end)
+        if (signals.came(REFRESH) || !lab.isRunning("ptzd") || std::chrono::steady_clock::now() >= end) {
+            display.leave();
             return false;
+        }
     }
     display.refresh();
     display.leave();
@@ -127,18 +164,23 @@ int giveUp(Lab& lab, EndSignals& signals)
     return failed(lab.error());
 }
 
-int stayInForeground(Lab& lab, Display& display, EndSignals& signals)
+/// `folder`: the lab's, where the user named it in an argument.
+int stayInForeground(Lab& lab, Display& display, EndSignals& signals, const std::string& folder)
 {
-    printf("\nIn a second terminal, for example:\n"
-           "  ./dev ubus call ptzd moveTo '{\"x_coord\":\"30\",\"y_coord\":\"0\"}'\n"
-           "  ./dev ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'\n"
-           "  ./dev ubus call ptzd getStatus\n"
-           "Ctrl-C ends the head.\n\n");
+    const auto inThisLab = [&](const char* words) {
+        return (folder.empty() ? "" : "PTZD_LAB_DIR=" + folder + " ") + typed(words);
+    };
+    printf("\nIn a second terminal, for example:\n");
+    for (const char* words :
+         {"ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'", "ubus call ptzd getStatus"})
+        printf("  %s\n", inThisLab(words).c_str());
+    printf("Ctrl-C ends the head.\n\n");
     bool alive = true;
     while (!signals.came(REFRESH)) {
         display.refresh();
         const bool runs = lab.isRunning("ptzd");
         if (!runs && !lab.isRunning("ubusd")) {
+            display.leave();
             printf("the head was taken down\n");
             return 0;
         }
@@ -146,8 +188,12 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals)
             continue;
         alive = runs;
         display.leave();
-        printf(alive ? "the daemon runs again\n" : "the daemon has ended; ./dev lab ptzd start starts it again\n");
+        if (alive)
+            printf("the daemon runs again\n");
+        else
+            printf("the daemon has ended; %s starts it again\n", inThisLab("lab ptzd start").c_str());
     }
+    display.leave();
     return 0;
 }
 
@@ -160,6 +206,7 @@ int runCommand(const Command& self, Arguments arguments)
     if (!takeStartOptions(arguments, options, problem))
         return wrongUse(self, problem);
     options.waitCalibrated = false;
+    const std::string folder = arguments.empty() ? "" : arguments[0];
     Lab lab(labFolderFor(arguments, 0));
     EndSignals signals;
     {
@@ -167,7 +214,8 @@ int runCommand(const Command& self, Arguments arguments)
         if (!lock.held())
             return 1;
         if (lab.isRunning("ptzd"))
-            return failed("a head is up in " + lab.folder() + " already; ptzd-lab down ends it");
+            return failed("a head is up in " + lab.folder() + " already; " + typed("lab down") +
+                          (folder.empty() ? "" : " ") + folder + " ends it");
         printf("starting a head in %s\n", lab.folder().c_str());
         fflush(stdout);
         if (!lab.up(options))
@@ -186,5 +234,5 @@ int runCommand(const Command& self, Arguments arguments)
         return giveUp(lab, signals);
     printf("getStatus: %s\n", lab.call("getStatus").c_str());
     fflush(stdout);
-    return isatty(STDIN_FILENO) ? stayInForeground(lab, display, signals) : 0;
+    return isatty(STDIN_FILENO) ? stayInForeground(lab, display, signals, folder) : 0;
 }

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <sstream>
 
@@ -20,16 +21,18 @@ constexpr double RIGHT = 20;
 constexpr double PANEL_TOP = 78;
 constexpr double PANEL_HEIGHT = 220;
 constexpr double PANEL_GAP = 46;
-constexpr double NARROWEST_SPAN = 3; // visible, however short the motion was
-constexpr double HEIGHT = PANEL_TOP + 2 * PANEL_HEIGHT + PANEL_GAP + 56;
+constexpr double LANES_TOP = 78; // rows of the origins, above the panels
+constexpr double LANE_HEIGHT = 16;
+constexpr double LANES_GAP = 30;
+constexpr double NARROWEST_SPAN = 4; // visible, however short the motion was
 
 constexpr const char* STYLE = R"(<style>
-  .origin0 { fill: #ffdc8f } .origin1 { fill: #f5b5d8 } .origin2 { fill: #cdbff5 } .origin3 { fill: #a9e2b6 }
+  .origin0 { fill: #d98200 } .origin1 { fill: #c8428f } .origin2 { fill: #7a5bd0 } .origin3 { fill: #2f8f46 }
   .course { fill: none; stroke: #1668b8; stroke-width: 2; stroke-linejoin: round }
   .move { fill: #2f8f46 } .rotate { fill: #8a4fbf } .stop { fill: #c43a31 } .set { fill: #5b6672 }
   .failed { stroke: #c43a31; stroke-width: 2.5 } .power { stroke: #c43a31; stroke-dasharray: 4 3 }
   @media (prefers-color-scheme: dark) {
-    .origin0 { fill: #665012 } .origin1 { fill: #6b2c55 } .origin2 { fill: #473a7d } .origin3 { fill: #1f5a33 }
+    .origin0 { fill: #f0a95c } .origin1 { fill: #ef8cc4 } .origin2 { fill: #b7a2f5 } .origin3 { fill: #63c97c }
     .course { stroke: #63b0f4 }
     .move { fill: #63c97c } .rotate { fill: #c193ef } .stop { fill: #f2776e } .set { fill: #9aa6b4 }
     .failed { stroke: #f2776e } .power { stroke: #f2776e }
@@ -152,8 +155,8 @@ void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool
         out << "<line class='grid' x1='" << time.x(t) << "' x2='" << time.x(t) << "' y1='" << panel.top << "' y2='"
             << bottom << "'/>\n";
         if (timeLabels)
-            out << "<text x='" << time.x(t) << "' y='" << bottom + 16 << "' text-anchor='middle'>" << time.label(t)
-                << "</text>\n";
+            out << "<text x='" << std::min(time.x(t), WIDTH - 34) << "' y='" << bottom + 16 << "' text-anchor='middle'>"
+                << time.label(t) << "</text>\n"; // "Tue 00:00" would be cut off at the edge
     }
     const double half = panel.setting.range / 2.0;
     const double step = roundStep(std::max(panel.setting.range, 1), 6);
@@ -167,29 +170,51 @@ void drawGrid(std::ostream& out, const Panel& panel, const TimeScale& time, bool
         << " <tspan class='unit'>coordinate units</tspan></text>\n";
 }
 
-/// The spans between a moving and the next idle notification; one that is still open runs to the end.
-void drawMovingSpans(std::ostream& out, const Panel& panel, const TimeScale& time,
-                     const std::vector<LabCetEntry>& cetLog)
+/// A motion as it was announced: between a moving and the next idle notification.
+struct Span {
+    double from;
+    double to;
+};
+
+/// The announced motions of each origin; one that is still open runs to the end.
+std::map<std::string, std::vector<Span>> spansOf(const std::vector<LabCetEntry>& cetLog, double end)
 {
-    double since = -1;
-    std::string origin;
-    const auto span = [&](double until) {
-        out << "<rect class='origin" << origin << "' x='" << time.x(since) << "' y='" << panel.top << "' width='"
-            << std::max(time.x(until) - time.x(since), NARROWEST_SPAN) << "' height='" << PANEL_HEIGHT << "'/>\n";
-        since = -1;
-    };
+    std::map<std::string, std::vector<Span>> spans;
+    Span* open = nullptr;
     for (const LabCetEntry& entry : cetLog) {
         if (entry.isEvent)
             continue;
-        if (entry.name == "notify_motor_moving" && since < 0) {
-            since = seconds(entry.labNs);
-            origin = entry.text;
+        if (entry.name == "notify_motor_moving" && !open)
+            open = &spans[entry.text].emplace_back(Span{seconds(entry.labNs), end});
+        else if (entry.name == "notify_motor_idle" && open) {
+            open->to = seconds(entry.labNs);
+            open = nullptr;
         }
-        if (entry.name == "notify_motor_idle" && since >= 0)
-            span(seconds(entry.labNs));
     }
-    if (since >= 0)
-        span(time.to);
+    return spans;
+}
+
+/// A row for each origin that occurs, so that a short motion does not hide the one before it. @return their height.
+double drawOrigins(std::ostream& out, const TimeScale& time, const std::vector<LabCetEntry>& cetLog)
+{
+    constexpr const char* NAMES[] = {"user", "tracking", "return", "tour"};
+    double y = LANES_TOP;
+    for (const auto& [origin, spans] : spansOf(cetLog, time.to)) {
+        const size_t type = origin.size() == 1 ? static_cast<size_t>(origin[0] - '0') : std::size(NAMES);
+        out << "<text x='" << LEFT - 8 << "' y='" << y + LANE_HEIGHT - 4 << "' text-anchor='end'>"
+            << (type < std::size(NAMES) ? NAMES[type] : "unknown") << "</text>\n<line class='grid' x1='" << LEFT
+            << "' x2='" << WIDTH - RIGHT << "' y1='" << y + LANE_HEIGHT / 2 << "' y2='" << y + LANE_HEIGHT / 2
+            << "'/>\n";
+        for (const Span& span : spans)
+            out << "<rect class='origin" << origin << "' x='" << time.x(span.from) << "' y='" << y + 1 << "' width='"
+                << std::max(time.x(span.to) - time.x(span.from), NARROWEST_SPAN) << "' height='" << LANE_HEIGHT - 3
+                << "'/>\n";
+        y += LANE_HEIGHT;
+    }
+    if (y > LANES_TOP)
+        out << "<text x='" << LEFT << "' y='" << LANES_TOP - 6 << "'>Motion announced <tspan class='unit'>by origin"
+            << "</tspan></text>\n";
+    return y > LANES_TOP ? y - LANES_TOP + LANES_GAP : 0;
 }
 
 /// The driver's position. After each request the axis rests or runs at a known rate until its steps are made, an end
@@ -254,36 +279,35 @@ void drawMarks(std::ostream& out, const Panel& panel, const TimeScale& time, con
     }
 }
 
-void drawLegend(std::ostream& out)
+/// Names the marks that the journal has.
+void drawLegend(std::ostream& out, const Journal& journal)
 {
-    const double y = 40;
+    const struct {
+        const char* request;
+        int result;
+        const char* text;
+        double width;
+    } marks[] = {{"MOVE", 0, "move", 68},        {"ROTATE", 0, "rotate", 72},
+                 {"STOP", 0, "stop", 62},        {"SET_POSITION", 0, "position set", 108},
+                 {"", 1, "request failed", 116}, {JOURNAL_POWER_LOSS, 0, "power loss", 96}};
+    constexpr double Y = 40;
     double x = LEFT + 5;
-    const auto label = [&](const char* text, double width) {
-        out << "<text x='" << x + 12 << "' y='" << y + 4 << "'>" << text << "</text>\n";
-        x += width;
-    };
-    LabJournalEntry sample{};
-    const auto mark = [&](const char* request, int result, const char* text, double width) {
-        sample.request = request;
-        sample.result = result;
-        drawMark(out, sample, x, y);
-        label(text, width);
-    };
-    mark("MOVE", 0, "move", 68);
-    mark("ROTATE", 0, "rotate", 72);
-    mark("STOP", 0, "stop", 62);
-    mark("SET_POSITION", 0, "position told", 108);
-    mark("MOVE", 1, "request failed", 116);
-    drawPowerLoss(out, x, y - 9, y + 7);
-    label("power loss", 96);
-    const auto origin = [&](int type, const char* text, double width) {
-        out << "<rect class='origin" << type << "' x='" << x - 8 << "' y='" << y - 7 << "' width='16' height='14'/>\n";
-        label(text, width);
-    };
-    origin(0, "a user's motion", 125);
-    origin(1, "tracking", 85);
-    origin(2, "return", 75);
-    origin(3, "tour", 0);
+    for (const auto& mark : marks) {
+        const bool failure = mark.result != 0;
+        if (std::none_of(journal.begin(), journal.end(), [&](const LabJournalEntry& entry) {
+                return failure ? entry.result != 0 : entry.result == 0 && entry.request == mark.request;
+            }))
+            continue;
+        LabJournalEntry sample{};
+        sample.request = mark.request;
+        sample.result = mark.result;
+        if (sample.request == JOURNAL_POWER_LOSS)
+            drawPowerLoss(out, x, Y - 9, Y + 7);
+        else
+            drawMark(out, sample, x, Y);
+        out << "<text x='" << x + 12 << "' y='" << Y + 4 << "'>" << mark.text << "</text>\n";
+        x += mark.width;
+    }
 }
 
 } // namespace
@@ -299,21 +323,23 @@ std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetL
         localtime_r(&wall, &local);
         time.localAtZero = seconds(*wallAtZeroNs) + static_cast<double>(local.tm_gmtoff);
     }
-    const Panel panels[] = {{"Pan", PANEL_TOP, axes[LAB_PAN]},
-                            {"Tilt", PANEL_TOP + PANEL_HEIGHT + PANEL_GAP, axes[LAB_TILT]}};
+    std::ostringstream origins;
+    const double top = PANEL_TOP + drawOrigins(origins, time, cetLog);
+    const Panel panels[] = {{"Pan", top, axes[LAB_PAN]}, {"Tilt", top + PANEL_HEIGHT + PANEL_GAP, axes[LAB_TILT]}};
+    const double height = top + 2 * PANEL_HEIGHT + PANEL_GAP + 56;
     std::ostringstream out;
-    out << "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << WIDTH << ' ' << HEIGHT << "' width='" << WIDTH
-        << "' height='" << HEIGHT << "' role='img' aria-label='Pan and tilt over time'>\n"
+    out << "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " << WIDTH << ' ' << height << "' width='" << WIDTH
+        << "' height='" << height << "' role='img' aria-label='Pan and tilt over time'>\n"
         << PICTURE_STYLE << STYLE << "<rect class='paper' width='100%' height='100%'/>\n<text class='title' x='" << LEFT
         << "' y='22'>Pan and tilt over time</text>\n";
-    drawLegend(out);
+    drawLegend(out, journal);
+    out << origins.str();
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-        drawMovingSpans(out, panels[axis], time, cetLog);
         drawGrid(out, panels[axis], time, axis == LAB_TILT);
         drawCourse(out, panels[axis], time, journal, axis);
         drawMarks(out, panels[axis], time, journal, axis);
     }
-    out << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << HEIGHT - 12 << "' text-anchor='middle'>"
+    out << "<text class='unit' x='" << (LEFT + WIDTH - RIGHT) / 2 << "' y='" << height - 12 << "' text-anchor='middle'>"
         << (wallAtZeroNs ? "the lab's wall clock" : "lab time in s") << "</text>\n</svg>\n";
     return out.str();
 }

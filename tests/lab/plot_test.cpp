@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 namespace {
 
 constexpr int64_t SECOND = 1'000'000'000;
@@ -37,20 +39,32 @@ TEST(Plot, DrawsAMotionFromItsRequestToItsEnd)
     EXPECT_EQ(picture.find("<script"), std::string::npos);
 }
 
-TEST(Plot, NamesTheHoursOfAWallClockAndWhoseMotionItWas)
+TEST(Plot, NamesTheHoursOfAWallClockAndShowsEachOriginInARow)
 {
     // Lab time 0 is 1970-01-04 22:00 UTC, a Sunday. Three hours have a tick every quarter of an hour.
     setenv("TZ", "UTC0", 1);
     tzset();
-    const std::vector<LabCetEntry> cetLog = {{0, SECOND, false, "notify_motor_moving", "3"},
-                                             {0, 2 * SECOND, false, "notify_motor_idle", "3"}};
+    const std::vector<LabCetEntry> cetLog = {{0, SECOND, false, "notify_motor_moving", "0"},
+                                             {0, 2 * SECOND, false, "notify_motor_idle", "0"},
+                                             {0, 3 * SECOND, false, "notify_motor_moving", "3"},
+                                             {0, 4 * SECOND, false, "notify_motor_idle", "3"}};
     const std::string picture = plotLab({entry(0, "MOVE", 0, 1, 1), entry(3 * 3600 * SECOND, "STOP", 1, 0, 0)}, cetLog,
                                         AXES, 4 * 3600 * SECOND, (3 * 24 + 22) * 3600 * SECOND);
     EXPECT_NE(picture.find(">23:45<"), std::string::npos);
     EXPECT_NE(picture.find(">Mon 00:00<"), std::string::npos);
     EXPECT_EQ(picture.find(">23:50<"), std::string::npos);
     // 108 s of margin: 109 of 11016 s, on 910 pixels from 70 on.
-    EXPECT_NE(picture.find("<rect class='origin3' x='79.00"), std::string::npos);
+    // Both are wider than the two seconds between them, and neither hides the other.
+    const std::regex span("<rect class='origin([0-9])' x='79[.0-9]+' y='([0-9]+)'");
+    std::smatch user;
+    std::smatch tour;
+    ASSERT_TRUE(std::regex_search(picture, user, span));
+    const std::string rest = user.suffix();
+    ASSERT_TRUE(std::regex_search(rest, tour, span));
+    EXPECT_EQ(user[1].str() + tour[1].str(), "03");
+    EXPECT_NE(user[2].str(), tour[2].str());
+    EXPECT_NE(picture.find(">stop<"), std::string::npos);
+    EXPECT_EQ(picture.find(">rotate<"), std::string::npos) << "a mark that the picture has not";
 }
 
 } // namespace

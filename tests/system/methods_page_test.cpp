@@ -1,4 +1,5 @@
-// The object offers its methods in their order, and docs/methods.md names them and their arguments: no more, no fewer.
+// docs/methods.md lists the object's methods in their order and their arguments, no more, no fewer, and its examples,
+// played in their order on one fresh head, print what it shows.
 
 #include "head.h"
 
@@ -8,82 +9,85 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-using Methods = std::map<std::string, Texts>; // name to advertised arguments
+constexpr double CLOCK_SPEED = 10; // the page's waits are lab time
 
-const Texts IN_ORDER = {
-    "getCapa",
-    "getStatus",
-    "updateImageConfig",
-    "setConfig",
-    "move",
-    "moveTo",
-    "moveStep",
-    "setPowerOffRecover",
-    "stop",
-    "test",
-    "manualCalibrate",
-    "checkMotorStatus",
-    "lensMask",
-    "targetTrack",
-    "targetTrackBack",
-    "reloadTargetTrackConfig",
-    "getPresetPage",
-    "setPreset",
-    "delPreset",
-    "gotoPreset",
-    "setPresetConfig",
-    "getPresetAll",
-    "clearPreset",
-    "reloadPresetConfig",
-    "set_plan_config",
-    "reload_tour_info",
-    "reload_scan_tour",
-    "startPanorama",
-    "movePanorama",
-    "stopPanorama",
+/// "name(argument:Type,...)" of each method, in order.
+using Methods = std::vector<std::string>;
+
+struct Example {
+    std::string command;
+    std::string output;
 };
 
-Methods methodsOfThePage()
+struct Page {
+    Methods methods; // in the order of the list at the top, with the arguments of each method's own table
+    std::vector<Example> examples;
+};
+
+Page readPage()
 {
-    Methods methods;
-    Texts* arguments = nullptr;
-    std::ifstream page(METHODS_PAGE);
+    Page page;
+    std::ifstream file(METHODS_PAGE);
+    const std::regex listed("\\| \\[`(\\w+)`\\].*");
     const std::regex heading("### `(\\w+)`");
     const std::regex argument("\\| `(\\w+)` \\| (String|Array) \\|.*");
+    const std::string indent = "    ";
+    std::map<std::string, std::string> arguments;
+    std::string* section = nullptr;
+    bool inExample = false;
     std::smatch match;
-    for (std::string line; std::getline(page, line);) {
-        if (std::regex_match(line, match, heading))
-            arguments = &methods[match[1]];
-        else if (arguments && std::regex_match(line, match, argument))
-            arguments->push_back(match[1].str() + ":" + match[2].str());
+    for (std::string line; std::getline(file, line);) {
+        inExample = inExample && line.starts_with(indent);
+        if (std::regex_match(line, match, listed))
+            page.methods.push_back(match[1]);
+        else if (std::regex_match(line, match, heading))
+            section = &arguments[match[1]];
+        else if (section && std::regex_match(line, match, argument))
+            *section += (section->empty() ? "" : ",") + match[1].str() + ":" + match[2].str();
+        else if (line.starts_with(indent + "$ ")) {
+            page.examples.push_back({line.substr(indent.size() + 2), ""});
+            inExample = true;
+        } else if (inExample)
+            page.examples.back().output += line.substr(indent.size()) + "\n";
     }
+    EXPECT_EQ(page.methods.size(), arguments.size());
+    for (std::string& method : page.methods)
+        method += arguments.contains(method) ? "(" + arguments[method] + ")" : " is not described";
+    return page;
+}
+
+/// From lines of the form <tab>"name":{"argument":"Type",...}
+Methods methodsIn(const std::string& listing)
+{
+    Methods methods;
+    const std::regex method("\t\"(\\w+)\":\\{(.*)\\}\n");
+    const std::regex quote("\"");
+    for (auto at = std::sregex_iterator(listing.begin(), listing.end(), method); at != std::sregex_iterator(); ++at)
+        methods.push_back((*at)[1].str() + "(" + std::regex_replace((*at)[2].str(), quote, "") + ")");
     return methods;
 }
 
-TEST_F(HeadInTheLab, OffersWhatItsPageSays)
+TEST_F(HeadInTheLab, IsWhatItsPageSays)
 {
-    up();
-    std::string listing;
-    ASSERT_EQ(lab.run({"ubus", "-v", "list", "ptzd"}, listing), 0);
-    // Lines of the form <tab>"name":{"argument":"Type",...}
-    const std::regex line("\t\"(\\w+)\":\\{(.*)\\}");
-    const std::regex argument("\"(\\w+)\":\"(\\w+)\"");
-    Methods offered;
-    Texts order;
-    std::istringstream lines(listing);
-    std::smatch match;
-    for (std::string text; std::getline(lines, text);) {
-        if (!std::regex_match(text, match, line))
+    up(slowHead()); // as fast as the page's reader's
+    lab.setSpeed(CLOCK_SPEED);
+    const Page page = readPage();
+    std::string text;
+    ASSERT_EQ(lab.run({"ubus", "-v", "list", "ptzd"}, text), 0);
+    EXPECT_EQ(page.methods, methodsIn(text)) << text;
+
+    const std::string inTheLab = "PTZD_LAB_DIR='" + lab.folder() + "' '" LAB_COMMAND "' exec -- ";
+    for (const Example& example : page.examples) {
+        (void)lab.run(
+            {"sh", "-c", "exec 2>&1; " + std::regex_replace(example.command, std::regex("\\./dev "), inTheLab)}, text);
+        ASSERT_EQ(text, example.output) << example.command;
+        if (!example.command.starts_with("sleep"))
             continue;
-        order.push_back(match[1]);
-        Texts& arguments = offered[match[1]];
-        const std::string list = match[2];
-        for (auto at = std::sregex_iterator(list.begin(), list.end(), argument); at != std::sregex_iterator(); ++at)
-            arguments.push_back((*at)[1].str() + ":" + (*at)[2].str());
+        EXPECT_TRUE(rests()) << "still moving after " << example.command;
+        EXPECT_TRUE(waitUntil( // its next poll may be late on a loaded machine
+            [&] { return lab.callsToCet("notify_motor_moving") == lab.callsToCet("notify_motor_idle"); }, DEADLINE));
     }
-    EXPECT_EQ(order, IN_ORDER) << listing;
-    EXPECT_EQ(methodsOfThePage(), offered);
+    EXPECT_GT(page.examples.size(), page.methods.size());
 }
 
 } // namespace
