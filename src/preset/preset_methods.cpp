@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <cmath>
 #include <memory>
 
 extern "C" {
@@ -317,10 +318,11 @@ int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_dat
         return replyCode(connection, request, ERR_PARAM);
     const int32_t freeze = decimalArg(args[CONFIG_FREEZE]);
     float speed = 0;
-    if ((freeze != 0 && freeze != 1) || string_to_float(textArg(args[CONFIG_SPEED]), &speed) != 0)
+    if ((freeze != 0 && freeze != 1) || string_to_float(textArg(args[CONFIG_SPEED]), &speed) != 0 ||
+        !std::isfinite(speed))
         return replyCode(connection, request, ERR_PARAM);
     constexpr char section[] = "preset_config";
-    ResultCode result = RESULT_OK;
+    int32_t result = RESULT_OK;
     {
         const UciTransaction transaction(UCI_PTZD);
         if (cfg_uci_set_float_value(UCI_PTZD, section, "speed", speed) != 0) {
@@ -330,8 +332,10 @@ int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_dat
             LOG_ERROR("error to set option %s.image_freeze_enabled\n", section);
             result = ERR_DEVICE;
         }
-        if (transaction.commit() != 0)
-            result = ERR_DEVICE;
+        if (const int32_t committed = transaction.commit(); committed != 0) {
+            result = result != RESULT_OK ? result : committed;
+            (void)cfg_uci_pkg_reload(UCI_PTZD); // logged there; no later commit shall store what was answered as failed
+        }
     }
     return replyCode(connection, request, result);
 }

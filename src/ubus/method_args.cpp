@@ -4,7 +4,6 @@
 
 #include <stdlib.h>
 
-
 namespace {
 
 constexpr int NESTING_MAX = 64;

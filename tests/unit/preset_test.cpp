@@ -159,7 +159,8 @@ TEST_F(Presets, SettingsAreStoredAndLoadedOnRequest)
 {
     for (const char* wrong :
          {R"({"speed":"1"})", R"({"image_freeze_enabled":"1"})", R"({"image_freeze_enabled":"2","speed":"1"})",
-          R"({"image_freeze_enabled":"1","speed":"fast"})"})
+          R"({"image_freeze_enabled":"1","speed":"fast"})", R"({"image_freeze_enabled":"1","speed":"nan"})",
+          R"({"image_freeze_enabled":"1","speed":"-inf"})"})
         EXPECT_EQ(call(ubusSetPresetConfig, wrong), code(ERR_PARAM)) << wrong;
     gContext.preset.presetSpeed = 7;
     EXPECT_EQ(call(ubusSetPresetConfig, R"({"image_freeze_enabled":"1","speed":"-0.5"})"), code(0));
@@ -181,6 +182,14 @@ TEST_F(Presets, SettingsAreStoredAndLoadedOnRequest)
     }
     EXPECT_EQ(call(ubusSetPresetConfig, R"({"image_freeze_enabled":"1","speed":"1"})"), code(ERR_DEVICE));
     EXPECT_TRUE(reported("ubusSetPresetConfig", "error to set option preset_config.speed"));
+
+    write("ptzd", SETTINGS + "\toption speed '0.5'\n\toption image_freeze_enabled '1'\n");
+    EXPECT_EQ(call(ubusReloadPresetConfig), code(0));
+    spoilStore();
+    EXPECT_EQ(call(ubusSetPresetConfig, R"({"image_freeze_enabled":"0","speed":"0.25"})"), code(CFG_UCI_FAILED));
+    float speed = 0;
+    EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "preset_config", "speed", &speed), 0);
+    EXPECT_EQ(speed, 0.5F) << "the next commit would store what was answered as failed";
 }
 
 TEST_F(Presets, AStoredPositionOfNonsenseSaturates)
