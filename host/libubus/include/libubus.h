@@ -105,7 +105,7 @@ struct ubus_context {
 
     uint32_t local_id; /* in network byte order */
     uint16_t request_seq;
-    bool cancel_poll; /* the connection is gone: no wait goes on */
+    bool cancel_poll; /* a waiting call has ended: the socket's callback handles one message a call from then on */
     int stack_depth;  /* waits and handlers under way */
 
     /* Called once when the connection is gone and the socket out of the loop. The default does nothing: the loop goes
@@ -184,8 +184,8 @@ static inline void ubus_add_uloop(struct ubus_context* ctx)
     uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
-/* Reads and handles what has arrived, without waiting; for contexts that are not in the loop. When the connection is
- * gone `ctx->sock.eof` is set afterwards. */
+/* Reads and handles what has arrived, but only one message of it once a waiting call has ended on the context, without
+ * waiting; for contexts that are not in the loop. When the connection is gone `ctx->sock.eof` is set afterwards. */
 static inline void ubus_handle_event(struct ubus_context* ctx)
 {
     ctx->sock.cb(&ctx->sock, ULOOP_READ);

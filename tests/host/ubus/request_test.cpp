@@ -182,6 +182,41 @@ TEST(Request, HandlersRunAfterTheOutermostWaitAndNeverNest)
     EXPECT_EQ(order, "(10)(11)(12)(13)");
 }
 
+TEST(Request, TheLoopHandlesOneMessageATurnOnceACallHasWaited)
+{
+    FakeBus bus([](FakeBus& daemon) {
+        acceptOwnObject(daemon);
+        daemon.send(incoming(5, 10) + incoming(6, 11) + incoming(7, 12) + incoming(8, 13));
+        daemon.expect(ownStatus(5, 10, 0));
+        daemon.expect(callOfM(2)); // made by the second handler
+        daemon.send(statusMessage(2, CALLEE, 0));
+        for (uint16_t seq = 6; seq <= 8; ++seq)
+            daemon.expect(ownStatus(seq, seq + 5U, 0));
+    });
+    struct : uloop_timeout {
+        std::string order;
+    } turn{};
+    turn.cb = [](uloop_timeout* self) {
+        auto& order = static_cast<decltype(turn)*>(self)->order;
+        order += " ";
+        if (order.ends_with("13 "))
+            uloop_end();
+    };
+    Context ctx = connectTo(bus);
+    OwnObject object([&](ubus_request_data* req, blob_attr*) {
+        uloop_timeout_set(&turn, 0);
+        turn.order += std::to_string(req->peer);
+        if (req->peer == 11) {
+            EXPECT_EQ(invokeM(ctx.get()), 0);
+        }
+        return 0;
+    });
+    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    ubus_add_uloop(ctx.get());
+    uloop_run();
+    EXPECT_EQ(turn.order, "10 11 1213 ") << "the two that came in while the second waited are one turn's";
+}
+
 TEST(Request, RepliesMayBeDeferred)
 {
     FakeBus bus([](FakeBus& daemon) {
