@@ -90,6 +90,9 @@ bool validName(const char* text);
 /// Section types: printable ASCII without blank.
 bool validType(const char* text);
 
+/// The name on a file's package line: a dash may be in it, too.
+bool validPackageLine(const char* text);
+
 /// Package names: as types, without what would be ambiguous in a path or in a change file.
 bool validPackageName(const char* text);
 
@@ -109,6 +112,7 @@ public:
     const char* fault = nullptr; ///< why the text cannot be split further, or null
     int wordLine = 1;            ///< where the last word began: line from 1
     int wordByte = 0;            ///< and byte in it from 0
+    bool escaped = false;        ///< whether the last word holds a backslash outside quotes
     int line = 1;                ///< where reading stands: behind the blank or line feed that ended the last word
 
     [[nodiscard]] int byte() const
@@ -130,7 +134,7 @@ private:
     void settle();
     char take();
     void skipBlanks();
-    void skipComment();
+    void skipToLineEnd();
     void readQuoted(char quote, char*& out);
     void endWord();
 };

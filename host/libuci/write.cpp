@@ -1,8 +1,6 @@
 /// From a package to its file's text.
 #include "internal.h"
 
-#include <cstring>
-
 using namespace ucilib;
 
 namespace {
@@ -19,19 +17,9 @@ void writeOption(Text& out, const uci_option* o)
     }
 }
 
-// Types stand bare, as everybody writes them, but for those that would be read as something else.
-void writeType(Text& out, const char* type)
-{
-    if (strpbrk(type, "'\"\\#;"))
-        out.quoted(type);
-    else
-        out << type;
-}
-
 void writeSection(Text& out, const uci_section* s, bool generatedNames)
 {
-    out << "\nconfig ";
-    writeType(out, s->type);
+    out << "\nconfig " << s->type;
     if (!s->anonymous || generatedNames)
         (out << ' ').quoted(s->e.name);
     out << '\n';

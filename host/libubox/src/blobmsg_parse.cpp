@@ -59,22 +59,6 @@ bool takesType(const blobmsg_policy& entry, int type)
            (entry.type == BLOBMSG_CAST_INT64 && isInteger(type));
 }
 
-// Hands every attribute of the run to `take`, which ends the walk by returning false. -1 at a malformed attribute.
-template <typename Take>
-int walkChecked(void* data, size_t length, Take take)
-{
-    blob_attr* attr = nullptr;
-    size_t rest = 0;
-    UBOX_FOR_EACH_ATTR_(attr, data, length, rest)
-    {
-        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
-            return -1;
-        if (!take(attr))
-            break;
-    }
-    return 0;
-}
-
 } // namespace
 
 bool blobmsg_check_attr_len(const blob_attr* attr, bool name, size_t len)
@@ -119,9 +103,14 @@ int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, 
     std::fill_n(tb, policy_len, nullptr);
     if (!data || len == 0)
         return -EINVAL;
-    return walkChecked(data, len, [=](blob_attr* attr) {
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    UBOX_FOR_EACH_ATTR_(attr, data, len, rest)
+    {
+        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+            return -1;
         if (!blob_is_extended(attr))
-            return true;
+            continue;
         const auto* header = static_cast<const blobmsg_hdr*>(blob_data(attr));
         std::string_view name(blobmsg_name(attr), static_cast<size_t>(blobmsg_namelen(header)));
         for (int i = 0; i < policy_len; ++i) {
@@ -129,17 +118,25 @@ int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, 
                 !name.empty())
                 tb[i] = attr;
         }
-        return true;
-    });
+    }
+    return 0;
 }
 
 int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
     int at = 0;
-    return walkChecked(data, data ? len : 0, [&](blob_attr* attr) {
-        if (at < policy_len && takesType(policy[at], blobmsg_type(attr)))
-            tb[at++] = attr;
-        return at < policy_len;
-    });
+    blob_attr* attr = nullptr;
+    size_t rest = 0;
+    UBOX_FOR_EACH_ATTR_(attr, data, data ? len : 0, rest)
+    {
+        if (at == policy_len)
+            break;
+        if (!takesType(policy[at], blobmsg_type(attr)))
+            continue; // unchecked
+        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+            return -1;
+        tb[at++] = attr;
+    }
+    return 0;
 }

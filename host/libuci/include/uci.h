@@ -261,9 +261,10 @@ static inline const char* uci_lookup_option_string(struct uci_context* ctx, stru
  * old one are dead, and the record's own are brought up to date. UCI_ERR_INVAL when the section is missing. */
 
 /* Option: created behind the others, or its value replaced; a list becomes a plain option. Without an option in the
- * tuple: creates the section with the value as type, or changes its type. The same value again is no change; an empty
- * value deletes what is there, and is UCI_OK when nothing is. UCI_ERR_INVAL for a bare package, without a value, and
- * for a type with blanks, control or non-ASCII characters. */
+ * tuple: creates the section with the value as type, or changes its type, which gives an anonymous section its
+ * generated name for good; at an index where there is no section nothing happens. The same value again is no change;
+ * an empty value deletes what is there, and is UCI_OK when nothing is. UCI_ERR_INVAL for a bare package, without a
+ * value, and for a type with blanks, control or non-ASCII characters. */
 int uci_set(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /* Deletes an option or section, or the element of a list option whose index, counting from 0, is the value.
@@ -279,7 +280,8 @@ int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
 /* Renames a section or option to the value. UCI_ERR_DUPLICATE when the new name is taken. */
 int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
 
-/* Adds an anonymous section at the end and stores it in *res. */
+/* Adds an anonymous section at the end and stores it in *res. A type that no section can have is taken, but the change
+ * is dropped when it is committed. */
 int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res);
 
 /* Moves a section to a position, counting from 0; past the end means the end. */

@@ -33,6 +33,7 @@ TEST_F(BusTest, FindsNamesExactlyByPrefixAndInByteOrder)
 {
     RawClient asker = connect();
     EXPECT_EQ(asker.ask(lookup(1, "*")).status, NOT_FOUND);
+    EXPECT_EQ(asker.ask(message(LOOKUP, 1, 0, {})).status, OK);
     RawClient owner = connect();
     for (const char* name : {"b", "a\xff", "", "a*", "a b\n", "ab", "B", "a"})
         owner.addObject(name, oneMethod("run", "how"));

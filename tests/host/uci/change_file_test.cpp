@@ -41,7 +41,7 @@ TEST(ChangeFile, SkipsLinesThatDoNotApply)
     EXPECT_EQ(box.fileText(), "config t 's' # untouched\n");
     EXPECT_EQ(box.changes(), bad);
 
-    box.setChanges("p.s.a='1'\n" + bad + "p.s.g=unquoted\n+p.cfg0292bd='rule'\np.cfg0292bd.h='l1\nl2'\n");
+    box.setChanges("p.s.a='1'\n" + bad + "p.s.g=unquoted;p.s.h='lost\n+p.cfg0292bd='rule'\np.cfg0292bd.h='l1\nl2'\n");
     EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
     EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '1'\n\toption g 'unquoted'\n"
                               "\nconfig rule\n\toption h 'l1\nl2'\n\n");

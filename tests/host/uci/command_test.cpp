@@ -43,8 +43,20 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
         {{"reorder", "p.preset_1=first"}, "", "uci: Invalid argument\n", 1},
         {{"-q", "get", "p.nope"}, "", "", 1},
         {{"changes"}, "", "", 0},
+        {{"set", "p.@rule[9]=t"}, "", "", 0},
+        {{"changes"}, "", "", 0},
+        {{"set", "p.nosec.x="}, "", "uci: Invalid argument\n", 1},
+        {{"add", "nope", "rule"}, "", "uci: Entry not found\n", 3},
         {{"add", "p", "rule"}, "cfg0392bd\n", "", 0},
         {{"changes"}, "p.cfg0392bd='rule'\n", "", 0},
+        {{"set", "p.@rule[0]=t"}, "", "", 0},
+        {{"add", "p", "bad type"}, "cfg0469ce\n", "", 0}, // of which nothing comes
+        {{"commit", "p"}, "", "", 0},
+        {{"export", "p"},
+         "package p\n\nconfig preset 'preset_1'\n\toption name 'it'\\''s me'\n\tlist l 'x'\n\tlist l 'b c'\n"
+         "\nconfig t 'cfg0292bd'\n\toption v '9'\n\nconfig rule\n\n",
+         "",
+         0},
     };
     for (const auto& [arguments, out, err, status] : cases) {
         const CommandResult result = box.run(arguments);
@@ -82,6 +94,7 @@ TEST(Command, CommitsEveryPackageButNoneWithAPrivateSaveDirectory)
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "uci: Parse error (invalid command) at line 1, byte 0\n");
     EXPECT_EQ(box.run({"changes", "p"}).out + box.run({"changes", "q"}).out, "");
+    EXPECT_EQ(box.run({"add", "broken", "rule"}).status, UCI_ERR_PARSE);
     EXPECT_EQ(box.run({"get", "p.preset_1.name"}).out, "new\n");
     EXPECT_EQ(readFile(box.configDir / "q"), "\nconfig t 's'\n\toption a '1'\n\n");
 }

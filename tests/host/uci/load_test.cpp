@@ -17,7 +17,9 @@ TEST(Load, TellsWhatIsWrong)
     const Context ctx = box.context();
     uci_package* const untouched = reinterpret_cast<uci_package*>(&box);
     uci_package* p = untouched;
-    EXPECT_EQ(uci_load(ctx.get(), "cut", nullptr), UCI_ERR_PARSE);
+    writeFile(box.configDir / "escaped", "config t s\n\tl\\ist l 1\n");
+    for (const char* name : {"cut", "escaped"})
+        EXPECT_EQ(uci_load(ctx.get(), name, nullptr), UCI_ERR_PARSE) << name;
     EXPECT_EQ(uci_load(ctx.get(), "loop", &p), UCI_ERR_IO);
     for (const char* name : {"missing", "folder", "pipe"})
         EXPECT_EQ(uci_load(ctx.get(), name, &p), UCI_ERR_NOTFOUND) << name;
@@ -36,10 +38,11 @@ TEST(Load, ReadsWhatTheGrammarAllows)
         const char* file;
         const char* meaning;
     } cases[] = {
-        {"config t s;option a 1;option b 2\n", "\nconfig t 's'\n\toption a '1'\n\toption b '2'\n\n"},
+        {"package a-b\nconfig t s ; 'lost\noption a 1;b\n;option b 2\n", "\nconfig t 's'\n\toption a '1'\n\n"},
         {"config t s\noption a \\\n x\n", "\nconfig t 's'\n\toption a 'x'\n\n"},
         {"config t ''\n\toption a \"it's\"", "\nconfig t\n\toption a 'it'\\''s'\n\n"},
-        {"config t s\n\tlist l\n\toption a x\n\toption a ''\n", "\nconfig t 's'\n\tlist l ''\n\n"},
+        {"config t s\n\tlist l\n\toption a x\n\toption a ''\n\toption a\n",
+         "\nconfig t 's'\n\tlist l ''\n\toption a 'x'\n\n"},
         {"config t s # a 'quote\n # it's\n\toption 0a 1#'\n", "\nconfig t 's'\n\toption 0a '1'\n\n"},
         {"\n \t\n", "\n"},
     };

@@ -108,7 +108,7 @@ int blobmsg_parse(const struct blobmsg_policy* policy, int policy_len, struct bl
                   unsigned int len);
 
 /* Hands the elements of a run to the policy's entries in turn; an element of another type than the current entry's is
- * skipped. 0, or -1 at a malformed element. */
+ * skipped, whatever is in it. 0, or -1 at a malformed element. */
 int blobmsg_parse_array(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
                         unsigned int len);
 
