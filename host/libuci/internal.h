@@ -5,7 +5,7 @@
 /// that makes something means that memory is short.
 #pragma once
 
-#include "uci.h"
+#include "elements.h"
 
 #include <cstdint>
 #include <cstdlib>

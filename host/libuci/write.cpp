@@ -25,7 +25,7 @@ void writeSection(Text& out, const uci_section* s, bool generatedNames)
     out << '\n';
     uci_element* e = nullptr;
     uci_foreach_element (&s->options, e) {
-        writeOption(out, uci_to_option(e));
+        writeOption(out, recordOf<uci_option>(e));
     }
 }
 
@@ -35,7 +35,7 @@ void ucilib::writePackage(Text& out, const uci_package* p, bool generatedNames)
 {
     uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
-        writeSection(out, uci_to_section(e), generatedNames);
+        writeSection(out, recordOf<uci_section>(e), generatedNames);
     }
     out << '\n';
 }
@@ -49,7 +49,7 @@ int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* packag
     Text text;
     uci_element* e = nullptr;
     uci_foreach_element (&ctx->root, e) {
-        uci_package* p = uci_to_package(e);
+        uci_package* p = recordOf<uci_package>(e);
         if (package && p != package)
             continue;
         if (header)

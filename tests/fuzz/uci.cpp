@@ -51,6 +51,13 @@ std::vector<std::string> split(std::string text, const std::string& separator)
     return parts;
 }
 
+/// An element as the record that it begins; the library's own macros cast the C way.
+template <typename Record>
+const Record* recordOf(const uci_element* element)
+{
+    return reinterpret_cast<const Record*>(element);
+}
+
 /// A package as a text that says all that is to be stored of it.
 std::string describe(uci_package* package)
 {
@@ -63,10 +70,11 @@ std::string describe(uci_package* package)
         text += kind + std::to_string(copy.size()) + ":" + copy;
     };
     uci_foreach_element (&package->sections, section) {
-        add('t', uci_to_section(section)->type);
-        add(uci_to_section(section)->anonymous ? 'a' : 's', uci_to_section(section)->anonymous ? "" : section->name);
-        uci_foreach_element (&uci_to_section(section)->options, option) {
-            const uci_option* one = uci_to_option(option);
+        add('t', recordOf<uci_section>(section)->type);
+        add(recordOf<uci_section>(section)->anonymous ? 'a' : 's',
+            recordOf<uci_section>(section)->anonymous ? "" : section->name);
+        uci_foreach_element (&recordOf<uci_section>(section)->options, option) {
+            const uci_option* one = recordOf<uci_option>(option);
             if (one->type == UCI_TYPE_LIST && uci_list_empty(&one->v.list))
                 continue; // has no form in a file
             add(one->type == UCI_TYPE_LIST ? 'l' : 'o', option->name);
@@ -99,7 +107,7 @@ bool hasPlainTypes(uci_package* package)
 {
     uci_element* section = nullptr;
     uci_foreach_element (&package->sections, section) {
-        if (strpbrk(uci_to_section(section)->type, "'\"\\#;"))
+        if (strpbrk(recordOf<uci_section>(section)->type, "'\"\\#;"))
             return false;
     }
     return true;

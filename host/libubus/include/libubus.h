@@ -203,13 +203,26 @@ int ubus_lookup(struct ubus_context* ctx, const char* path, ubus_lookup_handler_
 /* Leaves `*id` alone when the bus names no object, which it may do with a status of 0. */
 int ubus_lookup_id(struct ubus_context* ctx, const char* path, uint32_t* id);
 
-/* Calls a method; a null `msg` is an empty table. A timeout of 0 ms waits for ever, a negative one is over at once. */
-int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
-                ubus_data_handler_t cb, void* priv, int timeout);
+/* Calls a method; a null `msg` is an empty table. A timeout of 0 ms waits for ever, a negative one is over at once.
+ * Descriptors are not passed: `fd` is -1. */
+int ubus_invoke_fd(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                   ubus_data_handler_t cb, void* priv, int timeout, int fd);
+
+static inline int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                              ubus_data_handler_t cb, void* priv, int timeout)
+{
+    return ubus_invoke_fd(ctx, obj, method, msg, cb, priv, timeout, -1);
+}
 
 /* Only sends the call, and zeroes and fills `req`. Set its callbacks, then hand it to one of the next two. */
-int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
-                      struct ubus_request* req);
+int ubus_invoke_async_fd(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                         struct ubus_request* req, int fd);
+
+static inline int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                                    struct ubus_request* req)
+{
+    return ubus_invoke_async_fd(ctx, obj, method, msg, req, -1);
+}
 
 /* Has the request's answers handled as they arrive, and `complete_cb` called at its end. */
 void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* req);

@@ -32,8 +32,17 @@ struct RunningCallback {
     RunningCallback* outer;
 };
 
+// Precedes the root attribute; numbers are big-endian.
+struct MessageHeader {
+    uint8_t version;
+    uint8_t type;
+    uint16_t seq;
+    uint32_t peer;
+};
+
 // What goes before the attributes of every message: the header and the root's word.
-constexpr size_t HEADER_SIZE = sizeof(ubus_msghdr) + sizeof(blob_attr);
+constexpr size_t HEADER_SIZE = sizeof(MessageHeader) + sizeof(blob_attr);
+constexpr size_t MAX_ROOT = 1048576; // longest root attribute, padded
 
 struct ubus_connection {
     list_head spares; // of Message, to be used again

@@ -36,12 +36,12 @@ Message* obtainMessage(ubus_connection* connection, size_t rootLength)
 // stream cannot be followed any further.
 Message* beginMessage(ubus_connection* connection)
 {
-    ubus_msghdr header{};
+    MessageHeader header{};
     blob_attr root{};
     memcpy(&header, connection->header, sizeof(header));
     memcpy(&root, connection->header + sizeof(header), sizeof(root));
     size_t length = blob_raw_len(&root);
-    if (header.version != 0 || length < sizeof(root) || blob_pad_len(&root) > UBUS_MAX_MSGLEN)
+    if (header.version != 0 || length < sizeof(root) || blob_pad_len(&root) > MAX_ROOT)
         return nullptr;
     Message* message = obtainMessage(connection, length);
     if (!message)

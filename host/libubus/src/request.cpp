@@ -177,7 +177,7 @@ blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method)
     return buf;
 }
 
-int ubus_invoke_async(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_request* req)
+int ubus_invoke_async_fd(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_request* req, int)
 {
     initRequest(ctx, req);
     blob_buf* buf = startCall(ctx, obj, method);
@@ -186,8 +186,8 @@ int ubus_invoke_async(ubus_context* ctx, uint32_t obj, const char* method, blob_
     return startRequest(ctx, req, UBUS_MSG_INVOKE, obj);
 }
 
-int ubus_invoke(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_data_handler_t cb, void* priv,
-                int timeout)
+int ubus_invoke_fd(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_data_handler_t cb,
+                   void* priv, int timeout, int)
 {
     ubus_request req;
     if (int status = ubus_invoke_async(ctx, obj, method, msg, &req))

@@ -86,9 +86,11 @@ struct uci_package {
     bool uses_conf2; /* it comes from the overriding directory */
     char* path;      /* its file */
 
-    struct uci_list delta;       /* changes not saved yet, struct uci_delta */
-    struct uci_list saved_delta; /* changes found by loading, see UCI_FLAG_SAVED_DELTA */
-    unsigned int section_count;  /* private: sections ever made, for the names of anonymous ones */
+    /* Private: changes not saved yet, those found by loading (see UCI_FLAG_SAVED_DELTA), and the number of sections
+     * ever made, for the names of anonymous ones. */
+    struct uci_list delta;
+    struct uci_list saved_delta;
+    unsigned int section_count;
 };
 
 struct uci_section {
@@ -107,24 +109,6 @@ struct uci_option {
         struct uci_list list; /* of elements of UCI_TYPE_ITEM */
         char* string;
     } v;
-};
-
-enum uci_change {
-    UCI_CHANGE_SET,
-    UCI_CHANGE_DELETE,
-    UCI_CHANGE_ADD_SECTION,
-    UCI_CHANGE_ADD_LIST,
-    UCI_CHANGE_DEL_LIST,
-    UCI_CHANGE_RENAME,
-    UCI_CHANGE_REORDER
-};
-
-/* A recorded change; its element's name is the option, null for a change to a section. */
-struct uci_delta {
-    struct uci_element e;
-    enum uci_change change;
-    char* section;
-    char* value; /* null where the change has none */
 };
 
 /* The result of a lookup, and what the calls that change something are told with. */
@@ -148,24 +132,22 @@ struct uci_ptr {
 };
 
 #ifndef container_of
-#define container_of(ptr, type, member) ((type*)((char*)(ptr)-offsetof(type, member)))
+#define container_of(ptr, type, member) ((type*)((char*)ptr - offsetof(type, member)))
 #endif
-
-#define uci_list_to_element(node) container_of(node, struct uci_element, list)
 
 #define uci_list_empty(head) ((head)->next == (head))
 
 /* Walks over the elements of a list; the list may not change meanwhile. */
 #define uci_foreach_element(head, ptr)                                                                                 \
-    for ((ptr) = uci_list_to_element((head)->next); &(ptr)->list != (head);                                            \
-         (ptr) = uci_list_to_element((ptr)->list.next))
+    for (ptr = container_of((head)->next, struct uci_element, list); &ptr->list != (head);                             \
+         ptr = container_of(ptr->list.next, struct uci_element, list))
 
 /* The same; the element at hand, and no other, may be removed meanwhile. */
 #define uci_foreach_element_safe(head, tmp, ptr)                                                                       \
-    for ((ptr) = uci_list_to_element((head)->next), (tmp) = uci_list_to_element((ptr)->list.next);                     \
-         &(ptr)->list != (head); (ptr) = (tmp), (tmp) = uci_list_to_element((tmp)->list.next))
+    for (ptr = container_of((head)->next, struct uci_element, list),                                                   \
+        tmp = container_of(ptr->list.next, struct uci_element, list);                                                  \
+         &ptr->list != (head); ptr = tmp, tmp = container_of(tmp->list.next, struct uci_element, list))
 
-#define uci_to_delta(ptr) container_of(ptr, struct uci_delta, e)
 #define uci_to_package(ptr) container_of(ptr, struct uci_package, e)
 #define uci_to_section(ptr) container_of(ptr, struct uci_section, e)
 #define uci_to_option(ptr) container_of(ptr, struct uci_option, e)

@@ -14,9 +14,9 @@ using std::chrono::steady_clock;
 
 constexpr uint32_t CALLEE = 0x1000;
 constexpr uint32_t OWN = 0x2000;
-// In the field "s" of a call of "m": beside it there are the words of the root, the arguments and the field (12 bytes),
-// the object's id and the method (16), the field's name (4) and the text's NUL.
-constexpr size_t LARGEST_TEXT = UBUS_MAX_MSGLEN - 33;
+// In the field "s" of a call of "m", whose root may be 1 MiB long: beside it there are the words of the root, the
+// arguments and the field (12 bytes), the object's id and the method (16), the field's name (4) and the text's NUL.
+constexpr size_t LARGEST_TEXT = 1048576 - 33;
 const Bytes OWN_ID = attr(A_OBJID, u32(OWN));
 const Bytes METHOD_M = attr(A_METHOD, text("m"));
 const Bytes NO_FIELDS = attr(A_DATA, {});

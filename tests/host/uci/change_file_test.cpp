@@ -120,7 +120,6 @@ TEST(ChangeFile, IsReadInEverySearchDirectoryAndEmptiedInOne)
     EXPECT_EQ(status(box.changeFile).permissions(), perms::owner_read | perms::owner_write) << "as the file's";
     EXPECT_EQ(status(box.saveDir).permissions(), perms::owner_all) << "as its directory's";
     const Context ctx = box.context();
-    EXPECT_STREQ(uci_list_to_element(ctx->delta_path.next)->name, "/tmp/.uci");
     EXPECT_EQ(uci_add_delta_path(ctx.get(), other.c_str()), UCI_OK);
     EXPECT_EQ(uci_add_delta_path(ctx.get(), other.c_str()), UCI_ERR_DUPLICATE);
     uci_package* p = load(ctx);

@@ -67,7 +67,7 @@ TEST_F(Change, TakesElementsFromAList)
         ptr.p = p;
         ptr.s = l->section;
         ptr.option = "l";
-        ptr.value = uci_list_to_element(l->v.list.next)->name; // freed by the call itself
+        ptr.value = reinterpret_cast<uci_element*>(l->v.list.next)->name; // freed by the call itself
         ASSERT_EQ(uci_del_list(ctx.get(), &ptr), UCI_OK);
     }
     EXPECT_EQ(calls, 2); // x twice at once, then y
