@@ -67,9 +67,9 @@ public:
     Replacement& operator=(const Replacement&) = delete;
     ~Replacement();
 
-    /// Removes what dead processes left, makes the new file with owner and mode of `old`, and writes it to the disk.
-    /// UCI_ERR_IO when it cannot be.
-    [[nodiscard]] int prepare(std::string_view text, const struct stat& old);
+    /// Removes what dead processes left, makes the new file with this mode, the writer its owner, and writes it to the
+    /// disk. UCI_ERR_IO when it cannot be.
+    [[nodiscard]] int prepare(std::string_view text, mode_t mode);
 
     /// Puts it in the target's place, and waits until the directory is on the disk too. UCI_ERR_IO; then `done` tells
     /// whether the target was replaced.

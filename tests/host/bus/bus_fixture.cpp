@@ -74,12 +74,6 @@ long BusTest::ticksWhileIdle() const
     return daemonTicks() - before;
 }
 
-size_t BusTest::daemonDescriptors() const
-{
-    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(daemon->pid()) + "/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
 Bytes oneMethod(std::string_view method, std::string_view argument)
 {
     return tableField(method, numberField(argument, 3));

@@ -38,9 +38,6 @@ protected:
     // Ticks used in half a second of watching: a busy loop would take about 50.
     long ticksWhileIdle() const;
 
-    // How many descriptors the daemon has open.
-    size_t daemonDescriptors() const;
-
     std::unique_ptr<Process> daemon;
 
 private:

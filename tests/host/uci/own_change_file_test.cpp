@@ -1,10 +1,9 @@
-// The change file: what is applied, what is skipped, and what became of its writers.
+// The change file of our library: what becomes of it when its writers or a commit die.
 #include "sandbox.h"
 
 #include <gtest/gtest.h>
 
 #include <cinttypes>
-#include <sys/stat.h>
 
 namespace {
 
@@ -19,32 +18,6 @@ std::string commitMark(const std::string& text)
     char line[40];
     snprintf(line, sizeof(line), "#committed %016" PRIx64 "\n", hash);
     return line;
-}
-
-TEST(ChangeFile, SkipsLinesThatDoNotApply)
-{
-    const std::string bad = "it's garbage\n"
-                            "q.s.b='another package'\n"
-                            "p.nosec.c='1'\n"
-                            "p.s.d-e='1'\n"
-                            "-p.nosec\n"
-                            "p.s.f='1' 'too many words'\n"
-                            "@p.s='no-name'\n"
-                            "^p.s='x'\n"
-                            "p\n"
-                            "\n";
-    Sandbox box("config t 's' # untouched\n");
-    box.setChanges(bad);
-    const Context ctx = box.context();
-    uci_package* p = load(ctx);
-    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(box.fileText(), "config t 's' # untouched\n");
-    EXPECT_EQ(box.changes(), bad);
-
-    box.setChanges("p.s.a='1'\n" + bad + "p.s.g=unquoted;p.s.h='lost\n+p.cfg0292bd='rule'\np.cfg0292bd.h='l1\nl2'\n");
-    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '1'\n\toption g 'unquoted'\n"
-                              "\nconfig rule\n\toption h 'l1\nl2'\n\n");
 }
 
 TEST(ChangeFile, DoesNotTrustALineWhoseWriterDied)
@@ -105,28 +78,6 @@ TEST(ChangeFile, IsNotAppliedAgainToTheFileThatHoldsItsChanges)
         EXPECT_EQ(box.fileText(), after);
         EXPECT_EQ(box.changes(), "");
     }
-}
-
-TEST(ChangeFile, IsReadInEverySearchDirectoryAndEmptiedInOne)
-{
-    Sandbox box("config t 's'\n");
-    chmod(box.file.c_str(), 0600);
-    chmod(box.configDir.c_str(), 0700);
-    const std::filesystem::path other = box.root / "other";
-    std::filesystem::create_directory(other);
-    writeFile(other / "p", "p.s.a='other'\np.s.b='other'\n");
-    EXPECT_EQ(box.run({"set", "p.s.b=mine"}).status, 0);
-    using std::filesystem::perms;
-    EXPECT_EQ(status(box.changeFile).permissions(), perms::owner_read | perms::owner_write) << "as the file's";
-    EXPECT_EQ(status(box.saveDir).permissions(), perms::owner_all) << "as its directory's";
-    const Context ctx = box.context();
-    EXPECT_EQ(uci_add_delta_path(ctx.get(), other.c_str()), UCI_OK);
-    EXPECT_EQ(uci_add_delta_path(ctx.get(), other.c_str()), UCI_ERR_DUPLICATE);
-    uci_package* p = load(ctx);
-    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a 'other'\n\toption b 'mine'\n\n");
-    EXPECT_EQ(box.changes(), "");
-    EXPECT_EQ(readFile(other / "p"), "p.s.a='other'\np.s.b='other'\n");
 }
 
 } // namespace
