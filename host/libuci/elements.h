@@ -17,13 +17,6 @@ const Record* recordOf(const uci_element* e)
     return reinterpret_cast<const Record*>(e);
 }
 
-/// The element whose node this is.
-inline uci_element* elementOf(uci_list* node)
-{
-    static_assert(offsetof(uci_element, list) == 0);
-    return reinterpret_cast<uci_element*>(node);
-}
-
 enum uci_change {
     UCI_CHANGE_SET,
     UCI_CHANGE_DELETE,

@@ -154,22 +154,6 @@ struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section
     return o;
 }
 
-int uci_lookup_next(struct uci_context* ctx, struct uci_element** e, struct uci_list* list, const char* name)
-{
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    if (!e || !list || !name)
-        return result(ctx, UCI_ERR_INVAL);
-    for (uci_list* at = (*e ? &(*e)->list : list)->next; at != list; at = at->next) {
-        uci_element* candidate = elementOf(at);
-        if (strcmp(candidate->name, name) == 0) {
-            *e = candidate;
-            return result(ctx, UCI_OK);
-        }
-    }
-    return result(ctx, UCI_ERR_NOTFOUND);
-}
-
 int uci_lookup_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended)
 {
     if (!ctx)

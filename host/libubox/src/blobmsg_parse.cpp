@@ -100,11 +100,6 @@ int blobmsg_check_array(const blob_attr* attr, int type)
     return count;
 }
 
-bool blobmsg_check_attr_list(const blob_attr* attr, int type)
-{
-    return blobmsg_check_array(attr, type) >= 0;
-}
-
 int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);

@@ -9,6 +9,9 @@ extern "C" {
 }
 #undef fallthrough
 
+// Appends an attribute of `payload` zero bytes; null when the buffer cannot grow.
+blob_attr* appendZeroed(blob_buf* buf, int id, size_t payload);
+
 // Whether an attribute of a run lies, with its padding, wholly within the `rest` bytes that are left of the run.
 inline bool attrFits(const blob_attr* attr, size_t rest)
 {

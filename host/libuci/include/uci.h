@@ -216,10 +216,6 @@ struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name
 struct uci_section* uci_lookup_section(struct uci_context* ctx, struct uci_package* p, const char* name);
 struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section* s, const char* name);
 
-/* Stores the element of that name behind *e (from the beginning: behind the list's head, *e null) in *e;
- * UCI_ERR_NOTFOUND when there is none. */
-int uci_lookup_next(struct uci_context* ctx, struct uci_element** e, struct uci_list* list, const char* name);
-
 /* Resolves PACKAGE[.SECTION[.OPTION]][=VALUE]. The text is split in place, so it must be writable and outlive *ptr; a
  * null text resolves what *ptr names already. The package is loaded if it is not. With `extended` a section may be
  * named @TYPE[INDEX] or @[INDEX], counting from 0, or from the end with -1; ptr->section is then its stored name.

@@ -27,20 +27,10 @@ void countLoss(ubus_context* ctx)
 
 TEST(OwnConnection, ABreakEndsEveryWaitingCall)
 {
-    static ubus_object object, known;
-    static ubus_event_handler listener;
-    const std::pair<const char*, int (*)(ubus_context*)> calls[] = {
-        {"add_object", [](ubus_context* ctx) { return ubus_add_object(ctx, &object); }},
-        {"remove_object", [](ubus_context* ctx) { return ubus_remove_object(ctx, &known); }},
-        {"lookup", [](ubus_context* ctx) { return ubus_lookup(ctx, nullptr, nullptr, nullptr); }},
-        {"lookup_id",
-         [](ubus_context* ctx) {
-             uint32_t id = 0;
-             return ubus_lookup_id(ctx, "x", &id);
-         }},
-        {"invoke", [](ubus_context* ctx) { return ubus_invoke(ctx, 5000, "x", nullptr, nullptr, nullptr, 0); }},
-        {"send_event", [](ubus_context* ctx) { return ubus_send_event(ctx, "x", nullptr); }},
-        {"register", [](ubus_context* ctx) { return ubus_register_event_handler(ctx, &listener, "x"); }},
+    static ubus_object object;
+    int (*const calls[])(ubus_context*) = {
+        [](ubus_context* ctx) { return ubus_add_object(ctx, &object); },
+        [](ubus_context* ctx) { return ubus_invoke(ctx, 5000, "x", nullptr, nullptr, nullptr, 0); },
     };
     // The last is one that would be rounded up to 1 MiB and 4 bytes.
     const Break breaks[] = {[](FakeBus& bus) { bus.close(); }, [](FakeBus& bus) { bus.closeHalf(); }, sendHead(1, 4),
@@ -56,9 +46,9 @@ TEST(OwnConnection, ABreakEndsEveryWaitingCall)
         daemon.accept();
         daemon.close();
     });
-    for (const auto& [name, call] : calls) {
+    for (const auto call : calls) {
         for (size_t i = 0; i < std::size(breaks); ++i) {
-            SCOPED_TRACE(name + std::to_string(i));
+            SCOPED_TRACE(i);
             Context ctx = connectTo(bus);
             ctx->connection_lost = countLoss;
             lostCalls = 0;

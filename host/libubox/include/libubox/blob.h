@@ -155,23 +155,12 @@ void blob_buf_free(struct blob_buf* buf);
  * may move, so that pointers to attributes in it die; `head` is kept right. */
 bool blob_buf_grow(struct blob_buf* buf, int required);
 
-/* Appends an attribute of `payload` zero bytes. Like all that append here: null when the buffer cannot grow. */
-struct blob_attr* blob_new(struct blob_buf* buf, int id, int payload);
-
+/* Appends an attribute. Null when the buffer cannot grow, like all that append here. */
 struct blob_attr* blob_put(struct blob_buf* buf, int id, const void* data, unsigned int len);
-
-/* Appends a run of finished attributes as it is; `len` is at least 4. */
-struct blob_attr* blob_put_raw(struct blob_buf* buf, const void* data, unsigned int len);
 
 /* Opens a nested attribute, which becomes the head; null when the buffer cannot grow. */
 void* blob_nest_start(struct blob_buf* buf, int id);
 void blob_nest_end(struct blob_buf* buf, void* cookie);
-
-/* A copy to be freed with free(); null without memory. */
-struct blob_attr* blob_memdup(struct blob_attr* attr);
-
-/* Whether header and payload are the same bytes; two nulls are equal. */
-bool blob_attr_equal(const struct blob_attr* a, const struct blob_attr* b);
 
 static inline struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text)
 {
@@ -200,11 +189,6 @@ static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint6
     value = cpu_to_be64(value);
     return blob_put(buf, id, &value, sizeof(value));
 }
-
-#define blob_put_int8 blob_put_u8
-#define blob_put_int16 blob_put_u16
-#define blob_put_int32 blob_put_u32
-#define blob_put_int64 blob_put_u64
 
 /* Walks over the children of a plain attribute, which may be null; ends at the first that does not fit with its
  * padding. `rem` is a size_t. */

@@ -86,7 +86,6 @@ bool blobmsg_check_attr_len(const struct blob_attr* attr, bool name, size_t len)
 /* Number of elements of a well formed array or table whose elements are all well formed and of the type (0: any), in a
  * table with names; else -1. */
 int blobmsg_check_array(const struct blob_attr* attr, int type);
-bool blobmsg_check_attr_list(const struct blob_attr* attr, int type);
 
 /* Looks for the fields of the policy in a run of attributes and stores what it finds, else null, in `tb`. 0 when it
  * reached the end, -22 for no data at all, -1 at the first malformed field, with what was found before it kept. */
@@ -100,7 +99,6 @@ int blobmsg_parse_array(const struct blobmsg_policy* policy, int policy_len, str
 
 /* Adders return 0, or -1 when the buffer cannot grow. A null name is an empty one. */
 int blobmsg_add_field(struct blob_buf* buf, int type, const char* name, const void* data, unsigned int len);
-int blobmsg_add_blob(struct blob_buf* buf, struct blob_attr* attr);
 
 /* Opens a table or array; null when the buffer cannot grow. */
 void* blobmsg_open_nested(struct blob_buf* buf, const char* name, bool array);

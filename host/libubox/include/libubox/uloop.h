@@ -90,7 +90,6 @@ int uloop_timeout_set(struct uloop_timeout* timeout, int ms);
 int uloop_timeout_cancel(struct uloop_timeout* timeout);
 
 /* Milliseconds left, negative when overdue, -1 when not pending. */
-int uloop_timeout_remaining(struct uloop_timeout* timeout) __attribute__((deprecated("use uloop_timeout_remaining64")));
 int64_t uloop_timeout_remaining64(struct uloop_timeout* timeout);
 
 #endif
