@@ -1,6 +1,6 @@
 // The command at the prompt: what it prints, and with which status it exits.
 
-#include "bus_fixture.h"
+#include "bus_test.h"
 
 #include <csignal>
 #include <optional>

@@ -1,6 +1,6 @@
 // Start and end of the daemon, and its limits.
 
-#include "bus_fixture.h"
+#include "bus_test.h"
 
 #include <csignal>
 #include <filesystem>

@@ -1,6 +1,6 @@
 // In what our daemon is kinder to its clients than others of its kind.
 
-#include "bus_fixture.h"
+#include "bus_test.h"
 
 #include <csignal>
 

@@ -1,6 +1,6 @@
 // Objects, lookups, calls, answers and events, beyond what the golden conversation shows.
 
-#include "bus_fixture.h"
+#include "bus_test.h"
 
 #include <algorithm>
 

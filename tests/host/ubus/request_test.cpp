@@ -234,8 +234,8 @@ TEST(Request, RefusesMalformedCallsAndRepliesAtOnceOrLater)
         return 0;
     });
     EXPECT_TRUE(handleUntil(ctx.get(), [&] { return calls == 2; }));
-    JsonMessage answer(R"({"later":1})");
-    EXPECT_EQ(ubus_send_reply(ctx.get(), &deferred, answer.get()), 0);
+    Buffer answer(R"({"later":1})");
+    EXPECT_EQ(ubus_send_reply(ctx.get(), &deferred, answer.head()), 0);
     ubus_complete_deferred_request(ctx.get(), &deferred, UBUS_STATUS_NOT_SUPPORTED);
 }
 
@@ -249,14 +249,14 @@ TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndRefusesALargerOne
         daemon.send(statusMessage(1, CALLEE, 0));
     });
     Context ctx = connectTo(bus);
-    JsonMessage argument((R"({"s":")" + largest + "\"}").c_str());
-    JsonMessage tooLarge((R"({"s":")" + largest + "x\"}").c_str());
+    Buffer argument((R"({"s":")" + largest + "\"}").c_str());
+    Buffer tooLarge((R"({"s":")" + largest + "x\"}").c_str());
     ubus_request req;
     const auto before = processorTime();
-    EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.get(), &req), 0);
+    EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.head(), &req), 0);
     EXPECT_LT(processorTime() - before, milliseconds(300)) << "it waits asleep";
     EXPECT_EQ(ubus_complete_request(ctx.get(), &req, 5000), 0);
-    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.get(), nullptr, nullptr, 1000),
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.head(), nullptr, nullptr, 1000),
               UBUS_STATUS_INVALID_ARGUMENT);
 }
 
