@@ -1,4 +1,4 @@
-/// The door to the file system: locked files, whole reads, and replacing a file so that a crash cannot tear it.
+/// The adapter to the file system: locked files, whole reads, and replacing a file so that a crash cannot tear it.
 ///
 /// Calls with a path are open, stat, mkdir, mkstemp, rename, unlink, realpath and opendir, so that a preloaded library
 /// can map the paths.
@@ -54,7 +54,7 @@ bool isRegularFile(const char* path);
 
 /// A new file beside another one, meant to take its place.
 ///
-/// A file left behind by a process that died is told from one in use by its lock: each is locked as long as its maker
+/// A file left behind by a process that died is recognised by its lock: each is locked as long as its maker
 /// lives.
 class Replacement {
 public:

@@ -46,7 +46,7 @@ void listRemove(uci_list& node);
 
 [[nodiscard]] uci_package* newPackage(uci_context* ctx, const char* name, const char* path);
 
-/// Frees a package that stands in no list, with all below it. Null is allowed.
+/// Frees a package that is in no list, with all below it. Null is allowed.
 void freePackage(uci_package* p);
 
 struct PackageDeleter {
@@ -113,7 +113,7 @@ public:
     int wordLine = 1;            ///< where the last word began: line from 1
     int wordByte = 0;            ///< and byte in it from 0
     bool escaped = false;        ///< whether the last word holds a backslash outside quotes
-    int line = 1;                ///< where reading stands: behind the blank or line feed that ended the last word
+    int line = 1;                ///< the reading position: behind the blank or line feed that ended the last word
 
     [[nodiscard]] int byte() const
     {

@@ -65,7 +65,7 @@ bool takeGreeting(ubus_context* ctx)
     Message* greeting = awaitGreeting(ctx);
     if (!greeting)
         return false;
-    ctx->local_id = cpu_to_be32(greeting->peer); // kept as it stands on the wire
+    ctx->local_id = cpu_to_be32(greeting->peer); // kept as it is on the wire
     bool valid = greeting->type == UBUS_MSG_HELLO && ctx->local_id > 1;
     releaseMessage(ctx, greeting);
     return valid;

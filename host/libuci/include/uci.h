@@ -111,7 +111,7 @@ struct uci_option {
     } v;
 };
 
-/* The result of a lookup, and what the calls that change something are told with. */
+/* The result of a lookup, and the argument of the calls that change something. */
 struct uci_ptr {
     enum uci_type target; /* what the tuple names: package, section or option */
     enum {
@@ -192,7 +192,7 @@ int uci_load(struct uci_context* ctx, const char* name, struct uci_package** pac
 /* Frees a package with its unsaved changes. */
 int uci_unload(struct uci_context* ctx, struct uci_package* p);
 
-/* Appends the unsaved changes to the package's change file in the save directory and forgets them. UCI_ERR_IO when
+/* Appends the unsaved changes to the package's change file in the save directory and clears them. UCI_ERR_IO when
  * that fails; they are kept then, and the change file is as before. Takes a lock on the change file meanwhile. */
 int uci_save(struct uci_context* ctx, struct uci_package* p);
 

@@ -31,7 +31,7 @@ public:
     // The next message; empty, and a test failure, when none comes.
     Bytes receive();
 
-    // Reads and forgets until the daemon has closed the connection; false when it does not.
+    // Reads and drops what comes until the daemon has closed the connection; false when it does not.
     bool closedByDaemon();
 
     // Sends a request of the daemon and receives up to its status.

@@ -96,7 +96,7 @@ TEST_F(BusTest, SharesATypeUntilItsLastObjectGoes)
         owner.ask(message(ADD_OBJECT, 1, 0, attr(A_OBJPATH, text("one")) + attr(A_SIGNATURE, signature))).data.at(0);
     const Bytes type = attr(A_OBJTYPE, find(first, A_OBJTYPE));
     const Bytes second = owner.ask(message(ADD_OBJECT, 2, 0, pathTwo + type)).data.at(0);
-    EXPECT_TRUE(find(second, A_OBJTYPE).empty()) << "told only to who brought the signature";
+    EXPECT_TRUE(find(second, A_OBJTYPE).empty()) << "named only to the client that sent the signature";
     const Bytes one = attr(A_OBJID, find(first, A_OBJID));
     const Bytes two = attr(A_OBJID, find(second, A_OBJID));
     EXPECT_EQ(owner.ask(removal(one)).data, Messages{message(DATA, 2, 0, one)});
@@ -239,7 +239,7 @@ TEST_F(BusTest, DeliversAnEventOnceToAnObjectAndAnnouncesObjectsThatComeAndGo)
         RawClient owner = connect();
         for (const char* name : {"b", "a"})
             objects.emplace_back(name, owner.addObject(name));
-        owner.addAnonymous(); // of which nobody is told
+        owner.addAnonymous(); // which is not announced
     }
     uint16_t seq = 1;
     const auto expectNext = [&](const char* event, const auto& which) {

@@ -1,4 +1,4 @@
-// Plays the captured conversation to the client: what it is told and what it must say, byte for byte.
+// Plays the captured conversation to the client: what it receives and what it must send, byte for byte.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
