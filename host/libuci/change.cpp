@@ -39,8 +39,10 @@ int setSection(uci_package* p, const Change& change)
     }
     if (!validType(change.value))
         return UCI_ERR_INVAL;
-    if (s)
+    if (s) {
+        s->anonymous = false; // its generated name is its own from now on
         return setType(s, change.value) ? UCI_OK : UCI_ERR_MEM;
+    }
     s = newSection(p, change.value, change.section);
     if (!s)
         return UCI_ERR_MEM;
@@ -234,7 +236,10 @@ int set(uci_ptr* ptr)
 {
     if (!ptr->section || !ptr->value)
         return UCI_ERR_INVAL;
-    if (isUnchanged(ptr))
+    if (ptr->option && !ptr->s)
+        return UCI_ERR_INVAL;
+    const bool byIndex = (ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED) != 0;
+    if (isUnchanged(ptr) || (!ptr->s && byIndex)) // no section is made by an index
         return UCI_OK;
     if (*ptr->value)
         return changePtr(ptr, UCI_CHANGE_SET, ptr->value);
@@ -316,7 +321,7 @@ int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* 
 {
     if (!ctx)
         return UCI_ERR_INVAL;
-    if (!p || !type || !res || !validType(type))
+    if (!p || !type || !res)
         return result(ctx, UCI_ERR_INVAL);
     uci_section* s = newSection(p, type, nullptr);
     uci_delta* delta = s ? newDelta({UCI_CHANGE_ADD_SECTION, s->e.name, nullptr, type}) : nullptr;

@@ -92,7 +92,7 @@ int Commit::replaceFile(const uci_package* fresh)
     if (fstat(file_.get(), &old) != 0)
         return UCI_ERR_IO;
     Replacement replacement(target.get(), fresh->e.name);
-    const int code = replacement.prepare(text.view(), old);
+    const int code = replacement.prepare(text.view(), old.st_mode & 07777);
     return code == UCI_OK ? installMarked(replacement, text.view()) : code;
 }
 

@@ -61,7 +61,7 @@ void uci_free_context(struct uci_context* ctx)
         return;
     uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&ctx->root, next, e) {
-        freePackage(uci_to_package(e));
+        freePackage(recordOf<uci_package>(e));
     }
     uci_foreach_element_safe (&ctx->delta_path, next, e) {
         freeItem(e);

@@ -138,7 +138,7 @@ void freeDeltas(uci_list& deltas)
 {
     uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&deltas, next, e) {
-        freeDelta(uci_to_delta(e));
+        freeDelta(recordOf<uci_delta>(e));
     }
 }
 
@@ -223,7 +223,7 @@ int ChangeFile::apply(uci_package* p, unsigned& applied)
     const bool keep = (p->ctx->flags & UCI_FLAG_SAVED_DELTA) != 0;
     uci_element *e = nullptr, *next = nullptr;
     uci_foreach_element_safe (&deltas, next, e) {
-        const uci_delta* delta = uci_to_delta(e);
+        const uci_delta* delta = recordOf<uci_delta>(e);
         const int code = applyChange(p, {delta->change, delta->section, e->name, delta->value});
         if (code == UCI_ERR_MEM)
             return code;

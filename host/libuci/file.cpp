@@ -40,14 +40,6 @@ bool syncDirectory(const char* dir)
     return fd.isOpen() && (fsync(fd.get()) == 0 || errno == EINVAL);
 }
 
-void keepOwner(int fd, const struct stat& old)
-{
-    // Only root may give a file to another user; the group may still be one of ours. When neither can be kept, the file
-    // becomes ours, which is no reason not to store the settings.
-    if (fchown(fd, old.st_uid, old.st_gid) != 0 && fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0)
-        errno = 0;
-}
-
 } // namespace
 
 bool isRegularFile(const char* path)
@@ -136,7 +128,7 @@ void Replacement::removeLeftovers(const char* dir) const
         closedir(listing);
 }
 
-int Replacement::prepare(std::string_view text, const struct stat& old)
+int Replacement::prepare(std::string_view text, mode_t mode)
 {
     const OwnedText dir = directoryOf(target_);
     if (!dir)
@@ -157,8 +149,7 @@ int Replacement::prepare(std::string_view text, const struct stat& old)
     // The lock also goes on when the file has become the target: other committers wait until we are through.
     if (!lockFile(fd_.get(), LOCK_EX) || !writeAll(fd_.get(), text))
         return UCI_ERR_IO;
-    keepOwner(fd_.get(), old);
-    return fchmod(fd_.get(), old.st_mode & 07777) == 0 && fsync(fd_.get()) == 0 ? UCI_OK : UCI_ERR_IO;
+    return fchmod(fd_.get(), mode) == 0 && fsync(fd_.get()) == 0 ? UCI_OK : UCI_ERR_IO;
 }
 
 int Replacement::install()

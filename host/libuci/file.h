@@ -1,4 +1,4 @@
-/// The door to the file system: locked files, whole reads, and replacing a file so that a crash cannot tear it.
+/// The adapter to the file system: locked files, whole reads, and replacing a file so that a crash cannot tear it.
 ///
 /// Calls with a path are open, stat, mkdir, mkstemp, rename, unlink, realpath and opendir, so that a preloaded library
 /// can map the paths.
@@ -54,7 +54,7 @@ bool isRegularFile(const char* path);
 
 /// A new file beside another one, meant to take its place.
 ///
-/// A file left behind by a process that died is told from one in use by its lock: each is locked as long as its maker
+/// A file left behind by a process that died is recognised by its lock: each is locked as long as its maker
 /// lives.
 class Replacement {
 public:
@@ -67,9 +67,9 @@ public:
     Replacement& operator=(const Replacement&) = delete;
     ~Replacement();
 
-    /// Removes what dead processes left, makes the new file with owner and mode of `old`, and writes it to the disk.
-    /// UCI_ERR_IO when it cannot be.
-    [[nodiscard]] int prepare(std::string_view text, const struct stat& old);
+    /// Removes what dead processes left, makes the new file with this mode, the writer its owner, and writes it to the
+    /// disk. UCI_ERR_IO when it cannot be.
+    [[nodiscard]] int prepare(std::string_view text, mode_t mode);
 
     /// Puts it in the target's place, and waits until the directory is on the disk too. UCI_ERR_IO; then `done` tells
     /// whether the target was replaced.

@@ -5,7 +5,7 @@
 /// that makes something means that memory is short.
 #pragma once
 
-#include "uci.h"
+#include "elements.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -46,7 +46,7 @@ void listRemove(uci_list& node);
 
 [[nodiscard]] uci_package* newPackage(uci_context* ctx, const char* name, const char* path);
 
-/// Frees a package that stands in no list, with all below it. Null is allowed.
+/// Frees a package that is in no list, with all below it. Null is allowed.
 void freePackage(uci_package* p);
 
 struct PackageDeleter {
@@ -90,6 +90,9 @@ bool validName(const char* text);
 /// Section types: printable ASCII without blank.
 bool validType(const char* text);
 
+/// The name on a file's package line: a dash may be in it, too.
+bool validPackageLine(const char* text);
+
 /// Package names: as types, without what would be ambiguous in a path or in a change file.
 bool validPackageName(const char* text);
 
@@ -109,7 +112,8 @@ public:
     const char* fault = nullptr; ///< why the text cannot be split further, or null
     int wordLine = 1;            ///< where the last word began: line from 1
     int wordByte = 0;            ///< and byte in it from 0
-    int line = 1;                ///< where reading stands: behind the blank or line feed that ended the last word
+    bool escaped = false;        ///< whether the last word holds a backslash outside quotes
+    int line = 1;                ///< the reading position: behind the blank or line feed that ended the last word
 
     [[nodiscard]] int byte() const
     {
@@ -130,7 +134,7 @@ private:
     void settle();
     char take();
     void skipBlanks();
-    void skipComment();
+    void skipToLineEnd();
     void readQuoted(char quote, char*& out);
     void endWord();
 };

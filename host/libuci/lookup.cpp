@@ -66,7 +66,7 @@ bool findByIndex(uci_package* p, const char* text, uci_section*& section)
         return false;
 
     uci_element* e = nullptr;
-    const auto matches = [type](uci_element* at) { return type.empty() || type == uci_to_section(at)->type; };
+    const auto matches = [type](uci_element* at) { return type.empty() || type == recordOf<uci_section>(at)->type; };
     if (index < 0) {
         uci_foreach_element (&p->sections, e) {
             index += matches(e);
@@ -76,7 +76,7 @@ bool findByIndex(uci_package* p, const char* text, uci_section*& section)
     }
     uci_foreach_element (&p->sections, e) {
         if (matches(e) && index-- == 0) {
-            section = uci_to_section(e);
+            section = recordOf<uci_section>(e);
             return true;
         }
     }
@@ -87,7 +87,7 @@ int findPackage(uci_context* ctx, uci_ptr* ptr)
 {
     if (!ptr->p) {
         uci_element* e = findElement(ctx->root, ptr->package);
-        ptr->p = e ? uci_to_package(e) : nullptr;
+        ptr->p = e ? recordOf<uci_package>(e) : nullptr;
     }
     return ptr->p ? int(UCI_OK) : uci_load(ctx, ptr->package, &ptr->p);
 }
@@ -133,7 +133,7 @@ struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name
         return nullptr;
     uci_element* e = name ? findElement(ctx->root, name) : nullptr;
     result(ctx, e ? UCI_OK : name ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
-    return e ? uci_to_package(e) : nullptr;
+    return e ? recordOf<uci_package>(e) : nullptr;
 }
 
 struct uci_section* uci_lookup_section(struct uci_context* ctx, struct uci_package* p, const char* name)
@@ -152,22 +152,6 @@ struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section
     uci_option* o = s && name ? findOption(s, name) : nullptr;
     result(ctx, o ? UCI_OK : s && name ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
     return o;
-}
-
-int uci_lookup_next(struct uci_context* ctx, struct uci_element** e, struct uci_list* list, const char* name)
-{
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    if (!e || !list || !name)
-        return result(ctx, UCI_ERR_INVAL);
-    for (uci_list* at = (*e ? &(*e)->list : list)->next; at != list; at = at->next) {
-        uci_element* candidate = uci_list_to_element(at);
-        if (strcmp(candidate->name, name) == 0) {
-            *e = candidate;
-            return result(ctx, UCI_OK);
-        }
-    }
-    return result(ctx, UCI_ERR_NOTFOUND);
 }
 
 int uci_lookup_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended)

@@ -127,7 +127,7 @@ int save(uci_context* ctx, uci_package* p)
     Text lines;
     uci_element* e = nullptr;
     uci_foreach_element (&p->delta, e) {
-        writeDelta(lines, p->e.name, uci_to_delta(e));
+        writeDelta(lines, p->e.name, recordOf<uci_delta>(e));
     }
     const OwnedText path = joinPath(ctx->savedir, p->e.name);
     if (lines.failed() || !path)

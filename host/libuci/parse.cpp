@@ -80,7 +80,7 @@ int Parser::runCommand()
     const bool list = isKeyword(command, "list");
     const bool option = isKeyword(command, "option");
     const bool config = isKeyword(command, "config");
-    if (!list && !option && !config && !isKeyword(command, "package"))
+    if (words_.escaped || (!list && !option && !config && !isKeyword(command, "package")))
         return failCommand("invalid command");
     if ((list || option) && !section_)
         return failCommand("option/list command found before the first section");
@@ -104,7 +104,7 @@ int Parser::noMoreWords()
 // The file's name is the package's name; the line is checked all the same.
 int Parser::readPackageLine(const char* name)
 {
-    if (!validName(name))
+    if (!validPackageLine(name))
         return failHere("invalid character in name field");
     return noMoreWords();
 }
@@ -150,11 +150,9 @@ int Parser::readOption(const char* name, bool list)
         value = "";
     if (list)
         return putListItem(section_, name, value) ? UCI_OK : UCI_ERR_MEM;
-    if (*value)
-        return putOption(section_, name, value) ? UCI_OK : UCI_ERR_MEM;
-    if (uci_option* old = findOption(section_, name))
-        freeOption(old); // an option of no value does not exist
-    return UCI_OK;
+    if (!*value)
+        return UCI_OK; // an option of no value does not exist, and leaves an earlier one alone
+    return putOption(section_, name, value) ? UCI_OK : UCI_ERR_MEM;
 }
 
 // A file of NULs is what some file systems leave of one that was not on the disk yet when the power went.

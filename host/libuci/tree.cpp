@@ -123,7 +123,7 @@ void freePackage(uci_package* p)
 {
     if (!p)
         return;
-    freeAll(p->sections, [](uci_element* e) { freeSection(uci_to_section(e)); });
+    freeAll(p->sections, [](uci_element* e) { freeSection(recordOf<uci_section>(e)); });
     freeDeltas(p->delta);
     freeDeltas(p->saved_delta);
     free(p->path);
@@ -156,7 +156,7 @@ uci_section* newSection(uci_package* p, const char* type, const char* name)
 void freeSection(uci_section* s)
 {
     listRemove(s->e.list);
-    freeAll(s->options, [](uci_element* e) { freeOption(uci_to_option(e)); });
+    freeAll(s->options, [](uci_element* e) { freeOption(recordOf<uci_option>(e)); });
     free(s->type);
     free(s->e.name);
     free(s);
@@ -244,13 +244,13 @@ uci_element* findElement(uci_list& list, const char* name)
 uci_section* findSection(uci_package* p, const char* name)
 {
     uci_element* e = findElement(p->sections, name);
-    return e ? uci_to_section(e) : nullptr;
+    return e ? recordOf<uci_section>(e) : nullptr;
 }
 
 uci_option* findOption(uci_section* s, const char* name)
 {
     uci_element* e = findElement(s->options, name);
-    return e ? uci_to_option(e) : nullptr;
+    return e ? recordOf<uci_option>(e) : nullptr;
 }
 
 } // namespace ucilib

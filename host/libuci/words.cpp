@@ -51,6 +51,11 @@ bool validType(const char* text)
     return allOf(text, isGraphic);
 }
 
+bool validPackageLine(const char* text)
+{
+    return allOf(text, [](char c) { return isNameChar(c) || c == '-'; });
+}
+
 bool validPackageName(const char* text)
 {
     // A change file's line begins with the change's sign, ends the name with a dot, and quotes only the value.
@@ -91,7 +96,7 @@ void Words::skipBlanks()
     }
 }
 
-void Words::skipComment()
+void Words::skipToLineEnd()
 {
     while (more() && take() != '\n') {
     }
@@ -101,12 +106,12 @@ void Words::endWord()
 {
     if (!more())
         return;
-    if (endsCommand(*at_))
+    if (endsCommand(*at_)) {
         commandOpen_ = false;
-    if (*at_ == '#')
-        skipComment();
-    else
+        skipToLineEnd(); // a semicolon makes a comment of what is behind it, too
+    } else {
         take();
+    }
 }
 
 bool Words::nextCommand()
@@ -156,6 +161,7 @@ char* Words::next()
     settle();
     wordLine = line;
     wordByte = byte();
+    escaped = false;
     char* const word = at_;
     char* out = at_; // never ahead of at_: what is taken off only makes the word shorter
     while (more() && !isBlank(*at_) && !endsCommand(*at_)) {
@@ -167,9 +173,10 @@ char* Words::next()
         } else if (c != '\\') {
             *out++ = c;
         } else if (more()) {
-            const char escaped = take();
-            if (escaped != '\n')
-                *out++ = escaped;
+            const char literal = take();
+            if (literal != '\n')
+                *out++ = literal;
+            escaped = true;
         }
     }
     endWord();
@@ -192,7 +199,7 @@ size_t lineEnd(std::string_view text, size_t from)
                 quote = '\0';
         } else if (c == '\'' || c == '"') {
             quote = c;
-        } else if (c == '#') {
+        } else if (c == '#' || c == ';') {
             i = text.find('\n', i);
             return i == text.npos ? i : i + 1;
         } else if (c == '\n') {

@@ -1,8 +1,6 @@
 /// From a package to its file's text.
 #include "internal.h"
 
-#include <cstring>
-
 using namespace ucilib;
 
 namespace {
@@ -19,25 +17,15 @@ void writeOption(Text& out, const uci_option* o)
     }
 }
 
-// Types stand bare, as everybody writes them, but for those that would be read as something else.
-void writeType(Text& out, const char* type)
-{
-    if (strpbrk(type, "'\"\\#;"))
-        out.quoted(type);
-    else
-        out << type;
-}
-
 void writeSection(Text& out, const uci_section* s, bool generatedNames)
 {
-    out << "\nconfig ";
-    writeType(out, s->type);
+    out << "\nconfig " << s->type;
     if (!s->anonymous || generatedNames)
         (out << ' ').quoted(s->e.name);
     out << '\n';
     uci_element* e = nullptr;
     uci_foreach_element (&s->options, e) {
-        writeOption(out, uci_to_option(e));
+        writeOption(out, recordOf<uci_option>(e));
     }
 }
 
@@ -47,7 +35,7 @@ void ucilib::writePackage(Text& out, const uci_package* p, bool generatedNames)
 {
     uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
-        writeSection(out, uci_to_section(e), generatedNames);
+        writeSection(out, recordOf<uci_section>(e), generatedNames);
     }
     out << '\n';
 }
@@ -61,7 +49,7 @@ int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* packag
     Text text;
     uci_element* e = nullptr;
     uci_foreach_element (&ctx->root, e) {
-        uci_package* p = uci_to_package(e);
+        uci_package* p = recordOf<uci_package>(e);
         if (package && p != package)
             continue;
         if (header)

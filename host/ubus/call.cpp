@@ -24,7 +24,7 @@ public:
     Fields(const Fields&) = delete;
     Fields& operator=(const Fields&) = delete;
 
-    // Adds the members of the JSON object that stands behind the first `count` arguments, if there is one.
+    // Adds the members of the JSON object behind the first `count` arguments, if there is one.
     [[nodiscard]] bool addFrom(Arguments arguments, size_t count)
     {
         return arguments.size() <= count || blobmsg_add_json_from_string(&buffer_, arguments[count]);

@@ -56,7 +56,6 @@ std::optional<int> wholeNumber(const char* text)
 
 bool parseOptions(int argc, char** argv, Options& options)
 {
-    opterr = 0; // the usage text says it
     for (int option = 0; (option = getopt(argc, argv, "s:t:Sv")) != -1;) {
         switch (option) {
         case 's':

@@ -202,9 +202,8 @@ Status Bus::sendEvent(Client& client, Bytes data)
     return Status::Ok;
 }
 
-// An answer to a call: byte for byte as the owner wrote it, but for the peer, and for the version: the library drops
-// its connection at another, which must not be the owner's to cause. There is no record of calls, so whoever owns the
-// object may answer anybody.
+// An answer to a call: byte for byte as the owner wrote it, but for the peer. There is no record of calls, so whoever
+// owns the object may answer anybody.
 void Bus::forwardAnswer(Client& client, const Message& message)
 {
     const Object* object = message.objectId ? registry_.find(*message.objectId) : nullptr;
@@ -212,7 +211,6 @@ void Bus::forwardAnswer(Client& client, const Message& message)
     if (!object || object->owner != &client || !caller)
         return;
     std::vector<uint8_t> answer(message.raw.begin(), message.raw.end());
-    answer[0] = VERSION;
     writeU32(&answer[4], object->id);
     caller->send(answer);
 }

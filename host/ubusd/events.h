@@ -5,7 +5,7 @@
 
 class EventBook {
 public:
-    /// Has `object` receive the events named `pattern`, or, if it ends in '*', all whose name begins with what stands
+    /// Has `object` receive the events named `pattern`, or, if it ends in '*', all whose name begins with what is
     /// before it. A second time changes nothing.
     void add(Object& object, std::string_view pattern);
 

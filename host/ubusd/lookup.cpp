@@ -53,7 +53,7 @@ void beginLookup(Client& client, const Message& message)
                                           .exact = exact,
                                           .prefix = std::string(prefix),
                                           .from = std::string(prefix),
-                                          .found = false,
+                                          .found = !message.path, // whoever asks for all may find none
                                           .listed = false});
 }
 

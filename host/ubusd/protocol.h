@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr uint8_t VERSION = 0;
 constexpr size_t HEADER_SIZE = 8;
 constexpr size_t ATTR_SIZE = 4;                        // an attribute's word
 constexpr size_t FRAME_SIZE = HEADER_SIZE + ATTR_SIZE; // what must be there to know a message's length

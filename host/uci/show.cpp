@@ -1,6 +1,8 @@
 /// The commands that only read.
 #include "command.h"
 
+#include "host/libuci/elements.h"
+
 #include <cstdio>
 #include <map>
 #include <string_view>
@@ -27,7 +29,7 @@ std::string joined(const Session& session, const uci_option* o, std::string (*fo
     std::string result;
     const uci_element* item = nullptr;
     uci_foreach_element (&o->v.list, item) {
-        if (item != uci_list_to_element(o->v.list.next))
+        if (&item->list != o->v.list.next)
             result += session.separator.value_or(" ");
         result += format(item->name);
     }
@@ -54,7 +56,7 @@ void showSection(const Session& session, const uci_section* s, const std::string
     printf("%s=%s\n", name.c_str(), s->type);
     const uci_element* e = nullptr;
     uci_foreach_element (&s->options, e)
-        showOption(session, uci_to_option(e), name);
+        showOption(session, recordOf<uci_option>(e), name);
 }
 
 std::string storedName(const uci_section* s)
@@ -67,7 +69,7 @@ void showPackage(const Session& session, const uci_package* p)
     std::map<std::string_view, int> seen; // sections of each type
     const uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
-        const uci_section* s = uci_to_section(e);
+        const uci_section* s = recordOf<uci_section>(e);
         const int index = seen[s->type]++;
         const bool byIndex = s->anonymous && !session.generatedNames;
         showSection(session, s,
@@ -136,7 +138,7 @@ ExitStatus changes(Session& session, Arguments& arguments)
     return forPackages(session, arguments, [](uci_package* p) {
         const uci_element* e = nullptr;
         uci_foreach_element (&p->saved_delta, e)
-            printChange(p, uci_to_delta(e));
+            printChange(p, recordOf<uci_delta>(e));
         return true;
     });
 }

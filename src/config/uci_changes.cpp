@@ -126,8 +126,8 @@ int32_t cfg_uci_clear_list(int32_t id, const char* section, const char* option)
         return CFG_UCI_FAILED;
     size_t left = listLength(found);
     while (left > 0) {
-        const uci_list* first = found->v.list.next;
-        const char* value = container_of(first, uci_element, list)->name;
+        const auto* first = reinterpret_cast<const uci_element*>(found->v.list.next); // begins with its node
+        const char* value = first->name;
         if (cfg_uci_del_list(id, section, option, value) != 0)
             return CFG_UCI_FAILED;
         found = cfg_uci_get_option(id, section, option);

@@ -282,11 +282,12 @@ int ubus_lookup_id(ubus_context* connection, const char* path, uint32_t* id)
     return error ? error : NEXT(ubus_lookup_id)(connection, path, id);
 }
 
-int ubus_invoke_async(ubus_context* connection, uint32_t object, const char* method, blob_attr* message,
-                      ubus_request* request)
+// What ubus_invoke_async, which is inline, comes to.
+int ubus_invoke_async_fd(ubus_context* connection, uint32_t object, const char* method, blob_attr* message,
+                         ubus_request* request, int fd)
 {
     const int error = FAULT(FAULT_UBUS_INVOKE_ASYNC, method);
-    return error ? error : NEXT(ubus_invoke_async)(connection, object, method, message, request);
+    return error ? error : NEXT(ubus_invoke_async_fd)(connection, object, method, message, request, fd);
 }
 
 int ubus_send_reply(ubus_context* connection, ubus_request_data* request, blob_attr* message)

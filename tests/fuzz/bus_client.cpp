@@ -223,7 +223,7 @@ private:
     {
         uloop_timeout end{};
         end.cb = [](uloop_timeout*) { uloop_end(); };
-        if (!ctx_->cancel_poll)
+        if (!ctx_->sock.eof)
             ubus_add_uloop(ctx_);
         uloop_timeout_set(&end, 1);
         uloop_run();

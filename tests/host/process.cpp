@@ -88,6 +88,7 @@ Process::~Process()
 
 void Process::signal(int number) const
 {
+    ASSERT_GT(pid_, 0); // any other number names more than one process
     EXPECT_EQ(kill(pid_, number), 0);
 }
 

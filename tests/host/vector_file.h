@@ -15,7 +15,7 @@ class VectorRecord {
 public:
     void set(std::string key, std::string value);
     bool has(const std::string& key) const;
-    // The value as it stands in the file; throws std::out_of_range without such a key.
+    // The value as it is in the file; throws std::out_of_range without such a key.
     const std::string& text(const std::string& key) const;
     // A value of hexadecimal digits, decoded.
     Bytes bytes(const std::string& key) const;

@@ -106,11 +106,11 @@ void blob_buf_free(blob_buf* buf)
     buf->buflen = 0;
 }
 
-blob_attr* blob_new(blob_buf* buf, int id, int payload)
+blob_attr* appendZeroed(blob_buf* buf, int id, size_t payload)
 {
-    blob_attr* attr = payload < 0 ? nullptr : appendAttr(buf, id, static_cast<size_t>(payload));
+    blob_attr* attr = appendAttr(buf, id, payload);
     if (attr)
-        memset(attr->data, 0, static_cast<size_t>(payload));
+        memset(attr->data, 0, payload);
     return attr;
 }
 
@@ -120,18 +120,6 @@ blob_attr* blob_put(blob_buf* buf, int id, const void* data, unsigned int len)
     if (attr && len > 0)
         memcpy(attr->data, data, len);
     return attr;
-}
-
-blob_attr* blob_put_raw(blob_buf* buf, const void* data, unsigned int len)
-{
-    if (!data || len < sizeof(blob_attr) || len > MAX_BUFFER)
-        return nullptr;
-    char* place = extendHead(buf, padded(len));
-    if (!place)
-        return nullptr;
-    memcpy(place, data, len);
-    memset(place + len, 0, padded(len) - len);
-    return reinterpret_cast<blob_attr*>(place);
 }
 
 void* blob_nest_start(blob_buf* buf, int id)
@@ -151,20 +139,4 @@ void blob_nest_end(blob_buf* buf, void* cookie)
 
     setRawLength(parent, end - offsetOf(buf, parent));
     buf->head = parent;
-}
-
-blob_attr* blob_memdup(blob_attr* attr)
-{
-    size_t size = blob_pad_len(attr);
-    auto* copy = static_cast<blob_attr*>(malloc(std::max(size, sizeof(blob_attr))));
-    if (copy)
-        memcpy(copy, attr, std::max(size, sizeof(blob_attr)));
-    return copy;
-}
-
-bool blob_attr_equal(const blob_attr* a, const blob_attr* b)
-{
-    if (!a || !b)
-        return a == b;
-    return a->id_len == b->id_len && memcmp(a->data, b->data, blob_len(a)) == 0;
 }

@@ -1,6 +1,5 @@
 #include "ubox.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +16,7 @@ blob_attr* appendField(blob_buf* buf, int type, const char* name, size_t length)
     if (nameLength > MAX_NAME || length > BLOB_ATTR_LEN_MASK)
         return nullptr;
     size_t headerLength = static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned>(nameLength)));
-    blob_attr* attr = blob_new(buf, type, static_cast<int>(headerLength + length));
+    blob_attr* attr = appendZeroed(buf, type, headerLength + length);
     if (!attr)
         return nullptr;
     attr->id_len |= cpu_to_be32(BLOB_ATTR_EXTENDED);
@@ -38,12 +37,6 @@ int blobmsg_add_field(blob_buf* buf, int type, const char* name, const void* dat
     if (len > 0)
         memcpy(blobmsg_data(attr), data, len);
     return 0;
-}
-
-int blobmsg_add_blob(blob_buf* buf, blob_attr* attr)
-{
-    return blobmsg_add_field(buf, blobmsg_type(attr), blobmsg_name(attr), blobmsg_data(attr),
-                             static_cast<unsigned>(blobmsg_data_len(attr)));
 }
 
 void* blobmsg_open_nested(blob_buf* buf, const char* name, bool array)

@@ -109,7 +109,7 @@ char* Formatter::finish()
     while (levels_.size() > 0 && !failed_) {
         Level& level = levels_.top();
         blob_attr* attr = level.next;
-        if (!blob_attr_fits(attr, level.rest)) {
+        if (!attrFits(attr, level.rest)) {
             close();
             continue;
         }

@@ -17,7 +17,7 @@ bool nameIsSound(const blob_attr* attr, bool required)
     if (payload < sizeof(blobmsg_hdr))
         return false;
     const auto* header = static_cast<const blobmsg_hdr*>(blob_data(attr));
-    auto length = static_cast<unsigned>(blobmsg_namelen(header));
+    unsigned length = be16_to_cpu(header->namelen);
     if (static_cast<size_t>(blobmsg_hdrlen(length)) > payload)
         return false;
     return header->name[length] == 0 && (length > 0 || !required);
@@ -59,20 +59,11 @@ bool takesType(const blobmsg_policy& entry, int type)
            (entry.type == BLOBMSG_CAST_INT64 && isInteger(type));
 }
 
-// Hands every attribute of the run to `take`, which ends the walk by returning false. -1 at a malformed attribute.
-template <typename Take>
-int walkChecked(void* data, size_t length, Take take)
+// The attribute behind this one in a run, of which `rest` bytes were left.
+blob_attr* nextOf(blob_attr* attr, size_t& rest)
 {
-    blob_attr* attr = nullptr;
-    size_t rest = 0;
-    UBOX_FOR_EACH_ATTR_(attr, data, length, rest)
-    {
-        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
-            return -1;
-        if (!take(attr))
-            break;
-    }
-    return 0;
+    rest -= blob_pad_len(attr);
+    return blob_next(attr);
 }
 
 } // namespace
@@ -109,37 +100,40 @@ int blobmsg_check_array(const blob_attr* attr, int type)
     return count;
 }
 
-bool blobmsg_check_attr_list(const blob_attr* attr, int type)
-{
-    return blobmsg_check_array(attr, type) >= 0;
-}
-
 int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
     if (!data || len == 0)
         return -EINVAL;
-    return walkChecked(data, len, [=](blob_attr* attr) {
+    size_t rest = len;
+    for (auto* attr = static_cast<blob_attr*>(data); attrFits(attr, rest); attr = nextOf(attr, rest)) {
+        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+            return -1;
         if (!blob_is_extended(attr))
-            return true;
+            continue;
         const auto* header = static_cast<const blobmsg_hdr*>(blob_data(attr));
-        std::string_view name(blobmsg_name(attr), static_cast<size_t>(blobmsg_namelen(header)));
+        std::string_view name(blobmsg_name(attr), be16_to_cpu(header->namelen));
         for (int i = 0; i < policy_len; ++i) {
             if (!tb[i] && policy[i].name && takesType(policy[i], blobmsg_type(attr)) && name == policy[i].name &&
                 !name.empty())
                 tb[i] = attr;
         }
-        return true;
-    });
+    }
+    return 0;
 }
 
 int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
     int at = 0;
-    return walkChecked(data, data ? len : 0, [&](blob_attr* attr) {
-        if (at < policy_len && takesType(policy[at], blobmsg_type(attr)))
-            tb[at++] = attr;
-        return at < policy_len;
-    });
+    size_t rest = data ? len : 0;
+    for (auto* attr = static_cast<blob_attr*>(data); attrFits(attr, rest) && at < policy_len;
+         attr = nextOf(attr, rest)) {
+        if (!takesType(policy[at], blobmsg_type(attr)))
+            continue; // unchecked
+        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+            return -1;
+        tb[at++] = attr;
+    }
+    return 0;
 }

@@ -1,4 +1,4 @@
-// The library's public headers, which have no C linkage of their own.
+// The library's public headers, which have no C linkage of their own, and what its sources share.
 #pragma once
 
 extern "C" {
@@ -8,3 +8,12 @@ extern "C" {
 #include <libubox/utils.h>
 }
 #undef fallthrough
+
+// Appends an attribute of `payload` zero bytes; null when the buffer cannot grow.
+blob_attr* appendZeroed(blob_buf* buf, int id, size_t payload);
+
+// Whether an attribute of a run lies, with its padding, wholly within the `rest` bytes that are left of the run.
+inline bool attrFits(const blob_attr* attr, size_t rest)
+{
+    return rest >= sizeof(blob_attr) && blob_pad_len(attr) >= sizeof(blob_attr) && blob_pad_len(attr) <= rest;
+}

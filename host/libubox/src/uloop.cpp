@@ -46,11 +46,6 @@ struct {
 // What the wake-up descriptor's events point to; it has no callback.
 uloop_fd wakeupMark;
 
-void setCancelled(bool cancelled)
-{
-    std::atomic_ref(uloop_cancelled).store(cancelled);
-}
-
 bool isCancelled()
 {
     return std::atomic_ref(uloop_cancelled).load();
@@ -171,15 +166,14 @@ void uloop_done()
     timeoutsCancelAll();
 }
 
-void uloop_end()
+void uloop_wakeup_()
 {
-    setCancelled(true);
     wakeupSend();
 }
 
 int uloop_run_timeout(int ms)
 {
-    setCancelled(false);
+    std::atomic_ref(uloop_cancelled).store(false);
     signalsForget();
     wakeupClear(); // of what was asked before; signals since then have left their marks
     do {

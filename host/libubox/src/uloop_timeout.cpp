@@ -98,8 +98,3 @@ int64_t uloop_timeout_remaining64(uloop_timeout* timeout)
 {
     return timeout->pending ? remainingMs(timeout, nowUs()) : -1;
 }
-
-int uloop_timeout_remaining(uloop_timeout* timeout)
-{
-    return static_cast<int>(std::clamp(uloop_timeout_remaining64(timeout), int64_t{INT_MIN}, int64_t{INT_MAX}));
-}

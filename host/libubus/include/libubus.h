@@ -105,7 +105,7 @@ struct ubus_context {
 
     uint32_t local_id; /* in network byte order */
     uint16_t request_seq;
-    bool cancel_poll; /* the connection is gone: no wait goes on */
+    bool cancel_poll; /* a waiting call has ended: the socket's callback handles one message a call from then on */
     int stack_depth;  /* waits and handlers under way */
 
     /* Called once when the connection is gone and the socket out of the loop. The default does nothing: the loop goes
@@ -184,8 +184,8 @@ static inline void ubus_add_uloop(struct ubus_context* ctx)
     uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
-/* Reads and handles what has arrived, without waiting; for contexts that are not in the loop. When the connection is
- * gone `ctx->sock.eof` is set afterwards. */
+/* Reads and handles what has arrived, but only one message of it once a waiting call has ended on the context, without
+ * waiting; for contexts that are not in the loop. When the connection is gone `ctx->sock.eof` is set afterwards. */
 static inline void ubus_handle_event(struct ubus_context* ctx)
 {
     ctx->sock.cb(&ctx->sock, ULOOP_READ);
@@ -203,13 +203,26 @@ int ubus_lookup(struct ubus_context* ctx, const char* path, ubus_lookup_handler_
 /* Leaves `*id` alone when the bus names no object, which it may do with a status of 0. */
 int ubus_lookup_id(struct ubus_context* ctx, const char* path, uint32_t* id);
 
-/* Calls a method; a null `msg` is an empty table. A timeout of 0 ms waits for ever, a negative one is over at once. */
-int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
-                ubus_data_handler_t cb, void* priv, int timeout);
+/* Calls a method; a null `msg` is an empty table. A timeout of 0 ms waits for ever, a negative one is over at once.
+ * Descriptors are not passed: `fd` is -1. */
+int ubus_invoke_fd(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                   ubus_data_handler_t cb, void* priv, int timeout, int fd);
+
+static inline int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                              ubus_data_handler_t cb, void* priv, int timeout)
+{
+    return ubus_invoke_fd(ctx, obj, method, msg, cb, priv, timeout, -1);
+}
 
 /* Only sends the call, and zeroes and fills `req`. Set its callbacks, then hand it to one of the next two. */
-int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
-                      struct ubus_request* req);
+int ubus_invoke_async_fd(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                         struct ubus_request* req, int fd);
+
+static inline int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, const char* method, struct blob_attr* msg,
+                                    struct ubus_request* req)
+{
+    return ubus_invoke_async_fd(ctx, obj, method, msg, req, -1);
+}
 
 /* Has the request's answers handled as they arrive, and `complete_cb` called at its end. */
 void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* req);

@@ -2,7 +2,7 @@
 #ifndef UBUS_COMMON_H
 #define UBUS_COMMON_H
 
-/* The socket that a null path stands for. */
+/* The socket that a null path means. */
 #ifndef UBUS_UNIX_SOCKET
 #define UBUS_UNIX_SOCKET "/var/run/ubus.sock"
 #endif

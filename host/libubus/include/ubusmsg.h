@@ -2,29 +2,9 @@
 #ifndef UBUSMSG_H
 #define UBUSMSG_H
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-#include <stdint.h>
-
 #include <libubox/blob.h>
 
-/* Largest length of a root attribute, rounded up to a multiple of 4. */
-#define UBUS_MAX_MSGLEN 1048576
-
 #define UBUS_SYSTEM_OBJECT_EVENT 1
-#define UBUS_SYSTEM_OBJECT_ACL 2
-#define UBUS_SYSTEM_OBJECT_MONITOR 3
-#define UBUS_SYSTEM_OBJECT_MAX 1024
-
-/* Precedes the root attribute; numbers are big-endian. */
-struct ubus_msghdr {
-    uint8_t version;
-    uint8_t type;
-    uint16_t seq;
-    uint32_t peer;
-} __packed;
 
 enum ubus_msg_type {
     UBUS_MSG_HELLO,
@@ -77,9 +57,5 @@ enum ubus_msg_status {
     UBUS_STATUS_SYSTEM_ERROR,
     __UBUS_STATUS_LAST
 };
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

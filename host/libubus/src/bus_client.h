@@ -32,48 +32,52 @@ struct RunningCallback {
     RunningCallback* outer;
 };
 
-constexpr size_t INPUT_SIZE = 8192;
+// Precedes the root attribute; numbers are big-endian.
+struct MessageHeader {
+    uint8_t version;
+    uint8_t type;
+    uint16_t seq;
+    uint32_t peer;
+};
+
+// What goes before the attributes of every message: the header and the root's word.
+constexpr size_t HEADER_SIZE = sizeof(MessageHeader) + sizeof(blob_attr);
+constexpr size_t MAX_ROOT = 1048576; // longest root attribute, padded
 
 struct ubus_connection {
     list_head spares; // of Message, to be used again
     int spareCount;
-    Message* partial; // too long for what has arrived of it
-    size_t inputStart;
-    size_t inputEnd;
-    blob_buf output; // the message that is being built
+    char header[HEADER_SIZE]; // of the next message
+    size_t headerMissing;     // bytes of it that have not arrived
+    Message* partial;         // whose header has arrived, but not all of it
+    blob_buf output;          // the message that is being built
     RunningCallback* running;
+    bool broken;      // no wait goes on, and nothing is read or sent
     bool lostPending; // the loss has not been reported
     bool reporting;
     bool* freed; // set by ubus_shutdown for the report under way
-    uint8_t input[INPUT_SIZE];
 };
 
-enum class Received { Nothing, Part, All };
-
-// Reads once without waiting. Nothing: there was nothing, or the connection is broken, which sets cancel_poll. Part:
-// the buffer has been filled, so more may be there.
-Received fillInput(ubus_context* ctx);
-
-// The next whole message of what has been read, to be given back with releaseMessage; null when there is none. A peer
-// that does not speak the protocol breaks the connection.
+// Reads the next message, and nothing behind it, without waiting; it is to be given back with releaseMessage. Null
+// when it has not arrived as a whole, and when the connection breaks; a peer that does not speak the protocol breaks
+// it, too.
 Message* nextMessage(ubus_context* ctx);
 void releaseMessage(ubus_context* ctx, Message* message);
 void releaseMessages(ubus_context* ctx, list_head* messages);
 void discardInput(ubus_context* ctx);
 
-// Waits until the socket can be read (POLLIN) or written (POLLOUT) or is broken. Below 0: without end. False when the
-// time is over; a signal ends the wait early, with true.
-bool waitForSocket(const ubus_context* ctx, short events, int timeoutMs);
+// Waits until the socket can be read (POLLIN) or written (POLLOUT) or is broken, or the time is over. Below 0: without
+// end. A signal ends the wait early.
+void waitForSocket(const ubus_context* ctx, short events, int timeoutMs);
 
 // Marks the connection as broken: pending requests end, no wait goes on, and the loss is reported once nothing is under
 // way.
 void breakConnection(ubus_context* ctx);
 
-// Reads without waiting and handles one bufferful, after what is there already.
-Received receive(ubus_context* ctx);
-// Handles the messages that have been read: answers at once, calls at once unless a wait or a handler is under way.
-void handleInput(ubus_context* ctx);
-// Handles the calls that were queued, unless a wait or a handler is under way.
+// Handles an answer at once, and queues a call.
+void handleMessage(ubus_context* ctx, Message* message);
+// Handles the calls that were queued, unless a wait or a handler is under way. Calls that arrive while one of their
+// handlers waits are left to the loop if the socket is in it.
 void dispatchPending(ubus_context* ctx);
 // At the end of a waiting call: handles the calls that were queued and reports a loss, or leaves both to the loop if
 // the socket is in it. Nothing while another wait or a handler is under way. The context may be gone afterwards.

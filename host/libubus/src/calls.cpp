@@ -79,6 +79,6 @@ void ubus_complete_deferred_request(ubus_context* ctx, ubus_request_data* req, i
     if (!buf || !blob_put_u32(buf, UBUS_ATTR_STATUS, static_cast<uint32_t>(ret)) ||
         !blob_put_u32(buf, UBUS_ATTR_OBJID, req->object))
         return;
-    // Nobody is left to be told when it cannot be sent.
+    // Nobody is left to be notified when it cannot be sent.
     (void)sendMessage(ctx, UBUS_MSG_STATUS, req->seq, req->peer);
 }

@@ -23,7 +23,7 @@ void closeSocket(ubus_context* ctx)
     if (ctx->sock.fd >= 0)
         close(ctx->sock.fd);
     ctx->sock.fd = -1;
-    ctx->cancel_poll = true;
+    ctx->connection->broken = true;
 }
 
 // A connected, non-blocking socket, or -1.
@@ -53,9 +53,8 @@ int connectSocket(const char* path)
 Message* awaitGreeting(ubus_context* ctx)
 {
     Message* greeting = nextMessage(ctx);
-    while (!greeting && !ctx->cancel_poll) {
+    while (!greeting && !ctx->connection->broken) {
         waitForSocket(ctx, POLLIN, -1);
-        fillInput(ctx);
         greeting = nextMessage(ctx);
     }
     return greeting;
@@ -66,7 +65,7 @@ bool takeGreeting(ubus_context* ctx)
     Message* greeting = awaitGreeting(ctx);
     if (!greeting)
         return false;
-    ctx->local_id = cpu_to_be32(greeting->peer); // kept as it stands on the wire
+    ctx->local_id = cpu_to_be32(greeting->peer); // kept as it is on the wire
     bool valid = greeting->type == UBUS_MSG_HELLO && ctx->local_id > 1;
     releaseMessage(ctx, greeting);
     return valid;
@@ -83,7 +82,7 @@ int openConnection(ubus_context* ctx, const char* path)
         return UBUS_STATUS_CONNECTION_FAILED;
     ctx->sock.eof = false;
     ctx->sock.error = false;
-    ctx->cancel_poll = false;
+    ctx->connection->broken = false;
     ctx->request_seq = 0;
     if (takeGreeting(ctx))
         return UBUS_STATUS_OK;
@@ -157,10 +156,10 @@ int ubus_reconnect(ubus_context* ctx, const char* path)
 void ubus_shutdown(ubus_context* ctx)
 {
     ubus_connection* connection = ctx->connection;
-    closeSocket(ctx);
-    uloop_timeout_cancel(&ctx->pending_timer);
     if (!connection)
         return;
+    closeSocket(ctx);
+    uloop_timeout_cancel(&ctx->pending_timer);
     discardInput(ctx);
     while (!list_empty(&connection->spares)) {
         Message* spare = list_first_entry(&connection->spares, Message, list);

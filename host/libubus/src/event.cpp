@@ -9,7 +9,7 @@ int onEvent(ubus_context* ctx, ubus_object* obj, ubus_request_data*, const char*
     return UBUS_STATUS_OK;
 }
 
-// The event's name stands in the place of the method's, so the only method has none.
+// The event's name is in the place of the method's, so the only method has none.
 const ubus_method eventMethods[] = {UBUS_METHOD_NOARG(nullptr, onEvent)};
 
 // Calls a method of the bus's own event object. `put` adds its arguments.

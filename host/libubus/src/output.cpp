@@ -22,9 +22,9 @@ bool putData(blob_buf* buf, const blob_attr* msg)
 bool sendMessage(ubus_context* ctx, uint8_t type, uint16_t seq, uint32_t peer)
 {
     blob_attr* root = ctx->connection->output.head;
-    if (ctx->cancel_poll || blob_pad_len(root) > UBUS_MAX_MSGLEN)
+    if (ctx->connection->broken || blob_pad_len(root) > MAX_ROOT)
         return false;
-    ubus_msghdr header{.version = 0, .type = type, .seq = cpu_to_be16(seq), .peer = cpu_to_be32(peer)};
+    MessageHeader header{.version = 0, .type = type, .seq = cpu_to_be16(seq), .peer = cpu_to_be32(peer)};
     iovec parts[] = {{&header, sizeof(header)}, {root, blob_raw_len(root)}};
     size_t left = parts[0].iov_len + parts[1].iov_len;
     msghdr message{};

@@ -3,14 +3,13 @@
 
 namespace {
 
-constexpr int MAX_READS = 16; // of one event, so that a busy bus leaves the loop time for others
 constexpr int PENDING_DELAY_MS = 1;
 
-// Runs after the outermost wait or handler, from the loop if the socket is in it.
+// Runs after the outermost wait or handler, from the loop if the socket is in it. The context may be gone afterwards.
 void reportLoss(ubus_context* ctx)
 {
     ubus_connection* connection = ctx->connection;
-    if (connection->reporting)
+    if (ctx->stack_depth > 0 || connection->reporting)
         return;
     bool freed = false;
     connection->freed = &freed;
@@ -27,6 +26,8 @@ void reportLoss(ubus_context* ctx)
     connection->reporting = false;
     connection->freed = nullptr;
 }
+
+} // namespace
 
 void handleMessage(ubus_context* ctx, Message* message)
 {
@@ -46,55 +47,31 @@ void handleMessage(ubus_context* ctx, Message* message)
     --ctx->stack_depth;
 }
 
-// Runs what is due once no wait and no handler is under way. The context may be gone afterwards.
-void settle(ubus_context* ctx)
-{
-    if (ctx->stack_depth > 0)
-        return;
-    dispatchPending(ctx);
-    reportLoss(ctx);
-}
-
-} // namespace
-
 void dispatchPending(ubus_context* ctx)
 {
-    if (ctx->stack_depth > 0)
+    if (ctx->stack_depth > 0 || list_empty(&ctx->pending))
         return;
+    const Message* last = list_entry(ctx->pending.prev, Message, list);
+    const Message* handled = nullptr;
     ++ctx->stack_depth;
-    while (!list_empty(&ctx->pending)) {
+    while (!list_empty(&ctx->pending) && (handled != last || !ctx->sock.registered)) {
         Message* message = list_first_entry(&ctx->pending, Message, list);
         list_del(&message->list);
         dispatchCall(ctx, message);
         releaseMessage(ctx, message);
+        handled = message;
     }
     --ctx->stack_depth;
-}
-
-void handleInput(ubus_context* ctx)
-{
-    while (Message* message = nextMessage(ctx)) {
-        handleMessage(ctx, message);
-        dispatchPending(ctx);
-    }
-}
-
-Received receive(ubus_context* ctx)
-{
-    handleInput(ctx);
-    if (ctx->cancel_poll)
-        return Received::Nothing;
-    Received received = fillInput(ctx);
-    handleInput(ctx);
-    return received;
+    if (!list_empty(&ctx->pending))
+        uloop_timeout_set(&ctx->pending_timer, PENDING_DELAY_MS);
 }
 
 void breakConnection(ubus_context* ctx)
 {
     ctx->sock.eof = true;
-    if (ctx->cancel_poll)
+    if (ctx->connection->broken)
         return;
-    ctx->cancel_poll = true;
+    ctx->connection->broken = true;
     ctx->connection->lostPending = true;
     ++ctx->stack_depth;
     endAllRequests(ctx);
@@ -108,25 +85,28 @@ void settleAfterWait(ubus_context* ctx)
     if (ctx->sock.registered)
         uloop_timeout_set(&ctx->pending_timer, PENDING_DELAY_MS);
     else
-        settle(ctx);
+        handlePendingTimer(&ctx->pending_timer);
 }
 
 void handleSocket(uloop_fd* sock, unsigned int)
 {
     ubus_context* ctx = container_of(sock, ubus_context, sock);
-    for (int reads = 1;; ++reads) {
-        Received received = receive(ctx);
-        // The loop does not call again after an error, and after a half close there is only a rest to read.
-        bool toTheEnd = sock->eof || sock->error;
-        if (received == Received::Nothing || (!toTheEnd && (received == Received::All || reads == MAX_READS)))
+    dispatchPending(ctx);
+    while (Message* message = nextMessage(ctx)) {
+        handleMessage(ctx, message);
+        dispatchPending(ctx);
+        // The rest is left to the loop, which does not call again after an error.
+        if (ctx->cancel_poll && !sock->eof && !sock->error)
             break;
     }
-    if (ctx->cancel_poll && sock->registered)
+    if (ctx->connection->broken && sock->registered)
         uloop_fd_delete(sock);
-    settle(ctx);
+    reportLoss(ctx);
 }
 
 void handlePendingTimer(uloop_timeout* timer)
 {
-    settle(container_of(timer, ubus_context, pending_timer));
+    ubus_context* ctx = container_of(timer, ubus_context, pending_timer);
+    dispatchPending(ctx);
+    reportLoss(ctx);
 }

@@ -100,13 +100,14 @@ void linkRequest(ubus_context* ctx, ubus_request* req)
 void awaitEnd(ubus_context* ctx, const ubus_request* req, int timeoutMs)
 {
     int64_t deadline = nowMs() + timeoutMs;
-    handleInput(ctx); // which may hold the answer already, when this is called from a handler
-    while (!req->status_msg && !ctx->cancel_poll) {
+    while (!req->status_msg && !ctx->connection->broken) {
         int64_t remaining = timeoutMs == 0 ? -1 : deadline - nowMs();
         if (timeoutMs != 0 && remaining <= 0)
             return;
-        if (waitForSocket(ctx, POLLIN, static_cast<int>(remaining)))
-            receive(ctx);
+        if (Message* message = nextMessage(ctx))
+            handleMessage(ctx, message);
+        else if (!ctx->connection->broken)
+            waitForSocket(ctx, POLLIN, static_cast<int>(remaining));
     }
 }
 
@@ -176,7 +177,7 @@ blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method)
     return buf;
 }
 
-int ubus_invoke_async(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_request* req)
+int ubus_invoke_async_fd(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_request* req, int)
 {
     initRequest(ctx, req);
     blob_buf* buf = startCall(ctx, obj, method);
@@ -185,8 +186,8 @@ int ubus_invoke_async(ubus_context* ctx, uint32_t obj, const char* method, blob_
     return startRequest(ctx, req, UBUS_MSG_INVOKE, obj);
 }
 
-int ubus_invoke(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_data_handler_t cb, void* priv,
-                int timeout)
+int ubus_invoke_fd(ubus_context* ctx, uint32_t obj, const char* method, blob_attr* msg, ubus_data_handler_t cb,
+                   void* priv, int timeout, int)
 {
     ubus_request req;
     if (int status = ubus_invoke_async(ctx, obj, method, msg, &req))
@@ -200,7 +201,7 @@ void ubus_complete_request_async(ubus_context* ctx, ubus_request* req)
 {
     if (req->status_msg)
         return;
-    if (ctx->cancel_poll)
+    if (ctx->connection->broken)
         endRequest(ctx, req, UBUS_STATUS_TIMEOUT); // nothing else would ever end it
     else
         linkRequest(ctx, req);
@@ -214,8 +215,9 @@ int ubus_complete_request(ubus_context* ctx, ubus_request* req, int timeout)
     ++ctx->stack_depth;
     awaitEnd(ctx, req, timeout);
     if (!req->status_msg)
-        endRequest(ctx, req, ctx->cancel_poll ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT);
+        endRequest(ctx, req, ctx->connection->broken ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT);
     --ctx->stack_depth;
+    ctx->cancel_poll = true;
     int status = req->status_code;
     settleAfterWait(ctx);
     return status;

@@ -86,9 +86,11 @@ struct uci_package {
     bool uses_conf2; /* it comes from the overriding directory */
     char* path;      /* its file */
 
-    struct uci_list delta;       /* changes not saved yet, struct uci_delta */
-    struct uci_list saved_delta; /* changes found by loading, see UCI_FLAG_SAVED_DELTA */
-    unsigned int section_count;  /* private: sections ever made, for the names of anonymous ones */
+    /* Private: changes not saved yet, those found by loading (see UCI_FLAG_SAVED_DELTA), and the number of sections
+     * ever made, for the names of anonymous ones. */
+    struct uci_list delta;
+    struct uci_list saved_delta;
+    unsigned int section_count;
 };
 
 struct uci_section {
@@ -109,25 +111,7 @@ struct uci_option {
     } v;
 };
 
-enum uci_change {
-    UCI_CHANGE_SET,
-    UCI_CHANGE_DELETE,
-    UCI_CHANGE_ADD_SECTION,
-    UCI_CHANGE_ADD_LIST,
-    UCI_CHANGE_DEL_LIST,
-    UCI_CHANGE_RENAME,
-    UCI_CHANGE_REORDER
-};
-
-/* A recorded change; its element's name is the option, null for a change to a section. */
-struct uci_delta {
-    struct uci_element e;
-    enum uci_change change;
-    char* section;
-    char* value; /* null where the change has none */
-};
-
-/* The result of a lookup, and what the calls that change something are told with. */
+/* The result of a lookup, and the argument of the calls that change something. */
 struct uci_ptr {
     enum uci_type target; /* what the tuple names: package, section or option */
     enum {
@@ -148,24 +132,22 @@ struct uci_ptr {
 };
 
 #ifndef container_of
-#define container_of(ptr, type, member) ((type*)((char*)(ptr)-offsetof(type, member)))
+#define container_of(ptr, type, member) ((type*)((char*)ptr - offsetof(type, member)))
 #endif
-
-#define uci_list_to_element(node) container_of(node, struct uci_element, list)
 
 #define uci_list_empty(head) ((head)->next == (head))
 
 /* Walks over the elements of a list; the list may not change meanwhile. */
 #define uci_foreach_element(head, ptr)                                                                                 \
-    for ((ptr) = uci_list_to_element((head)->next); &(ptr)->list != (head);                                            \
-         (ptr) = uci_list_to_element((ptr)->list.next))
+    for (ptr = container_of((head)->next, struct uci_element, list); &ptr->list != (head);                             \
+         ptr = container_of(ptr->list.next, struct uci_element, list))
 
 /* The same; the element at hand, and no other, may be removed meanwhile. */
 #define uci_foreach_element_safe(head, tmp, ptr)                                                                       \
-    for ((ptr) = uci_list_to_element((head)->next), (tmp) = uci_list_to_element((ptr)->list.next);                     \
-         &(ptr)->list != (head); (ptr) = (tmp), (tmp) = uci_list_to_element((tmp)->list.next))
+    for (ptr = container_of((head)->next, struct uci_element, list),                                                   \
+        tmp = container_of(ptr->list.next, struct uci_element, list);                                                  \
+         &ptr->list != (head); ptr = tmp, tmp = container_of(tmp->list.next, struct uci_element, list))
 
-#define uci_to_delta(ptr) container_of(ptr, struct uci_delta, e)
 #define uci_to_package(ptr) container_of(ptr, struct uci_package, e)
 #define uci_to_section(ptr) container_of(ptr, struct uci_section, e)
 #define uci_to_option(ptr) container_of(ptr, struct uci_option, e)
@@ -210,7 +192,7 @@ int uci_load(struct uci_context* ctx, const char* name, struct uci_package** pac
 /* Frees a package with its unsaved changes. */
 int uci_unload(struct uci_context* ctx, struct uci_package* p);
 
-/* Appends the unsaved changes to the package's change file in the save directory and forgets them. UCI_ERR_IO when
+/* Appends the unsaved changes to the package's change file in the save directory and clears them. UCI_ERR_IO when
  * that fails; they are kept then, and the change file is as before. Takes a lock on the change file meanwhile. */
 int uci_save(struct uci_context* ctx, struct uci_package* p);
 
@@ -233,10 +215,6 @@ struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name
 /* A section or option by its stored name, or null (UCI_ERR_NOTFOUND in the context). */
 struct uci_section* uci_lookup_section(struct uci_context* ctx, struct uci_package* p, const char* name);
 struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section* s, const char* name);
-
-/* Stores the element of that name behind *e (from the beginning: behind the list's head, *e null) in *e;
- * UCI_ERR_NOTFOUND when there is none. */
-int uci_lookup_next(struct uci_context* ctx, struct uci_element** e, struct uci_list* list, const char* name);
 
 /* Resolves PACKAGE[.SECTION[.OPTION]][=VALUE]. The text is split in place, so it must be writable and outlive *ptr; a
  * null text resolves what *ptr names already. The package is loaded if it is not. With `extended` a section may be
@@ -261,9 +239,10 @@ static inline const char* uci_lookup_option_string(struct uci_context* ctx, stru
  * old one are dead, and the record's own are brought up to date. UCI_ERR_INVAL when the section is missing. */
 
 /* Option: created behind the others, or its value replaced; a list becomes a plain option. Without an option in the
- * tuple: creates the section with the value as type, or changes its type. The same value again is no change; an empty
- * value deletes what is there, and is UCI_OK when nothing is. UCI_ERR_INVAL for a bare package, without a value, and
- * for a type with blanks, control or non-ASCII characters. */
+ * tuple: creates the section with the value as type, or changes its type, which gives an anonymous section its
+ * generated name for good; at an index where there is no section nothing happens. The same value again is no change;
+ * an empty value deletes what is there, and is UCI_OK when nothing is. UCI_ERR_INVAL for a bare package, without a
+ * value, and for a type with blanks, control or non-ASCII characters. */
 int uci_set(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /* Deletes an option or section, or the element of a list option whose index, counting from 0, is the value.
@@ -279,7 +258,8 @@ int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
 /* Renames a section or option to the value. UCI_ERR_DUPLICATE when the new name is taken. */
 int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
 
-/* Adds an anonymous section at the end and stores it in *res. */
+/* Adds an anonymous section at the end and stores it in *res. A type that no section can have is taken, but the change
+ * is dropped when it is committed. */
 int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res);
 
 /* Moves a section to a position, counting from 0; past the end means the end. */

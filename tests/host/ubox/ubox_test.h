@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include <gtest/gtest.h>
+
 extern "C" {
 #include <libubox/blobmsg.h>
 #include <libubox/blobmsg_json.h>
@@ -27,6 +29,11 @@ public:
     explicit Buffer(int id = 0)
     {
         blob_buf_init(&buf_, id);
+    }
+    // With the members of a JSON object.
+    explicit Buffer(const char* json) : Buffer()
+    {
+        EXPECT_TRUE(blobmsg_add_json_from_string(&buf_, json));
     }
     ~Buffer()
     {
@@ -77,4 +84,9 @@ inline std::string takeText(char* text)
 {
     std::unique_ptr<char, FreeMemory> owner(text);
     return text ? text : "(null)";
+}
+
+inline std::string jsonOf(blob_attr* msg)
+{
+    return takeText(blobmsg_format_json(msg, true));
 }

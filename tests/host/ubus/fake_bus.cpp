@@ -53,23 +53,6 @@ void FakeBus::expectEnd()
     EXPECT_TRUE(receive().empty());
 }
 
-JsonMessage::JsonMessage(const char* json)
-{
-    blob_buf_init(&buf_, 0);
-    EXPECT_TRUE(blobmsg_add_json_from_string(&buf_, json));
-}
-
-JsonMessage::~JsonMessage()
-{
-    blob_buf_free(&buf_);
-}
-
-std::string jsonOf(blob_attr* msg)
-{
-    std::unique_ptr<char, decltype(&free)> text(blobmsg_format_json(msg, true), free);
-    return text.get();
-}
-
 void collectJson(ubus_request* req, int type, blob_attr* msg)
 {
     EXPECT_EQ(type, UBUS_MSG_DATA);

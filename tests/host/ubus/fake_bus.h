@@ -7,13 +7,12 @@
 #include <string>
 #include <thread>
 
+#include "ubox/ubox_test.h"
 #include "wire.h"
 
 extern "C" {
-#include <libubox/blobmsg_json.h>
 #include <libubus.h>
 }
-#undef fallthrough
 
 class FakeBus {
 public:
@@ -74,24 +73,6 @@ inline Context connectTo(const FakeBus& bus)
 {
     return Context(ubus_connect(bus.path()));
 }
-
-// A head with the members of a JSON object.
-class JsonMessage {
-public:
-    explicit JsonMessage(const char* json);
-    ~JsonMessage();
-    JsonMessage(const JsonMessage&) = delete;
-    JsonMessage& operator=(const JsonMessage&) = delete;
-    blob_attr* get()
-    {
-        return buf_.head;
-    }
-
-private:
-    blob_buf buf_{};
-};
-
-std::string jsonOf(blob_attr* msg);
 
 // Lets a data callback collect the replies as JSON, one after the other, in the std::string that is the request's priv.
 void collectJson(ubus_request* req, int type, blob_attr* msg);

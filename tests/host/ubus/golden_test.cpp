@@ -1,4 +1,4 @@
-// Plays the captured conversation to the client: what it is told and what it must say, byte for byte.
+// Plays the captured conversation to the client: what it receives and what it must send, byte for byte.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -33,8 +33,8 @@ int onMoveTo(ubus_context* ctx, ubus_object* obj, ubus_request_data* req, const 
     calls += std::string(method) + jsonOf(msg) + req->acl.user + req->acl.group + req->acl.object + " ";
     EXPECT_EQ(req->object, obj->id);
     EXPECT_EQ(req->peer, 0x0fff92beU);
-    JsonMessage reply(R"({"error_code":0})");
-    EXPECT_EQ(ubus_send_reply(ctx, req, reply.get()), 0);
+    Buffer reply(R"({"error_code":0})");
+    EXPECT_EQ(ubus_send_reply(ctx, req, reply.head()), 0);
     return 0;
 }
 
@@ -109,10 +109,10 @@ TEST(Golden, CallersOfMethods)
         uint32_t id = 0;
         EXPECT_EQ(ubus_lookup_id(ctx.get(), "ptzd", &id), 0);
         EXPECT_EQ(id, PTZD_ID);
-        JsonMessage argument(call.argument ? call.argument : "{}");
+        Buffer argument(call.argument ? call.argument : "{}");
         std::string reply;
-        EXPECT_EQ(ubus_invoke(ctx.get(), id, call.method, call.argument ? argument.get() : nullptr, collectJson, &reply,
-                              5000),
+        EXPECT_EQ(ubus_invoke(ctx.get(), id, call.method, call.argument ? argument.head() : nullptr, collectJson,
+                              &reply, 5000),
                   call.status);
         EXPECT_EQ(reply, call.reply);
     }
@@ -136,6 +136,6 @@ TEST(Golden, LookupsAndAnEvent)
     EXPECT_EQ(found, R"(ptzd{"moveTo":{"x_coord":3,"y_coord":3},"stop":{}})");
 
     FakeBus bus(playBack("C6"));
-    JsonMessage data(R"({"action":"start"})");
-    EXPECT_EQ(ubus_send_event(connectTo(bus).get(), "motor_rotate_event", data.get()), 0);
+    Buffer data(R"({"action":"start"})");
+    EXPECT_EQ(ubus_send_event(connectTo(bus).get(), "motor_rotate_event", data.head()), 0);
 }

@@ -14,9 +14,9 @@ using std::chrono::steady_clock;
 
 constexpr uint32_t CALLEE = 0x1000;
 constexpr uint32_t OWN = 0x2000;
-// In the field "s" of a call of "m": beside it there are the words of the root, the arguments and the field (12 bytes),
-// the object's id and the method (16), the field's name (4) and the text's NUL.
-constexpr size_t LARGEST_TEXT = UBUS_MAX_MSGLEN - 33;
+// In the field "s" of a call of "m", whose root may be 1 MiB long: beside it there are the words of the root, the
+// arguments and the field (12 bytes), the object's id and the method (16), the field's name (4) and the text's NUL.
+constexpr size_t LARGEST_TEXT = 1048576 - 33;
 const Bytes OWN_ID = attr(A_OBJID, u32(OWN));
 const Bytes METHOD_M = attr(A_METHOD, text("m"));
 const Bytes NO_FIELDS = attr(A_DATA, {});
@@ -33,9 +33,9 @@ Bytes reply(uint16_t seq, const Bytes& fields)
 }
 
 // A call of the client's own object, and the status that it is answered with.
-Bytes incoming(uint16_t seq, uint32_t peer, const Bytes& method = METHOD_M)
+Bytes incoming(uint16_t seq, uint32_t peer, const Bytes& attributes = OWN_ID + METHOD_M + NO_FIELDS)
 {
-    return message(INVOKE, seq, peer, OWN_ID + method + NO_FIELDS);
+    return message(INVOKE, seq, peer, attributes);
 }
 
 Bytes ownStatus(uint16_t seq, uint32_t peer, uint32_t status)
@@ -50,14 +50,16 @@ void acceptOwnObject(FakeBus& bus)
     bus.send(message(DATA, 1, 0, OWN_ID) + statusMessage(1, 0, 0));
 }
 
-// An anonymous object with one handler.
+// An anonymous object with one handler, which it registers.
 struct OwnObject : ubus_object {
     using Handler = std::function<int(ubus_request_data*, blob_attr*)>;
-    explicit OwnObject(Handler action) : ubus_object{}, handler(std::move(action))
+    OwnObject(const Context& ctx, Handler action) : ubus_object{}, handler(std::move(action))
     {
         static const ubus_method METHODS[] = {UBUS_METHOD_NOARG("m", onCall)};
         methods = METHODS;
         n_methods = 1;
+        EXPECT_EQ(ubus_add_object(ctx.get(), this), 0);
+        EXPECT_EQ(id, OWN);
     }
     static int onCall(ubus_context*, ubus_object* obj, ubus_request_data* req, const char*, blob_attr* msg)
     {
@@ -66,9 +68,9 @@ struct OwnObject : ubus_object {
     Handler handler;
 };
 
-int invokeM(ubus_context* ctx, int timeoutMs = 5000, std::string* collected = nullptr)
+int invokeM(const Context& ctx, int timeoutMs = 5000, std::string* collected = nullptr)
 {
-    return ubus_invoke(ctx, CALLEE, "m", nullptr, collected ? collectJson : nullptr, collected, timeoutMs);
+    return ubus_invoke(ctx.get(), CALLEE, "m", nullptr, collected ? collectJson : nullptr, collected, timeoutMs);
 }
 
 } // namespace
@@ -76,16 +78,14 @@ int invokeM(ubus_context* ctx, int timeoutMs = 5000, std::string* collected = nu
 TEST(Request, TakesOnlyItsOwnAnswersAndTheLastOfSeveralMatches)
 {
     FakeBus bus([](FakeBus& daemon) {
-        const auto found = [](uint16_t seq, uint32_t peer, uint32_t id) {
-            return message(DATA, seq, peer, attr(A_OBJID, u32(id)));
+        const auto found = [](uint16_t seq, uint32_t peer, const Bytes& id) {
+            return message(DATA, seq, peer, attr(A_OBJID, id));
         };
         daemon.greet();
         daemon.expect(message(LOOKUP, 1, 0, attr(A_OBJPATH, text("a*"))));
-        daemon.send(found(1, 0, 0x1001) + found(1, 0, 0x1002) +
-                    message(DATA, 1, 0, attr(A_OBJID, {0xff, 0xff})) + // an id of the wrong size
-                    found(2, 0, 0x1003) +                              // another sequence number
-                    found(1, 1, 0x1004) +                              // another peer
-                    statusMessage(1, 1, 6) + statusMessage(1, 0, 0));
+        daemon.send(found(1, 0, u32(0x1001)) + found(1, 0, u32(0x1002)) + found(1, 0, {0xff, 0xff}) +
+                    found(2, 0, u32(0x1003)) + found(1, 1, u32(0x1004)) + statusMessage(1, 1, 6) +
+                    statusMessage(1, 0, 0));
         daemon.expect(message(LOOKUP, 2, 0, attr(A_OBJPATH, text("h"))));
         daemon.send(statusMessage(2, 0, 0));
     });
@@ -119,7 +119,7 @@ TEST(Request, ReadsMessagesInPiecesAndManyAtOnceAmidSignals)
         daemon.send(part(all, at, all.size()));
     });
     std::string replies;
-    EXPECT_EQ(invokeM(connectTo(bus).get(), 0, &replies), 0);
+    EXPECT_EQ(invokeM(connectTo(bus), 0, &replies), 0);
     EXPECT_TRUE(replies == R"({"n":1}{"s":")" + large + R"("}{"n":1}{"n":1})") << replies.size();
 }
 
@@ -134,13 +134,12 @@ TEST(Request, TimesOutAndIgnoresTheLateAnswer)
     });
     Context ctx = connectTo(bus);
     auto start = steady_clock::now();
-    EXPECT_STREQ(ubus_strerror(invokeM(ctx.get(), 60)), "Request timed out");
+    EXPECT_STREQ(ubus_strerror(invokeM(ctx, 60)), "Request timed out");
     EXPECT_GE(steady_clock::now() - start, milliseconds(59));
-    EXPECT_EQ(invokeM(ctx.get(), -1), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(invokeM(ctx, -1), UBUS_STATUS_TIMEOUT);
     std::string replies;
-    EXPECT_EQ(invokeM(ctx.get(), 0, &replies), UBUS_STATUS_NO_DATA);
+    EXPECT_EQ(invokeM(ctx, 0, &replies), UBUS_STATUS_NO_DATA);
     EXPECT_EQ(replies, R"({"n":3})");
-    EXPECT_STREQ(ubus_strerror(14), "Unknown error: 14");
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
 }
 
@@ -149,128 +148,116 @@ TEST(Request, HandlersRunAfterTheOutermostWaitAndNeverNest)
     FakeBus bus([](FakeBus& daemon) {
         acceptOwnObject(daemon);
         daemon.expect(callOfM(2));
-        daemon.send(incoming(7, 0xa) + incoming(8, 0xb) + statusMessage(2, CALLEE, 0));
+        daemon.send(incoming(7, 10) + incoming(8, 11) + statusMessage(2, CALLEE, 0));
         daemon.expect(callOfM(3)); // made by the first handler
-        daemon.send(incoming(9, 0xc) + statusMessage(3, CALLEE, 0));
-        daemon.expect(ownStatus(7, 0xa, 0));
-        daemon.expect(ownStatus(8, 0xb, 0));
-        daemon.expect(ownStatus(9, 0xc, 0));
-        daemon.expect(callOfM(4)); // in the loop, which the handler is left to
-        daemon.send(incoming(5, 0xd) + statusMessage(4, CALLEE, 0));
-        daemon.expect(ownStatus(5, 0xd, UBUS_STATUS_METHOD_NOT_FOUND));
+        daemon.send(incoming(9, 12) + statusMessage(3, CALLEE, 0));
+        for (uint16_t seq = 7; seq <= 9; ++seq)
+            daemon.expect(ownStatus(seq, seq + 3U, UBUS_STATUS_METHOD_NOT_FOUND));
     });
     Context ctx = connectTo(bus);
     std::string order;
-    OwnObject object([&](ubus_request_data* req, blob_attr*) {
+    OwnObject object(ctx, [&](ubus_request_data* req, blob_attr*) {
         order += "(" + std::to_string(req->peer);
-        if (req->peer == 0xa) {
-            EXPECT_EQ(invokeM(ctx.get()), 0);
+        if (req->peer == 10) {
+            EXPECT_EQ(invokeM(ctx), 0);
         }
         order += ")";
-        if (req->peer == 0xd)
-            uloop_end();
-        return req->peer == 0xd ? UBUS_STATUS_METHOD_NOT_FOUND : UBUS_STATUS_OK;
+        return UBUS_STATUS_METHOD_NOT_FOUND;
     });
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(object.id, OWN);
-    EXPECT_EQ(invokeM(ctx.get()), 0);
+    EXPECT_EQ(invokeM(ctx), 0);
     EXPECT_EQ(order, "(10)(11)(12)");
-    ubus_add_uloop(ctx.get());
-    EXPECT_EQ(invokeM(ctx.get()), 0);
-    EXPECT_EQ(order, "(10)(11)(12)");
-    uloop_run();
-    EXPECT_EQ(order, "(10)(11)(12)(13)");
 }
 
-TEST(Request, RepliesMayBeDeferred)
+TEST(Request, TheLoopHandlesOneMessageATurnOnceACallHasWaited)
 {
     FakeBus bus([](FakeBus& daemon) {
         acceptOwnObject(daemon);
-        daemon.send(incoming(5, 0xa) + incoming(6, 0xb));
-        daemon.expect(ownStatus(6, 0xb, 0));
-        daemon.expect(message(DATA, 5, 0xa, OWN_ID + attr(A_DATA, numberField("n", 1))));
-        daemon.expect(ownStatus(5, 0xa, UBUS_STATUS_NOT_SUPPORTED));
+        daemon.send(incoming(5, 10) + incoming(6, 11) + incoming(7, 12) + incoming(8, 13));
+        daemon.expect(ownStatus(5, 10, 0));
+        daemon.expect(callOfM(2)); // made by the second handler
+        daemon.send(statusMessage(2, CALLEE, 0));
+        for (uint16_t seq = 6; seq <= 8; ++seq)
+            daemon.expect(ownStatus(seq, seq + 5U, 0));
     });
+    struct : uloop_timeout {
+        std::string order;
+    } turn{};
+    turn.cb = [](uloop_timeout* self) {
+        auto& order = static_cast<decltype(turn)*>(self)->order;
+        order += " ";
+        if (order.ends_with("13 "))
+            uloop_end();
+    };
     Context ctx = connectTo(bus);
-    ubus_request_data later{};
-    int seen = 0;
-    OwnObject object([&](ubus_request_data* req, blob_attr*) {
-        if (++seen == 1)
-            ubus_defer_request(ctx.get(), req, &later);
+    OwnObject object(ctx, [&](ubus_request_data* req, blob_attr*) {
+        uloop_timeout_set(&turn, 0);
+        turn.order += std::to_string(req->peer);
+        if (req->peer == 11) {
+            EXPECT_EQ(invokeM(ctx), 0);
+        }
         return 0;
     });
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return seen == 2; }));
-    JsonMessage answer(R"({"n":1})");
-    EXPECT_EQ(ubus_send_reply(ctx.get(), &later, answer.get()), 0);
-    ubus_complete_deferred_request(ctx.get(), &later, UBUS_STATUS_NOT_SUPPORTED);
+    ubus_add_uloop(ctx.get());
+    uloop_run();
+    EXPECT_EQ(turn.order, "10 11 1213 ") << "the two that came in while the second waited are one turn's";
 }
 
-TEST(Request, MalformedCallsAreRefusedOrPassedOver)
+TEST(Request, RefusesMalformedCallsAndRepliesAtOnceOrLater)
 {
-    const Bytes cutId = attr(A_OBJID, {0, 0, 0x20}), unendedText = attr(A_METHOD, {'m'});
-    constexpr uint8_t NOTIFY = UBUS_MSG_NOTIFY;
+    const Bytes later = attr(A_DATA, numberField("later", 1));
     FakeBus bus([&](FakeBus& daemon) {
         acceptOwnObject(daemon);
-        daemon.send(message(INVOKE, 1, 0xa, METHOD_M + NO_FIELDS) + // no object
-                    message(INVOKE, 2, 0xa, cutId + METHOD_M + NO_FIELDS) +
-                    message(NOTIFY, 3, 0xa, OWN_ID + METHOD_M + NO_FIELDS) + message(99, 3, 0xa, {}) +
-                    message(INVOKE, 4, 0xa, attr(A_OBJID, u32(OWN + 1)) + METHOD_M + NO_FIELDS));
-        daemon.expect(message(STATUS, 4, 0xa, attr(A_STATUS, u32(4)) + attr(A_OBJID, u32(OWN + 1))));
-        daemon.send(incoming(5, 0xa, unendedText));
-        daemon.expect(ownStatus(5, 0xa, UBUS_STATUS_INVALID_ARGUMENT));
-        daemon.send(message(INVOKE, 6, 0xa, OWN_ID + METHOD_M)); // no arguments at all
-        daemon.expect(ownStatus(6, 0xa, UBUS_STATUS_INVALID_ARGUMENT));
-        daemon.send(incoming(7, 0xa, attr(A_METHOD, text("n"))));
-        daemon.expect(ownStatus(7, 0xa, UBUS_STATUS_METHOD_NOT_FOUND));
-        // The last valid one of equal attributes counts, unknown ones and a cut-off tail do not.
-        daemon.send(message(INVOKE, 8, 0xa,
-                            attr(A_OBJID, u32(0x9999)) + OWN_ID + attr(A_OBJID, {0xff}) + attr(0x7f, {}) + METHOD_M +
-                                NO_FIELDS + u32(0x07ffffff)));
-        daemon.expect(ownStatus(8, 0xa, 0));
+        daemon.send(incoming(1, 10, METHOD_M + NO_FIELDS) + // no object, and none of the right size: passed over
+                    incoming(2, 10, attr(A_OBJID, {0, 0, 0x20}) + METHOD_M + NO_FIELDS) + message(99, 3, 10, {}) +
+                    incoming(5, 10, OWN_ID + attr(A_METHOD, {'m'}) + NO_FIELDS));
+        daemon.expect(ownStatus(5, 10, UBUS_STATUS_INVALID_ARGUMENT));
+        daemon.send(incoming(6, 10, OWN_ID + METHOD_M)); // no arguments at all
+        daemon.expect(ownStatus(6, 10, UBUS_STATUS_INVALID_ARGUMENT));
+        daemon.send(incoming(7, 10, OWN_ID + attr(A_METHOD, text("n")) + NO_FIELDS));
+        daemon.expect(ownStatus(7, 10, UBUS_STATUS_METHOD_NOT_FOUND));
+        // The last valid one of equal attributes counts; unknown ones do not.
+        daemon.send(
+            incoming(8, 10,
+                     attr(A_OBJID, u32(0x9999)) + OWN_ID + attr(A_OBJID, {0xff}) + attr(0x7f, {}) + METHOD_M + later) +
+            incoming(9, 11));
+        daemon.expect(ownStatus(9, 11, 0));
+        daemon.expect(message(DATA, 8, 10, OWN_ID + later));
+        daemon.expect(ownStatus(8, 10, UBUS_STATUS_NOT_SUPPORTED));
     });
     Context ctx = connectTo(bus);
+    ubus_request_data deferred{};
     int calls = 0;
-    OwnObject object([&](ubus_request_data*, blob_attr* msg) {
-        EXPECT_EQ(blob_len(msg), 0U);
-        ++calls;
+    OwnObject object(ctx, [&](ubus_request_data* req, blob_attr* msg) {
+        if (++calls == 1)
+            ubus_defer_request(ctx.get(), req, &deferred);
+        EXPECT_EQ(jsonOf(msg), calls == 1 ? R"({"later":1})" : "{}");
         return 0;
     });
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), UBUS_STATUS_INVALID_ARGUMENT); // is registered already
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return calls == 1; }));
+    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return calls == 2; }));
+    Buffer answer(R"({"later":1})");
+    EXPECT_EQ(ubus_send_reply(ctx.get(), &deferred, answer.head()), 0);
+    ubus_complete_deferred_request(ctx.get(), &deferred, UBUS_STATUS_NOT_SUPPORTED);
 }
 
 TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndRefusesALargerOne)
 {
     const std::string largest(LARGEST_TEXT, 'x');
     FakeBus bus([&](FakeBus& daemon) {
-        acceptOwnObject(daemon);
+        daemon.greet();
         std::this_thread::sleep_for(milliseconds(400));
-        EXPECT_TRUE(daemon.receive() == callOfM(2, stringField("s", largest)));
-        daemon.send(incoming(3, 0xa) + statusMessage(2, CALLEE, 0));
-        daemon.expect(ownStatus(3, 0xa, 0));
+        EXPECT_TRUE(daemon.receive() == callOfM(1, stringField("s", largest)));
+        daemon.send(statusMessage(1, CALLEE, 0));
     });
     Context ctx = connectTo(bus);
-    JsonMessage argument((R"({"s":")" + largest + "\"}").c_str());
-    const std::string more = R"({"s":")" + largest + "x\"}";
-    JsonMessage tooLarge(more.c_str());
-    int replied = -1;
-    OwnObject object([&](ubus_request_data* req, blob_attr*) {
-        JsonMessage larger((R"({"t":)" + more + "}").c_str());
-        replied = ubus_send_reply(ctx.get(), req, larger.get());
-        return 0;
-    });
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
+    Buffer argument((R"({"s":")" + largest + "\"}").c_str());
+    Buffer tooLarge((R"({"s":")" + largest + "x\"}").c_str());
     ubus_request req;
     const auto before = processorTime();
-    EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.get(), &req), 0);
+    EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.head(), &req), 0);
     EXPECT_LT(processorTime() - before, milliseconds(300)) << "it waits asleep";
     EXPECT_EQ(ubus_complete_request(ctx.get(), &req, 5000), 0);
-    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.get(), nullptr, nullptr, 1000),
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.head(), nullptr, nullptr, 1000),
               UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return replied >= 0; }));
-    EXPECT_EQ(replied, UBUS_STATUS_NO_DATA);
 }
 
 TEST(Request, AsyncOnesCompleteAndAbortOutsideTheLoop)
@@ -283,22 +270,19 @@ TEST(Request, AsyncOnesCompleteAndAbortOutsideTheLoop)
                     statusMessage(2, CALLEE, UBUS_STATUS_NOT_FOUND));
     });
     Context ctx = connectTo(bus);
+    static int ended;
+    ended = -1;
     std::string replies;
-    int ended = -1;
-    struct AsyncRequest : ubus_request {
-        int* ended;
-    } aborted{}, kept{};
-    for (AsyncRequest* req : {&aborted, &kept}) {
+    ubus_request aborted, kept;
+    for (ubus_request* req : {&aborted, &kept}) {
         EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", nullptr, req), 0);
         req->data_cb = collectJson;
-        req->complete_cb = [](ubus_request* self, int status) { *static_cast<AsyncRequest*>(self)->ended = status; };
+        req->complete_cb = [](ubus_request*, int status) { ended = status; };
         req->priv = &replies;
-        req->ended = &ended;
         ubus_complete_request_async(ctx.get(), req);
     }
     ubus_abort_request(ctx.get(), &aborted);
     EXPECT_TRUE(handleUntil(ctx.get(), [&] { return ended >= 0; }));
     EXPECT_EQ(ended, UBUS_STATUS_NOT_FOUND);
     EXPECT_EQ(replies, R"({"n":2})");
-    EXPECT_FALSE(ctx->sock.eof);
 }

@@ -64,9 +64,9 @@ Context Sandbox::context() const
 
 CommandResult Sandbox::run(const std::vector<std::string>& arguments) const
 {
-    std::vector<std::string> all = {"uci", "-c", configDir, "-t", saveDir, "-C", ""};
+    std::vector<std::string> all = {"uci", "-c", configDir, "-t", saveDir, "-C", root / "none"};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    Process command(all, Process::Stderr::Pipe, UCI_COMMAND);
+    Process command(all, Process::Stderr::Pipe, UCI_PROGRAM);
     const int status = command.wait();
     return {status, command.out, command.err};
 }

@@ -27,14 +27,14 @@ public:
     {
         return text(member("name"));
     }
-    // Calls `make(command, argument, whether it fails)` for each edit.
-    void edits(const std::function<void(const std::string&, const std::string&, bool)>& make) const
+    // Calls `make(command, argument, exit status)` for each edit.
+    void edits(const std::function<void(const std::string&, const std::string&, int)>& make) const
     {
         for (size_t i = 0; i < json_object_array_length(member("edits")); ++i) {
             json_object* edit = json_object_array_get_idx(member("edits"), i);
             SCOPED_TRACE(text(edit));
             make(text(json_object_array_get_idx(edit, 0)), text(json_object_array_get_idx(edit, 1)),
-                 json_object_get_int(json_object_array_get_idx(edit, 2)) != 0);
+                 json_object_get_int(json_object_array_get_idx(edit, 2)));
         }
     }
 
@@ -68,12 +68,12 @@ TEST(Vectors, ThroughTheCommand)
         SCOPED_TRACE(vector.name());
         Sandbox box(vector.lines("in"));
         EXPECT_EQ(box.show(), vector.lines("show_before"));
-        vector.edits([&](const std::string& command, const std::string& argument, bool fails) {
+        vector.edits([&](const std::string& command, const std::string& argument, int status) {
             const size_t blank = command == "add" ? argument.find(' ') : argument.npos;
             std::vector<std::string> arguments = {command, argument.substr(0, blank)};
             if (blank != argument.npos)
                 arguments.push_back(argument.substr(blank + 1));
-            EXPECT_EQ(box.run(arguments).status, fails ? 1 : 0);
+            EXPECT_EQ(box.run(arguments).status, status);
         });
         EXPECT_EQ(box.changes(), vector.lines("delta"));
         EXPECT_EQ(std::filesystem::exists(box.changeFile), !box.changes().empty());

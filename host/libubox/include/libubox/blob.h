@@ -4,9 +4,12 @@
 #ifndef LIBUBOX_BLOB_H
 #define LIBUBOX_BLOB_H
 
+#include <stdarg.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <libubox/utils.h>
@@ -45,31 +48,6 @@ struct blob_buf {
     int buflen;
     void* buf;
 };
-
-static inline uint16_t blob_load_be16(const void* data)
-{
-    uint16_t value;
-
-    memcpy(&value, data, sizeof(value));
-    return be16_to_cpu(value);
-}
-
-static inline uint32_t blob_load_be32(const void* data)
-{
-    uint32_t value;
-
-    memcpy(&value, data, sizeof(value));
-    return be32_to_cpu(value);
-}
-
-/* Values sit at multiples of 4 only. */
-static inline uint64_t blob_load_be64(const void* data)
-{
-    uint64_t value;
-
-    memcpy(&value, data, sizeof(value));
-    return be64_to_cpu(value);
-}
 
 static inline void* blob_data(const struct blob_attr* attr)
 {
@@ -118,17 +96,27 @@ static inline uint8_t blob_get_u8(const struct blob_attr* attr)
 
 static inline uint16_t blob_get_u16(const struct blob_attr* attr)
 {
-    return blob_load_be16(attr->data);
+    uint16_t value;
+
+    memcpy(&value, attr->data, sizeof(value));
+    return be16_to_cpu(value);
 }
 
 static inline uint32_t blob_get_u32(const struct blob_attr* attr)
 {
-    return blob_load_be32(attr->data);
+    uint32_t value;
+
+    memcpy(&value, attr->data, sizeof(value));
+    return be32_to_cpu(value);
 }
 
+/* Values are at multiples of 4 only. */
 static inline uint64_t blob_get_u64(const struct blob_attr* attr)
 {
-    return blob_load_be64(attr->data);
+    uint64_t value;
+
+    memcpy(&value, attr->data, sizeof(value));
+    return be64_to_cpu(value);
 }
 
 static inline int8_t blob_get_int8(const struct blob_attr* attr)
@@ -167,23 +155,12 @@ void blob_buf_free(struct blob_buf* buf);
  * may move, so that pointers to attributes in it die; `head` is kept right. */
 bool blob_buf_grow(struct blob_buf* buf, int required);
 
-/* Appends an attribute of `payload` zero bytes. Like all that append here: null when the buffer cannot grow. */
-struct blob_attr* blob_new(struct blob_buf* buf, int id, int payload);
-
+/* Appends an attribute. Null when the buffer cannot grow, like all that append here. */
 struct blob_attr* blob_put(struct blob_buf* buf, int id, const void* data, unsigned int len);
-
-/* Appends a run of finished attributes as it is; `len` is at least 4. */
-struct blob_attr* blob_put_raw(struct blob_buf* buf, const void* data, unsigned int len);
 
 /* Opens a nested attribute, which becomes the head; null when the buffer cannot grow. */
 void* blob_nest_start(struct blob_buf* buf, int id);
 void blob_nest_end(struct blob_buf* buf, void* cookie);
-
-/* A copy to be freed with free(); null without memory. */
-struct blob_attr* blob_memdup(struct blob_attr* attr);
-
-/* Whether header and payload are the same bytes; two nulls are equal. */
-bool blob_attr_equal(const struct blob_attr* a, const struct blob_attr* b);
 
 static inline struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text)
 {
@@ -213,25 +190,11 @@ static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint6
     return blob_put(buf, id, &value, sizeof(value));
 }
 
-#define blob_put_int8 blob_put_u8
-#define blob_put_int16 blob_put_u16
-#define blob_put_int32 blob_put_u32
-#define blob_put_int64 blob_put_u64
-
-/* Whether an attribute of a run lies, with its padding, wholly within the `rest` bytes that are left of the run. */
-static inline bool blob_attr_fits(const struct blob_attr* attr, size_t rest)
-{
-    return rest >= sizeof(struct blob_attr) && blob_pad_len(attr) >= sizeof(struct blob_attr) &&
-           blob_pad_len(attr) <= rest;
-}
-
-#define UBOX_FOR_EACH_ATTR_(pos, first, length, rem)                                                                   \
-    for (rem = (length), pos = (struct blob_attr*)(first); blob_attr_fits(pos, rem);                                   \
-         rem -= blob_pad_len(pos), pos = blob_next(pos))
-
-/* Walks over the children of a plain attribute, which may be null; ends at the first that does not fit. `rem` is a
- * size_t. */
+/* Walks over the children of a plain attribute, which may be null; ends at the first that does not fit with its
+ * padding. `rem` is a size_t. */
 #define blob_for_each_attr(pos, attr, rem)                                                                             \
-    UBOX_FOR_EACH_ATTR_(pos, (attr) ? blob_data(attr) : NULL, (attr) ? blob_len(attr) : 0, rem)
+    for (rem = (attr) ? blob_len(attr) : 0, pos = (struct blob_attr*)((attr) ? blob_data(attr) : NULL);                \
+         rem >= sizeof(struct blob_attr) && blob_pad_len(pos) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= rem; \
+         rem -= blob_pad_len(pos), pos = blob_next(pos))
 
 #endif

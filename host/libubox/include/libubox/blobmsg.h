@@ -4,12 +4,7 @@
 #ifndef LIBUBOX_BLOBMSG_H
 #define LIBUBOX_BLOBMSG_H
 
-#include <stdarg.h>
-
 #include <libubox/blob.h>
-
-#define BLOBMSG_ALIGN 2
-#define BLOBMSG_PADDING(len) (((len) + (1 << BLOBMSG_ALIGN) - 1) & ~((1 << BLOBMSG_ALIGN) - 1))
 
 enum blobmsg_type {
     BLOBMSG_TYPE_UNSPEC,
@@ -40,12 +35,7 @@ struct blobmsg_policy {
 /* Length of the padded name header of a name of `namelen` characters. */
 static inline int blobmsg_hdrlen(unsigned int namelen)
 {
-    return (int)BLOBMSG_PADDING(sizeof(struct blobmsg_hdr) + namelen + 1);
-}
-
-static inline int blobmsg_namelen(const struct blobmsg_hdr* hdr)
-{
-    return be16_to_cpu(hdr->namelen);
+    return (int)((sizeof(struct blobmsg_hdr) + namelen + 1 + BLOB_ATTR_ALIGN - 1) & ~(BLOB_ATTR_ALIGN - 1u));
 }
 
 /* Only for extended attributes. */
@@ -59,30 +49,26 @@ static inline int blobmsg_type(const struct blob_attr* attr)
     return (int)blob_id(attr);
 }
 
-/* Bytes between the word and the value; never more than the payload, whatever a broken name header says. */
-static inline size_t blobmsg_value_offset(const struct blob_attr* attr)
-{
-    size_t payload = blob_len(attr);
-    size_t header;
-
-    if (!blob_is_extended(attr))
-        return 0;
-    if (payload < sizeof(struct blobmsg_hdr))
-        return payload;
-    header = (size_t)blobmsg_hdrlen((unsigned int)blobmsg_namelen((const struct blobmsg_hdr*)blob_data(attr)));
-    return header < payload ? header : payload;
-}
-
-/* The value behind the name header; a non-extended attribute's payload; null for null. */
+/* The value behind the name header, at most the end of the payload, whatever a broken name header says; a non-extended
+ * attribute's payload; null for null. */
 static inline void* blobmsg_data(const struct blob_attr* attr)
 {
-    return attr ? (char*)blob_data(attr) + blobmsg_value_offset(attr) : NULL;
+    char* data;
+    size_t header;
+
+    if (!attr)
+        return NULL;
+    data = (char*)blob_data(attr);
+    header = blob_is_extended(attr) ? sizeof(struct blobmsg_hdr) : 0;
+    if (header > 0 && blob_len(attr) >= header)
+        header = (size_t)blobmsg_hdrlen(be16_to_cpu(((struct blobmsg_hdr*)data)->namelen));
+    return data + (header < blob_len(attr) ? header : blob_len(attr));
 }
 
 /* Length of the value without padding, a string's NUL included; 0 for null. */
 static inline size_t blobmsg_data_len(const struct blob_attr* attr)
 {
-    return attr ? blob_len(attr) - blobmsg_value_offset(attr) : 0;
+    return attr ? blob_len(attr) - (size_t)((char*)blobmsg_data(attr) - (char*)blob_data(attr)) : 0;
 }
 
 static inline size_t blobmsg_len(const struct blob_attr* attr)
@@ -100,7 +86,6 @@ bool blobmsg_check_attr_len(const struct blob_attr* attr, bool name, size_t len)
 /* Number of elements of a well formed array or table whose elements are all well formed and of the type (0: any), in a
  * table with names; else -1. */
 int blobmsg_check_array(const struct blob_attr* attr, int type);
-bool blobmsg_check_attr_list(const struct blob_attr* attr, int type);
 
 /* Looks for the fields of the policy in a run of attributes and stores what it finds, else null, in `tb`. 0 when it
  * reached the end, -22 for no data at all, -1 at the first malformed field, with what was found before it kept. */
@@ -108,13 +93,12 @@ int blobmsg_parse(const struct blobmsg_policy* policy, int policy_len, struct bl
                   unsigned int len);
 
 /* Hands the elements of a run to the policy's entries in turn; an element of another type than the current entry's is
- * skipped. 0, or -1 at a malformed element. */
+ * skipped, whatever is in it. 0, or -1 at a malformed element. */
 int blobmsg_parse_array(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
                         unsigned int len);
 
 /* Adders return 0, or -1 when the buffer cannot grow. A null name is an empty one. */
 int blobmsg_add_field(struct blob_buf* buf, int type, const char* name, const void* data, unsigned int len);
-int blobmsg_add_blob(struct blob_buf* buf, struct blob_attr* attr);
 
 /* Opens a table or array; null when the buffer cannot grow. */
 void* blobmsg_open_nested(struct blob_buf* buf, const char* name, bool array);
@@ -200,17 +184,26 @@ static inline bool blobmsg_get_bool(const struct blob_attr* attr)
 
 static inline uint16_t blobmsg_get_u16(const struct blob_attr* attr)
 {
-    return blob_load_be16(blobmsg_data(attr));
+    uint16_t value;
+
+    memcpy(&value, blobmsg_data(attr), sizeof(value));
+    return be16_to_cpu(value);
 }
 
 static inline uint32_t blobmsg_get_u32(const struct blob_attr* attr)
 {
-    return blob_load_be32(blobmsg_data(attr));
+    uint32_t value;
+
+    memcpy(&value, blobmsg_data(attr), sizeof(value));
+    return be32_to_cpu(value);
 }
 
 static inline uint64_t blobmsg_get_u64(const struct blob_attr* attr)
 {
-    return blob_load_be64(blobmsg_data(attr));
+    uint64_t value;
+
+    memcpy(&value, blobmsg_data(attr), sizeof(value));
+    return be64_to_cpu(value);
 }
 
 static inline double blobmsg_get_double(const struct blob_attr* attr)
@@ -262,6 +255,9 @@ static inline int64_t blobmsg_cast_s64(const struct blob_attr* attr)
 }
 
 /* Walks over the children of an array, a table, or a head or message attribute; ends like blob_for_each_attr. */
-#define blobmsg_for_each_attr(pos, attr, rem) UBOX_FOR_EACH_ATTR_(pos, blobmsg_data(attr), blobmsg_data_len(attr), rem)
+#define blobmsg_for_each_attr(pos, attr, rem)                                                                          \
+    for (rem = blobmsg_data_len(attr), pos = (struct blob_attr*)blobmsg_data(attr);                                    \
+         rem >= sizeof(struct blob_attr) && blob_pad_len(pos) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= rem; \
+         rem -= blob_pad_len(pos), pos = blob_next(pos))
 
 #endif

@@ -15,10 +15,10 @@ struct list_head {
 #ifndef container_of
 /* The record that holds `ptr` as its `member`; a pointer of another type than the member's does not compile cleanly. */
 #define container_of(ptr, type, member)                                                                                \
-    (__extension__({                                                                                                   \
+    ({                                                                                                                 \
         const __typeof__(((type*)NULL)->member)* container_member_ = (ptr);                                            \
         (type*)((char*)container_member_ - offsetof(type, member));                                                    \
-    }))
+    })
 #endif
 
 #undef LIST_HEAD
@@ -39,24 +39,19 @@ static inline bool list_empty(const struct list_head* list)
     return list->next == list;
 }
 
-static inline void list_link_between(struct list_head* entry, struct list_head* before, struct list_head* after)
-{
-    entry->prev = before;
-    entry->next = after;
-    before->next = entry;
-    after->prev = entry;
-}
-
 /* Puts the entry in front of all others. */
 static inline void list_add(struct list_head* entry, struct list_head* list)
 {
-    list_link_between(entry, list, list->next);
+    entry->prev = list;
+    entry->next = list->next;
+    list->next->prev = entry;
+    list->next = entry;
 }
 
 /* Puts the entry behind all others. */
 static inline void list_add_tail(struct list_head* entry, struct list_head* list)
 {
-    list_link_between(entry, list->prev, list);
+    list_add(entry, list->prev);
 }
 
 /* Takes the entry out of its list and sets both of its links to null. */

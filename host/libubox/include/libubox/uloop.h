@@ -61,8 +61,15 @@ static inline int uloop_run(void)
     return uloop_run_timeout(-1);
 }
 
+/* Private to uloop_end. */
+void uloop_wakeup_(void);
+
 /* Ends the loop after the callback that it is in, and wakes it when it sleeps. Any thread, and signal handlers. */
-void uloop_end(void);
+static inline void uloop_end(void)
+{
+    __atomic_store_n(&uloop_cancelled, true, __ATOMIC_SEQ_CST);
+    uloop_wakeup_();
+}
 
 /* Registers the descriptor, or changes the flags of a registered one; clears `eof` and `error`. Without ULOOP_READ and
  * ULOOP_WRITE it means delete. 0, or -1 for a descriptor that cannot be waited for. */
@@ -83,7 +90,6 @@ int uloop_timeout_set(struct uloop_timeout* timeout, int ms);
 int uloop_timeout_cancel(struct uloop_timeout* timeout);
 
 /* Milliseconds left, negative when overdue, -1 when not pending. */
-int uloop_timeout_remaining(struct uloop_timeout* timeout) __attribute__((deprecated("use uloop_timeout_remaining64")));
 int64_t uloop_timeout_remaining64(struct uloop_timeout* timeout);
 
 #endif

@@ -1,11 +1,17 @@
-/* Small helpers: array sizes, byte order, attributes, one zeroed block for several objects. */
+/* Small helpers: array sizes, byte order, attributes. */
 #ifndef LIBUBOX_UTILS_H
 #define LIBUBOX_UTILS_H
 
+#include <stdarg.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
 #include <sys/types.h>
+#include <time.h>
 
 #ifndef ARRAY_SIZE
 #define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
@@ -83,11 +89,5 @@ UBOX_BYTE_ORDER_(le64_to_cpu, 64)
 #define le32_to_cpu(x) const_le32_to_cpu(x)
 #define le64_to_cpu(x) const_le64_to_cpu(x)
 #endif
-
-/* calloc_a(size, &second, size_of_second, &third, size_of_third, ...): one zeroed block for several objects, each
- * aligned for any type. Returns the first object, to be freed with free(), and stores the addresses of the others;
- * null without memory. Sizes are size_t. Any thread. */
-#define calloc_a(...) ubox_calloc_a(__VA_ARGS__, (void*)NULL)
-void* ubox_calloc_a(size_t size, ...);
 
 #endif
