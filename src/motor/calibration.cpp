@@ -12,6 +12,7 @@ namespace {
 
 bool inFactoryMode()
 {
+    const UciTransaction transaction(UCI_DIAGD);
     int32_t enabled = 0;
     (void)cfg_uci_get_int_value(UCI_DIAGD, "factory_mode", "enabled", &enabled); // missing: not in factory mode
     return enabled == 1;
@@ -61,11 +62,15 @@ void* ptzdCali(void* argument)
     motionBegin(MotionBegin::Calibration);
     for (const AxisIndex axis : {PAN, TILT}) {
         motorCali(axis, targets[axis]);
-        int32_t stored = -1;
-        const int32_t speed = usableSpeed(axis, stored);
-        const char* section = gContext.axes[axis].section;
-        if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, section, "speed", speed) != 0)
-            LOG_ERROR("error to set option %s.speed\n", section);
+        int32_t speed = 0;
+        {
+            const UciTransaction transaction(UCI_PTZD);
+            int32_t stored = -1;
+            speed = usableSpeed(axis, stored);
+            const char* section = gContext.axes[axis].section;
+            if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, section, "speed", speed) != 0)
+                LOG_ERROR("error to set option %s.speed\n", section);
+        }
         (void)motorSetSpeed(axis, speed); // the driver keeps its own when it refuses
     }
     motionSettle(MotionSettle::Calibration);
