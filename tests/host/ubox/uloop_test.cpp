@@ -27,42 +27,28 @@ struct Timeout : uloop_timeout {
     std::function<void()> run;
 };
 
-struct SocketPair {
-    SocketPair()
-    {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    }
-    ~SocketPair()
-    {
-        closeEnd(0);
-        closeEnd(1);
-    }
-    void closeEnd(int end)
-    {
-        if (fds[end] >= 0)
-            close(fds[end]);
-        fds[end] = -1;
-    }
-    int fds[2];
-};
-
 // One end of a socket pair in the loop; the other end is the test's.
 struct Watched : uloop_fd {
     explicit Watched(std::function<void(unsigned)> action) : uloop_fd{}, run(std::move(action))
     {
-        fd = pair.fds[0];
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        fd = ends[0];
+        peer = ends[1];
         cb = [](uloop_fd* self, unsigned events) { static_cast<Watched*>(self)->run(events); };
     }
     ~Watched()
     {
         uloop_fd_delete(this);
+        close(fd);
+        close(peer);
     }
-    void send()
+    void send() const
     {
-        EXPECT_EQ(write(pair.fds[1], "x", 1), 1);
+        EXPECT_EQ(write(peer, "x", 1), 1);
     }
-    SocketPair pair;
     std::function<void(unsigned)> run;
+    int peer;
 };
 
 class Uloop : public testing::Test {
@@ -196,10 +182,7 @@ TEST_F(Uloop, AFullCloseDeregistersBeforeItsOnlyCallbackUnlessErrorsAreWanted)
             ++calls;
         });
         uloop_fd_add(&socket, how.flags);
-        if (how.full)
-            socket.pair.closeEnd(1);
-        else
-            shutdown(socket.pair.fds[1], SHUT_WR);
+        shutdown(socket.peer, how.full ? SHUT_RDWR : SHUT_WR);
         pass();
         pass();
         EXPECT_EQ(calls, how.staysRegistered ? 2 : 1) << "reported until it is deleted";
@@ -232,18 +215,18 @@ TEST_F(Uloop, FlagsChooseDirectionAndBlockingMode)
 TEST_F(Uloop, RefusesWhatItCannotWaitFor)
 {
     uloop_fd record{};
-    record.fd = -1;
-    EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
-    record.fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
-    EXPECT_FALSE(record.registered);
+    EXPECT_EQ(uloop_fd_delete(&record), 0) << "not registered";
+    for (const int fd : {-1, open("/proc/self/exe", O_RDONLY | O_CLOEXEC)}) {
+        record.fd = fd;
+        EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
+        EXPECT_FALSE(record.registered);
+    }
     close(record.fd);
-    EXPECT_EQ(uloop_fd_delete(&record), 0);
-
     Watched socket([](unsigned) {});
     uloop_fd_add(&socket, ULOOP_READ);
-    socket.pair.closeEnd(0);
+    close(socket.fd);
     EXPECT_EQ(uloop_fd_delete(&socket), -1);
+    socket.fd = -1;
 }
 
 TEST(UloopSignals, TerminateEndsTheLoopAndDispositionsComeBack)
