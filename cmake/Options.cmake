@@ -9,9 +9,10 @@ find_package(Threads REQUIRED)
 
 add_library(ptzd_options INTERFACE)
 target_compile_options(ptzd_options INTERFACE
-    -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Wmissing-declarations -Wimplicit-fallthrough -Werror
+    -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Wmissing-declarations -Wimplicit-fallthrough
+    $<$<BOOL:${PTZD_WERROR}>:-Werror>
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
 target_link_libraries(ptzd_options INTERFACE Threads::Threads)
 
 # What runs on a camera, or in its place: nothing in it may need the C++ runtime library.
