@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <initializer_list>
 #include <memory>
 
 extern "C" {
