@@ -20,6 +20,12 @@ add_library(ptzd_no_runtime INTERFACE)
 target_link_libraries(ptzd_no_runtime INTERFACE ptzd_options)
 target_compile_options(ptzd_no_runtime INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+if(NOT PTZD_SANITIZE)
+    # The C++ library's own checks, which many toolchains switch on, report through its runtime library. That of GCC can
+    # only be left out, that of LLVM ends the program itself instead.
+    set(checks -U_GLIBCXX_ASSERTIONS -D_GLIBCXX_NO_ASSERTIONS "-D_LIBCPP_VERBOSE_ABORT(...)=__builtin_abort()")
+    target_compile_options(ptzd_no_runtime INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:${checks}>")
+endif()
 
 # A target linked by the C driver would get the C++ runtime library from here.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")

@@ -24,7 +24,7 @@ int32_t loadImageFlipConfig()
         (void)cfg_uci_get_string_value(UCI_IMAGE, "switch", "flip_type", text, sizeof(text)); // missing: empty
     }
     for (size_t type = 0; type < std::size(flipNames); ++type) {
-        if (flipNames[type].starts_with(text)) {
+        if (strncmp(flipNames[type].data(), text, strlen(text)) == 0) {
             gContext.image.imageFlipType.store(static_cast<int32_t>(type));
             return 0;
         }
