@@ -106,9 +106,9 @@ void HeadPair::endBare()
 {
     if (barePid_ == 0)
         return;
-    kill(barePid_, SIGTERM);
+    sendSignal(barePid_, SIGTERM);
     if (!awaitEnd(barePid_, lab_.folder(), 5s))
-        kill(barePid_, SIGKILL);
+        sendSignal(barePid_, SIGKILL);
     barePid_ = 0;
 }
 

@@ -6,6 +6,7 @@
 #include "process_figures.h"
 #include "statistics.h"
 
+#include <initializer_list>
 #include <iterator>
 
 namespace {

@@ -6,6 +6,7 @@
 #include "lab_paths.h"
 #include "process_figures.h"
 
+#include <initializer_list>
 #include <thread>
 
 using namespace std::chrono_literals;

@@ -9,6 +9,7 @@
 #include "statistics.h"
 
 #include <fstream>
+#include <initializer_list>
 #include <thread>
 
 using namespace std::chrono_literals;

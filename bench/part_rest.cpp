@@ -5,6 +5,7 @@
 #include "head_pair.h"
 #include "process_figures.h"
 
+#include <initializer_list>
 #include <thread>
 
 namespace {

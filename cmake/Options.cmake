@@ -9,9 +9,10 @@ find_package(Threads REQUIRED)
 
 add_library(ptzd_options INTERFACE)
 target_compile_options(ptzd_options INTERFACE
-    -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Wmissing-declarations -Wimplicit-fallthrough -Werror
+    -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Wmissing-declarations -Wimplicit-fallthrough
+    $<$<BOOL:${PTZD_WERROR}>:-Werror>
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>)
 target_link_libraries(ptzd_options INTERFACE Threads::Threads)
 
 # What runs on a camera, or in its place: nothing in it may need the C++ runtime library.
@@ -19,6 +20,12 @@ add_library(ptzd_no_runtime INTERFACE)
 target_link_libraries(ptzd_no_runtime INTERFACE ptzd_options)
 target_compile_options(ptzd_no_runtime INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+if(NOT PTZD_SANITIZE)
+    # The C++ library's own checks, which many toolchains switch on, report through its runtime library. That of GCC can
+    # only be left out, that of LLVM ends the program itself instead.
+    set(checks -U_GLIBCXX_ASSERTIONS -D_GLIBCXX_NO_ASSERTIONS "-D_LIBCPP_VERBOSE_ABORT(...)=__builtin_abort()")
+    target_compile_options(ptzd_no_runtime INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:${checks}>")
+endif()
 
 # A target linked by the C driver would get the C++ runtime library from here.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")

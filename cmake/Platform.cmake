@@ -40,11 +40,10 @@ add_library(platform_lens_mask INTERFACE)
 foreach(part bus uci msglog lens_mask)
     add_library(platform::${part} ALIAS platform_${part})
 endforeach()
-target_link_libraries(platform_bus INTERFACE json_c)
 
 if(PTZD_USE_SYSTEM_LIBS)
     target_include_directories(platform_bus SYSTEM INTERFACE ${UBUS_INCLUDE_DIR} ${UBOX_INCLUDE_DIR})
-    target_link_libraries(platform_bus INTERFACE ${UBUS_LIBRARY} ${UBOX_LIBRARY} ${BLOBMSG_JSON_LIBRARY})
+    target_link_libraries(platform_bus INTERFACE ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY} ${UBOX_LIBRARY})
     target_include_directories(platform_uci SYSTEM INTERFACE ${UCI_INCLUDE_DIR} ${UBOX_INCLUDE_DIR})
     target_link_libraries(platform_uci INTERFACE ${UCI_LIBRARY} ${UBOX_LIBRARY})
     check_library_exists(${UBOX_LIBRARY} uloop_set_uloop_fd_ptr "" PTZD_HAVE_ULOOP_FD_PTR)
@@ -53,6 +52,8 @@ else()
     target_link_libraries(platform_bus INTERFACE ubus blobmsg_json ubox)
     target_link_libraries(platform_uci INTERFACE uci)
 endif()
+
+target_link_libraries(platform_bus INTERFACE json_c) # after those that need it, which matters to static libraries
 
 if(MSGLOG_INCLUDE_DIR AND MSGLOG_LIBRARY)
     target_include_directories(platform_msglog SYSTEM INTERFACE ${MSGLOG_INCLUDE_DIR})

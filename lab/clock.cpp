@@ -11,11 +11,17 @@
 
 namespace {
 
-__extension__ using Int128 = __int128;
+// The call that takes this C library's timespec: on 32-bit processors the old one takes seconds of 32 bits.
+#ifdef SYS_futex_time64
+constexpr long FUTEX_CALL = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+#else
+constexpr long FUTEX_CALL = SYS_futex;
+#endif
 
+/// value * multiply / divide without an overflow on the way, for factors of a clock's speed.
 int64_t scaled(int64_t value, int64_t multiply, int64_t divide)
 {
-    return static_cast<int64_t>(Int128{value} * multiply / divide);
+    return value / divide * multiply + value % divide * multiply / divide;
 }
 
 /// Makes a changed clock the current one and lets everybody who waits for lab time work out his moment anew.
@@ -82,9 +88,15 @@ int64_t labNow(const LabState& state)
 
 int64_t realTimeOf(const LabClock& clock, int64_t labNs)
 {
-    const Int128 realNs =
-        clock.realNs + (Int128{labNs - clock.labNs} * CLOCK_SPEED_ONE + clock.speedMilli - 1) / clock.speedMilli;
-    return realNs > INT64_MAX ? INT64_MAX : static_cast<int64_t>(realNs);
+    const int64_t ahead = labNs - clock.labNs;
+    if (ahead <= 0)
+        return clock.realNs;
+    const int64_t whole = ahead / clock.speedMilli;
+    if (whole >= (INT64_MAX - clock.realNs) / CLOCK_SPEED_ONE)
+        return INT64_MAX;
+    const int64_t rest = ahead % clock.speedMilli;
+    // Rounded up: whoever waits until then must not find that it is not yet time.
+    return clock.realNs + whole * CLOCK_SPEED_ONE + (rest * CLOCK_SPEED_ONE + clock.speedMilli - 1) / clock.speedMilli;
 }
 
 int64_t wallTimeAt(const LabClock& clock, int64_t realNs)
@@ -122,7 +134,7 @@ void resetClock(LabState& state)
 void bumpAndWake(std::atomic<uint32_t>& word)
 {
     word.fetch_add(1);
-    syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    syscall(FUTEX_CALL, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
 int waitWord(std::atomic<uint32_t>& word, uint32_t seen, int64_t realNs)
@@ -131,7 +143,7 @@ int waitWord(std::atomic<uint32_t>& word, uint32_t seen, int64_t realNs)
     until.tv_sec = static_cast<time_t>(realNs / NS_PER_SECOND);
     until.tv_nsec = static_cast<long>(realNs % NS_PER_SECOND);
     // The bit-set form takes a moment of CLOCK_MONOTONIC, so that a late start of the wait costs nothing.
-    const long result = syscall(SYS_futex, &word, FUTEX_WAIT_BITSET, seen, realNs == INT64_MAX ? nullptr : &until,
+    const long result = syscall(FUTEX_CALL, &word, FUTEX_WAIT_BITSET, seen, realNs == INT64_MAX ? nullptr : &until,
                                 nullptr, FUTEX_BITSET_MATCH_ANY);
     return result < 0 && errno == EINTR ? EINTR : 0;
 }

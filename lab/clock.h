@@ -30,7 +30,8 @@ int64_t labTimeAt(const LabClock& clock, int64_t realNs);
 /// Lab time now.
 int64_t labNow(const LabState& state);
 
-/// The moment of CLOCK_MONOTONIC at which lab time reaches `labNs` if the clock keeps its speed; rounded up.
+/// The moment of CLOCK_MONOTONIC at which lab time reaches `labNs` if the clock keeps its speed, rounded up; for what
+/// lies before the clock's latest change the moment of that change.
 int64_t realTimeOf(const LabClock& clock, int64_t labNs);
 
 /// Wall clock in ns since 1970 at a moment, when the wall clock is the lab's (wallIsReal false).

@@ -81,13 +81,32 @@ struct LabAxisRecord {
     int32_t slowdownLeft; // of the latest STOP
 };
 
+/// A word of the clock in two halves, since not every 32-bit processor reads 64 bits at once. Its reader may get halves
+/// of two values, and must find that out (LabState::clockChanges) and read again.
+class LabClockWord {
+public:
+    int64_t load() const
+    {
+        return static_cast<int64_t>(uint64_t{high_.load()} << 32 | low_.load());
+    }
+    void store(int64_t value)
+    {
+        high_.store(static_cast<uint32_t>(static_cast<uint64_t>(value) >> 32));
+        low_.store(static_cast<uint32_t>(value));
+    }
+
+private:
+    std::atomic<uint32_t> high_;
+    std::atomic<uint32_t> low_;
+};
+
 /// The lab clock from one change on; see clock.h.
 struct LabClockSlot {
-    std::atomic<int64_t> realNs;     // CLOCK_MONOTONIC at the change
-    std::atomic<int64_t> labNs;      // lab time then
-    std::atomic<int64_t> speedMilli; // lab time per real time, in thousandths
-    std::atomic<int64_t> wallNs;     // added to lab time gives the wall clock
-    std::atomic<int64_t> wallIsReal; // 1: the wall clock is the machine's, wallNs does not count
+    LabClockWord realNs;     // CLOCK_MONOTONIC at the change
+    LabClockWord labNs;      // lab time then
+    LabClockWord speedMilli; // lab time per real time, in thousandths
+    LabClockWord wallNs;     // added to lab time gives the wall clock
+    LabClockWord wallIsReal; // 1: the wall clock is the machine's, wallNs does not count
 };
 
 struct LabState {
@@ -104,5 +123,4 @@ struct LabState {
     std::atomic<uint32_t> timersCreated;
 };
 
-static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free,
-              "words shared by processes must not hide a lock");
+static_assert(std::atomic<uint32_t>::is_always_lock_free, "words shared by processes must not hide a lock");

@@ -33,10 +33,10 @@ bool isMark(std::string_view line, uint64_t digest)
 {
     char text[MARK_DIGITS + 1];
     snprintf(text, sizeof(text), "%016" PRIx64, digest);
-    if (!line.starts_with(MARK))
+    if (!beginsWith(line, MARK))
         return false;
     line.remove_prefix(MARK.size());
-    return line.starts_with(text);
+    return beginsWith(line, text);
 }
 
 // Whether a change begins here, up to its value or the end of its line. Only then may a quote span lines: garbage with

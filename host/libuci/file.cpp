@@ -115,7 +115,7 @@ void Replacement::removeLeftovers(const char* dir) const
     DIR* listing = opendir(dir);
     while (const dirent* entry = listing ? readdir(listing) : nullptr) {
         const std::string_view name = entry->d_name;
-        if (!name.starts_with(prefix.view()) || name.size() != prefix.view().size() + TEMP_PATTERN.size())
+        if (!beginsWith(name, prefix.view()) || name.size() != prefix.view().size() + TEMP_PATTERN.size())
             continue;
         const OwnedText path = joinPath(dir, entry->d_name);
         if (!path)

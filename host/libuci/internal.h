@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -27,6 +28,13 @@ using OwnedText = std::unique_ptr<char, FreeDeleter>;
 inline std::string_view slice(std::string_view text, size_t from, size_t to)
 {
     return {text.data() + from, to - from};
+}
+
+/// Whether a text begins so; string_view's own starts_with wants the runtime library too, in a build that is not
+/// optimised.
+inline bool beginsWith(std::string_view text, std::string_view start)
+{
+    return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
 }
 
 /// Leaves a public call's result in the context and returns it.

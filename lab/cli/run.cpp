@@ -31,7 +31,8 @@ public:
     /// Waits that long; true once a signal has come.
     bool came(milliseconds wait)
     {
-        const timespec limit{wait.count() / 1000, wait.count() % 1000 * NS_PER_MS};
+        const timespec limit{static_cast<time_t>(wait.count() / 1000),
+                             static_cast<long>(wait.count() % 1000 * NS_PER_MS)};
         came_ = came_ || sigtimedwait(&set_, nullptr, &limit) > 0;
         return came_;
     }

@@ -164,7 +164,7 @@ LabReply callOnBus(const std::string& socket, const std::string& object, const s
             break;
         pollfd wait{context->sock.fd, POLLIN, 0};
         hold.unlock();
-        poll(&wait, 1, static_cast<int>(std::min<long>(left, 1000)));
+        poll(&wait, 1, static_cast<int>(std::min<int64_t>(left, 1000)));
         hold.lock();
         if (wait.revents != 0)
             ubus_handle_event(context);

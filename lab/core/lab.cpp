@@ -142,7 +142,7 @@ std::optional<int> Lab::endProgram(const std::string& name, int signal, millisec
         if (pid == 0)
             continue;
         if (signal != 0)
-            kill(pid, signal);
+            sendSignal(pid, signal);
         status = awaitEnd(pid, folder_, patience);
         if (!status)
             return std::nullopt;

@@ -318,7 +318,7 @@ std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetL
 {
     TimeScale time = timeScaleOf(journal, cetLog, seconds(untilLabNs));
     if (wallAtZeroNs) {
-        const time_t wall = *wallAtZeroNs / NS_PER_SECOND;
+        const auto wall = static_cast<time_t>(*wallAtZeroNs / NS_PER_SECOND);
         tm local{};
         localtime_r(&wall, &local);
         time.localAtZero = seconds(*wallAtZeroNs) + static_cast<double>(local.tm_gmtoff);

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <thread>
 
 namespace {
@@ -143,6 +144,11 @@ pid_t livingProcess(const std::string& pidFile, const std::string& folder)
 {
     const pid_t pid = static_cast<pid_t>(strtol(readFile(pidFile).c_str(), nullptr, 10));
     return pid > 0 && livesIn(pid, folder) ? pid : 0;
+}
+
+bool sendSignal(pid_t pid, int number)
+{
+    return pid > 0 && kill(pid, number) == 0;
 }
 
 std::optional<int> awaitEnd(pid_t pid, const std::string& folder, std::chrono::milliseconds timeout)

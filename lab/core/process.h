@@ -26,6 +26,10 @@ pid_t livingProcess(const std::string& pidFile, const std::string& folder);
 /// Whether `pid` runs, is no zombie and lives in the lab `folder`.
 bool livesIn(pid_t pid, const std::string& folder);
 
+/// Sends a signal to one process. False, with nothing sent, for a `pid` of 0 or less, which would mean a whole group or
+/// everybody, and when the process is gone.
+bool sendSignal(pid_t pid, int number);
+
 /// Waits until a process has ended. The wait status of a child of ours, 0 for another; nothing when the time is up.
 std::optional<int> awaitEnd(pid_t pid, const std::string& folder, std::chrono::milliseconds timeout);
 

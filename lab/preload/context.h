@@ -15,6 +15,13 @@ LabState* labState();
 /// sanitizers call us before any constructor has run. Ends the process when there is none.
 void* nextDefinition(std::atomic<void*>& slot, const char* name);
 
+/// As the C library's headers declare its functions: some of glibc's are noexcept, and no other library's.
+#ifdef __GLIBC__
+#define C_NOEXCEPT noexcept
+#else
+#define C_NOEXCEPT
+#endif
+
 /// The C library's own function of that name.
 #define NEXT(function)                                                                                                 \
     ([] {                                                                                                              \

@@ -16,6 +16,12 @@
 #include <atomic>
 #include <cerrno>
 
+// Not every C library declares these, but a program calls them where they are.
+extern "C" {
+int close_range(unsigned first, unsigned last, int flags) C_NOEXCEPT;
+void closefrom(int first) C_NOEXCEPT;
+}
+
 namespace {
 
 /// Beyond what a program uses, and within what the kernel's second smallest table of descriptors holds.
@@ -79,7 +85,7 @@ int close(int fd)
 // Whoever wants the very number gets it; the next line finds another. All numbers wait, because a journal that is just
 // being opened has a number that nobody knows yet.
 #define DUPLICATE_CALL(name, parameters, arguments)                                                                    \
-    int name parameters noexcept                                                                                       \
+    int name parameters C_NOEXCEPT                                                                                     \
     {                                                                                                                  \
         LabState* state = labState();                                                                                  \
         if (!state)                                                                                                    \
@@ -90,7 +96,7 @@ int close(int fd)
 DUPLICATE_CALL(dup2, (int from, int to), (from, to))
 DUPLICATE_CALL(dup3, (int from, int to, int flags), (from, to, flags))
 
-int close_range(unsigned first, unsigned last, int flags) noexcept
+int close_range(unsigned first, unsigned last, int flags) C_NOEXCEPT
 {
     LabState* state = labState();
     if (!state)
@@ -105,7 +111,7 @@ int close_range(unsigned first, unsigned last, int flags) noexcept
     return gap == last ? 0 : NEXT(close_range)(gap + 1, last, flags);
 }
 
-void closefrom(int first) noexcept
+void closefrom(int first) C_NOEXCEPT
 {
     LabState* state = labState();
     if (!state)

@@ -14,9 +14,14 @@
 
 namespace {
 
+// The C libraries disagree about the type of a request's number.
+template <typename Number>
+Number numberOf(int (*)(int, Number, ...));
+using RequestNumber = decltype(numberOf(ioctl));
+
 constexpr unsigned MOTOR_TYPE = 0xDE;
 constexpr unsigned RECORD_SIZE = sizeof(int32_t) * LAB_WORDS;
-constexpr unsigned long REQUEST_WORDS[LAB_REQUEST_COUNT] = {
+constexpr uint32_t REQUEST_WORDS[LAB_REQUEST_COUNT] = {
     _IOC(_IOC_READ, MOTOR_TYPE, LAB_GET_CAPA, RECORD_SIZE),
     _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_SET_POSITION, RECORD_SIZE),
     _IOC(_IOC_READ, MOTOR_TYPE, LAB_GET_STATUS, RECORD_SIZE),
@@ -25,8 +30,6 @@ constexpr unsigned long REQUEST_WORDS[LAB_REQUEST_COUNT] = {
     _IOC(_IOC_WRITE, MOTOR_TYPE, LAB_MOVE, RECORD_SIZE),
     _IO(MOTOR_TYPE, LAB_STOP),
 };
-static_assert(REQUEST_WORDS[LAB_GET_CAPA] == 0x8014DE00 && REQUEST_WORDS[LAB_MOVE] == 0x4014DE05);
-
 constexpr int WORD_SPEED = 1;
 constexpr int WORD_STEPS = 2;
 
@@ -196,13 +199,13 @@ int serveMotor(unsigned axis, unsigned request, void* record)
 
 #pragma GCC visibility push(default)
 
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
+extern "C" int ioctl(int fd, RequestNumber request, ...) C_NOEXCEPT
 {
     va_list arguments;
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    const unsigned long word = request & 0xFFFFFFFFu; // programs that pass an int extend its sign
+    const auto word = static_cast<uint32_t>(request); // programs that pass an int extend its sign
     unsigned number = 0;
     while (number < LAB_REQUEST_COUNT && REQUEST_WORDS[number] != word)
         ++number;

@@ -15,6 +15,14 @@
 
 #pragma GCC visibility push(default)
 
+// Not every C library declares these, but a program calls them where they are.
+extern "C" {
+struct statx;
+int statx(int at, const char* path, int flags, unsigned mask, struct statx* info) C_NOEXCEPT;
+int renameat2(int fromAt, const char* from, int toAt, const char* to, unsigned flags) C_NOEXCEPT;
+}
+
+#ifdef __GLIBC__
 // What glibc's headers turn open, realpath and readlink into when a program asks for checked calls.
 extern "C" {
 int __open_2(const char* path, int flags);
@@ -24,6 +32,7 @@ int __openat64_2(int folder, const char* path, int flags);
 char* __realpath_chk(const char* path, char* resolved, size_t size);
 ssize_t __readlink_chk(const char* path, char* text, size_t length, size_t size);
 }
+#endif
 
 namespace {
 
@@ -114,7 +123,6 @@ extern "C" {
         return NEXT(name)(path.get(), flagsFor(path, flags), mode);                                                    \
     }
 OPEN_CALL(open)
-OPEN_CALL(open64)
 
 #define OPENAT_CALL(name)                                                                                              \
     int name(int folder, const char* file, int flags, ...)                                                             \
@@ -127,6 +135,109 @@ OPEN_CALL(open64)
         return NEXT(name)(folder, path.get(), flagsFor(path, flags), mode);                                            \
     }
 OPENAT_CALL(openat)
+
+// A call that hands one path on: its parameters, and its arguments with the path as `path`.
+#define PATH_CALL(result, name, parameters, arguments, ...)                                                            \
+    result name parameters __VA_ARGS__                                                                                 \
+    {                                                                                                                  \
+        const LabPath mapped(file);                                                                                    \
+        const char* path = mapped.get();                                                                               \
+        return NEXT(name) arguments;                                                                                   \
+    }
+
+PATH_CALL(int, creat, (const char* file, mode_t mode), (path, mode))
+PATH_CALL(int, access, (const char* file, int type), (path, type), C_NOEXCEPT)
+PATH_CALL(int, faccessat, (int at, const char* file, int type, int flags), (at, path, type, flags), C_NOEXCEPT)
+PATH_CALL(int, mkdir, (const char* file, mode_t mode), (path, mode), C_NOEXCEPT)
+PATH_CALL(int, mkdirat, (int at, const char* file, mode_t mode), (at, path, mode), C_NOEXCEPT)
+PATH_CALL(int, chmod, (const char* file, mode_t mode), (path, mode), C_NOEXCEPT)
+PATH_CALL(int, fchmodat, (int at, const char* file, mode_t mode, int flags), (at, path, mode, flags), C_NOEXCEPT)
+PATH_CALL(int, chown, (const char* file, uid_t user, gid_t group), (path, user, group), C_NOEXCEPT)
+PATH_CALL(int, lchown, (const char* file, uid_t user, gid_t group), (path, user, group), C_NOEXCEPT)
+PATH_CALL(int, fchownat, (int at, const char* file, uid_t user, gid_t group, int flags), (at, path, user, group, flags),
+          C_NOEXCEPT)
+PATH_CALL(int, utimensat, (int at, const char* file, const timespec times[2], int flags), (at, path, times, flags),
+          C_NOEXCEPT)
+PATH_CALL(int, chdir, (const char* file), (path), C_NOEXCEPT)
+PATH_CALL(int, unlink, (const char* file), (path), C_NOEXCEPT)
+PATH_CALL(int, unlinkat, (int at, const char* file, int flags), (at, path, flags), C_NOEXCEPT)
+PATH_CALL(int, remove, (const char* file), (path), C_NOEXCEPT)
+PATH_CALL(int, rmdir, (const char* file), (path), C_NOEXCEPT)
+PATH_CALL(int, truncate, (const char* file, off_t size), (path, size), C_NOEXCEPT)
+PATH_CALL(ssize_t, readlink, (const char* file, char* text, size_t size), (path, text, size), C_NOEXCEPT)
+PATH_CALL(ssize_t, readlinkat, (int at, const char* file, char* text, size_t size), (at, path, text, size), C_NOEXCEPT)
+PATH_CALL(char*, realpath, (const char* file, char* resolved), (path, resolved), C_NOEXCEPT)
+
+PATH_CALL(int, stat, (const char* file, struct stat* info), (path, info), C_NOEXCEPT)
+PATH_CALL(int, lstat, (const char* file, struct stat* info), (path, info), C_NOEXCEPT)
+PATH_CALL(int, fstatat, (int at, const char* file, struct stat* info, int flags), (at, path, info, flags), C_NOEXCEPT)
+PATH_CALL(int, statx, (int at, const char* file, int flags, unsigned mask, struct statx* info),
+          (at, path, flags, mask, info), C_NOEXCEPT)
+
+PATH_CALL(DIR*, opendir, (const char* file), (path))
+PATH_CALL(int, scandir,
+          (const char* file, dirent*** list, int (*filter)(const dirent*),
+           int (*compare)(const dirent**, const dirent**)),
+          (path, list, filter, compare))
+
+FILE* fopen(const char* file, const char* mode)
+{
+    const LabPath path(file);
+    return NEXT(fopen)(path.get(), StreamMode(path, mode).text);
+}
+
+int rename(const char* from, const char* to) C_NOEXCEPT
+{
+    return NEXT(rename)(LabPath(from).get(), LabPath(to).get());
+}
+
+int renameat(int fromAt, const char* from, int toAt, const char* to) C_NOEXCEPT
+{
+    return NEXT(renameat)(fromAt, LabPath(from).get(), toAt, LabPath(to).get());
+}
+
+int renameat2(int fromAt, const char* from, int toAt, const char* to, unsigned flags) C_NOEXCEPT
+{
+    return NEXT(renameat2)(fromAt, LabPath(from).get(), toAt, LabPath(to).get(), flags);
+}
+
+int link(const char* from, const char* to) C_NOEXCEPT
+{
+    return NEXT(link)(LabPath(from).get(), LabPath(to).get());
+}
+
+// The link's text is mapped too, since the kernel, not we, will follow it.
+int symlink(const char* text, const char* file) C_NOEXCEPT
+{
+    return NEXT(symlink)(LabPath(text).get(), LabPath(file).get());
+}
+
+int mkstemp(char* text)
+{
+    Template name(text, 0);
+    return name.finish(NEXT(mkstemp)(name.get()));
+}
+
+int mkostemp(char* text, int flags)
+{
+    Template name(text, 0);
+    return name.finish(NEXT(mkostemp)(name.get(), flags));
+}
+
+int mkstemps(char* text, int suffixLength)
+{
+    Template name(text, suffixLength);
+    return name.finish(NEXT(mkstemps)(name.get(), suffixLength));
+}
+
+int glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* found) C_NOEXCEPT
+{
+    return globInLab(NEXT(glob), pattern, flags, onError, found);
+}
+
+#ifdef __GLIBC__ // its further names: for large files, and for calls with checks
+
+OPEN_CALL(open64)
 OPENAT_CALL(openat64)
 
 #define CHECKED_OPEN_CALL(name)                                                                                        \
@@ -147,104 +258,24 @@ CHECKED_OPEN_CALL(__open64_2)
 CHECKED_OPENAT_CALL(__openat_2)
 CHECKED_OPENAT_CALL(__openat64_2)
 
-// A call that hands one path on: its parameters, and its arguments with the path as `path`.
-#define PATH_CALL(result, name, parameters, arguments, ...)                                                            \
-    result name parameters __VA_ARGS__                                                                                 \
-    {                                                                                                                  \
-        const LabPath mapped(file);                                                                                    \
-        const char* path = mapped.get();                                                                               \
-        return NEXT(name) arguments;                                                                                   \
-    }
-
-PATH_CALL(int, creat, (const char* file, mode_t mode), (path, mode))
 PATH_CALL(int, creat64, (const char* file, mode_t mode), (path, mode))
-PATH_CALL(int, access, (const char* file, int type), (path, type), noexcept)
-PATH_CALL(int, faccessat, (int at, const char* file, int type, int flags), (at, path, type, flags), noexcept)
-PATH_CALL(int, mkdir, (const char* file, mode_t mode), (path, mode), noexcept)
-PATH_CALL(int, mkdirat, (int at, const char* file, mode_t mode), (at, path, mode), noexcept)
-PATH_CALL(int, chmod, (const char* file, mode_t mode), (path, mode), noexcept)
-PATH_CALL(int, fchmodat, (int at, const char* file, mode_t mode, int flags), (at, path, mode, flags), noexcept)
-PATH_CALL(int, chown, (const char* file, uid_t user, gid_t group), (path, user, group), noexcept)
-PATH_CALL(int, lchown, (const char* file, uid_t user, gid_t group), (path, user, group), noexcept)
-PATH_CALL(int, fchownat, (int at, const char* file, uid_t user, gid_t group, int flags), (at, path, user, group, flags),
-          noexcept)
-PATH_CALL(int, utimensat, (int at, const char* file, const timespec times[2], int flags), (at, path, times, flags),
-          noexcept)
-PATH_CALL(int, chdir, (const char* file), (path), noexcept)
-PATH_CALL(int, unlink, (const char* file), (path), noexcept)
-PATH_CALL(int, unlinkat, (int at, const char* file, int flags), (at, path, flags), noexcept)
-PATH_CALL(int, remove, (const char* file), (path), noexcept)
-PATH_CALL(int, rmdir, (const char* file), (path), noexcept)
-PATH_CALL(int, truncate, (const char* file, off_t size), (path, size), noexcept)
-PATH_CALL(int, truncate64, (const char* file, off64_t size), (path, size), noexcept)
-PATH_CALL(ssize_t, readlink, (const char* file, char* text, size_t size), (path, text, size), noexcept)
-PATH_CALL(ssize_t, readlinkat, (int at, const char* file, char* text, size_t size), (at, path, text, size), noexcept)
+PATH_CALL(int, truncate64, (const char* file, off64_t size), (path, size), C_NOEXCEPT)
 PATH_CALL(ssize_t, __readlink_chk, (const char* file, char* text, size_t length, size_t size),
           (path, text, length, size))
-PATH_CALL(char*, realpath, (const char* file, char* resolved), (path, resolved), noexcept)
 PATH_CALL(char*, __realpath_chk, (const char* file, char* resolved, size_t size), (path, resolved, size))
-
-PATH_CALL(int, stat, (const char* file, struct stat* info), (path, info), noexcept)
-PATH_CALL(int, stat64, (const char* file, struct stat64* info), (path, info), noexcept)
-PATH_CALL(int, lstat, (const char* file, struct stat* info), (path, info), noexcept)
-PATH_CALL(int, lstat64, (const char* file, struct stat64* info), (path, info), noexcept)
-PATH_CALL(int, fstatat, (int at, const char* file, struct stat* info, int flags), (at, path, info, flags), noexcept)
-PATH_CALL(int, fstatat64, (int at, const char* file, struct stat64* info, int flags), (at, path, info, flags), noexcept)
-PATH_CALL(int, statx, (int at, const char* file, int flags, unsigned mask, struct statx* info),
-          (at, path, flags, mask, info), noexcept)
-
-PATH_CALL(DIR*, opendir, (const char* file), (path))
-PATH_CALL(int, scandir,
-          (const char* file, dirent*** list, int (*filter)(const dirent*),
-           int (*compare)(const dirent**, const dirent**)),
-          (path, list, filter, compare))
+PATH_CALL(int, stat64, (const char* file, struct stat64* info), (path, info), C_NOEXCEPT)
+PATH_CALL(int, lstat64, (const char* file, struct stat64* info), (path, info), C_NOEXCEPT)
+PATH_CALL(int, fstatat64, (int at, const char* file, struct stat64* info, int flags), (at, path, info, flags),
+          C_NOEXCEPT)
 PATH_CALL(int, scandir64,
           (const char* file, dirent64*** list, int (*filter)(const dirent64*),
            int (*compare)(const dirent64**, const dirent64**)),
           (path, list, filter, compare))
 
-FILE* fopen(const char* file, const char* mode)
-{
-    const LabPath path(file);
-    return NEXT(fopen)(path.get(), StreamMode(path, mode).text);
-}
-
 FILE* fopen64(const char* file, const char* mode)
 {
     const LabPath path(file);
     return NEXT(fopen64)(path.get(), StreamMode(path, mode).text);
-}
-
-int rename(const char* from, const char* to) noexcept
-{
-    return NEXT(rename)(LabPath(from).get(), LabPath(to).get());
-}
-
-int renameat(int fromAt, const char* from, int toAt, const char* to) noexcept
-{
-    return NEXT(renameat)(fromAt, LabPath(from).get(), toAt, LabPath(to).get());
-}
-
-int renameat2(int fromAt, const char* from, int toAt, const char* to, unsigned flags) noexcept
-{
-    return NEXT(renameat2)(fromAt, LabPath(from).get(), toAt, LabPath(to).get(), flags);
-}
-
-int link(const char* from, const char* to) noexcept
-{
-    return NEXT(link)(LabPath(from).get(), LabPath(to).get());
-}
-
-// The link's text is mapped too, since the kernel, not we, will follow it.
-int symlink(const char* text, const char* file) noexcept
-{
-    return NEXT(symlink)(LabPath(text).get(), LabPath(file).get());
-}
-
-int mkstemp(char* text)
-{
-    Template name(text, 0);
-    return name.finish(NEXT(mkstemp)(name.get()));
 }
 
 int mkstemp64(char* text)
@@ -253,33 +284,18 @@ int mkstemp64(char* text)
     return name.finish(NEXT(mkstemp64)(name.get()));
 }
 
-int mkostemp(char* text, int flags)
-{
-    Template name(text, 0);
-    return name.finish(NEXT(mkostemp)(name.get(), flags));
-}
-
 int mkostemp64(char* text, int flags)
 {
     Template name(text, 0);
     return name.finish(NEXT(mkostemp64)(name.get(), flags));
 }
 
-int mkstemps(char* text, int suffixLength)
-{
-    Template name(text, suffixLength);
-    return name.finish(NEXT(mkstemps)(name.get(), suffixLength));
-}
-
-int glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* found) noexcept
-{
-    return globInLab(NEXT(glob), pattern, flags, onError, found);
-}
-
-int glob64(const char* pattern, int flags, int (*onError)(const char*, int), glob64_t* found) noexcept
+int glob64(const char* pattern, int flags, int (*onError)(const char*, int), glob64_t* found) C_NOEXCEPT
 {
     return globInLab(NEXT(glob64), pattern, flags, onError, found);
 }
+
+#endif
 
 } // extern "C"
 

@@ -98,14 +98,14 @@ int connect(int socket, const sockaddr* address, socklen_t length)
     return mapped.valid() ? NEXT(connect)(socket, mapped.get(), mapped.length()) : -1;
 }
 
-int bind(int socket, const sockaddr* address, socklen_t length) noexcept
+int bind(int socket, const sockaddr* address, socklen_t length) C_NOEXCEPT
 {
     const LabAddress mapped(address, length);
     return mapped.valid() ? NEXT(bind)(socket, mapped.get(), mapped.length()) : -1;
 }
 
 // A camera's programs all run as user 0, and a bus may refuse others: within a lab everybody counts as that user.
-int getsockopt(int socket, int level, int option, void* value, socklen_t* length) noexcept
+int getsockopt(int socket, int level, int option, void* value, socklen_t* length) C_NOEXCEPT
 {
     const int result = NEXT(getsockopt)(socket, level, option, value, length);
     if (result == 0 && level == SOL_SOCKET && option == SO_PEERCRED && *length >= sizeof(ucred) && labFolder()) {

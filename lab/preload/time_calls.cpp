@@ -122,7 +122,7 @@ int64_t wallNow(const LabState& state)
 #pragma GCC visibility push(default)
 extern "C" {
 
-int clock_gettime(clockid_t clock, timespec* now) noexcept
+int clock_gettime(clockid_t clock, timespec* now) C_NOEXCEPT
 {
     const LabState* state = isWall(clock) ? stateWithOwnWall() : nullptr;
     if (!state)
@@ -131,7 +131,7 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept
     return 0;
 }
 
-int gettimeofday(timeval* now, void* zone) noexcept
+int gettimeofday(timeval* now, void* zone) C_NOEXCEPT
 {
     const LabState* state = stateWithOwnWall();
     const int result = NEXT(gettimeofday)(now, zone);
@@ -143,7 +143,7 @@ int gettimeofday(timeval* now, void* zone) noexcept
     return 0;
 }
 
-time_t time(time_t* result) noexcept
+time_t time(time_t* result) C_NOEXCEPT
 {
     const LabState* state = stateWithOwnWall();
     if (!state)
@@ -154,7 +154,7 @@ time_t time(time_t* result) noexcept
     return now;
 }
 
-int timespec_get(timespec* now, int base) noexcept
+int timespec_get(timespec* now, int base) C_NOEXCEPT
 {
     const LabState* state = base == TIME_UTC ? stateWithOwnWall() : nullptr;
     if (!state)
@@ -163,13 +163,13 @@ int timespec_get(timespec* now, int base) noexcept
     return base;
 }
 
-void tzset() noexcept
+void tzset() C_NOEXCEPT
 {
     followZoneFile();
     NEXT(tzset)();
 }
 
-tm* localtime(const time_t* seconds) noexcept
+tm* localtime(const time_t* seconds) C_NOEXCEPT
 {
     followZoneFile();
     return NEXT(localtime)(seconds);

@@ -209,7 +209,7 @@ bool isValid(const timespec& time)
 #pragma GCC visibility push(default)
 extern "C" {
 
-int timer_create(clockid_t clock, sigevent* event, timer_t* id) noexcept
+int timer_create(clockid_t clock, sigevent* event, timer_t* id) C_NOEXCEPT
 {
     if (!wantsLabTimer(clock, event))
         return NEXT(timer_create)(clock, event, id);
@@ -228,7 +228,7 @@ int timer_create(clockid_t clock, sigevent* event, timer_t* id) noexcept
     return 0;
 }
 
-int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* old) noexcept
+int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* old) C_NOEXCEPT
 {
     if (!ownsTimer(id))
         return NEXT(timer_settime)(id, flags, value, old);
@@ -253,7 +253,7 @@ int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* ol
     return 0;
 }
 
-int timer_gettime(timer_t id, itimerspec* value) noexcept
+int timer_gettime(timer_t id, itimerspec* value) C_NOEXCEPT
 {
     if (!ownsTimer(id))
         return NEXT(timer_gettime)(id, value);
@@ -265,7 +265,7 @@ int timer_gettime(timer_t id, itimerspec* value) noexcept
     return 0;
 }
 
-int timer_getoverrun(timer_t id) noexcept
+int timer_getoverrun(timer_t id) C_NOEXCEPT
 {
     if (!ownsTimer(id))
         return NEXT(timer_getoverrun)(id);
@@ -273,7 +273,7 @@ int timer_getoverrun(timer_t id) noexcept
     return static_cast<LabTimer*>(id)->overruns;
 }
 
-int timer_delete(timer_t id) noexcept
+int timer_delete(timer_t id) C_NOEXCEPT
 {
     if (!ownsTimer(id))
         return NEXT(timer_delete)(id);

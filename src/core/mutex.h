@@ -5,6 +5,9 @@
 #include "core/lock_order.h"
 
 #include <pthread.h>
+#include <stdint.h>
+
+#include <atomic>
 
 #if defined(__clang__)
 #define THREAD_ANNOTATION(x) __attribute__((x))
@@ -65,7 +68,8 @@ private:
     [[no_unique_address]] LockPlace place_;
 };
 
-/// A mutex that its holder may take again. Any thread.
+/// A mutex that its holder may take again. Any thread. Made of a plain one, because not every C library has a constant
+/// that initialises a recursive one.
 class CAPABILITY("mutex") RecursiveMutex {
 public:
     constexpr explicit RecursiveMutex(LockRank rank) : place_(rank)
@@ -77,17 +81,27 @@ public:
     void lock() ACQUIRE()
     {
         place_.check();
-        (void)pthread_mutex_lock(&mutex_);
+        const pthread_t self = pthread_self();
+        if (owner_.load() != self) { // only this thread itself makes it the owner, or ends that
+            (void)pthread_mutex_lock(&mutex_);
+            owner_.store(self);
+        }
+        ++depth_;
         place_.taken();
     }
     void unlock() RELEASE()
     {
         place_.given();
+        if (--depth_ > 0)
+            return;
+        owner_.store(pthread_t{});
         (void)pthread_mutex_unlock(&mutex_);
     }
 
 private:
-    pthread_mutex_t mutex_ = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    std::atomic<pthread_t> owner_{}; // pthread_t{} while nobody holds it: no thread of Linux has that number
+    uint32_t depth_ = 0;             // how often the owner holds it; only the owner looks
     [[no_unique_address]] LockPlace place_;
 };
 

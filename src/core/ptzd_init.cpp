@@ -18,6 +18,8 @@
 
 #include <stdlib.h>
 
+#include <initializer_list>
+
 namespace {
 
 constexpr int32_t WORKER_END_MS = 1500; // what a worker gets before the daemon ends without it

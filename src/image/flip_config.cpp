@@ -7,11 +7,10 @@
 #include <string.h>
 
 #include <iterator>
-#include <string_view>
 
 namespace {
 
-constexpr std::string_view flipNames[] = {"off", "left_and_right", "up_and_down", "center"};
+constexpr const char* flipNames[] = {"off", "left_and_right", "up_and_down", "center"};
 
 } // namespace
 
@@ -24,7 +23,7 @@ int32_t loadImageFlipConfig()
         (void)cfg_uci_get_string_value(UCI_IMAGE, "switch", "flip_type", text, sizeof(text)); // missing: empty
     }
     for (size_t type = 0; type < std::size(flipNames); ++type) {
-        if (flipNames[type].starts_with(text)) {
+        if (strncmp(flipNames[type], text, strlen(text)) == 0) {
             gContext.image.imageFlipType.store(static_cast<int32_t>(type));
             return 0;
         }

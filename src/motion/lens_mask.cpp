@@ -8,6 +8,8 @@
 #include "motor/position_store.h"
 #include "ubus/method_reply.h"
 
+#include <initializer_list>
+
 namespace {
 
 constexpr int32_t MASK_TILT = -61; // coordinate units

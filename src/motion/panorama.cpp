@@ -9,6 +9,8 @@
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
+#include <initializer_list>
+
 namespace {
 
 constexpr int32_t START_X = -150; // coordinate units, image-flip sign not yet applied

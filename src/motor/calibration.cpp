@@ -8,6 +8,8 @@
 #include "motor/position_store.h"
 #include "ubus/method_reply.h"
 
+#include <initializer_list>
+
 namespace {
 
 bool inFactoryMode()

@@ -7,9 +7,14 @@
 
 namespace {
 
+// The C libraries disagree about the type of a request's number; the kernel sees its lower 32 bits.
+template <typename Number>
+Number numberOf(int (*)(int, Number, ...));
+using RequestNumber = decltype(numberOf(ioctl));
+
 ResultCode request(AxisIndex axis, unsigned long number, void* record)
 {
-    return ioctl(gContext.axes[axis].fd, number, record) == 0 ? RESULT_OK : ERR_DEVICE;
+    return ioctl(gContext.axes[axis].fd, static_cast<RequestNumber>(number), record) == 0 ? RESULT_OK : ERR_DEVICE;
 }
 
 } // namespace

@@ -44,9 +44,12 @@ inline constexpr unsigned long MOTOR_IOC_ROTATE = _IOW(MOTOR_IOC_MAGIC, 4, Motor
 inline constexpr unsigned long MOTOR_IOC_MOVE = _IOW(MOTOR_IOC_MAGIC, 5, MotorCommand);
 inline constexpr unsigned long MOTOR_IOC_STOP = _IO(MOTOR_IOC_MAGIC, 6);
 
-static_assert(MOTOR_IOC_GET_CAPA == 0x8014DE00 && MOTOR_IOC_SET_POSITION == 0x4014DE01 &&
-              MOTOR_IOC_GET_STATUS == 0x8014DE02 && MOTOR_IOC_SET_SPEED == 0x4014DE03 &&
-              MOTOR_IOC_ROTATE == 0x4014DE04 && MOTOR_IOC_MOVE == 0x4014DE05 && MOTOR_IOC_STOP == 0x0000DE06);
+// The driver is compiled with the macros of its architecture's kernel. Most architectures share these numbers; MIPS,
+// PowerPC, SPARC and Alpha write the direction into other bits.
+static_assert(_IOC_NONE != 0 || _IOC_WRITE != 1 || _IOC_READ != 2 ||
+              (MOTOR_IOC_GET_CAPA == 0x8014DE00 && MOTOR_IOC_SET_POSITION == 0x4014DE01 &&
+               MOTOR_IOC_GET_STATUS == 0x8014DE02 && MOTOR_IOC_SET_SPEED == 0x4014DE03 &&
+               MOTOR_IOC_ROTATE == 0x4014DE04 && MOTOR_IOC_MOVE == 0x4014DE05 && MOTOR_IOC_STOP == 0x0000DE06));
 
 /// Opens an axis's device. @return a descriptor above 0, else 0 or -1. Thread: main.
 [[nodiscard]] int motorOpen(AxisIndex axis);

@@ -7,6 +7,7 @@
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
+#include <initializer_list>
 #include <iterator>
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include <stdlib.h>
 
+#include <initializer_list>
 #include <iterator>
 #include <memory>
 

@@ -14,6 +14,7 @@
 #include <string.h>
 
 #include <cmath>
+#include <initializer_list>
 #include <memory>
 
 extern "C" {

@@ -11,7 +11,7 @@ namespace {
 constexpr char SETTINGS[] = "preset_config";
 
 struct SectionName {
-    char text[16];
+    char text[20];
 };
 
 /// Of slots 1..8.

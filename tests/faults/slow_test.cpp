@@ -1,6 +1,7 @@
 // What is slow, and who waits for it: the figures of docs/failures.md. The long form only; it prints a row each.
 
 #include "fault_head.h"
+#include "lab/core/process.h"
 
 #include <signal.h>
 
@@ -179,20 +180,20 @@ TEST_F(Slow, AStalledBus)
     EXPECT_EQ(call("moveTo", coords(60, 0)), DONE); // 600 steps at 400 a second
     const auto began = Clock::now();
     measure("bus stopped for 3 s during a motion", 10s, [&] {
-        kill(bus, SIGSTOP);
+        sendSignal(bus, SIGSTOP);
         std::this_thread::sleep_for(3s);
         const bool arrived = rests() && lab.axisNow(LAB_PAN).shaft == 2100;
-        kill(bus, SIGCONT);
+        sendSignal(bus, SIGCONT);
         EXPECT_TRUE(arrived);
         return std::string("the motion ends meanwhile");
     });
     EXPECT_TRUE(settled());
     std::printf("| the end of that motion is told | %ld ms after its start | – | |\n", ms(Clock::now() - began));
-    kill(bus, SIGSTOP);
+    sendSignal(bus, SIGSTOP);
     const auto start = Clock::now();
     EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
     std::printf("| SIGTERM while the bus is stopped | %ld ms | – | ends with status 0 |\n", ms(Clock::now() - start));
-    kill(bus, SIGCONT);
+    sendSignal(bus, SIGCONT);
 }
 
 // The poll's thread is then inside the bus library, and keeps it to itself.
@@ -203,7 +204,7 @@ TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
     lab.setFactor(LAB_PAN, 250); // 0.2 s
     EXPECT_EQ(lab.call("moveTo", coords(20, 0)), DONE);
-    kill(bus, SIGSTOP);
+    sendSignal(bus, SIGSTOP);
     EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(300ms); // the poll has seen it, and begins to tell it
     const auto start = Clock::now();
@@ -211,7 +212,7 @@ TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
     std::printf("| SIGTERM while a notification waits for a stopped bus | %ld ms | – | ends with status 0 |\n",
                 ms(Clock::now() - start));
     EXPECT_NE(fileText("/etc/config/ptzd").find("'1700'"), std::string::npos) << "the pending position is stored";
-    kill(bus, SIGCONT);
+    sendSignal(bus, SIGCONT);
 }
 
 } // namespace

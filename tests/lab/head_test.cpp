@@ -93,7 +93,7 @@ TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
         killed.up(leftBehind);
         pid_t cet = 0;
         std::ifstream(lab.folder() + "/pid/cet") >> cet;
-        kill(cet, SIGKILL);
+        sendSignal(cet, SIGKILL);
         raise(SIGKILL);
     }
     ASSERT_EQ(waitpid(launcher, nullptr, 0), launcher);
@@ -279,7 +279,7 @@ TEST(Programs, LiveWhileTheyReplaceThemselves)
     for (int look = 0; look < 5000; ++look)
         unseen += livesIn(pid, folder) ? 0 : 1;
     EXPECT_EQ(unseen, 0);
-    kill(pid, SIGKILL);
+    sendSignal(pid, SIGKILL);
     EXPECT_TRUE(awaitEnd(pid, folder, 10s).has_value());
     EXPECT_FALSE(livesIn(pid, folder));
     fs::remove_all(folder);

@@ -1,6 +1,7 @@
 #pragma once
 // Drives lab_probe, a program that lives in a lab, command by command.
 
+#include "lab/core/process.h"
 #include "lab/lab.h"
 
 #include <gtest/gtest.h>
@@ -83,7 +84,7 @@ public:
     /// Kills it without a chance to tidy up.
     void kill9()
     {
-        ::kill(pid_, SIGKILL);
+        sendSignal(pid_, SIGKILL);
         finish();
     }
     /// Ends it orderly; the wait status.

@@ -1,5 +1,6 @@
 // Many clients that call without pause, and one that wants the head to stop.
 
+#include "lab/core/process.h"
 #include "raw_caller.h"
 
 #include <sys/mman.h>
@@ -61,7 +62,7 @@ public:
     ~Crowd()
     {
         for (const pid_t process : processes_)
-            kill(process, SIGKILL);
+            sendSignal(process, SIGKILL);
         for (const pid_t process : processes_)
             waitpid(process, nullptr, 0);
         munmap(answered_, sizeof(Counter));

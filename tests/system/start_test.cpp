@@ -1,6 +1,7 @@
 // Starts that fail in ways of their own, and how the daemon ends.
 
 #include "head.h"
+#include "lab/core/process.h"
 #include "lab_paths.h"
 
 #include <sys/wait.h>
@@ -206,7 +207,7 @@ TEST_F(HeadInTheLab, EndsAtOnceWithASecondSignal)
     options.waitCalibrated = false;
     ASSERT_TRUE(lab.up(options)) << lab.error();
     ASSERT_TRUE(waitUntil([&] { return requests("ROTATE") > 0; }, DEADLINE));
-    kill(lab.ptzdPid(), SIGTERM);
+    ASSERT_TRUE(sendSignal(lab.ptzdPid(), SIGTERM));
     std::this_thread::sleep_for(100ms); // two equal signals at once would count as one
     const auto status = lab.killPtzd(SIGINT);
     ASSERT_TRUE(status.has_value());

@@ -71,7 +71,7 @@ protected:
     }
     static std::string dayTime(int64_t ns)
     {
-        const time_t seconds = ns / SECOND;
+        const auto seconds = static_cast<time_t>(ns / SECOND);
         tm parts{};
         char text[32];
         gmtime_r(&seconds, &parts);

@@ -178,7 +178,7 @@ void Formatter::addQuoted(std::string_view text)
             return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\';
         });
         auto plain = static_cast<size_t>(special - text.begin());
-        text_.add(text.substr(0, plain));
+        text_.add({text.data(), plain}); // not substr, which checks and may throw
         if (special != text.end())
             addEscaped(*special);
         text.remove_prefix(std::min(plain + 1, text.size()));

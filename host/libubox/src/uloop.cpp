@@ -48,7 +48,7 @@ uloop_fd wakeupMark;
 
 bool isCancelled()
 {
-    return std::atomic_ref(uloop_cancelled).load();
+    return __atomic_load_n(&uloop_cancelled, __ATOMIC_SEQ_CST); // a plain bool of the interface
 }
 
 int createEpoll()
@@ -173,7 +173,7 @@ void uloop_wakeup_()
 
 int uloop_run_timeout(int ms)
 {
-    std::atomic_ref(uloop_cancelled).store(false);
+    __atomic_store_n(&uloop_cancelled, false, __ATOMIC_SEQ_CST);
     signalsForget();
     wakeupClear(); // of what was asked before; signals since then have left their marks
     do {
