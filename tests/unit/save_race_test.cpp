@@ -77,6 +77,9 @@ TEST_F(SaveRace, NothingIsSavedBetweenTheRotationsOfACalibration)
     EXPECT_EQ(stored(), (Position{-1, -1}));
     EXPECT_TRUE(fakes.armed(timers.saveStepsTimer)) << "it is tried again";
     motion.calibrating.store(0);
+    saveDuringWhich([&] { motion.calibrating.store(1); });
+    EXPECT_EQ(stored(), (Position{-1, -1}));
+    motion.calibrating.store(0);
     saveCurSteps(nullptr);
     EXPECT_EQ(stored(), (Position{1500, 610}));
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
@@ -191,7 +194,17 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
     restAt(1500, 550);
 
-    saveStepsArm();
+    saveDuringWhich([] { // it has read pan; where tilt turns, the panorama stores nothing itself
+        fakeMotor.status[TILT].running = 1;
+        fakeMotor.onRequest = [](const FakeRequest&) { fakeMotor.status[TILT].running = 1; };
+        EXPECT_EQ(panoramaStart(), RESULT_OK);
+        fakeMotor.onRequest = nullptr;
+        fakeMotor.status[TILT].running = 0;
+        standAt(0, 510);
+    });
+    EXPECT_EQ(stored(), (Position{-1, -1}));
+    EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+    restAt(1500, 550);
     saveDuringWhich([] { // it has read both axes just before they are sent to the sweep
         EXPECT_EQ(panoramaStart(), RESULT_OK);
         standAt(0, 510);
