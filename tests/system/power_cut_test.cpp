@@ -3,6 +3,7 @@
 #include "head.h"
 
 #include <algorithm>
+#include <atomic>
 #include <random>
 #include <set>
 #include <sstream>
@@ -144,18 +145,22 @@ protected:
     /// Kills the daemon within the change, starts it again and looks what it has.
     Seen killWithin(const Change& change, const Stored& before, std::chrono::microseconds pause)
     {
-        std::string reply;
-        const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(pause) + 100ms;
-        std::thread caller(
-            [&] { reply = lab.invoke("ptzd", change.method, change.arguments, patience).text; }); // mostly in vain
+        std::atomic<bool> killing = false;
+        bool answered = false;
+        const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(pause) + 100ms;
+        std::thread caller([&] {
+            const std::string reply = lab.invoke("ptzd", change.method, change.arguments, timeout).text;
+            // On a busy machine the next daemon may be the one that answers, whose plan no request has set yet.
+            answered = !killing && reply.ends_with(R"("error_code":0})");
+        });
         std::this_thread::sleep_for(pause);
+        killing = true;
         const bool restarted = lab.killPtzd(SIGKILL).has_value() && lab.startPtzd();
         caller.join();
         EXPECT_TRUE(restarted) << lab.error();
         const std::string presets = presetsNow();
         const std::set<std::string> plan = planNow();
-        const Seen seen{reply.ends_with(R"("error_code":0})"), presets == change.after.presetReply(),
-                        plan == change.after.planLines()};
+        const Seen seen{answered, presets == change.after.presetReply(), plan == change.after.planLines()};
         EXPECT_TRUE(seen.newPresets || presets == before.presetReply()) << change.method << "\n" << presets;
         EXPECT_TRUE(seen.newPlan || plan == before.planLines()) << change.method << testing::PrintToString(plan);
         EXPECT_TRUE(!seen.answered || (seen.newPresets && seen.newPlan)) << change.method << " was answered";
