@@ -160,6 +160,7 @@ void FaultyHead::upWithFaults()
     ASSERT_EQ(lab.call("setPowerOffRecover", R"({"recover":"0"})"), DONE);
     ASSERT_EQ(lab.call("setConfig", R"({"x_speed":"4","y_speed":"4","sustain":"50"})"), DONE);
     makePreset();
+    ASSERT_TRUE(settled()); // else what is armed next may meet the last notification
     for (const char* package : PACKAGES)
         pristine_[package] = settings(package);
 }
