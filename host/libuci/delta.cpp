@@ -6,6 +6,10 @@
 /// change file next sees by the mark, if the configuration file's text has its digest, that all above it is done, and
 /// does not apply it again, which would append list elements and add sections a second time. If the digest is another,
 /// the rename did not happen, and the changes count. Readers that do not know the mark take it for a comment.
+///
+/// A process that is killed in the middle of a long write leaves a part of its lines. What is saved at once belongs
+/// together, so a long save begins with a comment, too, which says how many bytes follow; with fewer, none of them
+/// counts.
 #include "internal.h"
 
 #include <cinttypes>
@@ -18,6 +22,7 @@ namespace {
 
 constexpr std::string_view MARK = "#committed ";
 constexpr size_t MARK_DIGITS = 16;
+constexpr std::string_view SAVE_MARK = "#saved bytes: ";
 
 struct Sign {
     char sign;
@@ -37,6 +42,21 @@ bool isMark(std::string_view line, uint64_t digest)
         return false;
     line.remove_prefix(MARK.size());
     return beginsWith(line, text);
+}
+
+// The bytes that are to follow a long save's first line; 0 where none begins.
+size_t savedBytes(std::string_view line)
+{
+    size_t bytes = 0;
+    if (!beginsWith(line, SAVE_MARK))
+        return 0;
+    line.remove_prefix(SAVE_MARK.size());
+    for (const char c : line) {
+        if (c < '0' || c > '9' || bytes > SIZE_MAX / 100)
+            break;
+        bytes = 10 * bytes + static_cast<size_t>(c - '0');
+    }
+    return bytes;
 }
 
 // Whether a change begins here, up to its value or the end of its line. Only then may a quote span lines: garbage with
@@ -163,6 +183,13 @@ void writeCommitMark(Text& out, uint64_t digest)
     out << MARK << text << '\n';
 }
 
+void writeSaveMark(Text& out, size_t bytes)
+{
+    char text[24];
+    snprintf(text, sizeof(text), "%zu", bytes);
+    out << SAVE_MARK << text << '\n';
+}
+
 uint64_t digestOf(std::string_view text)
 {
     uint64_t digest = 0xcbf29ce484222325;
@@ -198,6 +225,10 @@ int ChangeFile::read(std::span<char> text, const char* package, uint64_t digest)
     for (size_t at = 0; at < view.size(); at = end) {
         const ChangeLine line = changeLineAt(view, at);
         end = line.end;
+        if (savedBytes(slice(view, at, end)) > view.size() - end) {
+            torn = torn == view.npos ? at : torn;
+            break;
+        }
         Change change{};
         if (isMark(slice(view, at, view.size()), digest)) {
             freeDeltas(deltas);

@@ -259,6 +259,8 @@ struct ChangeFile {
 
 /// Appends the line that says: once the configuration file's text has this digest, all changes above are in it.
 void writeCommitMark(Text& out, uint64_t digest);
+/// The line before `bytes` of changes that are saved at once; see delta.cpp.
+void writeSaveMark(Text& out, size_t bytes);
 
 /// Digest of a configuration file's text (64-bit FNV-1a).
 uint64_t digestOf(std::string_view text);

@@ -122,15 +122,22 @@ int appendChanges(int fd, const uci_package* p, std::string_view lines)
     return UCI_ERR_IO;
 }
 
+// From here on a write may be cut short by the writer's end: the kernel looks for it between two pages.
+constexpr size_t LONG_SAVE = 1024;
+
 int save(uci_context* ctx, uci_package* p)
 {
-    Text lines;
+    Text changes;
     uci_element* e = nullptr;
     uci_foreach_element (&p->delta, e) {
-        writeDelta(lines, p->e.name, recordOf<uci_delta>(e));
+        writeDelta(changes, p->e.name, recordOf<uci_delta>(e));
     }
+    Text lines;
+    if (changes.view().size() > LONG_SAVE)
+        writeSaveMark(lines, changes.view().size());
+    lines << changes.view();
     const OwnedText path = joinPath(ctx->savedir, p->e.name);
-    if (lines.failed() || !path)
+    if (changes.failed() || lines.failed() || !path)
         return UCI_ERR_MEM;
     const int code = makeSaveDirectory(ctx->savedir, p->path);
     if (code != UCI_OK)

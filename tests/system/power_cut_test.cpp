@@ -51,6 +51,14 @@ struct Change {
     Stored after;
 };
 
+std::string joined(const std::set<std::string>& lines)
+{
+    std::string text;
+    for (const std::string& line : lines)
+        text += line + " ";
+    return text;
+}
+
 class PowerCut : public HeadInTheLab {
 protected:
     std::mt19937 random;
@@ -162,7 +170,9 @@ protected:
         const std::set<std::string> plan = planNow();
         const Seen seen{answered, presets == change.after.presetReply(), plan == change.after.planLines()};
         EXPECT_TRUE(seen.newPresets || presets == before.presetReply()) << change.method << "\n" << presets;
-        EXPECT_TRUE(seen.newPlan || plan == before.planLines()) << change.method << testing::PrintToString(plan);
+        EXPECT_TRUE(seen.newPlan || plan == before.planLines())
+            << change.method << "\nbefore: " << joined(before.planLines())
+            << "\nafter: " << joined(change.after.planLines()) << "\nseen: " << joined(plan);
         EXPECT_TRUE(!seen.answered || (seen.newPresets && seen.newPlan)) << change.method << " was answered";
         EXPECT_TRUE(seen.newPresets || plan == before.planLines()) << "the presets are stored before the plan";
         return seen;

@@ -114,6 +114,36 @@ int exitStatus(pid_t child)
 
 // Each file call of a commit fails once, from the first to the last: the file is the old or the new one, the handle is
 // good, and the next commit brings everything in order.
+// The kernel ends a write of a killed process between two pages.
+TEST(Crash, OfALongSaveNothingCountsUnlessAllIsThere)
+{
+    Sandbox sandbox("config s 'a'\n");
+    const Context ctx = sandbox.context();
+    ASSERT_NE(load(ctx), nullptr);
+    ASSERT_EQ(edit(ctx, uci_set, "p.a.first=1"), UCI_OK);
+    uci_package* package = uci_lookup_package(ctx.get(), "p");
+    ASSERT_EQ(uci_save(ctx.get(), package), UCI_OK);
+    for (int i = 0; i < 200; ++i)
+        ASSERT_EQ(edit(ctx, uci_set, "p.a.option" + std::to_string(i) + "=value"), UCI_OK);
+    ASSERT_EQ(uci_save(ctx.get(), package), UCI_OK);
+    const std::string whole = sandbox.changes();
+    const size_t first = whole.find('\n') + 1;
+    for (const size_t left :
+         {first, first + 1, first + 16, first + 100, size_t{4096}, whole.size() - 1, whole.size()}) {
+        sandbox.setChanges(whole.substr(0, left));
+        const Context reader = sandbox.context();
+        ASSERT_NE(load(reader), nullptr);
+        EXPECT_EQ(values(reader, "p.a.first").size(), 1U) << "what was saved before counts";
+        EXPECT_EQ(values(reader, "p.a.option0").size(), left == whole.size() ? 1U : 0U) << left;
+        // What is saved next is not taken for a part of it.
+        ASSERT_EQ(edit(reader, uci_set, "p.a.next=1"), UCI_OK);
+        ASSERT_EQ(uci_save(reader.get(), uci_lookup_package(reader.get(), "p")), UCI_OK);
+        const Context later = sandbox.context();
+        ASSERT_NE(load(later), nullptr);
+        EXPECT_EQ(values(later, "p.a.next").size(), 1U) << left;
+    }
+}
+
 TEST(CommitFailure, OfAnyCallHarmsNothing)
 {
     const std::string before = "config t 's'\n\tlist l 'x'\n", after = "\nconfig t 's'\n\tlist l 'x'\n\tlist l 'y'\n\n";
