@@ -5,6 +5,9 @@
 #include <inttypes.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
+
+#include <initializer_list>
 
 namespace {
 
@@ -27,6 +30,18 @@ int32_t apply(int32_t id, char* key, int (*change)(uci_context*, uci_ptr*), Look
     return 0;
 }
 
+/// Joins texts; what goes past the key's end is cut off. Not by printf, which takes as long as the rest of a change.
+void join(char (&key)[UCI_KEY_SIZE], std::initializer_list<const char*> texts)
+{
+    size_t used = 0;
+    for (const char* text : texts) {
+        const size_t length = strnlen(text, sizeof(key) - 1 - used);
+        memcpy(key + used, text, length);
+        used += length;
+    }
+    key[used] = '\0';
+}
+
 /// "package.section.option=value"; a key past the buffer's end is cut there.
 int32_t changeOption(int32_t id, const char* section, const char* option, const char* value,
                      int (*change)(uci_context*, uci_ptr*))
@@ -35,7 +50,7 @@ int32_t changeOption(int32_t id, const char* section, const char* option, const 
     if (!loadedPackage(id) || !section || !option || !value)
         return CFG_UCI_FAILED;
     char key[UCI_KEY_SIZE];
-    (void)snprintf(key, sizeof(key), "%s.%s.%s=%s", gContext.config.uciPackages[id].name, section, option, value);
+    join(key, {gContext.config.uciPackages[id].name, ".", section, ".", option, "=", value});
     return apply(id, key, change, Lookup::Any);
 }
 
@@ -47,7 +62,7 @@ int32_t changeSection(int32_t id, const char* section, const char* value, int (*
     if (!loadedPackage(id) || !section || !value)
         return CFG_UCI_FAILED;
     char key[UCI_KEY_SIZE];
-    (void)snprintf(key, sizeof(key), "%s.%s=%s", gContext.config.uciPackages[id].name, section, value);
+    join(key, {gContext.config.uciPackages[id].name, ".", section, "=", value});
     return apply(id, key, change, lookup);
 }
 
