@@ -49,7 +49,8 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
     ResultCode result = RESULT_OK;
     if (nothingToFollow(wanted, result))
         return replyErrCode(connection, request, result);
-    // A mask off that this one halts has not come to rest: saves stay inhibited.
+    // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
+    // inhibited, and one that this begins allows them before its own end is seen.
     const MotionStartScope start;
     MotorStatus status[AXIS_COUNT] = {};
     result = motionTakeOver(status[PAN], status[TILT]);
@@ -87,6 +88,6 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
         if (wanted == 0)
             savesAllowAtRest();
     }
-    motionStarted(); // only now may the status poll see the head rest
+    motionStarted();
     return replyErrCode(connection, request, result);
 }
