@@ -29,7 +29,7 @@ using OwnedText = std::unique_ptr<char, FreeText>;
 std::string format(blob_attr* message)
 {
     const OwnedText text(blobmsg_format_json(message, true));
-    FUZZ_CHECK(text, "no text\n");
+    RIG_CHECK(text, "no text\n");
     return text.get();
 }
 
@@ -76,9 +76,9 @@ uint64_t readFound(blob_attr* const* found)
             continue;
         const int type = blobmsg_type(found[i]);
         const bool integer = type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
-        FUZZ_CHECK(POLICY[i].type == BLOBMSG_TYPE_UNSPEC || static_cast<int>(POLICY[i].type) == type ||
-                       (POLICY[i].type == BLOBMSG_CAST_INT64 && integer),
-                   "entry %d: type %d\n", i, type);
+        RIG_CHECK(POLICY[i].type == BLOBMSG_TYPE_UNSPEC || static_cast<int>(POLICY[i].type) == type ||
+                      (POLICY[i].type == BLOBMSG_CAST_INT64 && integer),
+                  "entry %d: type %d\n", i, type);
         if (type == BLOBMSG_TYPE_STRING)
             sum += std::string_view(blobmsg_get_string(found[i])).size();
         if (integer)
@@ -115,10 +115,10 @@ void anyBytes(Bytes bytes)
 
     const std::string text = format(message);
     if (const auto again = through(text); again && isJson(*again))
-        FUZZ_CHECK(through(*again) == again, "%s\n%s\n", text.c_str(), again->c_str());
+        RIG_CHECK(through(*again) == again, "%s\n%s\n", text.c_str(), again->c_str());
     const OwnedText indented(blobmsg_format_json_indent(message, true, 0));
     const OwnedText instead(blobmsg_format_json_with_cb(message, true, insteadOfNumbers, nullptr, 3));
-    FUZZ_CHECK(indented && instead, "no text\n");
+    RIG_CHECK(indented && instead, "no text\n");
     blob_attr* child = nullptr;
     size_t rest = 0;
     blob_for_each_attr (child, message, rest) {
@@ -127,7 +127,7 @@ void anyBytes(Bytes bytes)
             break;
         const OwnedText value(blobmsg_format_json_value(child));
         const OwnedText named(blobmsg_format_json(child, false));
-        FUZZ_CHECK(value && named, "no text\n");
+        RIG_CHECK(value && named, "no text\n");
     }
 }
 
@@ -135,7 +135,7 @@ void anyText(const std::string& text)
 {
     const auto once = through(text);
     if (once && isJson(*once))
-        FUZZ_CHECK(through(*once) == once, "%s\n%s\n", text.c_str(), once->c_str());
+        RIG_CHECK(through(*once) == once, "%s\n%s\n", text.c_str(), once->c_str());
 }
 
 } // namespace

@@ -272,14 +272,14 @@ private:
 
     static void onEvent(ubus_context*, ubus_event_handler*, const char* name, blob_attr* message)
     {
-        FUZZ_CHECK(name && lengthOf(name) < MAX_STREAM, "an event without a name\n");
+        RIG_CHECK(name && lengthOf(name) < MAX_STREAM, "an event without a name\n");
         look(message);
         client->actInside();
     }
 
     static void onFound(ubus_context*, ubus_object_data* found, void*)
     {
-        FUZZ_CHECK(found->path && lengthOf(found->path) < MAX_STREAM, "an object without a path\n");
+        RIG_CHECK(found->path && lengthOf(found->path) < MAX_STREAM, "an object without a path\n");
         blob_attr* method = nullptr;
         size_t rest = 0;
         if (found->signature) {
@@ -303,14 +303,14 @@ private:
 
     static void onData(ubus_request* record, int, blob_attr* message)
     {
-        FUZZ_CHECK(requestOf(record).active, "data after the end\n");
+        RIG_CHECK(requestOf(record).active, "data after the end\n");
         look(message);
         client->actInside();
     }
 
     static void onComplete(ubus_request* record, int)
     {
-        FUZZ_CHECK(requestOf(record).active, "ended twice\n");
+        RIG_CHECK(requestOf(record).active, "ended twice\n");
         requestOf(record).active = false;
         client->actInside();
     }
@@ -362,12 +362,12 @@ extern "C" ssize_t sendmsg(int, const msghdr* message, int)
         const auto* begin = static_cast<const uint8_t*>(part.iov_base);
         bytes.insert(bytes.end(), begin, begin + part.iov_len);
     }
-    FUZZ_CHECK(bytes.size() >= FRAME_SIZE && bytes[0] == 0, "no message\n");
-    FUZZ_CHECK(readU32(&bytes[HEADER_SIZE]) == bytes.size() - HEADER_SIZE, "a wrong length\n");
+    RIG_CHECK(bytes.size() >= FRAME_SIZE && bytes[0] == 0, "no message\n");
+    RIG_CHECK(readU32(&bytes[HEADER_SIZE]) == bytes.size() - HEADER_SIZE, "a wrong length\n");
     Bytes attributes = Bytes(bytes).subspan(FRAME_SIZE);
     for (Attribute attribute; takeAttribute(attributes, attribute);) {
     }
-    FUZZ_CHECK(attributes.empty(), "%zu bytes that are no attribute\n", attributes.size());
+    RIG_CHECK(attributes.empty(), "%zu bytes that are no attribute\n", attributes.size());
     return static_cast<ssize_t>(bytes.size());
 }
 

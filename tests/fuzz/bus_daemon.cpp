@@ -35,7 +35,7 @@ public:
         object.put(ATTR_OBJPATH, "witness");
         object.put(ATTR_SIGNATURE, Bytes{});
         const auto answer = ask(object.finish());
-        FUZZ_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId, "not registered\n");
+        RIG_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId, "not registered\n");
         object_ = *readMessage(answer[0]).objectId;
         for (Peer& peer : hostile_)
             connect(peer);
@@ -91,19 +91,19 @@ public:
             hangUp(peer);
         }
         expectWitness("alone");
-        FUZZ_CHECK(listed() == 1, "what the others had registered is still there\n");
+        RIG_CHECK(listed() == 1, "what the others had registered is still there\n");
     }
 
 private:
     void connect(Peer& peer)
     {
         int pair[2];
-        FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) == 0, "no sockets\n");
+        RIG_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) == 0, "no sockets\n");
         peer = {};
         peer.fd = pair[0];
         bus_.connect(pair[1], epollFd());
         drain(peer);
-        FUZZ_CHECK(peer.messages.size() == 1 && peer.messages[0][1] == MSG_HELLO, "no greeting\n");
+        RIG_CHECK(peer.messages.size() == 1 && peer.messages[0][1] == MSG_HELLO, "no greeting\n");
         peer.id = readU32(&peer.messages[0][4]);
         known_.push_back(peer.id);
     }
@@ -119,7 +119,7 @@ private:
         close(peer.fd);
         peer.fd = -1;
         serve();
-        FUZZ_CHECK(!bus_.find(peer.id), "a client that is gone is still served\n");
+        RIG_CHECK(!bus_.find(peer.id), "a client that is gone is still served\n");
     }
 
     /// One turn for a client, as the daemon's loop gives it. False when there was nothing to do.
@@ -171,7 +171,7 @@ private:
         Bytes rest(peer.received);
         while (rest.size() >= FRAME_SIZE) {
             const size_t root = readU32(&rest[HEADER_SIZE]) & 0xFFFFFF;
-            FUZZ_CHECK(root >= ATTR_SIZE && padded(root) <= MAX_ROOT, "root %zx\n", root);
+            RIG_CHECK(root >= ATTR_SIZE && padded(root) <= MAX_ROOT, "root %zx\n", root);
             if (rest.size() < HEADER_SIZE + root)
                 break;
             note(peer, rest.first(HEADER_SIZE + root));
@@ -190,9 +190,9 @@ private:
                 known_.size() < 64)
                 known_.push_back(readU32(attribute.payload.data()));
         // Only the echo of a ping, which goes back to its sender, has another version.
-        FUZZ_CHECK(raw[0] == 0 || (&peer != &witness_ && raw[1] == MSG_DATA), "version %u\n", raw[0]);
+        RIG_CHECK(raw[0] == 0 || (&peer != &witness_ && raw[1] == MSG_DATA), "version %u\n", raw[0]);
         if (raw[1] != MSG_DATA && raw[1] != MSG_STATUS)
-            FUZZ_CHECK(raw.size() % 4 == 0 && attributes.empty(), "a malformed message\n");
+            RIG_CHECK(raw.size() % 4 == 0 && attributes.empty(), "a malformed message\n");
     }
 
     /// Sends a request of the witness and gives what it is answered, up to the status.
@@ -211,7 +211,7 @@ private:
             if (one[1] == MSG_STATUS)
                 return answer;
         }
-        FUZZ_CHECK(false, "no status\n");
+        RIG_CHECK(false, "no status\n");
         return answer;
     }
 
@@ -220,7 +220,7 @@ private:
         MessageWriter lookup(MSG_LOOKUP, 0x7001, 0);
         lookup.put(ATTR_OBJPATH, "witness");
         const auto answer = ask(lookup.finish());
-        FUZZ_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId == object_, "the witness is lost, %s\n", when);
+        RIG_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId == object_, "the witness is lost, %s\n", when);
     }
 
     size_t listed()
@@ -239,8 +239,8 @@ private:
             serve();
         }
         const Client* client = bus_.find(peer.id);
-        FUZZ_CHECK(!client || client->muted() || peer.received.empty(), "%zu bytes of no message\n",
-                   peer.received.size());
+        RIG_CHECK(!client || client->muted() || peer.received.empty(), "%zu bytes of no message\n",
+                  peer.received.size());
     }
 
     Bus bus_;

@@ -1,12 +1,10 @@
 // delPreset: any message, on any table of presets.
 
-#include "daemon_rig.h"
+#include "daemon_fuzz.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
 
 namespace {
-
-DaemonRig rig;
 
 /// Slots 1..8 with the enabled ones of a mask, at ids that a shift turns about.
 std::string presetSections(unsigned enabled, unsigned shift)
@@ -40,32 +38,32 @@ void checkPacked(const PresetTable& before, const PresetTable& now)
     for (const PresetEntry& entry : kept.presetTable) {
         if (entry.enabled == 0)
             continue;
-        FUZZ_CHECK(next->enabled == 1 && next->id == entry.id && next->read_only == entry.read_only &&
-                       next->position_pan == entry.position_pan && next->position_tilt == entry.position_tilt &&
-                       std::string_view(next->name) == entry.name,
-                   "id %d stands in the place of %d\n", next->id, entry.id);
+        RIG_CHECK(next->enabled == 1 && next->id == entry.id && next->read_only == entry.read_only &&
+                      next->position_pan == entry.position_pan && next->position_tilt == entry.position_tilt &&
+                      std::string_view(next->name) == entry.name,
+                  "id %d stands in the place of %d\n", next->id, entry.id);
         ++next;
     }
     for (; next != std::end(now.presetTable); ++next)
-        FUZZ_CHECK(next->enabled == 0, "id %d is new\n", next->id);
+        RIG_CHECK(next->enabled == 0, "id %d is new\n", next->id);
 }
 
 void deleteFrom(const std::vector<uint8_t>& message)
 {
-    DaemonRig::runWorkers();
+    runWorkers();
     const PresetTable before = presetTableNow();
-    const std::string presets = DaemonRig::stored("ptzd");
-    const std::string plan = DaemonRig::stored("ptz_plan");
-    const int32_t code = DaemonRig::call("delPreset", message);
-    FUZZ_CHECK(code == RESULT_OK || code == ERR_PARAM, "code %d\n", code);
-    DaemonRig::checkPresetMap();
-    FUZZ_CHECK(DaemonRig::stored("ptz_plan") == plan, "no pending plan, and yet it changed\n");
+    const std::string presets = rig::stored("ptzd");
+    const std::string plan = rig::stored("ptz_plan");
+    const int32_t code = rig::call("delPreset", message);
+    RIG_CHECK(code == RESULT_OK || code == ERR_PARAM, "code %d\n", code);
+    checkState();
+    RIG_CHECK(rig::stored("ptz_plan") == plan, "no pending plan, and yet it changed\n");
     if (code != RESULT_OK) {
-        FUZZ_CHECK(DaemonRig::stored("ptzd") == presets, "a refusal has changed what is stored\n");
+        RIG_CHECK(rig::stored("ptzd") == presets, "a refusal has changed what is stored\n");
         return;
     }
     checkPacked(before, presetTableNow());
-    DaemonRig::checkPresetsStored();
+    checkPresetsStored();
 }
 
 } // namespace
@@ -80,7 +78,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return -1;
     const std::string settings =
         "config ptzd 'config'\n\toption power_off_recover '1'\n" + presetSections(enabled, shift);
-    const int32_t result = rig.run({{"ptzd", settings}}, [&] { deleteFrom(*message); });
-    FUZZ_CHECK(result == 0, "did not start\n");
+    rig::reset();
+    const int32_t result = fuzzDaemon({{"ptzd", settings}}, [&] { deleteFrom(*message); });
+    RIG_CHECK(result == 0, "did not start\n");
     return 0;
 }

@@ -2,30 +2,12 @@
 // inputs (./dev fuzz), linked with replay.cpp it runs its corpus as a test.
 #pragma once
 
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
+#include "rig/files.h"
 
 #include <algorithm>
-#include <span>
-#include <string>
-#include <string_view>
-
-using Bytes = std::span<const uint8_t>;
 
 /// One input. @return 0; what must not be ends the process.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-/// Ends the process, which is the finding, unless a condition holds.
-#define FUZZ_CHECK(condition, ...)                                                                                     \
-    do {                                                                                                               \
-        if (!(condition)) {                                                                                            \
-            fprintf(stderr, "%s:%d: not true: %s\n", __FILE__, __LINE__, #condition);                                  \
-            fprintf(stderr, "" __VA_ARGS__);                                                                           \
-            abort();                                                                                                   \
-        }                                                                                                              \
-    } while (false)
 
 /// Takes an input apart from its front; past its end everything is 0 or empty.
 class Input {
@@ -76,10 +58,3 @@ inline std::string asText(Bytes bytes)
 {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
-
-/// A folder of this process in memory (/dev/shm) or /tmp, removed at its end. Null-terminated texts only.
-const std::string& fuzzFolder();
-
-/// A whole file; empty when it cannot be read.
-std::string readFile(const std::string& path);
-void writeFile(const std::string& path, std::string_view text);

@@ -1,8 +1,7 @@
 // Every method of the object with any message, in any order, while motors move and fail, timers expire, workers run,
 // tours turn, and others replace the settings.
 
-#include "daemon_rig.h"
-#include "fakes/fake_motor.h"
+#include "daemon_fuzz.h"
 #include "tour/touring.h"
 
 namespace {
@@ -14,8 +13,6 @@ constexpr unsigned long REQUESTS[] = {MOTOR_IOC_GET_STATUS, MOTOR_IOC_SET_POSITI
 
 enum Event { RUN_WORKERS, EXPIRE, MOTOR, FAULT, TOUR, SETTINGS, EVENT_COUNT };
 
-DaemonRig rig;
-
 /// May report a failure and have stored something all the same, before or beside what failed.
 bool storesFirst(const std::string& method)
 {
@@ -26,14 +23,14 @@ bool storesFirst(const std::string& method)
     return false;
 }
 
-void checkState()
+void checkSettings()
 {
-    DaemonRig::checkPresetMap();
+    checkState();
     const int32_t flip = gContext.image.imageFlipType.load();
-    FUZZ_CHECK(flip >= 0 && flip <= 3, "flip type %d\n", flip);
+    RIG_CHECK(flip >= 0 && flip <= 3, "flip type %d\n", flip);
     for (const auto* factor : {&gContext.preset.panSpeedFactor, &gContext.preset.tiltSpeedFactor})
-        FUZZ_CHECK(factor->load() > 0.0F && factor->load() <= 1.0F, "speed factor %f\n",
-                   static_cast<double>(factor->load()));
+        RIG_CHECK(factor->load() > 0.0F && factor->load() <= 1.0F, "speed factor %f\n",
+                  static_cast<double>(factor->load()));
 }
 
 void call(unsigned method, Input input)
@@ -41,15 +38,15 @@ void call(unsigned method, Input input)
     const auto message = messageFrom(input);
     if (!message)
         return;
-    const std::string name = DaemonRig::methodName(method);
-    const std::string presets = DaemonRig::stored("ptzd");
-    const std::string plan = DaemonRig::stored("ptz_plan");
-    const int32_t code = DaemonRig::call(method, *message);
+    const std::string name = rig::methodName(method);
+    const std::string presets = rig::stored("ptzd");
+    const std::string plan = rig::stored("ptz_plan");
+    const int32_t code = rig::call(method, *message);
     if (code != 0 && !storesFirst(name))
-        FUZZ_CHECK(DaemonRig::stored("ptzd") == presets && DaemonRig::stored("ptz_plan") == plan,
-                   "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
+        RIG_CHECK(rig::stored("ptzd") == presets && rig::stored("ptz_plan") == plan,
+                  "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
     if (code == 0 && (name == "setPreset" || name == "delPreset" || name == "clearPreset"))
-        DaemonRig::checkPresetsStored();
+        checkPresetsStored();
 }
 
 void moveMotor(Input& input)
@@ -67,10 +64,10 @@ void happen(unsigned event, Input& input, ScanProgress& scan)
 {
     switch (event) {
     case RUN_WORKERS:
-        DaemonRig::runWorkers();
+        runWorkers();
         break;
     case EXPIRE:
-        DaemonRig::expire(input.byte());
+        expire(input.byte());
         break;
     case MOTOR:
         moveMotor(input);
@@ -86,7 +83,7 @@ void happen(unsigned event, Input& input, ScanProgress& scan)
         break;
     case SETTINGS: {
         const char* package = OTHERS_PACKAGES[input.byte() % std::size(OTHERS_PACKAGES)];
-        DaemonRig::store(package, asText(input.block()));
+        rig::store(package, asText(input.block()));
         break;
     }
     default:
@@ -98,12 +95,12 @@ void play(Input& input)
 {
     ScanProgress scan{gContext.tour.scanTourInfo->x_coord_start, 1};
     for (int step = 0; step < MAX_STEPS && !input.empty(); ++step) {
-        const unsigned what = input.byte() % (DaemonRig::methodCount() + EVENT_COUNT);
-        if (what < DaemonRig::methodCount())
+        const unsigned what = input.byte() % (rig::methodCount() + EVENT_COUNT);
+        if (what < rig::methodCount())
             call(what, Input(input.block()));
         else
-            happen(what - DaemonRig::methodCount(), input, scan);
-        checkState();
+            happen(what - rig::methodCount(), input, scan);
+        checkSettings();
     }
 }
 
@@ -112,6 +109,7 @@ void play(Input& input)
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input input(data, size);
-    FUZZ_CHECK(rig.run({}, [&] { play(input); }) == 0, "did not start\n");
+    rig::reset();
+    RIG_CHECK(fuzzDaemon({}, [&] { play(input); }) == 0, "did not start\n");
     return 0;
 }

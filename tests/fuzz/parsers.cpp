@@ -42,10 +42,10 @@ void numbers(const std::string& text)
 {
     int32_t integer = UNTOUCHED;
     const int32_t result = string_to_int(text.c_str(), &integer);
-    FUZZ_CHECK((result == 0) == isDecimal(text), "%d\n", result);
-    FUZZ_CHECK(result == 0 || (result == -1 && integer == UNTOUCHED), "%d\n", result);
+    RIG_CHECK((result == 0) == isDecimal(text), "%d\n", result);
+    RIG_CHECK(result == 0 || (result == -1 && integer == UNTOUCHED), "%d\n", result);
     float real = 0;
-    FUZZ_CHECK(string_to_float(text.c_str(), &real) == 0 || real == 0, "written on failure\n");
+    RIG_CHECK(string_to_float(text.c_str(), &real) == 0 || real == 0, "written on failure\n");
 }
 
 /// The numbers of a list, found the slow way: what remains of each part between commas when all but digits go.
@@ -72,20 +72,20 @@ void lists(const std::string& text, int32_t capacity)
     std::vector<int32_t> expected = listed(text);
     expected.resize(std::min(expected.size(), out.size()));
     const int32_t count = string_to_int_list(text.c_str(), out.data(), capacity);
-    FUZZ_CHECK(count == static_cast<int32_t>(expected.size()), "%d of %zu\n", count, expected.size());
-    FUZZ_CHECK(std::equal(expected.begin(), expected.end(), out.begin()), "another number\n");
+    RIG_CHECK(count == static_cast<int32_t>(expected.size()), "%d of %zu\n", count, expected.size());
+    RIG_CHECK(std::equal(expected.begin(), expected.end(), out.begin()), "another number\n");
 }
 
 void urls(const std::string& text)
 {
     std::vector<char> coded(3 * text.size() + 1);
-    FUZZ_CHECK(url_encode(text.data(), text.size(), coded.data(), 3 * text.size()) == -1, "too small, and yet\n");
+    RIG_CHECK(url_encode(text.data(), text.size(), coded.data(), 3 * text.size()) == -1, "too small, and yet\n");
     const int32_t length = url_encode(text.data(), text.size(), coded.data(), coded.size());
-    FUZZ_CHECK(length >= 0 && strlen(coded.data()) == static_cast<size_t>(length), "length %d\n", length);
+    RIG_CHECK(length >= 0 && strlen(coded.data()) == static_cast<size_t>(length), "length %d\n", length);
     const size_t decoded = url_decode(coded.data(), static_cast<size_t>(length));
-    FUZZ_CHECK(std::string(coded.data(), decoded) == text, "not what was encoded\n");
+    RIG_CHECK(std::string(coded.data(), decoded) == text, "not what was encoded\n");
     std::vector<char> any(text.c_str(), text.c_str() + text.size() + 1);
-    FUZZ_CHECK(url_decode(any.data(), text.size()) <= text.size() && any[url_decode(any.data(), 0)] == 0, "longer\n");
+    RIG_CHECK(url_decode(any.data(), text.size()) <= text.size() && any[url_decode(any.data(), 0)] == 0, "longer\n");
 }
 
 void members(json_object* value)
@@ -93,13 +93,13 @@ void members(json_object* value)
     int32_t number = UNTOUCHED;
     const char* text = json_get_string(value, "key");
     const int32_t result = json_get_int(value, "key", &number);
-    FUZZ_CHECK((text != nullptr) == (result == 0), "there and not there\n");
-    FUZZ_CHECK(result == 0 || number == UNTOUCHED, "written on failure\n");
+    RIG_CHECK((text != nullptr) == (result == 0), "there and not there\n");
+    RIG_CHECK(result == 0 || number == UNTOUCHED, "written on failure\n");
     const char** texts = nullptr;
     const int32_t count = json_array_to_strings(&texts, value);
-    FUZZ_CHECK((count > 0) == (texts != nullptr), "%d\n", count);
+    RIG_CHECK((count > 0) == (texts != nullptr), "%d\n", count);
     for (int32_t i = 0; i < count; ++i)
-        FUZZ_CHECK(!texts[i] || strlen(texts[i]) + 1 > 0, "no text\n");
+        RIG_CHECK(!texts[i] || strlen(texts[i]) + 1 > 0, "no text\n");
     free(texts);
 }
 
@@ -115,12 +115,12 @@ void arrays(const std::string& json)
         const OwnedJson array(json_alloc_get_json_array_from_blobmsg_array(attribute, blobmsg_name(attribute)));
         if (array)
             members(array.get());
-        FUZZ_CHECK(!array || json_object_is_type(array.get(), json_type_array), "no array\n");
+        RIG_CHECK(!array || json_object_is_type(array.get(), json_type_array), "no array\n");
         const OwnedJson other(json_alloc_get_json_array_from_blobmsg_array(attribute, "another name"));
     }
     blob_buf_free(&buffer);
     const OwnedJson value(json_tokener_parse(json.c_str()));
-    FUZZ_CHECK(!added || value, "a message of no JSON\n");
+    RIG_CHECK(!added || value, "a message of no JSON\n");
     members(value.get());
 }
 

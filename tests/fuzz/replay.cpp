@@ -23,7 +23,7 @@ int main(int count, char** arguments)
         const std::string text = readFile(file);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     }
-    FUZZ_CHECK(!files.empty(), "no inputs\n");
+    RIG_CHECK(!files.empty(), "no inputs\n");
     printf("%zu inputs\n", files.size());
     return 0;
 }

@@ -1,14 +1,12 @@
 // set_plan_config: any message, on a plan that is stored already.
 
-#include "daemon_rig.h"
+#include "daemon_fuzz.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
 
 #include <string.h>
 
 namespace {
-
-DaemonRig rig;
 
 /// An entry a day, and two on Sundays.
 std::string storedPlan()
@@ -46,34 +44,34 @@ bool sameRange(const PlanEntry& a, const PlanEntry& b)
 /// The stored plan is the pending one in the days that this names, and what it was in the others.
 void checkStored(const std::vector<std::vector<PlanEntry>>& before)
 {
-    FUZZ_CHECK(plan_load_plan() == PLAN_OK, "what was stored cannot be read\n");
+    RIG_CHECK(plan_load_plan() == PLAN_OK, "what was stored cannot be read\n");
     const DayPlanSet& active = gContext.tour.activePlan;
     const DayPlanSet& pending = gContext.tour.pendingPlan;
-    FUZZ_CHECK(plan_check_plan_list_all(active), "an invalid plan is stored\n");
+    RIG_CHECK(plan_check_plan_list_all(active), "an invalid plan is stored\n");
     for (int number = 0; number < WEEK_DAYS; ++number) {
         const bool given = (pending.dayMask >> number & 1) != 0;
         const std::vector<PlanEntry> expected = given ? day(pending, number) : before[static_cast<size_t>(number)];
         const std::vector<PlanEntry> now = day(active, number);
-        FUZZ_CHECK(std::equal(now.begin(), now.end(), expected.begin(), sameRange), "day %d\n", number);
+        RIG_CHECK(std::equal(now.begin(), now.end(), expected.begin(), sameRange), "day %d\n", number);
     }
 }
 
 void change(const std::vector<uint8_t>& message)
 {
-    DaemonRig::runWorkers();
-    FUZZ_CHECK(plan_load_plan() == PLAN_OK, "the plan that was given cannot be read\n");
+    runWorkers();
+    RIG_CHECK(plan_load_plan() == PLAN_OK, "the plan that was given cannot be read\n");
     std::vector<std::vector<PlanEntry>> before;
     for (int number = 0; number < WEEK_DAYS; ++number)
         before.push_back(day(gContext.tour.activePlan, number));
-    const std::string plan = DaemonRig::stored("ptz_plan");
-    const std::string presets = DaemonRig::stored("ptzd");
-    const int32_t code = DaemonRig::call("set_plan_config", message);
-    FUZZ_CHECK(code == PLAN_OK || code == PLAN_INVALID, "code %d\n", code);
-    FUZZ_CHECK(DaemonRig::stored("ptzd") == presets, "presets have changed\n");
+    const std::string plan = rig::stored("ptz_plan");
+    const std::string presets = rig::stored("ptzd");
+    const int32_t code = rig::call("set_plan_config", message);
+    RIG_CHECK(code == PLAN_OK || code == PLAN_INVALID, "code %d\n", code);
+    RIG_CHECK(rig::stored("ptzd") == presets, "presets have changed\n");
     if (code == PLAN_OK)
         checkStored(before);
     else
-        FUZZ_CHECK(DaemonRig::stored("ptz_plan") == plan, "a refusal has changed what is stored\n");
+        RIG_CHECK(rig::stored("ptz_plan") == plan, "a refusal has changed what is stored\n");
 }
 
 } // namespace
@@ -83,7 +81,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto message = messageFrom(Input(data, size));
     if (!message)
         return -1;
-    const int32_t result = rig.run({{"ptz_plan", storedPlan()}}, [&] { change(*message); });
-    FUZZ_CHECK(result == 0, "did not start\n");
+    rig::reset();
+    const int32_t result = fuzzDaemon({{"ptz_plan", storedPlan()}}, [&] { change(*message); });
+    RIG_CHECK(result == 0, "did not start\n");
     return 0;
 }

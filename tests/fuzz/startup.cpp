@@ -1,8 +1,7 @@
 // The start on any settings: lines "== PACKAGE", each followed by that package's file; of those left out, the defaults.
 // A first line "!" and twelve bytes are what the motors report of themselves.
 
-#include "daemon_rig.h"
-#include "fakes/fake_motor.h"
+#include "daemon_fuzz.h"
 #include "tour/touring.h"
 
 namespace {
@@ -27,10 +26,10 @@ Settings split(std::string_view text)
 
 void callJson(const char* method, const char* json)
 {
-    const int32_t code = DaemonRig::call(method, messageOf(json).value());
-    DaemonRig::checkPresetMap();
+    const int32_t code = rig::call(method, json);
+    checkState();
     if (code == 0 && std::string_view(method) == "setPreset")
-        DaemonRig::checkPresetsStored();
+        checkPresetsStored();
 }
 
 /// A cycle of the tours, unless they could not be started.
@@ -42,15 +41,15 @@ void tour(ScanProgress& scan)
 
 void live()
 {
-    DaemonRig::checkPresetMap();
+    checkState();
     callJson("getPresetAll", "{}");
-    DaemonRig::runWorkers(); // the calibration
+    runWorkers(); // the calibration
     ScanProgress scan{0, 1};
     for (int cycle = 0; cycle < 6; ++cycle) {
         tour(scan);
         fakeMotor.status[PAN].running = cycle % 2;
         for (unsigned timer = 0; timer < 4; ++timer)
-            DaemonRig::expire(timer);
+            expire(timer);
     }
     for (const char* method : {"getCapa", "getStatus", "reloadPresetConfig", "reload_tour_info", "reload_scan_tour",
                                "updateImageConfig", "reloadTargetTrackConfig", "lensMask", "targetTrackBack"})
@@ -61,23 +60,23 @@ void live()
     callJson("gotoPreset", R"({"id":"2"})");
     tour(scan);
     for (unsigned timer = 0; timer < 4; ++timer)
-        DaemonRig::expire(timer);
+        expire(timer);
 }
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    DaemonRig rig;
+    rig::reset();
     Input input(data, size);
     if (size > 0 && data[0] == '!') {
         (void)input.byte();
-        for (MotorCapability& capability : rig.capability) {
+        for (MotorCapability& capability : fakeMotor.capability) {
             capability.range = input.word();
             capability.max_speed = input.word();
             capability.total_steps = input.word() << 16 | 1; // up to the largest number there is, or below 0
         }
     }
-    (void)rig.run(split(asText(input.rest())), live); // refusing to start is an answer
+    (void)fuzzDaemon(split(asText(input.rest())), live); // refusing to start is an answer
     return 0;
 }

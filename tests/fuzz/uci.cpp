@@ -4,7 +4,6 @@
 #include "fuzz.h"
 
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -26,19 +25,12 @@ struct FreeContext {
 };
 using OwnedContext = std::unique_ptr<uci_context, FreeContext>;
 
-std::string folder(const char* name)
-{
-    const std::string path = fuzzFolder() + "/" + name;
-    mkdir(path.c_str(), 0700);
-    return path;
-}
-
 OwnedContext openContext(const char* config, const char* changes)
 {
     OwnedContext context(uci_alloc_context());
-    uci_set_confdir(context.get(), folder(config).c_str());
+    uci_set_confdir(context.get(), rigFolder(config).c_str());
     uci_set_conf2dir(context.get(), nullptr);
-    uci_set_savedir(context.get(), folder(changes).c_str());
+    uci_set_savedir(context.get(), rigFolder(changes).c_str());
     return context;
 }
 
@@ -95,7 +87,7 @@ std::string exported(uci_context* context, uci_package* package)
     char* text = nullptr;
     size_t size = 0;
     FILE* stream = open_memstream(&text, &size);
-    FUZZ_CHECK(uci_export(context, stream, package, false) == UCI_OK, "not exported\n");
+    RIG_CHECK(uci_export(context, stream, package, false) == UCI_OK, "not exported\n");
     fclose(stream);
     std::string result(text, size);
     free(text);
@@ -117,12 +109,12 @@ bool hasPlainTypes(uci_package* package)
 void checkExport(uci_context* context, uci_package* package)
 {
     const std::string text = exported(context, package);
-    writeFile(folder("second") + "/pkg", text);
+    writeFile(rigFolder("second") + "/pkg", text);
     const OwnedContext other = openContext("second", "none");
     uci_package* again = nullptr;
-    FUZZ_CHECK(uci_load(other.get(), "pkg", &again) == UCI_OK, "what was exported cannot be read:\n%s\n", text.c_str());
-    FUZZ_CHECK(describe(again) == describe(package), "another package:\n%s\n", text.c_str());
-    FUZZ_CHECK(exported(other.get(), again) == text, "another text\n");
+    RIG_CHECK(uci_load(other.get(), "pkg", &again) == UCI_OK, "what was exported cannot be read:\n%s\n", text.c_str());
+    RIG_CHECK(describe(again) == describe(package), "another package:\n%s\n", text.c_str());
+    RIG_CHECK(exported(other.get(), again) == text, "another text\n");
 }
 
 /// What another process reads: file and saved changes.
@@ -130,7 +122,7 @@ std::string seenByOthers()
 {
     const OwnedContext other = openContext("config", "changes");
     uci_package* package = nullptr;
-    FUZZ_CHECK(uci_load(other.get(), "pkg", &package) == UCI_OK, "no package\n");
+    RIG_CHECK(uci_load(other.get(), "pkg", &package) == UCI_OK, "no package\n");
     return describe(package);
 }
 
@@ -176,12 +168,12 @@ void changeAndStore(uci_context* context, uci_package* package, const std::vecto
     if (!hasPlainTypes(package))
         return;
     const std::string memory = describe(package);
-    FUZZ_CHECK(uci_save(context, package) == UCI_OK, "not saved\n");
-    FUZZ_CHECK(describe(package) == memory, "saving has changed the package\n");
-    FUZZ_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
-    FUZZ_CHECK(uci_commit(context, &package, false) == UCI_OK, "not committed\n");
-    FUZZ_CHECK(describe(package) == memory, "committing has changed the package\n");
-    FUZZ_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
+    RIG_CHECK(uci_save(context, package) == UCI_OK, "not saved\n");
+    RIG_CHECK(describe(package) == memory, "saving has changed the package\n");
+    RIG_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
+    RIG_CHECK(uci_commit(context, &package, false) == UCI_OK, "not committed\n");
+    RIG_CHECK(describe(package) == memory, "committing has changed the package\n");
+    RIG_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
 }
 
 } // namespace
@@ -190,8 +182,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     std::vector<std::string> parts = split(asText({data, size}), "==\n");
     parts.resize(3);
-    writeFile(folder("config") + "/pkg", parts[0]);
-    const std::string changes = folder("changes") + "/pkg";
+    writeFile(rigFolder("config") + "/pkg", parts[0]);
+    const std::string changes = rigFolder("changes") + "/pkg";
     (void)unlink(changes.c_str());
     if (!parts[1].empty())
         writeFile(changes, parts[1]);
@@ -199,10 +191,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const OwnedContext context = openContext("config", "changes");
     uci_package* package = nullptr;
     if (uci_load(context.get(), "pkg", &package) != UCI_OK) {
-        FUZZ_CHECK(context->err == UCI_ERR_PARSE && !package, "error %d\n", context->err);
+        RIG_CHECK(context->err == UCI_ERR_PARSE && !package, "error %d\n", context->err);
         char* text = nullptr;
         uci_get_errorstr(context.get(), &text, "fuzz");
-        FUZZ_CHECK(text, "no text\n");
+        RIG_CHECK(text, "no text\n");
         free(text);
         return 0;
     }
@@ -210,6 +202,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     checkExport(context.get(), package);
     changeAndStore(context.get(), package, split(parts[2], "\n"));
-    FUZZ_CHECK(uci_load(context.get(), "pkg", nullptr) == UCI_ERR_DUPLICATE, "loaded twice\n");
+    RIG_CHECK(uci_load(context.get(), "pkg", nullptr) == UCI_ERR_DUPLICATE, "loaded twice\n");
     return 0;
 }

@@ -1,8 +1,7 @@
 // Begin, rest and quiet period of a motion when two threads meet in the middle of them.
 
-#include "fakes/stored_head.h"
+#include "head.h"
 #include "motion/quiet_period.h"
-#include "motor/motion_state.h"
 #include "ubus/notify.h"
 
 #include <atomic>
@@ -15,7 +14,7 @@ using Notifications = std::vector<FakeNotification>;
 const FakeNotification MOVING{NOTIFY_MOVING, ORIGIN_USER};
 const FakeNotification IDLE{NOTIFY_IDLE, ORIGIN_USER};
 
-class MotionRace : public StoredHead {
+class MotionRace : public Head {
 protected:
     static void startMotion()
     {
@@ -42,10 +41,15 @@ TEST_F(MotionRace, ATickThatLookedBeforeANewerMotionDoesNotEndIt)
     atNext(TILT, MOTOR_IOC_GET_STATUS, startMotion);
     motorStatusPoll(nullptr);
     EXPECT_EQ(motion.motion_active.load(), 1);
-    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
+    EXPECT_EQ(fakes.timers[&timers.statusPollTimer], (FakeTimer{50'000'000, 50'000'000}));
     EXPECT_EQ(fakes.notifications, Notifications{MOVING});
+    fakeMotor.status[TILT].running = 1;
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications, Notifications{MOVING}) << "tilt moves on";
+    fakeMotor.status[TILT].running = 0;
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE}));
+    EXPECT_EQ(fakes.timers[&timers.usrMoveStopTimer], (FakeTimer{60'000'000'000, 60'000'000'000}));
 }
 
 TEST_F(MotionRace, ATickUnderWayDoesNotEndACalibrationBetweenTwoRotations)

@@ -1,12 +1,6 @@
 // A save of the position that something overtakes after it has looked at the head.
 
-#include "config/uci_store.h"
-#include "fakes/stored_head.h"
-#include "motion/lens_mask.h"
-#include "motion/move.h"
-#include "motion/panorama.h"
-#include "motion/track.h"
-#include "motor/motion_state.h"
+#include "head.h"
 #include "motor/position_store.h"
 
 #include <thread>
@@ -15,13 +9,11 @@ namespace {
 
 using Position = std::pair<int32_t, int32_t>;
 
-class SaveRace : public StoredHead {
+class SaveRace : public Head {
 protected:
     void SetUp() override
     {
-        StoredHead::SetUp();
-        write("ptzd", "config motor 'x_motor'\nconfig motor 'y_motor'\n");
-        cfg_uci_pkg_reload(UCI_PTZD);
+        restart({{"ptzd", "config motor 'x_motor'\nconfig motor 'y_motor'\n"}});
     }
     /// What was committed, in steps; -1 for what was not.
     static Position stored()
@@ -32,18 +24,6 @@ protected:
         (void)cfg_uci_get_int_value(UCI_PTZD, "y_motor", "steps", &steps.second);
         return steps;
     }
-    static void mask(const char* enabled)
-    {
-        write("lens_mask", std::string("config lens_mask 'lens_mask_info'\n\toption enabled '") + enabled + "'\n");
-        EXPECT_EQ(call(ubusLensMask), R"({"err_code":0})");
-    }
-    /// The head has arrived there, and the status poll sees it.
-    static void restAt(int32_t pan, int32_t tilt)
-    {
-        standAt(pan, tilt);
-        motorStatusPoll(nullptr);
-        EXPECT_EQ(gContext.motion.motion_active.load(), 0);
-    }
     /// A motion of the tour, from its begin to its end.
     void tourTo(int32_t pan, int32_t tilt)
     {
@@ -52,6 +32,10 @@ protected:
         ASSERT_TRUE(motionBeginTour(tourTicketNow(), true));
         motionTourStarted(false);
         restAt(pan, tilt);
+    }
+    static std::string track()
+    {
+        return call("targetTrack", R"({"x_coord":"1","y_coord":"0","x_speed":"1","y_speed":"1"})");
     }
     /// A save that has read both axes when `command` runs.
     static void saveDuringWhich(const std::function<void()>& command)
@@ -133,6 +117,27 @@ TEST_F(SaveRace, TheLensMasksPositionIsNeverStored)
     EXPECT_EQ(stored(), where);
 }
 
+TEST_F(SaveRace, AMaskThatWasOnAndOffAgainMeanwhileMakesASaveWorthless)
+{
+    standAt(1400, 500);
+    saveDuringWhich([] {
+        standAt(1500, 610);
+        mask("on");
+        mask("off");
+        restAt(1500, 610);
+    });
+    EXPECT_EQ(stored(), (Position{1500, 610}));
+    // A stop on the way back ends the mask's hold just as the arrival does.
+    mask("on");
+    restAt(1500, 0);
+    mask("off");
+    standAt(1500, 300);
+    EXPECT_EQ(call("stop"), code(RESULT_OK));
+    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer], TEN_SECONDS);
+    saveCurSteps(nullptr);
+    EXPECT_EQ(stored(), (Position{1500, 300}));
+}
+
 // What is stored after the mask, whoever moves the head next.
 TEST_F(SaveRace, StoringIsFreeAgainOnceTheMaskIsOffAndTheHeadRests)
 {
@@ -147,24 +152,25 @@ TEST_F(SaveRace, StoringIsFreeAgainOnceTheMaskIsOffAndTheHeadRests)
             (void)savesInhibit();
         }
         restAt(1500, 0);
-        EXPECT_EQ(panoramaMove(1, 0), RESULT_OK); // refused by no mask, and no reason to store anything
+        EXPECT_EQ(call("movePanorama", xy(1, 0)),
+                  code(RESULT_OK)); // refused by no mask, and no reason to store anything
         restAt(1510, 0);
         mask("off");
         if (start == MaskedAtStart) {
             standAt(1500, 200); // half way
-            EXPECT_EQ(trackTarget(1, 0, 1, 1), RESULT_OK);
+            EXPECT_EQ(track(), code(RESULT_OK));
             saveCurSteps(nullptr);
             EXPECT_EQ(stored(), before) << "a place on the way out of the mask";
         }
         restAt(1500, 610);
         tourTo(2000, 300);
-        EXPECT_EQ(trackTarget(1, 0, 1, 1), RESULT_OK);
+        EXPECT_EQ(track(), code(RESULT_OK));
         EXPECT_EQ(stored(), (Position{2000, 300})) << "the return goes to where the head was before the mask";
         restAt(2010, 300);
         tourTo(2100, 400);
-        EXPECT_EQ(panoramaStart(), RESULT_OK);
+        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
         EXPECT_EQ(stored(), (Position{2100, 400}));
-        EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+        EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
         restAt(2100, 400);
         tourTo(2200, 500);
         mask("on");
@@ -173,7 +179,7 @@ TEST_F(SaveRace, StoringIsFreeAgainOnceTheMaskIsOffAndTheHeadRests)
         mask("off");
         restAt(2200, 500);
         tourTo(2000, 300);
-        EXPECT_EQ(trackTarget(1, 0, 1, 1), RESULT_OK); // for the next round
+        EXPECT_EQ(track(), code(RESULT_OK)); // for the next round
         restAt(2000, 300);
         motion.motion_origin.store(ORIGIN_USER);
     }
@@ -184,40 +190,40 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     saveStepsArm();
     standAt(1400, 500);
     fakeMotor.onRequest = [](const FakeRequest&) { fakeMotor.status[PAN].running = 1; }; // slows down after its STOP
-    EXPECT_EQ(panoramaStart(), RESULT_OK);
+    EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
     fakeMotor.onRequest = nullptr;
     fakeMotor.status[PAN].running = 0;
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
     restAt(0, 510);
     saveCurSteps(nullptr); // an expiry that was on its way when the timer was disarmed
     EXPECT_EQ(stored(), (Position{-1, -1}));
-    EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
     restAt(1500, 550);
 
     saveDuringWhich([] { // it has read pan; where tilt turns, the panorama stores nothing itself
         fakeMotor.status[TILT].running = 1;
         fakeMotor.onRequest = [](const FakeRequest&) { fakeMotor.status[TILT].running = 1; };
-        EXPECT_EQ(panoramaStart(), RESULT_OK);
+        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
         fakeMotor.onRequest = nullptr;
         fakeMotor.status[TILT].running = 0;
         standAt(0, 510);
     });
     EXPECT_EQ(stored(), (Position{-1, -1}));
-    EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
     restAt(1500, 550);
     saveDuringWhich([] { // it has read both axes just before they are sent to the sweep
-        EXPECT_EQ(panoramaStart(), RESULT_OK);
+        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
         standAt(0, 510);
     });
     EXPECT_EQ(stored(), (Position{1500, 550}));
-    EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
     restAt(1500, 550);
 
     // A user's command that took over a tracking motion is still to be saved when the next tracking motion begins.
     motion.motion_origin.store(ORIGIN_TRACK);
     standAt(1600, 600);
     saveStepsArm();
-    EXPECT_EQ(trackTarget(1, 0, 1, 1), RESULT_OK);
+    EXPECT_EQ(track(), code(RESULT_OK));
     EXPECT_EQ(stored(), (Position{1600, 600}));
     restAt(1610, 600);
     saveCurSteps(nullptr);
@@ -226,7 +232,7 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     motion.motion_origin.store(ORIGIN_USER);
     saveStepsArm();
     atNext(TILT, MOTOR_IOC_GET_STATUS, [] { fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS); });
-    EXPECT_EQ(trackTarget(1, 0, 1, 1), RESULT_OK);
+    EXPECT_EQ(track(), code(RESULT_OK));
     fakeMotor.failing.clear();
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
 }
@@ -234,17 +240,15 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
 // A file that could not be read for a moment, and is there again.
 TEST_F(SaveRace, ARepairedFileIsReadAgainByWhoeverReturnsThere)
 {
-    const std::string whole =
-        "config motor 'x_motor'\n\toption steps '1800'\nconfig motor 'y_motor'\n\toption steps '700'\n";
     const auto repaired = [&] {
-        write("ptzd", "config motor 'x_motor");
+        rig::store("ptzd", "config motor 'x_motor");
         EXPECT_NE(cfg_uci_pkg_reload(UCI_PTZD), 0);
-        write("ptzd", whole);
+        rig::store("ptzd", position(1800, 700));
         fakeMotor.requests.clear();
     };
-    const std::vector<FakeRequest> there = {{PAN, MOTOR_IOC_MOVE, 8, 300}, {TILT, MOTOR_IOC_MOVE, 8, 90}};
+    const std::string there = "pan move 300 at 8, tilt move 90 at 6";
     repaired();
-    EXPECT_EQ(call(ubusStopPanorama), R"({"error_code":0})");
+    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
     EXPECT_EQ(driven(), there);
     restAt(1500, 610);
     repaired();
@@ -254,16 +258,16 @@ TEST_F(SaveRace, ARepairedFileIsReadAgainByWhoeverReturnsThere)
     restAt(1500, 610);
     repaired();
     motion.motion_origin.store(ORIGIN_TRACK);
-    EXPECT_EQ(moveToLastPostion(), RESULT_OK);
-    EXPECT_EQ(driven().size(), 2U);
+    EXPECT_EQ(call("targetTrackBack"), code(RESULT_OK));
+    EXPECT_EQ(driven(), "pan move 300 at 4, tilt move 90 at 3");
 }
 
 TEST_F(SaveRace, AMaskWhoseMotionFailedIsNotSavedUntilAUserMovesTheHead)
 {
     const Position where{1500, 610};
     fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    write("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
-    EXPECT_EQ(call(ubusLensMask), R"({"err_code":-64301})");
+    rig::store("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
+    EXPECT_EQ(call("lensMask"), errCode(ERR_DEVICE));
     fakeMotor.failing.clear();
     standAt(1500, 0); // tilt was sent all the same
     saveCurSteps(nullptr);
@@ -278,10 +282,42 @@ TEST_F(SaveRace, ARefusedReturnStillEndsTheTrackingEpisode)
 {
     motion.motion_origin.store(ORIGIN_TOUR);
     motion.track_back_done.store(0);
+    gContext.tour.tourCurrentPresetId.store(3);
     lensMaskSetEnabled(1);
-    EXPECT_EQ(moveToLastPostion(), ERR_LENS_MASK);
+    EXPECT_EQ(call("targetTrackBack"), code(ERR_LENS_MASK));
     EXPECT_EQ(motion.track_back_done.load(), 1) << "else no tour goes on again";
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer)) << "else the quiet period has no end";
+    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "else a tour takes the head to be where it was";
+}
+
+TEST_F(SaveRace, TrackingThatIsSwitchedOffBringsBackOnlyWhatItHasMoved)
+{
+    const auto tracking = [](const char* enabled) {
+        rig::store("target_track",
+                   std::string("config target_track 'target_track_info'\n\toption enabled '") + enabled + "'\n");
+        EXPECT_EQ(call("reloadTargetTrackConfig"), errCode(RESULT_OK));
+    };
+    const struct {
+        int32_t origin, running;
+        const char* driven;
+    } cases[] = {
+        {ORIGIN_TRACK, 0, "pan move 300 at 4, tilt move 90 at 3"},
+        {ORIGIN_TRACK, 1, "pan stop, tilt stop, pan move 300 at 4, tilt move 90 at 3"},
+        {ORIGIN_RETURN, 0, "pan move 300 at 4, tilt move 90 at 3"},
+        {ORIGIN_RETURN, 1, ""},
+        {ORIGIN_USER, 1, ""},
+    };
+    for (const auto& one : cases) {
+        restart({{"ptzd", position(1800, 700)}});
+        tracking("On");
+        motion.motion_origin.store(one.origin);
+        motion.track_back_done.store(0);
+        fakeMotor.status[TILT].running = one.running;
+        tracking("off");
+        EXPECT_EQ(driven(), one.driven);
+        EXPECT_EQ(motion.track_back_done.load(), one.origin == ORIGIN_RETURN && one.running != 0 ? 0 : 1);
+    }
 }
 
 } // namespace

@@ -1,95 +1,111 @@
 // Where a step move aims; its thread, and commands at every point of what that does.
 
-#include "config/uci_store.h"
-#include "fakes/stored_head.h"
-#include "motion/move.h"
-#include "motion/panorama.h"
+#include "head.h"
 #include "motion/step.h"
-#include "motion/track.h"
-#include "motor/calibration.h"
-#include "motor/motion_state.h"
-#include "motor/position_store.h"
 
 #include <limits>
 
 namespace {
 
-class Step : public StoredHead {
+class Step : public Head {
 protected:
     void SetUp() override
     {
-        StoredHead::SetUp();
-        motion.stepSustainTicks.store(1000);
+        Head::SetUp();
+        gContext.calibrationArg = targets;
     }
-    void TearDown() override
+    static std::string step(int direction)
     {
-        stepMoveCancel();
-        StoredHead::TearDown();
+        return call("moveStep", R"({"direction":")" + std::to_string(direction) + R"("})");
     }
-    static void storePosition()
+    static void start(int direction = 0)
     {
-        write("ptzd", "config motor 'x_motor'\n\toption steps '10'\nconfig motor 'y_motor'\n\toption steps '10'\n");
-        cfg_uci_pkg_reload(UCI_PTZD);
+        EXPECT_EQ(step(direction), code(RESULT_OK));
+    }
+    /// Runs `command` at a tick of the thread that is to run.
+    static void atTick(int tick, const std::function<void()>& command)
+    {
+        fakes.onSleep = [=] {
+            if (fakes.sleeps == tick)
+                command();
+        };
     }
     bool active()
     {
         LockGuard hold(motion.MotionLock);
         return motion.stepMoveActive != 0;
     }
-    int32_t remaining()
-    {
-        LockGuard hold(motion.MotionLock);
-        return motion.stepMoveRemaining;
-    }
+
+    CalibrationTarget targets[AXIS_COUNT]{};
 };
 
 TEST_F(Step, AimsOneAxisAtItsLimitByTheSectorOfTheDirection)
 {
-    // From the middle pan has 1500 steps to either limit; tilt 610 up to 61 units and 390 down to -39.
-    using Steps = std::pair<int32_t, int32_t>;
-    const Steps right{1500, 0}, up{0, 610}, left{-1500, 0}, down{0, -390};
-    const std::pair<int32_t, Steps> cases[] = {{0, right},  {45, right}, {46, up},    {134, up},    {135, left},
-                                               {225, left}, {226, down}, {314, down}, {315, right}, {359, right}};
-    for (const auto& [direction, steps] : cases) {
-        stepMoveCancel();
-        fakeMotor.requests.clear();
-        ASSERT_EQ(stepHead(direction), RESULT_OK) << direction;
-        const auto moves = fakeMotor.sent(MOTOR_IOC_MOVE);
-        EXPECT_EQ(Steps(moves.at(0).steps, moves.at(1).steps), steps) << direction;
+    const std::string right = "pan move 1500 at 0, tilt move 0 at 0", up = "pan move 0 at 0, tilt move 610 at 0",
+                      left = "pan move -1500 at 0, tilt move 0 at 0", down = "pan move 0 at 0, tilt move -390 at 0";
+    const std::pair<int, std::string> cases[] = {{0, right},  {45, right}, {46, up},    {134, up},    {135, left},
+                                                 {225, left}, {226, down}, {314, down}, {315, right}, {359, right}};
+    for (const auto& [direction, moves] : cases) {
+        restart();
+        start(direction);
+        EXPECT_EQ(driven(), moves) << direction;
+        EXPECT_EQ(fakes.timers[&timers.saveStepsTimer], TEN_SECONDS);
     }
 }
 
 TEST_F(Step, MovesForItsTicksOneAtLeastAndStopsBothAxes)
 {
     for (const auto& [sustain, ticks] : {std::pair{3, 3}, {1, 1}, {0, 1}, {std::numeric_limits<int32_t>::min(), 1}}) {
-        resetDaemon();
+        restart();
         motion.stepSustainTicks.store(sustain);
-        EXPECT_EQ(stepHead(0), RESULT_OK);
+        start();
+        (void)driven();
         fakes.runWorker();
         EXPECT_EQ(fakes.sleeps, ticks) << sustain;
-        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+        EXPECT_EQ(driven(), "pan stop, tilt stop");
         EXPECT_FALSE(active());
     }
+    restart();
+    fakes.workersFail = true;
+    EXPECT_EQ(step(0), code(ERR_DEVICE));
+    EXPECT_FALSE(active() || fakes.armed(timers.saveStepsTimer));
+}
+
+TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
+{
+    motion.stepSustainTicks.store(10);
+    start();
+    EXPECT_EQ(driven(), "pan move 1500 at 0, tilt move 0 at 0");
+    atTick(5, [] {
+        start();
+        EXPECT_EQ(driven(), "") << "it moves already";
+        start(180);
+        EXPECT_EQ(driven(), "pan stop, tilt stop, pan move -1500 at 0, tilt move 0 at 0");
+        start(180);
+        EXPECT_EQ(driven(), "") << "it has turned already";
+    });
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 4 + 10);
+    EXPECT_TRUE(fakes.workers.empty()) << "one thread for all";
 }
 
 TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
 {
-    EXPECT_EQ(stepHead(0), RESULT_OK);
+    start();
     EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK); // what its thread begins with
     atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); });  // both axes rest, halted
-    EXPECT_EQ(stepHead(180), RESULT_OK);
+    start(180);
     EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
 }
 
 TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
 {
-    EXPECT_EQ(stepHead(0), RESULT_OK);
+    start();
     EXPECT_EQ(beginAndDrive(MotionBegin::Step, {}, {}), RESULT_OK);
-    fakeMotor.status[PAN].position = 3000; // at the limit long before its ticks are over
-    motorStatusPoll(nullptr);
+    restAt(3000, 610); // at the limit long before its ticks are over
     ASSERT_EQ(fakes.notifications.size(), 2u);
-    EXPECT_EQ(stepHead(180), RESULT_OK);
+    start(180);
     EXPECT_EQ(fakes.notifications.size(), 3u);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.size(), 4u);
@@ -97,10 +113,10 @@ TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
 
 TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)
 {
-    EXPECT_EQ(stepHead(0), RESULT_OK);
+    start();
     fakes.beforeTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
         fakes.beforeTimerStart = nullptr;
-        EXPECT_EQ(stopHead(), RESULT_OK);
+        EXPECT_EQ(call("stop"), code(RESULT_OK));
         EXPECT_EQ(fakes.notifications.size(), 2u) << "the stop announces the end itself";
     };
     fakes.runWorker();
@@ -112,92 +128,76 @@ TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)
 /// Every command that drives the head, whether it finds the axes running or, at the limit, at rest.
 TEST_F(Step, EveryOtherMotionCancelsTheStepWhoseStopsDoNotFollow)
 {
-    CalibrationTarget targets[AXIS_COUNT]{};
-    gContext.calibrationArg = targets;
-    const struct {
-        const char* name;
-        std::function<ResultCode()> run;
-        bool onlyAtRest = false;
-    } commands[] = {
-        {"move", [] { return moveHead(-1, 0); }},
-        {"moveTo", [] { return moveHeadTo(1, 1); }},
-        {"stop", [] { return stopHead(); }},
-        {"startPanorama", [] { return panoramaStart(); }},
-        {"movePanorama", [] { return panoramaMove(-1, 0); }},
-        {"targetTrack", [] { return trackTarget(-1, 0, 1, 1); }, true},
-        {"targetTrackBack",
-         [this] {
-             motion.motion_origin.store(ORIGIN_TRACK);
-             return moveToLastPostion();
-         }},
-        {"manualCalibrate", [] { return call(ubusManualCalibrate) == R"({"error_code":0})" ? RESULT_OK : ERR_DEVICE; }},
+    const std::string track = R"({"x_coord":"-1","y_coord":"0","x_speed":"1","y_speed":"1"})";
+    const std::pair<const char*, std::string> commands[] = {
+        {"move", xy(-1, 0)},       {"moveTo", xy(1, 1)},        {"stop", "{}"},
+        {"startPanorama", "{}"},   {"movePanorama", xy(-1, 0)}, {"targetTrack", track},
+        {"targetTrackBack", "{}"}, {"manualCalibrate", "{}"},
     };
-    for (const auto& command : commands) {
+    for (const auto& [method, arguments] : commands) {
         for (const int32_t running : {0, 1}) {
-            if (running != 0 && command.onlyAtRest)
-                continue;
-            SCOPED_TRACE(std::string(command.name) + " " + std::to_string(running));
-            resetDaemon();
-            storePosition();
-            EXPECT_EQ(stepHead(0), RESULT_OK);
-            auto* const thread = fakes.worker;
+            if (running != 0 && arguments == track)
+                continue; // is refused
+            SCOPED_TRACE(std::string(method) + " " + std::to_string(running));
+            restart({{"ptzd", position(10, 10)}});
+            gContext.calibrationArg = targets;
+            start();
             fakeMotor.status[PAN].running = running;
-            fakes.onSleep = [&] {
-                if (fakes.sleeps != 5)
-                    return;
-                EXPECT_EQ(command.run(), RESULT_OK);
+            atTick(5, [&, name = std::string(method), json = arguments] {
+                if (name == "targetTrackBack")
+                    motion.motion_origin.store(ORIGIN_TRACK);
+                EXPECT_EQ(call(name, json), code(RESULT_OK));
                 EXPECT_FALSE(active());
                 fakeMotor.requests.clear();
-            };
-            thread(fakes.workerArgument);
+            });
+            fakes.runWorker();
             EXPECT_EQ(fakes.sleeps, 5);
-            EXPECT_TRUE(driven().empty()) << "the old thread's stop would end the new motion";
+            EXPECT_EQ(driven(), "") << "the old thread's stop would end the new motion";
         }
     }
-    gContext.calibrationArg = nullptr;
 }
 
 TEST_F(Step, ACancelledThreadNeitherBeginsNorSharesTheCountOfANewStep)
 {
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    auto* const oldThread = fakes.worker;
-    void* const oldArgument = fakes.workerArgument;
-    EXPECT_EQ(stopHead(), RESULT_OK);
-    oldThread(oldArgument);
+    motion.stepSustainTicks.store(10);
+    start();
+    const FakeWorker old = fakes.workers.front();
+    EXPECT_EQ(call("stop"), code(RESULT_OK));
+    fakes.runWorker();
     EXPECT_TRUE(fakes.notifications.empty()) << "begun although cancelled before";
 
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    oldThread(oldArgument);
+    start();
+    old.routine(old.argument);
     EXPECT_EQ(fakes.sleeps, 0);
-    EXPECT_EQ(remaining(), 1000) << "the new step has lost a tick";
-    EXPECT_TRUE(active());
-
-    fakes.onSleep = [&] { // cancelled and stepped anew between two ticks of the second thread
-        fakes.onSleep = nullptr;
-        EXPECT_EQ(moveHeadTo(1, 1), RESULT_OK);
-        EXPECT_EQ(stepHead(0), RESULT_OK);
+    atTick(3, [] { // cancelled and stepped anew between two ticks of the second thread
+        EXPECT_EQ(call("moveTo", xy(1, 1)), code(RESULT_OK));
+        start();
         fakeMotor.requests.clear();
-    };
+    });
     fakes.runWorker();
-    EXPECT_EQ(fakes.sleeps, 1);
-    EXPECT_EQ(remaining(), 1000);
-    EXPECT_TRUE(driven().empty());
+    EXPECT_EQ(fakes.sleeps, 3);
+    EXPECT_EQ(driven(), "");
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 3 + 10) << "the newest step has lost a tick";
 }
 
 TEST_F(Step, TheDaemonsEndStopsItBeforeItsThreadHasRunAndAmidItsTicks)
 {
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    fakes.stopping = true;
+    start();
+    (void)driven();
+    fakes.patience = 0;
     fakes.runWorker();
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 2u);
+    EXPECT_EQ(driven(), "pan stop, tilt stop");
     EXPECT_TRUE(fakes.notifications.empty());
 
-    fakes.stopping = false;
-    EXPECT_EQ(stepHead(0), RESULT_OK);
-    fakes.onSleep = [] { fakes.stopping = fakes.sleeps == 3; };
+    fakes.patience = 1000;
+    fakes.sleeps = 0;
+    start();
+    (void)driven();
+    atTick(3, [] { fakes.patience = 0; });
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 3);
-    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_STOP).size(), 4u);
+    EXPECT_EQ(driven(), "pan stop, tilt stop");
 }
 
 } // namespace

@@ -1,67 +1,64 @@
 // When a tour moves the head, and commands that overtake its step.
 
-#include "fakes/stored_head.h"
-#include "motion/lens_mask.h"
-#include "motion/move.h"
+#include "head.h"
 #include "motion/quiet_period.h"
-#include "motor/motion_state.h"
-#include "preset/goto_preset.h"
-#include "preset/preset_methods.h"
-#include "preset/preset_store.h"
-#include "tour/plan.h"
-#include "tour/tour_config.h"
 #include "tour/touring.h"
 #include "ubus/notify.h"
 
-#include <ctime>
-
-extern "C" time_t __wrap_time(time_t* out);
-
-static time_t wallClock;
-
-time_t __wrap_time(time_t* out)
-{
-    if (out)
-        *out = wallClock;
-    return wallClock;
-}
+#include <semaphore>
+#include <thread>
 
 namespace {
 
-class Tour : public StoredHead {
+class Tour : public Head {
 protected:
     void SetUp() override
     {
-        StoredHead::SetUp();
-        setenv("TZ", "UTC0", 1);
+        Head::SetUp();
         at(1, 0); // a Monday
-        settings("on", 1, "-20", "20", 0, 0);
+        scanTour("on", -20, 20, 0, 0);
         ASSERT_EQ(TourInit(), 0);
+        fakes.workers.clear(); // the cycles are called here
         scan = {gContext.tour.scanTourInfo->x_coord_start, 1};
     }
-    void TearDown() override
+    static void scanTour(const std::string& enabled, int from, int to, int start, int end, int type = 1)
     {
-        TourDeinit();
-        StoredHead::TearDown();
+        const auto option = [](const char* name, int value) {
+            return std::string("\toption ") + name + " '" + std::to_string(value) + "'\n";
+        };
+        rig::store("tour", "config tour 'tour_info'\n\toption enabled '" + enabled + "'\n" + option("tour_type", type) +
+                               "config scan_tour 'scan_tour'\n" + option("x_coord_start", from) +
+                               option("x_coord_end", to) + option("start_time", start) + option("end_time", end));
     }
-    static void settings(const std::string& enabled, int type, const std::string& from, const std::string& to,
-                         int start, int end)
+    /// Mondays from 8:00 to 12:00 at preset 3, coordinate 75, and then for an hour at preset 4, coordinate -75.
+    void presetTour()
     {
-        write("tour", "config tour 'tour_info'\n\toption enabled '" + enabled + "'\n\toption tour_type '" +
-                          std::to_string(type) + "'\nconfig scan_tour 'scan_tour'\n\toption x_coord_start '" + from +
-                          "'\n\toption x_coord_end '" + to + "'\n\toption start_time '" + std::to_string(start) +
-                          "'\n\toption end_time '" + std::to_string(end) + "'\n");
+        scanTour("on", 0, 0, 0, 0, 2);
+        reload();
+        for (const auto& [id, pan] : {std::pair{"3", 2250}, {"4", 750}}) {
+            standAt(pan, 610);
+            (void)call("setPreset", std::string(R"({"save_ptz":"1","id":")") + id + "\"}");
+        }
+        standAt(1500, 610);
+        const auto entry = [](const char* start, const char* end, const char* action, const char* id) {
+            return std::string("\toption start_time '") + start + "'\n\toption end_time '" + end +
+                   "'\n\toption action_type '" + action + "'\n\toption action_id '" + id + "'\n";
+        };
+        rig::store("ptz_plan", "config monday 'monday_1'\n" + entry("480", "720", "preset", "3") +
+                                   "config monday 'monday_2'\n" + entry("720", "780", "preset", "4") +
+                                   "config monday 'monday_3'\n" + entry("780", "800", "disable", "3"));
+        gContext.tour.planChanged.store(1);
     }
     /// 1 January 1978 was a Sunday.
     static void at(int weekday, int minute)
     {
-        wallClock = 8 * 365 * 86400L + 2 * 86400L + weekday * 86400L + minute * 60L;
+        fakes.now = 8 * 365 * 86400L + 2 * 86400L + weekday * 86400L + minute * 60L;
     }
     /// Has both packages loaded, as the two reload methods do.
-    void reload()
+    static void reload()
     {
-        EXPECT_EQ(call(ubusReloadTourInfo), R"({"error_code":0})");
-        EXPECT_EQ(call(ubusReloadScanTour), R"({"error_code":0})");
+        EXPECT_EQ(call("reload_tour_info"), code(RESULT_OK));
+        EXPECT_EQ(call("reload_scan_tour"), code(RESULT_OK));
     }
     /// One cycle that reports nothing; the pan coordinate that it sent the head to, or NOWHERE.
     int cycle()
@@ -77,18 +74,6 @@ protected:
         motorStatusPoll(nullptr);
         scanMoveStopTimeout(nullptr);
         usrMoveStopTimeout(nullptr);
-    }
-    void presetTour()
-    {
-        settings("on", 2, "0", "0", 0, 0);
-        reload();
-        standAt(2250, 610);
-        call(ubusSetPreset, R"({"id":"3","save_ptz":"1"})");
-        standAt(1500, 610);
-        EXPECT_EQ(call(plan_modify_plan,
-                       R"({"monday":[{"monday_1":{"start_time":480,"end_time":720,"action_type":"preset",)"
-                       R"("action_id":"3"}}]})"),
-                  R"({"error_code":0})");
     }
 
     static constexpr int NOWHERE = -999;
@@ -106,31 +91,104 @@ TEST_F(Tour, ScansWithinItsDailySpan)
         {480, 720, 719, true},    {480, 720, 720, false},  {300, 300, 299, true},  {300, 300, 300, true},
     };
     for (const auto& c : cases) {
-        settings("on", 1, "0", "0", c.start, c.end);
+        scanTour("on", 0, 0, c.start, c.end);
         reload();
         at(3, c.minute);
         EXPECT_EQ(cycle(), c.scans ? 0 : NOWHERE) << c.start << " " << c.end << " " << c.minute;
         rest();
     }
+    scanTour("off", 0, 0, 0, 0);
+    reload();
+    EXPECT_EQ(cycle(), NOWHERE);
+}
+
+TEST_F(Tour, ScansToAndFroWithAPauseAtEachStep)
+{
+    gContext.preset.panSpeedFactor.store(0.5F);
+    gContext.preset.tiltSpeedFactor.store(0.25F);
+    for (const int coord : {-20, -10, 0, 10, 20, 10, 0, -10, -20, -10}) {
+        EXPECT_EQ(cycle(), coord);
+        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).back().speed, 4) << "half of pan's eight, and no tilt";
+        restAt(1500 + 10 * coord, 610);
+        EXPECT_EQ(fakes.timers[&timers.scanMoveStopTimer], (FakeTimer{15'000'000'000, 15'000'000'000}));
+        EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer)) << "it is no user's motion";
+        EXPECT_EQ(cycle(), NOWHERE) << "the pause";
+        scanMoveStopTimeout(nullptr);
+    }
+}
+
+TEST_F(Tour, GoesByThePlan)
+{
+    presetTour();
+    const struct {
+        int minute, coord;
+    } cases[] = {{479, NOWHERE}, {480, 75}, {719, NOWHERE}, {720, -75}, {779, NOWHERE}, {780, NOWHERE}};
+    for (const auto& [minute, coord] : cases) {
+        at(1, minute);
+        EXPECT_EQ(cycle(), coord) << minute;
+        motorStatusPoll(nullptr);
+        EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer)) << "a tour's motion is no user's";
+    }
+    at(1, 420);
+    setenv("TZ", "Later-2", 1); // nine o'clock there
+    EXPECT_EQ(cycle(), 75);
+    setenv("TZ", "UTC0", 1);
+    motorStatusPoll(nullptr);
+    at(1, 721);
+    fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS);
+    EXPECT_EQ(cycle(), NOWHERE);
+    fakeMotor.failing.clear();
+    EXPECT_EQ(cycle(), NOWHERE) << "what fails is not tried again";
 }
 
 TEST_F(Tour, AFailedReloadIsTriedAgain)
 {
-    write("tour", "config tour 'tour_info'\n\toption enabled 'on'\n");
+    rig::store("tour", "config tour 'tour_info'\n\toption enabled 'on'\n");
     reload();
     for (int i = 0; i < 2; ++i)
         EXPECT_STREQ(tourCycle(scan), "load tour config err\n");
-    settings("on", 1, "30", "x", 0, 0);
+    scanTour("on", 30, 40, 0, 0);
+    rig::store("tour", rig::stored("tour") + "\toption x_coord_end 'x'\n");
     EXPECT_STREQ(tourCycle(scan), "load tour scan info err\n");
-    EXPECT_EQ(gContext.tour.scanTourInfo->x_coord_start, 30) << "read before the failure";
     EXPECT_TRUE(reported("scan_tour_load_config", "tour info x_coord_end is NULL"));
-    settings("on", 1, "30", "40", 0, 0);
-    write("ptz_plan", "config sunday 'sunday_1'\n");
+    scanTour("on", 30, 40, 0, 0);
+    rig::store("ptz_plan", "config sunday 'sunday_1'\n");
     gContext.tour.planChanged.store(1);
     EXPECT_STREQ(tourCycle(scan), "load tour preset plan err\n");
-    write("ptz_plan", "");
+    rig::store("ptz_plan", "");
     EXPECT_EQ(cycle(), 30);
     EXPECT_EQ(gContext.tour.planChanged.load(), 0);
+}
+
+TEST_F(Tour, SettingsThatChangeEndTheQuietPeriodUnlessTheHeadMoves)
+{
+    EXPECT_EQ(call("moveTo", xy(50, 0)), code(RESULT_OK));
+    reload();
+    EXPECT_EQ(cycle(), NOWHERE);
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(cycle(), NOWHERE) << "the user's quiet period";
+    reload();
+    EXPECT_EQ(cycle(), -20);
+}
+
+TEST_F(Tour, RestsWhileSomethingIsTracked)
+{
+    rig::store("ptzd", position(1500, 610));
+    cfg_uci_pkg_reload(UCI_PTZD);
+    presetTour();
+    at(1, 500);
+    EXPECT_EQ(cycle(), 75);
+    restAt(2250, 610);
+    EXPECT_EQ(call("targetTrack", R"({"x_coord":"1","y_coord":"0","x_speed":"1","y_speed":"1"})"), code(RESULT_OK));
+    restAt(2260, 610);
+    rest();
+    EXPECT_EQ(gContext.motion.track_back_done.load(), 0);
+    EXPECT_EQ(cycle(), NOWHERE);
+    EXPECT_EQ(call("targetTrackBack"), code(RESULT_OK));
+    EXPECT_EQ(cycle(), NOWHERE);
+    standAt(2250, 610);
+    rest();
+    EXPECT_EQ(cycle(), 75) << "and goes on";
 }
 
 TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
@@ -139,7 +197,7 @@ TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
     at(1, 500);
     EXPECT_EQ(cycle(), 75);
     fakeMotor.status[PAN].running = 1;
-    EXPECT_EQ(call(ubusGotoPreset, R"({"id":"3"})"), R"({"error_code":0})");
+    EXPECT_EQ(call("gotoPreset", R"({"id":"3"})"), code(RESULT_OK));
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_USER}));
@@ -147,8 +205,7 @@ TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
 
     EXPECT_EQ(cycle(), 75) << "the tour goes on";
     fakeMotor.status[PAN].running = 1;
-    write("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
-    EXPECT_EQ(call(ubusLensMask), R"({"err_code":0})");
+    mask("on");
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
     EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
 }
@@ -156,11 +213,16 @@ TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
 // A user's command at each point of a tour's step: the head obeys the user, and the motion counts as the user's.
 class Overtaken : public Tour, public testing::WithParamInterface<bool> {
 protected:
-    void start()
+    void SetUp() override
     {
+        Tour::SetUp();
         if (GetParam())
             presetTour();
         at(1, 500);
+    }
+    static void moveAway()
+    {
+        EXPECT_EQ(call("moveTo", xy(-100, 0)), code(RESULT_OK));
     }
     /// Not from the notification itself, which holds a lock that the command takes: from the arming that follows it.
     static void afterBegin(const std::function<void()>& command)
@@ -175,10 +237,9 @@ protected:
 
 TEST_P(Overtaken, ByAMoveBeforeItsBegin)
 {
-    start();
     for (const int running : {0, 1}) { // or that it takes for a motion to halt
         atNext(PAN, MOTOR_IOC_GET_STATUS, [running] {
-            EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK);
+            moveAway();
             fakeMotor.status[PAN].running = running;
         });
         EXPECT_EQ(cycle(), -100);
@@ -193,8 +254,7 @@ TEST_P(Overtaken, ByAMoveBeforeItsBegin)
 
 TEST_P(Overtaken, ByAMoveAfterItsBegin)
 {
-    start();
-    afterBegin([] { EXPECT_EQ(moveHeadTo(-100, 0), RESULT_OK); });
+    afterBegin(moveAway);
     EXPECT_EQ(cycle(), -100);
     EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
     motorStatusPoll(nullptr);
@@ -205,10 +265,31 @@ TEST_P(Overtaken, ByAMoveAfterItsBegin)
     EXPECT_NE(cycle(), NOWHERE) << "after the quiet period the tour goes on";
 }
 
+TEST_P(Overtaken, ByAMoveThatHasHaltedTheHeadBeforeItsBegin)
+{
+    std::binary_semaphore begun{0};
+    std::binary_semaphore driven{0};
+    std::thread tour;
+    fakeMotor.status[PAN].running = 1; // the move halts it, and a step of the tour begins before the move does
+    atNext(TILT, MOTOR_IOC_STOP, [&] {
+        fakeMotor.status[PAN].running = 0;
+        afterBegin([&] {
+            begun.release();
+            driven.acquire();
+        });
+        tour = std::thread([&] { EXPECT_EQ(tourCycle(scan), nullptr); });
+        begun.acquire();
+    });
+    moveAway();
+    driven.release();
+    tour.join();
+    EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u) << "the user's only";
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+}
+
 TEST_P(Overtaken, ByAStopAfterItsBegin)
 {
-    start();
-    afterBegin([] { EXPECT_EQ(stopHead(), RESULT_OK); });
+    afterBegin([] { EXPECT_EQ(call("stop"), code(RESULT_OK)); });
     EXPECT_EQ(cycle(), NOWHERE);
     EXPECT_EQ(motion.motion_active.load(), 0);
     EXPECT_EQ(fakes.notifications,
@@ -222,7 +303,6 @@ TEST_P(Overtaken, ByAStopAfterItsBegin)
 
 TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
 {
-    start();
     int sent = NOWHERE;
     atNext(PAN, MOTOR_IOC_STOP, [&] {
         fakeMotor.requests.clear();
@@ -230,20 +310,34 @@ TEST_P(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
         sent = static_cast<int>(fakeMotor.sent(MOTOR_IOC_MOVE).size());
         fakeMotor.status[TILT].running = 0;
     });
-    EXPECT_EQ(stopHead(), RESULT_OK);
+    EXPECT_EQ(call("stop"), code(RESULT_OK));
     EXPECT_EQ(sent, GetParam() ? 2 : 1);
     EXPECT_EQ(motion.motion_active.load(), 1) << "the poll ends it";
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_TOUR}));
 }
 
-TEST_P(Overtaken, ByTheLensMaskOrACalibrationAtAnyTime)
+TEST_P(Overtaken, ByWhateverTakesTheHeadAway)
 {
-    start();
-    atNext(PAN, MOTOR_IOC_GET_STATUS, [] { lensMaskSetEnabled(1); });
-    EXPECT_EQ(cycle(), NOWHERE);
-    EXPECT_TRUE(fakes.notifications.empty());
-    lensMaskSetEnabled(0);
+    const std::function<void()> others[] = {
+        [] { lensMaskSetEnabled(1); },
+        [this] { motion.calibrating.store(1); },
+        [this] { motion.user_moved_recently.store(1); }, // a step's thread, whose axis is at its limit
+        [this] { motion.track_back_done.store(0); },
+    };
+    for (const auto& other : others) {
+        atNext(TILT, MOTOR_IOC_GET_STATUS, other);
+        EXPECT_EQ(cycle(), NOWHERE);
+        EXPECT_TRUE(fakes.notifications.empty());
+        lensMaskSetEnabled(0);
+        motion.calibrating.store(0);
+        motion.user_moved_recently.store(0);
+        motion.track_back_done.store(1);
+    }
+    atNext(PAN, MOTOR_IOC_GET_STATUS, [this] { EXPECT_EQ(cycle(), NOWHERE); });
+    EXPECT_EQ(call("startPanorama"), code(RESULT_OK)) << "from its first look on the head is the panorama's";
+    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
+    rest();
     afterBegin([this] { motion.calibrating.store(1); });
     EXPECT_EQ(cycle(), NOWHERE);
 }
@@ -253,15 +347,12 @@ INSTANTIATE_TEST_SUITE_P(Tours, Overtaken, testing::Bool());
 TEST_F(Tour, CannotStartWithAPlanThatCannotBeRead)
 {
     TourDeinit();
-    write("ptz_plan", "config sunday 'sunday_1'\n");
+    rig::store("ptz_plan", "config sunday 'sunday_1'\n");
     EXPECT_EQ(TourInit(), -1);
     EXPECT_TRUE(reported("TourInit", "error to init tour!"));
     EXPECT_EQ(gContext.tour.tourInfo, nullptr);
     EXPECT_EQ(gContext.tour.activePlan.tables[6], nullptr);
-    EXPECT_EQ(call(plan_modify_plan, R"({"sunday":[]})"), R"({"error_code":64302})") << "no table to build it on";
-    write("ptz_plan", "");
-    fakes.threadCreationFails = true;
-    EXPECT_EQ(TourInit(), -1);
+    EXPECT_EQ(call("set_plan_config", R"({"sunday":[]})"), code(64302)) << "no table to build it on";
 }
 
 } // namespace

@@ -1,19 +1,22 @@
 // The configuration store's access layer on the real library, in a folder of the test's own.
 
-#include "config/uci_store.h"
-#include "fakes/stored_head.h"
+#include "head.h"
 
 #include <thread>
+
+extern "C" {
+#include <uci.h>
+}
 
 namespace {
 
 constexpr int32_t UNTOUCHED = -77;
 
-class UciStore : public StoredHead {
+class UciStore : public Head {
 protected:
     static void load(const std::string& text)
     {
-        write("ptzd", text);
+        rig::store("ptzd", text);
         ASSERT_EQ(cfg_uci_init(), 0);
     }
 };
@@ -87,10 +90,11 @@ TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
     EXPECT_EQ(cfg_uci_set_string_value(UCI_PTZD, "s", "d", "it's = a.b"), 0);
     EXPECT_EQ(cfg_uci_set_section(UCI_PTZD, "new", "kind"), 0);
     EXPECT_EQ(cfg_uci_set_string_value(UCI_PTZD, "none", "a", "1"), CFG_UCI_FAILED) << "sections are not made up";
-    EXPECT_EQ(file("ptzd"), "config t 's'\n\toption a '1'\n");
+    EXPECT_EQ(rig::stored("ptzd"), "config t 's'\n\toption a '1'\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), 0);
-    EXPECT_EQ(file("ptzd"), "\nconfig t 's'\n\toption a '-2147483648'\n\toption b '1.500000'\n\toption c '5000000000'\n"
-                            "\toption d 'it'\\''s = a.b'\n\nconfig kind 'new'\n\n");
+    EXPECT_EQ(rig::stored("ptzd"),
+              "\nconfig t 's'\n\toption a '-2147483648'\n\toption b '1.500000'\n\toption c '5000000000'\n"
+              "\toption d 'it'\\''s = a.b'\n\nconfig kind 'new'\n\n");
 }
 
 TEST_F(UciStore, ListsGrowShrinkAndAreCleared)
@@ -102,16 +106,17 @@ TEST_F(UciStore, ListsGrowShrinkAndAreCleared)
     EXPECT_EQ(cfg_uci_del_list(UCI_PTZD, "s", "m", "x"), 0);
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "l"), 0) << "removing the first x removes the last one too";
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "missing"), CFG_UCI_FAILED);
-    EXPECT_EQ(cfg_uci_delete(UCI_PTZD, "none", "t"), 0) << "deleting what is not there is no failure";
+    for (const char* missing : {"none", "@none[0]"})
+        EXPECT_EQ(cfg_uci_delete(UCI_PTZD, missing, "t"), 0) << "deleting what is not there is no failure";
     EXPECT_EQ(cfg_uci_delete(UCI_PTZD, nullptr, "t"), CFG_UCI_FAILED);
     EXPECT_EQ(cfg_uci_delete(7, "s", "t"), CFG_UCI_FAILED);
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), 0);
-    EXPECT_EQ(file("ptzd").find("list"), std::string::npos);
+    EXPECT_EQ(rig::stored("ptzd").find("list"), std::string::npos);
 }
 
 TEST_F(UciStore, AMissingPackageFailsTheStartAndIsReported)
 {
-    remove("tour");
+    std::filesystem::remove(rigFolder("config") + "/tour");
     EXPECT_EQ(cfg_uci_init(), CFG_UCI_FAILED);
     EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"cfg_uci_pkg_init", "error to load package tour\n"}}));
     EXPECT_EQ(cfg_uci_commit(UCI_TOUR), CFG_UCI_FAILED);
@@ -126,7 +131,7 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
 {
     load("config t 's'\n option a '1'\n");
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
-    write("ptzd", "config t 's'\n option a 'unterminated\n");
+    rig::store("ptzd", "config t 's'\n option a 'unterminated\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), CFG_UCI_FAILED);
     ASSERT_FALSE(fakes.reports.empty());
     EXPECT_EQ(fakes.reports[0].text, "error to comit uci package\n");
@@ -134,11 +139,24 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
     (void)cfg_uci_get_int_value(UCI_PTZD, "s", "a", &value); // whatever it says, it touches no freed package
     cfg_uci_pkg_reload(UCI_PTZD);
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), CFG_UCI_FAILED);
-    write("ptzd", "config t 's'\n option a '5'\n"); // somebody mends it: the next transaction loads it
+    rig::store("ptzd", "config t 's'\n option a '5'\n"); // somebody mends it: the next transaction loads it
     const UciTransaction transaction(UCI_PTZD);
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 6), 0);
     EXPECT_EQ(transaction.commit(), 0);
-    EXPECT_EQ(file("ptzd"), "\nconfig t 's'\n\toption a '6'\n\n");
+    EXPECT_EQ(rig::stored("ptzd"), "\nconfig t 's'\n\toption a '6'\n\n");
+}
+
+TEST_F(UciStore, AFailedCommitThatLosesThePackageLoadsItAgain)
+{
+    load("config t 's'\n option a '1'\n");
+    EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
+    fakes.commitLosesPackage = true;
+    EXPECT_EQ(cfg_uci_commit(UCI_PTZD), CFG_UCI_FAILED);
+    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
+    uci_package* const loaded =
+        cfg_uci_get_section(UCI_PTZD, "s") ? uci_lookup_package(gContext.config.uciContext, "ptzd") : nullptr;
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(gContext.config.uciPackages[UCI_PTZD].handle, loaded);
 }
 
 TEST_F(UciStore, ATransactionKeepsAnotherThreadsReloadAway)

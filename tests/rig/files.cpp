@@ -1,4 +1,4 @@
-#include "fuzz.h"
+#include "rig/files.h"
 
 #include <filesystem>
 #include <system_error>
@@ -8,40 +8,35 @@
 
 namespace {
 
-class Folder {
-public:
+struct Folder {
+    std::string path;
+
     Folder()
     {
         for (const char* parent : {"/dev/shm", "/tmp"}) {
-            path_ = std::string(parent) + "/ptzd-fuzz-XXXXXX";
-            if (mkdtemp(path_.data()))
+            path = std::string(parent) + "/ptzd-rig-XXXXXX";
+            if (mkdtemp(path.data()))
                 return;
         }
-        FUZZ_CHECK(false, "no folder for temporary files\n");
+        RIG_CHECK(false, "no folder for temporary files\n");
     }
     ~Folder()
     {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
-
-    [[nodiscard]] const std::string& path() const
-    {
-        return path_;
-    }
-
-private:
-    std::string path_;
 };
 
 } // namespace
 
-const std::string& fuzzFolder()
+std::string rigFolder(const std::string& name)
 {
     static const Folder folder;
-    return folder.path();
+    const std::string path = folder.path + "/" + name;
+    std::filesystem::create_directory(path);
+    return path;
 }
 
 std::string readFile(const std::string& path)
@@ -60,7 +55,7 @@ std::string readFile(const std::string& path)
 void writeFile(const std::string& path, std::string_view text)
 {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    FUZZ_CHECK(fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "%s\n",
-               path.c_str());
+    RIG_CHECK(fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "%s\n",
+              path.c_str());
     close(fd);
 }

@@ -1,4 +1,5 @@
-// Two motor drivers that live in the test: they stand behind ioctl(2), so the product's own door to them is tested too.
+// Two motor drivers that live in the test, behind open(2) and ioctl(2), so that the daemon's own motor adapter is
+// tested too.
 #pragma once
 
 #include "motor/motor_device.h"

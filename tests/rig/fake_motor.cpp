@@ -1,7 +1,9 @@
-#include "fakes/fake_motor.h"
+#include "rig/fake_motor.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
+#include <string.h>
 
 FakeMotor fakeMotor;
 std::atomic<unsigned> fakeMotorAnswered;
@@ -34,7 +36,23 @@ void giveAxesFakeMotors()
     }
 }
 
-extern "C" int __wrap_ioctl(int fd, unsigned long number, ...);
+extern "C" {
+int __wrap_ioctl(int fd, unsigned long number, ...);
+int __real_open(const char* path, int flags, ...);
+int __wrap_open(const char* path, int flags, ...);
+}
+
+int __wrap_open(const char* path, int flags, ...)
+{
+    for (const AxisIndex axis : {PAN, TILT})
+        if (strcmp(path, gContext.axes[axis].device_path) == 0)
+            return FIRST_FD + axis;
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return __real_open(path, flags, mode);
+}
 
 int __wrap_ioctl(int fd, unsigned long number, ...)
 {

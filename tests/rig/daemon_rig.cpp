@@ -1,0 +1,356 @@
+#include "rig/daemon_rig.h"
+
+#include "config/uci_store.h"
+#include "core/log.h"
+#include "core/ptzd_init.h"
+#include "core/shutdown.h"
+#include "core/worker.h"
+#include "motion/quiet_period.h"
+#include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "tour/touring.h"
+#include "ubus/method_table.h"
+#include "ubus/notify.h"
+#include "ubus/ubus_service.h"
+
+#include <stdarg.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+#include <uci.h>
+}
+
+namespace fs = std::filesystem;
+
+Fakes fakes;
+
+void Fakes::runWorker()
+{
+    const FakeWorker worker = workers.front();
+    workers.pop_front();
+    worker.routine(worker.argument);
+}
+
+namespace {
+
+const Settings& deliveredSettings()
+{
+    static const Settings settings = [] {
+        Settings read;
+        for (const char* package : {"ptzd", "image", "diagd", "lens_mask", "target_track", "ptz_plan", "tour"})
+            read[package] = readFile(std::string(PTZD_SETTINGS) + "/" + package);
+        return read;
+    }();
+    return settings;
+}
+
+/// Every attribute of a message, at every depth, is whole.
+void checkWhole(const blob_attr* attribute)
+{
+    const blob_attr* child = nullptr;
+    size_t rest = 0;
+    blobmsg_for_each_attr (child, attribute, rest) {
+        RIG_CHECK(blobmsg_check_attr_len(child, false, rest), "a reply that is no blobmsg\n");
+        if (blobmsg_type(child) == BLOBMSG_TYPE_TABLE || blobmsg_type(child) == BLOBMSG_TYPE_ARRAY)
+            checkWhole(child);
+    }
+    RIG_CHECK(rest == 0, "%zu bytes behind a reply's last attribute\n", rest);
+}
+
+} // namespace
+
+namespace rig {
+
+void provide(const Settings& settings)
+{
+    fs::remove_all(rigFolder() + "changes");
+    (void)rigFolder("changes");
+    for (const auto& [package, delivered] : deliveredSettings()) {
+        const auto given = settings.find(package);
+        const std::string& text = given == settings.end() ? delivered : given->second;
+        if (stored(package) != text || text.empty()) // most are the same from one input to the next
+            store(package, text);
+    }
+}
+
+std::string stored(const std::string& package)
+{
+    return readFile(rigFolder("config") + "/" + package);
+}
+
+void store(const std::string& package, const std::string& text)
+{
+    writeFile(rigFolder("config") + "/" + package, text);
+}
+
+void spoilStore()
+{
+    // A file where a folder is needed: nobody can write there, root neither.
+    fs::remove_all(rigFolder() + "changes");
+    writeFile(rigFolder() + "changes", "");
+}
+
+void reset()
+{
+    cfg_uci_deinit();
+    TourDeinit();
+    blob_buf_free(&gContext.ubus.replyBuf);
+    fakes = {};
+    std::destroy_at(&gContext);
+    std::construct_at(&gContext);
+    lensMaskSetEnabled(0);
+    Timers& timers = gContext.timers;
+    timers.saveStepsTimer = timerRecord(saveCurSteps, nullptr);
+    timers.statusPollTimer = timerRecord(motorStatusPoll, &gContext.motion.motion_origin);
+    timers.usrMoveStopTimer = timerRecord(usrMoveStopTimeout, nullptr);
+    timers.scanMoveStopTimer = timerRecord(scanMoveStopTimeout, nullptr);
+    giveAxesFakeMotors();
+}
+
+int32_t run(const Settings& settings, const std::function<void()>& inside)
+{
+    provide(settings);
+    fakes.loop = inside;
+    const int32_t result = PtzdInit();
+    RIG_CHECK(fakes.loopReached || result == -1, "started without a loop\n");
+    return result;
+}
+
+int32_t call(unsigned method, Bytes attributes)
+{
+    const ubus_method& entry = ptzdObject().methods[method];
+    // Exactly as long as it is, so that a byte read behind it is found.
+    const size_t length = sizeof(blob_attr) + attributes.size();
+    const std::unique_ptr<uint8_t[]> bytes(new uint8_t[length]);
+    auto* message = reinterpret_cast<blob_attr*>(bytes.get());
+    message->id_len = cpu_to_be32(static_cast<uint32_t>(length));
+    std::copy(attributes.begin(), attributes.end(), bytes.get() + sizeof(blob_attr));
+    fakes.reply.clear();
+    fakes.replies = 0;
+    fakes.code.reset();
+    const int status = entry.handler(nullptr, &ptzdObject(), nullptr, entry.name, message);
+    RIG_CHECK(status == 0 && fakes.replies == 1, "%s: status %d, %d replies\n", entry.name, status, fakes.replies);
+    return fakes.code.value_or(0);
+}
+
+int32_t call(const std::string& method, Bytes attributes)
+{
+    unsigned index = 0;
+    while (methodName(index) != method)
+        RIG_CHECK(++index < methodCount(), "no method %s\n", method.c_str());
+    return call(index, attributes);
+}
+
+int32_t call(const std::string& method, const std::string& json)
+{
+    const auto message = messageOf(json);
+    RIG_CHECK(message, "no JSON object: %s\n", json.c_str());
+    return call(method, *message);
+}
+
+unsigned methodCount()
+{
+    return static_cast<unsigned>(ptzdObject().n_methods);
+}
+
+std::string methodName(unsigned method)
+{
+    return ptzdObject().methods[method].name;
+}
+
+std::optional<std::vector<uint8_t>> messageOf(const std::string& json)
+{
+    blob_buf buffer{};
+    blob_buf_init(&buffer, 0);
+    const bool added = blobmsg_add_json_from_string(&buffer, json.c_str());
+    const auto* content = static_cast<const uint8_t*>(blob_data(buffer.head));
+    const std::vector<uint8_t> attributes(content, content + blob_len(buffer.head));
+    blob_buf_free(&buffer);
+    return added ? std::optional(attributes) : std::nullopt;
+}
+
+DaemonTimer& timerAt(unsigned index)
+{
+    Timers& timers = gContext.timers;
+    DaemonTimer* const all[] = {&timers.saveStepsTimer, &timers.statusPollTimer, &timers.usrMoveStopTimer,
+                                &timers.scanMoveStopTimer};
+    return *all[index % std::size(all)];
+}
+
+} // namespace rig
+
+// What surrounds the daemon's modules.
+
+extern "C" {
+uci_context* __real_uci_alloc_context();
+uci_context* __wrap_uci_alloc_context();
+int __real_uci_set(uci_context* context, uci_ptr* ptr);
+int __wrap_uci_set(uci_context* context, uci_ptr* ptr);
+int __real_uci_commit(uci_context* context, uci_package** package, bool overwrite);
+int __wrap_uci_commit(uci_context* context, uci_package** package, bool overwrite);
+int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message);
+int __wrap_nanosleep(const timespec*, timespec*);
+time_t __wrap_time(time_t* out);
+}
+
+uci_context* __wrap_uci_alloc_context()
+{
+    uci_context* context = __real_uci_alloc_context();
+    uci_set_confdir(context, rigFolder("config").c_str());
+    uci_set_conf2dir(context, nullptr);
+    uci_set_savedir(context, (rigFolder() + "changes").c_str());
+    return context;
+}
+
+int __wrap_uci_set(uci_context* context, uci_ptr* ptr)
+{
+    const bool fails = fakes.failingChange > 0 && --fakes.failingChange == 0;
+    return fails ? UCI_ERR_MEM : __real_uci_set(context, ptr);
+}
+
+int __wrap_uci_commit(uci_context* context, uci_package** package, bool overwrite)
+{
+    if (!fakes.commitLosesPackage)
+        return __real_uci_commit(context, package, overwrite);
+    uci_unload(context, *package); // as the library does on its way, without a word to the caller's handle
+    return UCI_ERR_IO;
+}
+
+int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message)
+{
+    ++fakes.replies;
+    blob_attr* child = nullptr;
+    size_t rest = 0;
+    blob_for_each_attr (child, message, rest) {
+        RIG_CHECK(blobmsg_check_attr_len(child, true, rest), "a reply that is no blobmsg\n");
+        if (blobmsg_type(child) == BLOBMSG_TYPE_TABLE || blobmsg_type(child) == BLOBMSG_TYPE_ARRAY)
+            checkWhole(child);
+        const std::string_view name = blobmsg_name(child);
+        if (name == "error_code" || name == "err_code")
+            fakes.code = static_cast<int32_t>(blobmsg_get_u32(child));
+    }
+    RIG_CHECK(rest == 0, "%zu bytes behind a reply's last attribute\n", rest);
+    char* text = blobmsg_format_json(message, true);
+    fakes.reply += text;
+    free(text);
+    return 0;
+}
+
+int __wrap_nanosleep(const timespec*, timespec*)
+{
+    ++fakes.sleeps;
+    --fakes.patience;
+    if (fakes.onSleep)
+        fakes.onSleep();
+    return 0;
+}
+
+time_t __wrap_time(time_t* out)
+{
+    fakes.now += fakes.timeStride;
+    if (out)
+        *out = fakes.now;
+    return fakes.now;
+}
+
+DaemonTimer timerRecord(void (*callback)(void*), void* argument)
+{
+    return {nullptr, callback, argument};
+}
+
+int32_t timerCreate(DaemonTimer*)
+{
+    return 0;
+}
+
+int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
+{
+    RIG_CHECK(firstNs > 0 && intervalNs >= 0, "a timer that never expires\n");
+    if (fakes.beforeTimerStart)
+        fakes.beforeTimerStart();
+    fakes.timers[timer] = {firstNs, intervalNs};
+    if (const auto command = fakes.afterTimerStart)
+        command();
+    return 0;
+}
+
+int32_t timerStop(DaemonTimer* timer)
+{
+    if (fakes.beforeTimerStop)
+        fakes.beforeTimerStop();
+    fakes.timers[timer] = {};
+    return 0;
+}
+
+int32_t timerDelete(DaemonTimer*)
+{
+    return 0;
+}
+
+int32_t workerStart(void* (*routine)(void*), void* argument)
+{
+    if (fakes.workersFail)
+        return -1;
+    fakes.workers.push_back({routine, argument});
+    return 0;
+}
+
+WorkerScope::WorkerScope(WorkerEntry) : entered_(fakes.patience > 0)
+{
+}
+
+WorkerScope::~WorkerScope() = default;
+
+bool workersStopping()
+{
+    return --fakes.patience <= 0;
+}
+
+bool workersStop(int32_t)
+{
+    while (!fakes.workers.empty()) { // they find the daemon ending, and give back what they own
+        fakes.patience = 0;
+        fakes.runWorker();
+    }
+    return true;
+}
+
+bool shutdownRequested()
+{
+    return false;
+}
+
+bool shutdownSleep(int32_t)
+{
+    return true;
+}
+
+void logWrite(int level, const char* function, int, const char* format, ...)
+{
+    char text[1024]; // formatted for the sanitizers' sake, whatever the level
+    va_list args;
+    va_start(args, format);
+    (void)vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    if (level >= LOG_LEVEL_ERROR)
+        fakes.reports.push_back({function, text});
+}
+
+void motorNotifyState(int32_t state, int32_t origin)
+{
+    fakes.notifications.push_back({state, origin});
+    if (fakes.onNotification)
+        fakes.onNotification();
+}
+
+int32_t ubusInit()
+{
+    fakes.loopReached = true;
+    fakes.loop();
+    return 0;
+}

@@ -1,0 +1,112 @@
+// The daemon in one process, without threads, clock, devices or bus: motors, timers, workers, notifications and the log
+// are fakes, the configuration store is the real one in a folder in memory. Unit tests and fuzzers share it.
+#pragma once
+
+#include "core/context.h"
+#include "rig/fake_motor.h"
+#include "rig/files.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct FakeTimer {
+    int64_t firstNs = 0; // 0 while not armed
+    int64_t intervalNs = 0;
+
+    bool operator==(const FakeTimer&) const = default;
+};
+
+struct FakeNotification {
+    int32_t state;
+    int32_t origin;
+
+    bool operator==(const FakeNotification&) const = default;
+};
+
+struct FakeReport {
+    std::string function;
+    std::string text;
+
+    bool operator==(const FakeReport&) const = default;
+};
+
+struct FakeWorker {
+    void* (*routine)(void*);
+    void* argument;
+};
+
+struct Fakes {
+    std::map<const DaemonTimer*, FakeTimer> timers;
+    std::function<void()> beforeTimerStart;
+    std::function<void()> afterTimerStart;
+    std::function<void()> beforeTimerStop;
+    std::vector<FakeNotification> notifications;
+    std::function<void()> onNotification;
+    std::vector<FakeReport> reports; // errors only
+    std::deque<FakeWorker> workers;  // started and not run yet
+    bool workersFail = false;
+    int patience = 1'000'000; // sleeps and questions after which a worker is asked to end
+    int sleeps = 0;
+    std::function<void()> onSleep; // runs in place of a sleep
+    time_t now = 0;                // the wall clock, and how far each look at it takes it on
+    time_t timeStride = 0;
+    std::function<void()> loop; // runs in place of the event loop
+    bool loopReached = false;
+    int failingChange = 0; // the n-th change of the store from now on fails
+    bool commitLosesPackage = false;
+    std::string reply; // of the last call, as compact JSON; two answers to one call show
+    int replies = 0;
+    std::optional<int32_t> code; // of the last reply
+
+    [[nodiscard]] bool armed(const DaemonTimer& timer)
+    {
+        return timers[&timer].firstNs != 0;
+    }
+    /// Runs the worker that was started first.
+    void runWorker();
+};
+
+extern Fakes fakes;
+
+/// Packages by name with the text of their files.
+using Settings = std::map<std::string, std::string>;
+
+namespace rig {
+
+/// Puts packages into the store; those left out become what the daemon is delivered with.
+void provide(const Settings& settings);
+
+/// A package's file as it is stored, and its replacement by others.
+[[nodiscard]] std::string stored(const std::string& package);
+void store(const std::string& package, const std::string& text);
+
+/// From now on nothing can be written, until settings are provided again.
+void spoilStore();
+
+/// A daemon at rest that has loaded nothing, with nothing armed, nothing reported and healthy motors.
+void reset();
+
+/// Starts the daemon on settings, runs `inside` in the place of its event loop, and ends it.
+/// @return what PtzdInit returned; -1 also when it never got to the loop.
+int32_t run(const Settings& settings, const std::function<void()>& inside);
+
+/// Calls a method, by its place in the object's table or by its name, with a message's attributes or a JSON object, and
+/// checks that it answers exactly once, with a whole blobmsg. The reply is in `fakes` then.
+/// @return its code; 0 for a reply without one.
+int32_t call(unsigned method, Bytes attributes);
+int32_t call(const std::string& method, Bytes attributes);
+int32_t call(const std::string& method, const std::string& json = "{}");
+[[nodiscard]] unsigned methodCount();
+[[nodiscard]] std::string methodName(unsigned method);
+
+/// The attributes of a JSON object. Empty, without a value, when the text is none.
+[[nodiscard]] std::optional<std::vector<uint8_t>> messageOf(const std::string& json);
+
+/// The daemon's four timers.
+[[nodiscard]] DaemonTimer& timerAt(unsigned index);
+
+} // namespace rig
