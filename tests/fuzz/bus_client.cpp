@@ -12,7 +12,6 @@
 
 #include <array>
 #include <deque>
-#include <memory>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -33,305 +32,222 @@ std::deque<std::vector<uint8_t>> streams; // what the connections to come will h
 /// The bytes of each connection to come, from what is left of an input.
 void readStreams(Input& input)
 {
-    enum Item { RAW, MESSAGE, REPEATED, NEXT_CONNECTION, ITEM_COUNT };
     streams.assign(1, {});
     if (input.byte() % 8 != 7)
         streams.back() = GREETING;
     while (!input.empty()) {
-        std::vector<uint8_t> bytes;
-        int count = 1;
-        switch (input.byte() % ITEM_COUNT) {
-        case RAW: {
-            const Bytes raw = input.block();
-            bytes.assign(raw.begin(), raw.end());
-            break;
-        }
-        case MESSAGE:
-            bytes = busMessage(input, KNOWN_IDS);
-            break;
-        case REPEATED:
-            count = input.byte();
-            bytes = busMessage(input, KNOWN_IDS);
-            break;
-        case NEXT_CONNECTION:
+        enum Item { RAW, MESSAGE, REPEATED, NEXT_CONNECTION, ITEM_COUNT };
+        const int item = input.byte() % ITEM_COUNT;
+        if (item == NEXT_CONNECTION) {
             streams.push_back(GREETING);
-            break;
-        default:
-            break;
+            continue;
         }
+        int count = item == REPEATED ? input.byte() : 1;
+        const Bytes raw = item == RAW ? input.block() : Bytes{};
+        const auto bytes = item == RAW ? std::vector(raw.begin(), raw.end()) : busMessage(input, KNOWN_IDS);
         for (std::vector<uint8_t>& stream = streams.back(); count > 0 && stream.size() < MAX_STREAM; --count)
             stream.insert(stream.end(), bytes.begin(), bytes.end());
     }
 }
-
-class Client;
-Client* client; // of the input under way
 
 struct Request {
     ubus_request record;
     bool active;
 };
 
-class Client {
-public:
-    explicit Client(Bytes choices) : choices_(choices)
-    {
-        methods_[0] = UBUS_METHOD_NOARG("first", onCall);
-        methods_[1] = UBUS_METHOD("second", onCall, POLICY);
-        methods_[2] = UBUS_METHOD_NOARG(nullptr, onCall);
-        type_.methods = methods_.data();
-        type_.n_methods = 2;
-        object_.name = "fuzz";
-        object_.type = &type_;
-        object_.methods = methods_.data();
-        object_.n_methods = static_cast<int>(methods_.size());
-        handler_.cb = onEvent;
-        client = this;
-    }
-    ~Client()
-    {
-        if (ctx_)
-            ubus_free(ctx_);
-        uloop_done();
-        client = nullptr;
-    }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    void live(Bytes actions)
-    {
-        ctx_ = ubus_connect("/nowhere");
-        if (!ctx_)
-            return;
-        ctx_->connection_lost = onLost;
-        for (const uint8_t action : actions)
-            act(action);
-        ubus_handle_event(ctx_);
-    }
-
-private:
-    static constexpr blobmsg_policy POLICY[] = {{"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32}};
-
-    enum Action {
-        ADD_OBJECT,
-        REMOVE_OBJECT,
-        LOOKUP,
-        LOOKUP_ID,
-        INVOKE,
-        INVOKE_LATER,
-        HANDLE,
-        LISTEN,
-        UNLISTEN,
-        SEND_EVENT,
-        ABORT,
-        WAIT,
-        ANSWER,
-        RECONNECT,
-        LOOP,
-        ACTION_COUNT
-    };
-
-    void act(uint8_t what)
-    {
-        switch (what % ACTION_COUNT) {
-        case ADD_OBJECT:
-            (void)ubus_add_object(ctx_, &object_);
-            break;
-        case REMOVE_OBJECT:
-            (void)ubus_remove_object(ctx_, &object_);
-            break;
-        case LOOKUP:
-            (void)ubus_lookup(ctx_, what % 2 == 0 ? "*" : nullptr, onFound, nullptr);
-            break;
-        case LOOKUP_ID: {
-            uint32_t id = 0;
-            (void)ubus_lookup_id(ctx_, "other", &id);
-            break;
-        }
-        case INVOKE:
-            (void)ubus_invoke(ctx_, KNOWN_IDS[1], "method", nullptr, onAnyData, nullptr, WAIT_MS);
-            break;
-        case INVOKE_LATER:
-            invokeLater();
-            break;
-        case HANDLE:
-            ubus_handle_event(ctx_);
-            break;
-        case LISTEN:
-            (void)ubus_register_event_handler(ctx_, &handler_, "event*");
-            break;
-        case UNLISTEN:
-            (void)ubus_unregister_event_handler(ctx_, &handler_);
-            break;
-        case SEND_EVENT:
-            (void)ubus_send_event(ctx_, "event", nullptr);
-            break;
-        default:
-            actOnRequests(what % ACTION_COUNT);
-            break;
-        }
-    }
-
-    void actOnRequests(int what)
-    {
-        switch (what) {
-        case ABORT:
-            for (Request& request : requests_) {
-                if (request.active)
-                    ubus_abort_request(ctx_, &request.record);
-                request.active = false;
-            }
-            break;
-        case WAIT:
-            for (Request& request : requests_)
-                if (request.active)
-                    (void)ubus_complete_request(ctx_, &request.record, WAIT_MS);
-            break;
-        case ANSWER:
-            for (; !deferred_.empty(); deferred_.pop_back())
-                ubus_complete_deferred_request(ctx_, &deferred_.back(), UBUS_STATUS_NOT_FOUND);
-            break;
-        case RECONNECT:
-            if (depth_ == 0)
-                (void)ubus_reconnect(ctx_, nullptr);
-            break;
-        case LOOP:
-            if (depth_ == 0)
-                loop();
-            break;
-        default:
-            break;
-        }
-    }
-
-    void invokeLater()
-    {
-        for (Request& request : requests_) {
-            if (request.active)
-                continue;
-            if (ubus_invoke_async(ctx_, KNOWN_IDS[0], "later", nullptr, &request.record) != UBUS_STATUS_OK)
-                return;
-            request.active = true;
-            request.record.data_cb = onData;
-            request.record.complete_cb = onComplete;
-            ubus_complete_request_async(ctx_, &request.record);
-            return;
-        }
-    }
-
-    void loop()
-    {
-        uloop_timeout end{};
-        end.cb = [](uloop_timeout*) { uloop_end(); };
-        if (!ctx_->sock.eof)
-            ubus_add_uloop(ctx_);
-        uloop_timeout_set(&end, 1);
-        uloop_run();
-        uloop_timeout_cancel(&end);
-        if (ctx_->sock.registered)
-            uloop_fd_delete(&ctx_->sock);
-    }
-
-    /// What a callback does besides looking at what it was given.
-    void actInside()
-    {
-        if (depth_ >= MAX_DEPTH || choices_.empty())
-            return;
-        ++depth_;
-        act(choices_.byte());
-        --depth_;
-    }
-
-    static void look(blob_attr* message)
-    {
-        free(blobmsg_format_json(message, true));
-        blob_attr* found[std::size(POLICY)];
-        (void)blobmsg_parse(POLICY, std::size(POLICY), found, blob_data(message),
-                            static_cast<unsigned>(blob_len(message)));
-    }
-
-    static size_t lengthOf(const char* text)
-    {
-        return text ? strlen(text) : 0;
-    }
-
-    static int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* request, const char* method,
-                      blob_attr* message)
-    {
-        look(message);
-        client->actInside();
-        const size_t length = lengthOf(method) + lengthOf(request->acl.user) + lengthOf(request->acl.group);
-        if (length % 3 == 0) {
-            client->deferred_.emplace_back();
-            ubus_defer_request(ctx, request, &client->deferred_.back());
-        } else {
-            (void)ubus_send_reply(ctx, request, message);
-        }
-        return static_cast<int>(length % 2);
-    }
-
-    static void onEvent(ubus_context*, ubus_event_handler*, const char* name, blob_attr* message)
-    {
-        RIG_CHECK(name && lengthOf(name) < MAX_STREAM, "an event without a name\n");
-        look(message);
-        client->actInside();
-    }
-
-    static void onFound(ubus_context*, ubus_object_data* found, void*)
-    {
-        RIG_CHECK(found->path && lengthOf(found->path) < MAX_STREAM, "an object without a path\n");
-        blob_attr* method = nullptr;
-        size_t rest = 0;
-        if (found->signature) {
-            blob_for_each_attr (method, found->signature, rest) {
-                free(blobmsg_format_json(method, false));
-            }
-        }
-        client->actInside();
-    }
-
-    static void onAnyData(ubus_request*, int, blob_attr* message)
-    {
-        look(message);
-        client->actInside();
-    }
-
-    static Request& requestOf(ubus_request* record)
-    {
-        return *reinterpret_cast<Request*>(record);
-    }
-
-    static void onData(ubus_request* record, int, blob_attr* message)
-    {
-        RIG_CHECK(requestOf(record).active, "data after the end\n");
-        look(message);
-        client->actInside();
-    }
-
-    static void onComplete(ubus_request* record, int)
-    {
-        RIG_CHECK(requestOf(record).active, "ended twice\n");
-        requestOf(record).active = false;
-        client->actInside();
-    }
-
-    static void onLost(ubus_context* ctx)
-    {
-        if (client->choices_.byte() % 2 == 1)
-            (void)ubus_reconnect(ctx, nullptr);
-        uloop_end();
-    }
-
-    Input choices_;
-    int depth_ = 0;
-    ubus_context* ctx_ = nullptr;
-    std::array<ubus_method, 3> methods_{};
-    ubus_object_type type_{};
-    ubus_object object_{};
-    ubus_event_handler handler_{};
-    std::array<Request, 4> requests_{};
-    std::vector<ubus_request_data> deferred_;
+/// The client of one input.
+struct Client {
+    ubus_context* ctx = nullptr;
+    Input choices{Bytes{}}; // what its callbacks do
+    int depth = 0;
+    std::array<ubus_method, 3> methods{};
+    ubus_object_type type{};
+    ubus_object object{};
+    ubus_event_handler handler{};
+    std::array<Request, 4> requests{};
+    std::vector<ubus_request_data> deferred;
 };
+Client client;
+
+void act(uint8_t what);
+
+/// What a callback does besides looking at what it was given.
+void actInside()
+{
+    if (client.depth >= MAX_DEPTH || client.choices.empty())
+        return;
+    ++client.depth;
+    act(client.choices.byte());
+    --client.depth;
+}
+
+constexpr blobmsg_policy POLICY[] = {{"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32}};
+
+void look(blob_attr* message)
+{
+    free(blobmsg_format_json(message, true));
+    blob_attr* found[std::size(POLICY)];
+    (void)blobmsg_parse(POLICY, std::size(POLICY), found, blob_data(message), static_cast<unsigned>(blob_len(message)));
+}
+
+size_t lengthOf(const char* text)
+{
+    return text ? strlen(text) : 0;
+}
+
+int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* request, const char* method, blob_attr* message)
+{
+    look(message);
+    actInside();
+    const size_t length = lengthOf(method) + lengthOf(request->acl.user) + lengthOf(request->acl.group);
+    if (length % 3 == 0) {
+        client.deferred.emplace_back();
+        ubus_defer_request(ctx, request, &client.deferred.back());
+    } else {
+        (void)ubus_send_reply(ctx, request, message);
+    }
+    return static_cast<int>(length % 2);
+}
+
+void onEvent(ubus_context*, ubus_event_handler*, const char* name, blob_attr* message)
+{
+    RIG_CHECK(name && lengthOf(name) < MAX_STREAM, "an event without a name\n");
+    look(message);
+    actInside();
+}
+
+void onFound(ubus_context*, ubus_object_data* found, void*)
+{
+    RIG_CHECK(found->path && lengthOf(found->path) < MAX_STREAM, "an object without a path\n");
+    blob_attr* method = nullptr;
+    size_t rest = 0;
+    if (found->signature) {
+        blob_for_each_attr (method, found->signature, rest) {
+            free(blobmsg_format_json(method, false));
+        }
+    }
+    actInside();
+}
+
+Request& requestOf(ubus_request* record)
+{
+    return *reinterpret_cast<Request*>(record);
+}
+
+void onData(ubus_request* record, int, blob_attr* message)
+{
+    RIG_CHECK(requestOf(record).active, "data after the end\n");
+    look(message);
+    actInside();
+}
+
+void onComplete(ubus_request* record, int)
+{
+    RIG_CHECK(requestOf(record).active, "ended twice\n");
+    requestOf(record).active = false;
+    actInside();
+}
+
+void onLost(ubus_context* ctx)
+{
+    if (client.choices.byte() % 2 == 1)
+        (void)ubus_reconnect(ctx, nullptr);
+    uloop_end();
+}
+
+void invokeLater()
+{
+    const auto request = std::ranges::find(client.requests, false, &Request::active);
+    if (request == client.requests.end() ||
+        ubus_invoke_async(client.ctx, KNOWN_IDS[0], "later", nullptr, &request->record) != UBUS_STATUS_OK)
+        return;
+    request->active = true;
+    request->record.data_cb = onData;
+    request->record.complete_cb = onComplete;
+    ubus_complete_request_async(client.ctx, &request->record);
+}
+
+void loop()
+{
+    uloop_timeout end{};
+    end.cb = [](uloop_timeout*) { uloop_end(); };
+    if (!client.ctx->sock.eof)
+        ubus_add_uloop(client.ctx);
+    uloop_timeout_set(&end, 1);
+    uloop_run();
+    uloop_timeout_cancel(&end);
+    if (client.ctx->sock.registered)
+        uloop_fd_delete(&client.ctx->sock);
+}
+
+constexpr void (*ACTIONS[])(ubus_context* ctx, bool odd) = {
+    [](ubus_context* ctx, bool) { (void)ubus_add_object(ctx, &client.object); },
+    [](ubus_context* ctx, bool) { (void)ubus_remove_object(ctx, &client.object); },
+    [](ubus_context* ctx, bool odd) { (void)ubus_lookup(ctx, odd ? nullptr : "*", onFound, nullptr); },
+    [](ubus_context* ctx, bool) {
+        uint32_t id = 0;
+        (void)ubus_lookup_id(ctx, "other", &id);
+    },
+    [](ubus_context* ctx, bool) {
+        const auto onAnyData = [](ubus_request*, int, blob_attr* message) {
+            look(message);
+            actInside();
+        };
+        (void)ubus_invoke(ctx, KNOWN_IDS[1], "method", nullptr, onAnyData, nullptr, WAIT_MS);
+    },
+    [](ubus_context*, bool) { invokeLater(); },
+    [](ubus_context* ctx, bool) { ubus_handle_event(ctx); },
+    [](ubus_context* ctx, bool) { (void)ubus_register_event_handler(ctx, &client.handler, "event*"); },
+    [](ubus_context* ctx, bool) { (void)ubus_unregister_event_handler(ctx, &client.handler); },
+    [](ubus_context* ctx, bool) { (void)ubus_send_event(ctx, "event", nullptr); },
+    [](ubus_context* ctx, bool) {
+        for (Request& request : client.requests) {
+            if (request.active)
+                ubus_abort_request(ctx, &request.record);
+            request.active = false;
+        }
+    },
+    [](ubus_context* ctx, bool) {
+        for (Request& request : client.requests)
+            if (request.active)
+                (void)ubus_complete_request(ctx, &request.record, WAIT_MS);
+    },
+    [](ubus_context* ctx, bool) {
+        for (; !client.deferred.empty(); client.deferred.pop_back())
+            ubus_complete_deferred_request(ctx, &client.deferred.back(), UBUS_STATUS_NOT_FOUND);
+    },
+    [](ubus_context* ctx, bool) { (void)(client.depth == 0 && ubus_reconnect(ctx, nullptr) == 0); },
+    [](ubus_context*, bool) {
+        if (client.depth == 0)
+            loop();
+    },
+};
+
+void act(uint8_t what)
+{
+    ACTIONS[what % std::size(ACTIONS)](client.ctx, what % 2 == 1);
+}
+
+void live(Bytes actions)
+{
+    client.methods[0] = UBUS_METHOD_NOARG("first", onCall);
+    client.methods[1] = UBUS_METHOD("second", onCall, POLICY);
+    client.methods[2] = UBUS_METHOD_NOARG(nullptr, onCall);
+    client.type.methods = client.object.methods = client.methods.data();
+    client.type.n_methods = 2;
+    client.object.name = "fuzz";
+    client.object.type = &client.type;
+    client.object.n_methods = static_cast<int>(client.methods.size());
+    client.handler.cb = onEvent;
+    client.ctx = ubus_connect("/nowhere");
+    if (!client.ctx)
+        return;
+    client.ctx->connection_lost = onLost;
+    for (const uint8_t action : actions)
+        act(action);
+    ubus_handle_event(client.ctx);
+    ubus_free(client.ctx);
+}
 
 } // namespace
 
@@ -373,10 +289,12 @@ extern "C" ssize_t sendmsg(int, const msghdr* message, int)
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    client = {};
     Input input(data, size);
     const Bytes actions = input.bytes(input.byte() % 32);
-    const Bytes choices = input.bytes(input.byte() % 32);
+    client.choices = Input(input.bytes(input.byte() % 32));
     readStreams(input);
-    Client(choices).live(actions);
+    live(actions);
+    uloop_done();
     return 0;
 }

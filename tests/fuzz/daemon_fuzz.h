@@ -22,5 +22,8 @@ std::optional<std::vector<uint8_t>> messageFrom(Input input);
 /// announced twice.
 void checkState();
 
+/// Whether two slots are stored alike.
+[[nodiscard]] bool sameEntry(const PresetEntry& a, const PresetEntry& b);
+
 /// Checks that the preset table is consistent and exactly what is stored.
 void checkPresetsStored();

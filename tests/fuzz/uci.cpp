@@ -135,29 +135,13 @@ void change(uci_context* context, const std::string& line)
     uci_ptr ptr{};
     if (uci_lookup_ptr(context, &ptr, tuple.data(), true) != UCI_OK)
         return;
-    switch (line[0]) {
-    case 's':
-        (void)uci_set(context, &ptr);
-        break;
-    case 'd':
-        (void)uci_delete(context, &ptr);
-        break;
-    case 'a':
-        (void)uci_add_list(context, &ptr);
-        break;
-    case 'x':
-        (void)uci_del_list(context, &ptr);
-        break;
-    case 'r':
-        (void)uci_rename(context, &ptr);
-        break;
-    case 'o':
-        if (ptr.s)
-            (void)uci_reorder_section(context, ptr.s, static_cast<int>(line.size()) % 5);
-        break;
-    default:
-        break;
-    }
+    constexpr std::pair<char, int (*)(uci_context*, uci_ptr*)> CHANGES[] = {
+        {'s', uci_set}, {'d', uci_delete}, {'a', uci_add_list}, {'x', uci_del_list}, {'r', uci_rename}};
+    for (const auto& [letter, function] : CHANGES)
+        if (line[0] == letter)
+            (void)function(context, &ptr);
+    if (line[0] == 'o' && ptr.s)
+        (void)uci_reorder_section(context, ptr.s, static_cast<int>(line.size()) % 5);
 }
 
 /// Changes a package, saves and commits, and looks after each what others see.
@@ -168,12 +152,15 @@ void changeAndStore(uci_context* context, uci_package* package, const std::vecto
     if (!hasPlainTypes(package))
         return;
     const std::string memory = describe(package);
+    const auto check = [&](const char* what) {
+        RIG_CHECK(describe(package) == memory, "%s has changed the package\n", what);
+        const std::string seen = seenByOthers();
+        RIG_CHECK(seen == memory, "after %s others see\n%s\nnot\n%s\n", what, seen.c_str(), memory.c_str());
+    };
     RIG_CHECK(uci_save(context, package) == UCI_OK, "not saved\n");
-    RIG_CHECK(describe(package) == memory, "saving has changed the package\n");
-    RIG_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
+    check("saving");
     RIG_CHECK(uci_commit(context, &package, false) == UCI_OK, "not committed\n");
-    RIG_CHECK(describe(package) == memory, "committing has changed the package\n");
-    RIG_CHECK(seenByOthers() == memory, "others see\n%s\nnot\n%s\n", seenByOthers().c_str(), memory.c_str());
+    check("committing");
 }
 
 } // namespace
