@@ -113,9 +113,8 @@ void arrays(const std::string& json)
     size_t rest = 0;
     blob_for_each_attr (attribute, buffer.head, rest) {
         const OwnedJson array(json_alloc_get_json_array_from_blobmsg_array(attribute, blobmsg_name(attribute)));
-        if (array)
-            members(array.get());
         RIG_CHECK(!array || json_object_is_type(array.get(), json_type_array), "no array\n");
+        members(array.get());
         const OwnedJson other(json_alloc_get_json_array_from_blobmsg_array(attribute, "another name"));
     }
     blob_buf_free(&buffer);

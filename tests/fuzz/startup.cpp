@@ -24,7 +24,7 @@ Settings split(std::string_view text)
     return settings;
 }
 
-void callJson(const char* method, const char* json)
+void callJson(const char* method, const char* json = "{}")
 {
     const int32_t code = rig::call(method, json);
     checkState();
@@ -42,7 +42,7 @@ void tour(ScanProgress& scan)
 void live()
 {
     checkState();
-    callJson("getPresetAll", "{}");
+    callJson("getPresetAll");
     runWorkers(); // the calibration
     ScanProgress scan{0, 1};
     for (int cycle = 0; cycle < 6; ++cycle) {
@@ -53,9 +53,9 @@ void live()
     }
     for (const char* method : {"getCapa", "getStatus", "reloadPresetConfig", "reload_tour_info", "reload_scan_tour",
                                "updateImageConfig", "reloadTargetTrackConfig", "lensMask", "targetTrackBack"})
-        callJson(method, "{}");
+        callJson(method);
     callJson("delPreset", R"({"id":["1","2","3"]})");
-    callJson("clearPreset", "{}"); // from here on the table is the daemon's own work
+    callJson("clearPreset"); // from here on the table is the daemon's own work
     callJson("setPreset", R"({"id":"2","save_ptz":"1"})");
     callJson("gotoPreset", R"({"id":"2"})");
     tour(scan);

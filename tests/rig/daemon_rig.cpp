@@ -49,17 +49,30 @@ const Settings& deliveredSettings()
     return settings;
 }
 
-/// Every attribute of a message, at every depth, is whole.
-void checkWhole(const blob_attr* attribute)
+/// Checks that every attribute of a container, at every depth, is whole.
+void checkWhole(const blob_attr* container)
 {
     const blob_attr* child = nullptr;
     size_t rest = 0;
-    blobmsg_for_each_attr (child, attribute, rest) {
+    blobmsg_for_each_attr (child, container, rest) {
         RIG_CHECK(blobmsg_check_attr_len(child, false, rest), "a reply that is no blobmsg\n");
         if (blobmsg_type(child) == BLOBMSG_TYPE_TABLE || blobmsg_type(child) == BLOBMSG_TYPE_ARRAY)
             checkWhole(child);
     }
     RIG_CHECK(rest == 0, "%zu bytes behind a reply's last attribute\n", rest);
+}
+
+std::optional<int32_t> codeOf(const blob_attr* message)
+{
+    checkWhole(message);
+    const blob_attr* child = nullptr;
+    size_t rest = 0;
+    blob_for_each_attr (child, message, rest) {
+        const std::string_view name = blobmsg_name(child);
+        if (name == "error_code" || name == "err_code")
+            return static_cast<int32_t>(blobmsg_get_u32(child));
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -184,19 +197,15 @@ DaemonTimer& timerAt(unsigned index)
 
 } // namespace rig
 
-// What surrounds the daemon's modules.
+// What surrounds the daemon's modules. The linker puts __wrap_ functions in the place of the libraries' own.
+
+#pragma GCC diagnostic ignored "-Wmissing-declarations"
 
 extern "C" {
+
 uci_context* __real_uci_alloc_context();
-uci_context* __wrap_uci_alloc_context();
 int __real_uci_set(uci_context* context, uci_ptr* ptr);
-int __wrap_uci_set(uci_context* context, uci_ptr* ptr);
 int __real_uci_commit(uci_context* context, uci_package** package, bool overwrite);
-int __wrap_uci_commit(uci_context* context, uci_package** package, bool overwrite);
-int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message);
-int __wrap_nanosleep(const timespec*, timespec*);
-time_t __wrap_time(time_t* out);
-}
 
 uci_context* __wrap_uci_alloc_context()
 {
@@ -224,17 +233,7 @@ int __wrap_uci_commit(uci_context* context, uci_package** package, bool overwrit
 int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message)
 {
     ++fakes.replies;
-    blob_attr* child = nullptr;
-    size_t rest = 0;
-    blob_for_each_attr (child, message, rest) {
-        RIG_CHECK(blobmsg_check_attr_len(child, true, rest), "a reply that is no blobmsg\n");
-        if (blobmsg_type(child) == BLOBMSG_TYPE_TABLE || blobmsg_type(child) == BLOBMSG_TYPE_ARRAY)
-            checkWhole(child);
-        const std::string_view name = blobmsg_name(child);
-        if (name == "error_code" || name == "err_code")
-            fakes.code = static_cast<int32_t>(blobmsg_get_u32(child));
-    }
-    RIG_CHECK(rest == 0, "%zu bytes behind a reply's last attribute\n", rest);
+    fakes.code = codeOf(message);
     char* text = blobmsg_format_json(message, true);
     fakes.reply += text;
     free(text);
@@ -257,6 +256,8 @@ time_t __wrap_time(time_t* out)
         *out = fakes.now;
     return fakes.now;
 }
+
+} // extern "C"
 
 DaemonTimer timerRecord(void (*callback)(void*), void* argument)
 {

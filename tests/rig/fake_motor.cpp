@@ -5,6 +5,8 @@
 #include <stdarg.h>
 #include <string.h>
 
+#include <algorithm>
+
 FakeMotor fakeMotor;
 std::atomic<unsigned> fakeMotorAnswered;
 
@@ -15,9 +17,7 @@ constexpr int FIRST_FD = 1000; // no real descriptor of the test
 std::vector<FakeRequest> FakeMotor::sent(unsigned long number) const
 {
     std::vector<FakeRequest> found;
-    for (const FakeRequest& request : requests)
-        if (request.number == number)
-            found.push_back(request);
+    std::ranges::copy_if(requests, std::back_inserter(found), [&](const auto& one) { return one.number == number; });
     return found;
 }
 
@@ -36,11 +36,11 @@ void giveAxesFakeMotors()
     }
 }
 
+#pragma GCC diagnostic ignored "-Wmissing-declarations"
+
 extern "C" {
-int __wrap_ioctl(int fd, unsigned long number, ...);
+
 int __real_open(const char* path, int flags, ...);
-int __wrap_open(const char* path, int flags, ...);
-}
 
 int __wrap_open(const char* path, int flags, ...)
 {
@@ -83,3 +83,5 @@ int __wrap_ioctl(int fd, unsigned long number, ...)
     ++fakeMotorAnswered;
     return 0;
 }
+
+} // extern "C"

@@ -5,18 +5,17 @@
 
 #include <errno.h>
 
-extern "C" {
-#include <libubox/blobmsg.h>
-int __wrap_ubus_lookup_id(ubus_context*, const char*, uint32_t*);
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-}
+#pragma GCC diagnostic ignored "-Wmissing-declarations"
 
 // The daemon's own, under other names than the rig's fakes.
 int32_t realWorkerStart(void* (*routine)(void*), void* argument);
 bool realWorkersStop(int32_t timeoutMs);
 
 static bool noThreads;
+
+extern "C" {
+
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
 /// The answer for an object that is hidden from its caller.
 int __wrap_ubus_lookup_id(ubus_context*, const char*, uint32_t*)
@@ -28,6 +27,8 @@ int __wrap_pthread_create(pthread_t* out, const pthread_attr_t* attr, void* (*ro
 {
     return noThreads ? EAGAIN : __real_pthread_create(out, attr, routine, argument);
 }
+
+} // extern "C"
 
 namespace {
 

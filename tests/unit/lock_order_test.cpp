@@ -9,36 +9,11 @@
 
 namespace {
 
-constexpr LockRank RANKS[] = {LockRank::Motion, LockRank::MotionState, LockRank::ConfigStore, LockRank::Preset,
-                              LockRank::Bus};
-constexpr const char* NAMES[] = {"MotionLock", "MotionStateLock", "ConfigStoreLock", "PresetLock", "BusLock"};
-
-bool taken(Mutex& mutex, bool waiting) NO_THREAD_SAFETY_ANALYSIS
-{
-    if (!waiting)
-        return mutex.tryLock();
-    mutex.lock();
-    return true;
-}
-
-bool takeBoth(LockRank first, LockRank second, bool waiting) NO_THREAD_SAFETY_ANALYSIS
-{
-    Mutex outer(first);
-    Mutex inner(second);
-    outer.lock();
-    const bool both = taken(inner, waiting);
-    inner.unlock();
-    outer.unlock();
-    return both;
-}
-
-void takeAgain(RecursiveMutex& mutex) NO_THREAD_SAFETY_ANALYSIS
-{
-    mutex.lock();
-    mutex.lock();
-    mutex.unlock();
-    mutex.unlock();
-}
+constexpr std::pair<LockRank, const char*> LOCKS[] = {{LockRank::Motion, "MotionLock"},
+                                                      {LockRank::MotionState, "MotionStateLock"},
+                                                      {LockRank::ConfigStore, "ConfigStoreLock"},
+                                                      {LockRank::Preset, "PresetLock"},
+                                                      {LockRank::Bus, "BusLock"}};
 
 // Held down the side, taken along the top: + allowed, - against the order.
 constexpr const char* ALLOWED[] = {
@@ -49,38 +24,54 @@ constexpr const char* ALLOWED[] = {
     "-----", // BusLock
 };
 
+bool takeBoth(LockRank first, LockRank second, bool waiting = true) NO_THREAD_SAFETY_ANALYSIS
+{
+    Mutex outer(first);
+    Mutex inner(second);
+    outer.lock();
+    bool both = true;
+    if (waiting)
+        inner.lock();
+    else
+        both = inner.tryLock();
+    inner.unlock();
+    outer.unlock();
+    return both;
+}
+
 TEST(LockOrder, AcceptsTheOrderAndAbortsOnEverythingElse)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (size_t held = 0; held < std::size(RANKS); ++held) {
-        for (size_t next = 0; next < std::size(RANKS); ++next) {
-            SCOPED_TRACE(std::string(NAMES[next]) + " after " + NAMES[held]);
-            if (ALLOWED[held][next] == '+') {
-                EXPECT_TRUE(takeBoth(RANKS[held], RANKS[next], true));
-                EXPECT_TRUE(takeBoth(RANKS[held], RANKS[next], false));
-                continue;
-            }
-            const std::string text =
-                std::string("^lock order: ") + NAMES[next] + " taken while " + NAMES[held] + " is held\n";
-            EXPECT_EXIT((void)takeBoth(RANKS[held], RANKS[next], true), testing::KilledBySignal(SIGABRT), text);
+    for (size_t held = 0; held < std::size(LOCKS); ++held) {
+        for (size_t next = 0; next < std::size(LOCKS); ++next) {
+            const auto [outer, outerName] = LOCKS[held];
+            const auto [inner, innerName] = LOCKS[next];
+            const std::string what = std::string(innerName) + " taken while " + outerName + " is held\n";
+            if (ALLOWED[held][next] == '+')
+                EXPECT_TRUE(takeBoth(outer, inner) && takeBoth(outer, inner, false)) << what;
+            else
+                EXPECT_EXIT((void)takeBoth(outer, inner), testing::KilledBySignal(SIGABRT), "^lock order: " + what);
         }
     }
     EXPECT_EXIT((void)takeBoth(LockRank::Bus, LockRank::Motion, false), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST(LockOrder, ForgetsWhatWasGivenBackAndKnowsThreadsApart)
+TEST(LockOrder, KnowsThreadsApartAndWhatWasReleased)
 {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     RecursiveMutex store(LockRank::ConfigStore);
     {
         const RecursiveLockGuard once(store);
-        takeAgain(store);
+        [&]() NO_THREAD_SAFETY_ANALYSIS {
+            store.lock();
+            store.unlock();
+        }();
         // Another thread may take what this one must not.
-        std::thread([] { EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus, true)); }).join();
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        EXPECT_EXIT((void)takeBoth(LockRank::Motion, LockRank::Bus, true), testing::KilledBySignal(SIGABRT),
+        std::thread([] { EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus)); }).join();
+        EXPECT_EXIT((void)takeBoth(LockRank::Motion, LockRank::Bus), testing::KilledBySignal(SIGABRT),
                     "MotionLock taken while ConfigStoreLock is held");
     }
-    EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus, true));
+    EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus));
 }
 
 } // namespace
