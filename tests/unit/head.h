@@ -40,10 +40,24 @@ protected:
         fakeMotor.capability[TILT].max_speed = gContext.axes[TILT].max_speed = 6;
         fakeMotor.status[TILT].speed = 3; // pan's is 4
     }
+    /// A section of a package's file.
+    static std::string section(const std::string& type, const std::string& name,
+                               const std::vector<std::pair<std::string, std::string>>& options)
+    {
+        std::string text = "config " + type + " '" + name + "'\n";
+        for (const auto& [option, value] : options)
+            text += "\toption " + option + " '" + value + "'\n";
+        return text;
+    }
     static std::string position(int pan, int tilt)
     {
-        return "config motor 'x_motor'\n\toption steps '" + std::to_string(pan) +
-               "'\nconfig motor 'y_motor'\n\toption steps '" + std::to_string(tilt) + "'\n";
+        return section("motor", "x_motor", {{"steps", std::to_string(pan)}}) +
+               section("motor", "y_motor", {{"steps", std::to_string(tilt)}});
+    }
+    /// The switch of the lens mask, or of the tracking, as it is stored.
+    static std::string enabled(const std::string& name, const std::string& value)
+    {
+        return section("info", name, {{"enabled", value}});
     }
 
     /// Calls a method with a JSON object of arguments. @return its reply as compact JSON.
@@ -68,9 +82,9 @@ protected:
     {
         return std::count(fakes.reports.begin(), fakes.reports.end(), FakeReport{function, text + "\n"}) == 1;
     }
-    static void mask(const char* enabled)
+    static void mask(const char* value)
     {
-        rig::store("lens_mask", std::string("config lens_mask 'lens_mask_info'\n\toption enabled '") + enabled + "'\n");
+        rig::store("lens_mask", enabled("lens_mask_info", value));
         EXPECT_EQ(call("lensMask"), errCode(RESULT_OK));
     }
 

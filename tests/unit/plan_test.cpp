@@ -13,16 +13,12 @@ protected:
         Head::SetUp();
         ASSERT_EQ(TourInit(), 0);
     }
-    /// A section of the stored plan.
-    static std::string section(const std::string& name, int start, const std::string& end, const std::string& action,
-                               const std::string& id = "")
+    /// A range of the stored plan.
+    static std::string stored(const std::string& name, const char* start, const char* end, const char* action,
+                              const char* id)
     {
-        const auto option = [](const char* key, const std::string& value) {
-            return std::string("\toption ") + key + " '" + value + "'\n";
-        };
-        return "config " + name.substr(0, name.find('_')) + " '" + name + "'\n" +
-               option("start_time", std::to_string(start)) + option("end_time", end) + option("action_type", action) +
-               (id.empty() ? "" : option("action_id", id));
+        return section(name.substr(0, name.find('_')), name,
+                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
     }
     /// An element of a request's weekday.
     static std::string range(const std::string& name, int start, int end, const std::string& rest)
@@ -54,8 +50,11 @@ protected:
 
 TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
 {
-    rig::store("ptz_plan", section("friday_7", 1, "2", "disable") + section("sunday_1", 480, "720", "preset", "2x") +
-                               section("sunday_2", 720, "1440", "preset") + section("tuesday_3", 1, "2", "goto"));
+    const std::string withoutId =
+        section("sunday", "sunday_2", {{"start_time", "720"}, {"end_time", "1440"}, {"action_type", "preset"}});
+    rig::store("ptz_plan", stored("friday_7", "1", "2", "disable", "1") +
+                               stored("sunday_1", "480", "720", "preset", "2x") + withoutId +
+                               stored("tuesday_3", "1", "2", "goto", "1"));
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
     EXPECT_EQ(entry(5, 0).valid, 0);
     EXPECT_EQ(entry(5, 6).valid, 1) << "a gap before it is allowed";
@@ -68,7 +67,8 @@ TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
     EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
     EXPECT_EQ(fakes.reports.back().text, "week[2] error!\n");
 
-    rig::store("ptz_plan", section("sunday_1", 1, "2", "preset") + section("saturday_10", 1, "x", "preset"));
+    rig::store("ptz_plan",
+               stored("sunday_1", "1", "2", "preset", "1") + stored("saturday_10", "1", "x", "preset", "1"));
     EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
     EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
     EXPECT_EQ(entry(0, 0).valid, 0) << "an entry that cannot be read empties the plan";
@@ -120,8 +120,7 @@ TEST_F(Plan, ActionIdsHave64BytesAtMost)
 // The request that came last is what presets are taken out of.
 TEST_F(Plan, LosesThePresetsThatAreDeleted)
 {
-    const std::string before = section("monday_1", 1, "2", "preset", "1");
-    rig::store("ptz_plan", before);
+    rig::store("ptz_plan", stored("monday_1", "1", "2", "preset", "1"));
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
     for (const char* method : {"delPreset", "clearPreset"})
         EXPECT_EQ(call(method, R"({"id":["1"]})"), code(PLAN_OK));

@@ -15,22 +15,14 @@ protected:
         ASSERT_EQ(reloadPresetList(), RESULT_OK);
     }
     /// A stored preset; `without` leaves an option out.
-    static std::string section(int slot, int id, int enabled, const std::string& without = "")
+    static std::string preset(int slot, int id, int enabled, const std::string& without = "")
     {
-        std::string text = "config preset 'preset_" + std::to_string(slot) + "'\n";
-        const std::pair<std::string, std::string> options[] = {
-            {"id", std::to_string(id)},
-            {"read_only", "1"},
-            {"name", "door"},
-            {"position_pan", "-0.25"},
-            {"position_tilt", "0.5"},
-            {"position_zoom", "0.125"},
-            {"enabled", std::to_string(enabled)},
-        };
-        for (const auto& [name, value] : options)
-            if (name != without)
-                text += "\toption " + name + " '" + value + "'\n";
-        return text;
+        std::vector<std::pair<std::string, std::string>> options = {
+            {"id", std::to_string(id)},          {"read_only", "1"},       {"name", "door"},
+            {"position_pan", "-0.25"},           {"position_tilt", "0.5"}, {"position_zoom", "0.125"},
+            {"enabled", std::to_string(enabled)}};
+        std::erase_if(options, [&](const auto& option) { return option.first == without; });
+        return section("preset", "preset_" + std::to_string(slot), options);
     }
     static PresetEntry slot(int number)
     {
@@ -54,7 +46,7 @@ protected:
 TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
 {
     gContext.tour.tourCurrentPresetId.store(4);
-    rig::store("ptzd", section(2, 5, 1) + section(3, 6, 0) + section(8, 1, 1, "name"));
+    rig::store("ptzd", preset(2, 5, 1) + preset(3, 6, 0) + preset(8, 1, 1, "name"));
     ASSERT_EQ(reloadPresetList(), RESULT_OK);
     PresetEntry found{};
     ASSERT_TRUE(presetFind(5, found));
@@ -77,7 +69,7 @@ TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
     gContext.tour.tourCurrentPresetId.store(4);
     for (const char* option : {"id", "position_pan", "position_tilt", "position_zoom", "read_only", "enabled"}) {
         fakes.reports.clear();
-        rig::store("ptzd", section(1, 1, 1) + section(2, 2, 1, option) + section(3, 3, 1));
+        rig::store("ptzd", preset(1, 1, 1) + preset(2, 2, 1, option) + preset(3, 3, 1));
         EXPECT_EQ(reloadPresetList(), ERR_DEVICE);
         EXPECT_TRUE(reported("reloadPresetList", "preset_2." + std::string(option) + " is NULL")) << option;
         PresetEntry found{};
@@ -90,7 +82,7 @@ TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
 TEST_F(Presets, AnEnabledSectionWithAForeignIdIsAFreeSlot)
 {
     rig::store("ptzd",
-               section(1, 0, 1) + section(2, 9, 1) + section(3, -2147483647, 1) + section(4, 9, 0) + section(5, 8, 1));
+               preset(1, 0, 1) + preset(2, 9, 1) + preset(3, -2147483647, 1) + preset(4, 9, 0) + preset(5, 8, 1));
     EXPECT_EQ(reloadPresetList(), RESULT_OK);
     for (const int number : {1, 2, 3, 4})
         EXPECT_EQ(slot(number).enabled, 0) << number;
@@ -101,7 +93,7 @@ TEST_F(Presets, AnEnabledSectionWithAForeignIdIsAFreeSlot)
 
 TEST_F(Presets, ReadOnlyOnesAreNotOverwrittenButCleared)
 {
-    rig::store("ptzd", SETTINGS + section(1, 3, 1));
+    rig::store("ptzd", SETTINGS + preset(1, 3, 1));
     ASSERT_EQ(reloadPresetList(), RESULT_OK);
     EXPECT_EQ(setNamed("3", "new"), code(ERR_READ_ONLY));
     EXPECT_EQ(call("clearPreset"), code(0));

@@ -46,13 +46,6 @@ protected:
     }
 };
 
-TEST_F(SaveRace, AMotionThatStartsMeanwhileIsSavedToo)
-{
-    saveDuringWhich(saveStepsArm);
-    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer));
-    EXPECT_TRUE(gContext.position.savePending.load());
-}
-
 TEST_F(SaveRace, NothingIsSavedBetweenTheRotationsOfACalibration)
 {
     saveStepsArm();
@@ -69,8 +62,10 @@ TEST_F(SaveRace, NothingIsSavedBetweenTheRotationsOfACalibration)
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
 }
 
-TEST_F(SaveRace, ANewerSaveCounts)
+TEST_F(SaveRace, WhatComesMeanwhileCounts)
 {
+    saveDuringWhich(saveStepsArm); // a motion starts, which must be saved too
+    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer) && gContext.position.savePending.load());
     standAt(1000, 300);
     saveDuringWhich([] {
         standAt(2000, 600);
@@ -237,36 +232,11 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
 }
 
-// A file that could not be read for a moment, and is there again.
-TEST_F(SaveRace, ARepairedFileIsReadAgainByWhoeverReturnsThere)
-{
-    const auto repaired = [&] {
-        rig::store("ptzd", "config motor 'x_motor");
-        EXPECT_NE(cfg_uci_pkg_reload(UCI_PTZD), 0);
-        rig::store("ptzd", position(1800, 700));
-        fakeMotor.requests.clear();
-    };
-    const std::string there = "pan move 300 at 8, tilt move 90 at 6";
-    repaired();
-    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
-    EXPECT_EQ(driven(), there);
-    restAt(1500, 610);
-    repaired();
-    lensMaskSetEnabled(1);
-    mask("off");
-    EXPECT_EQ(driven(), there);
-    restAt(1500, 610);
-    repaired();
-    motion.motion_origin.store(ORIGIN_TRACK);
-    EXPECT_EQ(call("targetTrackBack"), code(RESULT_OK));
-    EXPECT_EQ(driven(), "pan move 300 at 4, tilt move 90 at 3");
-}
-
 TEST_F(SaveRace, AMaskWhoseMotionFailedIsNotSavedUntilAUserMovesTheHead)
 {
     const Position where{1500, 610};
     fakeMotor.fail(PAN, MOTOR_IOC_MOVE);
-    rig::store("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
+    rig::store("lens_mask", enabled("lens_mask_info", "on"));
     EXPECT_EQ(call("lensMask"), errCode(ERR_DEVICE));
     fakeMotor.failing.clear();
     standAt(1500, 0); // tilt was sent all the same
@@ -293,9 +263,8 @@ TEST_F(SaveRace, ARefusedReturnStillEndsTheTrackingEpisode)
 
 TEST_F(SaveRace, TrackingThatIsSwitchedOffBringsBackOnlyWhatItHasMoved)
 {
-    const auto tracking = [](const char* enabled) {
-        rig::store("target_track",
-                   std::string("config target_track 'target_track_info'\n\toption enabled '") + enabled + "'\n");
+    const auto tracking = [](const char* value) {
+        rig::store("target_track", enabled("target_track_info", value));
         EXPECT_EQ(call("reloadTargetTrackConfig"), errCode(RESULT_OK));
     };
     const struct {

@@ -21,9 +21,9 @@ protected:
 
 TEST_F(Start, TakesTheHeadToWhereItWasOrHome)
 {
-    const std::string off = "config ptzd 'config'\n\toption power_off_recover '0'\n";
-    const std::string masked = "config lens_mask 'lens_mask_info'\n\toption enabled 'ON'\n";
-    const std::string factory = "config diagd 'factory_mode'\n\toption enabled '1'\n"; // nothing rotates
+    const std::string off = section("ptzd", "config", {{"power_off_recover", "0"}});
+    const std::string masked = enabled("lens_mask_info", "ON");
+    const std::string factory = enabled("factory_mode", "1"); // nothing rotates
     const struct {
         Settings settings;
         std::string pan, tilt;
@@ -49,9 +49,9 @@ TEST_F(Start, LoadsItsSwitchesBeforeAnythingMoves)
 {
     const Settings settings = {
         {"ptzd", position(1000, 200)},
-        {"image", "config image 'switch'\n\toption flip_type 'center'\n"},
-        {"target_track", "config target_track 'target_track_info'\n\toption enabled 'on'\n"},
-        {"lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n"},
+        {"image", section("image", "switch", {{"flip_type", "center"}})},
+        {"target_track", enabled("target_track_info", "on")},
+        {"lens_mask", enabled("lens_mask_info", "on")},
     };
     atNext(PAN, MOTOR_IOC_GET_CAPA, [] { EXPECT_EQ(motionBusy(), ERR_CALIBRATING) << "a tour could begin"; });
     EXPECT_EQ(start(settings,

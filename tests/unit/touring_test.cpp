@@ -21,32 +21,33 @@ protected:
         fakes.workers.clear(); // the cycles are called here
         scan = {gContext.tour.scanTourInfo->x_coord_start, 1};
     }
-    static void scanTour(const std::string& enabled, int from, int to, int start, int end, int type = 1)
+    static void scanTour(const std::string& enabled, int from, int to, int start, int end, const char* type = "1")
     {
-        const auto option = [](const char* name, int value) {
-            return std::string("\toption ") + name + " '" + std::to_string(value) + "'\n";
-        };
-        rig::store("tour", "config tour 'tour_info'\n\toption enabled '" + enabled + "'\n" + option("tour_type", type) +
-                               "config scan_tour 'scan_tour'\n" + option("x_coord_start", from) +
-                               option("x_coord_end", to) + option("start_time", start) + option("end_time", end));
+        rig::store("tour", section("tour", "tour_info", {{"enabled", enabled}, {"tour_type", type}}) +
+                               section("scan_tour", "scan_tour",
+                                       {{"x_coord_start", std::to_string(from)},
+                                        {"x_coord_end", std::to_string(to)},
+                                        {"start_time", std::to_string(start)},
+                                        {"end_time", std::to_string(end)}}));
+    }
+    static std::string range(const char* name, const char* start, const char* end, const char* action, const char* id)
+    {
+        return section("monday", name,
+                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
     }
     /// Mondays from 8:00 to 12:00 at preset 3, coordinate 75, and then for an hour at preset 4, coordinate -75.
     void presetTour()
     {
-        scanTour("on", 0, 0, 0, 0, 2);
+        scanTour("on", 0, 0, 0, 0, "2");
         reload();
         for (const auto& [id, pan] : {std::pair{"3", 2250}, {"4", 750}}) {
             standAt(pan, 610);
             (void)call("setPreset", std::string(R"({"save_ptz":"1","id":")") + id + "\"}");
         }
         standAt(1500, 610);
-        const auto entry = [](const char* start, const char* end, const char* action, const char* id) {
-            return std::string("\toption start_time '") + start + "'\n\toption end_time '" + end +
-                   "'\n\toption action_type '" + action + "'\n\toption action_id '" + id + "'\n";
-        };
-        rig::store("ptz_plan", "config monday 'monday_1'\n" + entry("480", "720", "preset", "3") +
-                                   "config monday 'monday_2'\n" + entry("720", "780", "preset", "4") +
-                                   "config monday 'monday_3'\n" + entry("780", "800", "disable", "3"));
+        rig::store("ptz_plan", range("monday_1", "480", "720", "preset", "3") +
+                                   range("monday_2", "720", "780", "preset", "4") +
+                                   range("monday_3", "780", "800", "disable", "3"));
         gContext.tour.planChanged.store(1);
     }
     /// 1 January 1978 was a Sunday.
