@@ -1,6 +1,5 @@
 // The process entry of the pan/tilt motor daemon.
 
-#include "core/context.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"

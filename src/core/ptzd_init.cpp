@@ -1,7 +1,6 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
-#include "core/context.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"

@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "motor/coordinates.h"
 #include "ubus/method_reply.h"
 
 #include <string.h>

@@ -2,9 +2,17 @@
 #pragma once
 
 #include "core/context.h"
+#include "motor/motor_device.h"
 #include "ubus/bus_door.h"
 
 #include <stdint.h>
+
+/// What a calibration run does with one axis.
+struct CalibrationTarget {
+    int32_t fd;
+    int32_t returnSteps; // absolute position to finish at
+    int32_t totalSteps;
+};
 
 inline constexpr int32_t DEFAULT_SPEED[AXIS_COUNT] = {4, 4};
 

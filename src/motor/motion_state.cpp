@@ -54,7 +54,7 @@ bool announceFromRest(int32_t origin) REQUIRES(gContext.motion.MotionStateLock)
 void countAsUserMotion() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.user_moved_recently.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
 }
 
 void beginUser() REQUIRES(gContext.motion.MotionStateLock)
@@ -74,14 +74,14 @@ void beginTrack() REQUIRES(gContext.motion.MotionStateLock)
     if (!announceFromRest(ORIGIN_TRACK))
         return;
     gContext.motion.track_back_done.store(0);
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
 }
 
 void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.user_moved_recently.store(1);
     if (announceFromRest(ORIGIN_USER))
-        gContext.tour.tourCurrentPresetId.store(0);
+        gContext.motion.tourCurrentPresetId.store(0);
     else
         gContext.motion.motion_origin.store(ORIGIN_USER);
 }
@@ -114,7 +114,7 @@ void userQuietStart() REQUIRES(gContext.motion.MotionStateLock)
 
 void scanQuietStart() REQUIRES(gContext.motion.MotionStateLock)
 {
-    if (gContext.tour.scanStepDone.load() != 0)
+    if (gContext.motion.scanStepDone.load() != 0)
         return;
     gContext.motion.quietPeriods.fetch_add(1);
     timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
@@ -271,7 +271,7 @@ bool motionBeginTour(uint32_t ticket, bool toPreset)
         gContext.motion.tourTicket = ticket;
         (void)announceFromRest(ORIGIN_TOUR);
         if (!toPreset)
-            gContext.tour.tourCurrentPresetId.store(0);
+            gContext.motion.tourCurrentPresetId.store(0);
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;

@@ -6,7 +6,9 @@
 #pragma once
 
 #include "core/context.h"
+#include "core/motion.h"
 #include "core/result_code.h"
+#include "core/timer.h"
 #include "motor/motor_device.h"
 
 #include <stdint.h>

@@ -1,6 +1,7 @@
 #include "motor/motor_report.h"
 
 #include "core/log.h"
+#include "core/motion.h"
 #include "core/numbers.h"
 #include "core/shutdown.h"
 #include "motor/calibration.h"

@@ -1,7 +1,7 @@
 // Opening the motors, and the methods that report on them.
 #pragma once
 
-#include "core/context.h"
+#include "motor/motor_device.h"
 #include "ubus/bus_door.h"
 
 #include <stdint.h>

@@ -70,7 +70,7 @@ void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
     LockGuard hold(gContext.motion.MotionStateLock);
     if (gContext.motion.track_back_done.load() != 0)
         return;
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
     gContext.motion.track_back_done.store(1);
     gContext.motion.user_moved_recently.store(1);
     quietPeriodsStart();

@@ -1,14 +1,36 @@
 // The stored position of the head: saved after user motions, restored at start, returned to after tracking.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 #include "core/result_code.h"
+#include "core/timer.h"
+#include "motor/motor_device.h"
 #include "ubus/bus_door.h"
 
 #include <stdint.h>
 
+#include <atomic>
+
 inline constexpr int64_t SAVE_STEPS_NS = 10 * NS_PER_SECOND;
 inline constexpr blobmsg_policy powerOffRecoverPolicy[] = {{"recover", BLOBMSG_TYPE_STRING}};
+
+/// Whether the head's position may be stored.
+enum class Saves : int32_t {
+    Allowed,
+    Inhibited,     // the head is in the lens mask's zone, or may be
+    AllowedAtRest, // it is on its way out of there
+};
+
+/// Owner: motor/position_store.
+struct PositionState {
+    std::atomic<int32_t> power_off_recover{1}; // core/ptzd_init loads it
+    std::atomic<uint32_t> saveRequests{0};     // counts the armings of saveStepsTimer
+    std::atomic<bool> savePending{false};      // armed and not saved yet
+    std::atomic<Saves> saves{Saves::Allowed};
+    std::atomic<uint32_t> saveEpoch{0}; // this and the two below: see position_store.cpp
+    std::atomic<uint32_t> savesBegun{0};
+    uint32_t lastSaved = 0; // under ConfigStoreLock
+};
 
 /// Arms or re-arms saveStepsTimer when power-off recovery is on, after a command of a user. Thread: event loop; no
 /// lock.

@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "core/motion.h"
 #include "motor/motor_device.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"

@@ -1,9 +1,10 @@
 // Turning the head to a preset.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 #include "core/result_code.h"
 #include "motor/tour_motion.h"
+#include "preset/preset_store.h"
 #include "ubus/bus_door.h"
 
 #include <stdint.h>

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "core/motion.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"

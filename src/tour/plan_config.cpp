@@ -2,7 +2,7 @@
 
 #include "config/json_helpers.h"
 #include "core/log.h"
-#include "tour/plan.h"
+#include "tour/tour_state.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "core/log.h"
 #include "core/result_code.h"
+#include "tour/tour_state.h"
 #include "ubus/method_reply.h"
 
 int32_t tour_load_config(TourInfo* info)

@@ -5,7 +5,7 @@
 // for but the bus daemon's own answer. Results are the library's: 0 for success, else its status.
 #pragma once
 
-#include "core/context.h"
+#include "ubus/ubus_state.h"
 
 #include <stdint.h>
 

@@ -3,7 +3,7 @@
 // Thread: event loop only; replyBuf needs no lock. The sending calls take BusLock.
 #pragma once
 
-#include "core/context.h"
+#include "core/bus_library.h"
 #include "core/result_code.h"
 
 #include <stdint.h>

@@ -1,6 +1,7 @@
 #include "ubus/notify.h"
 
 #include "core/log.h"
+#include "core/timer.h"
 #include "core/worker.h"
 #include "ubus/bus_door.h"
 #include "ubus/method_reply.h"

@@ -1,14 +1,19 @@
 #include "daemon_rig.h"
 
+#include "config/uci_state.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
 #include "motion/quiet_period.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
+#include "tour/tour_state.h"
 #include "ubus/bus_door.h"
 #include "ubus/method_table.h"
 #include "ubus/notify.h"
@@ -103,11 +108,19 @@ void provideSettings(const Settings& settings)
     }
 }
 
+template <typename... Parts>
+void renew(Parts&... parts)
+{
+    (std::destroy_at(&parts), ...);
+    (std::construct_at(&parts), ...);
+}
+
 /// As main() does.
 void prepareContext()
 {
-    std::destroy_at(&gContext);
-    std::construct_at(&gContext);
+    renew(gContext.axes, gContext.timers, gContext.calibrationArg, gContext.motion, gContext.position,
+          gContext.panorama, gContext.track, gContext.preset, gContext.tour, gContext.image, gContext.ubus,
+          gContext.config);
     lensMaskSetEnabled(0);
     Timers& timers = gContext.timers;
     timers.saveStepsTimer = timerRecord(saveCurSteps, nullptr);
@@ -263,9 +276,9 @@ void DaemonRig::checkPresetsStored()
         FUZZ_CHECK(entry.id >= 1 && entry.id <= PRESET_COUNT, "slot %d: id %d\n", slot, entry.id);
         FUZZ_CHECK(memory.presetSlotOfId[entry.id - 1] == slot, "id %d is in two slots, or in none\n", entry.id);
     }
-    const int32_t current = gContext.tour.tourCurrentPresetId.load();
+    const int32_t current = gContext.motion.tourCurrentPresetId.load();
     FUZZ_CHECK(reloadPresetList() == RESULT_OK, "what was stored cannot be read\n");
-    gContext.tour.tourCurrentPresetId.store(current);
+    gContext.motion.tourCurrentPresetId.store(current);
     const PresetTable file = presetTableNow();
     for (int32_t slot = 1; slot <= PRESET_COUNT; ++slot) {
         PresetEntry entry = memory.presetTable[slot - 1];
