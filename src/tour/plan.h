@@ -5,7 +5,7 @@
 #pragma once
 
 #include "core/context.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <stdint.h>
 

@@ -1,6 +1,6 @@
 #include "ubus/method_reply.h"
 
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <charconv>
 

@@ -15,7 +15,7 @@
 #include "preset/preset_methods.h"
 #include "tour/plan.h"
 #include "tour/tour_config.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <span>
 

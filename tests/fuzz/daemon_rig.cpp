@@ -9,7 +9,7 @@
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 #include "ubus/notify.h"
 #include "ubus/ubus_service.h"

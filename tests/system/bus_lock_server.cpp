@@ -2,7 +2,7 @@
 // daemon's place in a lab, so that bus_lock_test.cpp can tell what its callers feel of the notifications.
 
 #include "core/worker.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_reply.h"
 #include "ubus/notify.h"
 

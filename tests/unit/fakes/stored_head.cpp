@@ -2,7 +2,7 @@
 
 #include "config/uci_store.h"
 #include "preset/preset_store.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// The door to the bus library: every call that it gets from us is made here, under BusLock.
+// The adapter of the bus library: every call to it is made here, under BusLock.
 //
 // The library keeps one output buffer and one table of parsed attributes for the whole process, so its calls must not
 // overlap, whatever connection they are for. BusLock is the innermost lock and is never held while something is waited

@@ -1,5 +1,5 @@
-#define PTZD_BUS_DOOR
-#include "ubus/bus_door.h"
+#define PTZD_BUS_ADAPTER
+#include "ubus/bus_adapter.h"
 
 #include <poll.h>
 
