@@ -52,7 +52,7 @@ void save(const SaveTicket& ticket)
     for (const AxisIndex axis : {PAN, TILT}) {
         const char* section = gContext.axes[axis].section;
         if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            logWrite(LOG_LEVEL_ERROR, "saveCurSteps", __LINE__, "error to set option %s.steps\n", section);
+            logWrite(LOG_LEVEL_ERROR, {"saveCurSteps", __LINE__}, "error to set option %s.steps\n", section);
     }
     (void)transaction.commit(); // logged there; the next motion saves again
     disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this

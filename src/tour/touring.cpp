@@ -134,7 +134,7 @@ const char* scanStep(uint32_t ticket, ScanProgress& scan)
     if (gContext.tour.scanStepDone.load() == 0 || !localNow(now) ||
         !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
         return nullptr;
-    logWrite(LOG_LEVEL_ERROR, "motorTouring", __LINE__, "cur_xoord is %d\n", scan.coord);
+    logWrite(LOG_LEVEL_ERROR, {"motorTouring", __LINE__}, "cur_xoord is %d\n", scan.coord);
     switch (scanMove(ticket, scan.coord)) {
     case TourMove::Failed:
         return "scan tour move err\n";

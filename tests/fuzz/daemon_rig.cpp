@@ -428,9 +428,9 @@ int32_t shutdownInit()
     return 0;
 }
 
-void logWrite(int, const char*, int, const char* format, ...)
+void logWrite(LogLevel, LogSite, const char* format, ...)
 {
-    char text[1024]; // formatted for the sanitizers' sake, whatever the level
+    char text[1024]; // formatted for the sanitizers' sake
     va_list args;
     va_start(args, format);
     (void)vsnprintf(text, sizeof(text), format, args);
