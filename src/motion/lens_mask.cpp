@@ -43,19 +43,19 @@ int32_t lensMaskTiltSteps()
 }
 
 // Reports under its own name, so the writes and reads of both axes' positions stand here.
-int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusLensMask(const Call& call)
 {
     int32_t wanted = 0;
     ResultCode result = RESULT_OK;
     if (nothingToFollow(wanted, result))
-        return replyErrCode(connection, request, result);
+        return replyErrCode(call, result);
     // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
     // inhibited, and one that this begins allows them before its own end is seen.
     const MotionStartScope start;
     MotorStatus status[AXIS_COUNT] = {};
     result = motionTakeOver(status[PAN], status[TILT]);
     if (result != RESULT_OK)
-        return replyErrCode(connection, request, result);
+        return replyErrCode(call, result);
 
     motionBegin(MotionBegin::LensMask);
     int32_t target[AXIS_COUNT] = {status[PAN].position, lensMaskTiltSteps()};
@@ -89,5 +89,5 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
             savesAllowAtRest();
     }
     motionStarted();
-    return replyErrCode(connection, request, result);
+    replyErrCode(call, result);
 }

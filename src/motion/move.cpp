@@ -49,30 +49,20 @@ ResultCode stopHead()
     return result;
 }
 
-int ubusMoveMotor(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotor(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHead(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHead);
 }
 
-int ubusMoveMotorTo(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotorTo(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHeadTo(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHeadTo);
 }
 
-int ubusStopMotorRotate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStopMotorRotate(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, stopHead());
+    replyCode(call, stopHead());
 }

@@ -111,7 +111,7 @@ int32_t calibrationStart()
     return -1;
 }
 
-int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusManualCalibrate(const Call& call)
 {
     ResultCode result = prepareManualCalibration();
     if (result == RESULT_OK && calibrationStart() != 0) {
@@ -120,5 +120,5 @@ int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_dat
     }
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core/context.h"
-#include "ubus/bus_adapter.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

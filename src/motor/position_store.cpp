@@ -183,12 +183,11 @@ ResultCode moveToLastPostion()
     return result;
 }
 
-int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                           blob_attr* message)
+void ubusSetPowerOffRecover(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(powerOffRecoverPolicy)];
-    parseArgs(powerOffRecoverPolicy, args, message);
+    parseArgs(powerOffRecoverPolicy, args, call);
     const int32_t recover = args[0] ? decimalArg(args[0]) : -1;
     ResultCode result = RESULT_OK;
     {
@@ -203,5 +202,5 @@ int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_
         }
         (void)transaction.commit(); // reported there; memory keeps the new value either way
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -4,7 +4,7 @@
 #include "core/context.h"
 #include "core/result_code.h"
 #include "motor/tour_motion.h"
-#include "ubus/bus_adapter.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

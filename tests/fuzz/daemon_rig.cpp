@@ -451,10 +451,9 @@ BusGuard::~BusGuard() NO_THREAD_SAFETY_ANALYSIS
 {
 }
 
-int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
-             const char* method, blob_attr* message)
+void busServe(UbusHandler* handler, const Call& call)
 {
-    return handler(connection, object, request, method, message);
+    handler(call);
 }
 
 int busSendReply(ubus_context*, ubus_request_data*, blob_attr* message)
