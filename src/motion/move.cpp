@@ -10,7 +10,7 @@
 
 ResultCode moveHead(int32_t dx, int32_t dy)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = takeOverForDisplacement({flipped(PAN, dx), flipped(TILT, dy)}, steps);
@@ -27,7 +27,7 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
     int32_t target[AXIS_COUNT];
     if (!targetSteps(xCoord, yCoord, target))
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -41,7 +41,7 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
 
 ResultCode stopHead()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = motionHalt();
     motionSettle(MotionSettle::Stop);

@@ -18,10 +18,8 @@ constexpr int32_t START_Y = -10;
 
 ResultCode goToStart()
 {
-    if (gContext.motion.calibrating.load() != 0)
-        return ERR_CALIBRATING;
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK); busy != RESULT_OK)
+        return busy;
     int32_t target[AXIS_COUNT];
     if (!targetSteps(START_X, START_Y, target))
         return ERR_PARAM;

@@ -137,7 +137,7 @@ ResultCode stepHead(int32_t direction)
     const StepSector* sector = sectorOf(direction);
     if (!sector)
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};

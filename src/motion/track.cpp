@@ -40,7 +40,7 @@ ResultCode leaveTracking()
 
 ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -83,9 +83,9 @@ void ubusReloadTargetTrackConfig(const Call& call)
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
     (void)loadTargetTrackConfig(); // always 0
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
-    if (!switchedOff || gContext.motion.calibrating.load() != 0 || lensMaskEnabled() != 0)
+    if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
         return replyErrCode(call, RESULT_OK);
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return replyErrCode(call, ERR_PANORAMA);
+    if (const ResultCode busy = refusedBy(PANORAMA); busy != RESULT_OK)
+        return replyErrCode(call, busy);
     replyErrCode(call, leaveTracking());
 }

@@ -83,7 +83,7 @@ void* ptzdCali(void* argument)
 /// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
 ResultCode prepareManualCalibration()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};

@@ -5,6 +5,7 @@
 #include "core/shutdown.h"
 #include "motor/calibration.h"
 #include "motor/coordinates.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "motor/position_store.h"
 #include "ubus/method_reply.h"
@@ -96,5 +97,5 @@ void ubusGetMotorStatus(const Call& call)
 
 void ubusCheckMotorStatus(const Call& call)
 {
-    replyErrCode(call, gContext.motion.calibrating.load() != 0 ? ERR_CALIBRATING : RESULT_OK);
+    replyErrCode(call, refusedBy(CALIBRATING));
 }

@@ -139,7 +139,7 @@ StoredPosition storedPosition()
 ResultCode moveToLastPostion()
 {
     endTracking();
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
 
     const StoredPosition target = storedPosition();

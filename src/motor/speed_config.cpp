@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
@@ -45,8 +46,8 @@ void commitSpeeds(const int32_t (&set)[AXIS_COUNT])
 /// Sets what the call asks for; `set` receives the speeds that are to be committed. Logs under the handler's name.
 ResultCode setConfig(blob_attr* const (&args)[SPEED_ARG_COUNT], int32_t (&set)[AXIS_COUNT], LogSite handler = logSite())
 {
-    if (gContext.motion.calibrating.load() != 0)
-        return ERR_CALIBRATING;
+    if (const ResultCode busy = refusedBy(CALIBRATING); busy != RESULT_OK)
+        return busy;
     if (!args[SPEED_PAN] && !args[SPEED_TILT] && !args[SPEED_SUSTAIN]) {
         logWrite(LOG_LEVEL_ERROR, handler, "UBUS: Invalied parameter.\n");
         return ERR_PARAM;

@@ -68,7 +68,7 @@ ResultCode gotoPreset(const blob_attr* const (&args)[GOTO_ARG_COUNT])
     if (const ResultCode result = setSpeedFactor(gContext.preset.tiltSpeedFactor, args[GOTO_SPEED_TILT]);
         result != RESULT_OK)
         return result;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = presetMove(id);
     if (result == RESULT_OK)

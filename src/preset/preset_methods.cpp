@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
@@ -150,10 +151,8 @@ int32_t keep(const PresetTable& table)
 /// Up to the save; nothing is changed unless the result is RESULT_OK.
 ResultCode prepareSetPreset(const blob_attr* const (&args)[SET_ARG_COUNT], PresetTable& table, PresetRequest& wanted)
 {
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return ERR_PANORAMA;
+    if (const ResultCode busy = refusedBy(LENS_MASK | PANORAMA); busy != RESULT_OK)
+        return busy;
     if (const ResultCode result = readRequest(args, wanted); result != RESULT_OK)
         return result;
     if (const ResultCode result = choosePlace(table, wanted); result != RESULT_OK)

@@ -86,7 +86,7 @@ const char* reload(ScanProgress& scan)
 bool mayTour()
 {
     return strcmp(gContext.tour.tourInfo->enabled, "off") != 0 && gContext.motion.user_moved_recently.load() == 0 &&
-           motionBusy() == RESULT_OK && gContext.motion.track_back_done.load() != 0;
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK && gContext.motion.track_back_done.load() != 0;
 }
 
 struct WeekMinute {
