@@ -14,6 +14,7 @@
 #include "preset/preset_store.h"
 #include "tour/touring.h"
 #include "ubus/ubus_service.h"
+#include "ubus/ubus_state.h"
 
 #include <stdlib.h>
 

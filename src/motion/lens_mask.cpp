@@ -14,22 +14,6 @@ namespace {
 
 constexpr int32_t MASK_TILT = -61; // coordinate units
 
-/// What keeps the head from following the switch, or makes that needless.
-bool nothingToFollow(int32_t& wanted, ResultCode& answer)
-{
-    if (gContext.motion.calibrating.load() != 0) {
-        answer = ERR_CALIBRATING;
-        return true;
-    }
-    if (gContext.panorama.panoramaRunning.load() != 0) {
-        answer = ERR_PANORAMA;
-        return true;
-    }
-    wanted = lensMaskWanted();
-    answer = wanted != 0 ? ERR_LENS_MASK : RESULT_OK;
-    return wanted == lensMaskEnabled();
-}
-
 } // namespace
 
 int32_t lensMaskWanted()
@@ -43,19 +27,20 @@ int32_t lensMaskTiltSteps()
 }
 
 // Reports under its own name, so the writes and reads of both axes' positions stand here.
-int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusLensMask(const Call& call)
 {
-    int32_t wanted = 0;
-    ResultCode result = RESULT_OK;
-    if (nothingToFollow(wanted, result))
-        return replyErrCode(connection, request, result);
+    if (const ResultCode busy = refusedBy(CALIBRATING | PANORAMA); busy != RESULT_OK)
+        return replyErrCode(call, busy);
+    const int32_t wanted = lensMaskWanted();
+    if (wanted == lensMaskEnabled())
+        return replyErrCode(call, wanted != 0 ? ERR_LENS_MASK : RESULT_OK);
     // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
     // inhibited, and one that this begins allows them before its own end is seen.
     const MotionStartScope start;
     MotorStatus status[AXIS_COUNT] = {};
-    result = motionTakeOver(status[PAN], status[TILT]);
+    ResultCode result = motionTakeOver(status[PAN], status[TILT]);
     if (result != RESULT_OK)
-        return replyErrCode(connection, request, result);
+        return replyErrCode(call, result);
 
     motionBegin(MotionBegin::LensMask);
     int32_t target[AXIS_COUNT] = {status[PAN].position, lensMaskTiltSteps()};
@@ -89,5 +74,5 @@ int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* requ
             savesAllowAtRest();
     }
     motionStarted();
-    return replyErrCode(connection, request, result);
+    replyErrCode(call, result);
 }

@@ -83,7 +83,7 @@ void* ptzdCali(void* argument)
 /// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
 ResultCode prepareManualCalibration()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -111,7 +111,7 @@ int32_t calibrationStart()
     return -1;
 }
 
-int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusManualCalibrate(const Call& call)
 {
     ResultCode result = prepareManualCalibration();
     if (result == RESULT_OK && calibrationStart() != 0) {
@@ -120,5 +120,5 @@ int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_dat
     }
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

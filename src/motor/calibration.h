@@ -3,7 +3,7 @@
 
 #include "core/context.h"
 #include "motor/motor_device.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

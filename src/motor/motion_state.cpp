@@ -142,13 +142,13 @@ void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
 
 } // namespace
 
-ResultCode motionBusy()
+ResultCode refusedBy(uint32_t reasons)
 {
-    if (gContext.motion.calibrating.load() != 0)
+    if ((reasons & CALIBRATING) != 0 && gContext.motion.calibrating.load() != 0)
         return ERR_CALIBRATING;
-    if (lensMaskEnabled() != 0)
+    if ((reasons & LENS_MASK) != 0 && lensMaskEnabled() != 0)
         return ERR_LENS_MASK;
-    if (gContext.panorama.panoramaRunning.load() != 0)
+    if ((reasons & PANORAMA) != 0 && gContext.panorama.panoramaRunning.load() != 0)
         return ERR_PANORAMA;
     return RESULT_OK;
 }
@@ -256,7 +256,8 @@ uint32_t tourTicketNow()
 
 bool tourMayDrive(uint32_t ticket)
 {
-    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket && motionBusy() == RESULT_OK;
+    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket &&
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK;
 }
 
 bool motionBeginTour(uint32_t ticket, bool toPreset)
@@ -265,7 +266,7 @@ bool motionBeginTour(uint32_t ticket, bool toPreset)
         LockGuard hold(gContext.motion.MotionStateLock);
         if (tourTicketNow() != ticket || gContext.motion.motion_active.load() != 0 ||
             gContext.motion.user_moved_recently.load() != 0 || gContext.motion.track_back_done.load() == 0 ||
-            motionBusy() != RESULT_OK)
+            refusedBy(CALIBRATING | LENS_MASK | PANORAMA) != RESULT_OK)
             return false;
         gContext.motion.startsSeen.fetch_add(START_EVENT + TOUR_PENDING);
         gContext.motion.tourTicket = ticket;

@@ -1,4 +1,4 @@
-// The door to the two motor drivers: their records, their seven requests, and nothing else.
+// The adapter of the two motor drivers: their records, their seven requests, and nothing else.
 //
 // Requests may be made from any thread at any time, several at once on one axis; they take no lock. Each returns
 // RESULT_OK, or ERR_DEVICE when the driver refuses.

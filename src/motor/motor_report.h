@@ -2,7 +2,7 @@
 #pragma once
 
 #include "motor/motor_device.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

@@ -52,7 +52,7 @@ void save(const SaveTicket& ticket)
     for (const AxisIndex axis : {PAN, TILT}) {
         const char* section = gContext.axes[axis].section;
         if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            logWrite(LOG_LEVEL_ERROR, "saveCurSteps", __LINE__, "error to set option %s.steps\n", section);
+            logWrite(LOG_LEVEL_ERROR, {"saveCurSteps", __LINE__}, "error to set option %s.steps\n", section);
     }
     (void)transaction.commit(); // logged there; the next motion saves again
     disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this
@@ -139,7 +139,7 @@ StoredPosition storedPosition()
 ResultCode moveToLastPostion()
 {
     endTracking();
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
 
     const StoredPosition target = storedPosition();
@@ -183,12 +183,11 @@ ResultCode moveToLastPostion()
     return result;
 }
 
-int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                           blob_attr* message)
+void ubusSetPowerOffRecover(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(powerOffRecoverPolicy)];
-    parseArgs(powerOffRecoverPolicy, args, message);
+    parseArgs(powerOffRecoverPolicy, args, call);
     const int32_t recover = args[0] ? decimalArg(args[0]) : -1;
     ResultCode result = RESULT_OK;
     {
@@ -203,5 +202,5 @@ int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_
         }
         (void)transaction.commit(); // reported there; memory keeps the new value either way
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -5,7 +5,7 @@
 #include "core/result_code.h"
 #include "core/timer.h"
 #include "motor/motor_device.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

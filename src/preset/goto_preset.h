@@ -5,7 +5,7 @@
 #include "core/result_code.h"
 #include "motor/tour_motion.h"
 #include "preset/preset_store.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

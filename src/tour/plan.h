@@ -4,7 +4,7 @@
 // storage and followed by the touring thread.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

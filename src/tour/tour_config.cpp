@@ -47,14 +47,14 @@ int32_t scan_tour_load_config(ScanTourInfo* scan)
     return RESULT_OK;
 }
 
-int ubusReloadTourInfo(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadTourInfo(const Call& call)
 {
     gContext.tour.tourReloadRequested.store(1);
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }
 
-int ubusReloadScanTour(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadScanTour(const Call& call)
 {
     gContext.tour.scanTourReloadRequested.store(1);
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }

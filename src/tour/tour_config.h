@@ -1,7 +1,7 @@
 // The tours' settings, package tour, which other components write.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

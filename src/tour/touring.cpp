@@ -86,7 +86,7 @@ const char* reload(ScanProgress& scan)
 bool mayTour()
 {
     return strcmp(gContext.tour.tourInfo->enabled, "off") != 0 && gContext.motion.user_moved_recently.load() == 0 &&
-           motionBusy() == RESULT_OK && gContext.motion.track_back_done.load() != 0;
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK && gContext.motion.track_back_done.load() != 0;
 }
 
 struct WeekMinute {
@@ -134,7 +134,7 @@ const char* scanStep(uint32_t ticket, ScanProgress& scan)
     if (gContext.motion.scanStepDone.load() == 0 || !localNow(now) ||
         !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
         return nullptr;
-    logWrite(LOG_LEVEL_ERROR, "motorTouring", __LINE__, "cur_xoord is %d\n", scan.coord);
+    logWrite(LOG_LEVEL_ERROR, {"motorTouring", __LINE__}, "cur_xoord is %d\n", scan.coord);
     switch (scanMove(ticket, scan.coord)) {
     case TourMove::Failed:
         return "scan tour move err\n";

@@ -2,7 +2,7 @@
 
 #include "core/log.h"
 #include "core/shutdown.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 
 #include <fcntl.h>

@@ -14,7 +14,7 @@
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
 #include "tour/tour_state.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 #include "ubus/notify.h"
 #include "ubus/ubus_service.h"
@@ -441,9 +441,9 @@ int32_t shutdownInit()
     return 0;
 }
 
-void logWrite(int, const char*, int, const char* format, ...)
+void logWrite(LogLevel, LogSite, const char* format, ...)
 {
-    char text[1024]; // formatted for the sanitizers' sake, whatever the level
+    char text[1024]; // formatted for the sanitizers' sake
     va_list args;
     va_start(args, format);
     (void)vsnprintf(text, sizeof(text), format, args);
@@ -464,10 +464,9 @@ BusGuard::~BusGuard() NO_THREAD_SAFETY_ANALYSIS
 {
 }
 
-int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
-             const char* method, blob_attr* message)
+void busServe(UbusHandler* handler, const Call& call)
 {
-    return handler(connection, object, request, method, message);
+    handler(call);
 }
 
 int busSendReply(ubus_context*, ubus_request_data*, blob_attr* message)

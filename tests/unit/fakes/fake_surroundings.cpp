@@ -63,16 +63,14 @@ void motorNotifyState(int32_t state, int32_t origin)
     fakes.notifications.push_back({state, origin});
 }
 
-void logWrite(int level, const char* function, int, const char* format, ...)
+void logWrite(LogLevel, LogSite site, const char* format, ...)
 {
-    if (level < LOG_LEVEL_ERROR)
-        return;
     char text[1024];
     va_list args;
     va_start(args, format);
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    fakes.reports.push_back({function, text});
+    fakes.reports.push_back({site.function, text});
 }
 
 int32_t workerStart(void* (*routine)(void*), void* argument)
