@@ -1,6 +1,5 @@
 #include "motion/panorama.h"
 
-#include "core/log.h"
 #include "motion/displacement.h"
 #include "motion/move.h"
 #include "motor/coordinates.h"
@@ -8,8 +7,6 @@
 #include "motor/position_store.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
-
-#include <initializer_list>
 
 namespace {
 
@@ -72,10 +69,7 @@ void ubusStopPanorama(const Call& call)
     MotorStatus tilt{};
     ResultCode result = motionTakeOver(pan, tilt);
     if (result == RESULT_OK) {
-        const StoredPosition target = storedPosition();
-        for (const AxisIndex axis : {PAN, TILT})
-            if (!target.axes[axis].read)
-                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+        const StoredPosition target = storedPositionLogged();
         result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target.axes[PAN].steps),
                                fullSpeedCommand(TILT, tilt, target.axes[TILT].steps));
     }

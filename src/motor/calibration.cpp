@@ -101,23 +101,22 @@ void calibrationSetTarget(AxisIndex axis, int32_t returnSteps)
     gContext.calibrationArg[axis] = {gContext.axes[axis].fd, returnSteps, gContext.axes[axis].total_steps};
 }
 
-int32_t calibrationStart()
+int32_t calibrationStart(LogSite caller)
 {
     // Set here, not by the thread: no request may slip in before that runs.
     gContext.motion.calibrating.store(1);
     if (workerStart(ptzdCali, gContext.calibrationArg) == 0)
         return 0;
     gContext.motion.calibrating.store(0);
+    logWrite(LOG_LEVEL_ERROR, caller, "motor calibrate failed\n");
     return -1;
 }
 
 void ubusManualCalibrate(const Call& call)
 {
     ResultCode result = prepareManualCalibration();
-    if (result == RESULT_OK && calibrationStart() != 0) {
-        LOG_ERROR("motor calibrate failed\n");
+    if (result == RESULT_OK && calibrationStart() != 0)
         result = ERR_DEVICE;
-    }
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there
     replyCode(call, result);

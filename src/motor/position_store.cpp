@@ -48,12 +48,7 @@ void save(const SaveTicket& ticket)
         static_cast<int32_t>(ticket.number - gContext.position.lastSaved) < 0)
         return;
     gContext.position.lastSaved = ticket.number;
-    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
-    for (const AxisIndex axis : {PAN, TILT}) {
-        const char* section = gContext.axes[axis].section;
-        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            logWrite(LOG_LEVEL_ERROR, {"saveCurSteps", __LINE__}, "error to set option %s.steps\n", section);
-    }
+    setStoredPosition(pan, tilt, {"saveCurSteps", __LINE__});
     (void)transaction.commit(); // logged there; the next motion saves again
     disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this
     // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
@@ -133,6 +128,25 @@ StoredPosition storedPosition()
 {
     const UciTransaction transaction(UCI_PTZD);
     return {{storedSteps(PAN), storedSteps(TILT)}};
+}
+
+StoredPosition storedPositionLogged(LogSite caller)
+{
+    const StoredPosition stored = storedPosition();
+    for (const AxisIndex axis : {PAN, TILT})
+        if (!stored.axes[axis].read)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to get option %s.steps\n", gContext.axes[axis].section);
+    return stored;
+}
+
+void setStoredPosition(const MotorStatus& pan, const MotorStatus& tilt, LogSite caller)
+{
+    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to set option %s.steps\n", section);
+    }
 }
 
 // Reports under its own name, so the reads of both axes stand here.

@@ -1,6 +1,7 @@
 // The stored position of the head: saved after user motions, restored at start, returned to after tracking.
 #pragma once
 
+#include "core/log.h"
 #include "core/motion.h"
 #include "core/result_code.h"
 #include "core/timer.h"
@@ -77,6 +78,13 @@ struct StoredPosition {
 
 /// Of both, as one save has left them. Any thread; takes ConfigStoreLock.
 [[nodiscard]] StoredPosition storedPosition();
+
+/// The same; an option that cannot be read is logged under the caller's name.
+[[nodiscard]] StoredPosition storedPositionLogged(LogSite caller = logSite());
+
+/// Sets both axes' stored steps, to be committed by the caller, whose transaction of package ptzd this is called in; an
+/// option that cannot be set is logged under the caller's name.
+void setStoredPosition(const MotorStatus& pan, const MotorStatus& tilt, LogSite caller = logSite());
 
 /// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
 /// when a user has moved the head since.
