@@ -114,3 +114,7 @@ public:
 private:
     UciPackageId id_;
 };
+
+/// Loads a package afresh and reads a section's option `enabled`, a switch that another program stores for the daemon.
+/// @return true when it is "on", in any letter case; a missing one is off. Any thread; takes ConfigStoreLock.
+[[nodiscard]] bool storedSwitchOn(UciPackageId id, const char* section);

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 namespace {
 
@@ -124,4 +125,13 @@ int32_t cfg_uci_get_range_float(int32_t id, const char* section, const char* opt
 {
     return getRange<float>(id, section, option, out,
                            [](const char* text) { return static_cast<float>(strtod(text, nullptr)); });
+}
+
+bool storedSwitchOn(UciPackageId id, const char* section)
+{
+    const UciTransaction transaction(id);
+    char enabled[64] = "";
+    cfg_uci_pkg_reload(id);
+    (void)cfg_uci_get_string_value(id, section, "enabled", enabled, sizeof(enabled)); // missing: off
+    return strcasecmp(enabled, "on") == 0;
 }

@@ -66,7 +66,3 @@ inline constexpr DaemonContext gContext{
     context_parts::position, context_parts::panorama, context_parts::track,          context_parts::preset,
     context_parts::tour,     context_parts::image,    context_parts::ubus,           context_parts::config,
 };
-
-/// The lens-mask library's switch, a plain integer there: 1 while the mask is on. Any thread; no lock.
-[[nodiscard]] int32_t lensMaskEnabled();
-void lensMaskSetEnabled(int32_t enabled);

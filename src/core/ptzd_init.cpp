@@ -1,6 +1,7 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
@@ -9,7 +10,7 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/motor_device.h"
-#include "motor/motor_report.h"
+#include "motor/motor_init.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
 #include "tour/touring.h"

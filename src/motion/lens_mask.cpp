@@ -1,7 +1,7 @@
 #include "motion/lens_mask.h"
 
 #include "config/uci_store.h"
-#include "motion/stored_switch.h"
+#include "core/lens_mask_library.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"

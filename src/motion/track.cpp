@@ -1,8 +1,8 @@
 #include "motion/track.h"
 
+#include "config/uci_store.h"
 #include "core/log.h"
 #include "motion/displacement.h"
-#include "motion/stored_switch.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"

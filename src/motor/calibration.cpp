@@ -6,6 +6,7 @@
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/speed_config.h"
 #include "ubus/method_reply.h"
 
 #include <initializer_list>

@@ -1,5 +1,6 @@
 #include "motor/motion_state.h"
 
+#include "core/lens_mask_library.h"
 #include "core/timer.h"
 #include "motor/position_store.h"
 #include "motor/quiet_period.h"

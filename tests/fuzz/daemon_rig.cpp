@@ -1,6 +1,7 @@
 #include "daemon_rig.h"
 
 #include "config/uci_state.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"

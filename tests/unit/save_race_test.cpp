@@ -1,6 +1,7 @@
 // A save of the position that something overtakes after it has looked at the head.
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "fakes/stored_head.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"

@@ -1,5 +1,6 @@
 // When a tour moves the head, and commands that overtake its step.
 
+#include "core/lens_mask_library.h"
 #include "fakes/stored_head.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"

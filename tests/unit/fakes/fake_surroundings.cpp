@@ -1,5 +1,6 @@
 #include "fakes/fake_surroundings.h"
 
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
