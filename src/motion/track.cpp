@@ -61,10 +61,9 @@ ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
                          relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed)));
 }
 
-int32_t loadTargetTrackConfig()
+void loadTargetTrackConfig()
 {
     gContext.track.targetTrackEnabled.store(storedSwitchOn(UCI_TARGET_TRACK, "target_track_info") ? 1 : 0);
-    return 0;
 }
 
 void ubusTargetTrack(const Call& call)
@@ -81,7 +80,7 @@ void ubusTargetTrackBack(const Call& call)
 void ubusReloadTargetTrackConfig(const Call& call)
 {
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
-    (void)loadTargetTrackConfig(); // always 0
+    loadTargetTrackConfig();
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
     if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
         return replyErrCode(call, RESULT_OK);

@@ -33,8 +33,8 @@ struct TrackState {
 ///         leave the head alone)
 [[nodiscard]] ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed);
 
-/// Reads targetTrackEnabled from storage; a missing option switches it off. @return 0. Takes ConfigStoreLock.
-int32_t loadTargetTrackConfig();
+/// Reads targetTrackEnabled from storage; a missing option switches it off. Takes ConfigStoreLock.
+void loadTargetTrackConfig();
 
 /// `targetTrack`; `targetTrackBack`, which returns the head; `reloadTargetTrackConfig`, which does so when tracking has
 /// just been switched off.

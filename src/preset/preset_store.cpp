@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "core/log.h"
 #include "core/motion.h"
+#include "core/result_code.h"
 
 #include <stdio.h>
 #include <string.h>
