@@ -14,8 +14,6 @@
 //   BusLock             every call into the bus library; nothing is waited for while it is held
 #pragma once
 
-#include <stdint.h>
-
 struct CalibrationTarget;
 struct ConfigState;
 struct ImageState;

@@ -6,7 +6,6 @@
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 #include "ubus/method_args.h"
-#include "ubus/method_reply.h"
 
 #include <sys/prctl.h>
 #include <time.h>

@@ -110,10 +110,9 @@ ResultCode moveToLastPostion()
     return result;
 }
 
-int32_t loadTargetTrackConfig()
+void loadTargetTrackConfig()
 {
     gContext.track.targetTrackEnabled.store(storedSwitchOn(UCI_TARGET_TRACK, "target_track_info") ? 1 : 0);
-    return 0;
 }
 
 void ubusTargetTrack(const Call& call)
@@ -130,7 +129,7 @@ void ubusTargetTrackBack(const Call& call)
 void ubusReloadTargetTrackConfig(const Call& call)
 {
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
-    (void)loadTargetTrackConfig(); // always 0
+    loadTargetTrackConfig();
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
     if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
         return replyErrCode(call, RESULT_OK);

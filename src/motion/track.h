@@ -41,8 +41,8 @@ struct TrackState {
 /// Thread: event loop.
 [[nodiscard]] ResultCode moveToLastPostion();
 
-/// Reads targetTrackEnabled from storage; a missing option switches it off. @return 0. Takes ConfigStoreLock.
-int32_t loadTargetTrackConfig();
+/// Reads targetTrackEnabled from storage; a missing option switches it off. Takes ConfigStoreLock.
+void loadTargetTrackConfig();
 
 /// `targetTrack`; `targetTrackBack`, which returns the head; `reloadTargetTrackConfig`, which does so when tracking has
 /// just been switched off.

@@ -41,7 +41,7 @@ HeadCommand presetCommands(const PresetEntry& preset, const HeadStatus& head)
 ResultCode setSpeedFactor(std::atomic<float>& factor, const blob_attr* argument)
 {
     float value = 1.0F;
-    if (argument && string_to_float(static_cast<const char*>(blobmsg_data(argument)), &value) != 0)
+    if (argument && string_to_float(textArg(argument), &value) != 0)
         return ERR_PARAM;
     if (!(value > 0.0F && value <= 1.0F)) // refuses what is no number, too
         return ERR_SPEED_FACTOR;

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "core/owned.h"
 #include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
@@ -11,13 +12,12 @@
 #include "ubus/method_reply.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <array>
 #include <cmath>
 #include <initializer_list>
-#include <memory>
+#include <iterator>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -31,18 +31,6 @@ enum ConfigArg { CONFIG_FREEZE, CONFIG_SPEED, CONFIG_ARG_COUNT };
 static_assert(std::size(presetConfigPolicy) == CONFIG_ARG_COUNT);
 enum PageArg { PAGE_START, PAGE_COUNT, PAGE_ARG_COUNT };
 static_assert(std::size(presetPagePolicy) == PAGE_ARG_COUNT);
-
-struct FreeText {
-    void operator()(char* text) const
-    {
-        free(text);
-    }
-};
-
-const char* textArg(const blob_attr* argument)
-{
-    return static_cast<const char*>(blobmsg_data(argument));
-}
 
 bool validId(int32_t id)
 {
@@ -255,7 +243,7 @@ void ubusDeletePreset(const Call& call)
     }
     if (nestedTooDeeply(args[0]))
         return replyCode(call, ERR_PARAM);
-    const std::unique_ptr<char, FreeText> text(blobmsg_format_json(args[0], false));
+    const Owned<char> text(blobmsg_format_json(args[0], false));
     int32_t ids[PRESET_COUNT];
     const int32_t count = string_to_int_list(text.get(), ids, PRESET_COUNT);
     if (count <= 0)

@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "core/result_code.h"
 #include "motor/motion_state.h"
 
 #include <stdio.h>

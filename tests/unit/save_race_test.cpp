@@ -12,6 +12,7 @@
 #include "motor/status_poll.h"
 #include "motor/tour_motion.h"
 
+#include <optional>
 #include <thread>
 
 namespace {
@@ -102,13 +103,13 @@ TEST_F(SaveRace, ANewerSaveCountsThoughAnOlderOneIsDoneFirst)
     standAt(1000, 300);
     saveStepsArm();
     const unsigned before = fakeMotorAnswered;
-    cfg_uci_lock(); // the older one gets no further than its look at the head
+    std::optional<UciTransaction> held(UCI_PTZD); // the older one gets no further than its look at the head
     std::thread older(saveCurSteps, nullptr);
     while (fakeMotorAnswered != before + AXIS_COUNT)
         std::this_thread::yield();
     standAt(2000, 600);
     saveDuringWhich([&] {
-        cfg_uci_unlock();
+        held.reset();
         older.join();
     });
     EXPECT_EQ(stored(), (Position{2000, 600}));
