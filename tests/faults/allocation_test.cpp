@@ -56,7 +56,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
 {
     SCOPED_TRACE(row["Call"] + ", " + row["Head"] + ": allocation " + std::to_string(nth) + (ever ? " and on" : ""));
     begin(row);
-    const pid_t daemon = lab.ptzdPid();
+    const pid_t daemon = lab.programs.ptzdPid();
     const std::vector<std::string> expectedTold = toldBy(row["Told"]);
     const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
     // While a call stores, the poll may find the end of the motion that it has halted, and notify of it.
@@ -64,7 +64,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     const auto doneOrReported = [&] { return done() || hasReported(expectedReports.size() + 1); };
     if (turning() && !isStep_)
         setFactors(SLOWLY / 10);
-    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
+    lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
     const LabReply reply = last_->method ? lab.invoke("ptzd", last_->method, last_->arguments, 3s) : LabReply{0, DONE};
     std::smatch code;
@@ -79,7 +79,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(reply.status == 0 && (answered || reply.text.empty())) << reply.status << " " << reply.text;
-    if (lab.ptzdPid() != daemon) {
+    if (lab.programs.ptzdPid() != daemon) {
         ADD_FAILURE() << "the daemon has ended";
         return false;
     }
@@ -89,7 +89,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     std::this_thread::sleep_for(10ms);
     if (reports(console_, log_) == expectedReports) {
         const bool went =
-            start_[LAB_PAN] != lab.axisNow(LAB_PAN).shaft || start_[LAB_TILT] != lab.axisNow(LAB_TILT).shaft;
+            start_[LAB_PAN] != lab.motors.now(LAB_PAN).shaft || start_[LAB_TILT] != lab.motors.now(LAB_TILT).shaft;
         const bool mayLose = row["Call"] == "set_plan_config"; // an option of an entry, without a report
         EXPECT_TRUE(!succeeded || mayLose || done()) << "success without effect";
         EXPECT_TRUE(!went || turning() || isStep_ || expectedTold.empty() || !told().empty())
@@ -110,9 +110,9 @@ protected:
         const int made = static_cast<int>(made_);
         int tried[2] = {};
         for (const bool ever : {false, true})
-            for (int nth = 1; lab.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
-                                                                                   : ever ? 1 + made
-                                                                                          : 1 + made / 2)
+            for (int nth = 1; lab.programs.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
+                                                                                            : ever ? 1 + made
+                                                                                                   : 1 + made / 2)
                 ++tried[ever];
         std::printf("%s, %s: %u allocations, %d tried alone, %d with all that follow\n", row["Call"].c_str(),
                     row["Head"].c_str(), made_, tried[false], tried[true]);
@@ -126,7 +126,7 @@ TEST_P(MemoryOfCalls, LackingHarmsNothing)
     for (const PageRow& row : healthyRows()) {
         if (index++ % SHARDS == GetParam())
             starveAll(row);
-        ASSERT_NE(lab.ptzdPid(), 0);
+        ASSERT_NE(lab.programs.ptzdPid(), 0);
     }
 }
 
@@ -161,22 +161,23 @@ protected:
 bool MemoryOfTheStart::starve(int nth, bool ever)
 {
     SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
-    console_ = lab.ptzdLog().size();
-    lab.setSpeed(FAST);
+    console_ = lab.records.ptzdLog().size();
+    lab.clock.setSpeed(FAST);
     arm(allocation(nth), ever);
-    (void)lab.startPtzd(); // does not wait
-    const auto settled = [&] { return lab.isReady() || !lab.isRunning("ptzd"); };
+    (void)lab.programs.startPtzd(); // does not wait
+    const auto settled = [&] { return lab.programs.isReady() || !lab.programs.isRunning("ptzd"); };
     (void)waitUntil(settled, 500ms);
     const bool wasMet = met(allocation(nth)) != 0;
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(waitUntil(settled, DEADLINE));
     EXPECT_TRUE(isWhole(settings("ptzd"), stored_, stored_)) << settings("ptzd");
-    if (!lab.isRunning("ptzd")) {
-        const auto status = lab.waitPtzd(DEADLINE);
+    if (!lab.programs.isRunning("ptzd")) {
+        const auto status = lab.programs.waitPtzd(DEADLINE);
         EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
-        EXPECT_TRUE(std::regex_search(lab.ptzdLog().substr(console_), std::regex("(initialize|timer) failed\\.\n$")))
-            << lab.ptzdLog().substr(console_);
+        EXPECT_TRUE(
+            std::regex_search(lab.records.ptzdLog().substr(console_), std::regex("(initialize|timer) failed\\.\n$")))
+            << lab.records.ptzdLog().substr(console_);
         return wasMet;
     }
     arm(allocation(nth % 3 + 1), ever);
@@ -186,8 +187,8 @@ bool MemoryOfTheStart::starve(int nth, bool ever)
     EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
     EXPECT_TRUE(whole == presets_ || hasReported(1)) << "has lost presets without a word: " << whole;
     EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
-    EXPECT_TRUE(waitUntil([&] { return rests() && lab.axisNow(LAB_PAN).shaft == 1500; }, DEADLINE));
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_TRUE(waitUntil([&] { return rests() && lab.motors.now(LAB_PAN).shaft == 1500; }, DEADLINE));
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     return wasMet;
 }
 
@@ -196,7 +197,7 @@ TEST_F(MemoryOfTheStart, LackingEndsItOrHarmsNothing)
     upWithFaults();
     presets_ = lab.call("getPresetAll");
     stored_ = settings("ptzd");
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     LabOptions options = withFaults();
     options.startPtzd = false;
     options.waitCalibrated = false;

@@ -124,9 +124,9 @@ void FaultyHead::TearDown()
 {
     if (!control_)
         return; // skipped
-    if (lab.isRunning("ubusd")) {
+    if (lab.programs.isRunning("ubusd")) {
         disarm();
-        lab.setSpeed(1);
+        lab.clock.setSpeed(1);
     }
     HeadInTheLab::TearDown();
     munmap(control_, sizeof(FaultControl));
@@ -154,7 +154,7 @@ void FaultyHead::upWithFaults()
     options.config["ptz_plan"] = wholeWeek();
     options.config["tour"] = tourPackage("off", 0, -100, 100);
     up(options);
-    lab.setSpeed(FAST);
+    lab.clock.setSpeed(FAST);
     expectDone("setPowerOffRecover", R"({"recover":"0"})");
     expectDone("setConfig", R"({"x_speed":"4","y_speed":"4","sustain":"50"})");
     makePreset();
@@ -179,13 +179,13 @@ void FaultyHead::makePreset()
 void FaultyHead::setFactors(int32_t factor)
 {
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        lab.setFactor(axis, factor);
+        lab.motors.setFactor(axis, factor);
 }
 
 void FaultyHead::arm(const FaultPoint& point, bool ever)
 {
     if (point.axis) {
-        lab.failRequest(*point.axis, point.request, ever ? LAB_FOR_EVER : 1, EIO, point.nth - 1);
+        lab.motors.failRequest(*point.axis, point.request, ever ? LAB_FOR_EVER : 1, EIO, point.nth - 1);
         return;
     }
     FaultRecord& record = control_->calls[point.call];
@@ -208,14 +208,14 @@ void FaultyHead::disarm()
         record.failures.store(0);
         record.subject[0] = '\0';
     }
-    EXPECT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
+    EXPECT_TRUE(lab.motors.clearFaults(LAB_PAN) && lab.motors.clearFaults(LAB_TILT));
 }
 
 uint32_t FaultyHead::met(const FaultPoint& point)
 {
     if (!point.axis)
         return control_->calls[point.call].met.load();
-    const std::vector<LabJournalEntry> journal = lab.journal();
+    const std::vector<LabJournalEntry> journal = lab.records.journal();
     return static_cast<uint32_t>(std::count_if(journal.begin(), journal.end(), [&](const LabJournalEntry& entry) {
         return entry.axis == *point.axis && entry.request == LAB_REQUEST_NAMES[point.request] && entry.result != 0;
     }));
@@ -239,7 +239,7 @@ void FaultyHead::writeSettings(const std::string& package, const std::string& te
 std::vector<std::string> FaultyHead::told() const
 {
     std::vector<std::string> result;
-    for (const LabCetEntry& entry : lab.cetLog()) {
+    for (const LabCetEntry& entry : lab.records.cetLog()) {
         const std::string call = "notify_motor_";
         result.push_back(entry.isEvent ? entry.text : entry.name.substr(call.size()) + " " + entry.text);
     }
@@ -284,10 +284,10 @@ void FaultyHead::home()
 {
     disarm();
     setFactors(FACTOR);
-    lab.setSpeed(FAST);
+    lab.clock.setSpeed(FAST);
     undo();
     expectDone("stop");
-    lab.forget();
+    lab.records.clear();
     expectDone("moveTo", coords(0, -6));
     const std::vector<std::string> whole = {"moving 0", "start", "idle 0", "stop"};
     ASSERT_TRUE(waitUntil(
@@ -299,7 +299,7 @@ void FaultyHead::home()
         },
         DEADLINE));
     expectAt(HOME[LAB_PAN], HOME[LAB_TILT]);
-    lab.forget();
+    lab.records.clear();
 }
 
 void FaultyHead::prepare(const std::string& state)
@@ -332,12 +332,12 @@ void FaultyHead::prepare(const std::string& state)
         writeSettings("tour", tourPackage("on", state == "scan due" ? 1 : 2, -100, 100));
     if (switched)
         writeSettings("target_track", switchOf("target_track", "off"));
-    lab.forget();
-    lab.setSpeed(FROZEN);
+    lab.records.clear();
+    lab.clock.setSpeed(FROZEN);
     if (state.starts_with("moving") || state.starts_with("tracking")) {
         call(state.starts_with("moving") ? "moveTo far" : "targetTrack far");
         setFactors(400 * FACTOR); // until it is well away from home, in no lab time worth a tick of the poll
-        ASSERT_TRUE(waitUntil([&] { return lab.axisNow(LAB_PAN).shaft > HOME[LAB_PAN] + 200; }, DEADLINE));
+        ASSERT_TRUE(waitUntil([&] { return lab.motors.now(LAB_PAN).shaft > HOME[LAB_PAN] + 200; }, DEADLINE));
         setFactors(FACTOR);
     } else if (state == "stepping") {
         setFactors(SLOWLY);
@@ -345,7 +345,7 @@ void FaultyHead::prepare(const std::string& state)
         ASSERT_TRUE(waitUntil([&] { return told().size() == 2; }, DEADLINE)); // by the step's own thread
     }
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        start_[axis] = lab.axisNow(axis).shaft;
+        start_[axis] = lab.motors.now(axis).shaft;
 }
 
 void FaultyHead::begin(const PageRow& row)
@@ -360,8 +360,8 @@ void FaultyHead::begin(const PageRow& row)
     if (isStep_)
         setFactors(SLOWLY);
     before_ = {{"ptzd", settings("ptzd")}, {"ptz_plan", settings("ptz_plan")}};
-    console_ = lab.ptzdLog().size();
-    log_ = lab.messageLog().size();
+    console_ = lab.records.ptzdLog().size();
+    log_ = lab.records.messageLog().size();
     for (FaultRecord& record : control_->calls)
         record.seen.store(0);
 }
@@ -377,7 +377,7 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
         texts.clear();
         logged.clear();
         entries.clear();
-        std::istringstream console(lab.ptzdLog().substr(consoleFrom));
+        std::istringstream console(lab.records.ptzdLog().substr(consoleFrom));
         std::smatch match;
         for (std::string line; std::getline(console, line);) {
             const bool ours = std::regex_match(line, match, form); // else the C library's, on standard error only
@@ -385,7 +385,7 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
             if (ours)
                 logged.push_back(match[1]);
         }
-        std::istringstream log(lab.messageLog().substr(logFrom));
+        std::istringstream log(lab.records.messageLog().substr(logFrom));
         for (std::string line; std::getline(log, line);)
             if (const size_t at = line.find(tag); at != std::string::npos)
                 entries.push_back(line.substr(at + tag.size()));
@@ -407,7 +407,7 @@ bool FaultyHead::turning() const
 bool FaultyHead::isAsStated(const PageRow& row, LabAxisId axis)
 {
     const std::string& word = row[axis == LAB_PAN ? "Pan" : "Tilt"];
-    const int32_t shaft = lab.axisNow(axis).shaft;
+    const int32_t shaft = lab.motors.now(axis).shaft;
     const int32_t named = axis == LAB_PAN ? last_->pan : last_->tilt;
     if (word == "short")
         return shaft > start_[axis] && shaft < LAST_STEP[axis] - DRIFT;
@@ -447,7 +447,7 @@ bool FaultyHead::isDone(const PageRow& row)
 
 bool FaultyHead::hasReported(size_t lines)
 {
-    const std::string text = lab.ptzdLog();
+    const std::string text = lab.records.ptzdLog();
     return std::count(text.begin() + static_cast<long>(console_), text.end(), '\n') >= static_cast<long>(lines);
 }
 
@@ -463,8 +463,8 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     if (point)
         arm(*point, ever);
     if (point && point->call == FAULT_UBUS_LOOKUP_ID)
-        lab.setSpeed(FAST); // the pauses between look-ups are the lab's
-    callNs_ = lab.labTimeNs();
+        lab.clock.setSpeed(FAST); // the pauses between look-ups are the lab's
+    callNs_ = lab.clock.nowNs();
     if (last_->method) {
         const std::string answer = lab.call(last_->method, last_->arguments);
         const std::string& code = row["Answer"];
@@ -478,7 +478,7 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     }
     for (uint32_t one = 0; one < FAULT_CALL_COUNT; ++one)
         seen_[one] = control_->calls[one].seen.load();
-    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
+    lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
     if (point) {
         ASSERT_TRUE(waitUntil([&] { return met(*point) != 0; }, DEADLINE)) << "was not met";
         (void)waitUntil([&] { return hasReported(expectedReports.size()); }, DEADLINE / 4);
@@ -491,7 +491,7 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     EXPECT_EQ(told(), expectedTold);
     EXPECT_EQ(reports(console_, log_), expectedReports);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        EXPECT_TRUE(isAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.axisNow(axis).shaft;
+        EXPECT_TRUE(isAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.motors.now(axis).shaft;
     for (const auto& [package, text] : before_) {
         after_[package] = settings(package);
         const bool affected = last_->package && package == last_->package;

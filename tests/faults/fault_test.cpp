@@ -69,8 +69,8 @@ private:
                             calls[point->call].insert({point->nth, point->subject});
                     }
         std::map<std::string, int> made[LAB_AXIS_COUNT];
-        const pid_t daemon = lab.ptzdPid();
-        for (const LabJournalEntry& entry : lab.journal()) {
+        const pid_t daemon = lab.programs.ptzdPid();
+        for (const LabJournalEntry& entry : lab.records.journal()) {
             const bool polls = entry.request == "GET_STATUS" && entry.thread != daemon;
             const bool isRequest = entry.request != JOURNAL_ROTATE_END && entry.request != JOURNAL_POWER_LOSS;
             if (entry.labNs < callNs_ || polls || !isRequest)
@@ -114,14 +114,14 @@ TEST_F(Failures, OfTheWayBackToALostBus)
     upWithFaults();
     for (const PageRow& row : pageRows("A lost bus")) {
         SCOPED_TRACE("line " + std::to_string(row.line) + " of the page");
-        const size_t console = lab.ptzdLog().size();
-        const size_t log = lab.messageLog().size();
+        const size_t console = lab.records.ptzdLog().size();
+        const size_t log = lab.records.messageLog().size();
         const std::optional<FaultPoint> point = faultPoint(row["Fails"]);
         ASSERT_TRUE(point);
         arm(*point, false);
         const FaultPoint withoutObject{.text = "object", .call = FAULT_UBUS_RECONNECT_OBJECT};
         arm(withoutObject, false); // and the connection that is made at last comes without the object
-        ASSERT_TRUE(lab.stopBus() && lab.startBus()) << lab.error();
+        ASSERT_TRUE(lab.programs.stopBus() && lab.programs.startBus()) << lab.error();
         EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
         EXPECT_EQ(met(*point), static_cast<uint32_t>(point->times));
         EXPECT_EQ(met(withoutObject), 1U);
@@ -152,22 +152,22 @@ TEST_F(FailingStart, EndsOrServesAsThePageSays)
     ASSERT_TRUE(lab.up(options)) << lab.error();
     const auto start = [&](const PageRow& row, const FaultPoint& point, const auto& beside, bool ever) {
         SCOPED_TRACE("line " + std::to_string(row.line) + " of the page: " + point.text + (ever ? " for ever" : ""));
-        const size_t console = lab.ptzdLog().size();
-        const size_t log = lab.messageLog().size();
-        lab.setSpeed(10);
-        lab.forget();
+        const size_t console = lab.records.ptzdLog().size();
+        const size_t log = lab.records.messageLog().size();
+        lab.clock.setSpeed(10);
+        lab.records.clear();
         arm(point, ever);
         if (beside)
             arm(*beside, true);
-        (void)lab.startPtzd(); // does not wait
+        (void)lab.programs.startPtzd(); // does not wait
         if (row["Then"] == "serves") {
             EXPECT_TRUE(waitUntil([&] { return met(point) != 0; }, DEADLINE));
-            EXPECT_TRUE(lab.waitReady(DEADLINE)) << lab.error();
+            EXPECT_TRUE(lab.programs.waitReady(DEADLINE)) << lab.error();
             EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
             disarm();
-            EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+            EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
         } else {
-            const auto status = lab.waitPtzd(DEADLINE);
+            const auto status = lab.programs.waitPtzd(DEADLINE);
             ASSERT_TRUE(status.has_value());
             EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
             EXPECT_TRUE(met(point) != 0 && (!beside || met(*beside) != 0));

@@ -62,15 +62,15 @@ protected:
     void measureEnd(const std::string& when)
     {
         const auto start = Clock::now();
-        EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+        EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
         std::printf("| SIGTERM while %s | %ld ms | – | ends with status 0 |\n", when.c_str(), msSince(start));
         EXPECT_LT(msSince(start), 5000);
     }
     void settle()
     {
-        EXPECT_TRUE(waitUntil([&] { return rests() && lab.callsToCet("notify_motor_idle") > 0; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return rests() && lab.records.callsToCet("notify_motor_idle") > 0; }, DEADLINE));
         std::this_thread::sleep_for(200ms); // the poll has seen it
-        lab.forget();
+        lab.records.clear();
     }
 };
 
@@ -79,16 +79,16 @@ TEST_F(Slow, Motors)
     for (const int delay : {100, 2000}) {
         const std::string late = " answered after " + std::to_string(delay) + " ms";
         const auto limit = std::chrono::milliseconds(4 * delay) + 3s;
-        lab.delayRequest(LAB_PAN, LAB_GET_STATUS, delay);
+        lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, delay);
         measureCall("getStatus", "x `GET_STATUS`" + late, limit);
         measureCall("stop", "x `GET_STATUS`" + late, limit);
-        lab.delayRequest(LAB_PAN, LAB_GET_STATUS, 0);
-        lab.delayRequest(LAB_PAN, LAB_MOVE, delay);
+        lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, 0);
+        lab.motors.delayRequest(LAB_PAN, LAB_MOVE, delay);
         measureCall("moveTo", "x `MOVE`" + late, limit, coords(delay == 100 ? 30 : 0, 0));
-        lab.delayRequest(LAB_PAN, LAB_MOVE, 0);
+        lab.motors.delayRequest(LAB_PAN, LAB_MOVE, 0);
         settle();
     }
-    lab.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
+    lab.motors.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
     EXPECT_EQ(lab.call("manualCalibrate"), DONE);
     measureCall("moveTo", "while a calibration hangs", 3s, coords(0, 0));
     measureEnd("a calibration hangs");
@@ -98,16 +98,16 @@ TEST_F(Slow, Cet)
 {
     for (const LabCetMode mode : {CET_LATE, CET_SILENT}) {
         const std::string name = mode == CET_LATE ? "\"CET\" answers after 900 ms" : "\"CET\" never answers";
-        lab.setCet(mode, 900);
+        lab.cet.setAnswer(mode, 900);
         measureCall("moveTo", name, 5s, coords(30, 0));
-        EXPECT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
         measureCall("getStatus", "during the idle notification, " + name, 5s);
         measureCall("moveTo", "during the idle notification, " + name, 5s, coords(0, 0));
-        lab.setCet(CET_OK);
+        lab.cet.setAnswer(CET_OK);
         std::this_thread::sleep_for(2500ms);
         settle();
     }
-    ASSERT_TRUE(lab.stopCet());
+    ASSERT_TRUE(lab.programs.stopCet());
     measureCall("moveTo", "no \"CET\"", 5s, coords(30, 0));
     std::this_thread::sleep_for(2s);
 }
@@ -135,13 +135,13 @@ TEST_F(Slow, Storage)
 TEST_F(Slow, AStalledBus)
 {
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
-    lab.setFactor(LAB_PAN, 100);
+    lab.motors.setFactor(LAB_PAN, 100);
     EXPECT_EQ(lab.call("moveTo", coords(60, 0)), DONE); // 600 steps at 400 a second
     const auto began = Clock::now();
     measure("bus stopped for 3 s during a motion", 10s, [&] {
         sendSignal(bus, SIGSTOP);
         std::this_thread::sleep_for(3s);
-        EXPECT_TRUE(rests() && lab.axisNow(LAB_PAN).shaft == 2100);
+        EXPECT_TRUE(rests() && lab.motors.now(LAB_PAN).shaft == 2100);
         sendSignal(bus, SIGCONT);
         return std::string("the motion ends meanwhile");
     });
@@ -158,12 +158,12 @@ TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
     up(withFaults());
     ASSERT_EQ(lab.call("setPowerOffRecover", R"({"recover":"1"})"), DONE);
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
-    lab.setFactor(LAB_PAN, 250); // 0.2 s
+    lab.motors.setFactor(LAB_PAN, 250); // 0.2 s
     EXPECT_EQ(lab.call("moveTo", coords(20, 0)), DONE);
     sendSignal(bus, SIGSTOP);
     EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(300ms); // the poll has seen it, and begins to notify
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     EXPECT_NE(fileText("/etc/config/ptzd").find("'1700'"), std::string::npos) << "the pending position is stored";
     sendSignal(bus, SIGCONT);
 }

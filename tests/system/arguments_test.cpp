@@ -40,10 +40,10 @@ TEST_F(HeadInTheLab, RefusesMissingAndMistypedArgumentsWithAReport)
             EXPECT_EQ(lab.call(method, wrong), REFUSED_PARAM) << method << wrong;
         EXPECT_TRUE(reported(function, "UBUS: Invalied parameter.")) << method;
     }
-    const std::string before = lab.ptzdLog();
+    const std::string before = lab.records.ptzdLog();
     EXPECT_EQ(lab.call("moveStep", R"({"direction":"360"})"), REFUSED_PARAM);
     EXPECT_EQ(lab.call("moveTo", coords(151, 0)), REFUSED_PARAM);
-    EXPECT_EQ(lab.ptzdLog(), before) << "what is merely out of range is refused without a line";
+    EXPECT_EQ(lab.records.ptzdLog(), before) << "what is merely out of range is refused without a line";
     EXPECT_EQ(requests("MOVE") + requests("ROTATE"), 0);
 }
 
@@ -188,7 +188,7 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
         text("x_coord", value)(&caller.message), text("y_coord", "0")(&caller.message);
     EXPECT_EQ(caller.call("moveTo"), 0);
     ASSERT_TRUE(settled());
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1600) << "of equal names the first counts";
+    EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600) << "of equal names the first counts";
 
     for (const char* id : {"1", "2", "8"})
         EXPECT_NE(lab.call("setPreset", std::string(R"({"id":")") + id + "\"}"), REFUSED_PARAM);
@@ -200,7 +200,7 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
         EXPECT_EQ(lab.run({"uci", "changes"}, changes), 0);
         return files.str() + changes + lab.call("getPresetAll");
     };
-    const pid_t pid = lab.ptzdPid();
+    const pid_t pid = lab.programs.ptzdPid();
     for (const auto& [method, what, build, code] : HOSTILE) {
         SCOPED_TRACE(std::string(method) + ": " + what);
         EXPECT_EQ(lab.call("set_plan_config", R"({"monday":[)" + planEntry("monday_1", 1, 2, "1") + "]}"), DONE);
@@ -210,12 +210,12 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
         EXPECT_EQ(caller.call(method), code);
         EXPECT_TRUE(code == 0 || stored() == before) << stored();
     }
-    EXPECT_EQ(lab.ptzdPid(), pid);
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1600);
+    EXPECT_EQ(lab.programs.ptzdPid(), pid);
+    EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600);
     // What was stored last is what the next start finds.
     const std::string before = stored();
-    ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
+    ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     EXPECT_EQ(stored(), before);
 }
 

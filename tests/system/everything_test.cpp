@@ -30,20 +30,20 @@ protected:
         const auto request = static_cast<LabRequest>(LAB_SET_POSITION + random() % (LAB_STOP - LAB_SET_POSITION + 1));
         switch (random() % 6) {
         case 0:
-            lab.failRequest(axis, request, static_cast<int32_t>(1 + random() % 3));
+            lab.motors.failRequest(axis, request, static_cast<int32_t>(1 + random() % 3));
             break;
         case 1:
-            lab.delayRequest(axis, request, static_cast<int32_t>(random() % 50));
+            lab.motors.delayRequest(axis, request, static_cast<int32_t>(random() % 50));
             break;
         case 2:
-            EXPECT_TRUE(lab.heal(axis));
+            EXPECT_TRUE(lab.motors.clearFaults(axis));
             break;
         case 3:
-            lab.setCet(static_cast<LabCetMode>(random() % 4), 100); // not silent: that takes a second each
+            lab.cet.setAnswer(static_cast<LabCetMode>(random() % 4), 100); // not silent: that takes a second each
             break;
         case 4: {
             const auto& [tuple, one, other] = SETTINGS[random() % std::size(SETTINGS)];
-            EXPECT_TRUE(lab.uciSet(tuple, random() % 2 ? one : other)) << lab.error();
+            EXPECT_TRUE(lab.settings.set(tuple, random() % 2 ? one : other)) << lab.error();
             break;
         }
         default:
@@ -54,10 +54,11 @@ protected:
     /// Brings the head back to where a motion is possible and notified.
     void calm()
     {
-        EXPECT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
-        lab.setCet(CET_OK);
-        EXPECT_TRUE(lab.uciSet("tour.tour_info.enabled", "off") && lab.uciSet("image.switch.flip_type", "off") &&
-                    lab.uciSet("lens_mask.lens_mask_info.enabled", "off"));
+        EXPECT_TRUE(lab.motors.clearFaults(LAB_PAN) && lab.motors.clearFaults(LAB_TILT));
+        lab.cet.setAnswer(CET_OK);
+        EXPECT_TRUE(lab.settings.set("tour.tour_info.enabled", "off") &&
+                    lab.settings.set("image.switch.flip_type", "off") &&
+                    lab.settings.set("lens_mask.lens_mask_info.enabled", "off"));
         const auto done = [&](const char* method) {
             EXPECT_TRUE(waitUntil([&] { return lab.call(method).find("code\":0") != std::string::npos; }, DEADLINE))
                 << method << ": " << lab.call(method);
@@ -70,7 +71,8 @@ protected:
         // A calibration that failed, or that a rotation test disturbed, has left the drivers with wrong positions.
         done("manualCalibrate");
         done("checkMotorStatus");
-        EXPECT_TRUE(waitUntil([&] { return !lab.actions().empty() && lab.actions().back() == "stop"; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return !lab.records.actions().empty() && lab.records.actions().back() == "stop"; },
+                              DEADLINE));
     }
 };
 
@@ -84,21 +86,21 @@ TEST_F(Everything, AtOnceHarmsNothing)
     options.clockSpeed = SPEED;
     options.wallClock = "2031-05-05 11:30:00"; // a Monday, whose second range is near
     up(options);
-    const pid_t daemon = lab.ptzdPid();
-    const int64_t end = lab.labTimeNs() + repetitions(100, 3600) * SECOND;
+    const pid_t daemon = lab.programs.ptzdPid();
+    const int64_t end = lab.clock.nowNs() + repetitions(100, 3600) * SECOND;
     {
         const Load load(lab, seed);
-        while (lab.labTimeNs() < end && lab.ptzdPid() == daemon)
+        while (lab.clock.nowNs() < end && lab.programs.ptzdPid() == daemon)
             disturb(random);
         std::printf("%d calls answered\n", load.answered());
         EXPECT_GT(load.answered(), 100);
     }
-    ASSERT_EQ(lab.ptzdPid(), daemon) << lab.ptzdLog();
+    ASSERT_EQ(lab.programs.ptzdPid(), daemon) << lab.records.ptzdLog();
 
     calm();
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     bool moving = false;
-    for (const LabCetEntry& entry : lab.cetLog()) {
+    for (const LabCetEntry& entry : lab.records.cetLog()) {
         if (entry.isEvent)
             continue;
         const bool begins = entry.name == "notify_motor_moving";
@@ -106,7 +108,7 @@ TEST_F(Everything, AtOnceHarmsNothing)
         moving = begins;
     }
     EXPECT_FALSE(moving) << "a motion has not ended";
-    lab.forget();
+    lab.records.clear();
     EXPECT_EQ(lab.call("moveTo", coords(30, 10)), DONE);
     ASSERT_TRUE(settled());
     expectAt(1800, 710);

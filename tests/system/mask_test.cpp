@@ -10,13 +10,13 @@ class Mask : public HeadInTheLab {
 protected:
     std::string mask(const char* enabled)
     {
-        EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", enabled));
+        EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", enabled));
         return lab.call("lensMask");
     }
     void expectStored(const char* pan, const char* tilt)
     {
-        EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), pan);
-        EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), tilt);
+        EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps"), pan);
+        EXPECT_EQ(lab.settings.get("ptzd.y_motor.steps"), tilt);
     }
 };
 
@@ -31,17 +31,17 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     EXPECT_EQ(mask("on"), FOLLOWED);
     ASSERT_TRUE(settled(2));
     const auto waitForASave = [&] {
-        const int64_t from = lab.labTimeNs();
-        ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - from > 25'000'000'000; }, DEADLINE));
+        const int64_t from = lab.clock.nowNs();
+        ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - from > 25'000'000'000; }, DEADLINE));
         expectStored("1800", "710");
     };
     waitForASave();
-    ASSERT_TRUE(lab.killPtzd(SIGTERM).has_value());
+    ASSERT_TRUE(lab.programs.killPtzd(SIGTERM).has_value());
     expectStored("1800", "710");
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
+    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     expectAt(1800, 0); // pan as before, the lens hidden
     waitForASave();    // of the calibration's end
-    lab.forget();
+    lab.records.clear();
     EXPECT_EQ(mask("off"), FOLLOWED);
     ASSERT_TRUE(settled());
     expectAt(1800, 710);

@@ -18,16 +18,16 @@ TEST_F(HeadInTheLab, ReportsEveryWayThatCetCanFail)
     up();
     int motions = 0;
     for (const auto& one : cases) {
-        lab.setCet(one.mode);
+        lab.cet.setAnswer(one.mode);
         EXPECT_EQ(lab.call("moveTo", coords(motions % 2 == 0 ? 30 : 0, 0)), DONE);
         ASSERT_TRUE(settled(++motions));
         EXPECT_TRUE(reported(one.function, one.report)) << one.report;
     }
-    lab.setCet(CET_LATE, 300);
-    const std::string before = lab.ptzdLog();
+    lab.cet.setAnswer(CET_LATE, 300);
+    const std::string before = lab.records.ptzdLog();
     EXPECT_EQ(lab.call("moveTo", coords(-30, 0)), DONE);
     ASSERT_TRUE(settled(++motions));
-    EXPECT_EQ(lab.ptzdLog(), before) << "an answer within the second is in time";
+    EXPECT_EQ(lab.records.ptzdLog(), before) << "an answer within the second is in time";
 }
 
 // The idle notification is sent by the status poll's thread, which keeps MotionStateLock meanwhile: the event loop
@@ -36,13 +36,13 @@ TEST_F(HeadInTheLab, AnswersAtOnceWhileANotificationWaitsForCet)
 {
     up();
     EXPECT_EQ(lab.call("moveTo", coords(30, 0)), DONE);
-    lab.setCet(CET_SILENT);
-    ASSERT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
+    lab.cet.setAnswer(CET_SILENT);
+    ASSERT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
     const auto hangs = std::chrono::steady_clock::now();
     for (int i = 0; i < 50; ++i)
         EXPECT_NE(lab.call(i % 2 ? "getStatus" : "checkMotorStatus").find("code\":0"), std::string::npos);
     EXPECT_LT(std::chrono::steady_clock::now() - hangs, 900ms) << "a call waited for the notification";
-    lab.setCet(CET_OK);
+    lab.cet.setAnswer(CET_OK);
     EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
     ASSERT_TRUE(settled(2));
 }

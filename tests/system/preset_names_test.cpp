@@ -54,15 +54,15 @@ TEST_F(HeadInTheLab, TakesNamesOfPresetsExactlyOrRefusesThem)
         return lab.call("getPresetAll") + file;
     };
     const auto restart = [&] {
-        ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-        ASSERT_TRUE(lab.startPtzd()) << lab.error();
+        ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+        ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     };
     std::string names;
     for (size_t id = 1; id <= ACCEPTED.size(); ++id) {
         const std::string& name = ACCEPTED[id - 1];
         const std::string place = std::to_string(id);
         EXPECT_EQ(set(id, name), R"({"name":)" + quoted(name) + R"(,"id":")" + place + R"(","error_code":0})");
-        EXPECT_EQ(lab.uciGet("ptzd.preset_" + place + ".name"), name) << quoted(name);
+        EXPECT_EQ(lab.settings.get("ptzd.preset_" + place + ".name"), name) << quoted(name);
         names += (names.empty() ? "" : ",") + quoted(name);
     }
     const std::string before = stored();
@@ -76,7 +76,7 @@ TEST_F(HeadInTheLab, TakesNamesOfPresetsExactlyOrRefusesThem)
 
     // An empty name is stored as none, which is read as the section's.
     EXPECT_EQ(set(1, ""), R"({"name":"","id":"1","error_code":0})");
-    EXPECT_EQ(lab.uciGet("ptzd.preset_1.name"), std::nullopt);
+    EXPECT_EQ(lab.settings.get("ptzd.preset_1.name"), std::nullopt);
     restart();
     EXPECT_NE(lab.call("getPresetAll").find(R"("name":["preset_1",)"), std::string::npos);
 }

@@ -33,8 +33,8 @@ protected:
 
     void TearDown() override
     {
-        if (lab.ptzdPid() != 0)
-            lab.setSpeed(1); // the daemon gets as much time to end as always
+        if (lab.programs.ptzdPid() != 0)
+            lab.clock.setSpeed(1); // the daemon gets as much time to end as always
         HeadInTheLab::TearDown();
     }
     void upOnTour(const std::string& tour)
@@ -43,7 +43,7 @@ protected:
         options.config["tour"] = tour;
         options.clockSpeed = 20;
         up(options);
-        ASSERT_TRUE(lab.setZone(TWO_EAST)) << lab.error();
+        ASSERT_TRUE(lab.clock.setZone(TWO_EAST)) << lab.error();
     }
     void setUtc(time_t moment)
     {
@@ -51,9 +51,9 @@ protected:
         tm parts{};
         localtime_r(&moment, &parts);
         strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
-        lab.setSpeed(1);
-        anchors.push_back({lab.labTimeNs(), moment});
-        ASSERT_TRUE(lab.setWall(text)) << lab.error();
+        lab.clock.setSpeed(1);
+        anchors.push_back({lab.clock.nowNs(), moment});
+        ASSERT_TRUE(lab.clock.setWall(text)) << lab.error();
     }
     /// The wall clock at a moment of lab time, in ns since 1970 UTC.
     int64_t wallNs(int64_t labNs) const
@@ -66,15 +66,15 @@ protected:
     /// Lets the clock run to a moment.
     void runTo(time_t moment, double speed)
     {
-        lab.setSpeed(speed);
-        const double left = static_cast<double>(moment * SECOND - wallNs(lab.labTimeNs())) / SECOND / speed;
+        lab.clock.setSpeed(speed);
+        const double left = static_cast<double>(moment * SECOND - wallNs(lab.clock.nowNs())) / SECOND / speed;
         const auto limit = std::chrono::milliseconds(static_cast<int64_t>(left * 1000)) + DEADLINE;
-        ASSERT_TRUE(waitUntil([&] { return wallNs(lab.labTimeNs()) >= moment * SECOND; }, limit));
+        ASSERT_TRUE(waitUntil([&] { return wallNs(lab.clock.nowNs()) >= moment * SECOND; }, limit));
     }
     void waitMinutes(int minutes)
     {
-        const int64_t since = lab.labTimeNs();
-        ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - since > minutes * MINUTE; }, DEADLINE));
+        const int64_t since = lab.clock.nowNs();
+        ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - since > minutes * MINUTE; }, DEADLINE));
     }
     static std::string dayTime(int64_t ns)
     {
@@ -174,9 +174,9 @@ TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
     }
     EXPECT_EQ(lab.call("set_plan_config", weeklyPlan()), DONE);
     setUtc(utc("05-02 08:00")); // a Friday without an entry near
-    lab.setSpeed(200);
+    lab.clock.setSpeed(200);
     waitMinutes(3); // the last motion keeps the tour away for a minute, or two
-    lab.forget();
+    lab.records.clear();
 
     std::vector<Visit> expected;
     time_t now = 0;
@@ -184,8 +184,8 @@ TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
         if (*from != '\0' && (!whole || now == 0))
             setUtc(now = utc(from));
         const time_t end = &to == &std::end(STRETCHES)[-1].to && whole ? utc("05-10 22:00") : utc(to);
-        lab.setSpeed(1);
-        ASSERT_TRUE(lab.setZone(zone)) << lab.error();
+        lab.clock.setSpeed(1);
+        ASSERT_TRUE(lab.clock.setZone(zone)) << lab.error();
         runTo(end, whole ? 10000 : 600);
         for (const Visit& visit : VISITS)
             if (utc(visit.utc) >= now && utc(visit.utc) < end)
@@ -209,8 +209,8 @@ TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
     std::sort(late.begin(), late.end());
     EXPECT_LT(late[late.size() / 2], MINUTE) << "not at the planned minute";
     EXPECT_TRUE(settled(static_cast<int>(expected.size())));
-    EXPECT_EQ(lab.callsToCet("notify_motor_moving"), static_cast<int>(expected.size()));
-    for (const LabCetEntry& entry : lab.cetLog())
+    EXPECT_EQ(lab.records.callsToCet("notify_motor_moving"), static_cast<int>(expected.size()));
+    for (const LabCetEntry& entry : lab.records.cetLog())
         EXPECT_TRUE(entry.isEvent || entry.text == "3") << "the origin is a tour's";
 }
 
@@ -230,14 +230,14 @@ protected:
     size_t waitForAStep()
     {
         const size_t made = tourSteps().size();
-        EXPECT_TRUE(waitUntil([&] { return tourSteps().size() > made; }, DEADLINE * 3)) << lab.ptzdLog();
+        EXPECT_TRUE(waitUntil([&] { return tourSteps().size() > made; }, DEADLINE * 3)) << lab.records.ptzdLog();
         return made;
     }
     /// Moments at which the head came to rest: the idle notifications.
     std::vector<int64_t> restMoments()
     {
         std::vector<int64_t> moments;
-        for (const LabCetEntry& entry : lab.cetLog())
+        for (const LabCetEntry& entry : lab.records.cetLog())
             if (!entry.isEvent && entry.name == "notify_motor_idle")
                 moments.push_back(entry.labNs);
         return moments;
@@ -252,16 +252,18 @@ protected:
     void interrupt(const char* hold, const std::string& arguments, const char* release)
     {
         // A command that meets a step of the tour only redirects it, so come right after one.
-        lab.setSpeed(20);
+        lab.clock.setSpeed(20);
         (void)waitForAStep();
-        const auto over = [&] { return lab.callsToCet("notify_motor_idle") == lab.callsToCet("notify_motor_moving"); };
+        const auto over = [&] {
+            return lab.records.callsToCet("notify_motor_idle") == lab.records.callsToCet("notify_motor_moving");
+        };
         ASSERT_TRUE(waitUntil(over, DEADLINE));
         const auto done = [&](const char* mask, const char* method, const std::string& json) {
-            EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", mask)) << lab.error();
+            EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", mask)) << lab.error();
             EXPECT_NE(lab.call(method, json).find("code\":0"), std::string::npos) << method;
         };
         done("on", hold, arguments); // counts for lensMask only
-        lab.setSpeed(100);           // a minute is 0.6 s
+        lab.clock.setSpeed(100);     // a minute is 0.6 s
         const size_t before = tourSteps().size();
         if (release) {
             waitMinutes(3);
@@ -316,7 +318,7 @@ TEST_F(ScannedNight, WrapsPastMidnightAndIsHeldAsLongAsNeeded)
         const time_t later = night * DAY / SECOND;
         if (night == 0)
             setUtc(utc("05-03 19:40")); // 21:40
-        lab.setSpeed(FAST);
+        lab.clock.setSpeed(FAST);
         (void)waitForAStep();
         tour = tourSteps().front().thread; // nobody else has moved the head yet
         EXPECT_LT(wallNs(tourSteps().back().labNs), (utc("05-03 20:00") + later + 600) * SECOND) << "22:00 of the zone";
