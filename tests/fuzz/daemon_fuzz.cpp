@@ -97,9 +97,9 @@ void checkPresetsStored()
         RIG_CHECK(entry.id >= 1 && entry.id <= PRESET_COUNT, "slot %d: id %d\n", slot, entry.id);
         RIG_CHECK(memory.presetSlotOfId[entry.id - 1] == slot, "id %d is in two slots, or in none\n", entry.id);
     }
-    const int32_t current = gContext.tour.tourCurrentPresetId.load();
+    const int32_t current = gContext.motion.tourCurrentPresetId.load();
     RIG_CHECK(reloadPresetList() == RESULT_OK, "what was stored cannot be read\n");
-    gContext.tour.tourCurrentPresetId.store(current);
+    gContext.motion.tourCurrentPresetId.store(current);
     const PresetTable file = presetTableNow();
     for (int32_t slot = 1; slot <= PRESET_COUNT; ++slot) {
         PresetEntry entry = memory.presetTable[slot - 1];

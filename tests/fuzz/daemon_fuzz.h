@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fuzz.h"
+#include "preset/preset_store.h"
 #include "rig/daemon_rig.h"
 
 /// Starts the daemon on settings, runs `inside` with time going on and no worker that goes on for ever.

@@ -3,8 +3,10 @@
 // of presets and a plan.
 
 #include "daemon_fuzz.h"
+#include "motor/coordinates.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 
 #include <string.h>

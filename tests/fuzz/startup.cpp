@@ -2,6 +2,7 @@
 // A first line "!" and twelve bytes are what the motors report of themselves.
 
 #include "daemon_fuzz.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 
 namespace {

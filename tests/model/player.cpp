@@ -100,7 +100,7 @@ Verdict Player::play(const Sequence& sequence)
     std::string at = "the start";
     try {
         endDaemon(); // it might still save into the fresh settings
-        lab_.setSpeed(CLOCK_SPEED);
+        lab_.clock.setSpeed(CLOCK_SPEED);
         model_.storedPresets = {};
         model_.world.plans = {Plan{}};
         model_.world.settings = {TourSettings{}};
@@ -118,8 +118,8 @@ Verdict Player::play(const Sequence& sequence)
                 << optionLine("speed", text.at(axis.section + ".speed"));
         }
         std::ofstream(lab_.folder() + "/etc/config/ptzd", std::ios::app) << "\nconfig preset_config 'preset_config'\n";
-        lab_.heal(LAB_PAN);
-        lab_.heal(LAB_TILT);
+        lab_.motors.clearFaults(LAB_PAN);
+        lab_.motors.clearFaults(LAB_TILT);
         restart(true);
         for (const Step& step : sequence.steps) {
             at = step.print();
@@ -127,7 +127,7 @@ Verdict Player::play(const Sequence& sequence)
         }
         at = "the end";
         settle();
-        require(lab_.ptzdLog().find("Sanitizer") == std::string::npos, lab_.ptzdLog());
+        require(lab_.records.ptzdLog().find("Sanitizer") == std::string::npos, lab_.records.ptzdLog());
     } catch (const Mismatch& mismatch) {
         return {at + ": " + mismatch.text};
     } catch (const Inconclusive&) {
@@ -141,8 +141,8 @@ void Player::change(const Step& step)
 {
     HeadModel::Settings& settings = model_.settings;
     if (step.verb == "@wall") {
-        model_.world.setWall(step.text, lab_.labTimeNs());
-        lab_.setWall(step.text);
+        model_.world.setWall(step.text, lab_.clock.nowNs());
+        lab_.clock.setWall(step.text);
     } else if (step.verb == "@tour") {
         model_.motions.mayReload();
         TourSettings tour;
@@ -189,7 +189,7 @@ void Player::run(const Step& step)
 {
     const bool mayTour = step.verb.starts_with("reload_") || step.verb.starts_with("@tour") || step.verb == "@wall" ||
                          step.verb == "set_plan_config";
-    if (model_.saveDue() && (mayTour || lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
+    if (model_.saveDue() && (mayTour || lab_.clock.nowNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
         settle();
         awaitSave();
     }
@@ -206,7 +206,7 @@ void Player::run(const Step& step)
     } else if (step.verb == "@nap") {
         std::this_thread::sleep_for(std::chrono::microseconds(std::stol(step.text)));
     } else if (step.verb == "@fault") {
-        lab_.failRequest(step.text[0] == 'x' ? LAB_PAN : LAB_TILT, requestNamed(step.text.substr(2)));
+        lab_.motors.failRequest(step.text[0] == 'x' ? LAB_PAN : LAB_TILT, requestNamed(step.text.substr(2)));
     } else if (step.verb == "@crash" || step.verb == "@power") {
         restart(step.verb == "@power");
     } else if (step.verb[0] == '@') {
@@ -226,9 +226,9 @@ void Player::callMethod(const Step& step)
     if (disturbs)
         settle();
     const std::optional<PendingSave> before = model_.saveDue() ? model_.save : std::nullopt;
-    const int64_t calledNs = lab_.labTimeNs();
+    const int64_t calledNs = lab_.clock.nowNs();
     const std::string reply = lab_.call(step.verb, step.json());
-    const int64_t repliedNs = lab_.labTimeNs();
+    const int64_t repliedNs = lab_.clock.nowNs();
     if (before && repliedNs >= before->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     evidence_.load(lab_);
@@ -244,8 +244,8 @@ void Player::callMethod(const Step& step)
 
 void Player::endDaemon()
 {
-    if (lab_.ptzdPid() != 0)
-        require(lab_.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
+    if (lab_.programs.ptzdPid() != 0)
+        require(lab_.programs.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
 }
 
 void Player::restart(bool powerLoss)
@@ -255,25 +255,25 @@ void Player::restart(bool powerLoss)
     std::error_code ignored;
     fs::remove_all(lab_.folder() + "/tmp/.uci", ignored);
     if (powerLoss)
-        lab_.powerLoss();
+        lab_.motors.powerLoss();
     takeAxes();
-    lab_.forget();
+    lab_.records.clear();
     evidence_ = Evidence{};
-    require(lab_.startPtzd(), "the daemon does not start: " + lab_.error());
+    require(lab_.programs.startPtzd(), "the daemon does not start: " + lab_.error());
     if (resident_ == 0)
         learnThreads();
     evidence_.load(lab_);
     model_.start();
     settle();
-    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.ptzdPid()) + "/task"))
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.programs.ptzdPid()) + "/task"))
         evidence_.lasting.insert(static_cast<pid_t>(std::stol(task.path().filename())));
-    evidence_.lasting.erase(lab_.ptzdPid());
+    evidence_.lasting.erase(lab_.programs.ptzdPid());
 }
 
 void Player::takeAxes()
 {
     for (const LabAxisId id : {LAB_PAN, LAB_TILT}) {
-        const LabAxisNow now = lab_.axisNow(id);
+        const LabAxisNow now = lab_.motors.now(id);
         ModelAxis& axis = model_.axes[id];
         axis.count = now.count;
         axis.shaft = now.shaft;
@@ -285,7 +285,7 @@ int Player::threads() const
 {
     // The links of the folder, not its entries: a thread that ends while they are listed hides the ones after it.
     std::error_code problem;
-    const auto links = fs::hard_link_count("/proc/" + std::to_string(lab_.ptzdPid()) + "/task", problem);
+    const auto links = fs::hard_link_count("/proc/" + std::to_string(lab_.programs.ptzdPid()) + "/task", problem);
     return problem ? 0 : static_cast<int>(links) - 2;
 }
 
@@ -303,7 +303,7 @@ void Player::learnThreads()
 bool Player::settled()
 {
     const auto busy = [this] {
-        return lab_.axisNow(LAB_PAN).running != 0 || lab_.axisNow(LAB_TILT).running != 0 || threads() > resident_;
+        return lab_.motors.now(LAB_PAN).running != 0 || lab_.motors.now(LAB_TILT).running != 0 || threads() > resident_;
     };
     if (busy())
         return false;
@@ -319,14 +319,14 @@ void Player::settle()
 {
     // Twice: a thread may still have been about to read the axes when the idle notification was seen.
     if (!waitUntil([this] { return settled() && settled(); }, patience)) {
-        require(lab_.ptzdPid() != 0, "the daemon has ended:\n" + lab_.ptzdLog());
+        require(lab_.programs.ptzdPid() != 0, "the daemon has ended:\n" + lab_.records.ptzdLog());
         const std::string events = evidence_.wrongEvents(true);
         throw Mismatch{"the head does not come to rest, " + model_.describe() + (events.empty() ? "" : ", " + events) +
                        ", " + std::to_string(threads()) + " threads of " + std::to_string(resident_)};
     }
-    if (!model_.atRest && model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    if (!model_.atRest && model_.saveDue() && lab_.clock.nowNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
-    const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
+    const LabAxisNow now[] = {lab_.motors.now(LAB_PAN), lab_.motors.now(LAB_TILT)};
     const size_t seen = evidence_.entries.size();
     evidence_.load(lab_);
     if (evidence_.entries.size() != seen)
@@ -348,7 +348,7 @@ bool Player::awaitTour()
     std::this_thread::sleep_for(50ms); // several cycles of the touring thread
     settle();
     model_.motions.keepReloaded();
-    const std::set<bool> moves = model_.motions.tourMoves(lab_.labTimeNs());
+    const std::set<bool> moves = model_.motions.tourMoves(lab_.clock.nowNs());
     if (moves.size() != 1)
         return false;
     const auto steps = [this] {
@@ -356,15 +356,15 @@ bool Player::awaitTour()
                              [](const Notification& seen) { return seen.moving && seen.origin == ORIGIN_TOUR; });
     };
     const auto before = steps();
-    const int64_t end = lab_.labTimeNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
-    lab_.setSpeed(4 * CLOCK_SPEED);
+    const int64_t end = lab_.clock.nowNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
+    lab_.clock.setSpeed(4 * CLOCK_SPEED);
     const bool done = waitUntil(
         [&] {
             evidence_.load(lab_);
-            return steps() > before || lab_.labTimeNs() > end;
+            return steps() > before || lab_.clock.nowNs() > end;
         },
         patience);
-    lab_.setSpeed(CLOCK_SPEED);
+    lab_.clock.setSpeed(CLOCK_SPEED);
     require(done, "the tour does not move the head, " + model_.describe());
     return steps() > before;
 }
@@ -385,15 +385,15 @@ void Player::awaitSave()
 /// For longer than the period of any save nobody may look at the axes.
 void Player::watchIdle()
 {
-    const int64_t end = lab_.labTimeNs() + SAVE_PERIOD_NS * 11 / 10;
-    require(waitUntil([&] { return lab_.labTimeNs() >= end; }, patience), "the lab's clock does not run");
+    const int64_t end = lab_.clock.nowNs() + SAVE_PERIOD_NS * 11 / 10;
+    require(waitUntil([&] { return lab_.clock.nowNs() >= end; }, patience), "the lab's clock does not run");
     settle();
 }
 
 void Player::compareFile()
 {
     const auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
-    if (model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    if (model_.saveDue() && lab_.clock.nowNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
         return; // a save may have come meanwhile
     for (const auto& [name, value] : model_.storedOptions()) {
         const auto at = seen.find(name);

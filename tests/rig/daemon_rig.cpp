@@ -1,17 +1,25 @@
 #include "rig/daemon_rig.h"
 
+#include "config/uci_state.h"
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
-#include "motion/quiet_period.h"
-#include "motor/motion_state.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
 #include "motor/position_store.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
+#include "preset/preset_store.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 #include "ubus/method_table.h"
 #include "ubus/notify.h"
 #include "ubus/ubus_service.h"
+#include "ubus/ubus_state.h"
 
 #include <stdarg.h>
 #include <time.h>
@@ -47,6 +55,13 @@ const Settings& deliveredSettings()
         return read;
     }();
     return settings;
+}
+
+template <typename... Parts>
+void renew(Parts&... parts)
+{
+    (std::destroy_at(&parts), ...);
+    (std::construct_at(&parts), ...);
 }
 
 /// Checks that every attribute of a container, at every depth, is whole.
@@ -114,8 +129,9 @@ void reset()
     TourDeinit();
     blob_buf_free(&gContext.ubus.replyBuf);
     fakes = {};
-    std::destroy_at(&gContext);
-    std::construct_at(&gContext);
+    renew(gContext.axes, gContext.timers, gContext.calibrationArg, gContext.motion, gContext.position,
+          gContext.panorama, gContext.track, gContext.preset, gContext.tour, gContext.image, gContext.ubus,
+          gContext.config);
     lensMaskSetEnabled(0);
     Timers& timers = gContext.timers;
     timers.saveStepsTimer = timerRecord(saveCurSteps, nullptr);
@@ -331,15 +347,14 @@ bool shutdownSleep(int32_t)
     return true;
 }
 
-void logWrite(int level, const char* function, int, const char* format, ...)
+void logWrite(LogLevel, LogSite site, const char* format, ...)
 {
-    char text[1024]; // formatted for the sanitizers' sake, whatever the level
+    char text[1024]; // formatted for the sanitizers' sake
     va_list args;
     va_start(args, format);
     (void)vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    if (level >= LOG_LEVEL_ERROR)
-        fakes.reports.push_back({function, text});
+    fakes.reports.push_back({site.function, text});
 }
 
 void motorNotifyState(int32_t state, int32_t origin)

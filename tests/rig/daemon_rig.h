@@ -2,7 +2,8 @@
 // are fakes, the configuration store is the real one in a folder in memory. Unit tests and fuzzers share it.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
+#include "core/timer.h"
 #include "rig/fake_motor.h"
 #include "rig/files.h"
 

@@ -1,7 +1,8 @@
 // Calls, answers and worker threads where a library or the system fails.
 
 #include "head.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
+#include "ubus/ubus_state.h"
 
 #include <errno.h>
 

@@ -7,9 +7,9 @@
 namespace {
 
 enum State : unsigned {
-    CALIBRATING = 1,
+    CALIBRATES = 1,
     MASKED = 2,
-    PANORAMA = 4,
+    SWEEPS = 4,
     PAN_RUNS = 8,
     TILT_RUNS = 16,
     TRACKED = 32, // tracking has moved the head last
@@ -34,9 +34,9 @@ protected:
         table.presetTable[1] = {3, 0.5F, -0.5F, 0, 0, 1, "third"};
         table.presetSlotOfId[2] = 2;
         presetTableSet(table);
-        gContext.motion.calibrating.store((state & CALIBRATING) != 0 ? 1 : 0);
+        gContext.motion.calibrating.store((state & CALIBRATES) != 0 ? 1 : 0);
         lensMaskSetEnabled((state & MASKED) != 0 ? 1 : 0);
-        gContext.panorama.panoramaRunning.store((state & PANORAMA) != 0 ? 1 : 0);
+        gContext.panorama.panoramaRunning.store((state & SWEEPS) != 0 ? 1 : 0);
         fakeMotor.status[PAN].running = (state & PAN_RUNS) != 0 ? 1 : 0;
         fakeMotor.status[TILT].running = (state & TILT_RUNS) != 0 ? 1 : 0;
         gContext.motion.motion_origin.store((state & TRACKED) != 0 ? ORIGIN_TRACK : ORIGIN_USER);
@@ -88,8 +88,8 @@ TEST_F(Commands, SendTheAxesWhereTheySay)
         {"startPanorama", "{}", "pan move 1500 at 8, tilt move -100 at 6", false, FLIP_PAN},
         {"startPanorama", "{}", stops + "pan move -1500 at 8, tilt move 100 at 6", false, FLIP_TILT | PAN_RUNS},
         {"movePanorama", xy(5, -3), "pan move 50 at 8, tilt move -30 at 6", false},
-        {"movePanorama", xy(-150, 61), stops + "pan move -1500 at 8, tilt move 610 at 6", false, PANORAMA | TILT_RUNS},
-        {"stopPanorama", "{}", "pan move 300 at 8, tilt move 90 at 6", false, PANORAMA},
+        {"movePanorama", xy(-150, 61), stops + "pan move -1500 at 8, tilt move 610 at 6", false, SWEEPS | TILT_RUNS},
+        {"stopPanorama", "{}", "pan move 300 at 8, tilt move 90 at 6", false, SWEEPS},
         {"lensMask", "{}", "pan move 300 at 8, tilt move 90 at 6", false, MASKED}, // off, as it is stored
     };
     for (const auto& one : cases) {
@@ -134,12 +134,12 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
         {"move", xy(1, 0), ERR_NO_TRAVEL, PAN_RUNS, 3000},
         {"move", xy(1, -1), ERR_NO_TRAVEL, TILT_RUNS, 3000},
         {"move", xy(1, -1), ERR_NO_TRAVEL, PAN_RUNS, 1500, 220}, // -39 is at step 220
-        {"moveTo", xy(151, 0), ERR_PARAM, CALIBRATING},
+        {"moveTo", xy(151, 0), ERR_PARAM, CALIBRATES},
         {"moveTo", xy(-151, 0), ERR_PARAM, MASKED},
         {"moveTo", xy(0, 62), ERR_PARAM},
         {"moveTo", xy(0, -40), ERR_PARAM},
         {"moveTo", xy(0, 40), ERR_PARAM, FLIP_TILT},
-        {"moveStep", R"({"direction":"360"})", ERR_PARAM, CALIBRATING},
+        {"moveStep", R"({"direction":"360"})", ERR_PARAM, CALIBRATES},
         {"moveStep", R"({"direction":"-1"})", ERR_PARAM},
         {"moveStep", right, ERR_NO_TRAVEL, TILT_RUNS, 3000},
         {"moveStep", right, ERR_NO_TRAVEL, FLIP_PAN, 0},
@@ -159,14 +159,14 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
         {"setPreset", R"({"save_ptz":"1"})", ERR_MOVING, TILT_RUNS},
         {"setPreset", R"({"save_ptz":"2"})", ERR_PARAM},
         {"setPreset", R"({"name":")" + std::string(33, 'n') + R"("})", ERR_NAME_LENGTH},
-        {"setPreset", "{}", ERR_LENS_MASK, MASKED | PANORAMA},
-        {"setPreset", "{}", ERR_PANORAMA, PANORAMA},
-        {"setConfig", R"({"x_speed":"1"})", ERR_CALIBRATING, CALIBRATING},
-        {"lensMask", "{}", ERR_CALIBRATING, CALIBRATING | PANORAMA},
-        {"lensMask", "{}", ERR_PANORAMA, PANORAMA},
-        {"startPanorama", "{}", ERR_CALIBRATING, CALIBRATING | MASKED},
+        {"setPreset", "{}", ERR_LENS_MASK, MASKED | SWEEPS},
+        {"setPreset", "{}", ERR_PANORAMA, SWEEPS},
+        {"setConfig", R"({"x_speed":"1"})", ERR_CALIBRATING, CALIBRATES},
+        {"lensMask", "{}", ERR_CALIBRATING, CALIBRATES | SWEEPS},
+        {"lensMask", "{}", ERR_PANORAMA, SWEEPS},
+        {"startPanorama", "{}", ERR_CALIBRATING, CALIBRATES | MASKED},
         {"startPanorama", "{}", ERR_LENS_MASK, MASKED},
-        {"checkMotorStatus", "{}", ERR_CALIBRATING, CALIBRATING},
+        {"checkMotorStatus", "{}", ERR_CALIBRATING, CALIBRATES},
     };
     const std::pair<const char*, std::string> motions[] = {
         {"move", xy(1, 1)},     {"moveTo", xy(1, 1)},    {"moveStep", right},    {"stop", "{}"},
@@ -174,9 +174,9 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
     };
     for (const auto& [method, arguments] : motions) {
         const std::string some = arguments.empty() ? "{}" : arguments;
-        cases.push_back({method, some, ERR_CALIBRATING, CALIBRATING | MASKED | PANORAMA | PAN_RUNS});
-        cases.push_back({method, some, ERR_LENS_MASK, MASKED | PANORAMA | PAN_RUNS | TRACKED});
-        cases.push_back({method, some, ERR_PANORAMA, PANORAMA | TILT_RUNS | TRACKED});
+        cases.push_back({method, some, ERR_CALIBRATING, CALIBRATES | MASKED | SWEEPS | PAN_RUNS});
+        cases.push_back({method, some, ERR_LENS_MASK, MASKED | SWEEPS | PAN_RUNS | TRACKED});
+        cases.push_back({method, some, ERR_PANORAMA, SWEEPS | TILT_RUNS | TRACKED});
     }
     for (const Case& one : cases) {
         SCOPED_TRACE(one.method + one.arguments + " in state " + std::to_string(one.state));

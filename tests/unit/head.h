@@ -2,9 +2,16 @@
 #pragma once
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
 #include "motor/motion_state.h"
+#include "motor/position_store.h"
+#include "motor/status_poll.h"
 #include "preset/preset_store.h"
 #include "rig/daemon_rig.h"
+#include "tour/tour_state.h"
 
 #include <gtest/gtest.h>
 

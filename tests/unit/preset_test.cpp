@@ -45,7 +45,7 @@ protected:
 
 TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
 {
-    gContext.tour.tourCurrentPresetId.store(4);
+    gContext.motion.tourCurrentPresetId.store(4);
     rig::store("ptzd", preset(2, 5, 1) + preset(3, 6, 0) + preset(8, 1, 1, "name"));
     ASSERT_EQ(reloadPresetList(), RESULT_OK);
     PresetEntry found{};
@@ -60,13 +60,13 @@ TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
     ASSERT_TRUE(presetFind(1, found));
     EXPECT_STREQ(found.name, "preset_8") << "a missing name, unlike a missing section";
     EXPECT_STREQ(slot(1).name, "preset1");
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "the tour starts anew";
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0) << "the tour starts anew";
     EXPECT_TRUE(fakes.reports.empty());
 }
 
 TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
 {
-    gContext.tour.tourCurrentPresetId.store(4);
+    gContext.motion.tourCurrentPresetId.store(4);
     for (const char* option : {"id", "position_pan", "position_tilt", "position_zoom", "read_only", "enabled"}) {
         fakes.reports.clear();
         rig::store("ptzd", preset(1, 1, 1) + preset(2, 2, 1, option) + preset(3, 3, 1));
@@ -76,7 +76,7 @@ TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
         EXPECT_TRUE(presetFind(1, found));
         EXPECT_FALSE(presetFind(2, found) || presetFind(3, found));
     }
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 4);
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 4);
 }
 
 TEST_F(Presets, AnEnabledSectionWithAForeignIdIsAFreeSlot)

@@ -1,8 +1,9 @@
 // A save of the position that something overtakes after it has looked at the head.
 
 #include "head.h"
-#include "motor/position_store.h"
+#include "motor/tour_motion.h"
 
+#include <optional>
 #include <thread>
 
 namespace {
@@ -29,8 +30,7 @@ protected:
     {
         motion.user_moved_recently.store(0); // its quiet period is over
         motion.track_back_done.store(1);
-        ASSERT_TRUE(motionBeginTour(tourTicketNow(), true));
-        motionTourStarted(false);
+        ASSERT_EQ(tourDrive(tourTicketNow(), {}), TourMove::Started);
         restAt(pan, tilt);
     }
     static std::string track()
@@ -79,13 +79,13 @@ TEST_F(SaveRace, ANewerSaveCountsThoughAnOlderOneIsDoneFirst)
     standAt(1000, 300);
     saveStepsArm();
     const unsigned before = fakeMotorAnswered;
-    cfg_uci_lock(); // the older one gets no further than its look at the head
+    std::optional<UciTransaction> held(UCI_PTZD); // the older one gets no further than its look at the head
     std::thread older(saveCurSteps, nullptr);
     while (fakeMotorAnswered != before + AXIS_COUNT)
         std::this_thread::yield();
     standAt(2000, 600);
     saveDuringWhich([&] {
-        cfg_uci_unlock();
+        held.reset();
         older.join();
     });
     EXPECT_EQ(stored(), (Position{2000, 600}));
@@ -252,13 +252,13 @@ TEST_F(SaveRace, ARefusedReturnStillEndsTheTrackingEpisode)
 {
     motion.motion_origin.store(ORIGIN_TOUR);
     motion.track_back_done.store(0);
-    gContext.tour.tourCurrentPresetId.store(3);
+    gContext.motion.tourCurrentPresetId.store(3);
     lensMaskSetEnabled(1);
     EXPECT_EQ(call("targetTrackBack"), code(ERR_LENS_MASK));
     EXPECT_EQ(motion.track_back_done.load(), 1) << "else no tour goes on again";
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer)) << "else the quiet period has no end";
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "else a tour takes the head to be where it was";
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0) << "else a tour takes the head to be where it was";
 }
 
 TEST_F(SaveRace, TrackingThatIsSwitchedOffBringsBackOnlyWhatItHasMoved)

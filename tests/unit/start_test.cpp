@@ -53,7 +53,7 @@ TEST_F(Start, LoadsItsSwitchesBeforeAnythingMoves)
         {"target_track", enabled("target_track_info", "on")},
         {"lens_mask", enabled("lens_mask_info", "on")},
     };
-    atNext(PAN, MOTOR_IOC_GET_CAPA, [] { EXPECT_EQ(motionBusy(), ERR_CALIBRATING) << "a tour could begin"; });
+    atNext(PAN, MOTOR_IOC_GET_CAPA, [] { EXPECT_EQ(refusedBy(CALIBRATING), ERR_CALIBRATING) << "a tour could begin"; });
     EXPECT_EQ(start(settings,
                     [&] {
                         EXPECT_EQ(gContext.image.imageFlipType.load(), 3);

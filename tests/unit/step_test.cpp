@@ -92,9 +92,12 @@ TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
 TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
 {
     start();
-    EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK); // what its thread begins with
-    atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); });  // both axes rest, halted
-    start(180);
+    atTick(1, [] {
+        atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); }); // both axes rest, halted
+        start(180);
+        fakes.patience = 0;
+    });
+    fakes.runWorker();
     EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
 }
@@ -102,13 +105,17 @@ TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
 TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
 {
     start();
-    EXPECT_EQ(beginAndDrive(MotionBegin::Step, {}, {}), RESULT_OK);
-    restAt(3000, 610); // at the limit long before its ticks are over
-    ASSERT_EQ(fakes.notifications.size(), 2u);
-    start(180);
-    EXPECT_EQ(fakes.notifications.size(), 3u);
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.size(), 4u);
+    atTick(1, [] {
+        restAt(3000, 610); // at the limit long before its ticks are over
+        EXPECT_EQ(fakes.notifications.size(), 2u);
+        start(180);
+        EXPECT_EQ(fakes.notifications.size(), 3u);
+        motorStatusPoll(nullptr);
+        EXPECT_EQ(fakes.notifications.size(), 4u);
+        fakes.patience = 0;
+    });
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 1);
 }
 
 TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)

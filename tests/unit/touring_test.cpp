@@ -1,7 +1,7 @@
 // When a tour moves the head, and commands that overtake its step.
 
 #include "head.h"
-#include "motion/quiet_period.h"
+#include "motor/quiet_period.h"
 #include "tour/touring.h"
 #include "ubus/notify.h"
 
@@ -206,7 +206,7 @@ TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
     fakeMotor.status[PAN].running = 1;
     mask("on");
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
 }
 
 // A user's command at each point of a tour's step: the head obeys the user, and the motion counts as the user's.
@@ -246,7 +246,7 @@ TEST_P(Overtaken, ByAMoveBeforeItsBegin)
         EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty()) << "the user's motion is not halted";
         EXPECT_EQ(motion.motion_origin.load(), ORIGIN_USER);
         EXPECT_EQ(motion.user_moved_recently.load(), 1);
-        EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+        EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
         rest();
     }
 }

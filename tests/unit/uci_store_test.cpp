@@ -1,5 +1,6 @@
 // The configuration store's access layer on the real library, in a folder of the test's own.
 
+#include "config/uci_state.h"
 #include "head.h"
 
 #include <thread>
