@@ -67,6 +67,12 @@ bool isJson(const std::string& formatted)
     return formatted.find("inf") == formatted.npos && formatted.find("nan") == formatted.npos;
 }
 
+void anyText(const std::string& text)
+{
+    if (const auto once = through(text); once && isJson(*once))
+        RIG_CHECK(through(*once) == once, "%s\n%s\n", text.c_str(), once->c_str());
+}
+
 /// What a policy has found is of its type, and can be read.
 uint64_t readFound(blob_attr* const* found)
 {
@@ -113,9 +119,7 @@ void anyBytes(Bytes bytes)
     sum += readFound(found);
     asm volatile("" : : "r"(sum)); // so that nothing of the reading is left out
 
-    const std::string text = format(message);
-    if (const auto again = through(text); again && isJson(*again))
-        RIG_CHECK(through(*again) == again, "%s\n%s\n", text.c_str(), again->c_str());
+    anyText(format(message));
     const OwnedText indented(blobmsg_format_json_indent(message, true, 0));
     const OwnedText instead(blobmsg_format_json_with_cb(message, true, insteadOfNumbers, nullptr, 3));
     RIG_CHECK(indented && instead, "no text\n");
@@ -129,13 +133,6 @@ void anyBytes(Bytes bytes)
         const OwnedText named(blobmsg_format_json(child, false));
         RIG_CHECK(value && named, "no text\n");
     }
-}
-
-void anyText(const std::string& text)
-{
-    const auto once = through(text);
-    if (once && isJson(*once))
-        RIG_CHECK(through(*once) == once, "%s\n%s\n", text.c_str(), once->c_str());
 }
 
 } // namespace

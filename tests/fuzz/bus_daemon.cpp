@@ -53,31 +53,19 @@ public:
     {
         enum Action { RAW, MESSAGE, REPEATED, DRAIN, HANG_UP, HALF_CLOSE, ACTION_COUNT };
         Peer& peer = hostile_[input.byte() % HOSTILE];
-        switch (input.byte() % ACTION_COUNT) {
-        case RAW:
-            send(peer, input.block());
-            break;
-        case MESSAGE:
-            send(peer, busMessage(input, known_));
-            break;
-        case REPEATED: {
-            const std::vector<uint8_t> one = busMessage(input, known_);
-            for (int count = input.byte(); count > 0; --count)
-                send(peer, one);
-            break;
-        }
-        case DRAIN:
+        const int action = input.byte() % ACTION_COUNT;
+        if (action == RAW || action == MESSAGE || action == REPEATED) {
+            const Bytes raw = action == RAW ? input.block() : Bytes{};
+            const auto bytes = action == RAW ? std::vector(raw.begin(), raw.end()) : busMessage(input, known_);
+            for (int count = action == REPEATED ? input.byte() : 1; count > 0; --count)
+                send(peer, bytes);
+        } else if (action == DRAIN) {
             drain(peer);
-            break;
-        case HANG_UP:
+        } else if (action == HANG_UP) {
             hangUp(peer);
             connect(peer);
-            break;
-        case HALF_CLOSE:
+        } else {
             shutdown(peer.fd, input.byte() % 2 == 0 ? SHUT_WR : SHUT_RD);
-            break;
-        default:
-            break;
         }
         serve();
         drain(witness_); // also of calls, which it leaves without an answer
@@ -91,7 +79,8 @@ public:
             hangUp(peer);
         }
         expectWitness("alone");
-        RIG_CHECK(listed() == 1, "what the others had registered is still there\n");
+        RIG_CHECK(ask(MessageWriter(MSG_LOOKUP, 0x7002, 0).finish()).size() == 2,
+                  "what the others had registered is still there\n");
     }
 
 private:
@@ -145,15 +134,10 @@ private:
     {
         for (bool busy = true; busy;) {
             busy = false;
-            for (Peer* peer : peers())
+            for (const Peer* peer : {&witness_, &hostile_[0], &hostile_[1], &hostile_[2]})
                 if (Client* client = bus_.find(peer->id))
                     busy = turn(*client) || busy;
         }
-    }
-
-    std::array<Peer*, HOSTILE + 1> peers()
-    {
-        return {&witness_, &hostile_[0], &hostile_[1], &hostile_[2]};
     }
 
     /// What the socket does not take is lost, as with a client that does not wait.
@@ -221,11 +205,6 @@ private:
         lookup.put(ATTR_OBJPATH, "witness");
         const auto answer = ask(lookup.finish());
         RIG_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId == object_, "the witness is lost, %s\n", when);
-    }
-
-    size_t listed()
-    {
-        return ask(MessageWriter(MSG_LOOKUP, 0x7002, 0).finish()).size() - 1;
     }
 
     /// Reads all that there is for a client: a whole number of messages, while it is connected.

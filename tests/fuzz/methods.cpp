@@ -141,32 +141,21 @@ void moveMotor(Input& input)
 
 void happen(unsigned event, Input& input, ScanProgress& scan)
 {
-    switch (event) {
-    case RUN_WORKERS:
+    if (event == RUN_WORKERS) {
         runWorkers();
-        break;
-    case EXPIRE:
+    } else if (event == EXPIRE) {
         expire(input.byte());
-        break;
-    case MOTOR:
+    } else if (event == MOTOR) {
         moveMotor(input);
-        break;
-    case FAULT: {
+    } else if (event == FAULT) {
         const auto axis = static_cast<AxisIndex>(input.byte() % AXIS_COUNT);
         bool& failing = fakeMotor.failing[{axis, REQUESTS[input.byte() % std::size(REQUESTS)]}];
         failing = !failing;
-        break;
-    }
-    case TOUR:
+    } else if (event == TOUR) {
         (void)tourCycle(scan);
-        break;
-    case SETTINGS: {
+    } else {
         const char* package = OTHERS_PACKAGES[input.byte() % std::size(OTHERS_PACKAGES)];
         rig::store(package, asText(input.block()));
-        break;
-    }
-    default:
-        break;
     }
 }
 
