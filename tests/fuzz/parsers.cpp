@@ -99,7 +99,7 @@ void members(json_object* value)
     const int32_t count = json_array_to_strings(&texts, value);
     RIG_CHECK((count > 0) == (texts != nullptr), "%d\n", count);
     for (int32_t i = 0; i < count; ++i)
-        RIG_CHECK(!texts[i] || strlen(texts[i]) + 1 > 0, "no text\n");
+        RIG_CHECK(!texts[i] || strlen(texts[i]) + 1 > 0, "no text\n"); // read to its end
     free(texts);
 }
 

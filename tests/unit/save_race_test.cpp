@@ -25,6 +25,19 @@ protected:
         (void)cfg_uci_get_int_value(UCI_PTZD, "y_motor", "steps", &steps.second);
         return steps;
     }
+    bool saveArmed()
+    {
+        EXPECT_EQ(fakes.armed(timers.saveStepsTimer), gContext.position.savePending.load());
+        return gContext.position.savePending.load();
+    }
+    static void ok(const char* method, const std::string& arguments = "{}")
+    {
+        EXPECT_EQ(call(method, arguments), code(RESULT_OK)) << method;
+    }
+    static void track()
+    {
+        ok("targetTrack", R"({"x_coord":"1","y_coord":"0","x_speed":"1","y_speed":"1"})");
+    }
     /// A motion of the tour, from its begin to its end.
     void tourTo(int32_t pan, int32_t tilt)
     {
@@ -33,11 +46,23 @@ protected:
         ASSERT_EQ(tourDrive(tourTicketNow(), {}), TourMove::Started);
         restAt(pan, tilt);
     }
-    static std::string track()
+    /// A panorama that begins while an axis slows down after its STOP.
+    static void sweep(std::optional<AxisIndex> slow = {})
     {
-        return call("targetTrack", R"({"x_coord":"1","y_coord":"0","x_speed":"1","y_speed":"1"})");
+        const auto turn = [slow] { fakeMotor.status[slow.value_or(PAN)].running = slow ? 1 : 0; };
+        turn();
+        fakeMotor.onRequest = [turn](const FakeRequest&) { turn(); };
+        ok("startPanorama");
+        fakeMotor.onRequest = nullptr;
+        fakeMotor.status[PAN].running = fakeMotor.status[TILT].running = 0;
+        standAt(0, 510);
     }
-    /// A save that has read both axes when `command` runs.
+    static void endSweep()
+    {
+        ok("stopPanorama");
+        restAt(1500, 550);
+    }
+    /// A save that has read pan when `command` runs.
     static void saveDuringWhich(const std::function<void()>& command)
     {
         saveStepsArm();
@@ -52,20 +77,20 @@ TEST_F(SaveRace, NothingIsSavedBetweenTheRotationsOfACalibration)
     motion.calibrating.store(1);
     saveCurSteps(nullptr);
     EXPECT_EQ(stored(), (Position{-1, -1}));
-    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer)) << "it is tried again";
+    EXPECT_TRUE(saveArmed()) << "it is tried again";
     motion.calibrating.store(0);
     saveDuringWhich([&] { motion.calibrating.store(1); });
     EXPECT_EQ(stored(), (Position{-1, -1}));
     motion.calibrating.store(0);
     saveCurSteps(nullptr);
     EXPECT_EQ(stored(), (Position{1500, 610}));
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
+    EXPECT_FALSE(saveArmed());
 }
 
 TEST_F(SaveRace, WhatComesMeanwhileCounts)
 {
     saveDuringWhich(saveStepsArm); // a motion starts, which must be saved too
-    EXPECT_TRUE(fakes.armed(timers.saveStepsTimer) && gContext.position.savePending.load());
+    EXPECT_TRUE(saveArmed());
     standAt(1000, 300);
     saveDuringWhich([] {
         standAt(2000, 600);
@@ -102,33 +127,25 @@ TEST_F(SaveRace, TheLensMasksPositionIsNeverStored)
         standAt(1500, 0); // arrived, as far as that save can see
     });
     EXPECT_EQ(stored(), where);
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer)) << "armed again after the mask has disarmed it";
+    EXPECT_FALSE(saveArmed()) << "armed again after the mask has disarmed it";
     saveCurSteps(nullptr); // an expiry that was on its way when the timer was disarmed
     EXPECT_EQ(stored(), where);
-    saveDuringWhich([&] { // it has looked while the mask was on
-        mask("off");
-        restAt(1500, 610);
-    });
-    EXPECT_EQ(stored(), where);
-}
-
-TEST_F(SaveRace, AMaskThatWasOnAndOffAgainMeanwhileMakesASaveWorthless)
-{
+    mask("off");
+    restAt(1500, 610);
     standAt(1400, 500);
-    saveDuringWhich([] {
+    saveDuringWhich([] { // the mask was on and off again since it has looked
         standAt(1500, 610);
         mask("on");
         mask("off");
         restAt(1500, 610);
     });
-    EXPECT_EQ(stored(), (Position{1500, 610}));
+    EXPECT_EQ(stored(), where);
     // A stop on the way back ends the mask's hold just as the arrival does.
     mask("on");
     restAt(1500, 0);
     mask("off");
     standAt(1500, 300);
-    EXPECT_EQ(call("stop"), code(RESULT_OK));
-    EXPECT_EQ(fakes.timers[&timers.saveStepsTimer], TEN_SECONDS);
+    ok("stop");
     saveCurSteps(nullptr);
     EXPECT_EQ(stored(), (Position{1500, 300}));
 }
@@ -136,36 +153,26 @@ TEST_F(SaveRace, AMaskThatWasOnAndOffAgainMeanwhileMakesASaveWorthless)
 // What is stored after the mask, whoever moves the head next.
 TEST_F(SaveRace, StoringIsFreeAgainOnceTheMaskIsOffAndTheHeadRests)
 {
-    enum Start { MaskedLater, MaskedAtStart };
-    for (const Start start : {MaskedLater, MaskedAtStart}) {
-        SCOPED_TRACE(start);
-        const Position before = start == MaskedLater ? Position{1500, 610} : Position{2000, 300};
-        if (start == MaskedLater) {
-            mask("on");
-        } else {
-            lensMaskSetEnabled(1);
-            (void)savesInhibit();
-        }
+    mask("on");
+    for (const Position& before :
+         {Position{1500, 610}, {2000, 300}}) { // the second time it has been on since the start
         restAt(1500, 0);
-        EXPECT_EQ(call("movePanorama", xy(1, 0)),
-                  code(RESULT_OK)); // refused by no mask, and no reason to store anything
+        ok("movePanorama", xy(1, 0)); // refused by no mask, and no reason to store anything
         restAt(1510, 0);
         mask("off");
-        if (start == MaskedAtStart) {
-            standAt(1500, 200); // half way
-            EXPECT_EQ(track(), code(RESULT_OK));
-            saveCurSteps(nullptr);
-            EXPECT_EQ(stored(), before) << "a place on the way out of the mask";
-        }
+        standAt(1500, 200); // half way
+        track();
+        saveCurSteps(nullptr);
+        EXPECT_EQ(stored(), before) << "a place on the way out of the mask";
         restAt(1500, 610);
         tourTo(2000, 300);
-        EXPECT_EQ(track(), code(RESULT_OK));
+        track();
         EXPECT_EQ(stored(), (Position{2000, 300})) << "the return goes to where the head was before the mask";
         restAt(2010, 300);
         tourTo(2100, 400);
-        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
+        ok("startPanorama");
         EXPECT_EQ(stored(), (Position{2100, 400}));
-        EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
+        ok("stopPanorama");
         restAt(2100, 400);
         tourTo(2200, 500);
         mask("on");
@@ -174,9 +181,11 @@ TEST_F(SaveRace, StoringIsFreeAgainOnceTheMaskIsOffAndTheHeadRests)
         mask("off");
         restAt(2200, 500);
         tourTo(2000, 300);
-        EXPECT_EQ(track(), code(RESULT_OK)); // for the next round
+        track();
         restAt(2000, 300);
         motion.motion_origin.store(ORIGIN_USER);
+        lensMaskSetEnabled(1);
+        (void)savesInhibit();
     }
 }
 
@@ -184,41 +193,24 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
 {
     saveStepsArm();
     standAt(1400, 500);
-    fakeMotor.onRequest = [](const FakeRequest&) { fakeMotor.status[PAN].running = 1; }; // slows down after its STOP
-    EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
-    fakeMotor.onRequest = nullptr;
-    fakeMotor.status[PAN].running = 0;
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
+    sweep(PAN);
+    EXPECT_FALSE(saveArmed());
     restAt(0, 510);
     saveCurSteps(nullptr); // an expiry that was on its way when the timer was disarmed
     EXPECT_EQ(stored(), (Position{-1, -1}));
-    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
-    restAt(1500, 550);
-
-    saveDuringWhich([] { // it has read pan; where tilt turns, the panorama stores nothing itself
-        fakeMotor.status[TILT].running = 1;
-        fakeMotor.onRequest = [](const FakeRequest&) { fakeMotor.status[TILT].running = 1; };
-        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
-        fakeMotor.onRequest = nullptr;
-        fakeMotor.status[TILT].running = 0;
-        standAt(0, 510);
-    });
+    endSweep();
+    saveDuringWhich([] { sweep(TILT); }); // where tilt turns, the panorama stores nothing itself
     EXPECT_EQ(stored(), (Position{-1, -1}));
-    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
-    restAt(1500, 550);
-    saveDuringWhich([] { // it has read both axes just before they are sent to the sweep
-        EXPECT_EQ(call("startPanorama"), code(RESULT_OK));
-        standAt(0, 510);
-    });
+    endSweep();
+    saveDuringWhich([] { sweep(); });
     EXPECT_EQ(stored(), (Position{1500, 550}));
-    EXPECT_EQ(call("stopPanorama"), code(RESULT_OK));
-    restAt(1500, 550);
+    endSweep();
 
     // A user's command that took over a tracking motion is still to be saved when the next tracking motion begins.
     motion.motion_origin.store(ORIGIN_TRACK);
     standAt(1600, 600);
     saveStepsArm();
-    EXPECT_EQ(track(), code(RESULT_OK));
+    track();
     EXPECT_EQ(stored(), (Position{1600, 600}));
     restAt(1610, 600);
     saveCurSteps(nullptr);
@@ -227,9 +219,9 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     motion.motion_origin.store(ORIGIN_USER);
     saveStepsArm();
     atNext(TILT, MOTOR_IOC_GET_STATUS, [] { fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS); });
-    EXPECT_EQ(track(), code(RESULT_OK));
+    track();
     fakeMotor.failing.clear();
-    EXPECT_FALSE(fakes.armed(timers.saveStepsTimer) || gContext.position.savePending.load());
+    EXPECT_FALSE(saveArmed());
 }
 
 TEST_F(SaveRace, AMaskWhoseMotionFailedIsNotSavedUntilAUserMovesTheHead)
@@ -252,13 +244,13 @@ TEST_F(SaveRace, ARefusedReturnStillEndsTheTrackingEpisode)
 {
     motion.motion_origin.store(ORIGIN_TOUR);
     motion.track_back_done.store(0);
-    gContext.motion.tourCurrentPresetId.store(3);
+    motion.tourCurrentPresetId.store(3);
     lensMaskSetEnabled(1);
     EXPECT_EQ(call("targetTrackBack"), code(ERR_LENS_MASK));
     EXPECT_EQ(motion.track_back_done.load(), 1) << "else no tour goes on again";
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer)) << "else the quiet period has no end";
-    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0) << "else a tour takes the head to be where it was";
+    EXPECT_EQ(motion.tourCurrentPresetId.load(), 0) << "else a tour takes the head to be where it was";
 }
 
 TEST_F(SaveRace, TrackingThatIsSwitchedOffBringsBackOnlyWhatItHasMoved)
@@ -267,25 +259,21 @@ TEST_F(SaveRace, TrackingThatIsSwitchedOffBringsBackOnlyWhatItHasMoved)
         rig::store("target_track", enabled("target_track_info", value));
         EXPECT_EQ(call("reloadTargetTrackConfig"), errCode(RESULT_OK));
     };
-    const struct {
-        int32_t origin, running;
-        const char* driven;
-    } cases[] = {
-        {ORIGIN_TRACK, 0, "pan move 300 at 4, tilt move 90 at 3"},
-        {ORIGIN_TRACK, 1, "pan stop, tilt stop, pan move 300 at 4, tilt move 90 at 3"},
-        {ORIGIN_RETURN, 0, "pan move 300 at 4, tilt move 90 at 3"},
-        {ORIGIN_RETURN, 1, ""},
-        {ORIGIN_USER, 1, ""},
-    };
-    for (const auto& one : cases) {
+    const std::string back = "pan move 300 at 4, tilt move 90 at 3";
+    const std::tuple<int32_t, int32_t, std::string> cases[] = {{ORIGIN_TRACK, 0, back},
+                                                               {ORIGIN_TRACK, 1, "pan stop, tilt stop, " + back},
+                                                               {ORIGIN_RETURN, 0, back},
+                                                               {ORIGIN_RETURN, 1, ""},
+                                                               {ORIGIN_USER, 1, ""}};
+    for (const auto& [origin, running, requests] : cases) {
         restart({{"ptzd", position(1800, 700)}});
         tracking("On");
-        motion.motion_origin.store(one.origin);
+        motion.motion_origin.store(origin);
         motion.track_back_done.store(0);
-        fakeMotor.status[TILT].running = one.running;
+        fakeMotor.status[TILT].running = running;
         tracking("off");
-        EXPECT_EQ(driven(), one.driven);
-        EXPECT_EQ(motion.track_back_done.load(), one.origin == ORIGIN_RETURN && one.running != 0 ? 0 : 1);
+        EXPECT_EQ(driven(), requests);
+        EXPECT_EQ(motion.track_back_done.load(), origin == ORIGIN_RETURN && running != 0 ? 0 : 1);
     }
 }
 
