@@ -32,7 +32,7 @@ ResultCode leaveTracking()
             return result;
     }
     if (!running || origin != ORIGIN_RETURN)
-        (void)moveToLastPostion(); // reported there; the switch itself has been taken over
+        (void)moveToLastPostion(); // logged there; the switch itself has been taken over
     return RESULT_OK;
 }
 
@@ -56,7 +56,7 @@ ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
     if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, pan, tilt, steps);
         result != RESULT_OK)
         return result;
-    stepMoveCancel(); // one whose axis stands at the limit ticks on
+    stepMoveCancel(); // one whose axis is at the limit ticks on
     return beginAndDrive(MotionBegin::Track, relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
                          relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed)));
 }
