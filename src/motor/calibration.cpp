@@ -86,9 +86,8 @@ ResultCode prepareManualCalibration()
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     calibrationSetTarget(PAN, homeSteps(PAN));
     calibrationSetTarget(TILT, homeSteps(TILT));

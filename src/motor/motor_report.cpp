@@ -44,17 +44,16 @@ void ubusGetMotorCapa(const Call& call)
 void ubusGetMotorStatus(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return replyCode(call, result);
     replyBegin();
     replyAddInt("error_code", RESULT_OK);
     void* table = replyOpenTable("status");
-    replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, pan.position)) * flipSign(PAN));
-    replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, tilt.position)) * flipSign(TILT));
-    addSpeed("x_speed", PAN, pan);
-    addSpeed("y_speed", TILT, tilt);
+    replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, head[PAN].position)) * flipSign(PAN));
+    replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, head[TILT].position)) * flipSign(TILT));
+    addSpeed("x_speed", PAN, head[PAN]);
+    addSpeed("y_speed", TILT, head[TILT]);
     replyClose(table);
     replySend(call);
 }

@@ -85,13 +85,13 @@ ResultCode choosePlace(const PresetTable& table, PresetRequest& wanted)
 /// Where the head is, from -1.0 to 1.0 over each axis's travel.
 ResultCode capture(double (&position)[AXIS_COUNT])
 {
-    MotorStatus status[AXIS_COUNT] = {};
-    if (const ResultCode result = motorReadStatus(status[PAN], status[TILT]); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (status[PAN].running != 0 || status[TILT].running != 0)
+    if (head.running())
         return ERR_MOVING;
     for (const AxisIndex axis : {PAN, TILT})
-        position[axis] = 2.0 * status[axis].position / gContext.axes[axis].total_steps - 1.0;
+        position[axis] = 2.0 * head[axis].position / gContext.axes[axis].total_steps - 1.0;
     return RESULT_OK;
 }
 

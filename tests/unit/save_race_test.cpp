@@ -9,6 +9,8 @@
 #include "motion/track.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/status_poll.h"
+#include "motor/tour_motion.h"
 
 #include <optional>
 #include <thread>
@@ -51,8 +53,7 @@ protected:
     {
         motion.user_moved_recently.store(0); // its quiet period is over
         motion.track_back_done.store(1);
-        ASSERT_TRUE(motionBeginTour(tourTicketNow(), true));
-        motionTourStarted(false);
+        ASSERT_EQ(tourDrive(tourTicketNow(), {}), TourMove::Started);
         restAt(pan, tilt);
     }
     /// A save that has read both axes when `command` runs.
