@@ -9,13 +9,18 @@ void require(bool condition, const std::string& text)
         throw Mismatch{text};
 }
 
+std::string textOf(LabAxisId axis, const std::string& request, const std::vector<int32_t>& words)
+{
+    std::string text = (axis == LAB_PAN ? "x " : "y ") + request;
+    for (const int32_t word : words)
+        text += " " + std::to_string(word);
+    return text;
+}
+
 std::string textOf(const LabJournalEntry& entry)
 {
-    std::string text = entry.axis == LAB_PAN ? "x " : "y ";
-    text += entry.request;
-    for (const int32_t word : entry.in)
-        text += " " + std::to_string(word);
-    return text + (entry.result == 0 ? "" : " (failed)") + " at " + std::to_string(entry.count);
+    return "\"" + textOf(entry.axis, entry.request, entry.in) + (entry.result == 0 ? "" : " (failed)") + "\" at " +
+           std::to_string(entry.count);
 }
 
 void Evidence::load(const Lab& lab)
@@ -29,8 +34,7 @@ void Evidence::load(const Lab& lab)
     notifications.clear();
     for (const LabCetEntry& entry : log)
         if (!entry.isEvent)
-            notifications.push_back({entry.labNs, entry.name == "notify_motor_moving",
-                                     static_cast<int>(strtol(entry.text.c_str(), nullptr, 10))});
+            notifications.push_back({entry.labNs, entry.name == "notify_motor_moving", atoi(entry.text.c_str())});
 }
 
 size_t Evidence::nextOfLoop() const
@@ -39,6 +43,12 @@ size_t Evidence::nextOfLoop() const
     while (i < entries.size() && entries[i].thread != entries[i].pid)
         ++i;
     return i;
+}
+
+void Evidence::requireLoopDone(const std::string& why) const
+{
+    if (!loopIsDone())
+        throw Mismatch{why + ": " + textOf(entries[nextOfLoop()])};
 }
 
 int64_t Evidence::lastOfLoopNs() const
@@ -58,17 +68,17 @@ bool Evidence::loopActed(int64_t fromNs, int64_t toNs) const
 
 size_t Evidence::moveUnderWay(LabAxisId axis, int64_t labNs) const
 {
-    size_t last = entries.size();
+    const size_t none = entries.size();
+    size_t last = none;
     for (size_t i = 0; i < entries.size() && entries[i].labNs <= labNs; ++i)
         if (entries[i].axis == axis)
             last = i;
-    if (last == entries.size() || entries[last].rate == 0)
-        return entries.size();
+    if (last == none || entries[last].rate == 0)
+        return none;
     // The last step counts as made: it was begun at an unknown moment.
-    const LabJournalEntry& entry = entries[last];
-    const int64_t steps = std::abs(int64_t{entry.left}) - 1;
-    if (labNs >= entry.labNs + steps * 1'000'000'000 / std::abs(entry.rate))
-        return entries.size();
+    const int64_t steps = std::abs(int64_t{entries[last].left}) - 1;
+    if (labNs >= entries[last].labNs + steps * 1'000'000'000 / std::abs(entries[last].rate))
+        return none;
     const auto started = [&](const LabJournalEntry& other) {
         return other.axis == axis && other.result == 0 && (other.request == "MOVE" || other.request == "ROTATE");
     };
@@ -77,21 +87,17 @@ size_t Evidence::moveUnderWay(LabAxisId axis, int64_t labNs) const
     return last;
 }
 
-std::string Evidence::wrongEvents(bool all) const
+std::string Evidence::wrongEvents() const
 {
-    std::vector<size_t> calls;
+    std::vector<std::string> due; // the actions of the events, by their calls
     size_t answered = 0;
-    for (size_t i = 0; i < log.size(); ++i) {
-        if (!log[i].isEvent) {
-            if (log[i].text != "1")
-                calls.push_back(i);
-            continue;
-        }
-        if (answered >= calls.size())
-            return "an event \"" + log[i].text + "\" without its notification";
-        const bool starts = log[calls[answered++]].name == "notify_motor_moving";
-        if (log[i].text != (starts ? "start" : "stop"))
-            return "an event \"" + log[i].text + "\" where the other one was due";
+    for (const LabCetEntry& entry : log) {
+        if (!entry.isEvent && entry.text != "1")
+            due.push_back(entry.name == "notify_motor_moving" ? "start" : "stop");
+        else if (entry.isEvent && answered == due.size())
+            return "an event \"" + entry.text + "\" without its notification";
+        else if (entry.isEvent && entry.text != due[answered++])
+            return "an event \"" + entry.text + "\" where the other one was due";
     }
-    return all && answered < calls.size() ? "a notification without its event" : "";
+    return answered < due.size() ? "a notification without its event" : "";
 }

@@ -17,6 +17,7 @@ struct Mismatch {
 struct Inconclusive {};
 
 void require(bool condition, const std::string& text);
+std::string textOf(LabAxisId axis, const std::string& request, const std::vector<int32_t>& words = {});
 std::string textOf(const LabJournalEntry& entry);
 
 /// A notification that CET got.
@@ -37,13 +38,18 @@ struct Evidence {
     void load(const Lab& lab);
     /// The next entry of the event loop's thread at or after `at`, or entries.size().
     size_t nextOfLoop() const;
+    /// The event loop's thread is seen to do no more.
+    bool loopIsDone() const
+    {
+        return nextOfLoop() == entries.size();
+    }
+    void requireLoopDone(const std::string& why) const;
     /// Lab time of the latest entry of the event loop's thread before `at`; 0 without one.
     int64_t lastOfLoopNs() const;
     /// True when the event loop's thread made a request between two moments.
     bool loopActed(int64_t fromNs, int64_t toNs) const;
-    /// The moves of an axis that was under way then, as an index into entries, or entries.size().
+    /// The request whose motion of an axis was under way then, as an index into entries, or entries.size().
     size_t moveUnderWay(LabAxisId axis, int64_t labNs) const;
     /// Every notification but those of tracking has its event, in order and each after its call; says what is wrong.
-    /// With `all` false the last events may still be on their way.
-    std::string wrongEvents(bool all) const;
+    std::string wrongEvents() const;
 };

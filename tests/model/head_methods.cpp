@@ -1,32 +1,17 @@
-// The model's methods.
+// The model's methods but those of presets and plan.
 
 #include "head_model.h"
 
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstdlib>
-#include <functional>
+#include <set>
 #include <strings.h>
 
 namespace {
 
 constexpr int32_t MASK_COORDINATE = -61;
-
-bool within(const ModelAxis& axis, int64_t coordinate)
-{
-    return coordinate >= axis.lower && coordinate <= axis.upper;
-}
-
-std::function<bool(int)> is(Origin wanted)
-{
-    return [wanted](int origin) { return origin == wanted; };
-}
-
-std::function<bool(int)> isNot(Origin other)
-{
-    return std::not_fn(is(other));
-}
+constexpr Pair NO_SPEEDS{}; // the configured ones count
 
 std::string field(const std::string& name, int64_t value)
 {
@@ -37,489 +22,385 @@ std::string field(const std::string& name, int64_t value)
 
 int64_t number(const std::string& text)
 {
-    size_t i = 0;
-    while (i < text.size() && isspace(static_cast<unsigned char>(text[i])))
-        ++i;
-    const bool negative = i < text.size() && text[i] == '-';
-    if (i < text.size() && (text[i] == '-' || text[i] == '+'))
-        ++i;
-    int64_t value = 0;
-    for (; i < text.size() && isdigit(static_cast<unsigned char>(text[i])); ++i)
-        value = std::min<int64_t>(value * 10 + (text[i] - '0'), int64_t{1} << 40);
-    value = negative ? -value : value;
-    return std::min<int64_t>(std::max<int64_t>(value, INT32_MIN), INT32_MAX);
+    return std::clamp<int64_t>(strtoll(text.c_str(), nullptr, 10), INT32_MIN, INT32_MAX);
 }
+
+const std::map<std::string, HeadModel::Method> HeadModel::METHODS = {
+    {"move", &HeadModel::move},
+    {"moveTo", &HeadModel::moveTo},
+    {"stop", &HeadModel::stop},
+    {"moveStep", &HeadModel::moveStep},
+    {"startPanorama", &HeadModel::startPanorama},
+    {"movePanorama", &HeadModel::movePanorama},
+    {"stopPanorama", &HeadModel::stopPanorama},
+    {"targetTrack", &HeadModel::targetTrack},
+    {"targetTrackBack", &HeadModel::targetTrackBack},
+    {"reloadTargetTrackConfig", &HeadModel::reloadTargetTrack},
+    {"lensMask", &HeadModel::lensMask},
+    {"setConfig", &HeadModel::setConfig},
+    {"setPowerOffRecover", &HeadModel::setPowerOffRecover},
+    {"manualCalibrate", &HeadModel::manualCalibrate},
+    {"test", &HeadModel::test},
+    {"updateImageConfig", &HeadModel::updateImage},
+    {"checkMotorStatus", &HeadModel::checkMotorStatus},
+    {"getStatus", &HeadModel::getStatus},
+    {"getCapa", &HeadModel::getCapa},
+    {"reload_tour_info", &HeadModel::reloadTour},
+    {"reload_scan_tour", &HeadModel::reloadTour},
+    {"gotoPreset", &HeadModel::gotoPreset},
+    {"setPreset", &HeadModel::setPreset},
+    {"delPreset", &HeadModel::delPreset},
+    {"clearPreset", &HeadModel::clearPreset},
+    {"getPresetAll", &HeadModel::getPresetAll},
+    {"set_plan_config", &HeadModel::setPlan},
+};
 
 std::string HeadModel::expect(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs)
 {
     while (evidence_.at < evidence_.entries.size() && evidence_.entries[evidence_.at].labNs < calledNs)
-        judgeThread(evidence_.entries[evidence_.at++]);
+        judgeUpTo(evidence_.at + 1);
     motions.follow(calledNs);
     seeRest();
     calledNs_ = calledNs;
     reply_ = reply;
-
-    const size_t colon = reply.find("_code\":");
-    require(colon != std::string::npos, "no code in the reply " + reply);
-    replied_ = static_cast<int32_t>(strtol(reply.c_str() + colon + 7, nullptr, 10));
-    const std::string& method = step.verb;
-    const bool shortName = method == "checkMotorStatus" || method == "lensMask" || method == "reloadTargetTrackConfig";
-
-    if (method == "getStatus")
-        return status();
-    if (method == "getCapa")
-        return capability();
-    if (method == "getPresetAll")
-        return presetList();
-    if (method.ends_with("Preset"))
+    const size_t code = reply.find("_code\":");
+    require(code != std::string::npos, "no code in the reply " + reply);
+    replied_ = atoi(reply.c_str() + code + 7);
+    before_.clear();
+    after_.clear();
+    if (step.verb.ends_with("Preset"))
         world.remember();
-    fields_.clear();
-    const Code code = method == "move"                      ? move(step)
-                      : method == "moveTo"                  ? moveTo(step)
-                      : method == "stop"                    ? stop()
-                      : method == "moveStep"                ? moveStep(step)
-                      : method == "startPanorama"           ? startPanorama()
-                      : method == "movePanorama"            ? movePanorama(step)
-                      : method == "stopPanorama"            ? stopPanorama()
-                      : method == "targetTrack"             ? targetTrack(step)
-                      : method == "targetTrackBack"         ? targetTrackBack()
-                      : method == "reloadTargetTrackConfig" ? reloadTargetTrack()
-                      : method == "lensMask"                ? lensMask()
-                      : method == "setConfig"               ? setConfig(step)
-                      : method == "setPowerOffRecover"      ? setPowerOffRecover(step)
-                      : method == "manualCalibrate"         ? manualCalibrate()
-                      : method == "test"                    ? test(step)
-                      : method == "updateImageConfig"       ? updateImage()
-                      : method == "gotoPreset"              ? gotoPreset(step)
-                      : method == "setPreset"               ? setPreset(step)
-                      : method == "delPreset"               ? delPreset(step)
-                      : method == "clearPreset"             ? clearPreset()
-                      : method == "set_plan_config"         ? setPlan(step)
-                      : method.starts_with("reload_")       ? CODE_OK
-                      : stillCalibrating()                  ? CODE_CALIBRATING
-                                                            : CODE_OK;
-    if (save && save->latestNs == INT64_MAX)
-        save->latestNs = repliedNs;
-    if (method.starts_with("reload_"))
-        motions.requestReload(method == "reload_tour_info");
+    Code expected = CODE_OK;
+    try {
+        (this->*METHODS.at(step.verb))(step);
+    } catch (const Refusal& refusal) {
+        expected = refusal.code;
+    }
     world.changedNs = std::min(world.changedNs, repliedNs);
     world.held = mask_ || panorama_;
-    return "{" + fields_ + (shortName ? "\"err_code\":" : "\"error_code\":") + std::to_string(code) + "}";
+    const bool shortName =
+        std::set<std::string>{"checkMotorStatus", "lensMask", "reloadTargetTrackConfig"}.contains(step.verb);
+    return "{" + before_ + (shortName ? "\"err_code\":" : "\"error_code\":") + std::to_string(expected) + after_ + "}";
 }
 
-std::string HeadModel::capability() const
+void HeadModel::move(const Step& step)
 {
-    const LabAxisSetting& pan = axes[LAB_PAN].made;
-    const LabAxisSetting& tilt = axes[LAB_TILT].made;
-    return "{\"error_code\":0,\"capability\":{" + field("x_coord_min", -(pan.range / 2)) + "," +
-           field("x_coord_max", pan.range / 2) + "," + field("y_coord_min", -(tilt.range / 2)) + "," +
-           field("y_coord_max", tilt.range / 2) + "," + field("x_max_speed", pan.max_speed) + "," +
-           field("y_max_speed", tilt.max_speed) +
-           R"(,"simultaneous":"disabled","preset":"enabled","calibrate":"enabled"}})";
-}
-
-std::string HeadModel::status()
-{
-    if (!readStatus())
-        return R"({"error_code":-64301})";
-    const auto speed = [this](LabAxisId axis) {
-        const std::vector<int32_t>& words = readings_[axis].words;
-        return words[1] * sign(axis) * words[3] * words[4];
-    };
-    return "{\"error_code\":0,\"status\":{" +
-           field("x_coord", toCoordinate(LAB_PAN, position(LAB_PAN)) * sign(LAB_PAN)) + "," +
-           field("y_coord", toCoordinate(LAB_TILT, position(LAB_TILT)) * sign(LAB_TILT)) + "," +
-           field("x_speed", speed(LAB_PAN)) + "," + field("y_speed", speed(LAB_TILT)) + "}}";
-}
-
-Code HeadModel::move(const Step& step)
-{
-    const auto x = step.argument("x_coord");
-    const auto y = step.argument("y_coord");
-    if (!x || !y)
-        return CODE_PARAM;
-    if (const Code code = busy())
-        return code;
-    if (!readStatus())
-        return CODE_DEVICE;
-    const int64_t dx = sign(LAB_PAN) * number(*x);
-    const int64_t dy = sign(LAB_TILT) * number(*y);
-    const int32_t pan = relative(LAB_PAN, dx);
-    const int32_t tilt = relative(LAB_TILT, dy);
-    if ((dx != 0 && pan == 0) || (dy != 0 && tilt == 0))
-        return CODE_NO_TRAVEL;
-    if (running() && !halt())
-        return CODE_DEVICE;
-    begin(Begin::USER);
-    const Code code = drive(command(LAB_PAN, 0, pan, false), command(LAB_TILT, 0, tilt, false));
+    const Pair way = coordinates(step);
+    refuseBusy();
+    look();
+    const Pair steps = relative(way);
+    haltIfRunning();
+    const bool done = go(Begin::USER, NO_SPEEDS, steps);
     armSave();
-    return code;
+    refuse(!done, CODE_DEVICE);
 }
 
-Code HeadModel::moveTo(const Step& step)
+void HeadModel::moveTo(const Step& step)
 {
-    const auto x = step.argument("x_coord");
-    const auto y = step.argument("y_coord");
-    if (!x || !y)
-        return CODE_PARAM;
-    const int64_t pan = sign(LAB_PAN) * number(*x);
-    const int64_t tilt = sign(LAB_TILT) * number(*y);
-    if (!within(axes[LAB_PAN], pan) || !within(axes[LAB_TILT], tilt))
-        return CODE_PARAM;
-    if (const Code code = busy())
-        return code;
-    if (!readStatus() || (running() && !halt()))
-        return CODE_DEVICE;
-    begin(Begin::USER);
-    const Code code =
-        drive(command(LAB_PAN, readings_[LAB_PAN].speed(), toSteps(LAB_PAN, pan) - position(LAB_PAN), true),
-              command(LAB_TILT, readings_[LAB_TILT].speed(), toSteps(LAB_TILT, tilt) - position(LAB_TILT), true));
+    const Pair target = coordinates(step, true);
+    refuseBusy();
+    look();
+    haltIfRunning();
+    const Pair speeds = forEach([&](LabAxisId axis) { return readings_[axis][SPEED_WORD]; });
+    const Pair steps = wayTo(forEach([&](LabAxisId axis) { return toSteps(axis, target[axis]); }));
+    const bool done = go(Begin::USER, speeds, steps, true);
     armSave();
-    return code;
+    refuse(!done, CODE_DEVICE);
 }
 
-Code HeadModel::stop()
+void HeadModel::stop(const Step&)
 {
-    if (const Code code = busy())
-        return code;
+    refuseBusy();
     cancelStep();
-    const bool stopped = ask(LAB_PAN, "STOP") && ask(LAB_TILT, "STOP");
+    const bool stopped = askBoth("STOP");
     motions.stop(calledNs_, evidence_.lastOfLoopNs());
     armSave();
-    return stopped ? CODE_OK : CODE_DEVICE;
+    refuse(!stopped, CODE_DEVICE);
 }
 
-Code HeadModel::moveStep(const Step& step)
+void HeadModel::moveStep(const Step& step)
 {
     const auto text = step.argument("direction");
-    if (!text)
-        return CODE_PARAM;
-    const int64_t direction = number(*text);
-    if (direction < 0 || direction > 359)
-        return CODE_PARAM;
-    if (const Code code = busy())
-        return code;
-    if (!readStatus())
-        return CODE_DEVICE;
+    const int64_t direction = number(text.value_or("-1"));
+    refuse(direction < 0 || direction > 359, CODE_PARAM);
+    refuseBusy();
+    look();
     const bool isTilt = (direction >= 46 && direction <= 134) || (direction >= 226 && direction <= 314);
     const LabAxisId axis = isTilt ? LAB_TILT : LAB_PAN;
     const bool forward = (isTilt ? direction < 180 : direction <= 45 || direction >= 315) == (sign(axis) > 0);
-    const int32_t way = toSteps(axis, forward ? axes[axis].upper : axes[axis].lower) - position(axis);
-    if (way == 0)
-        return CODE_NO_TRAVEL;
-    return aimStep(static_cast<int32_t>(direction), command(LAB_PAN, 0, isTilt ? 0 : way, false),
-                   command(LAB_TILT, 0, isTilt ? way : 0, false));
-}
-
-Code HeadModel::aimStep(int32_t direction, const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt)
-{
+    Pair steps{};
+    steps[axis] = toSteps(axis, forward ? axes[axis].upper : axes[axis].lower) - position(axis);
+    refuse(steps[axis] == 0, CODE_NO_TRAVEL);
     // Whether a step ran when the handler looked shows in what it did next.
     const bool isNew = nextIs("GET_STATUS");
     if (isNew) {
-        const bool read = readStatus();
+        const bool read = askBoth("GET_STATUS");
         require(stepMove_ != StepMove::RUNS, "a new step although one runs");
         stepMove_ = StepMove::NONE;
-        if (!read || (running() && !(ask(LAB_PAN, "STOP") && ask(LAB_TILT, "STOP"))))
-            return CODE_DEVICE;
+        refuse(!read || (running() && !askBoth("STOP")), CODE_DEVICE);
     } else {
         require(stepMove_ != StepMove::NONE, "a step goes on although none runs");
-        if (stepDirection_ == direction) {
-            armSave();
-            return CODE_OK;
-        }
+        if (stepDirection_ == direction)
+            return armSave();
         const bool panStops = ask(LAB_PAN, "STOP");
         const bool tiltStops = ask(LAB_TILT, "STOP");
-        if (!panStops || !tiltStops)
-            return CODE_DEVICE;
-        motions.addBegin(false); // the motion may have come to its end at a limit
+        refuse(!panStops || !tiltStops, CODE_DEVICE);
+        // The motion may have come to its end at a limit.
+        motions.mayChange([](MotionState& state) { ++state.begins; });
     }
     motions.follow(evidence_.lastOfLoopNs());
     const size_t first = evidence_.nextOfLoop();
     atRest = false;
-    const Code code = drive(pan, tilt);
+    const bool done = drive(NO_SPEEDS, steps);
     for (size_t i = first; i < evidence_.at; ++i)
         motions.stepMoves.insert(i);
-    if (code != CODE_OK)
-        return code;
+    refuse(!done, CODE_DEVICE);
     if (isNew)
-        motions.addBegin(true);
+        motions.change([](MotionState& state) { ++state.begins; });
     leavesMask();
     stepMove_ = StepMove::RUNS;
     stepDirection_ = direction;
     armSave();
-    return CODE_OK;
 }
 
-Code HeadModel::startPanorama()
+void HeadModel::startPanorama(const Step&)
 {
-    if (const Code code = busy(false))
-        return code;
+    refuseBusy(false);
+    panorama_ = false; // if it fails
+    look();
+    const bool turned = running();
+    haltIfRunning();
+    saveNow(turned);
+    const Pair start{toSteps(LAB_PAN, sign(LAB_PAN) * -150), toSteps(LAB_TILT, sign(LAB_TILT) * -10)};
+    refuse(!go(Begin::USER, maxSpeeds(), wayTo(start), true), CODE_DEVICE);
     panorama_ = true;
-    bool done = readStatus();
-    const bool halted = done && running();
-    done = done && (!halted || halt());
-    if (done) {
-        Reading before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
-        saveNow(halted);
-        readings_[LAB_PAN] = before[LAB_PAN];
-        readings_[LAB_TILT] = before[LAB_TILT];
-        begin(Begin::USER);
-        const int32_t pan = toSteps(LAB_PAN, sign(LAB_PAN) * -150) - position(LAB_PAN);
-        const int32_t tilt = toSteps(LAB_TILT, sign(LAB_TILT) * -10) - position(LAB_TILT);
-        done = drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, true),
-                     command(LAB_TILT, axes[LAB_TILT].made.max_speed, tilt, true)) == CODE_OK;
-    }
-    panorama_ = done;
-    return done ? CODE_OK : CODE_DEVICE;
 }
 
-Code HeadModel::movePanorama(const Step& step)
+void HeadModel::movePanorama(const Step& step)
 {
-    const auto x = step.argument("x_coord");
-    const auto y = step.argument("y_coord");
-    if (!x || !y)
-        return CODE_PARAM;
-    const int64_t dx = sign(LAB_PAN) * number(*x);
-    const int64_t dy = sign(LAB_TILT) * number(*y);
-    if (!within(axes[LAB_PAN], dx) || !within(axes[LAB_TILT], dy))
-        return CODE_PARAM;
-    if (!readStatus())
-        return CODE_DEVICE;
-    const int32_t pan = relative(LAB_PAN, dx);
-    const int32_t tilt = relative(LAB_TILT, dy);
-    if ((dx != 0 && pan == 0) || (dy != 0 && tilt == 0))
-        return CODE_NO_TRAVEL;
-    if (running() && !halt())
-        return CODE_DEVICE;
-    begin(Begin::USER);
-    return drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, false),
-                 command(LAB_TILT, axes[LAB_TILT].made.max_speed, tilt, false));
+    const Pair way = coordinates(step, true);
+    look();
+    const Pair steps = relative(way);
+    haltIfRunning();
+    refuse(!go(Begin::USER, maxSpeeds(), steps), CODE_DEVICE);
 }
 
-Code HeadModel::stopPanorama()
+void HeadModel::stopPanorama(const Step&)
 {
     panorama_ = false;
-    if (!readStatus() || (running() && !halt()))
-        return CODE_DEVICE;
-    begin(Begin::USER);
-    return drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, storedOrHome(LAB_PAN) - position(LAB_PAN), true),
-                 command(LAB_TILT, axes[LAB_TILT].made.max_speed, storedOrHome(LAB_TILT) - position(LAB_TILT), true));
+    look();
+    haltIfRunning();
+    refuse(!go(Begin::USER, maxSpeeds(), wayTo(storedOrHome()), true), CODE_DEVICE);
 }
 
-Code HeadModel::targetTrack(const Step& step)
+void HeadModel::targetTrack(const Step& step)
 {
-    const auto x = step.argument("x_coord");
-    const auto y = step.argument("y_coord");
-    const auto xSpeed = step.argument("x_speed");
-    const auto ySpeed = step.argument("y_speed");
-    if (!x || !y || !xSpeed || !ySpeed)
-        return CODE_PARAM;
-    if (const Code code = busy())
-        return code;
-    if (!readStatus())
-        return CODE_DEVICE;
-    if (running())
-        return CODE_CALIBRATING;
-    const Reading before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
-    const auto ofOthers = [](int origin) { return origin == ORIGIN_USER || origin == ORIGIN_TOUR; };
-    // A save that is due is one of a user's command, whatever origin the motion has kept.
-    if (save || storing != Storing::FREE) {
-        if (save || nextIs("GET_STATUS"))
-            saveNow(false);
-    } else if (nextIs("GET_STATUS")) {
-        motions.keepOrigin(ofOthers, "the position is stored again in the middle of a tracking");
-        saveNow(false);
-    } else {
-        motions.keepOrigin(std::not_fn(ofOthers), "the position before a tracking is not stored");
-    }
-    readings_[LAB_PAN] = before[LAB_PAN];
-    readings_[LAB_TILT] = before[LAB_TILT];
-    const int64_t dx = sign(LAB_PAN) * number(*x);
-    const int64_t dy = sign(LAB_TILT) * number(*y);
-    const int32_t pan = relative(LAB_PAN, dx);
-    const int32_t tilt = relative(LAB_TILT, dy);
-    if ((dx != 0 && pan == 0) || (dy != 0 && tilt == 0))
-        return CODE_NO_TRAVEL;
-    begin(Begin::TRACK);
-    const auto speed = [](const std::string& text, const ModelAxis& axis) {
-        return static_cast<int32_t>(std::max<int64_t>(1, std::min<int64_t>(number(text), axis.made.max_speed)));
+    const Pair way = coordinates(step);
+    const auto speed = [&](LabAxisId axis) {
+        const auto text = step.argument(axis == LAB_PAN ? "x_speed" : "y_speed");
+        refuse(!text, CODE_PARAM);
+        return std::clamp<int64_t>(number(*text), 1, axes[axis].made.max_speed);
     };
-    return drive(command(LAB_PAN, speed(*xSpeed, axes[LAB_PAN]), pan, false),
-                 command(LAB_TILT, speed(*ySpeed, axes[LAB_TILT]), tilt, false));
+    const Pair speeds = forEach(speed);
+    refuseBusy();
+    look();
+    refuse(running(), CODE_CALIBRATING);
+    // A save that is due is one of a user's command, whatever origin the motion has kept.
+    const bool asksOrigin = !save_ && storing_ == Storing::FREE;
+    const bool saves = nextIs("GET_STATUS");
+    if (asksOrigin)
+        motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR},
+                           saves ? "the position is stored again in the middle of a tracking"
+                                 : "the position before a tracking is not stored");
+    if (save_ || saves)
+        saveNow(false);
+    const Pair steps = relative(way);
+    refuse(!go(Begin::TRACK, speeds, steps), CODE_DEVICE);
 }
 
-Code HeadModel::targetTrackBack()
+void HeadModel::targetTrackBack(const Step&)
 {
-    motions.endTracking(calledNs_);
-    if (const Code code = busy())
-        return code;
-    if (!axes[LAB_PAN].stored || !axes[LAB_TILT].stored || !readStatus())
-        return CODE_DEVICE;
+    motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+    refuseBusy();
+    refuse(!axes[LAB_PAN].stored || !axes[LAB_TILT].stored, CODE_DEVICE);
+    look();
     if (running()) {
-        if (!nextIs("STOP")) {
-            motions.keepOrigin(isNot(ORIGIN_TRACK), "a return does not end the tracking");
-            return CODE_CALIBRATING;
-        }
-        motions.keepOrigin(is(ORIGIN_TRACK), "a return stops a motion that is no tracking");
-        if (!halt() || !readStatus())
-            return CODE_DEVICE;
+        const bool halts = nextIs("STOP");
+        motions.keepOrigin(halts, {ORIGIN_TRACK},
+                           halts ? "a return stops a motion that is no tracking"
+                                 : "a return does not end the tracking");
+        refuse(!halts, CODE_CALIBRATING);
+        halt();
+        look();
     }
-    const int32_t pan = storedOrHome(LAB_PAN) - position(LAB_PAN);
-    const int32_t tilt = storedOrHome(LAB_TILT) - position(LAB_TILT);
+    const Pair steps = wayTo(storedOrHome());
     if (!nextIs("MOVE")) {
-        if (pan != 0 || tilt != 0)
-            motions.keepOrigin(is(ORIGIN_USER), "a return does not move");
-        return CODE_OK;
+        if (steps != Pair{})
+            motions.keepOrigin(true, {ORIGIN_USER}, "a return does not move");
+        return;
     }
-    motions.keepOrigin(isNot(ORIGIN_USER), "a return although a user moved the head last");
-    require(pan != 0 || tilt != 0, "a return moves to where the head stands");
-    begin(Begin::RETURN);
-    return drive(command(LAB_PAN, readings_[LAB_PAN].speed(), pan, true),
-                 command(LAB_TILT, readings_[LAB_TILT].speed(), tilt, true));
+    motions.keepOrigin(false, {ORIGIN_USER}, "a return although a user moved the head last");
+    require(steps != Pair{}, "a return moves to where the head is");
+    const Pair speeds = forEach([&](LabAxisId axis) { return readings_[axis][SPEED_WORD]; });
+    refuse(!go(Begin::RETURN, speeds, steps, true), CODE_DEVICE);
 }
 
-Code HeadModel::reloadTargetTrack()
+void HeadModel::reloadTargetTrack(const Step& step)
 {
     const bool before = track_;
-    track_ = settings.track && strcasecmp(settings.track->c_str(), "on") == 0;
+    track_ = strcasecmp(settings["@track"].c_str(), "on") == 0;
     if (!before || track_ || mask_)
-        return CODE_OK;
-    const bool silent = evidence_.nextOfLoop() == evidence_.entries.size();
-    if (calibrating && silent && replied_ == CODE_OK)
-        return CODE_OK;
+        return;
+    if (calibrating && evidence_.loopIsDone() && replied_ == CODE_OK)
+        return;
     (void)stillCalibrating();
-    if (panorama_)
-        return CODE_PANORAMA;
-    if (!readStatus())
-        return CODE_DEVICE;
+    refuse(panorama_, CODE_PANORAMA);
+    look();
     const bool ran = running();
-    if (ran && nextIs("STOP")) {
-        motions.keepOrigin(is(ORIGIN_TRACK), "the end of tracking stops another motion");
-        if (!ask(LAB_PAN, "STOP") || !ask(LAB_TILT, "STOP"))
-            return CODE_DEVICE;
-    } else if (ran) {
-        motions.keepOrigin(isNot(ORIGIN_TRACK), "the end of tracking does not stop it");
+    if (ran) {
+        const bool halts = nextIs("STOP");
+        motions.keepOrigin(halts, {ORIGIN_TRACK},
+                           halts ? "the end of tracking stops another motion" : "the end of tracking does not stop it");
+        refuse(halts && !askBoth("STOP"), CODE_DEVICE);
     }
-    if (evidence_.nextOfLoop() < evidence_.entries.size()) {
+    if (!evidence_.loopIsDone()) {
         if (ran)
-            motions.keepOrigin(isNot(ORIGIN_RETURN), "a return begins twice");
-        (void)targetTrackBack();
-    } else {
-        const bool lost = !axes[LAB_PAN].stored || !axes[LAB_TILT].stored;
-        require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
-        if (lost)
-            motions.endTracking(calledNs_);
+            motions.keepOrigin(false, {ORIGIN_RETURN}, "a return begins twice");
+        try {
+            targetTrackBack(step);
+        } catch (const Refusal&) { // which the switch is not answered with
+        }
+        return;
     }
-    return CODE_OK;
+    const bool lost = !axes[LAB_PAN].stored || !axes[LAB_TILT].stored;
+    require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
+    if (lost)
+        motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
 }
 
-Code HeadModel::lensMask()
+void HeadModel::lensMask(const Step&)
 {
-    if (stillCalibrating())
-        return CODE_CALIBRATING;
-    if (panorama_)
-        return CODE_PANORAMA;
-    const bool wanted = settings.mask && strcasecmp(settings.mask->c_str(), "on") == 0;
+    refuse(stillCalibrating(), CODE_CALIBRATING);
+    refuse(panorama_, CODE_PANORAMA);
+    const bool wanted = strcasecmp(settings["@mask"].c_str(), "on") == 0;
+    refuse(wanted && mask_, CODE_LENS_MASK);
     if (wanted == mask_)
-        return wanted ? CODE_LENS_MASK : CODE_OK;
-    if (!readStatus() || (running() && !halt()))
-        return CODE_DEVICE;
+        return;
+    look();
+    haltIfRunning();
     motions.follow(evidence_.lastOfLoopNs());
     seeRest();
-    const bool stores = storing == Storing::FREE;
-    // Whether the status poll has just seen the head rest cannot be told.
-    if (wanted && storing == Storing::ONCE_AT_REST && !running())
+    // Whether the status poll has just seen the head rest cannot be known.
+    if (wanted && storing_ == Storing::ONCE_AT_REST && !running())
         throw Inconclusive{};
     begin(Begin::MASK);
-    int32_t pan = 0;
-    int32_t tilt = 0;
+    Pair steps = wayTo(storedOrHome());
     if (wanted) {
-        save.reset();
-        storing = Storing::NEVER;
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-            axes[axis].stored = stores ? position(axis) : axes[axis].stored;
+        for (const LabAxisId axis : AXES)
+            if (storing_ == Storing::FREE)
+                axes[axis].stored = static_cast<int32_t>(position(axis));
+        save_.reset();
+        storing_ = Storing::NEVER;
         commit();
-        tilt = toSteps(LAB_TILT, MASK_COORDINATE) - position(LAB_TILT);
-    } else {
-        pan = storedOrHome(LAB_PAN) - position(LAB_PAN);
-        tilt = storedOrHome(LAB_TILT) - position(LAB_TILT);
+        steps = {0, toSteps(LAB_TILT, MASK_COORDINATE) - position(LAB_TILT)};
     }
-    const Code code = drive(command(LAB_PAN, axes[LAB_PAN].made.max_speed, pan, true),
-                            command(LAB_TILT, axes[LAB_TILT].made.max_speed, tilt, true));
-    if (code != CODE_OK)
-        return code;
+    refuse(!drive(maxSpeeds(), steps, true), CODE_DEVICE);
     mask_ = wanted;
     leavesMask();
-    return code;
 }
 
-Code HeadModel::setConfig(const Step& step)
+void HeadModel::setConfig(const Step& step)
 {
-    if (stillCalibrating()) {
-        commit();
-        return CODE_CALIBRATING;
-    }
+    const bool refused = stillCalibrating();
     const std::optional<std::string> speeds[] = {step.argument("x_speed"), step.argument("y_speed")};
-    const auto sustain = step.argument("sustain");
-    Code code = speeds[LAB_PAN] || speeds[LAB_TILT] || sustain ? CODE_OK : CODE_PARAM;
-    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-        if (!speeds[axis])
+    Code code = speeds[LAB_PAN] || speeds[LAB_TILT] || step.argument("sustain") ? CODE_OK : CODE_PARAM;
+    for (const LabAxisId axis : AXES) {
+        if (refused || !speeds[axis])
             continue;
         const int64_t speed = number(*speeds[axis]);
         if (speed < 1 || speed > axes[axis].made.max_speed) {
             code = CODE_PARAM;
             continue;
         }
-        const std::vector<int32_t> words = command(axis, static_cast<int32_t>(speed), 0, false);
+        const Words words{0, static_cast<int32_t>(speed), 0, 0, 0};
         (void)ask(axis, "SET_SPEED", &words);
-        axes[axis].speedOption = words[1];
+        axes[axis].speedOption = words[SPEED_WORD];
     }
     commit();
-    return code;
+    refuse(refused, CODE_CALIBRATING);
+    refuse(code != CODE_OK, code);
 }
 
-Code HeadModel::setPowerOffRecover(const Step& step)
+void HeadModel::setPowerOffRecover(const Step& step)
 {
     commit();
-    const auto text = step.argument("recover");
-    if (!text || (number(*text) != 0 && number(*text) != 1))
-        return CODE_PARAM;
-    recover_ = number(*text) == 1;
-    settings.recover = recover_ ? 1 : 0;
-    return CODE_OK;
+    const int64_t recover = number(step.argument("recover").value_or("-1"));
+    refuse(recover != 0 && recover != 1, CODE_PARAM);
+    recover_ = recover == 1;
+    settings["@recover"] = std::to_string(recover);
 }
 
-Code HeadModel::manualCalibrate()
+void HeadModel::manualCalibrate(const Step&)
 {
-    if (const Code code = busy())
-        return code;
-    if (!readStatus() || (running() && !halt()))
-        return CODE_DEVICE;
+    refuseBusy();
+    look();
+    haltIfRunning();
     cancelStep();
     motions.follow(evidence_.lastOfLoopNs());
     atRest = false;
     leavesMask();
-    queueCalibration({toSteps(LAB_PAN, axes[LAB_PAN].home), toSteps(LAB_TILT, axes[LAB_TILT].home)});
+    queueCalibration(forEach([&](LabAxisId axis) { return toSteps(axis, axes[axis].home); }));
     armSave();
-    return CODE_OK;
 }
 
-Code HeadModel::test(const Step& step)
+void HeadModel::test(const Step& step)
 {
-    const auto text = step.argument("times");
-    if (!text)
-        return CODE_PARAM;
+    const auto times = step.argument("times");
+    refuse(!times, CODE_PARAM);
     atRest = false;
-    for (int64_t pass = 0; pass < number(*text); ++pass) {
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-            worker_.push_back({axis, "ROTATE", -axes[axis].made.total_steps});
-            worker_.push_back({axis, "ROTATE", axes[axis].made.total_steps});
-        }
-    }
-    return CODE_OK;
+    for (int64_t pass = 0; pass < number(*times); ++pass)
+        for (const LabAxisId axis : AXES)
+            for (const int64_t way : {-1, 1})
+                worker_.push_back({axis, "ROTATE", way * axes[axis].made.total_steps});
 }
 
-Code HeadModel::updateImage()
+void HeadModel::updateImage(const Step&)
 {
-    return loadFlip() ? CODE_OK : CODE_DEVICE;
+    refuse(!loadFlip(), CODE_DEVICE);
+}
+
+void HeadModel::checkMotorStatus(const Step&)
+{
+    refuse(stillCalibrating(), CODE_CALIBRATING);
+}
+
+void HeadModel::getStatus(const Step&)
+{
+    look();
+    const auto coordinate = [this](LabAxisId axis) {
+        const LabAxisSetting& made = axes[axis].made;
+        return sign(axis) * (made.range * position(axis) / made.total_steps - made.range / 2);
+    };
+    const auto speed = [this](LabAxisId axis) {
+        const Words& words = readings_[axis];
+        return words[SPEED_WORD] * sign(axis) * words[3] * words[4];
+    };
+    after_ = ",\"status\":{" + field("x_coord", coordinate(LAB_PAN)) + "," + field("y_coord", coordinate(LAB_TILT)) +
+             "," + field("x_speed", speed(LAB_PAN)) + "," + field("y_speed", speed(LAB_TILT)) + "}";
+}
+
+void HeadModel::getCapa(const Step&)
+{
+    const LabAxisSetting& pan = axes[LAB_PAN].made;
+    const LabAxisSetting& tilt = axes[LAB_TILT].made;
+    after_ = ",\"capability\":{" + field("x_coord_min", -(pan.range / 2)) + "," + field("x_coord_max", pan.range / 2) +
+             "," + field("y_coord_min", -(tilt.range / 2)) + "," + field("y_coord_max", tilt.range / 2) + "," +
+             field("x_max_speed", pan.max_speed) + "," + field("y_max_speed", tilt.max_speed) +
+             R"(,"simultaneous":"disabled","preset":"enabled","calibrate":"enabled"})";
+}
+
+void HeadModel::reloadTour(const Step& step)
+{
+    motions.change(
+        [&](MotionState& state) { (step.verb == "reload_tour_info" ? state.reloadsTour : state.reloadsScan) = true; });
 }

@@ -3,27 +3,31 @@
 #include "head_model.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <iterator>
 #include <strings.h>
 
 namespace {
 
-constexpr LabAxisId AXES[] = {LAB_PAN, LAB_TILT};
 constexpr int32_t DEFAULT_SPEED = 4;
 constexpr int32_t MASK_COORDINATE = -61;
-constexpr int64_t SAVE_PERIOD_NS = 10'000'000'000;
-
-bool isOn(const std::optional<std::string>& text)
-{
-    return text && strcasecmp(text->c_str(), "on") == 0;
-}
 
 int32_t clamped(int64_t value, int32_t most)
 {
     return static_cast<int32_t>(std::clamp<int64_t>(value, 0, most));
 }
 
+bool isRunning(const Words& words)
+{
+    return words[RUNNING_WORD] != 0;
+}
+
 } // namespace
+
+void refuse(bool condition, Code code)
+{
+    if (condition)
+        throw Refusal{code};
+}
 
 HeadModel::HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt)
     : motions(evidence, world), evidence_(evidence)
@@ -32,30 +36,33 @@ HeadModel::HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxi
     axes[LAB_TILT] = {.made = tilt, .lower = -39, .upper = 61, .home = -6, .section = "y_motor"};
 }
 
-int32_t HeadModel::toSteps(LabAxisId axis, int64_t coordinate) const
+int64_t HeadModel::toSteps(LabAxisId axis, int64_t coordinate) const
 {
     const LabAxisSetting& made = axes[axis].made;
-    return static_cast<int32_t>(coordinate * made.total_steps / made.range + made.total_steps / 2);
+    return coordinate * made.total_steps / made.range + made.total_steps / 2;
 }
 
-int32_t HeadModel::toCoordinate(LabAxisId axis, int32_t steps) const
+int64_t HeadModel::position(LabAxisId axis) const
 {
-    const LabAxisSetting& made = axes[axis].made;
-    return static_cast<int32_t>(int64_t{made.range} * steps / made.total_steps - made.range / 2);
+    return readings_[axis][STEPS_WORD];
 }
 
-int32_t HeadModel::position(LabAxisId axis) const
+Pair HeadModel::wayTo(const Pair& steps) const
 {
-    return readings_[axis].position();
+    return forEach([&](LabAxisId axis) { return steps[axis] - position(axis); });
 }
 
-int32_t HeadModel::relative(LabAxisId axis, int64_t coordinates) const
+Pair HeadModel::storedOrHome() const
 {
-    const LabAxisSetting& made = axes[axis].made;
-    const int64_t goal = position(axis) + coordinates * made.total_steps / made.range;
-    const int32_t most = toSteps(axis, axes[axis].upper);
-    const int32_t least = toSteps(axis, axes[axis].lower);
-    return static_cast<int32_t>((goal > most ? most : goal < least ? least : goal) - position(axis));
+    return forEach([&](LabAxisId axis) {
+        const int32_t stored = axes[axis].stored.value_or(-1);
+        return stored < 0 ? toSteps(axis, axes[axis].home) : stored;
+    });
+}
+
+Pair HeadModel::maxSpeeds() const
+{
+    return forEach([&](LabAxisId axis) { return axes[axis].made.max_speed; });
 }
 
 int32_t HeadModel::sign(LabAxisId axis) const
@@ -65,70 +72,99 @@ int32_t HeadModel::sign(LabAxisId axis) const
 
 bool HeadModel::running() const
 {
-    return readings_[LAB_PAN].running() || readings_[LAB_TILT].running();
+    return isRunning(readings_[LAB_PAN]) || isRunning(readings_[LAB_TILT]);
 }
 
-std::vector<int32_t> HeadModel::command(LabAxisId axis, int32_t speed, int32_t steps, bool fromStatus) const
+Pair HeadModel::coordinates(const Step& step, bool limited) const
 {
-    std::vector<int32_t> words = fromStatus ? readings_[axis].words : std::vector<int32_t>(5);
-    words[1] = speed;
-    words[2] = steps;
-    return words;
+    return forEach([&](LabAxisId axis) {
+        const auto text = step.argument(axis == LAB_PAN ? "x_coord" : "y_coord");
+        refuse(!text, CODE_PARAM);
+        const int64_t coordinate = sign(axis) * number(*text);
+        refuse(limited && (coordinate < axes[axis].lower || coordinate > axes[axis].upper), CODE_PARAM);
+        return coordinate;
+    });
 }
 
-int32_t HeadModel::storedOrHome(LabAxisId axis) const
+Pair HeadModel::relative(const Pair& way) const
 {
-    const int32_t stored = axes[axis].stored.value_or(-1);
-    return stored < 0 ? toSteps(axis, axes[axis].home) : stored;
+    return forEach([&](LabAxisId axis) {
+        const LabAxisSetting& made = axes[axis].made;
+        const int64_t goal = position(axis) + way[axis] * made.total_steps / made.range;
+        const int64_t least = toSteps(axis, axes[axis].lower);
+        const int64_t steps = std::clamp(goal, least, toSteps(axis, axes[axis].upper)) - position(axis);
+        refuse(way[axis] != 0 && steps == 0, CODE_NO_TRAVEL);
+        return steps;
+    });
 }
 
 bool HeadModel::nextIs(const std::string& request) const
 {
-    const size_t next = evidence_.nextOfLoop();
-    return next < evidence_.entries.size() && evidence_.entries[next].request == request;
+    return !evidence_.loopIsDone() && evidence_.entries[evidence_.nextOfLoop()].request == request;
 }
 
-bool HeadModel::ask(LabAxisId axis, const std::string& request, const std::vector<int32_t>* words)
+bool HeadModel::ask(LabAxisId axis, const std::string& request, const Words* words)
 {
     const size_t next = evidence_.nextOfLoop();
-    std::string wanted = std::string(axis == LAB_PAN ? "x " : "y ") + request;
-    for (const int32_t word : words ? *words : std::vector<int32_t>{})
-        wanted += " " + std::to_string(word);
+    const std::string wanted = "\"" + textOf(axis, request, words ? *words : Words{}) + "\"";
     require(next < evidence_.entries.size(),
-            "the request \"" + wanted + "\" is missing after " + std::to_string(next) + " entries");
-    while (evidence_.at < next)
-        judgeThread(evidence_.entries[evidence_.at++]);
+            "the request " + wanted + " is missing after " + std::to_string(next) + " entries");
+    judgeUpTo(next);
     const LabJournalEntry& entry = evidence_.entries[evidence_.at++];
     require(entry.axis == axis && entry.request == request && (!words || entry.in == *words),
-            "the request \"" + textOf(entry) + "\" instead of \"" + wanted + "\"");
+            "the request " + textOf(entry) + " instead of " + wanted);
     fold(entry);
     if (request == "GET_STATUS" && entry.result == 0)
-        readings_[axis].words = entry.out;
+        readings_[axis] = entry.out;
     return entry.result == 0;
 }
 
-bool HeadModel::readStatus()
+/// A status is not read of tilt once pan has failed, and no more is a stop sent to it.
+bool HeadModel::askBoth(const std::string& request)
 {
-    return ask(LAB_PAN, "GET_STATUS") && ask(LAB_TILT, "GET_STATUS");
+    return ask(LAB_PAN, request) && ask(LAB_TILT, request);
 }
 
-/// A cancelled step may have ended by itself just before; afterwards its thread must stop nothing any more.
+bool HeadModel::drive(const Pair& speeds, const Pair& steps, bool fromStatus)
+{
+    bool done = true;
+    for (const LabAxisId axis : AXES) {
+        Words words = fromStatus ? readings_[axis] : Words(WORDS);
+        words[SPEED_WORD] = static_cast<int32_t>(speeds[axis]);
+        words[STEPS_WORD] = static_cast<int32_t>(steps[axis]);
+        done = ask(axis, "MOVE", &words) && done;
+    }
+    return done;
+}
+
+void HeadModel::look()
+{
+    refuse(!askBoth("GET_STATUS"), CODE_DEVICE);
+}
+
+void HeadModel::halt()
+{
+    cancelStep();
+    refuse(!askBoth("STOP"), CODE_DEVICE);
+}
+
+void HeadModel::haltIfRunning()
+{
+    if (running())
+        halt();
+}
+
+/// A cancelled step may have ended unprompted just before; afterwards its thread must stop nothing any more.
 void HeadModel::cancelStep()
 {
-    const size_t next = evidence_.nextOfLoop();
-    while (evidence_.at < next && next < evidence_.entries.size())
-        judgeThread(evidence_.entries[evidence_.at++]);
+    const bool acts = !evidence_.loopIsDone();
+    if (acts)
+        judgeUpTo(evidence_.nextOfLoop());
     if (stepMove_ == StepMove::NONE)
         return;
     require(!stepStopsTilt_, "a step stopped pan only");
-    motions.forgetBegin();
-    stepMove_ = next < evidence_.entries.size() ? StepMove::NONE : StepMove::FADES;
-}
-
-bool HeadModel::halt()
-{
-    cancelStep();
-    return ask(LAB_PAN, "STOP") && ask(LAB_TILT, "STOP");
+    motions.mayChange([](MotionState& state) { state.begins -= state.begins > 0 ? 1 : 0; });
+    stepMove_ = acts ? StepMove::NONE : StepMove::FADES;
 }
 
 /// Every begin is followed by a move request of the same handler.
@@ -143,32 +179,31 @@ void HeadModel::begin(Begin kind)
         leavesMask();
 }
 
-Code HeadModel::drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt)
+bool HeadModel::go(Begin kind, const Pair& speeds, const Pair& steps, bool fromStatus)
 {
-    const bool panMoves = ask(LAB_PAN, "MOVE", &pan);
-    const bool tiltMoves = ask(LAB_TILT, "MOVE", &tilt);
-    return panMoves && tiltMoves ? CODE_OK : CODE_DEVICE;
+    begin(kind);
+    return drive(speeds, steps, fromStatus);
 }
 
 /// A command takes the head somewhere else; out of the zone of a mask that is not on.
 void HeadModel::leavesMask()
 {
-    if (mask_ || storing != Storing::NEVER)
+    if (mask_ || storing_ != Storing::NEVER)
         return;
-    storing = Storing::ONCE_AT_REST;
+    storing_ = Storing::ONCE_AT_REST;
     endsBefore_ = motions.ends();
 }
 
 void HeadModel::seeRest()
 {
-    if (storing == Storing::ONCE_AT_REST && motions.ends() > endsBefore_)
-        storing = Storing::FREE;
+    if (storing_ == Storing::ONCE_AT_REST && motions.ends() > endsBefore_)
+        storing_ = Storing::FREE;
 }
 
 void HeadModel::armSave()
 {
     if (recover_)
-        save = PendingSave{evidence_.lastOfLoopNs(), INT64_MAX};
+        save_ = evidence_.lastOfLoopNs();
 }
 
 void HeadModel::commit()
@@ -181,35 +216,37 @@ void HeadModel::commit()
 /// daemon reads the axes again only if it may save.
 void HeadModel::saveNow(bool halted)
 {
-    save.reset();
+    save_.reset();
     motions.follow(evidence_.lastOfLoopNs());
     seeRest();
     const bool reads = nextIs("GET_STATUS");
-    require(reads || storing != Storing::FREE, "the position is not stored");
-    require(!reads || storing != Storing::NEVER, "a position of the mask's zone is stored");
+    require(reads || storing_ != Storing::FREE, "the position is not stored");
+    require(!reads || storing_ != Storing::NEVER, "a position of the mask's zone is stored");
     if (!reads)
         return;
-    if (storing == Storing::ONCE_AT_REST) {
+    if (storing_ == Storing::ONCE_AT_REST) {
         // The head rests, and the status poll may have seen it just now. Not if it turned until this handler stopped
         // it.
         require(!halted, "a position is stored on the way out of the mask's zone");
-        storing = Storing::FREE;
+        storing_ = Storing::FREE;
     }
-    if (!readStatus() || running())
-        return;
-    for (const LabAxisId axis : AXES)
-        axes[axis].stored = position(axis);
-    commit();
+    const Words before[] = {readings_[LAB_PAN], readings_[LAB_TILT]};
+    if (askBoth("GET_STATUS") && !running()) {
+        for (const LabAxisId axis : AXES)
+            axes[axis].stored = static_cast<int32_t>(position(axis));
+        commit();
+    }
+    std::copy(std::begin(before), std::end(before), readings_);
 }
 
+/// Follows an axis through a request.
 void HeadModel::fold(const LabJournalEntry& entry)
 {
     ModelAxis& axis = axes[entry.axis];
     if (entry.result == 0 && entry.request == "SET_POSITION")
         axis.count = clamped(entry.stepsWord(), axis.made.total_steps);
-    if (!axis.moving)
-        require(entry.count == axis.count && entry.shaft == axis.shaft,
-                "the axis is not where it was: \"" + textOf(entry) + "\", expected at " + std::to_string(axis.count));
+    require(axis.moving || (entry.count == axis.count && entry.shaft == axis.shaft),
+            "the axis is not where it was: " + textOf(entry) + ", expected at " + std::to_string(axis.count));
     axis.moving = entry.rate != 0;
     axis.count = clamped(int64_t{entry.count} + entry.left, axis.made.total_steps);
     axis.shaft = clamped(int64_t{entry.shaft} + entry.left, axis.made.total_steps);
@@ -217,12 +254,11 @@ void HeadModel::fold(const LabJournalEntry& entry)
 
 void HeadModel::start()
 {
-    recover_ = settings.recover != 0;
-    mask_ = isOn(settings.mask);
-    storing = mask_ ? Storing::NEVER : Storing::FREE;
-    track_ = isOn(settings.track);
+    recover_ = settings["@recover"] != "0";
+    track_ = strcasecmp(settings["@track"].c_str(), "on") == 0;
+    mask_ = world.held = strcasecmp(settings["@mask"].c_str(), "on") == 0;
+    storing_ = mask_ ? Storing::NEVER : Storing::FREE;
     panorama_ = false;
-    world.held = mask_;
     readPresets();
     world.factors = {1, 1};
     pendingPlan_.clear();
@@ -230,47 +266,44 @@ void HeadModel::start()
     (void)loadFlip();
     stepMove_ = StepMove::NONE;
     stepStopsTilt_ = saveReadPan_ = saveReadRunning_ = atRest = false;
-    save.reset();
+    save_.reset();
     motions.restart();
-    for (ModelAxis& axis : axes)
-        axis.speedOption = axis.speedInFile;
-    int32_t goals[LAB_AXIS_COUNT];
-    for (const LabAxisId axis : AXES)
-        goals[axis] = recover_ ? storedOrHome(axis) : toSteps(axis, axes[axis].home);
+    Pair goals = recover_ ? storedOrHome() : forEach([&](LabAxisId axis) { return toSteps(axis, axes[axis].home); });
     if (mask_)
         goals[LAB_TILT] = toSteps(LAB_TILT, MASK_COORDINATE);
     worker_.clear();
     queueCalibration(goals);
-    for (const LabAxisId axis : AXES)
-        require(ask(axis, "GET_CAPA"), "the capability is not read");
-    require(evidence_.nextOfLoop() == evidence_.entries.size(), "the start sends more requests");
+    require(askBoth("GET_CAPA"), "the capability is not read");
+    evidence_.requireLoopDone("a request too many at the start");
 }
 
-void HeadModel::queueCalibration(const int32_t (&returnSteps)[LAB_AXIS_COUNT])
+void HeadModel::queueCalibration(const Pair& returnSteps)
 {
     calibrating = true;
-    motions.addCalibration();
+    motions.change([](MotionState& state) { state.calibration = 1; });
     for (const LabAxisId id : AXES) {
         ModelAxis& axis = axes[id];
         const int32_t total = axis.made.total_steps;
+        const int32_t stored = axis.speedOption.value_or(-1);
+        axis.speedOption = stored > 0 && stored <= axis.made.max_speed ? stored : DEFAULT_SPEED;
         worker_.push_back({id, "SET_POSITION", returnSteps[id]});
         worker_.push_back({id, "SET_SPEED", axis.made.max_speed});
-        for (const int32_t way : {-total, total, returnSteps[id] - total})
+        for (const int64_t way : {int64_t{-total}, int64_t{total}, returnSteps[id] - total})
             worker_.push_back({id, "ROTATE", way});
-        const int32_t stored = axis.speedOption.value_or(-1);
-        const int32_t speed = stored > 0 && stored <= axis.made.max_speed ? stored : DEFAULT_SPEED;
-        worker_.push_back({id, "SET_SPEED", speed});
-        axis.speedOption = speed;
+        worker_.push_back({id, "SET_SPEED", *axis.speedOption});
     }
+}
+
+void HeadModel::judgeUpTo(size_t end)
+{
+    while (evidence_.at < end)
+        judgeThread(evidence_.entries[evidence_.at++]);
 }
 
 void HeadModel::judgeThreads()
 {
-    while (evidence_.at < evidence_.entries.size()) {
-        const LabJournalEntry& entry = evidence_.entries[evidence_.at++];
-        require(entry.thread != entry.pid, "a request that no method made: \"" + textOf(entry) + "\"");
-        judgeThread(entry);
-    }
+    judgeUpTo(evidence_.nextOfLoop());
+    evidence_.requireLoopDone("a request that no method made");
 }
 
 void HeadModel::judgeThread(const LabJournalEntry& entry)
@@ -295,21 +328,23 @@ void HeadModel::judgeThread(const LabJournalEntry& entry)
 void HeadModel::judgeTour(const LabJournalEntry& entry)
 {
     atRest = false;
-    const std::string request = std::string(entry.axis == LAB_PAN ? "x " : "y ") + entry.request;
-    const bool ran = tourReadings_[LAB_PAN].running() || tourReadings_[LAB_TILT].running();
-    const bool inOrder = request == "x GET_STATUS" || (request == "y GET_STATUS" && tourDid_ == "x GET_STATUS") ||
-                         (request == "x STOP" && tourDid_ == "y GET_STATUS" && ran) ||
-                         (request == "y STOP" && tourDid_ == "x STOP") ||
-                         (request == "x MOVE" && tourDid_ == (ran ? "y STOP" : "y GET_STATUS")) ||
-                         (request == "y MOVE" && tourDid_ == "x MOVE");
-    require(inOrder, "a tour sends "
-                     " + textOf(entry) + "
-                     " after " +
-                         tourDid_);
-    if (entry.request == "GET_STATUS")
-        tourReadings_[entry.axis].words = entry.result == 0 ? entry.out : std::vector<int32_t>(5);
-    tourReadNs_ = request == "x GET_STATUS" ? entry.labNs : tourReadNs_;
+    const bool ran = isRunning(tourReadings_[LAB_PAN]) || isRunning(tourReadings_[LAB_TILT]);
+    const std::map<std::string, std::string> mustFollow = {
+        {"y GET_STATUS", "x GET_STATUS"},
+        {"x STOP", ran ? "y GET_STATUS" : "a running axis"},
+        {"y STOP", "x STOP"},
+        {"x MOVE", ran ? "y STOP" : "y GET_STATUS"},
+        {"y MOVE", "x MOVE"},
+    };
+    const std::string request = textOf(entry.axis, entry.request);
+    const auto due = mustFollow.find(request);
+    require(request == "x GET_STATUS" || (due != mustFollow.end() && due->second == tourDid_),
+            "a tour sends " + textOf(entry) + " after \"" + tourDid_ + "\"");
     tourDid_ = entry.result == 0 || entry.request == "MOVE" ? request : "";
+    if (request == "x GET_STATUS")
+        tourReadNs_ = entry.labNs;
+    if (entry.request == "GET_STATUS")
+        tourReadings_[entry.axis] = entry.result == 0 ? entry.out : Words(WORDS);
     if (entry.request != "MOVE") {
         if (entry.result != 0)
             motions.tourFails(entry.labNs);
@@ -320,11 +355,11 @@ void HeadModel::judgeTour(const LabJournalEntry& entry)
         const PresetSlot* preset = presetWithId(presets, state.preset);
         if (scans ? entry.axis == LAB_TILT : !preset)
             return false;
-        const Reading& reading = tourReadings_[entry.axis];
-        const int32_t steps =
-            scans ? toSteps(LAB_PAN, state.scanCoord) - reading.position() : presetSteps(entry.axis, *preset, reading);
+        const int64_t position = tourReadings_[entry.axis][STEPS_WORD];
+        const int64_t steps =
+            scans ? toSteps(LAB_PAN, state.scanCoord) - position : presetSteps(entry.axis, *preset, position);
         const float speed = static_cast<float>(axes[entry.axis].made.max_speed) * factors[entry.axis];
-        return entry.in == std::vector<int32_t>{0, static_cast<int32_t>(speed), steps, 0, 0};
+        return entry.in == Words{0, static_cast<int32_t>(speed), static_cast<int32_t>(steps), 0, 0};
     };
     const auto fits = [&](const MotionState& state) {
         return may(world.presets, world.factors, state) ||
@@ -340,29 +375,24 @@ void HeadModel::judgeTour(const LabJournalEntry& entry)
 /// At rest nobody but a save that is due reads the axes.
 void HeadModel::judgeSaveRead(const LabJournalEntry& entry)
 {
-    if (!save && saveCommitsFromNs_ && entry.labNs >= *saveCommitsFromNs_ + SAVE_PERIOD_NS)
+    if (!save_ && saveCommitsFromNs_ && entry.labNs >= *saveCommitsFromNs_ + SAVE_PERIOD_NS)
         return;
-    require(save.has_value(), "a thread reads the axes at rest although no save is due");
-    require(storing == Storing::FREE, "a save reads the axes although it may not store them");
-    require(entry.labNs >= save->earliestNs + SAVE_PERIOD_NS, "a save comes too early");
+    require(save_.has_value(), "a thread reads the axes at rest although no save is due");
+    require(storing_ == Storing::FREE, "a save reads the axes although it may not store them");
+    require(entry.labNs >= *save_ + SAVE_PERIOD_NS, "a save comes too early");
     require(entry.axis == (saveReadPan_ ? LAB_TILT : LAB_PAN), "a save reads the axes in disorder");
-    if (entry.result != 0) { // it is tried again at the next expiry
-        saveReadPan_ = false;
-        save->earliestNs += SAVE_PERIOD_NS;
-        return;
-    }
-    saveReadPan_ = !saveReadPan_;
-    saveReadRunning_ = (saveReadRunning_ && !saveReadPan_) || entry.out.at(3) != 0;
+    saveReadPan_ = entry.result == 0 && !saveReadPan_;
+    saveReadRunning_ = (saveReadRunning_ && !saveReadPan_) || (entry.result == 0 && isRunning(entry.out));
     if (saveReadPan_)
         return;
-    if (saveReadRunning_) { // a driver that slows down
-        save->earliestNs += SAVE_PERIOD_NS;
+    if (entry.result != 0 || saveReadRunning_) { // it is tried again at the next expiry; a driver may slow down
+        *save_ += SAVE_PERIOD_NS;
         return;
     }
     for (ModelAxis& axis : axes)
         axis.stored = axis.count;
-    saveCommitsFromNs_ = save->earliestNs + SAVE_PERIOD_NS;
-    save.reset();
+    saveCommitsFromNs_ = *save_ + SAVE_PERIOD_NS;
+    save_.reset();
     commit();
 }
 
@@ -370,12 +400,12 @@ void HeadModel::judgeWorker(const LabJournalEntry& entry)
 {
     if (entry.request != JOURNAL_ROTATE_END) {
         require(!worker_.empty() && stepMove_ != StepMove::RUNS,
-                "a thread sends \"" + textOf(entry) + "\", which nobody asked for");
+                "a thread sends " + textOf(entry) + ", which nobody asked for");
         stepMove_ = StepMove::NONE;
         const WorkerRequest& due = worker_.front();
         const int32_t word = due.request == "SET_SPEED" ? entry.speedWord() : entry.stepsWord();
         require(entry.axis == due.axis && entry.request == due.request && word == due.word,
-                "a thread sends \"" + textOf(entry) + "\" instead of " + due.request + " " + std::to_string(due.word));
+                "a thread sends " + textOf(entry) + " instead of " + due.request + " " + std::to_string(due.word));
         worker_.pop_front();
     }
     if (entry.result == 0 || (entry.request != "ROTATE" && entry.request != JOURNAL_ROTATE_END))
@@ -407,10 +437,9 @@ bool HeadModel::stillCalibrating()
     if (!calibrating)
         return false;
     const size_t next = evidence_.nextOfLoop();
-    if (replied_ == CODE_CALIBRATING && next == evidence_.entries.size())
+    if (replied_ == CODE_CALIBRATING && evidence_.loopIsDone())
         return true;
-    while (evidence_.at < next)
-        judgeThread(evidence_.entries[evidence_.at++]);
+    judgeUpTo(next);
     require(worker_.empty(), "a calibration is not over, but its flag is");
     motions.follow(next < evidence_.entries.size() ? evidence_.entries[next].labNs : WHENEVER);
     motions.keep([](const MotionState& state) { return state.calibration == 0; },
@@ -419,48 +448,40 @@ bool HeadModel::stillCalibrating()
     return false;
 }
 
-Code HeadModel::busy(bool panoramaCounts)
+void HeadModel::refuseBusy(bool panoramaCounts)
 {
-    if (stillCalibrating())
-        return CODE_CALIBRATING;
-    if (mask_)
-        return CODE_LENS_MASK;
-    return panorama_ && panoramaCounts ? CODE_PANORAMA : CODE_OK;
+    refuse(stillCalibrating(), CODE_CALIBRATING);
+    refuse(mask_, CODE_LENS_MASK);
+    refuse(panorama_ && panoramaCounts, CODE_PANORAMA);
 }
 
 bool HeadModel::loadFlip()
 {
     constexpr const char* NAMES[] = {"off", "left_and_right", "up_and_down", "center"};
-    const std::string text = settings.flip.value_or("");
-    for (int i = 0; i < 4; ++i) {
-        if (!std::string(NAMES[i]).starts_with(text))
-            continue;
-        flip_ = i;
-        return true;
-    }
-    return false;
+    const std::string text = settings["@flip"] == "-" ? "" : settings["@flip"];
+    const auto* const at = std::find_if(std::begin(NAMES), std::end(NAMES),
+                                        [&](const char* name) { return std::string(name).starts_with(text); });
+    if (at == std::end(NAMES))
+        return false;
+    flip_ = static_cast<int>(at - NAMES);
+    return true;
 }
 
-std::map<std::string, std::optional<std::string>> HeadModel::storedOptions() const
+std::map<std::string, std::string> HeadModel::storedOptions() const
 {
-    std::map<std::string, std::optional<std::string>> result;
-    const auto text = [](const std::optional<int32_t>& value) {
-        return value ? std::optional(std::to_string(*value)) : std::nullopt;
-    };
+    std::map<std::string, std::string> result{{"config.power_off_recover", settings.at("@recover")}};
     for (const ModelAxis& axis : axes) {
-        result[axis.section + ".steps"] = text(axis.stored);
-        result[axis.section + ".speed"] = text(axis.speedInFile);
+        result[axis.section + ".steps"] = axis.stored ? std::to_string(*axis.stored) : "-";
+        result[axis.section + ".speed"] = axis.speedInFile ? std::to_string(*axis.speedInFile) : "-";
     }
-    result["config.power_off_recover"] = std::to_string(settings.recover);
     return result;
 }
 
 bool HeadModel::mayHold(const std::string& option, const std::string& value) const
 {
-    for (const ModelAxis& axis : axes)
-        if (option == axis.section + ".speed" && axis.speedOption && value == std::to_string(*axis.speedOption))
-            return true;
-    return false;
+    return std::any_of(std::begin(axes), std::end(axes), [&](const ModelAxis& axis) {
+        return option == axis.section + ".speed" && axis.speedOption && value == std::to_string(*axis.speedOption);
+    });
 }
 
 bool HeadModel::speedsDiffer() const

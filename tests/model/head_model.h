@@ -10,6 +10,7 @@
 #include "steps.h"
 #include "tours.h"
 
+#include <array>
 #include <deque>
 #include <map>
 #include <optional>
@@ -32,6 +33,27 @@ enum Code : int32_t {
     CODE_PLAN = 64302,
 };
 
+/// A method's answer when it goes no further.
+struct Refusal {
+    Code code;
+};
+
+void refuse(bool condition, Code code);
+
+inline constexpr LabAxisId AXES[] = {LAB_PAN, LAB_TILT};
+inline constexpr int64_t SAVE_PERIOD_NS = 10 * SECOND_NS;
+
+using Pair = std::array<int64_t, LAB_AXIS_COUNT>; // of pan and tilt
+using Words = std::vector<int32_t>;               // of a device's record
+enum { SPEED_WORD = 1, STEPS_WORD = 2, RUNNING_WORD = 3, WORDS = 5 };
+
+/// A value for each axis.
+template <typename Value>
+Pair forEach(Value value)
+{
+    return {value(LAB_PAN), value(LAB_TILT)};
+}
+
 struct ModelAxis {
     LabAxisSetting made{};
     int32_t lower = 0; // limits and home in coordinates
@@ -39,7 +61,7 @@ struct ModelAxis {
     int32_t home = 0;
     std::string section;
 
-    // Where the axis stands, or will once its motion is over. Count and shaft differ after a failed calibration.
+    // Where the axis is, or will be once its motion is over. Count and shaft differ after a failed calibration.
     int32_t count = 0;
     int32_t shaft = 0;
     bool moving = false;
@@ -49,33 +71,11 @@ struct ModelAxis {
     std::optional<int32_t> speedInFile{}; // as last committed
 };
 
-/// Fields of a status, as the device answered.
-struct Reading {
-    std::vector<int32_t> words{0, 0, 0, 0, 0};
-    int32_t speed() const
-    {
-        return words[1];
-    }
-    int32_t position() const
-    {
-        return words[2];
-    }
-    bool running() const
-    {
-        return words[3] != 0;
-    }
-};
-
-struct PendingSave {
-    int64_t earliestNs; // lab time of the arming, from and to
-    int64_t latestNs;
-};
-
 /// A request that the calibration or the test is to make.
 struct WorkerRequest {
     LabAxisId axis;
     std::string request;
-    int32_t word;
+    int64_t word;
 };
 
 /// Decimal text as a number; what is out of range saturates, what is no number is 0.
@@ -85,31 +85,20 @@ class HeadModel {
 public:
     HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt);
 
-    /// What the settings files hold.
-    struct Settings {
-        std::optional<std::string> flip;
-        std::optional<std::string> mask;
-        std::optional<std::string> track;
-        int32_t recover = 1;
-    } settings;
-
+    std::map<std::string, std::string> settings; // what is in the files, by the verbs of the steps that change it
     ModelAxis axes[LAB_AXIS_COUNT];
     TourWorld world;
     Presets storedPresets;
     MotionJudge motions;
-    std::optional<PendingSave> save;
-    /// Whether a position may be stored: not while the mask is on, until a mask off has come to rest. After a mask that
-    /// failed, until a command has taken the head out of its zone.
-    enum class Storing { FREE, NEVER, ONCE_AT_REST } storing = Storing::FREE;
     bool atRest = false;      // nothing is under way, so that only a save may look at the axes
     bool calibrating = false; // perhaps: it ends at a moment that nobody sees
 
-    /// Whether a save comes by itself.
-    bool saveDue() const
+    /// When the save that is to come unprompted was armed, in lab time at the earliest.
+    std::optional<int64_t> saveArmedNs() const
     {
-        return save && storing != Storing::NEVER;
+        return storing_ == Storing::NEVER ? std::nullopt : save_;
     }
-    /// A daemon that has just started on the settings and found the axes where they stand.
+    /// A daemon that has just started on the settings and found the axes where they are.
     void start();
     /// What the daemon answers to the step, which was called and answered with `reply` at these lab times. Judges its
     /// requests.
@@ -119,10 +108,8 @@ public:
     /// True once nothing is under way any more, as far as loaded.
     bool hasSettled() const;
     void settle();
-    /// Follows an axis through a request.
-    void fold(const LabJournalEntry& entry);
-    /// What the file of the daemon's package must hold, option by option.
-    std::map<std::string, std::optional<std::string>> storedOptions() const;
+    /// What the file of the daemon's package must hold, option by option; "-" where it is missing.
+    std::map<std::string, std::string> storedOptions() const;
     /// A speed that the calibration corrected goes to the file with the next commit, at the start perhaps at once.
     bool mayHold(const std::string& option, const std::string& value) const;
     /// True when a calibration has corrected a speed, or may have, and no commit has followed.
@@ -130,86 +117,102 @@ public:
     std::string describe() const;
 
 private:
-    // Requests of the event loop, in order; each throws unless it is the next.
-    bool ask(LabAxisId axis, const std::string& request, const std::vector<int32_t>* words = nullptr);
+    using Method = void (HeadModel::*)(const Step&);
+    static const std::map<std::string, Method> METHODS;
+
+    // Requests of the event loop, in order; each throws unless it is the next. False: the device failed.
+    bool ask(LabAxisId axis, const std::string& request, const Words* words = nullptr);
+    bool askBoth(const std::string& request);
+    bool drive(const Pair& speeds, const Pair& steps, bool fromStatus = false);
     bool nextIs(const std::string& request) const;
-    bool readStatus();
-    bool halt();
+
+    // Common steps of the methods. Those that may refuse say so.
+    Pair coordinates(const Step& step, bool limited = false) const; // refuses those that are missing or out of limits
+    Pair relative(const Pair& way) const;                           // refuses those that have no way to go
+    void refuseBusy(bool panoramaCounts = true);
+    void look();          // refuses when the devices do
+    void haltIfRunning(); // likewise
+    void halt();
+    bool go(Begin kind, const Pair& speeds, const Pair& steps, bool fromStatus = false);
     void begin(Begin kind);
-    Code drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
     void cancelStep();
     void saveNow(bool halted);
     void leavesMask();
     void seeRest();
     void armSave();
     void commit();
+    bool stillCalibrating();
+    bool loadFlip();
 
-    int32_t toSteps(LabAxisId axis, int64_t coordinate) const;
-    int32_t toCoordinate(LabAxisId axis, int32_t steps) const;
-    int32_t relative(LabAxisId axis, int64_t coordinates) const;
+    int64_t toSteps(LabAxisId axis, int64_t coordinate) const;
+    Pair wayTo(const Pair& steps) const;
+    Pair storedOrHome() const;
+    Pair maxSpeeds() const;
     int32_t sign(LabAxisId axis) const;
     bool running() const;
-    int32_t position(LabAxisId axis) const;
-    std::vector<int32_t> command(LabAxisId axis, int32_t speed, int32_t steps, bool fromStatus) const;
-    int32_t storedOrHome(LabAxisId axis) const;
+    int64_t position(LabAxisId axis) const;
 
+    void fold(const LabJournalEntry& entry);
+    void judgeUpTo(size_t end);
     void judgeThread(const LabJournalEntry& entry);
     void judgeSaveRead(const LabJournalEntry& entry);
     void judgeTour(const LabJournalEntry& entry);
     void judgeWorker(const LabJournalEntry& entry);
-    void queueCalibration(const int32_t (&returnSteps)[LAB_AXIS_COUNT]);
-    bool stillCalibrating();
-    Code busy(bool panoramaCounts = true);
-    bool loadFlip();
+    void queueCalibration(const Pair& returnSteps);
 
-    Code move(const Step& step);
-    Code moveTo(const Step& step);
-    Code stop();
-    Code moveStep(const Step& step);
-    Code aimStep(int32_t direction, const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
-    Code startPanorama();
-    Code movePanorama(const Step& step);
-    Code stopPanorama();
-    Code returnTo(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
-    Code targetTrack(const Step& step);
-    Code targetTrackBack();
-    Code reloadTargetTrack();
-    Code lensMask();
-    Code setConfig(const Step& step);
-    Code setPowerOffRecover(const Step& step);
-    Code manualCalibrate();
-    Code test(const Step& step);
-    Code updateImage();
-    int32_t presetSteps(LabAxisId axis, const PresetSlot& preset, const Reading& reading) const;
-    Code gotoPreset(const Step& step);
-    Code setFactor(const std::optional<std::string>& text, LabAxisId axis);
-    Code setPreset(const Step& step);
-    Code capture(PresetSlot& slot);
-    Code delPreset(const Step& step);
-    Code clearPreset();
-    Code setPlan(const Step& step);
+    void move(const Step& step);
+    void moveTo(const Step& step);
+    void stop(const Step&);
+    void moveStep(const Step& step);
+    void startPanorama(const Step&);
+    void movePanorama(const Step& step);
+    void stopPanorama(const Step&);
+    void targetTrack(const Step& step);
+    void targetTrackBack(const Step&);
+    void reloadTargetTrack(const Step&);
+    void lensMask(const Step&);
+    void setConfig(const Step& step);
+    void setPowerOffRecover(const Step& step);
+    void manualCalibrate(const Step&);
+    void test(const Step& step);
+    void updateImage(const Step&);
+    void checkMotorStatus(const Step&);
+    void getStatus(const Step&);
+    void getCapa(const Step&);
+    void reloadTour(const Step& step);
+
+    int64_t presetSteps(LabAxisId axis, const PresetSlot& preset, int64_t position) const;
+    void setFactor(const Step& step, const char* argument, LabAxisId axis);
+    void gotoPreset(const Step& step);
+    void setPreset(const Step& step);
+    void delPreset(const Step& step);
+    void clearPreset(const Step&);
+    void getPresetAll(const Step&);
+    void setPlan(const Step& step);
     void readPresets();
     void savePresets();
-    void savePendingPlan();
-    std::string presetList() const;
-    std::string capability() const;
-    std::string status();
+    void savePendingPlan(const std::function<bool(const PlanRange&)>& isLost);
 
     Evidence& evidence_;
-    int64_t endsBefore_ = 0; // what motions.ends() was when storing became ONCE_AT_REST
+    int64_t calledNs_ = 0;
     std::string reply_;
     int32_t replied_ = 0; // the code that the daemon gave
-    int64_t calledNs_ = 0;
-    std::string fields_; // of the reply, before the code
-    Reading readings_[LAB_AXIS_COUNT];
+    std::string before_;  // of the expected reply, before the code and after it
+    std::string after_;
 
+    std::optional<int64_t> save_;
+    /// Whether a position may be stored: not while the mask is on, until a mask off has come to rest. After a mask that
+    /// failed, until a command has taken the head out of its zone.
+    enum class Storing { FREE, NEVER, ONCE_AT_REST } storing_ = Storing::FREE;
+    int64_t endsBefore_ = 0; // what motions.ends() was when storing became ONCE_AT_REST
+    Words readings_[LAB_AXIS_COUNT]{Words(WORDS), Words(WORDS)};
     bool recover_ = true;
     bool panorama_ = false;
     bool mask_ = false;
     bool track_ = false;
     int flip_ = 0;
     enum class StepMove { NONE, RUNS, FADES } stepMove_ = StepMove::NONE;
-    int32_t stepDirection_ = 0;
+    int64_t stepDirection_ = 0;
     bool stepStopsTilt_ = false; // the closing stop of pan was seen
     bool saveReadPan_ = false;
     bool saveReadRunning_ = false;
@@ -217,7 +220,7 @@ private:
     std::optional<int64_t> saveCommitsFromNs_{};
     std::deque<WorkerRequest> worker_; // what is left of a calibration or a test
     Plan pendingPlan_;
-    Reading tourReadings_[LAB_AXIS_COUNT];
+    Words tourReadings_[LAB_AXIS_COUNT]{Words(WORDS), Words(WORDS)};
     std::string tourDid_; // its latest request that succeeded
     int64_t tourReadNs_ = 0;
 };

@@ -2,24 +2,19 @@
 
 #include "head_model.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
-/// A JSON text's length in bytes and whether the store can hold it as a name.
-size_t lengthOf(const std::string& json, bool& storable)
+constexpr const char* DAY_NAMES[DAYS] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
+
+std::string quoted(const std::string& text)
 {
-    size_t length = 0;
-    storable = true;
-    for (size_t i = 0; i < json.size(); ++i, ++length) {
-        if (json[i] != '\\')
-            continue;
-        const char escaped = json[++i];
-        i += escaped == 'u' ? 4 : 0;
-        storable = storable && (escaped == '"' || escaped == '\\' || escaped == 't' || escaped == 'r');
-    }
-    return length;
+    const Json json(json_object_new_string(text.c_str()));
+    return json_object_to_json_string_ext(json.get(), JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
 /// The numbers in a text: digits, ended by a comma; everything else is passed over. Eight at most.
@@ -31,9 +26,8 @@ std::vector<int64_t> numbersIn(const std::string& text)
         if (letter == ',') {
             inNumber = false;
         } else if (isdigit(static_cast<unsigned char>(letter))) {
-            if (!inNumber)
+            if (!std::exchange(inNumber, true))
                 result.push_back(0);
-            inNumber = true;
             result.back() = std::min<int64_t>(result.back() * 10 + (letter - '0'), INT32_MAX);
         }
     }
@@ -41,61 +35,41 @@ std::vector<int64_t> numbersIn(const std::string& text)
     return result;
 }
 
-/// A free slot may still hold the name of the preset that it had.
-std::string nameIn(const std::string& reply)
-{
-    const size_t from = reply.find("\"name\":\"");
-    const size_t to = reply.find("\",\"id\":");
-    return from != 0 && from != 1 ? "" : reply.substr(from + 8, to - from - 8);
-}
-
 } // namespace
 
-int32_t HeadModel::presetSteps(LabAxisId axis, const PresetSlot& preset, const Reading& reading) const
+int64_t HeadModel::presetSteps(LabAxisId axis, const PresetSlot& preset, int64_t position) const
 {
-    const float position = axis == LAB_PAN ? preset.pan : preset.tilt;
-    const float target = (position + 1.0F) * static_cast<float>(axes[axis].made.total_steps) * 0.5F;
-    return static_cast<int32_t>(target - static_cast<float>(reading.position()));
+    const float target = (preset.position[axis] + 1.0F) * static_cast<float>(axes[axis].made.total_steps) * 0.5F;
+    return static_cast<int64_t>(target - static_cast<float>(position));
 }
 
-Code HeadModel::setFactor(const std::optional<std::string>& text, LabAxisId axis)
+void HeadModel::setFactor(const Step& step, const char* argument, LabAxisId axis)
 {
     char* end = nullptr;
-    const std::string given = text.value_or("1");
+    const std::string given = step.argument(argument).value_or("1");
     const float factor = static_cast<float>(strtod(given.c_str(), &end));
-    if (*end != '\0')
-        return CODE_PARAM;
-    if (!(factor > 0 && factor <= 1))
-        return CODE_FACTOR;
+    refuse(*end != '\0', CODE_PARAM);
+    refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
     world.factors[axis] = factor;
-    return CODE_OK;
 }
 
-Code HeadModel::gotoPreset(const Step& step)
+void HeadModel::gotoPreset(const Step& step)
 {
     const int64_t id = number(step.argument("id").value_or("0"));
-    if (id < 1 || id > 8)
-        return CODE_PARAM;
+    refuse(id < 1 || id > 8, CODE_PARAM);
     const PresetSlot* preset = presetWithId(world.presets, id);
-    if (!preset)
-        return CODE_PRESET;
-    if (const Code code = setFactor(step.argument("speed_pan"), LAB_PAN))
-        return code;
-    if (const Code code = setFactor(step.argument("speed_tilt"), LAB_TILT))
-        return code;
-    if (const Code code = busy())
-        return code;
-    if (!readStatus() || (running() && !halt()))
-        return CODE_DEVICE;
-    begin(Begin::PRESET);
-    const auto words = [&](LabAxisId axis) {
-        const float speed = static_cast<float>(axes[axis].made.max_speed) * world.factors[axis];
-        return command(axis, static_cast<int32_t>(speed), presetSteps(axis, *preset, readings_[axis]), false);
-    };
-    const Code code = drive(words(LAB_PAN), words(LAB_TILT));
-    if (code == CODE_OK)
-        armSave();
-    return code;
+    refuse(!preset, CODE_PRESET);
+    setFactor(step, "speed_pan", LAB_PAN);
+    setFactor(step, "speed_tilt", LAB_TILT);
+    refuseBusy();
+    look();
+    haltIfRunning();
+    const Pair speeds = forEach([&](LabAxisId axis) {
+        return static_cast<int64_t>(static_cast<float>(axes[axis].made.max_speed) * world.factors[axis]);
+    });
+    const Pair steps = forEach([&](LabAxisId axis) { return presetSteps(axis, *preset, position(axis)); });
+    refuse(!go(Begin::PRESET, speeds, steps), CODE_DEVICE);
+    armSave();
 }
 
 /// What is stored takes the place of all that the package holds, changes that nobody has committed included.
@@ -105,8 +79,8 @@ void HeadModel::readPresets()
     world.presets = storedPresets;
     for (size_t i = 0; i < world.presets.size(); ++i) {
         PresetSlot& slot = world.presets[i];
-        for (float* position : {&slot.pan, &slot.tilt})
-            *position = strtof(std::to_string(*position).c_str(), nullptr);
+        for (float& position : slot.position)
+            position = strtof(std::to_string(position).c_str(), nullptr);
         if (slot.id != 0 && slot.name.empty())
             slot.name = "preset_" + std::to_string(i + 1);
     }
@@ -121,139 +95,117 @@ void HeadModel::savePresets()
         axis.speedOption = axis.speedInFile;
 }
 
-Code HeadModel::capture(PresetSlot& slot)
+void HeadModel::setPreset(const Step& step)
 {
-    if (!readStatus())
-        return CODE_DEVICE;
-    if (running())
-        return CODE_MOVING;
-    const auto of = [&](LabAxisId axis) {
-        return static_cast<float>(2.0 * position(axis) / axes[axis].made.total_steps - 1.0);
-    };
-    slot.pan = of(LAB_PAN);
-    slot.tilt = of(LAB_TILT);
-    return CODE_OK;
-}
-
-Code HeadModel::setPreset(const Step& step)
-{
-    if (mask_ || panorama_)
-        return mask_ ? CODE_LENS_MASK : CODE_PANORAMA;
+    refuse(mask_, CODE_LENS_MASK);
+    refuse(panorama_, CODE_PANORAMA);
     int64_t id = number(step.argument("id").value_or("1"));
-    if (id < 1 || id > 8)
-        return CODE_PRESET;
-    const int64_t capturing = number(step.argument("save_ptz").value_or("0"));
-    if (capturing != 0 && capturing != 1)
-        return CODE_PARAM;
+    refuse(id < 1 || id > 8, CODE_PRESET);
+    const int64_t captures = number(step.argument("save_ptz").value_or("0"));
+    refuse(captures != 0 && captures != 1, CODE_PARAM);
     const auto name = step.argument("name");
-    bool storable = true;
-    if (name && lengthOf(*name, storable) > 32)
-        return CODE_NAME;
-    if (name && name->find("\\n") != std::string::npos)
-        return CODE_PARAM;
+    refuse(name.value_or("").size() > 32, CODE_NAME);
+    refuse(name.value_or("").find('\n') != std::string::npos, CODE_PARAM);
     while (!step.argument("id") && id <= 8 && presetWithId(world.presets, id))
         ++id;
-    PresetSlot* slot = id > 8 ? nullptr : presetWithId(world.presets, id);
+    PresetSlot* slot = presetWithId(world.presets, id);
     for (PresetSlot& other : world.presets)
         slot = !slot && id <= 8 && other.id == 0 ? &other : slot;
-    if (!slot)
-        return CODE_FULL;
-    PresetSlot changed = slot->id != 0 ? *slot : PresetSlot{0, "preset" + std::to_string(id), 0, 0};
+    refuse(!slot, CODE_FULL);
+    PresetSlot changed = slot->id != 0 ? *slot : PresetSlot{0, "preset" + std::to_string(id), {}};
     changed.id = static_cast<int>(id);
     changed.name = name.value_or(changed.name);
-    if (const Code code = capturing == 1 ? capture(changed) : CODE_OK)
-        return code;
-    if (!storable) {
+    if (captures == 1) {
+        look();
+        refuse(running(), CODE_MOVING);
+        for (const LabAxisId axis : AXES)
+            changed.position[axis] =
+                static_cast<float>(2.0 * static_cast<double>(position(axis)) / axes[axis].made.total_steps - 1.0);
+    }
+    const std::string answeredId = ",\"id\":\"" + std::to_string(id) + "\",";
+    const auto isUnstorable = [](char letter) {
+        return letter > 0 && letter < ' ' && letter != '\t' && letter != '\r';
+    };
+    if (std::any_of(changed.name.begin(), changed.name.end(), isUnstorable)) {
         readPresets();
-        motions.clearPreset();
-        fields_ =
-            "\"name\":\"" + (slot->id != 0 ? slot->name : nameIn(reply_)) + "\",\"id\":\"" + std::to_string(id) + "\",";
-        return CODE_DEVICE;
+        motions.change([](MotionState& state) { state.preset = 0; }); // a preset tour sends the head once more
+        // A free slot may still hold the name of the preset that it had.
+        const std::string free = reply_.substr(0, reply_.find(answeredId)).substr(1);
+        before_ = (slot->id != 0 ? "\"name\":" + quoted(slot->name) : free) + answeredId;
+        throw Refusal{CODE_DEVICE};
     }
     *slot = changed;
     savePresets();
-    fields_ = "\"name\":\"" + changed.name + "\",\"id\":\"" + std::to_string(id) + "\",";
-    return CODE_OK;
+    before_ = "\"name\":" + quoted(changed.name) + answeredId;
 }
 
-Code HeadModel::delPreset(const Step& step)
+void HeadModel::delPreset(const Step& step)
 {
-    const std::vector<int64_t> ids = numbersIn(step.array("id").value_or(""));
-    if (ids.empty())
-        return CODE_PARAM;
+    const Json array = step.array("id");
+    const std::vector<int64_t> ids = numbersIn(array ? json_object_to_json_string(array.get()) : "");
+    refuse(ids.empty(), CODE_PARAM);
     for (const int64_t id : ids) {
-        if (id < 1 || id > 8)
-            return CODE_PARAM; // those before are gone, until a restart
+        refuse(id < 1 || id > 8, CODE_PARAM); // those before are gone, until a restart
         if (PresetSlot* slot = presetWithId(world.presets, id))
             *slot = {};
     }
-    std::stable_partition(world.presets.begin(), world.presets.end(), [](const PresetSlot& s) { return s.id != 0; });
+    std::stable_partition(world.presets.begin(), world.presets.end(), [](const auto& slot) { return slot.id != 0; });
     savePresets();
-    for (auto& [day, ranges] : pendingPlan_)
-        for (PlanRange& range : ranges)
-            if (range.action == 'p' && std::find(ids.begin(), ids.end(), range.id) != ids.end())
-                range.valid = false;
-    savePendingPlan();
-    return CODE_OK;
+    savePendingPlan([&](const PlanRange& range) {
+        return range.action == "preset" && std::find(ids.begin(), ids.end(), range.id) != ids.end();
+    });
 }
 
-Code HeadModel::clearPreset()
+void HeadModel::clearPreset(const Step&)
 {
     world.presets = {};
     savePresets();
-    for (auto& [day, ranges] : pendingPlan_)
-        for (PlanRange& range : ranges)
-            range.valid = false;
-    savePendingPlan();
-    return CODE_OK;
+    savePendingPlan([](const PlanRange&) { return true; });
 }
 
-/// A plan that was refused stays as far as it was read, and is stored when presets are deleted.
-Code HeadModel::setPlan(const Step& step)
+/// A plan that was refused remains as far as it was read, and is stored when presets are deleted.
+void HeadModel::setPlan(const Step& step)
 {
     pendingPlan_.clear();
     for (int day = 0; day < DAYS; ++day) {
-        const auto text = step.array(DAY_NAMES[day]);
-        if (!text)
+        const Json array = step.array(DAY_NAMES[day]);
+        if (!array)
             continue;
-        const std::vector<PlanRange> ranges = planRanges(*text);
         std::vector<PlanRange>& table = pendingPlan_[day];
-        if (ranges.size() > 10)
-            return CODE_PLAN;
-        for (const PlanRange& range : ranges) {
+        refuse(json_object_array_length(array.get()) > 10, CODE_PLAN);
+        for (const PlanRange& range : planRanges(array.get())) {
             table.push_back(range);
-            if (range.action != '?')
-                continue;
-            table.back().action = '-';
-            return CODE_PLAN;
+            refuse(range.action != "preset" && range.action != "disable", CODE_PLAN);
         }
     }
     for (const auto& [day, ranges] : pendingPlan_)
-        if (!fits(ranges))
-            return CODE_PLAN;
-    savePendingPlan();
-    return CODE_OK;
+        refuse(!fits(ranges), CODE_PLAN);
+    savePendingPlan([](const PlanRange&) { return false; });
 }
 
-void HeadModel::savePendingPlan()
+void HeadModel::savePendingPlan(const std::function<bool(const PlanRange&)>& isLost)
 {
     Plan plan = world.plans.back();
-    for (const auto& [day, ranges] : pendingPlan_)
+    for (auto& [day, ranges] : pendingPlan_) {
+        for (PlanRange& range : ranges)
+            range.valid = range.valid && !isLost(range);
         plan[day] = ranges;
+    }
     world.plans.push_back(plan);
 }
 
-std::string HeadModel::presetList() const
+void HeadModel::getPresetAll(const Step&)
 {
     std::string lists[5];
     for (const PresetSlot& slot : world.presets) {
         if (slot.id == 0)
             continue;
-        const std::string texts[5] = {std::to_string(slot.id), slot.name, "0", std::to_string(slot.pan),
-                                      std::to_string(slot.tilt)};
-        for (int i = 0; i < 5; ++i)
-            lists[i] += (lists[i].empty() ? "\"" : ",\"") + texts[i] + "\"";
+        const std::string texts[] = {"\"" + std::to_string(slot.id) + "\"", quoted(slot.name), "\"0\"",
+                                     "\"" + std::to_string(slot.position[LAB_PAN]) + "\"",
+                                     "\"" + std::to_string(slot.position[LAB_TILT]) + "\""};
+        for (size_t i = 0; i < std::size(texts); ++i)
+            lists[i] += (lists[i].empty() ? "" : ",") + texts[i];
     }
-    return "{\"id\":[" + lists[0] + "],\"name\":[" + lists[1] + "],\"read_only\":[" + lists[2] +
-           "],\"position_pan\":[" + lists[3] + "],\"position_tilt\":[" + lists[4] + "],\"error_code\":0}";
+    before_ = "\"id\":[" + lists[0] + "],\"name\":[" + lists[1] + "],\"read_only\":[" + lists[2] +
+              "],\"position_pan\":[" + lists[3] + "],\"position_tilt\":[" + lists[4] + "],";
 }

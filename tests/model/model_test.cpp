@@ -26,7 +26,7 @@ std::optional<uint32_t> environmentNumber(const char* name)
 
 struct Tally {
     int sequences = 0;
-    int steps = 0;
+    size_t steps = 0;
     int inconclusive = 0;
 };
 
@@ -44,7 +44,7 @@ void report(Player& player, const Sequence& sequence, const Verdict& verdict)
 {
     const auto end = Clock::now() + SHRINK_TIME;
     std::string text = verdict.mismatch;
-    player.patience = 3s;
+    player.timeout = 3s;
     const Sequence smallest = shrink(
         sequence,
         [&](const Sequence& smaller) {
@@ -53,7 +53,7 @@ void report(Player& player, const Sequence& sequence, const Verdict& verdict)
             return !other.mismatch.empty();
         },
         [&] { return Clock::now() < end; });
-    ADD_FAILURE() << "after " << verdict.mismatch << "\nshrunk to\n" << print(smallest) << "after " << text;
+    ADD_FAILURE() << "after " << verdict.mismatch << "\nshrunk to\n" << smallest.print() << "after " << text;
 }
 
 using Maker = Sequence(uint32_t);
@@ -71,7 +71,7 @@ bool playAll(Maker* make, int head, uint32_t firstSeed, int count, Tally& tally)
         const Sequence sequence = make(firstSeed + static_cast<uint32_t>(i * HEADS));
         const Verdict verdict = playToTheEnd(player, sequence);
         ++tally.sequences;
-        tally.steps += static_cast<int>(sequence.steps.size());
+        tally.steps += sequence.steps.size();
         tally.inconclusive += verdict.inconclusive ? 1 : 0;
         if (!verdict.mismatch.empty()) {
             report(player, sequence, verdict);
@@ -92,16 +92,15 @@ void play(Maker* make, int ordinary, int thorough)
         return;
     }
     const bool isLong = getenv("PTZD_LONG_TESTS") != nullptr;
-    const auto wanted =
-        environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(isLong ? thorough : ordinary));
+    const int wanted = static_cast<int>(
+        environmentNumber("PTZD_MODEL_SEQUENCES").value_or(static_cast<uint32_t>(isLong ? thorough : ordinary)));
     // The ordinary run plays the same sequences every time: what it finds then comes from the change under test.
     const uint32_t base = isLong ? std::random_device{}() / 2 / HEADS * HEADS : 7000 * HEADS;
     for (int head = 0; head < HEADS; ++head)
-        if (!playAll(make, head, base + static_cast<uint32_t>(head), static_cast<int>((wanted + HEADS - 1) / HEADS),
-                     tally))
+        if (!playAll(make, head, base + static_cast<uint32_t>(head), (wanted + HEADS - 1) / HEADS, tally))
             break;
     const std::chrono::duration<double> took = Clock::now() - started;
-    printf("%d sequences of %d steps in %.1f s, %d of them inconclusive\n", tally.sequences, tally.steps, took.count(),
+    printf("%d sequences of %zu steps in %.1f s, %d of them inconclusive\n", tally.sequences, tally.steps, took.count(),
            tally.inconclusive);
 }
 

@@ -11,52 +11,77 @@ constexpr int64_t SCAN_REST_NS = 15 * SECOND_NS;
 constexpr int SCAN_STRIDE = 10;
 constexpr int SCAN_LIMIT = 150;
 
-void markMoved(MotionState& state)
-{
-    state.moved = true;
-    state.preset = 0;
-}
-
-void settleAt(MotionState& state, int64_t ns)
-{
-    state.active = false;
-    if (state.origin != ORIGIN_TOUR || std::exchange(state.drive, Drive::NONE) != Drive::NONE)
-        markMoved(state);
-    state.quietFrom = state.moved ? ns : state.quietFrom;
-    state.scanFrom = state.scanned ? ns : state.scanFrom;
-}
-
-/// The tour starts anew after a reload, unless the head moves.
-void startAnew(MotionState& state)
-{
-    if (state.active)
-        return;
-    state.moved = state.scanned = state.tracking = false;
-    state.preset = 0;
-}
-
 /// The begin step of a handler; false when it does not go with what was seen of it.
 bool beginOwn(MotionState& state, Begin kind, const Notification* seen)
 {
-    const int origin = kind == Begin::TRACK ? ORIGIN_TRACK : kind == Begin::RETURN ? ORIGIN_RETURN : ORIGIN_USER;
+    const Origin origin = kind == Begin::TRACK ? ORIGIN_TRACK : kind == Begin::RETURN ? ORIGIN_RETURN : ORIGIN_USER;
     if (state.active != (seen == nullptr) || (seen && (!seen->moving || seen->origin != origin)))
         return false;
-    if (kind == Begin::MASK || kind == Begin::PRESET)
+    if (kind == Begin::MASK)
+        state.countAsUsers(); // also when it takes over another's motion
+    if (kind == Begin::PRESET) {
         state.moved = true;
-    if (!state.active || kind == Begin::PRESET)
         state.origin = origin;
-    if (!state.active || kind == Begin::MASK)
-        state.preset = kind == Begin::RETURN ? state.preset : 0;
+    }
     if (!state.active) {
-        state.moved = state.moved || kind == Begin::USER;
+        state.begin(origin);
         state.tracking = state.tracking || kind == Begin::TRACK;
     }
     state.drive = state.drive == Drive::DUE ? Drive::OVERTAKEN : state.drive;
-    state.active = true;
     return true;
 }
 
 } // namespace
+
+void MotionState::begin(Origin by)
+{
+    active = true;
+    origin = by;
+    moved = by == ORIGIN_USER || (by != ORIGIN_TOUR && moved);
+    preset = by == ORIGIN_USER || by == ORIGIN_TRACK ? 0 : preset;
+}
+
+void MotionState::end(int64_t ns)
+{
+    active = false;
+    if (origin != ORIGIN_TOUR || std::exchange(drive, Drive::NONE) != Drive::NONE)
+        countAsUsers();
+    startQuiet(ns);
+}
+
+void MotionState::countAsUsers()
+{
+    moved = true;
+    preset = 0;
+}
+
+void MotionState::startQuiet(int64_t ns)
+{
+    quietFrom = moved ? ns : quietFrom;
+    scanFrom = scanned ? ns : scanFrom;
+}
+
+void MotionState::endTracking(int64_t ns)
+{
+    if (!std::exchange(tracking, false))
+        return;
+    countAsUsers();
+    startQuiet(ns);
+}
+
+/// What the touring thread does with a reload: the tour starts anew, unless the head moves.
+void MotionState::reload(const TourWorld& world, bool tour)
+{
+    const size_t latest = world.settings.size() - 1;
+    (tour ? reloadsTour : reloadsScan) = false;
+    (tour ? setting : scan) = latest;
+    if (!tour || (world.settings[latest].enabled == "on" && world.settings[latest].type == 1))
+        scanCoord = world.settings[scan].from;
+    if (active)
+        return;
+    moved = scanned = tracking = false;
+    preset = 0;
+}
 
 void MotionJudge::restart()
 {
@@ -72,35 +97,27 @@ void MotionJudge::restart()
 /// Adds what happens without a notification: a step that joins a motion under way, and what the touring thread loads.
 void MotionJudge::closeOver(States& states) const
 {
-    const auto changed = [](MotionState state, const auto& edit) {
-        edit(state);
-        return state;
-    };
-    const size_t latest = world_.settings.size() - 1;
     for (bool grown = true; grown;) {
         const size_t before = states.size();
         for (const MotionState& state : States(states)) {
-            if (state.begins > 0 && state.active)
-                states.insert(changed(state, [](MotionState& s) { --s.begins; }));
-            if (state.reloadsTour)
-                states.insert(changed(state, [&](MotionState& s) {
-                    s.reloadsTour = false;
-                    s.setting = latest;
-                    if (world_.settings[latest].enabled == "on" && world_.settings[latest].type == 1)
-                        s.scanCoord = world_.settings[s.scan].from;
-                    startAnew(s);
-                }));
-            if (state.reloadsScan)
-                states.insert(changed(state, [&](MotionState& s) {
-                    s.reloadsScan = false;
-                    s.scan = latest;
-                    s.scanCoord = world_.settings[latest].from;
-                    startAnew(s);
-                }));
-            states.insert(changed(state, [&](MotionState& s) { s.plan = world_.plans.size() - 1; }));
+            const auto alsoAfter = [&](bool possible, const auto& edit) {
+                MotionState next = state;
+                edit(next);
+                if (possible)
+                    states.insert(next);
+            };
+            alsoAfter(state.begins > 0 && state.active, [](MotionState& s) { --s.begins; });
+            alsoAfter(state.reloadsTour, [&](MotionState& s) { s.reload(world_, true); });
+            alsoAfter(state.reloadsScan, [&](MotionState& s) { s.reload(world_, false); });
+            alsoAfter(true, [&](MotionState& s) { s.plan = world_.plans.size() - 1; });
         }
         grown = states.size() > before;
     }
+}
+
+bool MotionJudge::hasReloaded(const MotionState& state) const
+{
+    return !state.reloadsTour && !state.reloadsScan && state.plan + 1 == world_.plans.size();
 }
 
 /// What the begin of a tour's step may lead to, if the tour may move the head at all.
@@ -110,9 +127,7 @@ void MotionJudge::addTourBegins(States& states, MotionState state, int64_t ns) c
     if (world_.held || state.active || state.calibration == 2 || state.tracking || tour.enabled == "off" ||
         (state.moved && (state.quietFrom == WHENEVER || ns < state.quietFrom + QUIET_NS)))
         return;
-    state.active = true;
-    state.origin = ORIGIN_TOUR;
-    state.moved = false;
+    state.begin(ORIGIN_TOUR);
     state.drive = Drive::DUE;
     state.tourBegan = ns;
     const bool rested = !state.scanned || state.lingers || ns >= state.scanFrom + SCAN_REST_NS;
@@ -148,12 +163,10 @@ MotionJudge::States MotionJudge::afterHidden(States states, const Notification& 
                 !evidence_.loopActed(state.tourBegan - LATENESS_NS, seen.labNs))
                 continue;
             state.calibration = state.calibration == 2 ? 0 : state.calibration;
-            settleAt(state, seen.labNs);
+            state.end(seen.labNs);
             result.insert(state);
         } else if (seen.moving && seen.origin == ORIGIN_USER && !state.active && state.calibration != 2) {
-            state.active = true;
-            state.origin = ORIGIN_USER;
-            markMoved(state);
+            state.begin(ORIGIN_USER);
             MotionState other = state;
             if (std::exchange(other.begins, state.begins - 1) > 0)
                 result.insert(other);
@@ -195,8 +208,7 @@ void MotionJudge::window(const Own& own, bool restAllowed, const std::string& na
             result.merge(hidden(afterOwn(before, &evidence_.notifications[i]), i + 1, end));
     }
     for (size_t i = at_; i < end && !restAllowed; ++i)
-        if (!evidence_.notifications[i].moving)
-            checkPremature(evidence_.notifications[i]);
+        checkPremature(evidence_.notifications[i]);
     demand(result, name);
     states_ = result;
     at_ = end;
@@ -218,7 +230,7 @@ void MotionJudge::stop(int64_t calledNs, int64_t fromNs)
             return false;
         state.origin = ORIGIN_USER;
         state.drive = Drive::NONE;
-        settleAt(state, seen->labNs);
+        state.end(seen->labNs);
         return true;
     };
     window(own, true, "a stop", fromNs, WHENEVER);
@@ -227,11 +239,9 @@ void MotionJudge::stop(int64_t calledNs, int64_t fromNs)
 void MotionJudge::follow(int64_t untilNs)
 {
     for (; at_ < evidence_.notifications.size() && evidence_.notifications[at_].labNs < untilNs; ++at_) {
-        const Notification& seen = evidence_.notifications[at_];
-        const States next = afterHidden(states_, seen);
+        const States next = afterHidden(states_, evidence_.notifications[at_]);
         demand(next, "what polls and threads do");
-        if (!seen.moving)
-            checkPremature(seen);
+        checkPremature(evidence_.notifications[at_]);
         states_ = next;
     }
 }
@@ -240,60 +250,26 @@ void MotionJudge::checkPremature(const Notification& seen) const
 {
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         const size_t move = evidence_.moveUnderWay(axis, seen.labNs);
-        require(move == evidence_.entries.size() || stepMoves.contains(move) ||
+        require(seen.moving || move == evidence_.entries.size() || stepMoves.contains(move) ||
                     evidence_.entries[move].request != "MOVE",
                 "an idle notification while an axis still turns");
     }
 }
 
-void MotionJudge::change(const std::function<void(MotionState&)>& edit)
+void MotionJudge::change(const Edit& edit)
 {
-    States result;
-    for (MotionState state : states_) {
+    const States before = std::exchange(states_, {});
+    for (MotionState state : before) {
         edit(state);
-        result.insert(state);
+        states_.insert(state);
     }
-    states_ = result;
 }
 
-void MotionJudge::addBegin(bool certainly)
+void MotionJudge::mayChange(const Edit& edit)
 {
-    const States before = certainly ? States{} : states_;
-    change([](MotionState& state) { ++state.begins; });
+    const States before = states_;
+    change(edit);
     states_.insert(before.begin(), before.end());
-}
-
-void MotionJudge::forgetBegin()
-{
-    for (MotionState state : States(states_))
-        if (state.begins-- > 0)
-            states_.insert(state);
-}
-
-void MotionJudge::addCalibration()
-{
-    change([](MotionState& state) { state.calibration = 1; });
-}
-
-void MotionJudge::endTracking(int64_t ns)
-{
-    change([ns](MotionState& state) {
-        if (!std::exchange(state.tracking, false))
-            return;
-        markMoved(state);
-        state.quietFrom = ns;
-        state.scanFrom = state.scanned ? ns : state.scanFrom;
-    });
-}
-
-void MotionJudge::clearPreset()
-{
-    change([](MotionState& state) { state.preset = 0; });
-}
-
-void MotionJudge::requestReload(bool tour)
-{
-    change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
 }
 
 void MotionJudge::mayReload()
@@ -304,9 +280,7 @@ void MotionJudge::mayReload()
 void MotionJudge::keepReloaded()
 {
     closeOver(states_);
-    std::erase_if(states_, [&](const MotionState& state) {
-        return state.reloadsTour || state.reloadsScan || state.plan + 1 != world_.plans.size();
-    });
+    std::erase_if(states_, [&](const MotionState& state) { return !hasReloaded(state); });
 }
 
 void MotionJudge::tourDrives(int64_t ns, bool succeeds, const Fits& fitting)
@@ -349,12 +323,13 @@ void MotionJudge::keep(const Fits& fitting, const std::string& why)
     require(!states_.empty(), why + ": was " + before);
 }
 
-void MotionJudge::keepOrigin(const std::function<bool(int)>& fitting, const std::string& why)
+void MotionJudge::keepOrigin(bool oneOf, std::initializer_list<int> origins, const std::string& why)
 {
     follow(evidence_.lastOfLoopNs());
-    const size_t next = evidence_.nextOfLoop();
-    const int64_t until = next < evidence_.entries.size() ? evidence_.entries[next].labNs : WHENEVER;
-    const auto fits = [&](const MotionState& state) { return fitting(state.origin); };
+    const int64_t until = evidence_.loopIsDone() ? WHENEVER : evidence_.entries[evidence_.nextOfLoop()].labNs;
+    const auto fits = [&](const MotionState& state) {
+        return oneOf == (std::find(origins.begin(), origins.end(), state.origin) != origins.end());
+    };
     States later = states_;
     for (size_t i = at_; std::none_of(later.begin(), later.end(), fits); ++i) {
         require(i < evidence_.notifications.size() && evidence_.notifications[i].labNs < until,
@@ -367,54 +342,40 @@ void MotionJudge::keepOrigin(const std::function<bool(int)>& fitting, const std:
 
 bool MotionJudge::mayBe(int origin) const
 {
-    return std::any_of(states_.begin(), states_.end(),
-                       [origin](const MotionState& state) { return state.origin == origin; });
+    return std::any_of(states_.begin(), states_.end(), [origin](const auto& state) { return state.origin == origin; });
 }
-
-namespace {
-
-bool resting(const MotionState& state)
-{
-    return !state.active && state.begins == 0 && state.calibration == 0;
-}
-
-} // namespace
 
 bool MotionJudge::rests() const
 {
-    return at_ == evidence_.notifications.size() && std::any_of(states_.begin(), states_.end(), resting);
+    return at_ == evidence_.notifications.size() &&
+           std::any_of(states_.begin(), states_.end(), [](const auto& state) { return state.rests(); });
+}
+
+void MotionJudge::keepResting()
+{
+    std::erase_if(states_, [](const MotionState& state) { return !state.rests(); });
 }
 
 int64_t MotionJudge::ends() const
 {
     const auto from = evidence_.notifications.begin();
-    return std::count_if(from, from + static_cast<ptrdiff_t>(at_),
-                         [](const Notification& seen) { return !seen.moving; });
-}
-
-void MotionJudge::keepResting()
-{
-    std::erase_if(states_, [](const MotionState& state) { return !resting(state); });
+    return std::count_if(from, from + static_cast<ptrdiff_t>(at_), [](const auto& seen) { return !seen.moving; });
 }
 
 std::set<bool> MotionJudge::tourMoves(int64_t ns) const
 {
     States states = states_;
     closeOver(states);
+    std::erase_if(states, [&](const MotionState& state) { return !hasReloaded(state); });
     std::set<bool> result;
     for (MotionState state : states) {
-        if (state.reloadsTour || state.reloadsScan || state.plan + 1 != world_.plans.size())
-            continue;
+        state.moved = state.scanned = false;
         // At each of these moments a step may begin, or at none.
-        for (const int64_t after : {0, 60, 120}) {
-            MotionState later = state;
-            later.moved = later.scanned = false;
+        for (const int64_t moment : {ns, ns + 60 * SECOND_NS, ns + 120 * SECOND_NS}) {
             States begun;
-            addTourBegins(begun, later, ns + after * SECOND_NS);
+            addTourBegins(begun, state, moment);
             result.insert(!begun.empty());
-            const std::set<int> targets = world_.targets(state.plan, ns + after * SECOND_NS);
-            const std::set<bool> spans = world_.inSpan(state.scan, ns + after * SECOND_NS);
-            if (!begun.empty() && (targets.size() > 1 || spans.size() > 1))
+            if (world_.targets(state.plan, moment).size() > 1 || world_.inSpan(state.scan, moment).size() > 1)
                 result.insert(false);
         }
     }

@@ -7,6 +7,7 @@
 #include <compare>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <set>
 #include <string>
 
@@ -18,7 +19,7 @@ inline constexpr int64_t WHENEVER = INT64_MAX;
 
 /// One state that the daemon's motion bookkeeping may be in. Times in lab time.
 struct MotionState {
-    bool active = false;
+    bool active = false; // a motion is announced, and its end is not
     int origin = 0;
     int begins = 0;      // threads of step moves that have not begun their motion yet
     int calibration = 0; // 0: none, 1: not announced yet, 2: announced
@@ -42,6 +43,18 @@ struct MotionState {
     bool reloadsScan = false;
 
     auto operator<=>(const MotionState&) const = default;
+
+    bool rests() const
+    {
+        return !active && begins == 0 && calibration == 0;
+    }
+    // The steps that every motion goes through, whoever takes them: each begin() has one end().
+    void begin(Origin by);
+    void end(int64_t ns);
+    void countAsUsers();
+    void startQuiet(int64_t ns);
+    void endTracking(int64_t ns);
+    void reload(const TourWorld& world, bool tour);
 };
 
 /// All states that fit what was seen so far. Polls and threads act at moments that nobody sees, so there may be several
@@ -49,6 +62,7 @@ struct MotionState {
 class MotionJudge {
 public:
     using Fits = std::function<bool(const MotionState&)>;
+    using Edit = std::function<void(MotionState&)>;
 
     MotionJudge(const Evidence& evidence, const TourWorld& world) : evidence_(evidence), world_(world)
     {
@@ -60,16 +74,10 @@ public:
     void stop(int64_t calledNs, int64_t fromNs);
     /// What polls and threads did before that moment.
     void follow(int64_t untilNs);
-    /// A thread that begins a motion has been started; or may have been.
-    void addBegin(bool certainly);
-    /// A thread whose step is cancelled may leave out its begin.
-    void forgetBegin();
-    void addCalibration();
-    void endTracking(int64_t ns);
-    /// The presets were read again: a preset tour sends the head once more.
-    void clearPreset();
-    /// The touring thread is to load something, in its time, or has done so.
-    void requestReload(bool tour);
+    /// Something that nobody sees happens; or may have happened.
+    void change(const Edit& edit);
+    void mayChange(const Edit& edit);
+    /// What the touring thread is to load it may have loaded; or has by now.
     void mayReload();
     void keepReloaded();
     /// The touring thread drives pan, in a step that it has begun; `fitting` are the requests of its kind of tour.
@@ -78,14 +86,14 @@ public:
     void tourFails(int64_t ns);
     /// Keeps the states that fit; there must be some.
     void keep(const Fits& fitting, const std::string& why);
-    /// Whether the event loop may have found an origin that fits between its last request and its next one.
-    void keepOrigin(const std::function<bool(int)>& fitting, const std::string& why);
+    /// The event loop has found one of these origins, or none of them, between its last request and its next one.
+    void keepOrigin(bool oneOf, std::initializer_list<int> origins, const std::string& why);
+    bool mayBe(int origin) const;
     /// True when nothing is under way in one of the states and nothing is left to explain.
     bool rests() const;
+    void keepResting();
     /// How often a motion has come to its end.
     int64_t ends() const;
-    void keepResting();
-    bool mayBe(int origin) const;
     /// Whether the tour is to move the head sooner or later if nobody else does: true, false or both.
     std::set<bool> tourMoves(int64_t ns) const;
     std::string describe() const;
@@ -97,12 +105,12 @@ private:
     using Own = std::function<bool(MotionState&, const Notification*)>;
 
     void closeOver(States& states) const;
+    bool hasReloaded(const MotionState& state) const;
     States afterHidden(States states, const Notification& seen) const;
     void addTourBegins(States& states, MotionState state, int64_t ns) const;
     void window(const Own& own, bool restAllowed, const std::string& name, int64_t fromNs, int64_t toNs);
     void checkPremature(const Notification& seen) const;
     void demand(const States& states, const std::string& why) const;
-    void change(const std::function<void(MotionState&)>& edit);
 
     const Evidence& evidence_;
     const TourWorld& world_;

@@ -12,21 +12,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int64_t SAVE_PERIOD_NS = 10'000'000'000;
 /// A save that is due sooner than this is waited for before the next command.
-constexpr int64_t SAVE_MARGIN_NS = 5'000'000'000;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double CLOCK_SPEED = 40;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr double CLOCK_SPEED = 40;
-#else
-constexpr double CLOCK_SPEED = 100;
-#endif
-#else
-constexpr double CLOCK_SPEED = 100;
-#endif
+constexpr int64_t SAVE_MARGIN_NS = SAVE_PERIOD_NS / 2;
 
 /// "section.option" of a settings file; lists and comments are none of ours.
 std::map<std::string, std::string> optionsOf(const std::string& path)
@@ -35,13 +22,12 @@ std::map<std::string, std::string> optionsOf(const std::string& path)
     std::ifstream file(path);
     std::string section;
     for (std::string line; std::getline(file, line);) {
+        std::erase(line, '\'');
         std::istringstream words(line);
         std::string kind;
         std::string name;
         std::string value;
         words >> kind >> name >> value;
-        std::erase(value, '\'');
-        std::erase(name, '\'');
         if (kind == "config")
             section = value;
         else if (kind == "option")
@@ -50,19 +36,14 @@ std::map<std::string, std::string> optionsOf(const std::string& path)
     return result;
 }
 
-std::string optionLine(const std::string& name, const std::optional<std::string>& value)
+std::string optionLine(const std::string& name, const std::string& value)
 {
-    return value ? "\toption " + name + " '" + *value + "'\n" : "";
-}
-
-std::optional<std::string> settingOf(const Step& step)
-{
-    return step.text == "-" ? std::nullopt : std::optional(step.text);
+    return value == "-" ? "" : "\toption " + name + " '" + value + "'\n";
 }
 
 std::optional<int32_t> numberOf(const Step& step)
 {
-    return step.text == "-" ? std::nullopt : std::optional(static_cast<int32_t>(std::stol(step.text)));
+    return step.text == "-" ? std::nullopt : std::optional(static_cast<int32_t>(number(step.text)));
 }
 
 LabRequest requestNamed(const std::string& name)
@@ -79,19 +60,17 @@ LabOptions headOptions(int head)
 {
     constexpr LabAxisSetting PANS[HEADS] = {{300, 8, 3000}, {301, 7, 2999}, {300, 5, 100}};
     constexpr LabAxisSetting TILTS[HEADS] = {{122, 8, 1220}, {123, 6, 1001}, {124, 3, 90}};
-    constexpr int32_t FACTORS[HEADS] = {500, 500, 20};
     LabOptions options;
     options.pan = PANS[head];
     options.tilt = TILTS[head];
-    options.factor = FACTORS[head];
-    options.clockSpeed = CLOCK_SPEED;
+    options.factor = head == 2 ? 20 : 500;
+    options.clockSpeed = MODEL_CLOCK_SPEED;
     options.slowdown = head == 0 ? 0 : 3;
     options.environment = {"TZ=UTC0"};
     return options;
 }
 
-Player::Player(Lab& lab, const LabOptions& options)
-    : lab_(lab), options_(options), model_(evidence_, options.pan, options.tilt)
+Player::Player(Lab& lab, const LabOptions& options) : lab_(lab), model_(evidence_, options.pan, options.tilt)
 {
 }
 
@@ -99,28 +78,7 @@ Verdict Player::play(const Sequence& sequence)
 {
     std::string at = "the start";
     try {
-        endDaemon(); // it might still save into the fresh settings
-        lab_.setSpeed(CLOCK_SPEED);
-        model_.storedPresets = {};
-        model_.world.plans = {Plan{}};
-        model_.world.settings = {TourSettings{}};
-        std::ofstream(lab_.folder() + "/etc/config/ptz_plan").flush();
-        for (const Step& step : sequence.setup)
-            change(step);
-        std::ofstream(lab_.folder() + "/etc/config/ptzd")
-            << "config ptzd 'config'\n"
-            << optionLine("power_off_recover", std::to_string(model_.settings.recover));
-        for (ModelAxis& axis : model_.axes) {
-            const auto text = model_.storedOptions();
-            std::ofstream(lab_.folder() + "/etc/config/ptzd", std::ios::app)
-                << "\nconfig motor '" << axis.section << "'\n"
-                << optionLine("steps", text.at(axis.section + ".steps"))
-                << optionLine("speed", text.at(axis.section + ".speed"));
-        }
-        std::ofstream(lab_.folder() + "/etc/config/ptzd", std::ios::app) << "\nconfig preset_config 'preset_config'\n";
-        lab_.heal(LAB_PAN);
-        lab_.heal(LAB_TILT);
-        restart(true);
+        begin(sequence);
         for (const Step& step : sequence.steps) {
             at = step.print();
             run(step);
@@ -136,60 +94,82 @@ Verdict Player::play(const Sequence& sequence)
     return {};
 }
 
+/// A daemon on settings of the sequence's own.
+void Player::begin(const Sequence& sequence)
+{
+    endDaemon(); // it might still save into the fresh settings
+    lab_.setSpeed(MODEL_CLOCK_SPEED);
+    model_.storedPresets = {};
+    model_.world.plans = {Plan{}};
+    model_.world.settings = {TourSettings{}};
+    write("ptz_plan", "");
+    for (const Step& step : sequence.setup)
+        change(step);
+    const auto stored = model_.storedOptions();
+    std::string text =
+        "config ptzd 'config'\n" + optionLine("power_off_recover", stored.at("config.power_off_recover"));
+    for (const ModelAxis& axis : model_.axes)
+        text += "config motor '" + axis.section + "'\n" + optionLine("steps", stored.at(axis.section + ".steps")) +
+                optionLine("speed", stored.at(axis.section + ".speed"));
+    write("ptzd", text + "config preset_config 'preset_config'\n");
+    lab_.heal(LAB_PAN);
+    lab_.heal(LAB_TILT);
+    restart(true);
+}
+
+/// In one go: a thread of the daemon may be reading the package.
+void Player::write(const std::string& package, const std::string& text)
+{
+    const std::string folder = lab_.folder() + "/etc/config/";
+    std::ofstream(folder + "." + package) << text;
+    fs::rename(folder + "." + package, folder + package);
+}
+
 /// Changes a setting as another program of the camera would.
 void Player::change(const Step& step)
 {
-    HeadModel::Settings& settings = model_.settings;
-    if (step.verb == "@wall") {
-        model_.world.setWall(step.text, lab_.labTimeNs());
-        lab_.setWall(step.text);
-    } else if (step.verb == "@tour") {
-        model_.motions.mayReload();
-        TourSettings tour;
-        std::istringstream(step.text) >> tour.enabled >> tour.type >> tour.from >> tour.to >> tour.start >> tour.end;
-        model_.world.settings.push_back(tour);
-    } else if (step.verb == "@flip")
-        settings.flip = settingOf(step);
-    else if (step.verb == "@mask")
-        settings.mask = settingOf(step);
-    else if (step.verb == "@track")
-        settings.track = settingOf(step);
-    else if (step.verb == "@recover")
-        settings.recover = numberOf(step).value_or(1);
+    struct Switch {
+        const char* package;
+        const char* head;
+        const char* option;
+    };
+    static const std::map<std::string, Switch> SWITCHES = {
+        {"@flip", {"image", "config switch 'switch'\n", "flip_type"}},
+        {"@mask", {"lens_mask", "config lens_mask 'lens_mask_info'\n", "enabled"}},
+        {"@track", {"target_track", "config target_track 'target_track_info'\n", "enabled"}},
+    };
+    if (const auto at = SWITCHES.find(step.verb); at != SWITCHES.end())
+        write(at->second.package, at->second.head + optionLine(at->second.option, step.text));
+    model_.settings[step.verb] = step.text;
     for (ModelAxis& axis : model_.axes) {
         if (step.verb == "@steps")
             axis.stored = numberOf(step);
         else if (step.verb == "@speed")
             axis.speedOption = axis.speedInFile = numberOf(step);
     }
-    writeSettings();
-}
-
-void Player::writeSettings()
-{
-    const std::string folder = lab_.folder() + "/etc/config/";
-    const HeadModel::Settings& settings = model_.settings;
-    std::ofstream(folder + "image") << "config switch 'switch'\n" << optionLine("flip_type", settings.flip);
-    std::ofstream(folder + "lens_mask") << "config lens_mask 'lens_mask_info'\n"
-                                        << optionLine("enabled", settings.mask);
-    std::ofstream(folder + "target_track") << "config target_track 'target_track_info'\n"
-                                           << optionLine("enabled", settings.track);
-    // In one go: the daemon's thread may be reading it.
-    const TourSettings& tour = model_.world.settings.back();
+    if (step.verb == "@wall") {
+        model_.world.setWall(step.text, lab_.labTimeNs());
+        lab_.setWall(step.text);
+    }
+    if (step.verb == "@tour")
+        model_.motions.mayReload();
+    TourSettings tour = model_.world.settings.back();
+    if (step.verb == "@tour") {
+        std::istringstream(step.text) >> tour.enabled >> tour.type >> tour.from >> tour.to >> tour.start >> tour.end;
+        model_.world.settings.push_back(tour);
+    }
     const auto line = [](const char* name, int value) { return optionLine(name, std::to_string(value)); };
-    std::ofstream(folder + ".tour") << "config tour 'tour_info'\n"
-                                    << optionLine("enabled", tour.enabled) << line("tour_type", tour.type)
-                                    << "config scan_tour 'scan_tour'\n"
-                                    << line("x_coord_start", tour.from) << line("x_coord_end", tour.to)
-                                    << line("start_time", tour.start) << line("end_time", tour.end);
-    fs::rename(folder + ".tour", folder + "tour");
+    write("tour", "config tour 'tour_info'\n" + optionLine("enabled", tour.enabled) + line("tour_type", tour.type) +
+                      "config scan_tour 'scan_tour'\n" + line("x_coord_start", tour.from) +
+                      line("x_coord_end", tour.to) + line("start_time", tour.start) + line("end_time", tour.end));
 }
 
 void Player::run(const Step& step)
 {
     const bool mayTour = step.verb.starts_with("reload_") || step.verb.starts_with("@tour") || step.verb == "@wall" ||
                          step.verb == "set_plan_config";
-    if (model_.saveDue() && (mayTour || lab_.labTimeNs() > model_.save->earliestNs + SAVE_MARGIN_NS)) {
+    const auto armedNs = model_.saveArmedNs();
+    if (armedNs && (mayTour || lab_.labTimeNs() > *armedNs + SAVE_MARGIN_NS)) {
         settle();
         awaitSave();
     }
@@ -198,8 +178,12 @@ void Player::run(const Step& step)
     } else if (step.verb == "@saved" || step.verb == "@idle") {
         settle();
         awaitSave();
-        if (step.verb == "@idle")
-            watchIdle();
+        if (step.verb == "@saved")
+            return;
+        // For longer than the period of any save nobody may look at the axes.
+        const int64_t end = lab_.labTimeNs() + SAVE_PERIOD_NS * 11 / 10;
+        require(waitUntil([&] { return lab_.labTimeNs() >= end; }, timeout), "the lab's clock does not run");
+        settle();
     } else if (step.verb == "@tours") {
         for (int i = std::stoi(step.text); i > 0 && awaitTour(); --i)
             settle();
@@ -220,23 +204,19 @@ void Player::callMethod(const Step& step)
 {
     // What the rules leave open: rotations beside motions that nobody keeps apart, and presets that are saved while a
     // calibration corrects the speeds.
-    const bool disturbs = step.verb == "test" ||
-                          ((step.verb == "movePanorama" || step.verb == "stopPanorama") && model_.calibrating) ||
-                          (step.verb.ends_with("Preset") && model_.calibrating && model_.speedsDiffer());
-    if (disturbs)
+    if (step.verb == "test" || ((step.verb == "movePanorama" || step.verb == "stopPanorama") && model_.calibrating) ||
+        (step.verb.ends_with("Preset") && model_.calibrating && model_.speedsDiffer()))
         settle();
-    const std::optional<PendingSave> before = model_.saveDue() ? model_.save : std::nullopt;
+    const auto armedNs = model_.saveArmedNs();
     const int64_t calledNs = lab_.labTimeNs();
-    const std::string reply = lab_.call(step.verb, step.json());
+    const std::string reply = lab_.call(step.verb, step.text);
     const int64_t repliedNs = lab_.labTimeNs();
-    if (before && repliedNs >= before->earliestNs + SAVE_PERIOD_NS)
+    if (armedNs && repliedNs >= *armedNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     evidence_.load(lab_);
     const std::string expected = model_.expect(step, reply, calledNs, repliedNs);
     require(reply == expected, "answered " + reply + " instead of " + expected);
-    const size_t more = evidence_.nextOfLoop();
-    require(more == evidence_.entries.size(),
-            "a request too many: " + (more < evidence_.entries.size() ? textOf(evidence_.entries[more]) : ""));
+    evidence_.requireLoopDone("a request too many");
     compareFile();
     if (step.verb == "test")
         settle();
@@ -256,7 +236,12 @@ void Player::restart(bool powerLoss)
     fs::remove_all(lab_.folder() + "/tmp/.uci", ignored);
     if (powerLoss)
         lab_.powerLoss();
-    takeAxes();
+    for (const LabAxisId axis : AXES) {
+        const LabAxisNow now = lab_.axisNow(axis);
+        model_.axes[axis].count = now.count;
+        model_.axes[axis].shaft = now.shaft;
+        model_.axes[axis].moving = now.running != 0;
+    }
     lab_.forget();
     evidence_ = Evidence{};
     require(lab_.startPtzd(), "the daemon does not start: " + lab_.error());
@@ -268,17 +253,6 @@ void Player::restart(bool powerLoss)
     for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.ptzdPid()) + "/task"))
         evidence_.lasting.insert(static_cast<pid_t>(std::stol(task.path().filename())));
     evidence_.lasting.erase(lab_.ptzdPid());
-}
-
-void Player::takeAxes()
-{
-    for (const LabAxisId id : {LAB_PAN, LAB_TILT}) {
-        const LabAxisNow now = lab_.axisNow(id);
-        ModelAxis& axis = model_.axes[id];
-        axis.count = now.count;
-        axis.shaft = now.shaft;
-        axis.moving = now.running != 0;
-    }
 }
 
 int Player::threads() const
@@ -312,19 +286,19 @@ bool Player::settled()
         return false; // a save whose reads are in the evidence may be in the middle of its commit
     model_.judgeThreads();
     model_.motions.follow(WHENEVER);
-    return model_.hasSettled() && evidence_.wrongEvents(true).empty();
+    return model_.hasSettled() && evidence_.wrongEvents().empty();
 }
 
 void Player::settle()
 {
     // Twice: a thread may still have been about to read the axes when the idle notification was seen.
-    if (!waitUntil([this] { return settled() && settled(); }, patience)) {
+    if (!waitUntil([this] { return settled() && settled(); }, timeout)) {
         require(lab_.ptzdPid() != 0, "the daemon has ended:\n" + lab_.ptzdLog());
-        const std::string events = evidence_.wrongEvents(true);
-        throw Mismatch{"the head does not come to rest, " + model_.describe() + (events.empty() ? "" : ", " + events) +
-                       ", " + std::to_string(threads()) + " threads of " + std::to_string(resident_)};
+        throw Mismatch{"the head does not come to rest, " + model_.describe() + ", " + evidence_.wrongEvents() + ", " +
+                       std::to_string(threads()) + " threads of " + std::to_string(resident_)};
     }
-    if (!model_.atRest && model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
+    const auto armedNs = model_.saveArmedNs();
+    if (!model_.atRest && armedNs && saveIsLate(*armedNs))
         throw Inconclusive{};
     const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
     const size_t seen = evidence_.entries.size();
@@ -332,7 +306,7 @@ void Player::settle()
     if (evidence_.entries.size() != seen)
         return settle(); // a tour goes on
     model_.settle();
-    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+    for (const LabAxisId axis : AXES) {
         const ModelAxis& expected = model_.axes[axis];
         require(now[axis].count == expected.count && now[axis].shaft == expected.shaft,
                 expected.section + " rests at " + std::to_string(now[axis].count) + " instead of " +
@@ -357,14 +331,13 @@ bool Player::awaitTour()
     };
     const auto before = steps();
     const int64_t end = lab_.labTimeNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
-    lab_.setSpeed(4 * CLOCK_SPEED);
-    const bool done = waitUntil(
-        [&] {
-            evidence_.load(lab_);
-            return steps() > before || lab_.labTimeNs() > end;
-        },
-        patience);
-    lab_.setSpeed(CLOCK_SPEED);
+    const auto doneOrOver = [&] {
+        evidence_.load(lab_);
+        return steps() > before || lab_.labTimeNs() > end;
+    };
+    lab_.setSpeed(4 * MODEL_CLOCK_SPEED);
+    const bool done = waitUntil(doneOrOver, timeout);
+    lab_.setSpeed(MODEL_CLOCK_SPEED);
     require(done, "the tour does not move the head, " + model_.describe());
     return steps() > before;
 }
@@ -376,29 +349,27 @@ void Player::awaitSave()
             settle(); // after a tour's step
         evidence_.load(lab_);
         model_.judgeThreads();
-        return !model_.saveDue();
+        return !model_.saveArmedNs();
     };
-    require(waitUntil(saved, patience), "the position is not saved");
+    require(waitUntil(saved, timeout), "the position is not saved");
     settle(); // once the save's thread has ended
 }
 
-/// For longer than the period of any save nobody may look at the axes.
-void Player::watchIdle()
+/// A save that was armed then may have come unseen.
+bool Player::saveIsLate(int64_t armedNs) const
 {
-    const int64_t end = lab_.labTimeNs() + SAVE_PERIOD_NS * 11 / 10;
-    require(waitUntil([&] { return lab_.labTimeNs() >= end; }, patience), "the lab's clock does not run");
-    settle();
+    return lab_.labTimeNs() >= armedNs + SAVE_PERIOD_NS;
 }
 
 void Player::compareFile()
 {
-    const auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
-    if (model_.saveDue() && lab_.labTimeNs() >= model_.save->earliestNs + SAVE_PERIOD_NS)
-        return; // a save may have come meanwhile
+    auto seen = optionsOf(lab_.folder() + "/etc/config/ptzd");
+    const auto armedNs = model_.saveArmedNs();
+    if (armedNs && saveIsLate(*armedNs))
+        return;
     for (const auto& [name, value] : model_.storedOptions()) {
-        const auto at = seen.find(name);
-        const std::string found = at == seen.end() ? "nothing" : at->second;
-        require(found == value.value_or("nothing") || model_.mayHold(name, found),
-                name + " is " + found + " in the file instead of " + value.value_or("nothing"));
+        const std::string found = seen.contains(name) ? seen[name] : "-";
+        require(found == value || model_.mayHold(name, found),
+                name + " is " + found + " in the file instead of " + value);
     }
 }

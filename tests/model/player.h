@@ -8,7 +8,6 @@
 #include "lab/lab.h"
 
 #include <chrono>
-#include <optional>
 #include <string>
 
 /// The heads that sequences are played on: their travels do not divide evenly, or have fewer steps than coordinates.
@@ -28,27 +27,26 @@ public:
     /// Starts a daemon anew and plays the sequence.
     Verdict play(const Sequence& sequence);
     /// How long something that must happen may take.
-    std::chrono::milliseconds patience{15000};
+    std::chrono::milliseconds timeout{15000};
 
 private:
+    void begin(const Sequence& sequence);
     void change(const Step& step);
     void run(const Step& step);
     void callMethod(const Step& step);
     void endDaemon();
     void restart(bool powerLoss);
-    void takeAxes();
-    void writeSettings();
+    void write(const std::string& package, const std::string& text);
     void settle();
     bool settled();
+    bool saveIsLate(int64_t armedNs) const;
     void awaitSave();
     bool awaitTour();
-    void watchIdle();
     void compareFile();
     int threads() const;
     void learnThreads();
 
     Lab& lab_;
-    LabOptions options_;
     Evidence evidence_;
     HeadModel model_;
     int resident_ = 0; // threads of a daemon at rest

@@ -1,33 +1,34 @@
 #pragma once
 // What a sequence is made of: random steps, their text, and smaller sequences to try after a failure.
 
+#include <json-c/json.h>
+
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
-/// As what an argument is given: a number in the place of a text counts as missing.
-enum class Form { TEXT, NUMBER, ARRAY, PLAN };
-
-struct Argument {
-    std::string name;
-    std::string text; // JSON, but for a PLAN: ranges in the form of planRanges()
-    Form form = Form::TEXT;
+struct ReleaseJson {
+    void operator()(json_object* value) const
+    {
+        json_object_put(value);
+    }
 };
+using Json = std::unique_ptr<json_object, ReleaseJson>;
 
 /// A method of the daemon, or with a verb that begins with "@" something that happens around it.
 struct Step {
     std::string verb;
-    std::vector<Argument> arguments; // of a method
-    std::string text;                // of the others
+    std::string text; // a method's arguments in JSON; what the others need
 
-    std::string json() const;
+    explicit Step(const std::string& line);
     std::string print() const;
-    /// The argument's text; nothing when the daemon does not get it.
+    /// The argument's text; nothing when the daemon does not get it, which takes texts only.
     std::optional<std::string> argument(const std::string& name) const;
-    std::optional<std::string> array(const std::string& name) const;
+    /// The argument's array; null when it has none.
+    Json array(const std::string& name) const;
 };
 
 /// A head to begin with, and what is done to it.
@@ -35,9 +36,9 @@ struct Sequence {
     uint32_t seed = 0;
     std::vector<Step> setup; // settings before the daemon starts
     std::vector<Step> steps;
-};
 
-std::string print(const Sequence& sequence);
+    std::string print() const;
+};
 
 /// The sequence of a seed, always the same.
 Sequence randomSequence(uint32_t seed);

@@ -1,10 +1,8 @@
 #include "tours.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
-#include <sstream>
-
-const char* const DAY_NAMES[DAYS] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
 
 namespace {
 
@@ -14,24 +12,21 @@ constexpr int64_t DAY_MINUTES = 1440;
 
 PresetSlot* presetWithId(Presets& presets, int64_t id)
 {
-    const auto at =
-        std::find_if(presets.begin(), presets.end(), [id](const PresetSlot& slot) { return slot.id == id; });
-    return at == presets.end() || id == 0 ? nullptr : &*at;
+    auto* const at = std::find_if(presets.begin(), presets.end(), [id](const auto& slot) { return slot.id == id; });
+    return at == presets.end() || id == 0 ? nullptr : at;
 }
 
-std::vector<PlanRange> planRanges(const std::string& text)
+std::vector<PlanRange> planRanges(json_object* day)
 {
     std::vector<PlanRange> result;
-    std::istringstream ranges(text);
-    for (std::string range; std::getline(ranges, range, ',');) {
-        char* end = nullptr;
-        PlanRange entry;
-        entry.start = static_cast<int>(strtol(range.c_str(), &end, 10));
-        entry.end = static_cast<int>(strtol(end + 1, &end, 10));
-        const std::string action = end + 1;
-        entry.action = action == "-" || action == "?" ? action[0] : 'p';
-        entry.id = static_cast<int>(strtol(action.c_str(), nullptr, 10));
-        result.push_back(entry);
+    for (size_t i = 0; i < json_object_array_length(day); ++i) {
+        json_object_object_foreach(json_object_array_get_idx(day, i), name, range)
+        {
+            (void)name;
+            const auto member = [range](const char* key) { return json_object_object_get(range, key); };
+            result.push_back({json_object_get_int(member("start_time")), json_object_get_int(member("end_time")),
+                              json_object_get_string(member("action_type")), json_object_get_int(member("action_id"))});
+        }
     }
     return result;
 }
@@ -49,9 +44,13 @@ bool fits(const std::vector<PlanRange>& day)
 
 void TourWorld::setWall(const std::string& text, int64_t labNs)
 {
-    const auto number = [&](size_t at) { return strtol(text.c_str() + at, nullptr, 10); };
-    const int64_t day = (number(8) - 4) % DAYS; // the 4th of May 2031 is a Sunday
-    walls_.push_back({labNs, ((day * 24 + number(11)) * 60 + number(14)) * 60 + number(17)});
+    int day = 0;
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+    (void)sscanf(text.c_str(), "2031-05-%d %d:%d:%d", &day, &hour, &minute, &second);
+    // The 4th of May 2031 is a Sunday.
+    walls_.push_back({labNs, ((int64_t{day - 4} * 24 + hour) * 60 + minute) * 60 + second});
 }
 
 std::set<int64_t> TourWorld::minutes(int64_t labNs) const
@@ -59,7 +58,7 @@ std::set<int64_t> TourWorld::minutes(int64_t labNs) const
     std::set<int64_t> result;
     for (const int64_t ns : {labNs - LATENESS_NS, labNs}) {
         const auto after = [ns](const Wall& wall) { return wall.fromNs > ns; };
-        auto at = std::find_if(walls_.begin() + 1, walls_.end(), after) - 1;
+        const auto at = std::find_if(walls_.begin() + 1, walls_.end(), after) - 1;
         result.insert((at->second + (ns - at->fromNs) / SECOND_NS) / 60 % (DAYS * DAY_MINUTES));
     }
     return result;
@@ -78,7 +77,7 @@ std::set<int> TourWorld::targets(size_t plan, int64_t labNs) const
             const auto at = std::find_if(day->second.begin(), day->second.end(), [&](const PlanRange& range) {
                 return range.valid && range.start <= minute % DAY_MINUTES && minute % DAY_MINUTES < range.end;
             });
-            id = at == day->second.end() || at->action != 'p' ? 0 : at->id;
+            id = at == day->second.end() || at->action != "preset" ? 0 : at->id;
         }
         for (Presets& table : tables)
             result.insert(presetWithId(table, id) ? id : 0);

@@ -1,6 +1,8 @@
 #pragma once
 // The rules of presets, weekly plan and tours: what is stored, and what it asks of the head at a time.
 
+#include <json-c/json.h>
+
 #include <array>
 #include <cstdint>
 #include <map>
@@ -12,31 +14,28 @@ inline constexpr int64_t SECOND_NS = 1'000'000'000;
 /// Of lab time; what is seen later than this after its cause has another.
 inline constexpr int64_t LATENESS_NS = 12 * SECOND_NS;
 inline constexpr int DAYS = 7; // from Sunday
-extern const char* const DAY_NAMES[DAYS];
 
 struct PresetSlot {
     int id = 0; // 0: free
     std::string name;
-    float pan = 0; // -1 to 1 over the travel
-    float tilt = 0;
+    float position[2]{}; // of pan and tilt, -1 to 1 over the travel
 };
 using Presets = std::array<PresetSlot, 8>;
 
 PresetSlot* presetWithId(Presets& presets, int64_t id);
 
-/// One range of a weekday, "480-720=3" as text: minutes after midnight and a preset. "480-720=-" disables the tour, and
-/// "480-720=?" is an action that nobody knows.
+/// One range of a weekday, in minutes after midnight.
 struct PlanRange {
-    int start = 0;
-    int end = 0;
-    char action = 'p'; // or '-' or '?'
-    int id = 0;
+    int start;
+    int end;
+    std::string action;
+    int id; // of a preset
     bool valid = true;
 };
 using Plan = std::map<int, std::vector<PlanRange>>; // by weekday
 
-/// Ranges separated by commas.
-std::vector<PlanRange> planRanges(const std::string& text);
+/// The ranges in a weekday's array.
+std::vector<PlanRange> planRanges(json_object* day);
 bool fits(const std::vector<PlanRange>& day);
 
 /// What the package of the tours holds.
