@@ -2,8 +2,8 @@
 #pragma once
 
 #include "config/uci_library.h"
+#include "config/uci_state.h"
 #include "config/uci_store.h"
-#include "core/context.h"
 
 inline constexpr size_t UCI_KEY_SIZE = 1024;
 

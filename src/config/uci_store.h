@@ -1,4 +1,4 @@
-// The door to the configuration store: the seven packages of the daemon.
+// The adapter of the configuration store: the seven packages of the daemon.
 //
 // Every call takes ConfigStoreLock for its own length; a sequence that belongs together holds a UciTransaction. Any
 // thread, but neither motion lock may be taken inside a transaction. Unless stated otherwise a call returns 0, or

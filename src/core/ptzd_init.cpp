@@ -1,7 +1,6 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
-#include "core/context.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
@@ -15,6 +14,7 @@
 #include "preset/preset_store.h"
 #include "tour/touring.h"
 #include "ubus/ubus_service.h"
+#include "ubus/ubus_state.h"
 
 #include <stdlib.h>
 
@@ -68,15 +68,21 @@ public:
     Teardown& operator=(const Teardown&) = delete;
 };
 
-/// What a failed step of the start-up means: nothing, when the daemon was asked to end meanwhile.
-int32_t startFailed()
+/// @return false when a motor cannot be had, logged under the caller's name, or the daemon is asked to end meanwhile.
+bool openMotors(LogSite caller = logSite())
 {
-    return shutdownRequested() ? 0 : -1;
+    for (const AxisIndex axis : {PAN, TILT}) {
+        if (motorInit(axis) >= 0)
+            continue;
+        if (!shutdownRequested())
+            logWrite(LOG_LEVEL_ERROR, caller, "can't init %s-motor device file\n", axis == PAN ? "x" : "y");
+        return false;
+    }
+    return true;
 }
 
 } // namespace
 
-// All that start-up reports is reported under this function's name, so its steps stand in one place.
 int32_t PtzdInit()
 {
     uloop_init(); // before any other thread: a worker's connection would create the loop otherwise
@@ -99,24 +105,14 @@ int32_t PtzdInit()
         LOG_ERROR("failed in nomem\n");
         return -1;
     }
-    if (motorInit(PAN) < 0) {
-        if (!shutdownRequested())
-            LOG_ERROR("can't init x-motor device file\n");
-        return startFailed();
-    }
-    if (motorInit(TILT) < 0) {
-        if (!shutdownRequested())
-            LOG_ERROR("can't init y-motor device file\n");
-        return startFailed();
-    }
+    if (!openMotors())
+        return shutdownRequested() ? 0 : -1;
     if (lensMaskEnabled() != 0) {
         calibrationSetTarget(TILT, lensMaskTiltSteps());
         (void)savesInhibit(); // the stored position is the one from before
     }
-    if (calibrationStart() != 0) {
-        LOG_ERROR("motor calibrate failed\n");
+    if (calibrationStart() != 0)
         return -1;
-    }
     (void)cfg_uci_commit(UCI_PTZD); // reported there
     (void)loadTargetTrackConfig();  // always 0
     if (ubusInit() == -1) {

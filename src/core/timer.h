@@ -14,6 +14,14 @@ struct DaemonTimer {
     void* argument;
 };
 
+/// The daemon's timers, set up by main. A timer may be armed and disarmed by any thread.
+struct Timers {
+    DaemonTimer saveStepsTimer;
+    DaemonTimer statusPollTimer;
+    DaemonTimer usrMoveStopTimer;
+    DaemonTimer scanMoveStopTimer;
+};
+
 /// A timer that is not created yet.
 [[nodiscard]] DaemonTimer timerRecord(void (*callback)(void*), void* argument);
 

@@ -1,7 +1,7 @@
 // The image's flip, which turns the senses of the axes.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

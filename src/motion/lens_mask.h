@@ -1,7 +1,7 @@
 // The lens mask: a tilt position beyond the normal limits that keeps the lens out of sight.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

@@ -10,7 +10,7 @@
 
 ResultCode moveHead(int32_t dx, int32_t dy)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = takeOverForDisplacement({flipped(PAN, dx), flipped(TILT, dy)}, steps);
@@ -27,7 +27,7 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
     int32_t target[AXIS_COUNT];
     if (!targetSteps(xCoord, yCoord, target))
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -41,7 +41,7 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
 
 ResultCode stopHead()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = motionHalt();
     motionSettle(MotionSettle::Stop);
@@ -49,30 +49,20 @@ ResultCode stopHead()
     return result;
 }
 
-int ubusMoveMotor(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotor(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHead(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHead);
 }
 
-int ubusMoveMotorTo(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotorTo(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHeadTo(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHeadTo);
 }
 
-int ubusStopMotorRotate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStopMotorRotate(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, stopHead());
+    replyCode(call, stopHead());
 }

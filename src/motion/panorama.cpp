@@ -1,6 +1,5 @@
 #include "motion/panorama.h"
 
-#include "core/log.h"
 #include "motion/displacement.h"
 #include "motion/move.h"
 #include "motor/coordinates.h"
@@ -9,8 +8,6 @@
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
-#include <initializer_list>
-
 namespace {
 
 constexpr int32_t START_X = -150; // coordinate units, image-flip sign not yet applied
@@ -18,10 +15,8 @@ constexpr int32_t START_Y = -10;
 
 ResultCode goToStart()
 {
-    if (gContext.motion.calibrating.load() != 0)
-        return ERR_CALIBRATING;
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK); busy != RESULT_OK)
+        return busy;
     int32_t target[AXIS_COUNT];
     if (!targetSteps(START_X, START_Y, target))
         return ERR_PARAM;
@@ -58,35 +53,26 @@ ResultCode panoramaMove(int32_t dx, int32_t dy)
                          relativeCommand(steps[TILT], gContext.axes[TILT].max_speed));
 }
 
-int ubusStartPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStartPanorama(const Call& call)
 {
-    return replyCode(connection, request, panoramaStart());
+    replyCode(call, panoramaStart());
 }
 
-int ubusMovePanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                     blob_attr* message)
+void ubusMovePanorama(const Call& call)
 {
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, panoramaMove(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, panoramaMove);
 }
 
-int ubusStopPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStopPanorama(const Call& call)
 {
     MotorStatus pan{};
     MotorStatus tilt{};
     ResultCode result = motionTakeOver(pan, tilt);
     if (result == RESULT_OK) {
-        const StoredPosition target = storedPosition();
-        for (const AxisIndex axis : {PAN, TILT})
-            if (!target.axes[axis].read)
-                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+        const StoredPosition target = storedPositionLogged();
         result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target.axes[PAN].steps),
                                fullSpeedCommand(TILT, tilt, target.axes[TILT].steps));
     }
     gContext.panorama.panoramaRunning.store(0);
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

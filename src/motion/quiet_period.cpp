@@ -1,6 +1,6 @@
 #include "motion/quiet_period.h"
 
-#include "core/context.h"
+#include "core/timer.h"
 
 namespace {
 
@@ -27,5 +27,5 @@ void usrMoveStopTimeout(void*)
 
 void scanMoveStopTimeout(void*)
 {
-    endQuietPeriod(gContext.timers.scanMoveStopTimer, gContext.tour.scanStepDone, 1);
+    endQuietPeriod(gContext.timers.scanMoveStopTimer, gContext.motion.scanStepDone, 1);
 }

@@ -137,7 +137,7 @@ ResultCode stepHead(int32_t direction)
     const StepSector* sector = sectorOf(direction);
     if (!sector)
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -164,14 +164,8 @@ ResultCode stepHead(int32_t direction)
     return result;
 }
 
-int ubusMoveMotorStep(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                      blob_attr* message)
+void ubusMoveMotorStep(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t direction[1];
-    if (!decimalArgs(stepPolicy, direction, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, stepHead(direction[0]));
+    serveNumbers(call, stepPolicy, stepHead);
 }

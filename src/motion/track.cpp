@@ -10,12 +10,8 @@
 #include "ubus/method_reply.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace {
-
-enum TrackArg { TRACK_X, TRACK_Y, TRACK_X_SPEED, TRACK_Y_SPEED, TRACK_ARG_COUNT };
-static_assert(std::size(trackPolicy) == TRACK_ARG_COUNT);
 
 int32_t allowedSpeed(AxisIndex axis, int32_t speed)
 {
@@ -44,7 +40,7 @@ ResultCode leaveTracking()
 
 ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -71,32 +67,25 @@ int32_t loadTargetTrackConfig()
     return 0;
 }
 
-int ubusTargetTrack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusTargetTrack(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t args[TRACK_ARG_COUNT];
-    if (!decimalArgs(trackPolicy, args, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request,
-                     trackTarget(args[TRACK_X], args[TRACK_Y], args[TRACK_X_SPEED], args[TRACK_Y_SPEED]));
+    serveNumbers(call, trackPolicy, trackTarget);
 }
 
-int ubusTargetTrackBack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusTargetTrackBack(const Call& call)
 {
-    return replyCode(connection, request, moveToLastPostion());
+    replyCode(call, moveToLastPostion());
 }
 
-int ubusReloadTargetTrackConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                                blob_attr*)
+void ubusReloadTargetTrackConfig(const Call& call)
 {
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
     (void)loadTargetTrackConfig(); // always 0
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
-    if (!switchedOff || gContext.motion.calibrating.load() != 0 || lensMaskEnabled() != 0)
-        return replyErrCode(connection, request, RESULT_OK);
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return replyErrCode(connection, request, ERR_PANORAMA);
-    return replyErrCode(connection, request, leaveTracking());
+    if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
+        return replyErrCode(call, RESULT_OK);
+    if (const ResultCode busy = refusedBy(PANORAMA); busy != RESULT_OK)
+        return replyErrCode(call, busy);
+    replyErrCode(call, leaveTracking());
 }

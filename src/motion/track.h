@@ -3,16 +3,24 @@
 // Thread: event loop; the commands take MotionLock and MotionStateLock, one after the other, never both.
 #pragma once
 
+#include "core/context.h"
 #include "core/result_code.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
+
+#include <atomic>
 
 inline constexpr blobmsg_policy trackPolicy[] = {
     {"x_coord", BLOBMSG_TYPE_STRING},
     {"y_coord", BLOBMSG_TYPE_STRING},
     {"x_speed", BLOBMSG_TYPE_STRING},
     {"y_speed", BLOBMSG_TYPE_STRING},
+};
+
+/// Owner: motion/track.
+struct TrackState {
+    std::atomic<int32_t> targetTrackEnabled{0};
 };
 
 /// Starts both axes by a displacement, cut at the travel limits, each with a speed of its own. The first such motion

@@ -83,7 +83,7 @@ void* ptzdCali(void* argument)
 /// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
 ResultCode prepareManualCalibration()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     MotorStatus pan{};
     MotorStatus tilt{};
@@ -101,24 +101,23 @@ void calibrationSetTarget(AxisIndex axis, int32_t returnSteps)
     gContext.calibrationArg[axis] = {gContext.axes[axis].fd, returnSteps, gContext.axes[axis].total_steps};
 }
 
-int32_t calibrationStart()
+int32_t calibrationStart(LogSite caller)
 {
     // Set here, not by the thread: no request may slip in before that runs.
     gContext.motion.calibrating.store(1);
     if (workerStart(ptzdCali, gContext.calibrationArg) == 0)
         return 0;
     gContext.motion.calibrating.store(0);
+    logWrite(LOG_LEVEL_ERROR, caller, "motor calibrate failed\n");
     return -1;
 }
 
-int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusManualCalibrate(const Call& call)
 {
     ResultCode result = prepareManualCalibration();
-    if (result == RESULT_OK && calibrationStart() != 0) {
-        LOG_ERROR("motor calibrate failed\n");
+    if (result == RESULT_OK && calibrationStart() != 0)
         result = ERR_DEVICE;
-    }
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

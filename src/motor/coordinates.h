@@ -4,9 +4,16 @@
 // does not change after start-up: any thread, no lock. Arithmetic is done in 64 bits; divisions truncate toward zero.
 #pragma once
 
-#include "core/context.h"
+#include "motor/motor_device.h"
 
 #include <stdint.h>
+
+#include <atomic>
+
+/// Owner: image/flip_config.
+struct ImageState {
+    std::atomic<int32_t> imageFlipType{0}; // 0..3, row of FlipSignTable
+};
 
 struct CoordRange {
     int32_t low;

@@ -54,7 +54,7 @@ bool announceFromRest(int32_t origin) REQUIRES(gContext.motion.MotionStateLock)
 void countAsUserMotion() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.user_moved_recently.store(1);
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
 }
 
 void beginUser() REQUIRES(gContext.motion.MotionStateLock)
@@ -74,14 +74,14 @@ void beginTrack() REQUIRES(gContext.motion.MotionStateLock)
     if (!announceFromRest(ORIGIN_TRACK))
         return;
     gContext.motion.track_back_done.store(0);
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
 }
 
 void beginPreset() REQUIRES(gContext.motion.MotionStateLock)
 {
     gContext.motion.user_moved_recently.store(1);
     if (announceFromRest(ORIGIN_USER))
-        gContext.tour.tourCurrentPresetId.store(0);
+        gContext.motion.tourCurrentPresetId.store(0);
     else
         gContext.motion.motion_origin.store(ORIGIN_USER);
 }
@@ -114,7 +114,7 @@ void userQuietStart() REQUIRES(gContext.motion.MotionStateLock)
 
 void scanQuietStart() REQUIRES(gContext.motion.MotionStateLock)
 {
-    if (gContext.tour.scanStepDone.load() != 0)
+    if (gContext.motion.scanStepDone.load() != 0)
         return;
     gContext.motion.quietPeriods.fetch_add(1);
     timerStart(&gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS, SCAN_MOVE_STOP_NS);
@@ -142,13 +142,13 @@ void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
 
 } // namespace
 
-ResultCode motionBusy()
+ResultCode refusedBy(uint32_t reasons)
 {
-    if (gContext.motion.calibrating.load() != 0)
+    if ((reasons & CALIBRATING) != 0 && gContext.motion.calibrating.load() != 0)
         return ERR_CALIBRATING;
-    if (lensMaskEnabled() != 0)
+    if ((reasons & LENS_MASK) != 0 && lensMaskEnabled() != 0)
         return ERR_LENS_MASK;
-    if (gContext.panorama.panoramaRunning.load() != 0)
+    if ((reasons & PANORAMA) != 0 && gContext.panorama.panoramaRunning.load() != 0)
         return ERR_PANORAMA;
     return RESULT_OK;
 }
@@ -256,7 +256,8 @@ uint32_t tourTicketNow()
 
 bool tourMayDrive(uint32_t ticket)
 {
-    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket && motionBusy() == RESULT_OK;
+    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket &&
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK;
 }
 
 bool motionBeginTour(uint32_t ticket, bool toPreset)
@@ -265,13 +266,13 @@ bool motionBeginTour(uint32_t ticket, bool toPreset)
         LockGuard hold(gContext.motion.MotionStateLock);
         if (tourTicketNow() != ticket || gContext.motion.motion_active.load() != 0 ||
             gContext.motion.user_moved_recently.load() != 0 || gContext.motion.track_back_done.load() == 0 ||
-            motionBusy() != RESULT_OK)
+            refusedBy(CALIBRATING | LENS_MASK | PANORAMA) != RESULT_OK)
             return false;
         gContext.motion.startsSeen.fetch_add(START_EVENT + TOUR_PENDING);
         gContext.motion.tourTicket = ticket;
         (void)announceFromRest(ORIGIN_TOUR);
         if (!toPreset)
-            gContext.tour.tourCurrentPresetId.store(0);
+            gContext.motion.tourCurrentPresetId.store(0);
     }
     timerStart(&gContext.timers.statusPollTimer, STATUS_POLL_NS, STATUS_POLL_NS);
     return true;

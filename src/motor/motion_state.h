@@ -6,7 +6,9 @@
 #pragma once
 
 #include "core/context.h"
+#include "core/motion.h"
 #include "core/result_code.h"
+#include "core/timer.h"
 #include "motor/motor_device.h"
 
 #include <stdint.h>
@@ -30,9 +32,17 @@ enum class MotionSettle {
     Calibration,
 };
 
-/// What forbids a user's motion now: RESULT_OK, or the first of ERR_CALIBRATING, ERR_LENS_MASK, ERR_PANORAMA.
+/// What can forbid a motion; a command names those that forbid its own.
+enum BusyReason : uint32_t {
+    CALIBRATING = 1,
+    LENS_MASK = 2,
+    PANORAMA = 4,
+};
+
+/// @param reasons  BusyReason values, added up
+/// @return RESULT_OK, or the code of the first of them that applies now: ERR_CALIBRATING, ERR_LENS_MASK, ERR_PANORAMA.
 /// Any thread; no lock.
-[[nodiscard]] ResultCode motionBusy();
+[[nodiscard]] ResultCode refusedBy(uint32_t reasons);
 
 /// Stops both axes before a new motion, and cancels a step move. The motion state is left alone, so that the begin step
 /// that follows sends no second notification. @return RESULT_OK, or ERR_DEVICE: tilt is not stopped when pan fails.

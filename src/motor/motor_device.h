@@ -1,4 +1,4 @@
-// The door to the two motor drivers: their records, their seven requests, and nothing else.
+// The adapter of the two motor drivers: their records, their seven requests, and nothing else.
 //
 // Requests may be made from any thread at any time, several at once on one axis; they take no lock. Each returns
 // RESULT_OK, or ERR_DEVICE when the driver refuses.
@@ -9,6 +9,31 @@
 
 #include <stdint.h>
 #include <sys/ioctl.h>
+
+enum AxisIndex { PAN = 0, TILT = 1, AXIS_COUNT = 2 };
+
+/// One axis: constants, then what motorInit learns. Nothing of it changes once the worker threads run.
+struct MotorAxis {
+    char device_path[16];
+    char section[32];   // of package ptzd
+    int32_t home_coord; // coordinate units
+    int32_t fd;         // 0 while not open
+    int32_t range;      // coordinate units over the whole travel
+    int32_t max_speed;
+    int32_t total_steps; // motor steps over the whole travel
+};
+
+struct MotorAxes {
+    MotorAxis axes[AXIS_COUNT] = {
+        {"/dev/x-motor", "x_motor", 0, 0, 0, 0, 0},
+        {"/dev/y-motor", "y_motor", -6, 0, 0, 0, 0},
+    };
+
+    MotorAxis& operator[](AxisIndex axis)
+    {
+        return axes[axis];
+    }
+};
 
 /// The driver's records: five words each, in the processor's byte order.
 struct MotorCapability {

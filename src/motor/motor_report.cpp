@@ -1,10 +1,12 @@
 #include "motor/motor_report.h"
 
 #include "core/log.h"
+#include "core/motion.h"
 #include "core/numbers.h"
 #include "core/shutdown.h"
 #include "motor/calibration.h"
 #include "motor/coordinates.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "motor/position_store.h"
 #include "ubus/method_reply.h"
@@ -55,7 +57,7 @@ int32_t motorInit(AxisIndex axis)
     return 0;
 }
 
-int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetMotorCapa(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     const MotorAxis& pan = gContext.axes[PAN];
@@ -73,16 +75,16 @@ int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* 
     replyAddText("preset", "enabled");
     replyAddText("calibrate", "enabled");
     replyClose(table);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusGetMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetMotorStatus(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     MotorStatus pan{};
     MotorStatus tilt{};
     if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
-        return replyCode(connection, request, result);
+        return replyCode(call, result);
     replyBegin();
     replyAddInt("error_code", RESULT_OK);
     void* table = replyOpenTable("status");
@@ -91,10 +93,10 @@ int ubusGetMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data
     addSpeed("x_speed", PAN, pan);
     addSpeed("y_speed", TILT, tilt);
     replyClose(table);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusCheckMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusCheckMotorStatus(const Call& call)
 {
-    return replyErrCode(connection, request, gContext.motion.calibrating.load() != 0 ? ERR_CALIBRATING : RESULT_OK);
+    replyErrCode(call, refusedBy(CALIBRATING));
 }

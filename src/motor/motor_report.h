@@ -1,8 +1,8 @@
 // Opening the motors, and the methods that report on them.
 #pragma once
 
-#include "core/context.h"
-#include "ubus/bus_door.h"
+#include "motor/motor_device.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

@@ -48,12 +48,7 @@ void save(const SaveTicket& ticket)
         static_cast<int32_t>(ticket.number - gContext.position.lastSaved) < 0)
         return;
     gContext.position.lastSaved = ticket.number;
-    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
-    for (const AxisIndex axis : {PAN, TILT}) {
-        const char* section = gContext.axes[axis].section;
-        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            logWrite(LOG_LEVEL_ERROR, "saveCurSteps", __LINE__, "error to set option %s.steps\n", section);
-    }
+    setStoredPosition(pan, tilt, {"saveCurSteps", __LINE__});
     (void)transaction.commit(); // logged there; the next motion saves again
     disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this
     // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
@@ -70,7 +65,7 @@ void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
     LockGuard hold(gContext.motion.MotionStateLock);
     if (gContext.motion.track_back_done.load() != 0)
         return;
-    gContext.tour.tourCurrentPresetId.store(0);
+    gContext.motion.tourCurrentPresetId.store(0);
     gContext.motion.track_back_done.store(1);
     gContext.motion.user_moved_recently.store(1);
     quietPeriodsStart();
@@ -135,11 +130,30 @@ StoredPosition storedPosition()
     return {{storedSteps(PAN), storedSteps(TILT)}};
 }
 
+StoredPosition storedPositionLogged(LogSite caller)
+{
+    const StoredPosition stored = storedPosition();
+    for (const AxisIndex axis : {PAN, TILT})
+        if (!stored.axes[axis].read)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to get option %s.steps\n", gContext.axes[axis].section);
+    return stored;
+}
+
+void setStoredPosition(const MotorStatus& pan, const MotorStatus& tilt, LogSite caller)
+{
+    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to set option %s.steps\n", section);
+    }
+}
+
 // Reports under its own name, so the reads of both axes stand here.
 ResultCode moveToLastPostion()
 {
     endTracking();
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
 
     const StoredPosition target = storedPosition();
@@ -183,12 +197,11 @@ ResultCode moveToLastPostion()
     return result;
 }
 
-int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                           blob_attr* message)
+void ubusSetPowerOffRecover(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(powerOffRecoverPolicy)];
-    parseArgs(powerOffRecoverPolicy, args, message);
+    parseArgs(powerOffRecoverPolicy, args, call);
     const int32_t recover = args[0] ? decimalArg(args[0]) : -1;
     ResultCode result = RESULT_OK;
     {
@@ -203,5 +216,5 @@ int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_
         }
         (void)transaction.commit(); // reported there; memory keeps the new value either way
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -54,27 +54,24 @@ void* motorTest(void* argument)
 
 } // namespace
 
-int ubusTestMotorRotate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                        blob_attr* message)
+void ubusTestMotorRotate(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(testPolicy)];
-    parseArgs(testPolicy, args, message);
-    if (!args[0]) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
+    parseArgs(testPolicy, args, call);
+    if (!args[0])
+        return refuseParameter(call);
     OwnedTimes times(static_cast<int*>(malloc(sizeof(int))));
     if (!times) {
         LOG_ERROR("test failed\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     *times = decimalArg(args[0]);
     LOG_TRACE("UBUS: test times %d\n", *times);
     if (workerStart(motorTest, times.get()) != 0) {
         LOG_ERROR("test failed\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     (void)times.release(); // the thread's from here on
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }

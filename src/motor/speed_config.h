@@ -1,7 +1,7 @@
 // The speeds of the axes and the length of a step move.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 inline constexpr blobmsg_policy speedPolicy[] = {
     {"x_speed", BLOBMSG_TYPE_STRING},

@@ -20,7 +20,7 @@ TourMove sendMoves(uint32_t ticket, const MotorCommand& pan, const MotorCommand*
     const ResultCode result = motorMove(PAN, pan);
     // Cleared before the motion can settle: the transition to rest arms the timer that sets it again.
     if (result == RESULT_OK)
-        gContext.tour.scanStepDone.store(0);
+        gContext.motion.scanStepDone.store(0);
     return moved(result);
 }
 

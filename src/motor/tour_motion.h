@@ -5,7 +5,7 @@
 // its own requests. So a command that comes at any moment of the step has the last word.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 #include "motor/motor_device.h"
 
 #include <stdint.h>

@@ -68,7 +68,7 @@ ResultCode gotoPreset(const blob_attr* const (&args)[GOTO_ARG_COUNT])
     if (const ResultCode result = setSpeedFactor(gContext.preset.tiltSpeedFactor, args[GOTO_SPEED_TILT]);
         result != RESULT_OK)
         return result;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = presetMove(id);
     if (result == RESULT_OK)
@@ -110,10 +110,10 @@ int32_t factoredSpeed(AxisIndex axis)
     return integerPart(static_cast<float>(gContext.axes[axis].max_speed) * factor.load());
 }
 
-int ubusGotoPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusGotoPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[GOTO_ARG_COUNT];
-    parseArgs(gotoPresetPolicy, args, message);
-    return replyCode(connection, request, gotoPreset(args));
+    parseArgs(gotoPresetPolicy, args, call);
+    replyCode(call, gotoPreset(args));
 }

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
@@ -13,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <array>
 #include <cmath>
 #include <initializer_list>
 #include <memory>
@@ -149,10 +151,8 @@ int32_t keep(const PresetTable& table)
 /// Up to the save; nothing is changed unless the result is RESULT_OK.
 ResultCode prepareSetPreset(const blob_attr* const (&args)[SET_ARG_COUNT], PresetTable& table, PresetRequest& wanted)
 {
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return ERR_PANORAMA;
+    if (const ResultCode busy = refusedBy(LENS_MASK | PANORAMA); busy != RESULT_OK)
+        return busy;
     if (const ResultCode result = readRequest(args, wanted); result != RESULT_OK)
         return result;
     if (const ResultCode result = choosePlace(table, wanted); result != RESULT_OK)
@@ -218,60 +218,59 @@ void addPresets(int64_t after, int64_t last)
     addArray("position_tilt", [](const PresetEntry& entry) { addPosition(entry.position_tilt); });
 }
 
-int replyPresets(ubus_context* connection, ubus_request_data* request)
+void replyPresets(const Call& call)
 {
     replyAddInt("error_code", RESULT_OK);
-    return replySend(connection, request);
+    replySend(call);
 }
 
 } // namespace
 
-int ubusSetPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusSetPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[SET_ARG_COUNT];
-    parseArgs(setPresetPolicy, args, message);
+    parseArgs(setPresetPolicy, args, call);
     PresetTable table = presetTableNow();
     PresetRequest wanted{};
     if (const ResultCode refused = prepareSetPreset(args, table, wanted); refused != RESULT_OK)
-        return replyCode(connection, request, refused);
+        return replyCode(call, refused);
     enter(table, wanted);
     const int32_t result = keep(table);
     replyBegin();
     replyAddText("name", presetTableNow().presetTable[wanted.slot - 1].name);
     replyAddDecimal("id", wanted.id);
     replyAddInt("error_code", result);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusDeletePreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                     blob_attr* message)
+void ubusDeletePreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(deletePresetPolicy)];
-    parseArgs(deletePresetPolicy, args, message);
+    parseArgs(deletePresetPolicy, args, call);
     if (!args[0]) {
         LOG_ERROR("error to get ID list\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     if (nestedTooDeeply(args[0]))
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     const std::unique_ptr<char, FreeText> text(blobmsg_format_json(args[0], false));
     int32_t ids[PRESET_COUNT];
     const int32_t count = string_to_int_list(text.get(), ids, PRESET_COUNT);
     if (count <= 0)
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     PresetTable table = presetTableNow();
     if (!freeSlots(table, ids, count)) {
         presetTableSet(table); // the ids before the wrong one are gone from memory, but not from storage
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     pack(table);
     (void)keep(table); // not reported
-    return replyCode(connection, request, plan_drop_presets({ids, static_cast<size_t>(count)}));
+    replyCode(call, plan_drop_presets({ids, static_cast<size_t>(count)}));
 }
 
-int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusClearPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     PresetTable table = presetTableNow();
@@ -282,46 +281,44 @@ int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* r
         clearPosition(entry);
     }
     (void)keep(table); // not reported
-    return replyCode(connection, request, plan_drop_all());
+    replyCode(call, plan_drop_all());
 }
 
-int ubusGetPresetAll(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetPresetAll(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     replyBegin();
     addPresets(0, PRESET_COUNT);
-    return replyPresets(connection, request);
+    replyPresets(call);
 }
 
-int ubusGetPresetPage(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                      blob_attr* message)
+void ubusGetPresetPage(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t values[PAGE_ARG_COUNT];
-    if (!decimalArgs(presetPagePolicy, values, message) || values[PAGE_START] < 0 || values[PAGE_COUNT] < 1)
-        return replyCode(connection, request, ERR_PARAM);
+    std::array<int32_t, PAGE_ARG_COUNT> values{};
+    if (!decimalArgs(presetPagePolicy, values, call) || values[PAGE_START] < 0 || values[PAGE_COUNT] < 1)
+        return replyCode(call, ERR_PARAM);
     replyBegin();
     void* outer = replyOpenTable("preset");
     void* inner = replyOpenTable("preset");
     addPresets(values[PAGE_START], static_cast<int64_t>(values[PAGE_START]) + values[PAGE_COUNT]);
     replyClose(inner);
     replyClose(outer);
-    return replyPresets(connection, request);
+    replyPresets(call);
 }
 
-int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                        blob_attr* message)
+void ubusSetPresetConfig(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[CONFIG_ARG_COUNT];
-    parseArgs(presetConfigPolicy, args, message);
+    parseArgs(presetConfigPolicy, args, call);
     if (!args[CONFIG_FREEZE] || !args[CONFIG_SPEED])
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     const int32_t freeze = decimalArg(args[CONFIG_FREEZE]);
     float speed = 0;
     if ((freeze != 0 && freeze != 1) || string_to_float(textArg(args[CONFIG_SPEED]), &speed) != 0 ||
         !std::isfinite(speed))
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     constexpr char section[] = "preset_config";
     int32_t result = RESULT_OK;
     {
@@ -338,11 +335,11 @@ int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_dat
             (void)cfg_uci_pkg_reload(UCI_PTZD); // logged there; no later commit shall store what was answered as failed
         }
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }
 
-int ubusReloadPresetConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadPresetConfig(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, reloadPresetConfig());
+    replyCode(call, reloadPresetConfig());
 }

@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "core/motion.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -135,7 +136,7 @@ int32_t reloadPresetList()
     }
     presetTableSet(loaded);
     if (result == RESULT_OK)
-        gContext.tour.tourCurrentPresetId.store(0); // without its lock: a single word, whichever comes first
+        gContext.motion.tourCurrentPresetId.store(0); // without its lock: a single word, whichever comes first
     return result;
 }
 

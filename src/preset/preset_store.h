@@ -2,9 +2,43 @@
 #pragma once
 
 #include "core/context.h"
+#include "core/mutex.h"
 #include "core/result_code.h"
 
 #include <stdint.h>
+
+#include <atomic>
+
+inline constexpr int PRESET_COUNT = 8;
+inline constexpr int PRESET_NAME_SIZE = 33; // 32 bytes and the NUL
+
+/// One stored preset. Positions run from -1.0, step 0, to 1.0, the far end of the travel.
+struct PresetEntry {
+    int32_t id; // 1..8
+    float position_pan;
+    float position_tilt;
+    float position_zoom; // the head has no zoom: 0
+    int32_t read_only;
+    int32_t enabled; // 0: the slot is free
+    char name[PRESET_NAME_SIZE];
+};
+
+/// Slot n, 1..8, is element n - 1. A preset's slot and its id differ.
+struct PresetTable {
+    PresetEntry presetTable[PRESET_COUNT];
+    int32_t presetSlotOfId[PRESET_COUNT]; // element i: the slot of the enabled preset with id i + 1, or 0
+};
+
+/// Owner: preset/. The table is written on the event loop's thread alone.
+struct PresetState {
+    Mutex PresetLock{LockRank::Preset};
+    PresetTable presets GUARDED_BY(PresetLock) = {};
+    bool presetsLoaded = false; // event loop only
+    float presetSpeed = 0;      // these two: event loop only
+    int32_t presetImageFreezeEnabled = 0;
+    std::atomic<float> panSpeedFactor{1.0F}; // fraction of max_speed, above 0 and at most 1
+    std::atomic<float> tiltSpeedFactor{1.0F};
+};
 
 /// The table as it stands. Any thread; takes PresetLock.
 [[nodiscard]] PresetTable presetTableNow() EXCLUDES(gContext.preset.PresetLock);

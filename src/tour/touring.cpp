@@ -7,8 +7,8 @@
 #include "motor/tour_motion.h"
 #include "preset/goto_preset.h"
 #include "preset/preset_store.h"
-#include "tour/plan.h"
 #include "tour/tour_config.h"
+#include "tour/tour_state.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -28,8 +28,8 @@ void startAnew() EXCLUDES(gContext.motion.MotionStateLock)
     if (gContext.motion.motion_active.load() != 0)
         return;
     gContext.motion.user_moved_recently.store(0);
-    gContext.tour.tourCurrentPresetId.store(0);
-    gContext.tour.scanStepDone.store(1);
+    gContext.motion.tourCurrentPresetId.store(0);
+    gContext.motion.scanStepDone.store(1);
     gContext.motion.track_back_done.store(1);
 }
 
@@ -86,7 +86,7 @@ const char* reload(ScanProgress& scan)
 bool mayTour()
 {
     return strcmp(gContext.tour.tourInfo->enabled, "off") != 0 && gContext.motion.user_moved_recently.load() == 0 &&
-           motionBusy() == RESULT_OK && gContext.motion.track_back_done.load() != 0;
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK && gContext.motion.track_back_done.load() != 0;
 }
 
 struct WeekMinute {
@@ -131,10 +131,10 @@ const char* scanStep(uint32_t ticket, ScanProgress& scan)
 {
     const ScanTourInfo& limits = *gContext.tour.scanTourInfo;
     WeekMinute now{};
-    if (gContext.tour.scanStepDone.load() == 0 || !localNow(now) ||
+    if (gContext.motion.scanStepDone.load() == 0 || !localNow(now) ||
         !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
         return nullptr;
-    logWrite(LOG_LEVEL_ERROR, "motorTouring", __LINE__, "cur_xoord is %d\n", scan.coord);
+    logWrite(LOG_LEVEL_ERROR, {"motorTouring", __LINE__}, "cur_xoord is %d\n", scan.coord);
     switch (scanMove(ticket, scan.coord)) {
     case TourMove::Failed:
         return "scan tour move err\n";
@@ -170,13 +170,14 @@ int32_t plannedPreset()
 void setCurrentPreset(int32_t id) EXCLUDES(gContext.motion.MotionStateLock)
 {
     LockGuard hold(gContext.motion.MotionStateLock);
-    gContext.tour.tourCurrentPresetId.store(id);
+    gContext.motion.tourCurrentPresetId.store(id);
 }
 
 void presetStep(uint32_t ticket)
 {
     const int32_t target = plannedPreset();
-    if (gContext.motion.motion_active.load() != 0 || target == 0 || target == gContext.tour.tourCurrentPresetId.load())
+    if (gContext.motion.motion_active.load() != 0 || target == 0 ||
+        target == gContext.motion.tourCurrentPresetId.load())
         return;
     setCurrentPreset(target); // before the move: one that fails is not tried again
     if (presetTourMove(ticket, target) == TourMove::Overtaken)

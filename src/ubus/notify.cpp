@@ -1,8 +1,9 @@
 #include "ubus/notify.h"
 
 #include "core/log.h"
+#include "core/timer.h"
 #include "core/worker.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_reply.h"
 
 #include <inttypes.h>

@@ -4,7 +4,8 @@
 // missing "CET" for about a second, by one that does not answer for another.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
+#include "ubus/ubus_state.h"
 
 #include <stdint.h>
 

@@ -2,7 +2,7 @@
 
 #include "core/log.h"
 #include "core/shutdown.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 
 #include <fcntl.h>
@@ -52,17 +52,18 @@ ubus_context* connectWithRetries()
     }
 }
 
-enum class Notice { Written, NotOpened, NotWritten };
-
-Notice writeConsoleNotice()
+/// Tells whoever watches the console that there is no bus; logs under the caller's name what keeps it from that.
+void writeConsoleNotice(LogSite caller = logSite())
 {
     const int console = open(CONSOLE_PATH, O_WRONLY | O_NOCTTY | O_CLOEXEC);
-    if (console < 0)
-        return Notice::NotOpened;
+    if (console < 0) {
+        logWrite(LOG_LEVEL_ERROR, caller, "UBUS: open console file(%s) failed.\n", CONSOLE_PATH);
+        return;
+    }
     constexpr ssize_t length = sizeof(CONSOLE_NOTICE) - 1;
-    const bool written = write(console, CONSOLE_NOTICE, length) == length;
+    if (write(console, CONSOLE_NOTICE, length) != length)
+        logWrite(LOG_LEVEL_ERROR, caller, "UBUS: write to console failed.\n");
     close(console);
-    return written ? Notice::Written : Notice::NotWritten;
 }
 
 int32_t ubusInitObj() REQUIRES(gContext.ubus.BusLock)
@@ -150,11 +151,7 @@ int32_t ubusInit()
         if (shutdownRequested())
             return 0;
         LOG_ERROR("UBUS: connect to ubusd path(%s) failed.\n", UBUS_SOCKET);
-        const Notice notice = writeConsoleNotice();
-        if (notice == Notice::NotOpened)
-            LOG_ERROR("UBUS: open console file(%s) failed.\n", CONSOLE_PATH);
-        if (notice == Notice::NotWritten)
-            LOG_ERROR("UBUS: write to console failed.\n");
+        writeConsoleNotice();
         return -1;
     }
     int32_t registered = -1;

@@ -49,7 +49,7 @@ protected:
     bool starve(const PageRow& row, int nth, bool ever);
     bool hasMore(size_t consoleFrom, size_t reports)
     {
-        const std::string text = lab.ptzdLog();
+        const std::string text = lab.records.ptzdLog();
         return std::count(text.begin() + static_cast<long>(consoleFrom), text.end(), '\n') > static_cast<long>(reports);
     }
 
@@ -63,9 +63,9 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     home();
     prepare(row["Head"]);
     const FaultyCall* call = last_ = callOf(row["Call"]);
-    const pid_t daemon = lab.ptzdPid();
-    const size_t console = lab.ptzdLog().size();
-    const size_t log = lab.messageLog().size();
+    const pid_t daemon = lab.programs.ptzdPid();
+    const size_t console = lab.records.ptzdLog().size();
+    const size_t log = lab.records.messageLog().size();
     const std::vector<std::string> expectedTold = toldBy(row["Told"]);
     const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
     std::map<std::string, std::string> before;
@@ -80,22 +80,22 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     const bool isStep = call->method && std::string(call->method) == "moveStep";
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         if (turning() || isStep)
-            lab.setFactor(axis, isStep ? SLOWLY : SLOWLY / 10);
-    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
+            lab.motors.setFactor(axis, isStep ? SLOWLY : SLOWLY / 10);
+    lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
     const LabReply reply = call->method ? lab.invoke("ptzd", call->method, call->arguments, 3s) : LabReply{0, DONE};
     const bool answered = std::regex_search(reply.text, std::regex(R"("err(or)?_code":-?[0-9]+[,}])"));
     lastDone_ = !answered || std::regex_search(reply.text, std::regex(R"("err(or)?_code":0[,}])"));
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         if (turning() && !isStep)
-            lab.setFactor(axis, FACTOR);
+            lab.motors.setFactor(axis, FACTOR);
     if (answered && lastDone_)
         (void)waitUntil(doneOrReported, 500ms);
     const bool wasMet = met(allocation(nth)) != 0;
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(reply.status == 0 && (answered || reply.text.empty())) << reply.status << " " << reply.text;
-    if (lab.ptzdPid() != daemon) {
+    if (lab.programs.ptzdPid() != daemon) {
         ADD_FAILURE() << "the daemon has ended";
         return false;
     }
@@ -105,7 +105,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     std::this_thread::sleep_for(10ms);
     if (reports(console, log) == expectedReports) {
         const bool went =
-            start_[LAB_PAN] != lab.axisNow(LAB_PAN).shaft || start_[LAB_TILT] != lab.axisNow(LAB_TILT).shaft;
+            start_[LAB_PAN] != lab.motors.now(LAB_PAN).shaft || start_[LAB_TILT] != lab.motors.now(LAB_TILT).shaft;
         const bool mayLose = row["Call"] == "set_plan_config"; // an option of an entry, and says nothing
         EXPECT_TRUE(!answered || !lastDone_ || mayLose || done()) << "success without effect";
         EXPECT_TRUE(!went || turning() || isStep || expectedTold.empty() || !told().empty())
@@ -126,9 +126,9 @@ protected:
         const int made = static_cast<int>(made_);
         int tried[2] = {};
         for (const bool ever : {false, true})
-            for (int nth = 1; lab.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
-                                                                                   : ever ? 1 + made
-                                                                                          : 1 + made / 2)
+            for (int nth = 1; lab.programs.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
+                                                                                            : ever ? 1 + made
+                                                                                                   : 1 + made / 2)
                 ++tried[ever];
         std::printf("%s, %s: %u allocations, %d tried alone, %d with all that follow\n", row["Call"].c_str(),
                     row["Head"].c_str(), made_, tried[false], tried[true]);
@@ -142,7 +142,7 @@ TEST_P(MemoryOfCalls, LackingHarmsNothing)
     for (const PageRow& row : healthyRows()) {
         if (index++ % SHARDS == GetParam())
             starveAll(row);
-        ASSERT_NE(lab.ptzdPid(), 0);
+        ASSERT_NE(lab.programs.ptzdPid(), 0);
     }
 }
 
@@ -177,22 +177,23 @@ protected:
 bool MemoryOfTheStart::starve(int nth, bool ever)
 {
     SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
-    const size_t console = lab.ptzdLog().size();
-    lab.setSpeed(FAST);
+    const size_t console = lab.records.ptzdLog().size();
+    lab.clock.setSpeed(FAST);
     arm(allocation(nth), ever);
-    (void)lab.startPtzd(); // does not wait
-    const auto settled = [&] { return lab.isReady() || !lab.isRunning("ptzd"); };
+    (void)lab.programs.startPtzd(); // does not wait
+    const auto settled = [&] { return lab.programs.isReady() || !lab.programs.isRunning("ptzd"); };
     (void)waitUntil(settled, 500ms);
     const bool wasMet = met(allocation(nth)) != 0;
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(waitUntil(settled, DEADLINE));
     EXPECT_TRUE(isWhole(settings("ptzd"), stored_, stored_)) << settings("ptzd");
-    if (!lab.isRunning("ptzd")) {
-        const auto status = lab.waitPtzd(DEADLINE);
+    if (!lab.programs.isRunning("ptzd")) {
+        const auto status = lab.programs.waitPtzd(DEADLINE);
         EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
-        EXPECT_TRUE(std::regex_search(lab.ptzdLog().substr(console), std::regex("(initialize|timer) failed\\.\n$")))
-            << lab.ptzdLog().substr(console);
+        EXPECT_TRUE(
+            std::regex_search(lab.records.ptzdLog().substr(console), std::regex("(initialize|timer) failed\\.\n$")))
+            << lab.records.ptzdLog().substr(console);
         return wasMet;
     }
     arm(allocation(nth % 3 + 1), ever);
@@ -202,8 +203,8 @@ bool MemoryOfTheStart::starve(int nth, bool ever)
     EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
     EXPECT_TRUE(whole == presets_ || hasMore(console, 0)) << "has lost presets without a word: " << whole;
     EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
-    EXPECT_TRUE(waitUntil([&] { return rests() && lab.axisNow(LAB_PAN).shaft == 1500; }, DEADLINE));
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_TRUE(waitUntil([&] { return rests() && lab.motors.now(LAB_PAN).shaft == 1500; }, DEADLINE));
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     return wasMet;
 }
 
@@ -212,7 +213,7 @@ TEST_F(MemoryOfTheStart, LackingEndsItOrHarmsNothing)
     upWithFaults();
     presets_ = lab.call("getPresetAll");
     stored_ = settings("ptzd");
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     LabOptions options = withFaults();
     options.startPtzd = false;
     options.waitCalibrated = false;

@@ -126,9 +126,9 @@ void FaultyHead::TearDown()
 {
     if (!control_)
         return; // skipped
-    if (lab.isRunning("ubusd")) {
+    if (lab.programs.isRunning("ubusd")) {
         disarm();
-        lab.setSpeed(1);
+        lab.clock.setSpeed(1);
     }
     HeadInTheLab::TearDown();
     munmap(control_, sizeof(FaultControl));
@@ -175,18 +175,18 @@ void FaultyHead::makePreset()
 
 void FaultyHead::freeze()
 {
-    lab.setSpeed(FROZEN);
+    lab.clock.setSpeed(FROZEN);
 }
 
 void FaultyHead::thaw()
 {
-    lab.setSpeed(FAST);
+    lab.clock.setSpeed(FAST);
 }
 
 void FaultyHead::arm(const FaultPoint& point, bool ever)
 {
     if (point.axis) {
-        lab.failRequest(*point.axis, point.request, ever ? LAB_FOR_EVER : 1, EIO, point.nth - 1);
+        lab.motors.failRequest(*point.axis, point.request, ever ? LAB_FOR_EVER : 1, EIO, point.nth - 1);
         return;
     }
     FaultRecord& record = control_->calls[point.call];
@@ -206,14 +206,14 @@ void FaultyHead::disarm()
         record.failures.store(0);
         record.subject[0] = '\0';
     }
-    EXPECT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
+    EXPECT_TRUE(lab.motors.clearFaults(LAB_PAN) && lab.motors.clearFaults(LAB_TILT));
 }
 
 uint32_t FaultyHead::met(const FaultPoint& point)
 {
     if (!point.axis)
         return control_->calls[point.call].met.load();
-    const std::vector<LabJournalEntry> journal = lab.journal();
+    const std::vector<LabJournalEntry> journal = lab.records.journal();
     return static_cast<uint32_t>(std::count_if(journal.begin(), journal.end(), [&](const LabJournalEntry& entry) {
         return entry.axis == *point.axis && entry.request == LAB_REQUEST_NAMES[point.request] && entry.result != 0;
     }));
@@ -237,7 +237,7 @@ void FaultyHead::writeSettings(const std::string& package, const std::string& te
 std::vector<std::string> FaultyHead::told() const
 {
     std::vector<std::string> result;
-    for (const LabCetEntry& entry : lab.cetLog()) {
+    for (const LabCetEntry& entry : lab.records.cetLog()) {
         const std::string call = "notify_motor_";
         result.push_back(entry.isEvent ? entry.text : entry.name.substr(call.size()) + " " + entry.text);
     }
@@ -295,7 +295,7 @@ void FaultyHead::home()
 {
     disarm();
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        lab.setFactor(axis, FACTOR);
+        lab.motors.setFactor(axis, FACTOR);
     thaw();
     undo();
     restoreSettings();
@@ -305,7 +305,7 @@ void FaultyHead::home()
     lastDone_ = false;
     lastState_.clear();
     ASSERT_EQ(lab.call("stop"), DONE);
-    lab.forget();
+    lab.records.clear();
     ASSERT_EQ(lab.call("moveTo", coords(0, -6)), DONE);
     const std::vector<std::string> whole = {"moving 0", "start", "idle 0", "stop"};
     ASSERT_TRUE(waitUntil(
@@ -317,7 +317,7 @@ void FaultyHead::home()
         },
         DEADLINE));
     expectAt(HOME[LAB_PAN], HOME[LAB_TILT]);
-    lab.forget();
+    lab.records.clear();
 }
 
 void FaultyHead::prepare(const std::string& state)
@@ -358,7 +358,7 @@ void FaultyHead::prepare(const std::string& state)
         writeSettings("tour", tourOf("on", state == "scan due" ? 1 : 2));
     if (switched)
         writeSettings("target_track", switchOf("target_track", "off"));
-    lab.forget();
+    lab.records.clear();
     freeze();
     if (state.starts_with("moving")) {
         EXPECT_EQ(lab.call("moveTo", coords(100, 50)), DONE);
@@ -372,22 +372,22 @@ void FaultyHead::prepare(const std::string& state)
         goOnABit();
     } else if (state == "stepping") {
         for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-            lab.setFactor(axis, SLOWLY);
+            lab.motors.setFactor(axis, SLOWLY);
         call("moveStep 0");
         ASSERT_TRUE(waitUntil([&] { return told().size() == 2; }, DEADLINE)); // by the step's own thread
     }
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        start_[axis] = lab.axisNow(axis).shaft;
+        start_[axis] = lab.motors.now(axis).shaft;
 }
 
 /// Lets the head turn until it is well away from home, in no lab time worth a tick of the poll.
 void FaultyHead::goOnABit()
 {
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        lab.setFactor(axis, 400 * FACTOR);
-    ASSERT_TRUE(waitUntil([&] { return lab.axisNow(LAB_PAN).shaft > HOME[LAB_PAN] + 200; }, DEADLINE));
+        lab.motors.setFactor(axis, 400 * FACTOR);
+    ASSERT_TRUE(waitUntil([&] { return lab.motors.now(LAB_PAN).shaft > HOME[LAB_PAN] + 200; }, DEADLINE));
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        lab.setFactor(axis, FACTOR);
+        lab.motors.setFactor(axis, FACTOR);
 }
 
 std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
@@ -401,7 +401,7 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
         texts.clear();
         logged.clear();
         entries.clear();
-        std::istringstream console(lab.ptzdLog().substr(consoleFrom));
+        std::istringstream console(lab.records.ptzdLog().substr(consoleFrom));
         std::smatch match;
         for (std::string line; std::getline(console, line);) {
             const bool ours = std::regex_match(line, match, form); // else the C library's, on standard error only
@@ -409,7 +409,7 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
             if (ours)
                 logged.push_back(match[1]);
         }
-        std::istringstream log(lab.messageLog().substr(logFrom));
+        std::istringstream log(lab.records.messageLog().substr(logFrom));
         for (std::string line; std::getline(log, line);)
             if (const size_t at = line.find(tag); at != std::string::npos)
                 entries.push_back(line.substr(at + tag.size()));
@@ -446,7 +446,7 @@ bool FaultyHead::turning() const
 bool FaultyHead::standsAsStated(const PageRow& row, LabAxisId axis)
 {
     const std::string& word = row[axis == LAB_PAN ? "Pan" : "Tilt"];
-    const int32_t shaft = lab.axisNow(axis).shaft;
+    const int32_t shaft = lab.motors.now(axis).shaft;
     const int32_t named = axis == LAB_PAN ? last_->pan : last_->tilt;
     if (word == "short")
         return shaft > start_[axis] && shaft < LAST_STEP[axis] - DRIFT;
@@ -493,12 +493,12 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     last_ = call;
     if (call->method && std::string(call->method) == "moveStep")
         for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-            lab.setFactor(axis, SLOWLY);
+            lab.motors.setFactor(axis, SLOWLY);
     std::map<std::string, std::string> stored;
     for (const char* package : {"ptzd", "ptz_plan"})
         stored[package] = settings(package);
-    const size_t console = lab.ptzdLog().size();
-    const size_t log = lab.messageLog().size();
+    const size_t console = lab.records.ptzdLog().size();
+    const size_t log = lab.records.messageLog().size();
     for (FaultRecord& record : control_->calls)
         record.seen.store(0);
     const std::vector<std::string> expectedTold = toldBy(row["Told"]);
@@ -507,16 +507,16 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
         arm(*point, ever);
     if (point && point->call == FAULT_UBUS_LOOKUP_ID)
         thaw(); // the pauses between look-ups are the lab's
-    callNs_ = lab.labTimeNs();
+    callNs_ = lab.clock.nowNs();
     if (call->method)
         lastDone_ = expectAnswer(row, *call, lab.call(call->method, call->arguments));
     for (uint32_t one = 0; one < FAULT_CALL_COUNT; ++one)
         seen_[one] = control_->calls[one].seen.load();
-    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
+    lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
     if (point) {
         ASSERT_TRUE(waitUntil([&] { return met(*point) != 0; }, DEADLINE)) << "was not met";
         const auto lines = [&] {
-            const std::string text = lab.ptzdLog();
+            const std::string text = lab.records.ptzdLog();
             return static_cast<size_t>(std::count(text.begin() + static_cast<long>(console), text.end(), '\n'));
         };
         (void)waitUntil([&] { return lines() >= expectedReports.size(); }, DEADLINE / 4);
@@ -536,7 +536,7 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     EXPECT_EQ(told(), expectedTold);
     EXPECT_EQ(reports(console, log), expectedReports);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        EXPECT_TRUE(standsAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.axisNow(axis).shaft;
+        EXPECT_TRUE(standsAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.motors.now(axis).shaft;
     for (const auto& [package, text] : stored) {
         const bool affected = call->package && package == call->package;
         if (affected && mustBeStored)

@@ -55,8 +55,8 @@ private:
     {
         const std::vector<FaultPoint> points = listed(call, head);
         int made[LAB_AXIS_COUNT][LAB_REQUEST_COUNT] = {};
-        const pid_t daemon = lab.ptzdPid();
-        for (const LabJournalEntry& entry : lab.journal())
+        const pid_t daemon = lab.programs.ptzdPid();
+        for (const LabJournalEntry& entry : lab.records.journal())
             for (uint32_t request = 0; request < LAB_REQUEST_COUNT; ++request)
                 if (entry.request == LAB_REQUEST_NAMES[request] &&
                     (request != LAB_GET_STATUS || entry.thread == daemon) && entry.labNs >= callNs_) // else the poll's
@@ -126,12 +126,12 @@ TEST_F(Failures, OfTheWayBackToALostBus)
     upWithFaults();
     for (const PageRow& row : pageRows("A lost bus")) {
         SCOPED_TRACE("line " + std::to_string(row.line) + " of the page");
-        const size_t console = lab.ptzdLog().size();
-        const size_t log = lab.messageLog().size();
+        const size_t console = lab.records.ptzdLog().size();
+        const size_t log = lab.records.messageLog().size();
         const std::optional<FaultPoint> point = faultPoint(row["Fails"]);
         ASSERT_TRUE(point);
         arm(*point, false);
-        ASSERT_TRUE(lab.stopBus() && lab.startBus()) << lab.error();
+        ASSERT_TRUE(lab.programs.stopBus() && lab.programs.startBus()) << lab.error();
         EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
         EXPECT_EQ(met(*point), static_cast<uint32_t>(point->times));
         disarm();
@@ -147,21 +147,21 @@ protected:
     void runRow(const PageRow& row, const FaultPoint& point, const std::optional<FaultPoint>& beside, bool ever)
     {
         SCOPED_TRACE("line " + std::to_string(row.line) + " of the page: " + point.text + (ever ? " for ever" : ""));
-        const size_t console = lab.ptzdLog().size();
-        const size_t log = lab.messageLog().size();
-        lab.forget();
+        const size_t console = lab.records.ptzdLog().size();
+        const size_t log = lab.records.messageLog().size();
+        lab.records.clear();
         arm(point, ever);
         if (beside)
             arm(*beside, true);
-        (void)lab.startPtzd(); // does not wait
+        (void)lab.programs.startPtzd(); // does not wait
         if (row["Then"] == "serves") {
             EXPECT_TRUE(waitUntil([&] { return met(point) != 0; }, DEADLINE));
-            EXPECT_TRUE(lab.waitReady(DEADLINE)) << lab.error();
+            EXPECT_TRUE(lab.programs.waitReady(DEADLINE)) << lab.error();
             EXPECT_TRUE(waitUntil([&] { return lab.call("stop") == DONE; }, DEADLINE));
             disarm();
-            EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+            EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
         } else {
-            const auto status = lab.waitPtzd(DEADLINE);
+            const auto status = lab.programs.waitPtzd(DEADLINE);
             ASSERT_TRUE(status.has_value());
             EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
             EXPECT_NE(met(point), 0U);
@@ -186,7 +186,7 @@ TEST_F(FailingStart, EndsOrServesAsThePageSays)
             ASSERT_TRUE(point && (beside || texts.size() == 1)) << "line " << row.line << ": " << text;
             if (skipped(*point))
                 continue;
-            lab.setSpeed(10);
+            lab.clock.setSpeed(10);
             if (!point->onlyEvery)
                 runRow(row, *point, beside, false);
             if (point->onlyEvery || (!point->onlyOnce && std::getenv("PTZD_LONG_TESTS")))

@@ -87,9 +87,9 @@ protected:
     }
     void settle()
     {
-        EXPECT_TRUE(waitUntil([&] { return rests() && lab.callsToCet("notify_motor_idle") > 0; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return rests() && lab.records.callsToCet("notify_motor_idle") > 0; }, DEADLINE));
         std::this_thread::sleep_for(200ms); // the poll has seen it
-        lab.forget();
+        lab.records.clear();
     }
     void failFiles(FaultCall function, int error)
     {
@@ -106,24 +106,24 @@ TEST_F(Slow, Motors)
     for (const int delay : {100, 2000}) {
         const std::string late = " answered after " + std::to_string(delay) + " ms";
         const auto limit = std::chrono::milliseconds(4 * delay) + 3s;
-        lab.delayRequest(LAB_PAN, LAB_GET_STATUS, delay);
+        lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, delay);
         measure("`getStatus`, x `GET_STATUS`" + late, limit, [&] { return call("getStatus").substr(0, 15) + "…"; });
         measure("`stop`, x `GET_STATUS`" + late, limit, [&] { return call("stop"); });
-        lab.delayRequest(LAB_PAN, LAB_GET_STATUS, 0);
-        lab.delayRequest(LAB_PAN, LAB_MOVE, delay);
+        lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, 0);
+        lab.motors.delayRequest(LAB_PAN, LAB_MOVE, delay);
         measure("`moveTo`, x `MOVE`" + late, limit, [&] { return call("moveTo", coords(delay == 100 ? 30 : 0, 0)); });
-        lab.delayRequest(LAB_PAN, LAB_MOVE, 0);
+        lab.motors.delayRequest(LAB_PAN, LAB_MOVE, 0);
         settle();
     }
 }
 
 TEST_F(Slow, ARotationThatNeverEnds)
 {
-    lab.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
+    lab.motors.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
     EXPECT_EQ(call("manualCalibrate"), DONE);
     measure("`moveTo` while a calibration hangs", 3s, [&] { return call("moveTo", coords(0, 0)); });
     const auto start = Clock::now();
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     std::printf("| SIGTERM while a calibration hangs | %ld ms | – | ends with status 0 |\n", ms(Clock::now() - start));
     EXPECT_LT(Clock::now() - start, 5s);
 }
@@ -138,17 +138,17 @@ TEST_F(Slow, Cet)
     for (const Mode& one :
          {Mode{CET_LATE, 900, "\"CET\" answers after 900 ms"}, Mode{CET_SILENT, 0, "\"CET\" never answers"}}) {
         const std::string name = one.name;
-        lab.setCet(one.mode, one.delay);
+        lab.cet.setAnswer(one.mode, one.delay);
         measure("`moveTo`, " + name, 5s, [&] { return call("moveTo", coords(30, 0)); });
-        EXPECT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
         measure("`getStatus` during the idle notification, " + name, 5s,
                 [&] { return call("getStatus").substr(0, 15) + "…"; });
         measure("`moveTo` during the idle notification, " + name, 5s, [&] { return call("moveTo", coords(0, 0)); });
-        lab.setCet(CET_OK);
+        lab.cet.setAnswer(CET_OK);
         std::this_thread::sleep_for(2500ms);
         settle();
     }
-    ASSERT_TRUE(lab.stopCet());
+    ASSERT_TRUE(lab.programs.stopCet());
     measure("`moveTo`, no \"CET\"", 5s, [&] { return call("moveTo", coords(30, 0)); });
     std::this_thread::sleep_for(2s);
 }
@@ -176,13 +176,13 @@ TEST_F(Slow, Storage)
 TEST_F(Slow, AStalledBus)
 {
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
-    lab.setFactor(LAB_PAN, 100);
+    lab.motors.setFactor(LAB_PAN, 100);
     EXPECT_EQ(call("moveTo", coords(60, 0)), DONE); // 600 steps at 400 a second
     const auto began = Clock::now();
     measure("bus stopped for 3 s during a motion", 10s, [&] {
         sendSignal(bus, SIGSTOP);
         std::this_thread::sleep_for(3s);
-        const bool arrived = rests() && lab.axisNow(LAB_PAN).shaft == 2100;
+        const bool arrived = rests() && lab.motors.now(LAB_PAN).shaft == 2100;
         sendSignal(bus, SIGCONT);
         EXPECT_TRUE(arrived);
         return std::string("the motion ends meanwhile");
@@ -191,7 +191,7 @@ TEST_F(Slow, AStalledBus)
     std::printf("| the end of that motion is told | %ld ms after its start | – | |\n", ms(Clock::now() - began));
     sendSignal(bus, SIGSTOP);
     const auto start = Clock::now();
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     std::printf("| SIGTERM while the bus is stopped | %ld ms | – | ends with status 0 |\n", ms(Clock::now() - start));
     sendSignal(bus, SIGCONT);
 }
@@ -202,13 +202,13 @@ TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
     up(withFaults());
     ASSERT_EQ(lab.call("setPowerOffRecover", R"({"recover":"1"})"), DONE);
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
-    lab.setFactor(LAB_PAN, 250); // 0.2 s
+    lab.motors.setFactor(LAB_PAN, 250); // 0.2 s
     EXPECT_EQ(lab.call("moveTo", coords(20, 0)), DONE);
     sendSignal(bus, SIGSTOP);
     EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(300ms); // the poll has seen it, and begins to tell it
     const auto start = Clock::now();
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     std::printf("| SIGTERM while a notification waits for a stopped bus | %ld ms | – | ends with status 0 |\n",
                 ms(Clock::now() - start));
     EXPECT_NE(fileText("/etc/config/ptzd").find("'1700'"), std::string::npos) << "the pending position is stored";

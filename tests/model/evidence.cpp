@@ -26,9 +26,9 @@ std::string textOf(const LabJournalEntry& entry)
 void Evidence::load(const Lab& lab)
 {
     // What happened up to now: of two things the one that led to the other is then never missing.
-    const int64_t now = lab.labTimeNs();
-    log = lab.cetLog();
-    entries = lab.journal();
+    const int64_t now = lab.clock.nowNs();
+    log = lab.records.cetLog();
+    entries = lab.records.journal();
     std::erase_if(log, [now](const LabCetEntry& entry) { return entry.labNs > now; });
     std::erase_if(entries, [now](const LabJournalEntry& entry) { return entry.labNs > now; });
     notifications.clear();

@@ -78,8 +78,8 @@ bool playAll(Maker* make, int head, uint32_t firstSeed, int count, Tally& tally)
             return false;
         }
     }
-    const auto status = lab.killPtzd(SIGTERM);
-    EXPECT_TRUE(status.has_value() && *status == 0) << lab.ptzdLog();
+    const auto status = lab.programs.killPtzd(SIGTERM);
+    EXPECT_TRUE(status.has_value() && *status == 0) << lab.records.ptzdLog();
     return true;
 }
 

@@ -85,7 +85,7 @@ Verdict Player::play(const Sequence& sequence)
         }
         at = "the end";
         settle();
-        require(lab_.ptzdLog().find("Sanitizer") == std::string::npos, lab_.ptzdLog());
+        require(lab_.records.ptzdLog().find("Sanitizer") == std::string::npos, lab_.records.ptzdLog());
     } catch (const Mismatch& mismatch) {
         return {at + ": " + mismatch.text};
     } catch (const Inconclusive&) {
@@ -98,7 +98,7 @@ Verdict Player::play(const Sequence& sequence)
 void Player::begin(const Sequence& sequence)
 {
     endDaemon(); // it might still save into the fresh settings
-    lab_.setSpeed(MODEL_CLOCK_SPEED);
+    lab_.clock.setSpeed(MODEL_CLOCK_SPEED);
     model_.storedPresets = {};
     model_.world.plans = {Plan{}};
     model_.world.settings = {TourSettings{}};
@@ -112,8 +112,8 @@ void Player::begin(const Sequence& sequence)
         text += "config motor '" + axis.section + "'\n" + optionLine("steps", stored.at(axis.section + ".steps")) +
                 optionLine("speed", stored.at(axis.section + ".speed"));
     write("ptzd", text + "config preset_config 'preset_config'\n");
-    lab_.heal(LAB_PAN);
-    lab_.heal(LAB_TILT);
+    lab_.motors.clearFaults(LAB_PAN);
+    lab_.motors.clearFaults(LAB_TILT);
     restart(true);
 }
 
@@ -148,8 +148,8 @@ void Player::change(const Step& step)
             axis.speedOption = axis.speedInFile = numberOf(step);
     }
     if (step.verb == "@wall") {
-        model_.world.setWall(step.text, lab_.labTimeNs());
-        lab_.setWall(step.text);
+        model_.world.setWall(step.text, lab_.clock.nowNs());
+        lab_.clock.setWall(step.text);
     }
     if (step.verb == "@tour")
         model_.motions.mayReload();
@@ -169,7 +169,7 @@ void Player::run(const Step& step)
     const bool mayTour = step.verb.starts_with("reload_") || step.verb.starts_with("@tour") || step.verb == "@wall" ||
                          step.verb == "set_plan_config";
     const auto armedNs = model_.saveArmedNs();
-    if (armedNs && (mayTour || lab_.labTimeNs() > *armedNs + SAVE_MARGIN_NS)) {
+    if (armedNs && (mayTour || lab_.clock.nowNs() > *armedNs + SAVE_MARGIN_NS)) {
         settle();
         awaitSave();
     }
@@ -181,8 +181,8 @@ void Player::run(const Step& step)
         if (step.verb == "@saved")
             return;
         // For longer than the period of any save nobody may look at the axes.
-        const int64_t end = lab_.labTimeNs() + SAVE_PERIOD_NS * 11 / 10;
-        require(waitUntil([&] { return lab_.labTimeNs() >= end; }, timeout), "the lab's clock does not run");
+        const int64_t end = lab_.clock.nowNs() + SAVE_PERIOD_NS * 11 / 10;
+        require(waitUntil([&] { return lab_.clock.nowNs() >= end; }, timeout), "the lab's clock does not run");
         settle();
     } else if (step.verb == "@tours") {
         for (int i = std::stoi(step.text); i > 0 && awaitTour(); --i)
@@ -190,7 +190,7 @@ void Player::run(const Step& step)
     } else if (step.verb == "@nap") {
         std::this_thread::sleep_for(std::chrono::microseconds(std::stol(step.text)));
     } else if (step.verb == "@fault") {
-        lab_.failRequest(step.text[0] == 'x' ? LAB_PAN : LAB_TILT, requestNamed(step.text.substr(2)));
+        lab_.motors.failRequest(step.text[0] == 'x' ? LAB_PAN : LAB_TILT, requestNamed(step.text.substr(2)));
     } else if (step.verb == "@crash" || step.verb == "@power") {
         restart(step.verb == "@power");
     } else if (step.verb[0] == '@') {
@@ -208,9 +208,9 @@ void Player::callMethod(const Step& step)
         (step.verb.ends_with("Preset") && model_.calibrating && model_.speedsDiffer()))
         settle();
     const auto armedNs = model_.saveArmedNs();
-    const int64_t calledNs = lab_.labTimeNs();
+    const int64_t calledNs = lab_.clock.nowNs();
     const std::string reply = lab_.call(step.verb, step.text);
-    const int64_t repliedNs = lab_.labTimeNs();
+    const int64_t repliedNs = lab_.clock.nowNs();
     if (armedNs && repliedNs >= *armedNs + SAVE_PERIOD_NS)
         throw Inconclusive{};
     evidence_.load(lab_);
@@ -224,8 +224,8 @@ void Player::callMethod(const Step& step)
 
 void Player::endDaemon()
 {
-    if (lab_.ptzdPid() != 0)
-        require(lab_.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
+    if (lab_.programs.ptzdPid() != 0)
+        require(lab_.programs.killPtzd(SIGKILL).has_value(), "the daemon cannot be killed");
 }
 
 void Player::restart(bool powerLoss)
@@ -235,31 +235,31 @@ void Player::restart(bool powerLoss)
     std::error_code ignored;
     fs::remove_all(lab_.folder() + "/tmp/.uci", ignored);
     if (powerLoss)
-        lab_.powerLoss();
+        lab_.motors.powerLoss();
     for (const LabAxisId axis : AXES) {
-        const LabAxisNow now = lab_.axisNow(axis);
+        const LabAxisNow now = lab_.motors.now(axis);
         model_.axes[axis].count = now.count;
         model_.axes[axis].shaft = now.shaft;
         model_.axes[axis].moving = now.running != 0;
     }
-    lab_.forget();
+    lab_.records.clear();
     evidence_ = Evidence{};
-    require(lab_.startPtzd(), "the daemon does not start: " + lab_.error());
+    require(lab_.programs.startPtzd(), "the daemon does not start: " + lab_.error());
     if (resident_ == 0)
         learnThreads();
     evidence_.load(lab_);
     model_.start();
     settle();
-    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.ptzdPid()) + "/task"))
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(lab_.programs.ptzdPid()) + "/task"))
         evidence_.lasting.insert(static_cast<pid_t>(std::stol(task.path().filename())));
-    evidence_.lasting.erase(lab_.ptzdPid());
+    evidence_.lasting.erase(lab_.programs.ptzdPid());
 }
 
 int Player::threads() const
 {
     // The links of the folder, not its entries: a thread that ends while they are listed hides the ones after it.
     std::error_code problem;
-    const auto links = fs::hard_link_count("/proc/" + std::to_string(lab_.ptzdPid()) + "/task", problem);
+    const auto links = fs::hard_link_count("/proc/" + std::to_string(lab_.programs.ptzdPid()) + "/task", problem);
     return problem ? 0 : static_cast<int>(links) - 2;
 }
 
@@ -277,7 +277,7 @@ void Player::learnThreads()
 bool Player::settled()
 {
     const auto busy = [this] {
-        return lab_.axisNow(LAB_PAN).running != 0 || lab_.axisNow(LAB_TILT).running != 0 || threads() > resident_;
+        return lab_.motors.now(LAB_PAN).running != 0 || lab_.motors.now(LAB_TILT).running != 0 || threads() > resident_;
     };
     if (busy())
         return false;
@@ -293,14 +293,14 @@ void Player::settle()
 {
     // Twice: a thread may still have been about to read the axes when the idle notification was seen.
     if (!waitUntil([this] { return settled() && settled(); }, timeout)) {
-        require(lab_.ptzdPid() != 0, "the daemon has ended:\n" + lab_.ptzdLog());
+        require(lab_.programs.ptzdPid() != 0, "the daemon has ended:\n" + lab_.records.ptzdLog());
         throw Mismatch{"the head does not come to rest, " + model_.describe() + ", " + evidence_.wrongEvents() + ", " +
                        std::to_string(threads()) + " threads of " + std::to_string(resident_)};
     }
     const auto armedNs = model_.saveArmedNs();
     if (!model_.atRest && armedNs && saveIsLate(*armedNs))
         throw Inconclusive{};
-    const LabAxisNow now[] = {lab_.axisNow(LAB_PAN), lab_.axisNow(LAB_TILT)};
+    const LabAxisNow now[] = {lab_.motors.now(LAB_PAN), lab_.motors.now(LAB_TILT)};
     const size_t seen = evidence_.entries.size();
     evidence_.load(lab_);
     if (evidence_.entries.size() != seen)
@@ -322,7 +322,7 @@ bool Player::awaitTour()
     std::this_thread::sleep_for(50ms); // several cycles of the touring thread
     settle();
     model_.motions.keepReloaded();
-    const std::set<bool> moves = model_.motions.tourMoves(lab_.labTimeNs());
+    const std::set<bool> moves = model_.motions.tourMoves(lab_.clock.nowNs());
     if (moves.size() != 1)
         return false;
     const auto steps = [this] {
@@ -330,14 +330,14 @@ bool Player::awaitTour()
                              [](const Notification& seen) { return seen.moving && seen.origin == ORIGIN_TOUR; });
     };
     const auto before = steps();
-    const int64_t end = lab_.labTimeNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
+    const int64_t end = lab_.clock.nowNs() + (*moves.begin() ? WHENEVER / 2 : 5 * SECOND_NS);
     const auto doneOrOver = [&] {
         evidence_.load(lab_);
-        return steps() > before || lab_.labTimeNs() > end;
+        return steps() > before || lab_.clock.nowNs() > end;
     };
-    lab_.setSpeed(4 * MODEL_CLOCK_SPEED);
+    lab_.clock.setSpeed(4 * MODEL_CLOCK_SPEED);
     const bool done = waitUntil(doneOrOver, timeout);
-    lab_.setSpeed(MODEL_CLOCK_SPEED);
+    lab_.clock.setSpeed(MODEL_CLOCK_SPEED);
     require(done, "the tour does not move the head, " + model_.describe());
     return steps() > before;
 }
@@ -358,7 +358,7 @@ void Player::awaitSave()
 /// A save that was armed then may have come unseen.
 bool Player::saveIsLate(int64_t armedNs) const
 {
-    return lab_.labTimeNs() >= armedNs + SAVE_PERIOD_NS;
+    return lab_.clock.nowNs() >= armedNs + SAVE_PERIOD_NS;
 }
 
 void Player::compareFile()

@@ -37,10 +37,10 @@ TEST_F(HeadInTheLab, RefusesMissingAndMistypedArgumentsWithAReport)
             EXPECT_EQ(lab.call(method, wrong), REFUSED_PARAM) << method << wrong;
         EXPECT_TRUE(reported(function, "UBUS: Invalied parameter.")) << method;
     }
-    const std::string before = lab.ptzdLog();
+    const std::string before = lab.records.ptzdLog();
     EXPECT_EQ(lab.call("moveStep", R"({"direction":"360"})"), REFUSED_PARAM);
     EXPECT_EQ(lab.call("moveTo", coords(151, 0)), REFUSED_PARAM);
-    EXPECT_EQ(lab.ptzdLog(), before) << "what is merely out of range is refused without a word";
+    EXPECT_EQ(lab.records.ptzdLog(), before) << "what is merely out of range is refused without a word";
     EXPECT_EQ(requests("MOVE") + requests("ROTATE"), 0);
 }
 
@@ -57,7 +57,7 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
     }
     EXPECT_EQ(caller.call("moveTo"), 0);
     ASSERT_TRUE(settled());
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1600) << "of equal names the first counts";
+    EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600) << "of equal names the first counts";
 
     const std::string huge(60 * 1024, '9');
     blob_buf_init(&message, 0);
@@ -75,7 +75,7 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
     blob_buf_init(&message, 0);
     blobmsg_add_field(&message, BLOBMSG_TYPE_INT32, "x", "30", 2);
     EXPECT_EQ(caller.call("move"), -64302);
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, 1600);
+    EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600);
 }
 
 } // namespace

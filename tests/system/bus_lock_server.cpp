@@ -2,7 +2,7 @@
 // daemon's place in a lab, so that bus_lock_test.cpp can tell what its callers feel of the notifications.
 
 #include "core/worker.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_reply.h"
 #include "ubus/notify.h"
 
@@ -40,15 +40,15 @@ void* sendEvents(void*)
     }
 }
 
-int answer(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void answer(const Call& call)
 {
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }
 
-int switchNotifying(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void switchNotifying(const Call& call)
 {
     notifying.store(!notifying.load());
-    return replyCode(connection, request, sent.load());
+    replyCode(call, sent.load());
 }
 
 ubus_method methods[2];

@@ -43,7 +43,7 @@ TEST_F(BusLock, CallersFeelNothingOfNotifications)
     options.ptzd = BUS_LOCK_SERVER;
     options.waitCalibrated = false;
     ASSERT_TRUE(lab.up(options)) << lab.error();
-    ASSERT_TRUE(waitUntil([&] { return lab.call("getStatus") == DONE; }, DEADLINE)) << lab.ptzdLog();
+    ASSERT_TRUE(waitUntil([&] { return lab.call("getStatus") == DONE; }, DEADLINE)) << lab.records.ptzdLog();
     const auto length = std::chrono::milliseconds(repetitions(2000, 20000));
     const struct {
         const char* name;
@@ -51,7 +51,7 @@ TEST_F(BusLock, CallersFeelNothingOfNotifications)
         std::chrono::milliseconds patience; // CET's, during which nobody else may wait
     } cases[] = {{"answers", CET_OK, 1000ms}, {"answers late", CET_LATE, 600ms}, {"never answers", CET_SILENT, 1000ms}};
     for (const auto& one : cases) {
-        lab.setCet(one.mode, 600);
+        lab.cet.setAnswer(one.mode, 600);
         const Times quiet = roundTrips(length);
         const std::string before = lab.call("switchNotifying");
         const Times busy = roundTrips(length);
@@ -66,8 +66,8 @@ TEST_F(BusLock, CallersFeelNothingOfNotifications)
         EXPECT_NE(before, after) << "nothing was sent";
         EXPECT_LT(busy.back(), one.patience) << "a caller waited for CET";
     }
-    EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
-    EXPECT_NE(lab.ptzdPid(), 0);
+    EXPECT_EQ(lab.records.ptzdLog().find("Sanitizer"), std::string::npos) << lab.records.ptzdLog();
+    EXPECT_NE(lab.programs.ptzdPid(), 0);
 }
 
 } // namespace

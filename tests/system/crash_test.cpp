@@ -114,7 +114,8 @@ protected:
         EXPECT_TRUE(presets == 0 || presets == 8) << presets;
         for (const char* always : {"config", "x_motor", "y_motor", "preset_config"})
             EXPECT_TRUE(settings.contains(always)) << always;
-        EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps").has_value(), lab.uciGet("ptzd.y_motor.steps").has_value());
+        EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps").has_value(),
+                  lab.settings.get("ptzd.y_motor.steps").has_value());
         // A deletion takes the first entry, a preset's, out of the plan.
         std::map<std::string, int> plan = sections("ptz_plan");
         EXPECT_TRUE(!plan.contains("monday_1") || plan["monday_1"] == 4) << plan["monday_1"];
@@ -123,14 +124,14 @@ protected:
     /// Starts the daemon and expects the head where the settings say that it stood.
     void expectRightStart()
     {
-        const std::string pan = lab.uciGet("ptzd.x_motor.steps").value_or("1500");
-        const std::string tilt = lab.uciGet("ptzd.y_motor.steps").value_or("550");
-        ASSERT_TRUE(lab.startPtzd()) << lab.error();
+        const std::string pan = lab.settings.get("ptzd.x_motor.steps").value_or("1500");
+        const std::string tilt = lab.settings.get("ptzd.y_motor.steps").value_or("550");
+        ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
         ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
         expectAt(std::stoi(pan), std::stoi(tilt));
         const std::string status = lab.call("getStatus");
         EXPECT_TRUE(status.starts_with(R"({"error_code":0,"status":)")) << status;
-        EXPECT_EQ(lab.ptzdLog().find("week["), std::string::npos) << "a plan that is not valid";
+        EXPECT_EQ(lab.records.ptzdLog().find("week["), std::string::npos) << "a plan that is not valid";
     }
     /// Open descriptors of a process.
     static int64_t descriptors(pid_t pid)
@@ -147,21 +148,21 @@ TEST_F(Crash, LeavesEverythingWholeAndTheNextStartRight)
     const int kills = repetitions(20, 1000);
     for (int round = 0; round < kills && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
-        const std::string before = lab.uciGet("ptzd.x_motor.steps").value_or("");
+        const std::string before = lab.settings.get("ptzd.x_motor.steps").value_or("");
         const bool orderly = round % 5 == 4; // every state for SIGTERM, too
         {
             const Load load(lab, static_cast<unsigned>(random()));
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 250'000));
-            const auto status = lab.killPtzd(orderly ? SIGTERM : SIGKILL);
-            ASSERT_TRUE(status.has_value()) << lab.ptzdLog();
-            EXPECT_TRUE(!orderly || *status == 0) << *status << "\n" << lab.ptzdLog();
+            const auto status = lab.programs.killPtzd(orderly ? SIGTERM : SIGKILL);
+            ASSERT_TRUE(status.has_value()) << lab.records.ptzdLog();
+            EXPECT_TRUE(!orderly || *status == 0) << *status << "\n" << lab.records.ptzdLog();
             answered += load.answered();
         }
         if (round % 2 == 0)
-            lab.powerLoss();
-        lab.forget();
+            lab.motors.powerLoss();
+        lab.records.clear();
         expectWholeSettings();
-        saved += lab.uciGet("ptzd.x_motor.steps").value_or("") == before ? 0 : 1;
+        saved += lab.settings.get("ptzd.x_motor.steps").value_or("") == before ? 0 : 1;
         expectRightStart();
     }
     std::printf("%d ends in the middle of %d answered calls; %d of them left another position\n", kills, answered,
@@ -173,7 +174,7 @@ TEST_F(Crash, LeavesEverythingWholeAndTheNextStartRight)
 TEST_F(Crash, OfTheBusUnderLoadIsSurvived)
 {
     upBusy();
-    const pid_t pid = lab.ptzdPid();
+    const pid_t pid = lab.programs.ptzdPid();
     const int64_t open = descriptors(pid);
     int answered = 0;
     const int restarts = repetitions(4, 200);
@@ -181,19 +182,19 @@ TEST_F(Crash, OfTheBusUnderLoadIsSurvived)
         SCOPED_TRACE("round " + std::to_string(round));
         const Load load(lab, static_cast<unsigned>(random()));
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 150'000));
-        ASSERT_TRUE(lab.stopBus());
-        ASSERT_TRUE(lab.startBus()) << lab.error();
+        ASSERT_TRUE(lab.programs.stopBus());
+        ASSERT_TRUE(lab.programs.startBus()) << lab.error();
         ASSERT_TRUE(waitUntil([&] { return lab.call("checkMotorStatus") == R"({"err_code":0})"; }, DEADLINE));
         answered += load.answered();
     }
     std::printf("%d restarts of the bus between %d answered calls\n", restarts, answered);
-    EXPECT_EQ(lab.ptzdPid(), pid);
-    lab.realTime();
+    EXPECT_EQ(lab.programs.ptzdPid(), pid);
+    lab.clock.realTime();
     ASSERT_TRUE(waitUntil([&] { return lab.invoke("CET", "notify_motor_idle").status == 0; }, DEADLINE));
     EXPECT_EQ(lab.call("stop"), DONE);
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(100ms); // two ticks of the poll
-    lab.forget();
+    lab.records.clear();
     EXPECT_EQ(lab.call("moveTo", coords(-70, 30)), DONE);
     EXPECT_TRUE(settled()) << "both notifications come again";
     expectAt(800, 910);

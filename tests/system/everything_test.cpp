@@ -88,22 +88,22 @@ protected:
         const auto axis = static_cast<LabAxisId>(random() % 2);
         const auto request = static_cast<LabRequest>(LAB_SET_POSITION + random() % (LAB_STOP - LAB_SET_POSITION + 1));
         const auto set = [&](const char* tuple, const char* one, const char* other) {
-            EXPECT_TRUE(lab.uciSet(tuple, random() % 2 ? one : other)) << lab.error();
+            EXPECT_TRUE(lab.settings.set(tuple, random() % 2 ? one : other)) << lab.error();
         };
         switch (random() % 16) {
         case 0:
         case 1:
         case 2:
-            lab.failRequest(axis, request, static_cast<int32_t>(1 + random() % 3));
+            lab.motors.failRequest(axis, request, static_cast<int32_t>(1 + random() % 3));
             break;
         case 3:
-            lab.delayRequest(axis, request, static_cast<int32_t>(random() % 50));
+            lab.motors.delayRequest(axis, request, static_cast<int32_t>(random() % 50));
             break;
         case 4:
-            EXPECT_TRUE(lab.heal(axis));
+            EXPECT_TRUE(lab.motors.clearFaults(axis));
             break;
         case 5:
-            lab.setCet(static_cast<LabCetMode>(random() % 4), 100); // not silent: that takes a second each
+            lab.cet.setAnswer(static_cast<LabCetMode>(random() % 4), 100); // not silent: that takes a second each
             break;
         case 6:
             set("lens_mask.lens_mask_info.enabled", "on", "off");
@@ -121,10 +121,10 @@ protected:
             set("tour.tour_info.tour_type", "1", "2");
             break;
         case 11:
-            if (lab.labTimeNs() < nextRestartNs_)
+            if (lab.clock.nowNs() < nextRestartNs_)
                 break; // the daemon is back two seconds after the last one
-            EXPECT_TRUE(lab.stopBus() && lab.startBus()) << lab.error();
-            nextRestartNs_ = lab.labTimeNs() + 100 * SECOND;
+            EXPECT_TRUE(lab.programs.stopBus() && lab.programs.startBus()) << lab.error();
+            nextRestartNs_ = lab.clock.nowNs() + 100 * SECOND;
             ++busRestarts_;
             break;
         default:
@@ -135,10 +135,11 @@ protected:
     /// Brings the head back to where a motion is possible and told.
     void calm()
     {
-        EXPECT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
-        lab.setCet(CET_OK);
-        EXPECT_TRUE(lab.uciSet("tour.tour_info.enabled", "off") && lab.uciSet("image.switch.flip_type", "off") &&
-                    lab.uciSet("lens_mask.lens_mask_info.enabled", "off"));
+        EXPECT_TRUE(lab.motors.clearFaults(LAB_PAN) && lab.motors.clearFaults(LAB_TILT));
+        lab.cet.setAnswer(CET_OK);
+        EXPECT_TRUE(lab.settings.set("tour.tour_info.enabled", "off") &&
+                    lab.settings.set("image.switch.flip_type", "off") &&
+                    lab.settings.set("lens_mask.lens_mask_info.enabled", "off"));
         const auto done = [&](const char* method) {
             EXPECT_TRUE(waitUntil([&] { return lab.call(method).find("code\":0") != std::string::npos; }, DEADLINE))
                 << method << ": " << lab.call(method);
@@ -151,7 +152,8 @@ protected:
         // A calibration that failed, or that a rotation test disturbed, has left the drivers with wrong positions.
         done("manualCalibrate");
         done("checkMotorStatus");
-        EXPECT_TRUE(waitUntil([&] { return !lab.actions().empty() && lab.actions().back() == "stop"; }, DEADLINE));
+        EXPECT_TRUE(waitUntil([&] { return !lab.records.actions().empty() && lab.records.actions().back() == "stop"; },
+                              DEADLINE));
     }
 
     std::atomic<bool> ending_{false};
@@ -171,24 +173,24 @@ TEST_F(Everything, AtOnceHarmsNothing)
     options.clockSpeed = SPEED;
     options.wallClock = "2031-05-05 11:30:00"; // a Monday, whose second range is near
     up(options);
-    const pid_t daemon = lab.ptzdPid();
-    const int64_t end = lab.labTimeNs() + repetitions(100, 3600) * SECOND;
-    nextRestartNs_ = lab.labTimeNs() + 20 * SECOND;
+    const pid_t daemon = lab.programs.ptzdPid();
+    const int64_t end = lab.clock.nowNs() + repetitions(100, 3600) * SECOND;
+    nextRestartNs_ = lab.clock.nowNs() + 20 * SECOND;
     std::vector<std::thread> clients;
     for (unsigned client = 0; client < 4; ++client)
         clients.emplace_back([this, client, seed] { callOn(seed + client); });
-    while (lab.labTimeNs() < end && lab.ptzdPid() == daemon)
+    while (lab.clock.nowNs() < end && lab.programs.ptzdPid() == daemon)
         disturb(random);
     ending_.store(true);
     for (std::thread& client : clients)
         client.join();
-    ASSERT_EQ(lab.ptzdPid(), daemon) << lab.ptzdLog();
+    ASSERT_EQ(lab.programs.ptzdPid(), daemon) << lab.records.ptzdLog();
     std::printf("%d calls answered, %d not, %d bus restarts\n", answered_.load(), unanswered_.load(), busRestarts_);
     EXPECT_GT(answered_.load(), 100); // those that come while the bus is gone fail at once
 
     calm();
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
-    lab.forget();
+    lab.records.clear();
     EXPECT_EQ(lab.call("moveTo", coords(30, 10)), DONE);
     ASSERT_TRUE(settled());
     expectAt(1800, 710);

@@ -107,7 +107,7 @@ protected:
     {
         fill();
         RawCaller caller(lab);
-        const pid_t pid = lab.ptzdPid();
+        const pid_t pid = lab.programs.ptzdPid();
         std::string before = stored();
         for (const Hostile& one : all) {
             SCOPED_TRACE(one.what);
@@ -121,10 +121,10 @@ protected:
                 before = stored();
             }
         }
-        EXPECT_EQ(lab.ptzdPid(), pid);
+        EXPECT_EQ(lab.programs.ptzdPid(), pid);
         // What was stored last is what the next start finds.
-        ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-        ASSERT_TRUE(lab.startPtzd()) << lab.error();
+        ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+        ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
         EXPECT_EQ(stored(), before);
     }
 };

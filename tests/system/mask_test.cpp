@@ -13,13 +13,13 @@ class Mask : public HeadInTheLab {
 protected:
     std::string mask(const char* enabled)
     {
-        EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", enabled));
+        EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", enabled));
         return lab.call("lensMask");
     }
     void expectStored(const char* pan, const char* tilt)
     {
-        EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), pan);
-        EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), tilt);
+        EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps"), pan);
+        EXPECT_EQ(lab.settings.get("ptzd.y_motor.steps"), tilt);
     }
 };
 
@@ -33,14 +33,14 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     ASSERT_TRUE(settled());
     EXPECT_EQ(mask("on"), FOLLOWED);
     ASSERT_TRUE(settled(2));
-    const int64_t masked = lab.labTimeNs();
-    ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - masked > 25'000'000'000; }, DEADLINE));
+    const int64_t masked = lab.clock.nowNs();
+    ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - masked > 25'000'000'000; }, DEADLINE));
     expectStored("1800", "710");
-    ASSERT_TRUE(lab.killPtzd(SIGTERM).has_value());
+    ASSERT_TRUE(lab.programs.killPtzd(SIGTERM).has_value());
     expectStored("1800", "710");
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
+    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     expectAt(1800, 0); // pan where it stood, the lens hidden
-    lab.forget();
+    lab.records.clear();
     EXPECT_EQ(mask("off"), FOLLOWED);
     ASSERT_TRUE(settled());
     expectAt(1800, 710);
@@ -52,7 +52,7 @@ TEST_F(Mask, HidesTheLensThoughNothingCanBeStored)
     goTo(30, 10);
     // Nothing can be put where the changes of a package are saved.
     const std::filesystem::path saves = lab.folder() + "/tmp/.uci";
-    EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", "on"));
+    EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", "on"));
     std::filesystem::remove_all(saves);
     std::ofstream(saves) << "no folder";
     EXPECT_EQ(lab.call("lensMask"), FOLLOWED);

@@ -20,16 +20,16 @@ TEST_F(HeadInTheLab, ReportsEveryWayThatCetCanFail)
     up();
     int motions = 0;
     for (const auto& one : cases) {
-        lab.setCet(one.mode);
+        lab.cet.setAnswer(one.mode);
         EXPECT_EQ(lab.call("moveTo", coords(motions % 2 == 0 ? 30 : 0, 0)), DONE);
         ASSERT_TRUE(settled(++motions));
         EXPECT_TRUE(reported(one.function, one.report)) << one.report;
     }
-    lab.setCet(CET_LATE, 300);
-    const std::string before = lab.ptzdLog();
+    lab.cet.setAnswer(CET_LATE, 300);
+    const std::string before = lab.records.ptzdLog();
     EXPECT_EQ(lab.call("moveTo", coords(-30, 0)), DONE);
     ASSERT_TRUE(settled(++motions));
-    EXPECT_EQ(lab.ptzdLog(), before) << "an answer within the second is in time";
+    EXPECT_EQ(lab.records.ptzdLog(), before) << "an answer within the second is in time";
 }
 
 /// Median and worst of repeated round trips.
@@ -55,9 +55,9 @@ TEST_F(HeadInTheLab, AnswersAtOnceWhileANotificationWaitsForCet)
     };
     const Latency quiet = measure();
     EXPECT_EQ(lab.call("moveTo", coords(30, 0)), DONE);
-    lab.setCet(CET_SILENT);
+    lab.cet.setAnswer(CET_SILENT);
     // From here the idle notification hangs for a second, with MotionStateLock held.
-    ASSERT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
+    ASSERT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
     const Latency busy = measure();
     std::printf("round trip, median and worst: quiet %ld %ld us, during a notification %ld %ld us\n",
                 static_cast<long>(quiet.median.count()), static_cast<long>(quiet.worst.count()),

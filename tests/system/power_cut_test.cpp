@@ -163,7 +163,7 @@ protected:
         });
         std::this_thread::sleep_for(pause);
         killing = true;
-        const bool restarted = lab.killPtzd(SIGKILL).has_value() && lab.startPtzd();
+        const bool restarted = lab.programs.killPtzd(SIGKILL).has_value() && lab.programs.startPtzd();
         caller.join();
         EXPECT_TRUE(restarted) << lab.error();
         const std::string presets = presetsNow();

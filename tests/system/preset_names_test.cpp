@@ -99,8 +99,8 @@ TEST_F(PresetNames, AreStoredExactlyOrRefused)
         std::string changes;
         EXPECT_EQ(lab.run({"uci", "changes"}, changes), 0);
         EXPECT_EQ(changes, "");
-        ASSERT_EQ(lab.killPtzd(SIGKILL).has_value(), true);
-        ASSERT_TRUE(lab.startPtzd()) << lab.error();
+        ASSERT_EQ(lab.programs.killPtzd(SIGKILL).has_value(), true);
+        ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
         EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]");
         EXPECT_EQ(show(), exported);
     };
@@ -109,7 +109,7 @@ TEST_F(PresetNames, AreStoredExactlyOrRefused)
             id = 1;
         const std::string place = std::to_string(id);
         EXPECT_EQ(set(id, name), R"({"name":)" + quoted(name) + R"(,"id":")" + place + R"(","error_code":0})");
-        EXPECT_EQ(lab.uciGet("ptzd.preset_" + place + ".name"), name) << quoted(name);
+        EXPECT_EQ(lab.settings.get("ptzd.preset_" + place + ".name"), name) << quoted(name);
         shown.resize(std::max<size_t>(shown.size(), static_cast<size_t>(id)));
         shown[static_cast<size_t>(id) - 1] = quoted(name);
         if (id == 8)
@@ -126,11 +126,11 @@ TEST_F(PresetNames, AreStoredExactlyOrRefused)
 
     // An empty name is stored as none, which is read as the section's.
     EXPECT_EQ(set(3, ""), R"({"name":"","id":"3","error_code":0})");
-    EXPECT_EQ(lab.uciGet("ptzd.preset_3.name"), std::nullopt);
+    EXPECT_EQ(lab.settings.get("ptzd.preset_3.name"), std::nullopt);
     shown[2] = R"("")";
     EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]");
-    ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
+    ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     shown[2] = R"("preset_3")";
     EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]");
 }
@@ -159,7 +159,7 @@ TEST_F(PresetNames, AreReadInEveryFormOfTheFile)
     shown.push_back(R"("one more")");
     EXPECT_EQ(names(), R"("name":[)" + joined(shown) + "]") << "rewritten in the daemon's own form";
     for (size_t i = 0; i < std::size(meant); ++i)
-        EXPECT_EQ(lab.uciGet("ptzd.preset_" + std::to_string(i + 1) + ".name"), meant[i]);
+        EXPECT_EQ(lab.settings.get("ptzd.preset_" + std::to_string(i + 1) + ".name"), meant[i]);
 }
 
 } // namespace

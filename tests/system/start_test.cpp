@@ -44,13 +44,13 @@ protected:
     /// Expects the daemon to give up with status 255 and its closing reports.
     void expectFailedStart(const std::string& report)
     {
-        (void)lab.startPtzd(); // it is expected to fail
-        const auto status = lab.waitPtzd(DEADLINE);
-        ASSERT_TRUE(status.has_value()) << "still runs\n" << lab.ptzdLog();
+        (void)lab.programs.startPtzd(); // it is expected to fail
+        const auto status = lab.programs.waitPtzd(DEADLINE);
+        ASSERT_TRUE(status.has_value()) << "still runs\n" << lab.records.ptzdLog();
         EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
-        EXPECT_TRUE(reported("PtzdInit", report)) << lab.ptzdLog();
+        EXPECT_TRUE(reported("PtzdInit", report)) << lab.records.ptzdLog();
         EXPECT_TRUE(reported("main", "initialize failed."));
-        EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
+        EXPECT_EQ(lab.records.ptzdLog().find("Sanitizer"), std::string::npos) << lab.records.ptzdLog();
     }
     std::string console()
     {
@@ -65,7 +65,7 @@ TEST_F(Start, FailsOnACapabilityThatMakesNoSense)
     upWithoutDaemon();
     for (const LabAxisSetting nonsense :
          {LabAxisSetting{0, 8, 3000}, LabAxisSetting{300, 8, -1}, LabAxisSetting{300, 0, 3000}}) {
-        lab.reportCapability(LAB_PAN, nonsense);
+        lab.motors.reportCapability(LAB_PAN, nonsense);
         expectFailedStart("can't init x-motor device file");
     }
 }
@@ -73,18 +73,18 @@ TEST_F(Start, FailsOnACapabilityThatMakesNoSense)
 TEST_F(Start, EndsOrderlyWhileItWaitsForADevice)
 {
     upWithoutDaemon();
-    ASSERT_TRUE(lab.setNode(LAB_TILT, false));
-    (void)lab.startPtzd();
+    ASSERT_TRUE(lab.motors.setNode(LAB_TILT, false));
+    (void)lab.programs.startPtzd();
     EXPECT_TRUE(reported("motorInit", "can't open /dev/y-motor file, sleep 1 second and retry"));
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
-    EXPECT_EQ(lab.ptzdLog().find("initialize failed"), std::string::npos);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.records.ptzdLog().find("initialize failed"), std::string::npos);
 }
 
 TEST_F(Start, GivesUpWithoutABusAndSaysSoOnTheConsole)
 {
     upWithoutDaemon();
     std::ofstream(lab.folder() + "/dev/console").flush(); // a console to write to
-    ASSERT_TRUE(lab.stopBus());
+    ASSERT_TRUE(lab.programs.stopBus());
     const auto started = std::chrono::steady_clock::now();
     expectFailedStart("ubus error.");
     EXPECT_GE(std::chrono::steady_clock::now() - started, 2900ms) << "three attempts, each followed by a second";
@@ -106,7 +106,7 @@ TEST_F(Start, WorksWithoutStandardInputAndOutput)
     up(options);
     EXPECT_EQ(lab.call("moveTo"), REFUSED_PARAM); // which writes to the console
     goTo(30, 0);
-    EXPECT_NE(lab.messageLog().find("Invalied parameter."), std::string::npos);
+    EXPECT_NE(lab.records.messageLog().find("Invalied parameter."), std::string::npos);
 }
 
 TEST_F(Start, SkipsTheRotationsInFactoryMode)
@@ -133,7 +133,8 @@ TEST_F(Start, WorksWithTheSystemsOwnTimers)
         EXPECT_EQ(lab.call("moveTo", coords(10 * motions, 0)), DONE);
         ASSERT_TRUE(settled(motions)) << "the status poll ends each motion";
     }
-    EXPECT_TRUE(waitUntil([&] { return lab.uciGet("ptzd.x_motor.steps") == "2000"; }, DEADLINE)) << "after ten seconds";
+    EXPECT_TRUE(waitUntil([&] { return lab.settings.get("ptzd.x_motor.steps") == "2000"; }, DEADLINE))
+        << "after ten seconds";
 }
 #endif
 
@@ -143,16 +144,16 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
     const auto limit = std::getenv("PTZD_LONG_TESTS") && !SANITIZED ? 2000ms : 9000ms;
     const auto endsWell = [&](const char* state) {
         const auto started = std::chrono::steady_clock::now();
-        const auto status = lab.killPtzd(SIGTERM);
+        const auto status = lab.programs.killPtzd(SIGTERM);
         const auto took = std::chrono::steady_clock::now() - started;
-        EXPECT_EQ(status, 0) << state << "\n" << lab.ptzdLog();
+        EXPECT_EQ(status, 0) << state << "\n" << lab.records.ptzdLog();
         EXPECT_LT(took, limit) << state;
         std::printf("%s: ended after %ld ms\n", state, static_cast<long>(took / 1ms));
     };
     const auto expectStored = [&](const char* state) {
         ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE)) << state;
-        EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), std::to_string(lab.axisNow(LAB_PAN).shaft)) << state;
-        EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), std::to_string(lab.axisNow(LAB_TILT).shaft)) << state;
+        EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps"), std::to_string(lab.motors.now(LAB_PAN).shaft)) << state;
+        EXPECT_EQ(lab.settings.get("ptzd.y_motor.steps"), std::to_string(lab.motors.now(LAB_TILT).shaft)) << state;
     };
     LabOptions options = slowHead();
     options.waitCalibrated = false;
@@ -161,12 +162,12 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
     endsWell("calibrating");
 
     up(fastHead());
-    lab.setFactor(LAB_PAN, 100);
+    lab.motors.setFactor(LAB_PAN, 100);
     EXPECT_EQ(lab.call("moveTo", coords(150, 0)), DONE);
     endsWell("moving");
 
     up(fastHead());
-    lab.setFactor(LAB_PAN, 250);
+    lab.motors.setFactor(LAB_PAN, 250);
     EXPECT_EQ(lab.call("moveStep", R"({"direction":"180"})"), DONE);
     std::this_thread::sleep_for(50ms);
     endsWell("stepping");
@@ -177,10 +178,10 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
     options.config["tour"] = tourPackage("on", 1, -150, 150);
     options.clockSpeed = 20;
     up(options);
-    lab.setFactor(LAB_PAN, 10);
-    ASSERT_TRUE(waitUntil([&] { return lab.axisNow(LAB_PAN).running != 0; }, DEADLINE)) << "the tour's first step";
+    lab.motors.setFactor(LAB_PAN, 10);
+    ASSERT_TRUE(waitUntil([&] { return lab.motors.now(LAB_PAN).running != 0; }, DEADLINE)) << "the tour's first step";
     endsWell("touring");
-    lab.realTime();
+    lab.clock.realTime();
 
     up(fastHead());
     std::atomic<bool> ending{false};
@@ -195,9 +196,9 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
     expectStored("in the middle of commits");
 
     up(fastHead());
-    lab.setCet(CET_SILENT);
+    lab.cet.setAnswer(CET_SILENT);
     EXPECT_EQ(lab.call("moveTo", coords(10, 0)), DONE);
-    ASSERT_TRUE(waitUntil([&] { return lab.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
+    ASSERT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
     endsWell("during a notification");
 }
 
@@ -207,9 +208,9 @@ TEST_F(HeadInTheLab, EndsAtOnceWithASecondSignal)
     options.waitCalibrated = false;
     ASSERT_TRUE(lab.up(options)) << lab.error();
     ASSERT_TRUE(waitUntil([&] { return requests("ROTATE") > 0; }, DEADLINE));
-    ASSERT_TRUE(sendSignal(lab.ptzdPid(), SIGTERM));
+    ASSERT_TRUE(sendSignal(lab.programs.ptzdPid(), SIGTERM));
     std::this_thread::sleep_for(100ms); // two equal signals at once would count as one
-    const auto status = lab.killPtzd(SIGINT);
+    const auto status = lab.programs.killPtzd(SIGINT);
     ASSERT_TRUE(status.has_value());
     EXPECT_TRUE(WIFEXITED(*status) && (WEXITSTATUS(*status) == 130 || WEXITSTATUS(*status) == 0)) << *status;
 }

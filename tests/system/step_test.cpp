@@ -32,7 +32,7 @@ protected:
             EXPECT_EQ(stopsAfterTheLastMove(axis), 0u) << "the step's stop reached the motion after it";
             const LabJournalEntry last = driving(axis).back();
             const int32_t target = last.shaft + last.left; // as of the request
-            EXPECT_EQ(lab.axisNow(axis).shaft, std::clamp(target, 0, axis == LAB_PAN ? 3000 : 1220));
+            EXPECT_EQ(lab.motors.now(axis).shaft, std::clamp(target, 0, axis == LAB_PAN ? 3000 : 1220));
         }
     }
     /// Turns the step that is under way, or has just ended, to another direction: 30 ticks more, of which part of the
@@ -80,7 +80,7 @@ TEST_F(Step, NeverEndsTheMotionThatCancelsIt)
         }
         ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
         ASSERT_TRUE(settled(0)) << "every begin has its end, even of a step cancelled at once";
-        lab.forget();
+        lab.records.clear();
     }
 }
 

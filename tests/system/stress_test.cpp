@@ -13,16 +13,17 @@ TEST_F(HeadInTheLab, IsBackAfterEveryRestartOfTheBus)
 {
     up(slowHead());
     for (int round = 0; round < repetitions(5, 50); ++round) {
-        lab.forget();
+        lab.records.clear();
         ASSERT_EQ(lab.call("moveTo", coords(round % 2 == 0 ? 60 : 0, 0)), DONE) << round;
-        ASSERT_TRUE(lab.stopBus());
-        ASSERT_TRUE(lab.startBus()) << lab.error();
+        ASSERT_TRUE(lab.programs.stopBus());
+        ASSERT_TRUE(lab.programs.startBus()) << lab.error();
         const auto restarted = std::chrono::steady_clock::now();
         ASSERT_TRUE(waitUntil([&] { return lab.call("checkMotorStatus") == R"({"err_code":0})"; }, DEADLINE)) << round;
         const auto took = std::chrono::steady_clock::now() - restarted;
         EXPECT_LT(took, std::getenv("PTZD_LONG_TESTS") ? 2500ms : 10000ms) << round;
         ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
-        ASSERT_EQ(lab.axisNow(LAB_PAN).shaft, round % 2 == 0 ? 2100 : 1500) << "the motion ends as if nothing happened";
+        ASSERT_EQ(lab.motors.now(LAB_PAN).shaft, round % 2 == 0 ? 2100 : 1500)
+            << "the motion ends as if nothing happened";
         ASSERT_TRUE(waitUntil([&] { return lab.invoke("CET", "notify_motor_idle").status == 0; }, DEADLINE));
     }
 }
@@ -40,8 +41,8 @@ TEST_F(HeadInTheLab, ServesCallersThatWaitForItsStart)
                 answered += lab.invoke("ptzd", "checkMotorStatus", "", 1s).status == 0 ? 1 : 0;
         });
     for (int start = 0; start < repetitions(5, 50); ++start) {
-        ASSERT_TRUE(lab.killPtzd(SIGKILL).has_value());
-        EXPECT_TRUE(lab.startPtzd()) << lab.error();
+        ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+        EXPECT_TRUE(lab.programs.startPtzd()) << lab.error();
         const int before = answered.load();
         EXPECT_TRUE(waitUntil([&] { return answered.load() > before + 10; }, DEADLINE)) << "start " << start;
     }
@@ -76,9 +77,9 @@ TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
     const LabRequest disturbed[] = {LAB_GET_STATUS, LAB_MOVE, LAB_STOP};
     for (int i = 0; i < repetitions(200, 2000); ++i) {
         if (below(4) == 0)
-            lab.failRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)]);
+            lab.motors.failRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)]);
         if (below(4) == 0)
-            lab.delayRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)], below(30));
+            lab.motors.delayRequest(below(2) ? LAB_PAN : LAB_TILT, disturbed[below(3)], below(30));
         const std::string x = std::to_string(below(301) - 150);
         const std::string y = std::to_string(below(100) - 39);
         const std::string coords = R"({"x_coord":")" + x + R"(","y_coord":")" + y + "\"}";
@@ -87,10 +88,10 @@ TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
         EXPECT_TRUE(reply == DONE || reply == REFUSED_DEVICE || reply == REFUSED_NO_TRAVEL) << reply;
         std::this_thread::sleep_for(std::chrono::milliseconds(below(3) == 0 ? below(120) : below(12)));
     }
-    ASSERT_TRUE(lab.heal(LAB_PAN) && lab.heal(LAB_TILT));
+    ASSERT_TRUE(lab.motors.clearFaults(LAB_PAN) && lab.motors.clearFaults(LAB_TILT));
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     ASSERT_TRUE(settled());
-    const auto polled = [&] { return lab.served(LAB_PAN, LAB_GET_STATUS); };
+    const auto polled = [&] { return lab.motors.served(LAB_PAN, LAB_GET_STATUS); };
     uint32_t last = polled();
     EXPECT_TRUE(waitUntil(
         [&] {
@@ -99,7 +100,7 @@ TEST_F(HeadInTheLab, KeepsEveryMotionWholeUnderRandomInterleavings)
         },
         DEADLINE))
         << "the poll runs on";
-    expectAlternation(lab.cetLog());
+    expectAlternation(lab.records.cetLog());
 }
 
 // Commands of a user, changes of presets and plan, and a tour that always wants to go on: the daemon stays in order.
@@ -119,12 +120,12 @@ TEST_F(HeadInTheLab, ToursAndCommandsTogetherLeaveOneIdleForEachMoving)
         EXPECT_EQ(lab.call(round % 2 == 0 ? "stop" : "moveTo", coords(5, 0)), DONE);
         EXPECT_EQ(lab.call("delPreset", R"({"id":["1"]})"), DONE);
     }
-    ASSERT_TRUE(lab.uciSet("tour.tour_info.enabled", "off"));
+    ASSERT_TRUE(lab.settings.set("tour.tour_info.enabled", "off"));
     EXPECT_EQ(lab.call("reload_tour_info"), DONE);
-    lab.realTime();
+    lab.clock.realTime();
     EXPECT_TRUE(settled());
     ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
-    expectAlternation(lab.cetLog());
+    expectAlternation(lab.records.cetLog());
 }
 
 } // namespace

@@ -39,8 +39,8 @@ protected:
 
     void TearDown() override
     {
-        if (lab.ptzdPid() != 0)
-            lab.setSpeed(1); // the daemon gets as much time to end as always
+        if (lab.programs.ptzdPid() != 0)
+            lab.clock.setSpeed(1); // the daemon gets as much time to end as always
         HeadInTheLab::TearDown();
     }
     void setUtc(time_t moment)
@@ -49,9 +49,9 @@ protected:
         tm parts{};
         localtime_r(&moment, &parts);
         strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
-        lab.setSpeed(1);
-        anchors.push_back({lab.labTimeNs(), moment});
-        ASSERT_TRUE(lab.setWall(text)) << lab.error();
+        lab.clock.setSpeed(1);
+        anchors.push_back({lab.clock.nowNs(), moment});
+        ASSERT_TRUE(lab.clock.setWall(text)) << lab.error();
     }
     /// The wall clock at a moment of lab time, in ns since 1970 UTC.
     int64_t wallNs(int64_t labNs) const
@@ -64,10 +64,10 @@ protected:
     /// Lets the clock run to a moment.
     void runTo(time_t moment, double speed)
     {
-        lab.setSpeed(speed);
-        const double left = static_cast<double>(moment * SECOND - wallNs(lab.labTimeNs())) / SECOND / speed;
+        lab.clock.setSpeed(speed);
+        const double left = static_cast<double>(moment * SECOND - wallNs(lab.clock.nowNs())) / SECOND / speed;
         const auto patience = std::chrono::milliseconds(static_cast<int64_t>(left * 1000)) + DEADLINE;
-        ASSERT_TRUE(waitUntil([&] { return wallNs(lab.labTimeNs()) >= moment * SECOND; }, patience));
+        ASSERT_TRUE(waitUntil([&] { return wallNs(lab.clock.nowNs()) >= moment * SECOND; }, patience));
     }
     static std::string dayTime(int64_t ns)
     {
@@ -147,7 +147,7 @@ protected:
         options.config["tour"] = tourPackage("on", 2, 0, 0);
         options.clockSpeed = 20;
         up(options);
-        ASSERT_TRUE(lab.setZone(TWO_EAST)) << lab.error();
+        ASSERT_TRUE(lab.clock.setZone(TWO_EAST)) << lab.error();
         for (int preset = 1; preset <= 4; ++preset) {
             EXPECT_EQ(lab.call("moveTo", coords(steps(preset) / 10 - 150, -6)), DONE);
             ASSERT_TRUE(settled(preset));
@@ -157,10 +157,10 @@ protected:
         }
         EXPECT_EQ(lab.call("set_plan_config", weeklyPlan()), DONE);
         setUtc(utc("05-02 08:00")); // a Friday without an entry near
-        lab.setSpeed(200);
-        const int64_t since = lab.labTimeNs(); // the last motion keeps the tour away for a minute, or two
-        ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - since > 3 * MINUTE; }, DEADLINE));
-        lab.forget();
+        lab.clock.setSpeed(200);
+        const int64_t since = lab.clock.nowNs(); // the last motion keeps the tour away for a minute, or two
+        ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - since > 3 * MINUTE; }, DEADLINE));
+        lab.records.clear();
     }
     /// The visits of the stretches that have passed, as the motors have seen them.
     void expectVisits(const std::vector<Visit>& expected, int64_t mostLate)
@@ -187,8 +187,8 @@ protected:
                     static_cast<double>(median) / SECOND,
                     static_cast<double>(*std::max_element(late.begin(), late.end())) / SECOND);
         EXPECT_TRUE(settled(static_cast<int>(expected.size())));
-        EXPECT_EQ(lab.callsToCet("notify_motor_moving"), static_cast<int>(expected.size()));
-        for (const LabCetEntry& entry : lab.cetLog())
+        EXPECT_EQ(lab.records.callsToCet("notify_motor_moving"), static_cast<int>(expected.size()));
+        for (const LabCetEntry& entry : lab.records.cetLog())
             EXPECT_TRUE(entry.isEvent || entry.text == "3") << "the origin is a tour's";
     }
 };
@@ -200,7 +200,7 @@ TEST_F(PlannedWeek, SendsTheHeadToEachPresetOnceAtItsMinute)
     upWithPlan();
     setUtc(utc("05-03 17:00"));
     runTo(utc("05-07 10:30"), 10000);
-    ASSERT_TRUE(lab.setZone(TWELVE_EAST)) << lab.error();
+    ASSERT_TRUE(lab.clock.setZone(TWELVE_EAST)) << lab.error();
     runTo(utc("05-10 22:00"), 10000);
     expectVisits({std::begin(VISITS), std::end(VISITS)}, 30 * MINUTE);
 }
@@ -230,8 +230,8 @@ TEST_F(PlannedWeek, SendsTheHeadToEachPresetOnceWhereTheDayTurns)
     upWithPlan();
     std::vector<Visit> expected;
     for (const auto& stretch : stretches) {
-        lab.setSpeed(1);
-        ASSERT_TRUE(lab.setZone(stretch.zone)) << lab.error();
+        lab.clock.setSpeed(1);
+        ASSERT_TRUE(lab.clock.setZone(stretch.zone)) << lab.error();
         if (*stretch.from != '\0')
             setUtc(utc(stretch.from));
         runTo(utc(stretch.to), 600);
@@ -251,7 +251,7 @@ protected:
         options.config["tour"] = tourPackage("on", 1, -50, 50, 1320, 360);
         options.clockSpeed = 20;
         up(options);
-        ASSERT_TRUE(lab.setZone(TWO_EAST)) << lab.error();
+        ASSERT_TRUE(lab.clock.setZone(TWO_EAST)) << lab.error();
         setUtc(utc("05-03 19:40")); // 21:40
     }
     std::vector<LabJournalEntry> tourSteps()
@@ -269,25 +269,28 @@ protected:
     /// Lets the tour make its first step, at 22:00, by which its thread is known.
     void begin(double speed)
     {
-        lab.setSpeed(speed);
-        ASSERT_TRUE(waitUntil([&] { return tourStepsMade() > 0; }, DEADLINE * 3)) << lab.ptzdLog();
+        lab.clock.setSpeed(speed);
+        ASSERT_TRUE(waitUntil([&] { return tourStepsMade() > 0; }, DEADLINE * 3)) << lab.records.ptzdLog();
         tour = tourSteps().front().thread;
     }
     /// Runs something that holds the tour for some minutes, and what ends it.
     void interrupt(const std::function<void()>& hold, const std::function<void()>& release)
     {
         // A command that meets a step of the tour only redirects it, so come right after one.
-        lab.setSpeed(20);
+        lab.clock.setSpeed(20);
         const size_t made = tourStepsMade();
         ASSERT_TRUE(waitUntil([&] { return tourStepsMade() > made; }, DEADLINE));
         ASSERT_TRUE(waitUntil(
-            [&] { return lab.callsToCet("notify_motor_idle") == lab.callsToCet("notify_motor_moving"); }, DEADLINE));
+            [&] {
+                return lab.records.callsToCet("notify_motor_idle") == lab.records.callsToCet("notify_motor_moving");
+            },
+            DEADLINE));
         hold();
-        lab.setSpeed(100); // a minute is 0.6 s
+        lab.clock.setSpeed(100); // a minute is 0.6 s
         const size_t before = tourStepsMade();
-        const int64_t since = lab.labTimeNs();
+        const int64_t since = lab.clock.nowNs();
         if (release) {
-            ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - since > 3 * MINUTE; }, DEADLINE));
+            ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - since > 3 * MINUTE; }, DEADLINE));
             EXPECT_EQ(tourStepsMade(), before) << "the tour is held";
             release();
         }
@@ -301,14 +304,14 @@ protected:
     int64_t restBefore(const LabJournalEntry& step)
     {
         int64_t rest = 0;
-        for (const LabCetEntry& entry : lab.cetLog())
+        for (const LabCetEntry& entry : lab.records.cetLog())
             if (!entry.isEvent && entry.name == "notify_motor_idle" && entry.labNs < step.labNs)
                 rest = entry.labNs;
         return rest;
     }
     void setMask(const char* value)
     {
-        EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", value)) << lab.error();
+        EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", value)) << lab.error();
         EXPECT_EQ(lab.call("lensMask"), R"({"err_code":0})");
     }
     void disturb()
@@ -334,7 +337,7 @@ protected:
         int direction = 1;
         int hasty = 0;
         std::vector<int64_t> idles;
-        for (const LabCetEntry& entry : lab.cetLog())
+        for (const LabCetEntry& entry : lab.records.cetLog())
             if (!entry.isEvent && entry.name == "notify_motor_idle")
                 idles.push_back(entry.labNs);
         for (const LabJournalEntry& step : tourSteps()) {

@@ -65,12 +65,12 @@ TEST_F(MotionRace, TheQuietPeriodsEndUnderTheLockAndOnlyWhenTheHeadRests)
     timerStart(&timers.usrMoveStopTimer, 1, 1);
     timerStart(&timers.scanMoveStopTimer, 1, 1);
     motion.user_moved_recently.store(1);
-    gContext.tour.scanStepDone.store(0);
+    gContext.motion.scanStepDone.store(0);
     motion.motion_active.store(1);
     usrMoveStopTimeout(nullptr);
     scanMoveStopTimeout(nullptr);
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.tour.scanStepDone.load(), 0);
+    EXPECT_EQ(gContext.motion.scanStepDone.load(), 0);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer) && fakes.armed(timers.scanMoveStopTimer));
     motion.motion_active.store(0);
     // A motion that ended in between would arm the timer for its own rest, and lose it.
@@ -85,7 +85,7 @@ TEST_F(MotionRace, TheQuietPeriodsEndUnderTheLockAndOnlyWhenTheHeadRests)
     usrMoveStopTimeout(nullptr);
     scanMoveStopTimeout(nullptr);
     EXPECT_EQ(motion.user_moved_recently.load(), 0);
-    EXPECT_EQ(gContext.tour.scanStepDone.load(), 1);
+    EXPECT_EQ(gContext.motion.scanStepDone.load(), 1);
     EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer) || fakes.armed(timers.scanMoveStopTimer));
 }
 
