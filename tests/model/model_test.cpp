@@ -56,6 +56,23 @@ void report(Player& player, const Sequence& sequence, const Verdict& verdict)
     ADD_FAILURE() << "after " << verdict.mismatch << "\nshrunk to\n" << smallest.print() << "after " << text;
 }
 
+/// The heads that sequences are played on: their travels do not divide evenly, or have fewer steps than coordinates.
+constexpr int HEADS = 3;
+
+LabOptions headOptions(int head)
+{
+    constexpr LabAxisSetting PANS[HEADS] = {{300, 8, 3000}, {301, 7, 2999}, {300, 5, 100}};
+    constexpr LabAxisSetting TILTS[HEADS] = {{122, 8, 1220}, {123, 6, 1001}, {124, 3, 90}};
+    LabOptions options;
+    options.pan = PANS[head];
+    options.tilt = TILTS[head];
+    options.factor = head == 2 ? 20 : 500;
+    options.clockSpeed = MODEL_CLOCK_SPEED;
+    options.slowdown = head == 0 ? 0 : 3;
+    options.environment = {"TZ=UTC0"};
+    return options;
+}
+
 using Maker = Sequence(uint32_t);
 
 bool playAll(Maker* make, int head, uint32_t firstSeed, int count, Tally& tally)
