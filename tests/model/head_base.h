@@ -165,7 +165,6 @@ public:
         motions.follow(calledNs);
         seeRest();
         calledNs_ = calledNs;
-        reply_ = reply;
         const size_t code = reply.find("_code\":");
         require(code != std::string::npos, "no code in the reply " + reply);
         replied_ = atoi(reply.c_str() + code + 7);
@@ -220,19 +219,6 @@ public:
         saveCommitsFromNs_.reset();
         for (ModelAxis& axis : axes)
             axis.moving = false;
-    }
-    /// What the options of the daemon's package may be. A speed that the calibration corrected goes to the file with
-    /// the next commit, at the start perhaps at once.
-    std::map<std::string, std::set<std::string>> storedOptions() const
-    {
-        std::map<std::string, std::set<std::string>> result{
-            {"config.power_off_recover", {files_.switches.at("@recover")}}};
-        for (const LabAxisId axis : AXES) {
-            const std::string section = SECTIONS[axis];
-            result[section + ".steps"] = {optionText(files_.steps[axis])};
-            result[section + ".speed"] = {optionText(files_.speeds[axis]), optionText(axes[axis].speedOption)};
-        }
-        return result;
     }
     /// True when a calibration has corrected a speed, or may have, and no commit has followed.
     bool speedsDiffer() const
@@ -337,7 +323,7 @@ protected:
         if (stepMove_ == StepMove::NONE)
             return;
         require(!stepStopsTilt_, "a step stopped pan only");
-        motions.mayChange([](MotionState& state) { state.begins -= state.begins > 0 ? 1 : 0; });
+        motions.change([](MotionState& state) { state.begins -= state.begins > 0 ? 1 : 0; }, false);
         stepMove_ = acts ? StepMove::NONE : StepMove::FADES;
     }
     /// Every begin is followed by a move request of the same handler.
@@ -574,9 +560,9 @@ protected:
                     (may(world.presetsBefore, world.factors, state) || may(world.presets, world.factorsBefore, state)));
         };
         if (entry.axis == LAB_PAN)
-            motions.tourDrives(entry.labNs, entry.result == 0, fits);
+            motions.tourDrives(entry, fits);
         else
-            motions.keep(fits, "a tour drives tilt");
+            motions.keep(fits, "a tour drives tilt: " + textOf(entry));
     }
     /// At rest nobody but a save that is due reads the axes.
     void judgeSaveRead(const LabJournalEntry& entry)
@@ -625,7 +611,6 @@ protected:
     // The call that is being judged.
     std::map<std::string, std::function<void(const Step&)>> methods_;
     int64_t calledNs_ = 0;
-    std::string reply_;
     int32_t replied_ = 0; // the code that the daemon gave
     std::string before_;  // of the expected reply, before the code and after it
     std::string after_;

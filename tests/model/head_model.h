@@ -70,7 +70,7 @@ private:
                 const bool tiltStops = ask(LAB_TILT, "STOP");
                 refuse(!panStops || !tiltStops, CODE_DEVICE);
                 // The motion may have come to its end at a limit.
-                motions.mayChange([](MotionState& state) { ++state.begins; });
+                motions.change([](MotionState& state) { ++state.begins; }, false);
             }
             motions.follow(evidence_.lastOfLoopNs());
             const size_t first = evidence_.nextOfLoop();

@@ -52,8 +52,8 @@ public:
             before_ = "\"name\":" + quoted(changed.name) + ",\"id\":\"" + std::to_string(id) + "\",";
         };
         methods_["delPreset"] = [this](const Step& step) {
-            const Json array = step.array("id");
-            refuse(json_object_array_length(array.get()) == 0, CODE_PARAM);
+            const Json array = step.argument("id", json_type_array);
+            refuse(!array || json_object_array_length(array.get()) == 0, CODE_PARAM);
             std::set<int64_t> ids;
             for (size_t i = 0; i < json_object_array_length(array.get()); ++i) {
                 const int64_t id = json_object_get_int64(json_object_array_get_idx(array.get(), i));
@@ -92,7 +92,7 @@ public:
             constexpr const char* DAY_NAMES[DAYS] = {"sunday",   "monday", "tuesday", "wednesday",
                                                      "thursday", "friday", "saturday"};
             for (int day = 0; day < DAYS; ++day)
-                if (const Json array = step.array(DAY_NAMES[day]))
+                if (const Json array = step.argument(DAY_NAMES[day], json_type_array))
                     readDay(array.get(), pendingPlan_[day]);
             for (const auto& [day, ranges] : pendingPlan_)
                 refuse(!fits(ranges), CODE_PLAN);

@@ -97,10 +97,6 @@ struct MotionState {
         moved = scanned = tracking = false;
         preset = 0;
     }
-    bool hasReloaded(const TourWorld& world) const
-    {
-        return !reloadsTour && !reloadsScan && plan + 1 == world.plans.size();
-    }
     /// A handler's begin step; false when it does not go with what was seen of it.
     bool beginOwn(Begin kind, const Notification* seen)
     {
@@ -208,20 +204,15 @@ public:
             states_ = next;
         }
     }
-    /// Something that nobody sees happens; or may have happened.
-    void change(const Edit& edit)
+    /// Something that nobody sees happens; or may have happened. What the touring thread loads may come before it.
+    void change(const Edit& edit, bool certainly = true)
     {
-        const States before = std::exchange(states_, {});
+        closeOver(states_);
+        const States before = certainly ? std::exchange(states_, {}) : states_;
         for (MotionState state : before) {
             edit(state);
             states_.insert(state);
         }
-    }
-    void mayChange(const Edit& edit)
-    {
-        const States before = states_;
-        change(edit);
-        states_.insert(before.begin(), before.end());
     }
     /// Keeps the states that fit; there must be some.
     void keep(const Fits& fitting, const std::string& why)
@@ -253,17 +244,19 @@ public:
     void keepReloaded()
     {
         closeOver(states_);
-        std::erase_if(states_, [&](const MotionState& state) { return !state.hasReloaded(world_); });
+        std::erase_if(states_, [&](const MotionState& state) {
+            return state.reloadsTour || state.reloadsScan || state.plan + 1 != world_.plans.size();
+        });
     }
     /// It drives pan, in a step that it has begun; `fitting` are the requests of its kind of tour.
-    void tourDrives(int64_t ns, bool succeeds, const Fits& fitting)
+    void tourDrives(const LabJournalEntry& entry, const Fits& fitting)
     {
-        follow(ns);
+        follow(entry.labNs);
         keep([&](const MotionState& state) { return state.drive == Drive::DUE && fitting(state); },
-             "a tour's move that is not due, or not to there");
+             "a tour's move that is not due, or not to there: " + textOf(entry));
         change([&](MotionState& state) {
             state.drive = Drive::NONE;
-            if (succeeds && world_.settings[state.setting].type == 1)
+            if (entry.result == 0 && world_.settings[state.setting].type == 1)
                 state.scanOn(world_.settings[state.scan]);
         });
     }
@@ -302,23 +295,19 @@ public:
     /// The states, and the notifications that are still to be explained.
     std::string describe() const
     {
-        const auto second = [](int64_t ns) {
-            return " at " + std::to_string(static_cast<double>(ns) / SECOND_NS) + " s";
-        };
-        std::string text;
+        std::string text = "was";
         for (const MotionState& state : states_) {
             const TourSettings& tour = world_.settings[state.setting];
-            text += std::string(text.empty() ? "was " : " or ") + (state.active ? "moving" : "idle") + " with origin " +
-                    std::to_string(state.origin) + (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "");
+            text += std::string(state.active ? " moving" : " idle") + " with origin " + std::to_string(state.origin) +
+                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "");
             if (tour.enabled != "off")
-                text += ", tour " + std::to_string(tour.type) + (tour.type == 1 ? " next to " : " sent to ") +
-                        std::to_string(tour.type == 1 ? state.scanCoord : state.preset) + ", begun" +
-                        second(state.tourBegan) + ", rested" + second(state.scanFrom);
+                text += " (tour " + std::to_string(tour.type) + ", scans " + std::to_string(state.scanCoord) +
+                        " next, at preset " + std::to_string(state.preset) + ")";
         }
+        text += at_ < evidence_.notifications.size() ? ", then came" : "";
         for (size_t i = at_; i < evidence_.notifications.size(); ++i)
-            text += std::string(i == at_ ? ", then came " : " and ") +
-                    (evidence_.notifications[i].moving ? "moving " : "idle ") +
-                    std::to_string(evidence_.notifications[i].origin) + second(evidence_.notifications[i].labNs);
+            text += (evidence_.notifications[i].moving ? " moving " : " idle ") +
+                    std::to_string(evidence_.notifications[i].origin);
         return text;
     }
 
