@@ -1,6 +1,7 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
@@ -9,7 +10,7 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/motor_device.h"
-#include "motor/motor_report.h"
+#include "motor/motor_init.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
 #include "tour/touring.h"
@@ -55,7 +56,6 @@ public:
             return; // a thread inside a driver keeps what it uses until the process ends
         savePending();
         TourDeinit();
-        gContext.motion.MotionLock.destroy();
         free(gContext.calibrationArg);
         gContext.calibrationArg = nullptr;
         motorClose(PAN);
@@ -87,7 +87,6 @@ int32_t PtzdInit()
 {
     uloop_init(); // before any other thread: a worker's connection would create the loop otherwise
     gContext.motion.simultaneous.store(0);
-    gContext.motion.MotionLock.create();
     const Teardown teardown;
     if (cfg_uci_init() < 0) {
         LOG_ERROR("error to init uci\n");
@@ -114,7 +113,7 @@ int32_t PtzdInit()
     if (calibrationStart() != 0)
         return -1;
     (void)cfg_uci_commit(UCI_PTZD); // reported there
-    (void)loadTargetTrackConfig();  // always 0
+    loadTargetTrackConfig();
     if (ubusInit() == -1) {
         LOG_ERROR("ubus error.\n");
         return -1;

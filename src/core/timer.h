@@ -7,6 +7,14 @@
 inline constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 inline constexpr int64_t NS_PER_MS = 1'000'000;
 
+/// Milliseconds on a clock that nobody sets. Any thread; no lock.
+[[nodiscard]] inline int64_t monotonicMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec * NS_PER_SECOND + now.tv_nsec) / NS_PER_MS;
+}
+
 /// One timer. The callback runs at every expiry, on a new thread each time: expiries of one timer may overlap.
 struct DaemonTimer {
     timer_t id; // -1 before timerCreate

@@ -2,7 +2,8 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
-#include "core/motion.h"
+#include "core/result_code.h"
+#include "motor/motion_state.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -136,7 +137,7 @@ int32_t reloadPresetList()
     }
     presetTableSet(loaded);
     if (result == RESULT_OK)
-        gContext.motion.tourCurrentPresetId.store(0); // without its lock: a single word, whichever comes first
+        tourPresetReset();
     return result;
 }
 

@@ -3,7 +3,6 @@
 
 #include "core/context.h"
 #include "core/mutex.h"
-#include "core/result_code.h"
 
 #include <stdint.h>
 

@@ -9,7 +9,6 @@
 #include <inttypes.h>
 #include <poll.h>
 #include <stdio.h>
-#include <string.h>
 #include <time.h>
 
 namespace {
@@ -20,13 +19,6 @@ constexpr uint32_t BUS_EVENT_OBJECT = 1; // the bus daemon's own object for even
 constexpr int LOOKUP_ATTEMPTS = 10;
 constexpr int64_t LOOKUP_PAUSE_NS = 100 * NS_PER_MS;
 constexpr int64_t CALL_TIMEOUT_MS = 1000;
-
-int64_t monotonicMs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / NS_PER_MS;
-}
 
 /// A short-lived connection on the default socket.
 class BusConnection {
