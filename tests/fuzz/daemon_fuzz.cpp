@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int WORKER_PATIENCE = 300;
+constexpr int WORKER_TURNS = 300;
 
 /// In six decimals, as positions are stored.
 std::string decimals(float position)
@@ -29,7 +29,7 @@ bool sameEntry(const PresetEntry& a, const PresetEntry& b)
 
 int32_t fuzzDaemon(const Settings& settings, const std::function<void()>& inside)
 {
-    fakes.patience = WORKER_PATIENCE;
+    fakes.turnsLeft = WORKER_TURNS;
     fakes.timeStride = time_t{997} * 60; // through the minutes of all weekdays
     return rig::run(settings, inside);
 }
@@ -37,10 +37,10 @@ int32_t fuzzDaemon(const Settings& settings, const std::function<void()>& inside
 void runWorkers()
 {
     while (!fakes.workers.empty()) {
-        fakes.patience = WORKER_PATIENCE;
+        fakes.turnsLeft = WORKER_TURNS;
         fakes.runWorker();
     }
-    fakes.patience = WORKER_PATIENCE;
+    fakes.turnsLeft = WORKER_TURNS;
     fakeMotor.requests.clear(); // a rotation test makes many
 }
 

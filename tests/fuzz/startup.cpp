@@ -33,11 +33,14 @@ void callJson(const char* method, const char* json = "{}")
         checkPresetsStored();
 }
 
-/// A cycle of the tours, unless they could not be started.
-void tour(ScanProgress& scan)
+/// A cycle of the tours, unless they could not be started, and what then expires.
+void cycle(ScanProgress& scan, int32_t panRuns)
 {
     if (gContext.tour.tourInfo)
         (void)tourCycle(scan);
+    fakeMotor.status[PAN].running = panRuns;
+    for (unsigned timer = 0; timer < 4; ++timer)
+        expire(timer);
 }
 
 void live()
@@ -46,12 +49,8 @@ void live()
     callJson("getPresetAll");
     runWorkers(); // the calibration
     ScanProgress scan{0, 1};
-    for (int cycle = 0; cycle < 6; ++cycle) {
-        tour(scan);
-        fakeMotor.status[PAN].running = cycle % 2;
-        for (unsigned timer = 0; timer < 4; ++timer)
-            expire(timer);
-    }
+    for (int turn = 0; turn < 6; ++turn)
+        cycle(scan, turn % 2);
     for (const char* method : {"getCapa", "getStatus", "reloadPresetConfig", "reload_tour_info", "reload_scan_tour",
                                "updateImageConfig", "reloadTargetTrackConfig", "lensMask", "targetTrackBack"})
         callJson(method);
@@ -59,9 +58,7 @@ void live()
     callJson("clearPreset"); // from here on the table is the daemon's own work
     callJson("setPreset", R"({"id":"2","save_ptz":"1"})");
     callJson("gotoPreset", R"({"id":"2"})");
-    tour(scan);
-    for (unsigned timer = 0; timer < 4; ++timer)
-        expire(timer);
+    cycle(scan, fakeMotor.status[PAN].running);
 }
 
 } // namespace

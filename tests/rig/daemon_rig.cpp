@@ -259,7 +259,7 @@ int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message
 int __wrap_nanosleep(const timespec*, timespec*)
 {
     ++fakes.sleeps;
-    --fakes.patience;
+    --fakes.turnsLeft;
     if (fakes.onSleep)
         fakes.onSleep();
     return 0;
@@ -317,7 +317,7 @@ int32_t workerStart(void* (*routine)(void*), void* argument)
     return 0;
 }
 
-WorkerScope::WorkerScope(WorkerEntry) : entered_(fakes.patience > 0)
+WorkerScope::WorkerScope(WorkerEntry) : entered_(fakes.turnsLeft > 0)
 {
 }
 
@@ -325,13 +325,13 @@ WorkerScope::~WorkerScope() = default;
 
 bool workersStopping()
 {
-    return --fakes.patience <= 0;
+    return --fakes.turnsLeft <= 0;
 }
 
 bool workersStop(int32_t)
 {
     while (!fakes.workers.empty()) { // they find the daemon ending, and give back what they own
-        fakes.patience = 0;
+        fakes.turnsLeft = 0;
         fakes.runWorker();
     }
     return true;

@@ -50,7 +50,7 @@ struct Fakes {
     std::vector<FakeReport> reports; // errors only
     std::deque<FakeWorker> workers;  // started and not run yet
     bool workersFail = false;
-    int patience = 1'000'000; // sleeps and questions after which a worker is asked to end
+    int turnsLeft = 1'000'000; // sleeps and questions after which a worker is asked to end
     int sleeps = 0;
     std::function<void()> onSleep; // runs in place of a sleep
     time_t now = 0;                // the wall clock, and how far each look at it takes it on

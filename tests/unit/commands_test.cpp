@@ -293,6 +293,9 @@ TEST_F(Commands, CalibrateAndStoreHome)
               (std::vector<FakeNotification>{{NOTIFY_MOVING, ORIGIN_USER}, {NOTIFY_IDLE, ORIGIN_USER}}));
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer));
     gContext.calibrationArg = nullptr;
+    EXPECT_EQ(call("test", R"({"times":"1"})"), code(RESULT_OK));
+    fakes.runWorker();
+    EXPECT_EQ(driven(), "pan rotate -3000, pan rotate 3000, tilt rotate -1220, tilt rotate 1220");
 }
 
 } // namespace

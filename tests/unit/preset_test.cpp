@@ -18,7 +18,7 @@ protected:
     static std::string preset(int slot, int id, int enabled, const std::string& without = "")
     {
         std::vector<std::pair<std::string, std::string>> options = {
-            {"id", std::to_string(id)},          {"read_only", "1"},       {"name", "door"},
+            {"id", std::to_string(id)},          {"read_only", "1"},       {"name", "gate"},
             {"position_pan", "-0.25"},           {"position_tilt", "0.5"}, {"position_zoom", "0.125"},
             {"enabled", std::to_string(enabled)}};
         std::erase_if(options, [&](const auto& option) { return option.first == without; });
@@ -50,7 +50,7 @@ TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
     ASSERT_EQ(reloadPresetList(), RESULT_OK);
     PresetEntry found{};
     ASSERT_TRUE(presetFind(5, found));
-    EXPECT_STREQ(found.name, "door");
+    EXPECT_STREQ(found.name, "gate");
     EXPECT_EQ(found.position_pan, -0.25F);
     EXPECT_EQ(found.position_tilt, 0.5F);
     EXPECT_EQ(found.position_zoom, 0.125F);
@@ -103,7 +103,7 @@ TEST_F(Presets, ReadOnlyOnesAreNotOverwrittenButCleared)
     EXPECT_STREQ(slot(2).name, "next") << "a read-only slot is not a free one";
 }
 
-// A file that cannot be read for a while holds no empty list: what it cannot tell must not be stored later.
+// A file that cannot be read for a while holds no empty list: what is not known must not be stored later.
 TEST_F(Presets, SurviveAFileThatCannotBeReadForAWhile)
 {
     setNamed("1", "kept");

@@ -95,7 +95,7 @@ TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
     atTick(1, [] {
         atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); }); // both axes rest, halted
         start(180);
-        fakes.patience = 0;
+        fakes.turnsLeft = 0;
     });
     fakes.runWorker();
     EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
@@ -112,7 +112,7 @@ TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
         EXPECT_EQ(fakes.notifications.size(), 3u);
         motorStatusPoll(nullptr);
         EXPECT_EQ(fakes.notifications.size(), 4u);
-        fakes.patience = 0;
+        fakes.turnsLeft = 0;
     });
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 1);
@@ -192,16 +192,16 @@ TEST_F(Step, TheDaemonsEndStopsItBeforeItsThreadHasRunAndAmidItsTicks)
 {
     start();
     (void)driven();
-    fakes.patience = 0;
+    fakes.turnsLeft = 0;
     fakes.runWorker();
     EXPECT_EQ(driven(), "pan stop, tilt stop");
     EXPECT_TRUE(fakes.notifications.empty());
 
-    fakes.patience = 1000;
+    fakes.turnsLeft = 1000;
     fakes.sleeps = 0;
     start();
     (void)driven();
-    atTick(3, [] { fakes.patience = 0; });
+    atTick(3, [] { fakes.turnsLeft = 0; });
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 3);
     EXPECT_EQ(driven(), "pan stop, tilt stop");

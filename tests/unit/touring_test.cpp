@@ -184,6 +184,7 @@ TEST_F(Tour, RestsWhileSomethingIsTracked)
     EXPECT_EQ(gContext.motion.track_back_done.load(), 0);
     EXPECT_EQ(cycle(), NOWHERE);
     EXPECT_EQ(call("targetTrackBack"), code(RESULT_OK));
+    EXPECT_EQ(driven(), "pan move -10 at 4, tilt move 0 at 3");
     EXPECT_EQ(cycle(), NOWHERE);
     standAt(2250, 610);
     rest();
