@@ -256,9 +256,10 @@ int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message
     return 0;
 }
 
-int __wrap_nanosleep(const timespec*, timespec*)
+int __wrap_nanosleep(const timespec* length, timespec*)
 {
     ++fakes.sleeps;
+    fakes.sleptNs = length->tv_nsec;
     --fakes.turnsLeft;
     if (fakes.onSleep)
         fakes.onSleep();

@@ -52,14 +52,15 @@ struct Fakes {
     bool workersFail = false;
     int turnsLeft = 1'000'000; // sleeps and questions after which a worker is asked to end
     int sleeps = 0;
+    long sleptNs = 0;              // the last one's length
     std::function<void()> onSleep; // runs in place of a sleep
     time_t now = 0;                // the wall clock, and how far each look at it takes it on
     time_t timeStride = 0;
     std::function<void()> loop; // runs in place of the event loop
     bool loopReached = false;
-    int failingChange = 0; // the n-th change of the store from now on fails
-    bool commitLosesPackage = false;
-    std::string reply; // of the last call, as compact JSON; two answers to one call show
+    int failingChange = 0;           // the n-th change of the store from now on fails
+    bool commitLosesPackage = false; // a commit fails and unloads its package
+    std::string reply;               // of the last call, as compact JSON; two answers to one call show
     int replies = 0;
     std::optional<int32_t> code; // of the last reply
 

@@ -62,6 +62,7 @@ TEST_F(Step, MovesForItsTicksOneAtLeastAndStopsBothAxes)
         (void)driven();
         fakes.runWorker();
         EXPECT_EQ(fakes.sleeps, ticks) << sustain;
+        EXPECT_EQ(fakes.sleptNs, 1'000'000);
         EXPECT_EQ(driven(), "pan stop, tilt stop");
         EXPECT_FALSE(active());
     }
