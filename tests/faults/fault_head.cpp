@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <regex>
-#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -368,7 +367,7 @@ void FaultyHead::begin(const PageRow& row)
 
 std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
 {
-    const std::regex form("\\[\\w+:[0-9]+\\]: (.*)");
+    static const std::regex form("\\[\\w+:[0-9]+\\]: (.*)");
     const std::string tag = " 5 PTZD: ";
     std::vector<std::string> texts;
     std::vector<std::string> logged;
@@ -377,25 +376,22 @@ std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
         texts.clear();
         logged.clear();
         entries.clear();
-        std::istringstream console(lab.records.ptzdLog().substr(consoleFrom));
-        std::smatch match;
-        for (std::string line; std::getline(console, line);) {
+        for (const std::string& line : partsOf(lab.records.ptzdLog().substr(consoleFrom), '\n')) {
+            std::smatch match;
             const bool ours = std::regex_match(line, match, form); // else the C library's, on standard error only
             texts.push_back(ours ? match[1].str() : line);
             if (ours)
-                logged.push_back(match[1]);
+                logged.push_back(texts.back());
         }
-        std::istringstream log(lab.records.messageLog().substr(logFrom));
-        for (std::string line; std::getline(log, line);)
+        for (const std::string& line : partsOf(lab.records.messageLog().substr(logFrom), '\n'))
             if (const size_t at = line.find(tag); at != std::string::npos)
                 entries.push_back(line.substr(at + tag.size()));
-        std::sort(logged.begin(), logged.end());
-        std::sort(entries.begin(), entries.end());
+        for (auto* lines : {&texts, &logged, &entries})
+            std::sort(lines->begin(), lines->end());
         return logged == entries;
     };
     (void)waitUntil(alike, 1s); // a thread may be between the two
     EXPECT_EQ(logged, entries) << "console and message log differ";
-    std::sort(texts.begin(), texts.end());
     return texts;
 }
 

@@ -11,11 +11,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-long msSince(Clock::time_point start)
-{
-    return static_cast<long>((Clock::now() - start) / 1ms);
-}
-
 class Slow : public FaultyHead {
 protected:
     void SetUp() override
@@ -27,8 +22,7 @@ protected:
     }
     /// Does something beside a client that asks without pause for what needs neither motor nor settings, and prints how
     /// long both took; neither may take longer than `limit`.
-    template <typename Action>
-    void measure(const std::string& what, std::chrono::milliseconds limit, Action action)
+    void measure(const std::string& what, std::chrono::milliseconds limit, const std::function<std::string()>& action)
     {
         std::atomic<bool> ending{false};
         Clock::duration longest{};
@@ -42,29 +36,28 @@ protected:
         std::this_thread::sleep_for(50ms);
         const auto start = Clock::now();
         const std::string result = action();
-        const long took = msSince(start);
+        const Clock::duration took = Clock::now() - start;
         std::this_thread::sleep_for(50ms);
         ending.store(true);
         bystander.join();
-        std::printf("| %s | %ld ms | %ld ms | %s |\n", what.c_str(), took, static_cast<long>(longest / 1ms),
-                    result.c_str());
-        EXPECT_LT(took, limit.count()) << what;
+        std::printf("| %s | %ld ms | %ld ms | %s |\n", what.c_str(), static_cast<long>(took / 1ms),
+                    static_cast<long>(longest / 1ms), result.c_str());
+        EXPECT_LT(took, limit) << what;
         EXPECT_LT(longest, limit) << what;
     }
-    void measureCall(const char* method, const std::string& what, std::chrono::milliseconds limit,
-                     const std::string& arguments = "")
+    void measureCall(const char* method, const std::string& what, const std::string& arguments = "")
     {
-        measure(std::string("`") + method + "`, " + what, limit, [&] {
+        measure(std::string("`") + method + "`, " + what, 9s, [&] {
             const LabReply reply = lab.invoke("ptzd", method, arguments, 20s);
-            return reply.status == 0 ? reply.text.substr(0, 24) : "status " + std::to_string(reply.status);
+            return reply.status == 0 ? reply.text.substr(0, 60) : "status " + std::to_string(reply.status);
         });
     }
     void measureEnd(const std::string& when)
     {
-        const auto start = Clock::now();
-        EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
-        std::printf("| SIGTERM while %s | %ld ms | – | ends with status 0 |\n", when.c_str(), msSince(start));
-        EXPECT_LT(msSince(start), 5000);
+        measure("SIGTERM while " + when, 5s, [&] {
+            EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
+            return std::string("ends with status 0");
+        });
     }
     void settle()
     {
@@ -78,66 +71,41 @@ TEST_F(Slow, Motors)
 {
     for (const int delay : {100, 2000}) {
         const std::string late = " answered after " + std::to_string(delay) + " ms";
-        const auto limit = std::chrono::milliseconds(4 * delay) + 3s;
         lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, delay);
-        measureCall("getStatus", "x `GET_STATUS`" + late, limit);
-        measureCall("stop", "x `GET_STATUS`" + late, limit);
+        measureCall("getStatus", "x `GET_STATUS`" + late);
+        measureCall("stop", "x `GET_STATUS`" + late);
         lab.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, 0);
         lab.motors.delayRequest(LAB_PAN, LAB_MOVE, delay);
-        measureCall("moveTo", "x `MOVE`" + late, limit, coords(delay == 100 ? 30 : 0, 0));
+        measureCall("moveTo", "x `MOVE`" + late, coords(delay == 100 ? 30 : 0, 0));
         lab.motors.delayRequest(LAB_PAN, LAB_MOVE, 0);
         settle();
     }
     lab.motors.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
     EXPECT_EQ(lab.call("manualCalibrate"), DONE);
-    measureCall("moveTo", "while a calibration hangs", 3s, coords(0, 0));
+    measureCall("moveTo", "while a calibration hangs", coords(0, 0));
     measureEnd("a calibration hangs");
 }
 
-TEST_F(Slow, Cet)
+TEST_F(Slow, Receivers)
 {
     for (const LabCetMode mode : {CET_LATE, CET_SILENT}) {
         const std::string name = mode == CET_LATE ? "\"CET\" answers after 900 ms" : "\"CET\" never answers";
         lab.cet.setAnswer(mode, 900);
-        measureCall("moveTo", name, 5s, coords(30, 0));
+        measureCall("moveTo", name, coords(30, 0));
         EXPECT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
-        measureCall("getStatus", "during the idle notification, " + name, 5s);
-        measureCall("moveTo", "during the idle notification, " + name, 5s, coords(0, 0));
+        measureCall("getStatus", "during the idle notification, " + name);
+        measureCall("moveTo", "during the idle notification, " + name, coords(0, 0));
         lab.cet.setAnswer(CET_OK);
         std::this_thread::sleep_for(2500ms);
         settle();
     }
     ASSERT_TRUE(lab.programs.stopCet());
-    measureCall("moveTo", "no \"CET\"", 5s, coords(30, 0));
+    measureCall("moveTo", "no \"CET\"", coords(30, 0));
     std::this_thread::sleep_for(2s);
-}
-
-TEST_F(Slow, Storage)
-{
-    const struct {
-        const char* name;
-        std::vector<FaultCall> failing;
-    } cases[] = {{"file system full", {FAULT_WRITE}}, {"file system read-only", {FAULT_CREATE, FAULT_RENAME}}};
-    for (const auto& [name, failing] : cases) {
-        for (const FaultCall call : failing)
-            arm({.text = name, .call = call, .subject = "/etc/config"}, true);
-        const std::string before = fileText("/etc/config/ptzd");
-        measureCall("setPreset", name, 3s, R"({"id":"1"})");
-        measureCall("setConfig", name, 3s, R"({"x_speed":"5"})");
-        measureCall("moveTo", name, 3s, coords(30, 0));
-        settle();
-        EXPECT_EQ(fileText("/etc/config/ptzd"), before) << name;
-        disarm();
-    }
-    EXPECT_EQ(lab.call("setPreset", R"({"id":"1"})"), R"({"name":"preset1","id":"1","error_code":0})");
-}
-
-TEST_F(Slow, AStalledBus)
-{
     const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
+    ASSERT_TRUE(lab.programs.startCet());
     lab.motors.setFactor(LAB_PAN, 100);
-    EXPECT_EQ(lab.call("moveTo", coords(60, 0)), DONE); // 600 steps at 400 a second
-    const auto began = Clock::now();
+    EXPECT_EQ(lab.call("moveTo", coords(60, 0)), DONE); // at 400 steps a second
     measure("bus stopped for 3 s during a motion", 10s, [&] {
         sendSignal(bus, SIGSTOP);
         std::this_thread::sleep_for(3s);
@@ -145,27 +113,24 @@ TEST_F(Slow, AStalledBus)
         sendSignal(bus, SIGCONT);
         return std::string("the motion ends meanwhile");
     });
-    EXPECT_TRUE(settled());
-    std::printf("| the end of that motion is told | %ld ms after its start | – | |\n", msSince(began));
+    settle();
     sendSignal(bus, SIGSTOP);
-    measureEnd("the bus is stopped");
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     sendSignal(bus, SIGCONT);
 }
 
-// The poll's thread is then inside the bus library, and keeps it to itself.
-TEST_F(FaultyHead, EndsThoughTheBusHasStalledInMidNotification)
+TEST_F(Slow, Storage)
 {
-    up(withFaults());
-    ASSERT_EQ(lab.call("setPowerOffRecover", R"({"recover":"1"})"), DONE);
-    const pid_t bus = static_cast<pid_t>(std::stol(fileText("/pid/ubusd")));
-    lab.motors.setFactor(LAB_PAN, 250); // 0.2 s
-    EXPECT_EQ(lab.call("moveTo", coords(20, 0)), DONE);
-    sendSignal(bus, SIGSTOP);
-    EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
-    std::this_thread::sleep_for(300ms); // the poll has seen it, and begins to notify
-    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
-    EXPECT_NE(fileText("/etc/config/ptzd").find("'1700'"), std::string::npos) << "the pending position is stored";
-    sendSignal(bus, SIGCONT);
+    for (const FaultCall call : {FAULT_WRITE, FAULT_CREATE}) {
+        const std::string name = call == FAULT_WRITE ? "file system full" : "file system read-only";
+        arm({.text = name, .call = call, .subject = "/etc/config"}, true);
+        const std::string before = fileText("/etc/config/ptzd");
+        measureCall("setPreset", name, R"({"id":"1"})");
+        measureCall("setConfig", name, R"({"x_speed":"5"})");
+        EXPECT_EQ(fileText("/etc/config/ptzd"), before) << name;
+        disarm();
+    }
+    EXPECT_EQ(lab.call("setPreset", R"({"id":"1"})"), R"({"name":"preset1","id":"1","error_code":0})");
 }
 
 } // namespace

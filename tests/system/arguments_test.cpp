@@ -10,30 +10,21 @@ namespace {
 TEST_F(HeadInTheLab, RefusesMissingAndMistypedArgumentsWithAReport)
 {
     up();
-    const std::vector<const char*> noCoordinates = {"",
-                                                    R"({"x_coord":"30"})",
-                                                    R"({"y_coord":"30"})",
-                                                    R"({"x_coord":30,"y_coord":0})",
-                                                    R"({"x_coord":["30"],"y_coord":"0"})",
-                                                    R"({"x_coord":{"a":"30"},"y_coord":"0"})",
-                                                    R"({"x_coord":null,"y_coord":"0"})",
-                                                    R"({"x_coord":true,"y_coord":1.5})",
-                                                    R"({"X_COORD":"1","y_coord":"0"})"};
     const struct {
         const char* method;
         const char* function; // which logs it
         std::vector<const char*> arguments;
     } cases[] = {
-        {"move", "ubusMoveMotor", noCoordinates},
-        {"moveTo", "ubusMoveMotorTo", noCoordinates},
-        {"movePanorama", "ubusMovePanorama", noCoordinates},
+        {"move", "ubusMoveMotor", {"", R"({"x_coord":"30"})", R"({"x_coord":30,"y_coord":0})"}},
+        {"moveTo",
+         "ubusMoveMotorTo",
+         {R"({"x_coord":["30"],"y_coord":"0"})", R"({"x_coord":{"a":"3"},"y_coord":"0"})"}},
+        {"movePanorama", "ubusMovePanorama", {R"({"x_coord":null,"y_coord":"0"})", R"({"X_COORD":"1","y_coord":"0"})"}},
         {"targetTrack", "ubusTargetTrack", {"", R"({"x_coord":"1","y_coord":"1","x_speed":"1"})"}},
         {"moveStep", "ubusMoveMotorStep", {"", R"({"direction":90})"}},
         {"test", "ubusTestMotorRotate", {"", R"({"times":1})"}},
         {"setConfig", "ubusSetMotorConfig", {"", R"({"x_speed":5})"}},
-        {"setPowerOffRecover",
-         "ubusSetPowerOffRecover",
-         {"", R"({"recover":1})", R"({"recover":"2"})", R"({"recover":"-1"})"}},
+        {"setPowerOffRecover", "ubusSetPowerOffRecover", {"", R"({"recover":1})", R"({"recover":"2"})"}},
     };
     for (const auto& [method, function, arguments] : cases) {
         for (const char* wrong : arguments)

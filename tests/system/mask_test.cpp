@@ -30,20 +30,23 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     ASSERT_TRUE(settled());
     EXPECT_EQ(mask("on"), FOLLOWED);
     ASSERT_TRUE(settled(2));
-    const auto waitForASave = [&] {
-        const int64_t from = lab.clock.nowNs();
-        ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - from > 25'000'000'000; }, DEADLINE));
-        expectStored("1800", "710");
-    };
-    waitForASave();
+    const int64_t masked = lab.clock.nowNs();
+    ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - masked > 25'000'000'000; }, DEADLINE));
+    expectStored("1800", "710");
     ASSERT_TRUE(lab.programs.killPtzd(SIGTERM).has_value());
     expectStored("1800", "710");
     ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     expectAt(1800, 0); // pan as before, the lens hidden
-    waitForASave();    // of the calibration's end
     lab.records.clear();
+    lab.motors.setFactor(LAB_TILT, 2); // 2 s for the way back
     EXPECT_EQ(mask("off"), FOLLOWED);
+    EXPECT_EQ(mask("on"), FOLLOWED);
+    EXPECT_TRUE(lab.motors.now(LAB_TILT).shaft < 710) << "too late";
+    expectStored("1800", "710");
+    lab.motors.setFactor(LAB_TILT, 500);
     ASSERT_TRUE(settled());
+    EXPECT_EQ(mask("off"), FOLLOWED);
+    ASSERT_TRUE(settled(2));
     expectAt(1800, 710);
 }
 

@@ -16,7 +16,7 @@
     X(FORMAT_JSON, "blobmsg_format_json")                                                                              \
     X(UBUS_CONNECT, "ubus_connect")                                                                                    \
     X(UBUS_RECONNECT, "ubus_reconnect")                                                                                \
-    X(UBUS_RECONNECT_OBJECT, "object") /* a reconnection that succeeds, but without the object */                      \
+    X(UBUS_RECONNECT_OBJECT, "object") /* a reconnection that works, without the object */                             \
     X(UBUS_ADD_OBJECT, "ubus_add_object")                                                                              \
     X(UBUS_LOOKUP_ID, "ubus_lookup_id")                                                                                \
     X(UBUS_INVOKE_ASYNC, "ubus_invoke_async")                                                                          \

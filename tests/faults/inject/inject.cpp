@@ -168,7 +168,8 @@ void noteSync(int fd)
     errno = keep;
 }
 
-constinit std::atomic<ubus_object*> gObject{nullptr}; // the daemon's
+constinit std::atomic<ubus_object*> gObject{nullptr};                        // the daemon's
+constinit std::atomic<void (*)(uloop_fd*, unsigned int)> gDispatch{nullptr}; // the library's own, of each connection
 
 #ifndef FAULTS_WITHOUT_HEAP
 constinit std::atomic<bool> gStarted{false};
@@ -273,7 +274,6 @@ char* strdup(const char* text) noexcept
 CALL(char*, blobmsg_format_json_with_cb,
      (blob_attr * data, bool list, blobmsg_json_format_t format, void* argument, int indent),
      (data, list, format, argument, indent), OWN(FAULT_FORMAT_JSON), nullptr)
-CALL(ubus_context*, ubus_connect, (const char* path), (path), OWN(FAULT_UBUS_CONNECT, path ? path : "default"), nullptr)
 CALL(int, ubus_lookup_id, (ubus_context * connection, const char* path, uint32_t* id), (connection, path, id),
      OWN(FAULT_UBUS_LOOKUP_ID, path), error)
 // What ubus_invoke_async, which is inline, comes to.
@@ -283,6 +283,14 @@ CALL(int, ubus_invoke_async_fd,
      (connection, object, method, message, request, fd), OWN(FAULT_UBUS_INVOKE_ASYNC, method), error)
 CALL(int, ubus_send_reply, (ubus_context * connection, ubus_request_data* request, blob_attr* message),
      (connection, request, message), OWN(FAULT_UBUS_SEND_REPLY), error)
+
+ubus_context* ubus_connect(const char* path)
+{
+    ubus_context* connection = OWN(FAULT_UBUS_CONNECT, path ? path : "default") ? nullptr : NEXT(ubus_connect)(path);
+    if (connection)
+        gDispatch.store(connection->sock.cb);
+    return connection;
+}
 
 int ubus_add_object(ubus_context* connection, ubus_object* object)
 {
@@ -295,8 +303,10 @@ int ubus_reconnect(ubus_context* connection, const char* path)
 {
     const int error = OWN(FAULT_UBUS_RECONNECT);
     const int status = error ? error : NEXT(ubus_reconnect)(connection, path);
-    if (status == 0 && OWN(FAULT_UBUS_RECONNECT_OBJECT) != 0)
+    if (status == 0 && OWN(FAULT_UBUS_RECONNECT_OBJECT) != 0) {
         ubus_remove_object(connection, gObject.load());
+        connection->sock.cb = gDispatch.load(); // a library may set up the socket anew
+    }
     return status;
 }
 
