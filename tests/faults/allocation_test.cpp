@@ -66,7 +66,8 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
         setFactors(SLOWLY / 10);
     lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
-    const LabReply reply = last_->method ? lab.invoke("ptzd", last_->method, last_->arguments, 3s) : LabReply{0, DONE};
+    const LabReply reply =
+        last_->arguments ? lab.invoke("ptzd", last_->method(), last_->arguments, 3s) : LabReply{0, DONE};
     std::smatch code;
     const bool answered = std::regex_search(reply.text, code, std::regex(R"("err(or)?_code":(-?[0-9]+)[,}])"));
     lastDone_ = !answered || code[2] == "0";
