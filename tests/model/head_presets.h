@@ -42,7 +42,7 @@ public:
             changed.name = step.argument("name").value_or(changed.name);
             if (captures == 1) {
                 look();
-                refuse(running(), CODE_MOVING);
+                refuse(reading_.running(), CODE_MOVING);
                 for (const LabAxisId axis : AXES)
                     changed.position[axis] = static_cast<float>(
                         2.0 * static_cast<double>(position(axis)) / axes[axis].made.total_steps - 1.0);

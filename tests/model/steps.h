@@ -54,19 +54,15 @@ inline constexpr const char* GRAMMAR[][2] = {
     {"wall", "2031-05-05 07:58:50|2031-05-05 08:00:10|2031-05-05 12:00:05|2031-05-05 23:59:00|2031-05-06 00:00:40"},
     {"setting", "4*@flip <flip>;updateImageConfig|@flip <flip>|4*@mask <switch>;lensMask|@mask <switch>|"
                 "4*@track <switch>;reloadTargetTrackConfig|@track <switch>"},
-    {"plain setup", "@flip <some flip>;@mask <some mask>;@track <switch>;@recover <recovers>;@steps <some steps>;"
-                    "@speed <some speed>"},
-    {"some flip", "off|<flip>"},
-    {"some mask", "on|7*off"},
+    {"plain setup", "@flip <flip>;@mask <rarely on>;@track <switch>;@recover <recovers>;@steps <steps>;"
+                    "@speed <speed>"},
+    {"rarely on", "on|5*off"},
     {"recovers", "0|3*1"},
-    {"some steps", "2*-|0|77|-5|40"},
-    {"some speed", "<speed>|2*4"},
+    {"steps", "2*-|0|3*77|-5|40"},
     {"touring setup", "<plain setup>;<tour>"},
     {"tour", "@wall <wall>;@tour <tour info>"},
-    {"storing setup", "@flip off;@mask <storing mask>;@track on;@recover <recovers>;@steps <storing steps>;@speed 4;"
-                      "<tour>;@tour <storing tour>"},
-    {"storing mask", "on|2*off"},
-    {"storing steps", "-|2*77"},
+    {"storing setup", "@flip off;@mask <rarely on>;@track on;@recover <recovers>;@steps <steps>;@speed 4;"
+                      "@wall <wall>;@tour <storing tour>"},
     {"storing tour", "on 2 0 0 0 0|on 1 -20 10 0 0|on 1 100 125 0 0"},
 
     // Steps.
@@ -97,9 +93,12 @@ inline constexpr const char* GRAMMAR[][2] = {
     {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
     {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
     // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
-    {"touring command", "2*<plain command>|<tour change>;<scan reload>;<meeting>;@tours <1..3>"},
+    {"touring command", "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>"},
     {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
                     "3*reload_tour_info"},
+    // Tracking that has not moved the head, which ends when no quiet period is left of it.
+    {"still tracking", "@tour on 1 -10 0 0 0;reload_tour_info;reload_scan_tour;@rest;"
+                       "targetTrack x_coord:0 y_coord:0 x_speed:1 y_speed:1;@nap 650000;targetTrackBack;@tours 1"},
     {"scan reload", "|reload_scan_tour"},
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
