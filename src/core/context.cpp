@@ -12,10 +12,6 @@
 #include "tour/tour_state.h"
 #include "ubus/ubus_state.h"
 
-// Defined by the platform's lens-mask library, as a plain integer: hence the compiler's own atomic accesses, since not
-// every C++ library has std::atomic_ref.
-extern "C" int g_lens_mask_enabled;
-
 namespace context_parts {
 constinit MotorAxes axes;
 constinit Timers timers{};
@@ -30,13 +26,3 @@ constinit ImageState image;
 constinit UbusState ubus;
 constinit ConfigState config;
 } // namespace context_parts
-
-int32_t lensMaskEnabled()
-{
-    return __atomic_load_n(&g_lens_mask_enabled, __ATOMIC_SEQ_CST);
-}
-
-void lensMaskSetEnabled(int32_t enabled)
-{
-    __atomic_store_n(&g_lens_mask_enabled, enabled, __ATOMIC_SEQ_CST);
-}

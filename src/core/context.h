@@ -14,8 +14,6 @@
 //   BusLock             every call into the bus library; nothing is waited for while it is held
 #pragma once
 
-#include <stdint.h>
-
 struct CalibrationTarget;
 struct ConfigState;
 struct ImageState;
@@ -66,7 +64,3 @@ inline constexpr DaemonContext gContext{
     context_parts::position, context_parts::panorama, context_parts::track,          context_parts::preset,
     context_parts::tour,     context_parts::image,    context_parts::ubus,           context_parts::config,
 };
-
-/// The lens-mask library's switch, a plain integer there: 1 while the mask is on. Any thread; no lock.
-[[nodiscard]] int32_t lensMaskEnabled();
-void lensMaskSetEnabled(int32_t enabled);

@@ -3,9 +3,10 @@
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 
 #include <fcntl.h>
 #include <stdio.h>

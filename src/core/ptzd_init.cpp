@@ -1,6 +1,7 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
@@ -9,7 +10,7 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/motor_device.h"
-#include "motor/motor_report.h"
+#include "motor/motor_init.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
 #include "tour/touring.h"
@@ -41,7 +42,7 @@ void savePending()
         saveCurSteps(nullptr);
 }
 
-/// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
+/// Ends the timers and the worker threads and frees everything, whichever way PtzdInit is left.
 class Teardown {
 public:
     Teardown() = default;
@@ -55,7 +56,6 @@ public:
             return; // a thread inside a driver keeps what it uses until the process ends
         savePending();
         TourDeinit();
-        gContext.motion.MotionLock.destroy();
         free(gContext.calibrationArg);
         gContext.calibrationArg = nullptr;
         motorClose(PAN);
@@ -87,14 +87,13 @@ int32_t PtzdInit()
 {
     uloop_init(); // before any other thread: a worker's connection would create the loop otherwise
     gContext.motion.simultaneous.store(0);
-    gContext.motion.MotionLock.create();
     const Teardown teardown;
     if (cfg_uci_init() < 0) {
         LOG_ERROR("error to init uci\n");
         return -1;
     }
     loadSwitches();
-    (void)reloadPresetConfig(); // reported there, both: the daemon does without
+    (void)reloadPresetConfig(); // logged there, both: the daemon does without
     (void)reloadPresetList();
     gContext.motion.calibrating.store(1); // no tour moves a head that has not been calibrated yet
     if (TourInit() != 0)
@@ -113,8 +112,8 @@ int32_t PtzdInit()
     }
     if (calibrationStart() != 0)
         return -1;
-    (void)cfg_uci_commit(UCI_PTZD); // reported there
-    (void)loadTargetTrackConfig();  // always 0
+    (void)cfg_uci_commit(UCI_PTZD); // logged there
+    loadTargetTrackConfig();
     if (ubusInit() == -1) {
         LOG_ERROR("ubus error.\n");
         return -1;

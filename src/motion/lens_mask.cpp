@@ -1,7 +1,7 @@
 #include "motion/lens_mask.h"
 
 #include "config/uci_store.h"
-#include "motion/stored_switch.h"
+#include "core/lens_mask_library.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
@@ -16,11 +16,11 @@ constexpr int32_t MASK_TILT = -61; // coordinate units
 /// Both are one transaction, and a save decides inside its own: one that comes before is overwritten here, and one that
 /// comes after finds saves inhibited, whenever it looked at the head. A mask that is switched on again before the head
 /// is back, or after half of its motion failed, stores nothing either.
-void inhibitAndStore(const MotorStatus& pan, const MotorStatus& tilt, LogSite handler)
+void inhibitAndStore(const HeadStatus& head, LogSite handler)
 {
     const UciTransaction transaction(UCI_PTZD);
     if (savesInhibit())
-        setStoredPosition(pan, tilt, handler);
+        setStoredPosition(head, handler);
     (void)transaction.commit(); // logged there; the lens is hidden all the same
 }
 
@@ -30,21 +30,19 @@ ResultCode followSwitch(bool on, LogSite handler = logSite())
     // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
     // inhibited, and one that this begins allows them before its own end is seen.
     const MotionStartScope start;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     motionBegin(MotionBegin::LensMask);
-    int32_t target[AXIS_COUNT] = {pan.position, lensMaskTiltSteps()};
+    int32_t target[AXIS_COUNT] = {head[PAN].position, lensMaskTiltSteps()};
     if (on) {
-        inhibitAndStore(pan, tilt, handler);
+        inhibitAndStore(head, handler);
     } else {
         const StoredPosition stored = storedPositionLogged(handler);
         target[PAN] = stored.axes[PAN].steps;
         target[TILT] = stored.axes[TILT].steps;
     }
-    const ResultCode result =
-        driveAxes(fullSpeedCommand(PAN, pan, target[PAN]), fullSpeedCommand(TILT, tilt, target[TILT]));
+    const ResultCode result = driveAxes(fullSpeedCommands(head, target[PAN], target[TILT]));
     if (result == RESULT_OK) {
         lensMaskSetEnabled(on ? 1 : 0);
         if (!on)

@@ -17,7 +17,7 @@ ResultCode moveHead(int32_t dx, int32_t dy)
         result != RESULT_OK)
         return result;
     const ResultCode result =
-        beginAndDrive(MotionBegin::User, relativeCommand(steps[PAN]), relativeCommand(steps[TILT]));
+        beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN]), relativeCommand(steps[TILT])});
     saveStepsArm();
     return result;
 }
@@ -29,12 +29,10 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
         return ERR_PARAM;
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
-    const ResultCode result =
-        beginAndDrive(MotionBegin::User, targetCommand(pan, target[PAN]), targetCommand(tilt, target[TILT]));
+    const ResultCode result = beginAndDrive(MotionBegin::User, targetCommands(head, target[PAN], target[TILT]));
     saveStepsArm();
     return result;
 }

@@ -21,13 +21,11 @@ ResultCode goToStart()
     if (!targetSteps(START_X, START_Y, target))
         return ERR_PARAM;
     const MotionStartScope start; // a mask off that is halted here has not come to rest, so nothing is stored
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     saveNowAndDisarm();
-    return beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
-                         fullSpeedCommand(TILT, tilt, target[TILT]));
+    return beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target[PAN], target[TILT]));
 }
 
 } // namespace
@@ -49,8 +47,8 @@ ResultCode panoramaMove(int32_t dx, int32_t dy)
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = takeOverForDisplacement(by, steps); result != RESULT_OK)
         return result;
-    return beginAndDrive(MotionBegin::User, relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
-                         relativeCommand(steps[TILT], gContext.axes[TILT].max_speed));
+    return beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
+                                             relativeCommand(steps[TILT], gContext.axes[TILT].max_speed)});
 }
 
 void ubusStartPanorama(const Call& call)
@@ -65,13 +63,12 @@ void ubusMovePanorama(const Call& call)
 
 void ubusStopPanorama(const Call& call)
 {
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    ResultCode result = motionTakeOver(pan, tilt);
+    HeadStatus head{};
+    ResultCode result = motionTakeOver(head);
     if (result == RESULT_OK) {
         const StoredPosition target = storedPositionLogged();
-        result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target.axes[PAN].steps),
-                               fullSpeedCommand(TILT, tilt, target.axes[TILT].steps));
+        result =
+            beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target.axes[PAN].steps, target.axes[TILT].steps));
     }
     gContext.panorama.panoramaRunning.store(0);
     replyCode(call, result);

@@ -1,8 +1,8 @@
 #include "motion/track.h"
 
+#include "config/uci_store.h"
 #include "core/log.h"
 #include "motion/displacement.h"
-#include "motion/stored_switch.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
@@ -10,6 +10,7 @@
 #include "ubus/method_reply.h"
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace {
 
@@ -18,21 +19,39 @@ int32_t allowedSpeed(AxisIndex axis, int32_t speed)
     return std::clamp(speed, 1, gContext.axes[axis].max_speed);
 }
 
+ResultCode readStatusLogged(HeadStatus& head, LogSite caller)
+{
+    if (motorReadStatus(head) == RESULT_OK)
+        return RESULT_OK;
+    logWrite(LOG_LEVEL_ERROR, caller, "get status from driver failed.\n");
+    return ERR_DEVICE;
+}
+
+/// Reads the head's status, at rest: halts a tracking motion. A failed read is logged under the caller's name.
+ResultCode haltTracking(HeadStatus& head, LogSite caller = logSite())
+{
+    if (const ResultCode result = readStatusLogged(head, caller); result != RESULT_OK || !head.running())
+        return result;
+    if (gContext.motion.motion_origin.load() != ORIGIN_TRACK)
+        return ERR_CALIBRATING;
+    if (const ResultCode halted = motionHalt(); halted != RESULT_OK)
+        return halted;
+    return readStatusLogged(head, caller);
+}
+
 /// Brings the head back now that nobody tracks any more, unless it is on its way already.
 ResultCode leaveTracking()
 {
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    const bool running = pan.running != 0 || tilt.running != 0;
     const int32_t origin = gContext.motion.motion_origin.load();
-    if (running && origin == ORIGIN_TRACK) {
+    if (head.running() && origin == ORIGIN_TRACK) {
         if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
             return result;
     }
-    if (!running || origin != ORIGIN_RETURN)
-        (void)moveToLastPostion(); // reported there; the switch itself has been taken over
+    if (!head.running() || origin != ORIGIN_RETURN)
+        (void)moveToLastPostion(); // logged there; the switch itself has been taken over
     return RESULT_OK;
 }
 
@@ -42,29 +61,58 @@ ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (pan.running != 0 || tilt.running != 0)
+    if (head.running())
         return ERR_CALIBRATING;
     const int32_t origin = gContext.motion.motion_origin.load();
     // Also where a user's command took over an earlier tracking motion, whose origin stayed.
     if (origin == ORIGIN_USER || origin == ORIGIN_TOUR || gContext.position.savePending.load())
         saveNowAndDisarm();
     int32_t steps[AXIS_COUNT];
-    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, pan, tilt, steps);
+    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, head, steps);
         result != RESULT_OK)
         return result;
-    stepMoveCancel(); // one whose axis stands at the limit ticks on
-    return beginAndDrive(MotionBegin::Track, relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
-                         relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed)));
+    stepMoveCancel(); // one whose axis is at the limit ticks on
+    return beginAndDrive(MotionBegin::Track, {relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
+                                              relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed))});
 }
 
-int32_t loadTargetTrackConfig()
+ResultCode moveToLastPostion()
+{
+    motionEndTracking();
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
+        return busy;
+    const StoredPosition target = storedPosition();
+    for (const AxisIndex axis : {PAN, TILT}) {
+        if (!target.axes[axis].read) {
+            LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+            return ERR_DEVICE;
+        }
+    }
+    HeadStatus head{};
+    if (const ResultCode result = haltTracking(head); result != RESULT_OK)
+        return result;
+    if (gContext.motion.motion_origin.load() == ORIGIN_USER) {
+        LOG_TRACE("motor just moved by user, need not move to last position.\n");
+        return RESULT_OK;
+    }
+    const HeadCommand command = targetCommands(head, target.axes[PAN].steps, target.axes[TILT].steps);
+    if (command.pan.steps == 0 && command.tilt.steps == 0) {
+        LOG_TRACE("here is the same as last postion\n");
+        return RESULT_OK;
+    }
+    stepMoveCancel(); // one whose axis is at the limit ticks on
+    const ResultCode result = beginAndDrive(MotionBegin::Return, command);
+    if (result != RESULT_OK)
+        LOG_ERROR("move error\n");
+    return result;
+}
+
+void loadTargetTrackConfig()
 {
     gContext.track.targetTrackEnabled.store(storedSwitchOn(UCI_TARGET_TRACK, "target_track_info") ? 1 : 0);
-    return 0;
 }
 
 void ubusTargetTrack(const Call& call)
@@ -81,7 +129,7 @@ void ubusTargetTrackBack(const Call& call)
 void ubusReloadTargetTrackConfig(const Call& call)
 {
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
-    (void)loadTargetTrackConfig(); // always 0
+    loadTargetTrackConfig();
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
     if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
         return replyErrCode(call, RESULT_OK);

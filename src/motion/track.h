@@ -33,8 +33,16 @@ struct TrackState {
 ///         leave the head alone)
 [[nodiscard]] ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed);
 
-/// Reads targetTrackEnabled from storage; a missing option switches it off. @return 0. Takes ConfigStoreLock.
-int32_t loadTargetTrackConfig();
+/// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
+/// when a user has moved the head since.
+/// @return RESULT_OK once both axes are started or need not move; ERR_CALIBRATING while calibrating or while a motion
+///         other than tracking runs, ERR_LENS_MASK, ERR_PANORAMA; ERR_DEVICE when an option is missing or a request
+///         fails.
+/// Thread: event loop.
+[[nodiscard]] ResultCode moveToLastPostion();
+
+/// Reads targetTrackEnabled from storage; a missing option switches it off. Takes ConfigStoreLock.
+void loadTargetTrackConfig();
 
 /// `targetTrack`; `targetTrackBack`, which returns the head; `reloadTargetTrackConfig`, which does so when tracking has
 /// just been switched off.

@@ -6,6 +6,7 @@
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/speed_config.h"
 #include "ubus/method_reply.h"
 
 #include <initializer_list>
@@ -85,9 +86,8 @@ ResultCode prepareManualCalibration()
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     calibrationSetTarget(PAN, homeSteps(PAN));
     calibrationSetTarget(TILT, homeSteps(TILT));

@@ -15,8 +15,6 @@ struct CalibrationTarget {
     int32_t totalSteps;
 };
 
-inline constexpr int32_t DEFAULT_SPEED[AXIS_COUNT] = {4, 4};
-
 /// Sets one axis's target in gContext.calibrationArg. Thread: main, while no calibration runs.
 void calibrationSetTarget(AxisIndex axis, int32_t returnSteps);
 

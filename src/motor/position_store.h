@@ -84,15 +84,7 @@ struct StoredPosition {
 
 /// Sets both axes' stored steps, to be committed by the caller, whose transaction of package ptzd this is called in; an
 /// option that cannot be set is logged under the caller's name.
-void setStoredPosition(const MotorStatus& pan, const MotorStatus& tilt, LogSite caller = logSite());
-
-/// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
-/// when a user has moved the head since.
-/// @return RESULT_OK once both axes are started or need not move; ERR_CALIBRATING while calibrating or while a motion
-///         other than tracking runs, ERR_LENS_MASK, ERR_PANORAMA; ERR_DEVICE when an option is missing or a request
-///         fails.
-/// Thread: event loop; takes MotionStateLock and MotionLock, one after the other.
-[[nodiscard]] ResultCode moveToLastPostion() EXCLUDES(gContext.motion.MotionStateLock, gContext.motion.MotionLock);
+void setStoredPosition(const HeadStatus& head, LogSite caller = logSite());
 
 /// `setPowerOffRecover`: switches power-off recovery, `recover` "1" or "0", in memory and in storage.
 UbusHandler ubusSetPowerOffRecover;

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "core/owned.h"
 #include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
@@ -11,13 +12,12 @@
 #include "ubus/method_reply.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <array>
 #include <cmath>
 #include <initializer_list>
-#include <memory>
+#include <iterator>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -31,18 +31,6 @@ enum ConfigArg { CONFIG_FREEZE, CONFIG_SPEED, CONFIG_ARG_COUNT };
 static_assert(std::size(presetConfigPolicy) == CONFIG_ARG_COUNT);
 enum PageArg { PAGE_START, PAGE_COUNT, PAGE_ARG_COUNT };
 static_assert(std::size(presetPagePolicy) == PAGE_ARG_COUNT);
-
-struct FreeText {
-    void operator()(char* text) const
-    {
-        free(text);
-    }
-};
-
-const char* textArg(const blob_attr* argument)
-{
-    return static_cast<const char*>(blobmsg_data(argument));
-}
 
 bool validId(int32_t id)
 {
@@ -94,16 +82,16 @@ ResultCode choosePlace(const PresetTable& table, PresetRequest& wanted)
     return table.presetTable[wanted.slot - 1].read_only != 0 ? ERR_READ_ONLY : RESULT_OK;
 }
 
-/// Where the head stands, from -1.0 to 1.0 over each axis's travel.
+/// Where the head is, from -1.0 to 1.0 over each axis's travel.
 ResultCode capture(double (&position)[AXIS_COUNT])
 {
-    MotorStatus status[AXIS_COUNT] = {};
-    if (const ResultCode result = motorReadStatus(status[PAN], status[TILT]); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (status[PAN].running != 0 || status[TILT].running != 0)
+    if (head.running())
         return ERR_MOVING;
     for (const AxisIndex axis : {PAN, TILT})
-        position[axis] = 2.0 * status[axis].position / gContext.axes[axis].total_steps - 1.0;
+        position[axis] = 2.0 * head[axis].position / gContext.axes[axis].total_steps - 1.0;
     return RESULT_OK;
 }
 
@@ -143,7 +131,7 @@ int32_t keep(const PresetTable& table)
     const int32_t result = savePresetList();
     if (result != RESULT_OK) {
         presetTableSet(before);
-        (void)reloadPresetList(); // reported there
+        (void)reloadPresetList(); // logged there
     }
     return result;
 }
@@ -255,7 +243,7 @@ void ubusDeletePreset(const Call& call)
     }
     if (nestedTooDeeply(args[0]))
         return replyCode(call, ERR_PARAM);
-    const std::unique_ptr<char, FreeText> text(blobmsg_format_json(args[0], false));
+    const Owned<char> text(blobmsg_format_json(args[0], false));
     int32_t ids[PRESET_COUNT];
     const int32_t count = string_to_int_list(text.get(), ids, PRESET_COUNT);
     if (count <= 0)
@@ -266,7 +254,7 @@ void ubusDeletePreset(const Call& call)
         return replyCode(call, ERR_PARAM);
     }
     pack(table);
-    (void)keep(table); // not reported
+    (void)keep(table); // a failure is not answered
     replyCode(call, plan_drop_presets({ids, static_cast<size_t>(count)}));
 }
 
@@ -280,7 +268,7 @@ void ubusClearPreset(const Call& call)
         entry.enabled = 0;
         clearPosition(entry);
     }
-    (void)keep(table); // not reported
+    (void)keep(table); // a failure is not answered
     replyCode(call, plan_drop_all());
 }
 

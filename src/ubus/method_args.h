@@ -22,6 +22,9 @@ void parseArgs(const blobmsg_policy (&policy)[N], blob_attr* (&args)[N], const C
                         static_cast<unsigned int>(blob_len(call.arguments)));
 }
 
+/// A STRING argument's text, valid as long as the call.
+[[nodiscard]] const char* textArg(const blob_attr* argument);
+
 /// A STRING argument's text as a decimal integer: leading blanks and a sign are taken, what follows the digits is
 /// ignored, text that is no number gives 0, and a number outside 32 bits saturates.
 [[nodiscard]] int32_t decimalArg(const blob_attr* argument);

@@ -9,7 +9,6 @@
 #include <inttypes.h>
 #include <poll.h>
 #include <stdio.h>
-#include <string.h>
 #include <time.h>
 
 namespace {
@@ -20,13 +19,6 @@ constexpr uint32_t BUS_EVENT_OBJECT = 1; // the bus daemon's own object for even
 constexpr int LOOKUP_ATTEMPTS = 10;
 constexpr int64_t LOOKUP_PAUSE_NS = 100 * NS_PER_MS;
 constexpr int64_t CALL_TIMEOUT_MS = 1000;
-
-int64_t monotonicMs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / NS_PER_MS;
-}
 
 /// A short-lived connection on the default socket.
 class BusConnection {
@@ -190,9 +182,9 @@ void motorNotifyState(int32_t state, int32_t origin)
     if (state != NOTIFY_IDLE && state != NOTIFY_MOVING)
         return;
     const bool moving = state == NOTIFY_MOVING;
-    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // reported there
+    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // logged there
     if (origin != ORIGIN_TRACK)
-        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // reported there
+        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // logged there
 }
 
 int32_t ubusNotifyWithParam(const char* method, int32_t origin)

@@ -73,15 +73,6 @@ bool HeadInTheLab::reported(const std::string& function, const std::string& text
         DEADLINE);
 }
 
-std::vector<int32_t> HeadInTheLab::moves(LabAxisId axis)
-{
-    std::vector<int32_t> steps;
-    for (const LabJournalEntry& entry : lab.records.journal())
-        if (entry.axis == axis && entry.request == "MOVE")
-            steps.push_back(entry.stepsWord());
-    return steps;
-}
-
 std::vector<LabJournalEntry> HeadInTheLab::driving(LabAxisId axis)
 {
     std::vector<LabJournalEntry> found;

@@ -1,8 +1,9 @@
 // Begin, rest and quiet period of a motion when two threads meet in the middle of them.
 
 #include "fakes/stored_head.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 #include "ubus/notify.h"
 
 #include <atomic>
@@ -19,7 +20,7 @@ class MotionRace : public StoredHead {
 protected:
     static void startMotion()
     {
-        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
+        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}), RESULT_OK);
     }
 };
 
@@ -27,7 +28,6 @@ TEST_F(MotionRace, NobodyTakesTheRestBeforeTheMoveRequestsForTheEnd)
 {
     motionBegin(MotionBegin::User); // the requests are not sent yet, the axes still rest
     motorStatusPoll(nullptr);
-    motionSettle(MotionSettle::Stop);
     EXPECT_EQ(fakes.notifications, Notifications{MOVING});
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
     motionStarted();

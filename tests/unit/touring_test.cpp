@@ -1,10 +1,12 @@
 // When a tour moves the head, and commands that overtake its step.
 
+#include "core/lens_mask_library.h"
 #include "fakes/stored_head.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 #include "preset/goto_preset.h"
 #include "preset/preset_methods.h"
 #include "preset/preset_store.h"

@@ -1,5 +1,6 @@
 #include "fakes/fake_surroundings.h"
 
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
@@ -24,7 +25,7 @@ void resetDaemon()
     gContext.motion.motion_origin.store(ORIGIN_USER);
     gContext.motion.user_moved_recently.store(0);
     gContext.motion.track_back_done.store(1);
-    gContext.motion.startsSeen.store(0);
+    gContext.motion.motionsStarted.store(gContext.motion.motionsBegun.load());
     gContext.motion.calibrating.store(0);
     gContext.position.power_off_recover.store(1);
     gContext.position.savePending.store(false);

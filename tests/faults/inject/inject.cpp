@@ -1,8 +1,12 @@
-// A preloaded library that makes chosen calls of the daemon fail. It stands before the lab's own preloaded library and
-// acts in programs named ptzd only. Which calls fail is told through the file that PTZD_FAULTS names, at any time.
+// A preloaded library that makes chosen calls of the daemon fail, and counts what programs make durable. It is to come
+// before the lab's own preloaded library.
 //
+// Calls fail in programs named ptzd only, when PTZD_FAULTS names a file that says which; it may be changed at any time.
 // Calls of libraries and of the C library count when the daemon's own code makes them, so that neither the lab nor the
 // libraries' insides change the numbering; calls on files count by the file's path.
+//
+// PTZD_SYNC_LOG names a file that gets a line "PID BYTES PATH" for each file, and each folder with 0 bytes, that any
+// program syncs.
 
 #include "fault_control.h"
 
@@ -99,8 +103,12 @@ int faultAt(FaultCall call, const char* subject)
         return 0;
     if (failures > 0 && record.failures.fetch_sub(1) <= 0)
         return 0;
+    const int32_t error = record.error.load();
+    const timespec delay{0, -error * 1'000'000L};
+    if (error < 0)
+        syscall(SYS_nanosleep, &delay, nullptr); // the library's own sleeps in the lab's time
     record.met.fetch_add(1);
-    return record.error.load();
+    return error < 0 ? 0 : error;
 }
 
 int faultOf(FaultCall call, const void* caller, const char* subject = nullptr)
@@ -144,6 +152,25 @@ int openFault(const char* path, int flags)
     return (flags & (O_CREAT | O_WRONLY | O_RDWR)) != 0 ? faultAt(FAULT_CREATE, path) : 0;
 }
 
+void noteSync(int fd)
+{
+    const char* log = getenv("PTZD_SYNC_LOG");
+    if (!log)
+        return;
+    const int keep = errno;
+    struct stat info {};
+    const bool isFile = fstat(fd, &info) == 0 && !S_ISDIR(info.st_mode);
+    if (FILE* file = fopen(log, "ae")) {
+        fprintf(file, "%d %lld %s\n", static_cast<int>(getpid()), isFile ? static_cast<long long>(info.st_size) : 0,
+                PathOf(fd).text);
+        fclose(file);
+    }
+    errno = keep;
+}
+
+constinit std::atomic<ubus_object*> gObject{nullptr};                        // the daemon's
+constinit std::atomic<void (*)(uloop_fd*, unsigned int)> gDispatch{nullptr}; // the library's own, of each connection
+
 #ifndef FAULTS_WITHOUT_HEAP
 constinit std::atomic<bool> gStarted{false};
 
@@ -180,66 +207,56 @@ void* definition(std::atomic<void*>& slot, const char* name)
 
 } // namespace
 
+/// The next definition of a call, behind this library's.
 #define NEXT(function)                                                                                                 \
     ([] {                                                                                                              \
         static constinit std::atomic<void*> slot{nullptr};                                                             \
         return reinterpret_cast<decltype(&::function)>(definition(slot, #function));                                   \
     }())
-#define FAULT(call, ...) faultOf(call, __builtin_return_address(0) __VA_OPT__(, ) __VA_ARGS__)
+/// What is to happen to a call that the daemon's own code makes, or to a file, for calls that count by that.
+#define OWN(call, ...) faultOf(call, __builtin_return_address(0) __VA_OPT__(, ) __VA_ARGS__)
+#define ON_FILE(call, path) (control() ? faultAt(call, path) : 0)
+/// Defines a call that returns `failure` where `fault` gives an `error`, and else what the next definition returns.
+#define CALL(result, name, parameters, arguments, fault, failure)                                                      \
+    result name parameters                                                                                             \
+    {                                                                                                                  \
+        const int error = fault;                                                                                       \
+        return error ? failure : NEXT(name) arguments;                                                                 \
+    }
 
 extern "C" {
 
-int pipe2(int ends[2], int flags) noexcept
-{
-    const int error = FAULT(FAULT_PIPE2);
-    return error ? failed(error) : NEXT(pipe2)(ends, flags);
-}
+CALL(int, pipe2, (int ends[2], int flags) noexcept, (ends, flags), OWN(FAULT_PIPE2), failed(error))
+CALL(int, timer_create, (clockid_t clock, sigevent* event, timer_t* id) noexcept, (clock, event, id),
+     OWN(FAULT_TIMER_CREATE), failed(error))
+CALL(int, timer_settime, (timer_t id, int flags, const itimerspec* value, itimerspec* old) noexcept,
+     (id, flags, value, old), OWN(FAULT_TIMER_SETTIME), failed(error))
 
-int timer_create(clockid_t clock, sigevent* event, timer_t* id) noexcept
-{
-    const int error = FAULT(FAULT_TIMER_CREATE);
-    return error ? failed(error) : NEXT(timer_create)(clock, event, id);
-}
-
-int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* old) noexcept
-{
-    const int error = FAULT(FAULT_TIMER_SETTIME);
-    return error ? failed(error) : NEXT(timer_settime)(id, flags, value, old);
-}
-
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
-                   void* argument) noexcept
-{
 #ifdef FAULTS_WITH_SANITIZERS_THREAD
-    // ThreadSanitizer starts a thread of its own with the program's first one, and without attributes.
-    const int error = attributes ? FAULT(FAULT_PTHREAD_CREATE) : 0;
+// ThreadSanitizer starts a thread of its own with the program's first one, and without attributes.
+#define THREAD_FAULT (attributes ? OWN(FAULT_PTHREAD_CREATE) : 0)
 #else
-    const int error = FAULT(FAULT_PTHREAD_CREATE);
+#define THREAD_FAULT OWN(FAULT_PTHREAD_CREATE)
 #endif
-    return error ? error : NEXT(pthread_create)(thread, attributes, routine, argument);
-}
+CALL(int, pthread_create,
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* argument) noexcept,
+     (thread, attributes, routine, argument), THREAD_FAULT, error)
 
 // The heap of a sanitizer is in the program and cannot be preloaded.
 #ifndef FAULTS_WITHOUT_HEAP
 void* malloc(size_t size) noexcept
 {
-    if (FAULT(FAULT_MALLOC) || allocationFails())
-        return nullptr;
-    return __libc_malloc(size);
+    return OWN(FAULT_MALLOC) || allocationFails() ? nullptr : __libc_malloc(size);
 }
 
 void* calloc(size_t count, size_t size) noexcept
 {
-    if (FAULT(FAULT_CALLOC) || allocationFails())
-        return nullptr;
-    return __libc_calloc(count, size);
+    return OWN(FAULT_CALLOC) || allocationFails() ? nullptr : __libc_calloc(count, size);
 }
 
 void* realloc(void* memory, size_t size) noexcept
 {
-    if (allocationFails())
-        return nullptr;
-    return __libc_realloc(memory, size);
+    return allocationFails() ? nullptr : __libc_realloc(memory, size);
 }
 
 /// json-c goes on with the null pointer when it lacks the memory for a member's name, and ends the process: a fault of
@@ -254,82 +271,56 @@ char* strdup(const char* text) noexcept
 }
 #endif
 
-char* blobmsg_format_json_with_cb(blob_attr* data, bool list, blobmsg_json_format_t format, void* argument, int indent)
-{
-    return FAULT(FAULT_FORMAT_JSON) ? nullptr : NEXT(blobmsg_format_json_with_cb)(data, list, format, argument, indent);
-}
+CALL(char*, blobmsg_format_json_with_cb,
+     (blob_attr * data, bool list, blobmsg_json_format_t format, void* argument, int indent),
+     (data, list, format, argument, indent), OWN(FAULT_FORMAT_JSON), nullptr)
+CALL(int, ubus_lookup_id, (ubus_context * connection, const char* path, uint32_t* id), (connection, path, id),
+     OWN(FAULT_UBUS_LOOKUP_ID, path), error)
+// What ubus_invoke_async, which is inline, comes to.
+CALL(int, ubus_invoke_async_fd,
+     (ubus_context * connection, uint32_t object, const char* method, blob_attr* message, ubus_request* request,
+      int fd),
+     (connection, object, method, message, request, fd), OWN(FAULT_UBUS_INVOKE_ASYNC, method), error)
+CALL(int, ubus_send_reply, (ubus_context * connection, ubus_request_data* request, blob_attr* message),
+     (connection, request, message), OWN(FAULT_UBUS_SEND_REPLY), error)
 
 ubus_context* ubus_connect(const char* path)
 {
-    return FAULT(FAULT_UBUS_CONNECT, path ? path : "default") ? nullptr : NEXT(ubus_connect)(path);
-}
-
-int ubus_reconnect(ubus_context* connection, const char* path)
-{
-    const int error = FAULT(FAULT_UBUS_RECONNECT);
-    return error ? error : NEXT(ubus_reconnect)(connection, path);
+    ubus_context* connection = OWN(FAULT_UBUS_CONNECT, path ? path : "default") ? nullptr : NEXT(ubus_connect)(path);
+    if (connection)
+        gDispatch.store(connection->sock.cb);
+    return connection;
 }
 
 int ubus_add_object(ubus_context* connection, ubus_object* object)
 {
-    const int error = FAULT(FAULT_UBUS_ADD_OBJECT);
+    gObject.store(object);
+    const int error = OWN(FAULT_UBUS_ADD_OBJECT);
     return error ? error : NEXT(ubus_add_object)(connection, object);
 }
 
-int ubus_lookup_id(ubus_context* connection, const char* path, uint32_t* id)
+int ubus_reconnect(ubus_context* connection, const char* path)
 {
-    const int error = FAULT(FAULT_UBUS_LOOKUP_ID, path);
-    return error ? error : NEXT(ubus_lookup_id)(connection, path, id);
+    const int error = OWN(FAULT_UBUS_RECONNECT);
+    const int status = error ? error : NEXT(ubus_reconnect)(connection, path);
+    if (status == 0 && OWN(FAULT_UBUS_RECONNECT_OBJECT) != 0) {
+        ubus_remove_object(connection, gObject.load());
+        connection->sock.cb = gDispatch.load(); // a library may set up the socket anew
+    }
+    return status;
 }
 
-// What ubus_invoke_async, which is inline, comes to.
-int ubus_invoke_async_fd(ubus_context* connection, uint32_t object, const char* method, blob_attr* message,
-                         ubus_request* request, int fd)
-{
-    const int error = FAULT(FAULT_UBUS_INVOKE_ASYNC, method);
-    return error ? error : NEXT(ubus_invoke_async_fd)(connection, object, method, message, request, fd);
-}
-
-int ubus_send_reply(ubus_context* connection, ubus_request_data* request, blob_attr* message)
-{
-    const int error = FAULT(FAULT_UBUS_SEND_REPLY);
-    return error ? error : NEXT(ubus_send_reply)(connection, request, message);
-}
-
-uci_context* uci_alloc_context()
-{
-    return FAULT(FAULT_UCI_ALLOC_CONTEXT) ? nullptr : NEXT(uci_alloc_context)();
-}
-
-int uci_load(uci_context* context, const char* name, uci_package** package)
-{
-    const int error = FAULT(FAULT_UCI_LOAD, name);
-    return error ? error : NEXT(uci_load)(context, name, package);
-}
-
-int uci_save(uci_context* context, uci_package* package)
-{
-    const int error = FAULT(FAULT_UCI_SAVE, package->e.name);
-    return error ? error : NEXT(uci_save)(context, package);
-}
-
-int uci_commit(uci_context* context, uci_package** package, bool overwrite)
-{
-    const int error = FAULT(FAULT_UCI_COMMIT, (*package)->e.name);
-    return error ? error : NEXT(uci_commit)(context, package, overwrite);
-}
-
-int uci_set(uci_context* context, uci_ptr* pointer)
-{
-    const int error = FAULT(FAULT_UCI_SET, pointer->option ? pointer->option : pointer->section);
-    return error ? error : NEXT(uci_set)(context, pointer);
-}
-
-int uci_delete(uci_context* context, uci_ptr* pointer)
-{
-    const int error = FAULT(FAULT_UCI_DELETE, pointer->section);
-    return error ? error : NEXT(uci_delete)(context, pointer);
-}
+CALL(uci_context*, uci_alloc_context, (), (), OWN(FAULT_UCI_ALLOC_CONTEXT), nullptr)
+CALL(int, uci_load, (uci_context * context, const char* name, uci_package** package), (context, name, package),
+     OWN(FAULT_UCI_LOAD, name), error)
+CALL(int, uci_save, (uci_context * context, uci_package* package), (context, package),
+     OWN(FAULT_UCI_SAVE, package->e.name), error)
+CALL(int, uci_commit, (uci_context * context, uci_package** package, bool overwrite), (context, package, overwrite),
+     OWN(FAULT_UCI_COMMIT, (*package)->e.name), error)
+CALL(int, uci_set, (uci_context * context, uci_ptr* pointer), (context, pointer),
+     OWN(FAULT_UCI_SET, pointer->option ? pointer->option : pointer->section), error)
+CALL(int, uci_delete, (uci_context * context, uci_ptr* pointer), (context, pointer),
+     OWN(FAULT_UCI_DELETE, pointer->section), error)
 
 int open(const char* path, int flags, ...)
 {
@@ -341,34 +332,13 @@ int open(const char* path, int flags, ...)
     return error ? failed(error) : NEXT(open)(path, flags, mode);
 }
 
-int mkstemp(char* path)
-{
-    const int error = control() ? faultAt(FAULT_CREATE, path) : 0;
-    return error ? failed(error) : NEXT(mkstemp)(path);
-}
-
-ssize_t write(int fd, const void* data, size_t size)
-{
-    const int error = control() ? faultAt(FAULT_WRITE, PathOf(fd).text) : 0;
-    return error ? failed(error) : NEXT(write)(fd, data, size);
-}
-
-int fsync(int fd)
-{
-    const int error = control() ? faultAt(FAULT_FSYNC, PathOf(fd).tail(fd)) : 0;
-    return error ? failed(error) : NEXT(fsync)(fd);
-}
-
-int ftruncate(int fd, off_t size) noexcept
-{
-    const int error = control() ? faultAt(FAULT_FTRUNCATE, PathOf(fd).tail(fd)) : 0;
-    return error ? failed(error) : NEXT(ftruncate)(fd, size);
-}
-
-int rename(const char* from, const char* to) noexcept
-{
-    const int error = control() ? faultAt(FAULT_RENAME, to) : 0;
-    return error ? failed(error) : NEXT(rename)(from, to);
-}
+CALL(int, mkstemp, (char* path), (path), ON_FILE(FAULT_CREATE, path), failed(error))
+CALL(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), ON_FILE(FAULT_WRITE, PathOf(fd).text),
+     failed(error))
+CALL(int, ftruncate, (int fd, off_t size) noexcept, (fd, size), ON_FILE(FAULT_FTRUNCATE, PathOf(fd).tail(fd)),
+     failed(error))
+CALL(int, rename, (const char* from, const char* to) noexcept, (from, to), ON_FILE(FAULT_RENAME, to), failed(error))
+CALL(int, fsync, (int fd), (fd), (noteSync(fd), ON_FILE(FAULT_FSYNC, PathOf(fd).tail(fd))), failed(error))
+CALL(int, fdatasync, (int fd), (fd), (noteSync(fd), 0), failed(error))
 
 } // extern "C"

@@ -2,6 +2,16 @@
 #pragma once
 
 #include "core/motion.h"
+#include "core/timer.h"
+
+#include <stdint.h>
+
+inline constexpr int64_t USR_MOVE_STOP_NS = 60 * NS_PER_SECOND;
+inline constexpr int64_t SCAN_MOVE_STOP_NS = 15 * NS_PER_SECOND;
+
+/// Starts them for a head that has come to rest: the user's while user_moved_recently is set, the scan's while
+/// scanStepDone is not.
+void quietPeriodsStart() REQUIRES(gContext.motion.MotionStateLock);
 
 /// Callback of usrMoveStopTimer: once the head rests, clears user_moved_recently and disarms the timer; while it moves,
 /// nothing, and the timer expires again. Thread: timer; takes MotionStateLock.
