@@ -190,10 +190,10 @@ private:
                 }
                 return;
             }
-            const bool lost = !files_.steps[LAB_PAN] || !files_.steps[LAB_TILT];
-            require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
-            if (lost)
-                motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+            if (!files_.steps[LAB_PAN] || !files_.steps[LAB_TILT])
+                return motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+            require(ran, "the end of tracking does not return the head");
+            motions.keepOrigin(true, {ORIGIN_RETURN}, "the end of tracking does not return the head");
         };
         methods_["lensMask"] = [this](const Step&) {
             refuse(stillCalibrating(), CODE_CALIBRATING);

@@ -12,14 +12,14 @@ public:
         methods_["gotoPreset"] = [this](const Step& step) {
             const int64_t id = number(step.argument("id").value_or("0"));
             refuse(id < 1 || id > 8, CODE_PARAM);
-            const PresetSlot* preset = presetWithId(world.presets, id);
+            const PresetSlot* preset = presetWithId(world.now.presets, id);
             refuse(!preset, CODE_PRESET);
             setFactor(step, "speed_pan", LAB_PAN);
             setFactor(step, "speed_tilt", LAB_TILT);
             refuseBusy();
             look();
             haltIfRunning();
-            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.factors); });
+            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.now.factors); });
             const Pair steps = forEach([&](LabAxisId axis) { return presetSteps(axis, *preset, position(axis)); });
             refuse(!go(Begin::PRESET, speeds, steps), CODE_DEVICE);
             armSave();
@@ -31,10 +31,10 @@ public:
             refuse(id < 1 || id > 8, CODE_PRESET);
             const int64_t captures = number(step.argument("save_ptz").value_or("0"));
             refuse(captures != 0 && captures != 1, CODE_PARAM);
-            while (!step.argument("id") && id <= 8 && presetWithId(world.presets, id))
+            while (!step.argument("id") && id <= 8 && presetWithId(world.now.presets, id))
                 ++id;
-            PresetSlot* slot = presetWithId(world.presets, id);
-            for (PresetSlot& other : world.presets)
+            PresetSlot* slot = presetWithId(world.now.presets, id);
+            for (PresetSlot& other : world.now.presets)
                 slot = !slot && id <= 8 && other.id == 0 ? &other : slot;
             refuse(!slot, CODE_FULL);
             PresetSlot changed = slot->id != 0 ? *slot : PresetSlot{0, "preset" + std::to_string(id), {}};
@@ -58,23 +58,23 @@ public:
             for (size_t i = 0; i < json_object_array_length(array.get()); ++i) {
                 const int64_t id = json_object_get_int64(json_object_array_get_idx(array.get(), i));
                 refuse(id < 1 || id > 8, CODE_PARAM); // those before are gone, until a restart
-                if (PresetSlot* slot = presetWithId(world.presets, id))
+                if (PresetSlot* slot = presetWithId(world.now.presets, id))
                     *slot = {};
                 ids.insert(id);
             }
-            std::stable_partition(world.presets.begin(), world.presets.end(),
+            std::stable_partition(world.now.presets.begin(), world.now.presets.end(),
                                   [](const auto& slot) { return slot.id != 0; });
             savePresets();
             savePendingPlan([&](const PlanRange& range) { return range.action == "preset" && ids.contains(range.id); });
         };
         methods_["clearPreset"] = [this](const Step&) {
-            world.presets = {};
+            world.now.presets = {};
             savePresets();
             savePendingPlan([](const PlanRange&) { return true; });
         };
         methods_["getPresetAll"] = [this](const Step&) {
             std::string lists[5];
-            for (const PresetSlot& slot : world.presets) {
+            for (const PresetSlot& slot : world.now.presets) {
                 if (slot.id == 0)
                     continue;
                 const std::string texts[] = {"\"" + std::to_string(slot.id) + "\"", quoted(slot.name), "\"0\"",
@@ -104,9 +104,9 @@ private:
     /// What the daemon reads is what it has stored, with the digits that it stores.
     void readPresets()
     {
-        world.presets = files_.presets;
-        for (size_t i = 0; i < world.presets.size(); ++i) {
-            PresetSlot& slot = world.presets[i];
+        world.now.presets = files_.presets;
+        for (size_t i = 0; i < world.now.presets.size(); ++i) {
+            PresetSlot& slot = world.now.presets[i];
             for (float& position : slot.position)
                 position = strtof(std::to_string(position).c_str(), nullptr);
             if (slot.id != 0 && slot.name.empty())
@@ -116,7 +116,7 @@ private:
     /// What is stored takes the place of all that the package holds.
     void savePresets()
     {
-        files_.presets = world.presets;
+        files_.presets = world.now.presets;
         for (const LabAxisId axis : AXES)
             axes[axis].speedOption = files_.speeds[axis];
     }
@@ -127,7 +127,7 @@ private:
         const float factor = strtof(given.c_str(), &end);
         refuse(*end != '\0', CODE_PARAM);
         refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
-        world.factors[axis] = factor;
+        world.now.factors[axis] = factor;
     }
     static void readDay(json_object* array, PlanDay& day)
     {

@@ -34,7 +34,7 @@ public:
         world.walls = files_.walls;
         if (!tour)
             return;
-        motions.mayReload();
+        motions.change([](MotionState&) {}); // what is asked for may have been loaded
         world.settings.push_back(files_.tour);
     }
     /// When the save that is to come unprompted was armed, in lab time at the earliest.
@@ -195,21 +195,20 @@ protected:
                 motions.tourFails(entry.labNs);
             return;
         }
-        const auto may = [&](Presets presets, const std::array<float, 2>& factors, const MotionState& state) {
+        const auto may = [&](PresetsInUse& read, const MotionState& state) {
             const bool scans = world.settings[state.setting].type == 1;
-            const PresetSlot* preset = presetWithId(presets, state.preset);
+            const PresetSlot* preset = presetWithId(read.presets, state.preset);
             if (scans ? entry.axis == LAB_TILT : !preset)
                 return false;
             const int64_t from = tourReading_.words[entry.axis][STEPS_WORD];
             const int64_t steps =
                 scans ? axes[LAB_PAN].toSteps(state.scanCoord) - from : presetSteps(entry.axis, *preset, from);
-            const auto speed = static_cast<int32_t>(factoredSpeed(entry.axis, factors));
+            const auto speed = static_cast<int32_t>(factoredSpeed(entry.axis, read.factors));
             return entry.in == Words{0, speed, static_cast<int32_t>(steps), 0, 0};
         };
         const auto fits = [&](const MotionState& state) {
-            return may(world.presets, world.factors, state) ||
-                   (world.justChanged(tourReadNs_) &&
-                    (may(world.presetsBefore, world.factors, state) || may(world.presets, world.factorsBefore, state)));
+            auto read = world.readAt(tourReadNs_);
+            return std::any_of(read.begin(), read.end(), [&](auto& presets) { return may(presets, state); });
         };
         if (entry.axis == LAB_PAN)
             motions.tourDrives(entry, fits);
