@@ -27,7 +27,6 @@ enum Code : int32_t {
     CODE_PRESET = -64321,
     CODE_LENS_MASK = -64324,
     CODE_PANORAMA = -64329,
-    CODE_PLAN = 64302,
 };
 
 /// A method's answer when it goes no further.

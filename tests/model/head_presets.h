@@ -86,16 +86,13 @@ public:
             before_ = "\"id\":[" + lists[0] + "],\"name\":[" + lists[1] + "],\"read_only\":[" + lists[2] +
                       "],\"position_pan\":[" + lists[3] + "],\"position_tilt\":[" + lists[4] + "],";
         };
-        // A plan that was refused remains as far as it was read, and is stored when presets are deleted.
         methods_["set_plan_config"] = [this](const Step& step) {
             pendingPlan_.clear();
             constexpr const char* DAY_NAMES[DAYS] = {"sunday",   "monday", "tuesday", "wednesday",
                                                      "thursday", "friday", "saturday"};
             for (int day = 0; day < DAYS; ++day)
                 if (const Json array = step.argument(DAY_NAMES[day], json_type_array))
-                    readDay(array.get(), pendingPlan_[day]);
-            for (const auto& [day, ranges] : pendingPlan_)
-                refuse(!fits(ranges), CODE_PLAN);
+                    pendingPlan_[day] = planDay(array.get());
             savePendingPlan([](const PlanRange&) { return false; });
         };
     }
@@ -129,9 +126,9 @@ private:
         refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
         world.now.factors[axis] = factor;
     }
-    static void readDay(json_object* array, PlanDay& day)
+    static PlanDay planDay(json_object* array)
     {
-        refuse(json_object_array_length(array) > 10, CODE_PLAN);
+        PlanDay day;
         for (size_t i = 0; i < json_object_array_length(array); ++i) {
             json_object* const entry = json_object_array_get_idx(array, i); // of one member
             const json_object_iterator first = json_object_iter_begin(entry);
@@ -139,18 +136,8 @@ private:
             const auto member = [range](const char* name) { return json_object_object_get(range, name); };
             day.push_back({json_object_get_int(member("start_time")), json_object_get_int(member("end_time")),
                            json_object_get_string(member("action_type")), json_object_get_int(member("action_id"))});
-            refuse(day.back().action != "preset" && day.back().action != "disable", CODE_PLAN);
         }
-    }
-    static bool fits(const PlanDay& day)
-    {
-        int earliest = 0;
-        for (const PlanRange& range : day) {
-            if (range.start < earliest || range.end < range.start || range.end > DAY_MINUTES)
-                return false;
-            earliest = range.end;
-        }
-        return true;
+        return day;
     }
     void savePendingPlan(const std::function<bool(const PlanRange&)>& isLost)
     {
@@ -167,5 +154,5 @@ private:
         return json_object_to_json_string_ext(json.get(), JSON_C_TO_STRING_NOSLASHESCAPE);
     }
 
-    Plan pendingPlan_; // as far as it was read
+    Plan pendingPlan_; // the latest request since the start
 };
