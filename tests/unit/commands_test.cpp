@@ -102,14 +102,16 @@ TEST_F(Commands, SendTheAxesWhereTheySay)
         EXPECT_EQ(fakes.timers[&timers.saveStepsTimer], one.saved ? TEN_SECONDS : FakeTimer{});
         const bool moves = one.driven.find("move") != std::string::npos;
         EXPECT_EQ(fakes.armed(timers.statusPollTimer), moves);
-        // With a pan that fails: tilt is not asked, not stopped, but sent all the same.
-        const std::pair<unsigned long, std::string> failures[] = {
-            {MOTOR_IOC_GET_STATUS, ""}, {MOTOR_IOC_STOP, "pan stop"}, {MOTOR_IOC_MOVE, one.driven}};
-        for (const auto& [request, reached] : failures) {
+        // A pan that cannot be read or stopped leaves tilt alone; one that cannot be moved does not, nor the reverse.
+        const std::tuple<AxisIndex, unsigned long, std::string> failures[] = {{PAN, MOTOR_IOC_GET_STATUS, ""},
+                                                                              {PAN, MOTOR_IOC_STOP, "pan stop"},
+                                                                              {PAN, MOTOR_IOC_MOVE, one.driven},
+                                                                              {TILT, MOTOR_IOC_MOVE, one.driven}};
+        for (const auto& [axis, request, reached] : failures) {
             if (!moves || (request == MOTOR_IOC_STOP && !one.driven.starts_with(stops)))
                 continue;
             setUpIn(one.state);
-            fakeMotor.fail(PAN, request);
+            fakeMotor.fail(axis, request);
             EXPECT_EQ(rig::call(one.method, one.arguments), ERR_DEVICE);
             EXPECT_TRUE(request != MOTOR_IOC_GET_STATUS || fakeMotor.requests.size() == 1);
             EXPECT_EQ(driven(), reached);
