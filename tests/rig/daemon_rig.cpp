@@ -27,6 +27,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -160,10 +161,11 @@ int32_t call(unsigned method, Bytes attributes)
     message->id_len = cpu_to_be32(static_cast<uint32_t>(length));
     std::copy(attributes.begin(), attributes.end(), bytes.get() + sizeof(blob_attr));
     fakes.reply.clear();
-    fakes.replies = 0;
+    const int outer = std::exchange(fakes.replies, 0); // a fake may make a call amid another
     fakes.code.reset();
     const int status = entry.handler(nullptr, &ptzdObject(), nullptr, entry.name, message);
     RIG_CHECK(status == 0 && fakes.replies == 1, "%s: status %d, %d replies\n", entry.name, status, fakes.replies);
+    fakes.replies = outer;
     return fakes.code.value_or(0);
 }
 

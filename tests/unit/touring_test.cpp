@@ -108,7 +108,7 @@ TEST_F(Tour, ScansToAndFroWithAPauseAtEachStep)
     gContext.preset.panSpeedFactor.store(0.5F);
     gContext.preset.tiltSpeedFactor.store(0.25F);
     for (const int coord : {-20, -10, 0, 10, 20, 10, 0, -10, -20, -10}) {
-        EXPECT_EQ(cycle(), coord);
+        ASSERT_EQ(cycle(), coord);
         EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).back().speed, 4) << "half of pan's eight, and no tilt";
         restAt(1500 + 10 * coord, 610);
         EXPECT_EQ(fakes.timers[&timers.scanMoveStopTimer], (FakeTimer{15'000'000'000, 15'000'000'000}));
