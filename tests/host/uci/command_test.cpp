@@ -19,21 +19,10 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
         {{"get", "p.preset_1"}, "preset\n", "", 0},
         {{"get", "p.preset_1.name"}, "it's me\n", "", 0},
         {{"get", "p.preset_1.l"}, "x 'b c'\n", "", 0},
-        {{"-d", ",", "get", "p.preset_1.l"}, "x,b c\n", "", 0},
         {{"get", "p.@rule[-1].v"}, "9\n", "", 0},
         {{"get", "p"}, "", "", 0},
         {{"show", "p.@rule[0]"}, "p.cfg0292bd=rule\np.cfg0292bd.v='9'\n", "", 0},
         {{"show", "p.preset_1.l"}, "p.preset_1.l='x' 'b c'\n", "", 0},
-        {{"-X", "show"},
-         "p.preset_1=preset\np.preset_1.name='it'\\''s me'\np.preset_1.l='x' 'b c'\n"
-         "p.cfg0292bd=rule\np.cfg0292bd.v='9'\n",
-         "",
-         0},
-        {{"-n", "export", "p"},
-         "package p\n\nconfig preset 'preset_1'\n\toption name 'it'\\''s me'\n\tlist l 'x'\n\tlist l 'b c'\n"
-         "\nconfig rule 'cfg0292bd'\n\toption v '9'\n\n",
-         "",
-         0},
         {{"get", "p.preset_1.nope"}, "", "uci: Entry not found\n", 1},
         {{"show", "nope"}, "", "uci: Entry not found\n", 1},
         {{"commit", "nope"}, "", "uci: Entry not found\n", 1},
@@ -51,11 +40,6 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
         {{"set", "p.@rule[0]=t"}, "", "", 0},
         {{"add", "p", "bad type"}, "cfg0469ce\n", "", 0}, // of which nothing comes
         {{"commit", "p"}, "", "", 0},
-        {{"export", "p"},
-         "package p\n\nconfig preset 'preset_1'\n\toption name 'it'\\''s me'\n\tlist l 'x'\n\tlist l 'b c'\n"
-         "\nconfig t 'cfg0292bd'\n\toption v '9'\n\nconfig rule\n\n",
-         "",
-         0},
     };
     for (const auto& [arguments, out, err, status] : cases) {
         const CommandResult result = box.run(arguments);
@@ -77,19 +61,13 @@ TEST(Command, ExplainsItselfWhenUsedWrongly)
     }
 }
 
-TEST(Command, CommitsEveryPackageButNoneWithAPrivateSaveDirectory)
+TEST(Command, CommitsEveryPackage)
 {
     Sandbox box(FILE_TEXT);
     const std::filesystem::path q = box.configDir / "q";
     writeFile(q, "bogus\n");
     EXPECT_EQ(box.run({"add", "q", "rule"}).status, UCI_ERR_PARSE);
     writeFile(q, "config t 's'\n");
-    const std::string own = box.root / "private";
-    EXPECT_EQ(box.run({"-P", own, "set", "p.preset_1.name=own"}).status, 0);
-    EXPECT_EQ(box.run({"-P", own, "commit"}).status, 0);
-    EXPECT_EQ(readFile(own + "/p"), "p.preset_1.name='own'\n");
-    EXPECT_EQ(box.fileText(), FILE_TEXT);
-
     EXPECT_EQ(box.run({"set", "p.preset_1.name=new"}).status + box.run({"set", "q.s.a=1"}).status, 0);
     EXPECT_EQ(box.run({"commit"}).status, 0);
     EXPECT_EQ(box.run({"changes"}).out, "");

@@ -56,15 +56,14 @@ void Sandbox::setChanges(std::string_view text) const
 Context Sandbox::context() const
 {
     Context ctx(uci_alloc_context());
-    if (!ctx || uci_set_confdir(ctx.get(), configDir.c_str()) || uci_set_savedir(ctx.get(), saveDir.c_str()) ||
-        uci_set_conf2dir(ctx.get(), nullptr))
+    if (!ctx || uci_set_confdir(ctx.get(), configDir.c_str()) || uci_set_savedir(ctx.get(), saveDir.c_str()))
         throw std::runtime_error("no context");
     return ctx;
 }
 
 CommandResult Sandbox::run(const std::vector<std::string>& arguments) const
 {
-    std::vector<std::string> all = {"uci", "-c", configDir, "-t", saveDir, "-C", root / "none"};
+    std::vector<std::string> all = {"uci", "-c", configDir, "-t", saveDir};
     all.insert(all.end(), arguments.begin(), arguments.end());
     Process command(all, Process::Stderr::Pipe, UCI_PROGRAM);
     const int status = command.wait();
