@@ -2,30 +2,6 @@
 
 #include "ubox_test.h"
 
-TEST(Blob, WritesEveryPaddingAsZeroAndKeepsTheLengthUnpadded)
-{
-    Buffer buf;
-    blob_put_string(buf.get(), 1, "ffffffffffffffffffffffffffffffffffffffff");
-    ASSERT_EQ(blob_buf_init(buf.get(), 5), 0); // in memory that was used
-    blob_put_u8(buf.get(), 1, 0xab);
-    blob_put_string(buf.get(), 2, "ptzd");
-    blob_put_u16(buf.get(), 3, 0x1234);
-    blob_put_u64(buf.get(), 4, 0x0102030405060708);
-    blob_put(buf.get(), 127, nullptr, 0);
-    EXPECT_EQ(buf.hex(), "05000030"
-                         "01000005ab000000"
-                         "0200000970747a6400000000"
-                         "0300000612340000"
-                         "0400000c0102030405060708"
-                         "7f000004");
-    std::string ids;
-    blob_attr* attr = nullptr;
-    size_t rest = 0;
-    blob_for_each_attr (attr, buf.head(), rest)
-        ids += std::to_string(blob_id(attr)) + ":" + std::to_string(blob_len(attr)) + " ";
-    EXPECT_EQ(ids, "1:1 2:5 3:2 4:8 127:0 ");
-}
-
 TEST(Blob, NestedAttributesSurviveAMoveOfTheBuffer)
 {
     Buffer buf;

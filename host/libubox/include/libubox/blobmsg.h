@@ -83,31 +83,16 @@ bool blobmsg_check_attr(const struct blob_attr* attr, bool name);
 /* The same, in memory of `len` bytes from the attribute on. */
 bool blobmsg_check_attr_len(const struct blob_attr* attr, bool name, size_t len);
 
-/* Number of elements of a well formed array or table whose elements are all well formed and of the type (0: any), in a
- * table with names; else -1. */
-int blobmsg_check_array(const struct blob_attr* attr, int type);
-
 /* Looks for the fields of the policy in a run of attributes and stores what it finds, else null, in `tb`. 0 when it
  * reached the end, -22 for no data at all, -1 at the first malformed field, with what was found before it kept. */
 int blobmsg_parse(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
                   unsigned int len);
-
-/* Hands the elements of a run to the policy's entries in turn; an element of another type than the current entry's is
- * skipped, whatever is in it. 0, or -1 at a malformed element. */
-int blobmsg_parse_array(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
-                        unsigned int len);
 
 /* Adders return 0, or -1 when the buffer cannot grow. A null name is an empty one. */
 int blobmsg_add_field(struct blob_buf* buf, int type, const char* name, const void* data, unsigned int len);
 
 /* Opens a table or array; null when the buffer cannot grow. */
 void* blobmsg_open_nested(struct blob_buf* buf, const char* name, bool array);
-
-/* Adds a formatted string; the number of its characters, or -1. */
-int blobmsg_vprintf(struct blob_buf* buf, const char* name, const char* format, va_list args)
-    __attribute__((format(printf, 3, 0)));
-int blobmsg_printf(struct blob_buf* buf, const char* name, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
 
 static inline int blobmsg_add_u8(struct blob_buf* buf, const char* name, uint8_t value)
 {
@@ -222,22 +207,6 @@ static inline char* blobmsg_get_string(const struct blob_attr* attr)
 }
 
 /* Any integer type widened; 0 for other types. */
-static inline uint64_t blobmsg_cast_u64(const struct blob_attr* attr)
-{
-    switch (blobmsg_type(attr)) {
-    case BLOBMSG_TYPE_INT64:
-        return blobmsg_get_u64(attr);
-    case BLOBMSG_TYPE_INT32:
-        return blobmsg_get_u32(attr);
-    case BLOBMSG_TYPE_INT16:
-        return blobmsg_get_u16(attr);
-    case BLOBMSG_TYPE_INT8:
-        return blobmsg_get_u8(attr);
-    default:
-        return 0;
-    }
-}
-
 static inline int64_t blobmsg_cast_s64(const struct blob_attr* attr)
 {
     switch (blobmsg_type(attr)) {
