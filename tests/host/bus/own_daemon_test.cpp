@@ -32,7 +32,7 @@ TEST_F(BusTest, HandlesAllInputBeforeTheEndOfTheStream)
     }
 }
 
-TEST_F(BusTest, MakesALongLookupWaitForRoom)
+TEST_F(BusTest, AnswersALookupInFullHoweverLong)
 {
     constexpr int OBJECTS = 3000;
     RawClient owner = connect();
@@ -43,13 +43,8 @@ TEST_F(BusTest, MakesALongLookupWaitForRoom)
     asker.send(message(LOOKUP, 1, 0, {}) + message(PING, 2, 0, {}));
     asker.endWriting();
     EXPECT_LE(ticksWhileIdle(), IDLE_TICKS);
-    // An object that goes while the answer waits is left out, one that comes is there if its turn is still to come.
-    RawClient other = connect();
-    const Answer removed = other.ask(message(LOOKUP, 1, 0, attr(A_OBJPATH, text("12999"))));
-    EXPECT_EQ(owner.ask(message(REMOVE_OBJECT, 1, 0, attr(A_OBJID, find(removed.data.at(0), A_OBJID)))).status, 0u);
-    owner.addObject("13001", signature);
     for (int i = 0; i < OBJECTS; ++i)
-        ASSERT_EQ(findText(asker.receive(), A_OBJPATH), std::to_string(i < OBJECTS - 1 ? 10000 + i : 13001));
+        ASSERT_EQ(findText(asker.receive(), A_OBJPATH), std::to_string(10000 + i));
     EXPECT_EQ(asker.receive(), message(STATUS, 1, 0, attr(A_STATUS, u32(0))));
     EXPECT_EQ(asker.receive(), message(DATA, 2, 0, {})) << "in the order of the requests";
     EXPECT_TRUE(asker.closedByDaemon());
