@@ -173,18 +173,6 @@ TEST_F(CommandTest, SendsEventsAndPrintsEachAtOnce)
     expect({"send", "motor", "[]"}, {.err = "Command failed: Parsing message data failed\n", .exitStatus = 12});
 }
 
-TEST_F(CommandTest, WaitsForObjects)
-{
-    owner->addObject("here");
-    expect({"wait_for", "here"}, {});
-    expect({"-t", "1", "wait_for", "here", "later"}, {.err = "Command failed: Request timed out\n", .exitStatus = 7});
-    const auto command = start({"wait_for", "later", "here", "last"});
-    owner->addObject("later");
-    EXPECT_FALSE(command->hasLine());
-    owner->addObject("last");
-    expectEnd(*command, {});
-}
-
 TEST_F(CommandTest, SaysThatThereIsNoBusOrHowToUseIt)
 {
     const std::string noBus = folder() + "/none";
