@@ -71,11 +71,6 @@ static inline size_t blobmsg_data_len(const struct blob_attr* attr)
     return attr ? blob_len(attr) - (size_t)((char*)blobmsg_data(attr) - (char*)blob_data(attr)) : 0;
 }
 
-static inline size_t blobmsg_len(const struct blob_attr* attr)
-{
-    return blobmsg_data_len(attr);
-}
-
 /* Whether one attribute is well formed; its length field is believed. With `name` it must have a name, too. The content
  * of arrays and tables is not looked at. */
 bool blobmsg_check_attr(const struct blob_attr* attr, bool name);
@@ -97,12 +92,6 @@ void* blobmsg_open_nested(struct blob_buf* buf, const char* name, bool array);
 static inline int blobmsg_add_u8(struct blob_buf* buf, const char* name, uint8_t value)
 {
     return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &value, sizeof(value));
-}
-
-static inline int blobmsg_add_u16(struct blob_buf* buf, const char* name, uint16_t value)
-{
-    value = cpu_to_be16(value);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &value, sizeof(value));
 }
 
 static inline int blobmsg_add_u32(struct blob_buf* buf, const char* name, uint32_t value)
@@ -149,11 +138,6 @@ static inline void blobmsg_close_array(struct blob_buf* buf, void* cookie)
 static inline void blobmsg_close_table(struct blob_buf* buf, void* cookie)
 {
     blob_nest_end(buf, cookie);
-}
-
-static inline int blobmsg_buf_init(struct blob_buf* buf)
-{
-    return blob_buf_init(buf, BLOBMSG_TYPE_TABLE);
 }
 
 /* The readers below trust the attribute: it is of their type, as after blobmsg_parse with a policy. */
