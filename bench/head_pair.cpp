@@ -61,6 +61,7 @@ HeadPair::HeadPair(const LabOptions& options)
     const std::string settings =
         given != options.config.end() ? given->second : readFile(std::string(LAB_CONFIG_FOLDER) + "/ptzd");
     prepared.config["bare"] = settings;
+    prepared.environment.push_back("PTZD_SYNC_LOG=" + syncLog(lab_.folder()));
     if (!lab_.up(prepared))
         fprintf(stderr, "the lab does not start: %s\n", lab_.error().c_str());
     else if (launchBare())

@@ -64,7 +64,7 @@ CallTimes watched(Callers& callers, const Target& target, pid_t pid, const Effor
 Measured alternate(HeadPair& pair, Callers& callers, const Target& ptzd, const Target& bare, const Effort& effort,
                    Report& report)
 {
-    const pid_t ptzdPid = pair.lab().ptzdPid();
+    const pid_t ptzdPid = pair.lab().programs.ptzdPid();
     Measured measured;
     for (int round = 0; round < effort.rounds; ++round) {
         const CallTimes ours = watched(callers, ptzd, ptzdPid, effort, measured.processorUs.ptzd);
@@ -122,9 +122,11 @@ void benchCalls(const Effort& effort, Report& report)
         for (const int clients : {1, 8, 64})
             compare(pair, comparison, clients, effort, report);
     }
-    const uint32_t before = pair.lab().served(LAB_PAN, LAB_GET_STATUS) + pair.lab().served(LAB_TILT, LAB_GET_STATUS);
+    const uint32_t before =
+        pair.lab().motors.served(LAB_PAN, LAB_GET_STATUS) + pair.lab().motors.served(LAB_TILT, LAB_GET_STATUS);
     report.require(pair.lab().call("getStatus").find("x_coord") != std::string::npos &&
-                       pair.lab().served(LAB_PAN, LAB_GET_STATUS) + pair.lab().served(LAB_TILT, LAB_GET_STATUS) ==
+                       pair.lab().motors.served(LAB_PAN, LAB_GET_STATUS) +
+                               pair.lab().motors.served(LAB_TILT, LAB_GET_STATUS) ==
                            before + 2,
                    "getStatus makes two device requests");
 }

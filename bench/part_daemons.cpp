@@ -28,7 +28,7 @@ enum Program { PTZD, BARE };
 
 pid_t pidOf(HeadPair& pair, Program program)
 {
-    return program == PTZD ? pair.lab().ptzdPid() : pair.barePid();
+    return program == PTZD ? pair.lab().programs.ptzdPid() : pair.barePid();
 }
 
 /// What all of one kind take while all rest for that long, of a single one on the average.

@@ -51,7 +51,7 @@ void benchMemory(const Effort&, Report& report)
     report.require(pair.valid() && useHead(pair.lab()), "the lab starts");
     if (!pair.valid())
         return;
-    const MemoryUse ptzd = memoryOf(pair.lab().ptzdPid());
+    const MemoryUse ptzd = memoryOf(pair.lab().programs.ptzdPid());
     const MemoryUse bare = memoryOf(pair.barePid());
     report.section("Memory after use, and the program file");
     compare(report, "resident", "KiB", ptzd.resident, bare.resident, true);

@@ -40,12 +40,12 @@ public:
     /// Calls, and looks for the two requests of that name that it makes; zeros unless it makes just two.
     Timed timed(Callers& callers, const Target& target, const std::string& request)
     {
-        pair_.lab().forget();
+        pair_.lab().records.clear();
         // An empty line, so that it is not the first request of either side that pays for the emptied file's new page.
         std::ofstream(pair_.lab().folder() + "/journal", std::ios::app) << std::endl;
         const CallMoment call = callers.once(target);
         std::vector<double> us;
-        for (const LabJournalEntry& entry : pair_.lab().journal()) {
+        for (const LabJournalEntry& entry : pair_.lab().records.journal()) {
             if (entry.request == request)
                 us.push_back(static_cast<double>(entry.realNs + state_->startNs - call.sentNs) / 1000);
         }
@@ -107,7 +107,7 @@ void benchMotion(const Effort& effort, Report& report)
     if (!pair.valid() || !journal.valid())
         return;
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        pair.lab().setFactor(axis, SLOW);
+        pair.lab().motors.setFactor(axis, SLOW);
     Callers callers(pair.socket(), 1);
     bool two = true;
     Side sides[2][2];

@@ -37,12 +37,12 @@ private:
 
 int64_t statusRequests(Lab& lab)
 {
-    return int64_t{lab.served(LAB_PAN, LAB_GET_STATUS)} + lab.served(LAB_TILT, LAB_GET_STATUS);
+    return int64_t{lab.motors.served(LAB_PAN, LAB_GET_STATUS)} + lab.motors.served(LAB_TILT, LAB_GET_STATUS);
 }
 
 void atRest(HeadPair& pair, const Effort& effort, Report& report)
 {
-    const Watch ptzd(pair.lab().ptzdPid());
+    const Watch ptzd(pair.lab().programs.ptzdPid());
     const Watch bare(pair.barePid());
     const int64_t requests = statusRequests(pair.lab());
     std::this_thread::sleep_for(effort.rest);
@@ -61,10 +61,10 @@ void moving(HeadPair& pair, const Effort& effort, Report& report)
 {
     Lab& lab = pair.lab();
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        lab.setFactor(axis, SLOW);
+        lab.motors.setFactor(axis, SLOW);
     const double seconds = std::chrono::duration<double>(effort.rest).count();
     report.require(lab.call("moveTo", R"({"x_coord":"100","y_coord":"40"})") == R"({"error_code":0})", "moveTo works");
-    const Watch ptzd(lab.ptzdPid());
+    const Watch ptzd(lab.programs.ptzdPid());
     int64_t requests = statusRequests(lab);
     std::this_thread::sleep_for(effort.rest);
     const double ours = ptzd.ms();

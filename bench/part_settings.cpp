@@ -69,10 +69,10 @@ std::string dayRequest(const std::string& action)
 /// Size of the file that a commit of the settings writes.
 double bytesOfACommit(HeadPair& pair, Report& report)
 {
-    const size_t before = pair.syncs(pair.lab().ptzdPid()).size();
+    const size_t before = pair.syncs(pair.lab().programs.ptzdPid()).size();
     report.require(pair.lab().call("setConfig", R"({"x_speed":"3"})") == DONE, "setConfig works");
     double bytes = 0;
-    const std::vector<Sync> syncs = pair.syncs(pair.lab().ptzdPid());
+    const std::vector<Sync> syncs = pair.syncs(pair.lab().programs.ptzdPid());
     for (size_t i = before; i < syncs.size(); ++i)
         bytes = std::max(bytes, static_cast<double>(syncs[i].bytes));
     return bytes;
@@ -93,7 +93,7 @@ void withPresets(int count, const Effort& effort, Report& report)
     report.require(!all.empty() && bytes > 0, "getPresetAll is answered");
     report.add({presets + "getPresetAll", "µs", median(all), percentile99(all)});
     report.add({presets + "bytes that a saved position writes", "bytes", bytes});
-    report.add({presets + "private dirty", "KiB", memoryOf(pair.lab().ptzdPid()).privateDirty});
+    report.add({presets + "private dirty", "KiB", memoryOf(pair.lab().programs.ptzdPid()).privateDirty});
     report.point("µs of getPresetAll, over presets", "ptzd", count, median(all));
     report.point("bytes that a saved position writes, over presets", "ptzd", count, bytes);
 }
@@ -110,7 +110,7 @@ void withPlan(int entries, const Effort& effort, Report& report)
     if (!pair.valid())
         return;
     std::this_thread::sleep_for(500ms);
-    const pid_t ptzd = pair.lab().ptzdPid();
+    const pid_t ptzd = pair.lab().programs.ptzdPid();
     const int64_t before = processorNs(ptzd);
     const auto watched = effort.rest / 4;
     std::this_thread::sleep_for(watched);

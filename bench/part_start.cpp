@@ -44,9 +44,9 @@ void benchStart(const Effort& effort, Report& report)
     Callers callers(pair.socket(), 1);
     Sides ms;
     for (int start = 0; start < effort.starts; ++start) {
-        pair.lab().killPtzd(SIGTERM);
+        pair.lab().programs.killPtzd(SIGTERM);
         int64_t begin = monotonicNs();
-        pair.lab().startPtzd();
+        pair.lab().programs.startPtzd();
         ms.ptzd.push_back(answeredAfter(callers, "ptzd", begin));
         pair.endBare();
         begin = monotonicNs();

@@ -66,12 +66,14 @@ void oneSave(HeadPair& pair, Report& report)
 {
     constexpr const char* SPEEDS = R"({"x_speed":"5","y_speed":"5"})";
     Lab& lab = pair.lab();
-    const pid_t ptzd = lab.ptzdPid();
+    const pid_t ptzd = lab.programs.ptzdPid();
     const size_t atStart = pair.syncs(ptzd).size();
     bool stored = lab.call("setConfig", SPEEDS) == DONE && lab.invoke("bare_requests", "setConfig", SPEEDS).status == 0;
     const size_t before = pair.syncs(ptzd).size();
     const size_t bareBefore = pair.syncs(pair.barePid()).size();
-    const auto saved = [&] { return lab.uciGet("ptzd.x_motor.steps") == "1800"; }; // 30 of -150..150 in 3000 steps
+    const auto saved = [&] {
+        return lab.settings.get("ptzd.x_motor.steps") == "1800";
+    }; // 30 of -150..150 in 3000 steps
     const auto speeds = static_cast<double>(before - atStart);
     report.add({"files and directories synced by setConfig", "syncs", speeds, {}, static_cast<double>(bareBefore)});
     stored =
@@ -96,7 +98,7 @@ void oneSave(HeadPair& pair, Report& report)
 /// pauses on: a position that is stored already would cost nothing.
 int savesOf(HeadPair& pair, int times, int burst, int& number, const Effort& effort, Report& report)
 {
-    const pid_t ptzd = pair.lab().ptzdPid();
+    const pid_t ptzd = pair.lab().programs.ptzdPid();
     const int before = commits(pair.syncs(ptzd));
     for (const int end = number + times; number < end; ++number) {
         for (int motion = 0; motion < burst; ++motion) {

@@ -49,7 +49,7 @@ struct LabOptions {
     /// The programs go on when this process ends; else they end with the Lab object, or with the process.
     bool outlive = false;
     /// Longest real time for a program to become ready, besides the calculated length of a calibration.
-    std::chrono::milliseconds patience{15000};
+    std::chrono::milliseconds startTimeout{15000};
 };
 
 /// A line of DIR/journal. Times in ns; in and out are empty when the request has no such record.
@@ -93,36 +93,55 @@ struct LabReply {
     std::string text; // compact JSON; empty when no data came
 };
 
-class Lab {
+/// The folder of a lab and what reaches into it: what all parts of a lab share.
+class LabBase {
 public:
-    /// A lab in `folder`, or in a fresh temporary folder that goes with the object. Starts nothing.
-    explicit Lab(const std::string& folder = "");
-    /// Ends every program that this object started, unless LabOptions::outlive.
-    ~Lab();
-    Lab(const Lab&) = delete;
-    Lab& operator=(const Lab&) = delete;
+    explicit LabBase(const std::string& folder);
+    ~LabBase();
+    LabBase(const LabBase&) = delete;
+    LabBase& operator=(const LabBase&) = delete;
 
     /// Why the latest call that failed did.
     const std::string& error() const
     {
         return error_;
     }
+    /// Keeps a reason for error(); returns false.
+    bool fail(const std::string& reason);
     /// Absolute path of the lab folder.
     const std::string& folder() const
     {
         return folder_;
     }
 
-    /// Ends what is left of an earlier lab in the folder and starts a head: motors without power until now (the shafts
-    /// stay where they were, or begin in the middle), no faults, a fresh journal, then bus, CET and daemon.
-    bool up(const LabOptions& options = {});
-    /// Takes over a lab that another process started; false when there is none in the folder.
-    bool attach();
-    /// Ends every program of the lab, the daemon first and orderly, and waits for their ends.
-    bool down();
+    /// Calls a method on the lab's bus. Arguments as a JSON object; empty: none.
+    LabReply invoke(const std::string& object, const std::string& method, const std::string& json = "",
+                    std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    /// The reply text of a method of "ptzd"; "status N" when the bus reports another status than success.
+    std::string call(const std::string& method, const std::string& json = "") const;
+    /// Runs a command in the lab and waits for it; "ubus" and "uci" are the lab's own. The exit status, -1 when it was
+    /// killed or could not be started.
+    int run(const std::vector<std::string>& command, std::string& output);
+    /// The environment of the lab's programs, NAME=VALUE.
+    std::vector<std::string> environment() const;
+    /// Where the bus's socket is for a process outside the lab.
+    std::string busSocket() const;
 
-    /// Fills the folder as up() does, without starting anything or ending anything.
-    bool prepare(const LabOptions& options);
+    LabOptions options;
+    LabState* state = nullptr; // null before up() or attach()
+
+private:
+    std::string folder_;
+    std::string error_;
+    bool temporary_;
+};
+
+/// Starts and ends the programs of a lab.
+class LabPrograms {
+public:
+    explicit LabPrograms(LabBase& base) : base_(base)
+    {
+    }
 
     bool startPtzd();
     /// Sends a signal and waits for the end; the wait status, or nothing when it goes on for 10 s or does not run.
@@ -145,11 +164,33 @@ public:
     bool stopCet();
     bool isRunning(const std::string& program) const; // "ubusd", "cet" or "ptzd"
 
-    /// How CET answers from now on; `delayMs` (real time) counts for CET_LATE.
-    void setCet(LabCetMode mode, int32_t delayMs = 0);
-    LabCetMode cetMode() const;
+    /// Ends every program of the lab, the daemon first and orderly, and waits for their ends.
+    bool stopAll();
+    /// Whether any program that this object started may still run.
+    bool hasStarted() const
+    {
+        return !children_.empty();
+    }
 
-    // Motors. Requests that are being answered see the change, delayed ones too.
+private:
+    bool start(const std::string& name, const std::vector<std::string>& command);
+    /// Waits until a program that was just started answers; false with the end of its log as error().
+    bool awaitAnswer(const std::string& name, const std::function<bool()>& answers);
+    bool stop(const std::string& name);
+    std::optional<int> end(const std::string& name, int signal, std::chrono::milliseconds timeout);
+
+    LabBase& base_;
+    std::map<std::string, pid_t> children_;
+    uint32_t tiltCalibrationsBefore_ = 0;
+};
+
+/// The motors of a lab and their faults. Requests that are being answered see a change, delayed ones too.
+class LabMotors {
+public:
+    explicit LabMotors(LabBase& base) : base_(base)
+    {
+    }
+
     /// `passes` requests still succeed, then `times` fail.
     void failRequest(LabAxisId axis, LabRequest request, int32_t times = 1, int error = 5, int32_t passes = 0);
     void delayRequest(LabAxisId axis, LabRequest request, int32_t delayMs);
@@ -158,39 +199,59 @@ public:
     void reportCapability(LabAxisId axis, const std::optional<LabAxisSetting>& capability);
     /// Whether the device file exists. Descriptors already open go on working.
     bool setNode(LabAxisId axis, bool present);
-    /// Takes back all faults of the axis; a missing node comes back.
-    bool heal(LabAxisId axis);
-    void setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed);
-    /// Both drivers forget count, speed and motion; the shafts stay.
-    void powerLoss();
-    /// The axis now.
-    LabAxisNow axisNow(LabAxisId axis);
-    LabAxisSetting axisSetting(LabAxisId axis);
-    /// What is to go wrong with the axis.
-    LabFaults faults(LabAxisId axis);
     bool hasNode(LabAxisId axis) const;
+    /// Clears all faults of the axis; a missing node comes back.
+    bool clearFaults(LabAxisId axis);
+    LabFaults faults(LabAxisId axis);
+    void setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed);
+    /// Both drivers lose count, speed and motion; the shafts stay.
+    void powerLoss();
+    LabAxisNow now(LabAxisId axis);
+    LabAxisSetting setting(LabAxisId axis);
     /// Requests of that kind since the lab was started, failed ones included.
     uint32_t served(LabAxisId axis, LabRequest request) const;
     /// Timers that programs have created since the lab was started.
     uint32_t timersCreated() const;
 
-    // Time.
+private:
+    void editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit);
+
+    LabBase& base_;
+};
+
+/// The time of a lab.
+class LabTime {
+public:
+    explicit LabTime(LabBase& base) : base_(base)
+    {
+    }
+
+    int64_t nowNs() const;
     void setSpeed(double labPerReal);
+    double speed() const;
     /// Time of this process's zone, "YYYY-MM-DD HH:MM:SS".
     bool setWall(const std::string& localTime);
-    /// Speed 1 and the machine's wall clock again.
-    void realTime();
-    double speed() const;
     /// The lab's wall clock in the form that setWall() takes.
     std::string wall() const;
+    /// Speed 1 and the machine's wall clock again.
+    void realTime();
     /// The time zone that the lab's programs see, the machine's until then: a rule like "CET-1CEST,M3.5.0,M10.5.0/3".
     /// Without effect where the environment has TZ.
     bool setZone(const std::string& rule);
-    int64_t labTimeNs() const;
     /// The wall clock at lab time 0 in ns since 1970; nothing while the wall clock is the machine's.
     std::optional<int64_t> wallAtZeroNs() const;
 
-    // What happened.
+private:
+    LabBase& base_;
+};
+
+/// What happened in a lab.
+class LabRecords {
+public:
+    explicit LabRecords(LabBase& base) : base_(base)
+    {
+    }
+
     std::vector<LabJournalEntry> journal() const;
     std::vector<LabCetEntry> cetLog() const;
     /// How often CET was called by that method.
@@ -198,43 +259,78 @@ public:
     /// The actions of motor_rotate_event, in order.
     std::vector<std::string> actions() const;
     /// Empties journal and CET log.
-    void forget();
+    void clear();
     /// What the daemon printed on its console and sent to the message logger.
     std::string ptzdLog() const;
     std::string messageLog() const;
 
-    /// Calls a method on the lab's bus. Arguments as a JSON object; empty: none.
-    LabReply invoke(const std::string& object, const std::string& method, const std::string& json = "",
-                    std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-    /// The reply text of a method of "ptzd"; "status N" when the bus reports another status than success.
-    std::string call(const std::string& method, const std::string& json = "") const;
+private:
+    LabBase& base_;
+};
 
-    /// A setting of the lab, "package.section.option", as the command `uci` reads and writes it.
-    std::optional<std::string> uciGet(const std::string& tuple);
+/// The settings of a lab, "package.section.option", as the command `uci` reads and writes them.
+class LabSettings {
+public:
+    explicit LabSettings(LabBase& base) : base_(base)
+    {
+    }
+
+    std::optional<std::string> get(const std::string& tuple) const;
     /// Sets and commits.
-    bool uciSet(const std::string& tuple, const std::string& value);
-    /// Runs a command in the lab and waits for it; "ubus" and "uci" are the lab's own. The exit status, -1 when it was
-    /// killed or could not be started.
-    int run(const std::vector<std::string>& command, std::string& output);
-    /// The environment of the lab's programs, NAME=VALUE.
-    std::vector<std::string> environment() const;
+    bool set(const std::string& tuple, const std::string& value);
 
 private:
-    bool fail(const std::string& reason);
-    bool createState(const LabOptions& options);
-    bool startProgram(const std::string& name, const std::vector<std::string>& command);
-    std::optional<int> endProgram(const std::string& name, int signal, std::chrono::milliseconds patience);
-    bool endInAnyCase(const std::string& name);
-    bool endAll();
-    void editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit);
+    LabBase& base_;
+};
 
-    std::string folder_;
-    std::string error_;
-    LabOptions options_;
-    LabState* state_ = nullptr;
-    std::map<std::string, pid_t> children_;
-    uint32_t tiltCalibrationsBefore_ = 0;
-    bool temporary_ = false;
+/// How the CET stand-in answers.
+class LabCet {
+public:
+    explicit LabCet(LabBase& base) : base_(base)
+    {
+    }
+
+    /// `delayMs` (real time) counts for CET_LATE.
+    void setAnswer(LabCetMode mode, int32_t delayMs = 0);
+    LabCetMode answer() const;
+
+private:
+    LabBase& base_;
+};
+
+class Lab : private LabBase {
+public:
+    /// A lab in `folder`, or in a fresh temporary folder that goes with the object. Starts nothing.
+    explicit Lab(const std::string& folder = "");
+    /// Ends every program that this object started, unless LabOptions::outlive.
+    ~Lab();
+
+    /// Ends what is left of an earlier lab in the folder and starts a head: motors without power until now (the shafts
+    /// stay where they were, or begin in the middle), no faults, a fresh journal, then bus, CET and daemon.
+    bool up(const LabOptions& options = {});
+    /// Takes over a lab that another process started; false when there is none in the folder.
+    bool attach();
+    /// Ends every program of the lab, the daemon first and orderly, and waits for their ends.
+    bool down();
+    /// Fills the folder as up() does, without starting anything or ending anything.
+    bool prepare(const LabOptions& options);
+
+    using LabBase::call;
+    using LabBase::environment;
+    using LabBase::error;
+    using LabBase::folder;
+    using LabBase::invoke;
+    using LabBase::run;
+
+    LabPrograms programs{*this};
+    LabMotors motors{*this};
+    LabTime clock{*this};
+    LabRecords records{*this};
+    LabSettings settings{*this};
+    LabCet cet{*this};
+
+private:
+    bool createState();
 };
 
 /// Asks every 2 ms until the answer is true; false when the time is up first.

@@ -16,7 +16,7 @@ namespace {
 
 bool allRun(const Lab& lab)
 {
-    return lab.isRunning("ubusd") && lab.isRunning("cet") && lab.isRunning("ptzd");
+    return lab.programs.isRunning("ubusd") && lab.programs.isRunning("cet") && lab.programs.isRunning("ptzd");
 }
 
 std::string faultText(const LabFaults& faults)
@@ -50,7 +50,7 @@ std::string ptzdState(Lab& lab)
 
 const char* cetText(Lab& lab)
 {
-    switch (lab.cetMode()) {
+    switch (lab.cet.answer()) {
     case CET_OK:
         return "answers";
     case CET_LATE:
@@ -67,15 +67,15 @@ const char* cetText(Lab& lab)
 
 /// One program of the lab that a command stops, starts or starts anew.
 struct Switch {
-    bool (Lab::*start)();
-    bool (Lab::*stop)();
+    bool (LabPrograms::*start)();
+    bool (LabPrograms::*stop)();
 };
 
 int throwSwitch(Lab& lab, const Switch& program, const std::string& action)
 {
-    if (action != "start" && !(lab.*program.stop)())
+    if (action != "start" && !(lab.programs.*program.stop)())
         return failed(lab.error());
-    if (action != "stop" && !(lab.*program.start)())
+    if (action != "stop" && !(lab.programs.*program.start)())
         return failed(lab.error());
     return 0;
 }
@@ -84,15 +84,15 @@ int throwSwitch(Lab& lab, const Switch& program, const std::string& action)
 
 void printAxis(Lab& lab, LabAxisId axis)
 {
-    const LabAxisSetting setting = lab.axisSetting(axis);
-    const LabAxisNow now = lab.axisNow(axis);
+    const LabAxisSetting setting = lab.motors.setting(axis);
+    const LabAxisNow now = lab.motors.now(axis);
     printf("%-5s at %d (step %d of %d, shaft at %d), %s, speed %d of %d\n", axisName(axis),
            coordinateOf(setting, now.count), now.count, setting.total_steps, now.shaft, now.running ? "turns" : "rests",
            now.speed, setting.max_speed);
-    const std::string faults = faultText(lab.faults(axis));
+    const std::string faults = faultText(lab.motors.faults(axis));
     if (!faults.empty())
         printf("      faults: %s\n", faults.c_str());
-    if (!lab.hasNode(axis))
+    if (!lab.motors.hasNode(axis))
         printf("      /dev/%s is missing\n", axis == LAB_PAN ? "x-motor" : "y-motor");
 }
 
@@ -108,7 +108,7 @@ int upCommand(const Command& self, Arguments arguments)
     const WorkLock lock(lab.folder());
     if (!lock.held())
         return 1;
-    if (allRun(lab) && lab.attach() && lab.isReady()) {
+    if (allRun(lab) && lab.attach() && lab.programs.isReady()) {
         printf("a head is up in %s already\n", lab.folder().c_str());
         return 0;
     }
@@ -128,7 +128,8 @@ int downCommand(const Command& self, Arguments arguments)
     const WorkLock lock(lab.folder());
     if (!lock.held())
         return 1;
-    const bool anything = lab.isRunning("ubusd") || lab.isRunning("cet") || lab.isRunning("ptzd");
+    const bool anything =
+        lab.programs.isRunning("ubusd") || lab.programs.isRunning("cet") || lab.programs.isRunning("ptzd");
     if (!lab.down())
         return failed(lab.error());
     printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());
@@ -143,10 +144,10 @@ int statusCommand(const Command& self, Arguments arguments)
     if (!attached(lab))
         return 1;
     printf("lab   %s\n", lab.folder().c_str());
-    printf("time  %s, speed %g\n", lab.wall().c_str(), lab.speed());
-    printf("bus   %s\n", lab.isRunning("ubusd") ? "runs" : "does not run");
-    printf("CET   %s\n", lab.isRunning("cet") ? cetText(lab) : "does not run");
-    printf("ptzd  %s\n", lab.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
+    printf("time  %s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
+    printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
+    printf("CET   %s\n", lab.programs.isRunning("cet") ? cetText(lab) : "does not run");
+    printf("ptzd  %s\n", lab.programs.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
     printAxis(lab, LAB_PAN);
     printAxis(lab, LAB_TILT);
     return allRun(lab) ? 0 : 1;
@@ -164,22 +165,22 @@ int ptzdCommand(const Command& self, Arguments arguments)
     if (!attached(lab))
         return 1;
     if (action == "log") {
-        fputs(lab.ptzdLog().c_str(), stdout);
+        fputs(lab.records.ptzdLog().c_str(), stdout);
         return 0;
     }
     if (action == "") {
-        printf("ptzd  %s\n", lab.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
+        printf("ptzd  %s\n", lab.programs.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
         return 0;
     }
     const WorkLock lock(lab.folder());
     if (!lock.held())
         return 1;
-    const bool runs = lab.isRunning("ptzd");
+    const bool runs = lab.programs.isRunning("ptzd");
     if (!runs && (action == "kill" || action == "stop"))
         return failed("ptzd does not run in " + lab.folder());
-    if (runs && action != "start" && !lab.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
+    if (runs && action != "start" && !lab.programs.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
         return failed("ptzd does not end");
-    if ((action == "start" || action == "restart") && !lab.startPtzd())
+    if ((action == "start" || action == "restart") && !lab.programs.startPtzd())
         return failed(lab.error());
     return 0;
 }
@@ -195,11 +196,11 @@ int busCommand(const Command& self, Arguments arguments)
     if (!attached(lab))
         return 1;
     if (action == "") {
-        printf("bus   %s\n", lab.isRunning("ubusd") ? "runs" : "does not run");
+        printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
         return 0;
     }
     const WorkLock lock(lab.folder());
-    return lock.held() ? throwSwitch(lab, {&Lab::startBus, &Lab::stopBus}, action) : 1;
+    return lock.held() ? throwSwitch(lab, {&LabPrograms::startBus, &LabPrograms::stopBus}, action) : 1;
 }
 
 int cetCommand(const Command& self, Arguments arguments)
@@ -221,15 +222,15 @@ int cetCommand(const Command& self, Arguments arguments)
     if (!attached(lab))
         return 1;
     if (action == "") {
-        printf("CET   %s\n", lab.isRunning("cet") ? cetText(lab) : "does not run");
+        printf("CET   %s\n", lab.programs.isRunning("cet") ? cetText(lab) : "does not run");
         return 0;
     }
     if (isMode) {
-        lab.setCet(static_cast<LabCetMode>(mode), static_cast<int32_t>(delayMs));
+        lab.cet.setAnswer(static_cast<LabCetMode>(mode), static_cast<int32_t>(delayMs));
         return 0;
     }
     const WorkLock lock(lab.folder());
-    return lock.held() ? throwSwitch(lab, {&Lab::startCet, &Lab::stopCet}, action) : 1;
+    return lock.held() ? throwSwitch(lab, {&LabPrograms::startCet, &LabPrograms::stopCet}, action) : 1;
 }
 
 int execCommand(const Command& self, Arguments arguments)

@@ -69,7 +69,7 @@ MotorOrder failOrder(const Arguments& words)
     if (words.size() > 3 && !parseErrno(words[3], error))
         return {"not an error: " + words[3], nullptr};
     return {"", [=](Lab& lab, LabAxisId axis) {
-                lab.failRequest(axis, request, static_cast<int32_t>(times), error);
+                lab.motors.failRequest(axis, request, static_cast<int32_t>(times), error);
                 return true;
             }};
 }
@@ -85,7 +85,7 @@ MotorOrder delayOrder(const Arguments& words)
     if (!parseNumber(words[2], 0, 86'400'000, ms))
         return {"not a time in ms: " + words[2], nullptr};
     return {"", [=](Lab& lab, LabAxisId axis) {
-                lab.delayRequest(axis, request, static_cast<int32_t>(ms));
+                lab.motors.delayRequest(axis, request, static_cast<int32_t>(ms));
                 return true;
             }};
 }
@@ -94,14 +94,14 @@ MotorOrder capabilityOrder(const Arguments& words)
 {
     if (words.size() == 2 && words[1] == "off")
         return {"", [](Lab& lab, LabAxisId axis) {
-                    lab.reportCapability(axis, std::nullopt);
+                    lab.motors.reportCapability(axis, std::nullopt);
                     return true;
                 }};
     LabAxisSetting setting{};
     if (words.size() != 4 || !parseSetting(words[1] + " " + words[2] + " " + words[3], ' ', INT32_MIN, setting))
         return {"capa takes three whole numbers, or off", nullptr};
     return {"", [=](Lab& lab, LabAxisId axis) {
-                lab.reportCapability(axis, setting);
+                lab.motors.reportCapability(axis, setting);
                 return true;
             }};
 }
@@ -112,9 +112,9 @@ MotorOrder switchOrder(const Arguments& words)
     if (words.size() != 2 || !parseSwitch(words[1], on))
         return {words[0] + " is on or off", nullptr};
     if (words[0] == "node")
-        return {"", [=](Lab& lab, LabAxisId axis) { return lab.setNode(axis, on); }};
+        return {"", [=](Lab& lab, LabAxisId axis) { return lab.motors.setNode(axis, on); }};
     return {"", [=](Lab& lab, LabAxisId axis) {
-                lab.stuckRunning(axis, on);
+                lab.motors.stuckRunning(axis, on);
                 return true;
             }};
 }
@@ -125,7 +125,7 @@ MotorOrder speedOrder(const Arguments& words)
     if (words.size() != 2 || !parseNumber(words[1], 1, 1'000'000, factor))
         return {"speed takes the steps per second for each unit of speed", nullptr};
     return {"", [=](Lab& lab, LabAxisId axis) {
-                lab.setFactor(axis, static_cast<int32_t>(factor));
+                lab.motors.setFactor(axis, static_cast<int32_t>(factor));
                 return true;
             }};
 }
@@ -162,7 +162,7 @@ MotorOrder orderOf(const Arguments& words)
     if ((verb == "heal" || verb == "journal") && words.size() > 1)
         return {verb + " takes no argument", nullptr};
     if (verb == "heal")
-        return {"", [](Lab& lab, LabAxisId axis) { return lab.heal(axis); }};
+        return {"", [](Lab& lab, LabAxisId axis) { return lab.motors.clearFaults(axis); }};
     if (verb == "journal")
         return {"", printJournal};
     return {"there is no action " + verb, nullptr};
@@ -192,7 +192,7 @@ int powerLossCommand(const Command& self, Arguments arguments)
     Lab lab(labFolderFor({}, 0));
     if (!attached(lab))
         return 1;
-    lab.powerLoss();
+    lab.motors.powerLoss();
     return 0;
 }
 
@@ -216,13 +216,13 @@ int clockCommand(const Command& self, Arguments arguments)
     if (!attached(lab))
         return 1;
     if (action == "speed")
-        lab.setSpeed(speed);
+        lab.clock.setSpeed(speed);
     else if (action == "real")
-        lab.realTime();
-    else if (action == "set" && !lab.setWall(arguments[1]))
+        lab.clock.realTime();
+    else if (action == "set" && !lab.clock.setWall(arguments[1]))
         return wrongUse(self, lab.error());
     else if (action == "")
-        printf("%s, speed %g\n", lab.wall().c_str(), lab.speed());
+        printf("%s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
     return 0;
 }
 
@@ -260,12 +260,12 @@ int plotCommand(const Command& self, Arguments arguments)
     Lab lab(labFolderFor({}, 0));
     if (!attached(lab))
         return 1;
-    const std::vector<LabJournalEntry> journal = lab.journal();
+    const std::vector<LabJournalEntry> journal = lab.records.journal();
     if (journal.empty())
         return failed("nothing has happened in " + lab.folder() + " yet");
     std::ofstream picture(arguments[0]);
-    picture << plotLab(journal, lab.cetLog(), {lab.axisSetting(LAB_PAN), lab.axisSetting(LAB_TILT)}, lab.labTimeNs(),
-                       lab.wallAtZeroNs());
+    picture << plotLab(journal, lab.records.cetLog(), {lab.motors.setting(LAB_PAN), lab.motors.setting(LAB_TILT)},
+                       lab.clock.nowNs(), lab.clock.wallAtZeroNs());
     picture.close();
     if (!picture)
         return failed("cannot write " + arguments[0]);

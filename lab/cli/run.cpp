@@ -54,8 +54,8 @@ std::string axisLine(Lab& lab, LabAxisId axis, size_t width)
 {
     constexpr size_t MOST_CELLS = 61;
     constexpr size_t FEWEST_CELLS = 16;
-    const LabAxisSetting setting = lab.axisSetting(axis);
-    const LabAxisNow now = lab.axisNow(axis);
+    const LabAxisSetting setting = lab.motors.setting(axis);
+    const LabAxisNow now = lab.motors.now(axis);
     const int coordinate = coordinateOf(setting, now.count);
     const char* turns = now.running ? "turns" : "rests";
     const size_t frame = std::char_traits<char>::length("tilt []");
@@ -118,7 +118,7 @@ private:
 
     void printRotations()
     {
-        const std::vector<LabJournalEntry> journal = lab_.journal();
+        const std::vector<LabJournalEntry> journal = lab_.records.journal();
         for (; printed_ < journal.size(); ++printed_) {
             const LabJournalEntry& entry = journal[printed_];
             if (entry.request == "ROTATE" || entry.request == "MOVE")
@@ -136,7 +136,7 @@ private:
 
 bool turns(Lab& lab)
 {
-    return lab.axisNow(LAB_PAN).running || lab.axisNow(LAB_TILT).running;
+    return lab.motors.now(LAB_PAN).running || lab.motors.now(LAB_TILT).running;
 }
 
 /// Refreshes the display until the condition holds. False when a signal came, the daemon ended or the time is up.
@@ -146,7 +146,7 @@ bool showUntil(Lab& lab, Display& display, EndSignals& signals, Condition condit
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         display.refresh();
-        if (signals.came(REFRESH) || !lab.isRunning("ptzd") || std::chrono::steady_clock::now() >= end) {
+        if (signals.came(REFRESH) || !lab.programs.isRunning("ptzd") || std::chrono::steady_clock::now() >= end) {
             display.leave();
             return false;
         }
@@ -161,7 +161,7 @@ int giveUp(Lab& lab, EndSignals& signals)
 {
     if (signals.came(milliseconds(0)))
         return 0;
-    lab.waitReady(milliseconds(0));
+    lab.programs.waitReady(milliseconds(0));
     return failed(lab.error());
 }
 
@@ -179,8 +179,8 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals, const std:
     bool alive = true;
     while (!signals.came(REFRESH)) {
         display.refresh();
-        const bool runs = lab.isRunning("ptzd");
-        if (!runs && !lab.isRunning("ubusd")) {
+        const bool runs = lab.programs.isRunning("ptzd");
+        if (!runs && !lab.programs.isRunning("ubusd")) {
             display.leave();
             printf("the head was taken down\n");
             return 0;
@@ -214,7 +214,7 @@ int runCommand(const Command& self, Arguments arguments)
         const WorkLock lock(lab.folder());
         if (!lock.held())
             return 1;
-        if (lab.isRunning("ptzd"))
+        if (lab.programs.isRunning("ptzd"))
             return failed("a head is up in " + lab.folder() + " already; " + typed("lab down") +
                           (folder.empty() ? "" : " ") + folder + " ends it");
         printf("starting a head in %s\n", lab.folder().c_str());
@@ -224,14 +224,15 @@ int runCommand(const Command& self, Arguments arguments)
     }
     Display display(lab);
     if (!showUntil(
-            lab, display, signals, [&] { return lab.isReady(); }, lab.calibrationTime() + options.patience))
+            lab, display, signals, [&] { return lab.programs.isReady(); },
+            lab.programs.calibrationTime() + options.startTimeout))
         return giveUp(lab, signals);
     printf("calibrated\n");
 
     constexpr const char* TARGET = R"({"x_coord":"30","y_coord":"0"})";
     printf("moveTo %s: %s\n", TARGET, lab.call("moveTo", TARGET).c_str());
     if (!showUntil(
-            lab, display, signals, [&] { return !turns(lab); }, lab.calibrationTime() + options.patience))
+            lab, display, signals, [&] { return !turns(lab); }, lab.programs.calibrationTime() + options.startTimeout))
         return giveUp(lab, signals);
     printf("getStatus: %s\n", lab.call("getStatus").c_str());
     fflush(stdout);

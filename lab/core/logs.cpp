@@ -77,24 +77,24 @@ void empty(const std::string& path)
 
 } // namespace
 
-std::vector<LabJournalEntry> Lab::journal() const
+std::vector<LabJournalEntry> LabRecords::journal() const
 {
-    return entriesOf(readFile(folder_ + "/journal"), journalEntry);
+    return entriesOf(readFile(base_.folder() + "/journal"), journalEntry);
 }
 
-std::vector<LabCetEntry> Lab::cetLog() const
+std::vector<LabCetEntry> LabRecords::cetLog() const
 {
-    return entriesOf(readFile(folder_ + "/cet.log"), cetEntry);
+    return entriesOf(readFile(base_.folder() + "/cet.log"), cetEntry);
 }
 
-int Lab::callsToCet(const std::string& method) const
+int LabRecords::callsToCet(const std::string& method) const
 {
     const std::vector<LabCetEntry> log = cetLog();
     return static_cast<int>(std::count_if(
         log.begin(), log.end(), [&](const LabCetEntry& entry) { return !entry.isEvent && entry.name == method; }));
 }
 
-std::vector<std::string> Lab::actions() const
+std::vector<std::string> LabRecords::actions() const
 {
     std::vector<std::string> result;
     for (const LabCetEntry& entry : cetLog()) {
@@ -104,19 +104,19 @@ std::vector<std::string> Lab::actions() const
     return result;
 }
 
-void Lab::forget()
+void LabRecords::clear()
 {
-    const LabLock hold(*state_);
-    empty(folder_ + "/journal");
-    empty(folder_ + "/cet.log");
+    const LabLock hold(*base_.state);
+    empty(base_.folder() + "/journal");
+    empty(base_.folder() + "/cet.log");
 }
 
-std::string Lab::ptzdLog() const
+std::string LabRecords::ptzdLog() const
 {
-    return readFile(folder_ + "/log/ptzd.log");
+    return readFile(base_.folder() + "/log/ptzd.log");
 }
 
-std::string Lab::messageLog() const
+std::string LabRecords::messageLog() const
 {
-    return readFile(folder_ + "/log/msglog");
+    return readFile(base_.folder() + "/log/msglog");
 }

@@ -23,14 +23,14 @@ constexpr const char* WALL_FORMAT = "%Y-%m-%d %H:%M:%S";
 
 } // namespace
 
-void Lab::editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit)
+void LabMotors::editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit)
 {
-    const LabLock hold(*state_);
-    edit(state_->axes[axis].faults);
-    bumpAndWake(state_->axes[axis].wake);
+    const LabLock hold(*base_.state);
+    edit(base_.state->axes[axis].faults);
+    bumpAndWake(base_.state->axes[axis].wake);
 }
 
-void Lab::failRequest(LabAxisId axis, LabRequest request, int32_t times, int error, int32_t passes)
+void LabMotors::failRequest(LabAxisId axis, LabRequest request, int32_t times, int error, int32_t passes)
 {
     editFaults(axis, [=](LabFaults& faults) {
         faults.requests[request].passes = passes;
@@ -39,17 +39,17 @@ void Lab::failRequest(LabAxisId axis, LabRequest request, int32_t times, int err
     });
 }
 
-void Lab::delayRequest(LabAxisId axis, LabRequest request, int32_t delayMs)
+void LabMotors::delayRequest(LabAxisId axis, LabRequest request, int32_t delayMs)
 {
     editFaults(axis, [=](LabFaults& faults) { faults.requests[request].delayMs = delayMs; });
 }
 
-void Lab::stuckRunning(LabAxisId axis, bool stuck)
+void LabMotors::stuckRunning(LabAxisId axis, bool stuck)
 {
     editFaults(axis, [=](LabFaults& faults) { faults.stuckRunning = stuck ? 1 : 0; });
 }
 
-void Lab::reportCapability(LabAxisId axis, const std::optional<LabAxisSetting>& capability)
+void LabMotors::reportCapability(LabAxisId axis, const std::optional<LabAxisSetting>& capability)
 {
     editFaults(axis, [&](LabFaults& faults) {
         faults.capaReplaced = capability ? 1 : 0;
@@ -60,110 +60,110 @@ void Lab::reportCapability(LabAxisId axis, const std::optional<LabAxisSetting>& 
     });
 }
 
-bool Lab::heal(LabAxisId axis)
+bool LabMotors::clearFaults(LabAxisId axis)
 {
     editFaults(axis, [](LabFaults& faults) { faults = LabFaults{}; });
     return setNode(axis, true);
 }
 
-LabFaults Lab::faults(LabAxisId axis)
+LabFaults LabMotors::faults(LabAxisId axis)
 {
-    const LabLock hold(*state_);
-    return state_->axes[axis].faults;
+    const LabLock hold(*base_.state);
+    return base_.state->axes[axis].faults;
 }
 
-void Lab::setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed)
+void LabMotors::setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed)
 {
-    const LabLock hold(*state_);
-    LabAxisEdit edit(*state_, axis);
+    const LabLock hold(*base_.state);
+    LabAxisEdit edit(*base_.state, axis);
     setAxisFactor(*edit, edit.labNs(), stepsPerSecondAndSpeed);
     edit.commit();
 }
 
-void Lab::powerLoss()
+void LabMotors::powerLoss()
 {
-    const LabLock hold(*state_);
-    const int journal = openJournal(folder_.c_str());
+    const LabLock hold(*base_.state);
+    const int journal = openJournal(base_.folder().c_str());
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-        LabAxisEdit edit(*state_, axis);
+        LabAxisEdit edit(*base_.state, axis);
         losePower(*edit, edit.labNs());
-        appendJournal(journal, *state_, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
+        appendJournal(journal, *base_.state, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
         edit.commit();
     }
     if (journal >= 0)
         close(journal);
 }
 
-LabAxisNow Lab::axisNow(LabAxisId axis)
+LabAxisNow LabMotors::now(LabAxisId axis)
 {
-    const LabLock hold(*state_);
-    LabAxisEdit edit(*state_, axis);
+    const LabLock hold(*base_.state);
+    LabAxisEdit edit(*base_.state, axis);
     return axisAt(*edit, edit.labNs());
 }
 
-LabAxisSetting Lab::axisSetting(LabAxisId axis)
+LabAxisSetting LabMotors::setting(LabAxisId axis)
 {
-    const LabLock hold(*state_);
-    LabAxisEdit edit(*state_, axis);
+    const LabLock hold(*base_.state);
+    LabAxisEdit edit(*base_.state, axis);
     return {edit->range, edit->maxSpeed, edit->totalSteps};
 }
 
-uint32_t Lab::served(LabAxisId axis, LabRequest request) const
+uint32_t LabMotors::served(LabAxisId axis, LabRequest request) const
 {
-    return state_->axes[axis].served[request].load();
+    return base_.state->axes[axis].served[request].load();
 }
 
-uint32_t Lab::timersCreated() const
+uint32_t LabMotors::timersCreated() const
 {
-    return state_->timersCreated.load();
+    return base_.state->timersCreated.load();
 }
 
-void Lab::setCet(LabCetMode mode, int32_t delayMs)
+void LabCet::setAnswer(LabCetMode mode, int32_t delayMs)
 {
-    state_->cetDelayMs.store(delayMs);
-    state_->cetMode.store(mode);
+    base_.state->cetDelayMs.store(delayMs);
+    base_.state->cetMode.store(mode);
 }
 
-LabCetMode Lab::cetMode() const
+LabCetMode LabCet::answer() const
 {
-    return static_cast<LabCetMode>(state_->cetMode.load());
+    return static_cast<LabCetMode>(base_.state->cetMode.load());
 }
 
-void Lab::setSpeed(double labPerReal)
+void LabTime::setSpeed(double labPerReal)
 {
-    const LabLock hold(*state_);
+    const LabLock hold(*base_.state);
     const auto speedMilli = static_cast<int64_t>(std::llround(labPerReal * CLOCK_SPEED_ONE));
-    if (speedMilli != readClock(*state_).speedMilli)
-        setClockSpeed(*state_, speedMilli, machineWallNs());
+    if (speedMilli != readClock(*base_.state).speedMilli)
+        setClockSpeed(*base_.state, speedMilli, machineWallNs());
 }
 
-bool Lab::setWall(const std::string& localTime)
+bool LabTime::setWall(const std::string& localTime)
 {
     tm parts{};
     const char* end = strptime(localTime.c_str(), WALL_FORMAT, &parts);
     parts.tm_isdst = -1;
     const time_t seconds = end && *end == '\0' ? mktime(&parts) : -1;
     if (seconds < 0)
-        return fail("not a time of the form YYYY-MM-DD HH:MM:SS: " + localTime);
-    const LabLock hold(*state_);
-    setWallClock(*state_, seconds * NS_PER_SECOND);
+        return base_.fail("not a time of the form YYYY-MM-DD HH:MM:SS: " + localTime);
+    const LabLock hold(*base_.state);
+    setWallClock(*base_.state, seconds * NS_PER_SECOND);
     return true;
 }
 
-void Lab::realTime()
+void LabTime::realTime()
 {
-    const LabLock hold(*state_);
-    resetClock(*state_);
+    const LabLock hold(*base_.state);
+    resetClock(*base_.state);
 }
 
-double Lab::speed() const
+double LabTime::speed() const
 {
-    return static_cast<double>(readClock(*state_).speedMilli) / CLOCK_SPEED_ONE;
+    return static_cast<double>(readClock(*base_.state).speedMilli) / CLOCK_SPEED_ONE;
 }
 
-std::string Lab::wall() const
+std::string LabTime::wall() const
 {
-    const LabClock clock = readClock(*state_);
+    const LabClock clock = readClock(*base_.state);
     const time_t now =
         static_cast<time_t>((clock.wallIsReal ? machineWallNs() : wallTimeAt(clock, monotonicNs())) / NS_PER_SECOND);
     tm parts{};
@@ -172,14 +172,14 @@ std::string Lab::wall() const
     return std::string(text, strftime(text, sizeof(text), WALL_FORMAT, &parts));
 }
 
-int64_t Lab::labTimeNs() const
+int64_t LabTime::nowNs() const
 {
-    return labNow(*state_);
+    return labNow(*base_.state);
 }
 
-std::optional<int64_t> Lab::wallAtZeroNs() const
+std::optional<int64_t> LabTime::wallAtZeroNs() const
 {
-    const LabClock clock = readClock(*state_);
+    const LabClock clock = readClock(*base_.state);
     if (clock.wallIsReal)
         return {};
     return clock.wallNs;

@@ -143,76 +143,77 @@ LabAxis axisWithoutPower(const LabAxisSetting& setting, int32_t factor, int32_t 
 
 } // namespace
 
-bool Lab::prepare(const LabOptions& options)
+bool Lab::prepare(const LabOptions& wanted)
 {
-    options_ = options;
+    options = wanted;
     for (const char* name : FOLDERS) {
-        if (!makeFolders(folder_ + "/" + name))
-            return fail("cannot create " + folder_ + "/" + name + ": " + strerror(errno));
+        if (!makeFolders(folder() + "/" + name))
+            return fail("cannot create " + folder() + "/" + name + ": " + strerror(errno));
     }
-    if (!copySettings(folder_, options_.config))
-        return fail("cannot copy the settings to " + folder_ + "/etc/config");
-    linkBusSocket(folder_);
-    linkZone(folder_);
+    if (!copySettings(folder(), options.config))
+        return fail("cannot copy the settings to " + folder() + "/etc/config");
+    linkBusSocket(folder());
+    linkZone(folder());
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-        if (!hasNode(axis) && !moveFile(hiddenNodePath(folder_, axis), nodePath(folder_, axis)) &&
-            !touch(nodePath(folder_, axis)))
-            return fail("cannot create " + nodePath(folder_, axis));
+        if (!motors.hasNode(axis) && !moveFile(hiddenNodePath(folder(), axis), nodePath(folder(), axis)) &&
+            !touch(nodePath(folder(), axis)))
+            return fail("cannot create " + nodePath(folder(), axis));
     }
-    std::string start = options_.ptzd + "\n";
-    for (const std::string& variable : options_.environment)
+    std::string start = options.ptzd + "\n";
+    for (const std::string& variable : options.environment)
         start += variable + "\n";
-    if (!writeFile(folder_ + "/dev/console", "") || !writeFile(folder_ + "/start", start) || !createState(options_))
-        return fail("cannot write to " + folder_);
+    if (!writeFile(folder() + "/dev/console", "") || !writeFile(folder() + "/start", start) || !createState())
+        return fail("cannot write to " + folder());
     std::error_code ignored;
-    for (const auto& log : fs::directory_iterator(folder_ + "/log", ignored))
+    for (const auto& log : fs::directory_iterator(folder() + "/log", ignored))
         fs::remove(log.path(), ignored);
-    forget();
-    setSpeed(options_.clockSpeed);
-    return options_.wallClock.empty() || setWall(options_.wallClock);
+    records.clear();
+    clock.setSpeed(options.clockSpeed);
+    return options.wallClock.empty() || clock.setWall(options.wallClock);
 }
 
-bool Lab::createState(const LabOptions& options)
+bool Lab::createState()
 {
-    const std::array<int32_t, LAB_AXIS_COUNT> shafts = formerShafts(folder_);
-    const std::string path = folder_ + "/state";
+    const std::array<int32_t, LAB_AXIS_COUNT> shafts = formerShafts(folder());
+    const std::string path = folder() + "/state";
     LabState* fresh = mapFreshState(path + ".new");
     if (!fresh)
         return false;
-    if (state_)
-        munmap(state_, sizeof(LabState));
-    state_ = fresh;
+    if (state)
+        munmap(state, sizeof(LabState));
+    state = fresh;
     bool complete = initLabState(*fresh) == 0;
-    const LabAxisSetting settings[] = {options.pan, options.tilt};
+    const LabAxisSetting built[] = {options.pan, options.tilt};
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisRecord& record = fresh->axes[axis];
-        record.slots[record.current.load() & 1] = axisWithoutPower(settings[axis], options.factor, shafts[axis]);
+        record.slots[record.current.load() & 1] = axisWithoutPower(built[axis], options.factor, shafts[axis]);
         record.slowdown = options.slowdown;
         record.slowdownLeft = 0;
         struct stat node {};
-        complete = stat(nodePath(folder_, axis).c_str(), &node) == 0 && complete;
+        complete = stat(nodePath(folder(), axis).c_str(), &node) == 0 && complete;
         record.nodeDevice = node.st_dev;
         record.nodeInode = node.st_ino;
     }
     return complete && moveFile(path + ".new", path);
 }
 
-bool Lab::setZone(const std::string& rule)
+bool LabTime::setZone(const std::string& rule)
 {
-    const std::string path = folder_ + LAB_ZONE_FILE;
-    return (writeFile(path + ".new", zoneFile(rule)) && moveFile(path + ".new", path)) || fail("cannot write " + path);
+    const std::string path = base_.folder() + LAB_ZONE_FILE;
+    return (writeFile(path + ".new", zoneFile(rule)) && moveFile(path + ".new", path)) ||
+           base_.fail("cannot write " + path);
 }
 
-bool Lab::hasNode(LabAxisId axis) const
+bool LabMotors::hasNode(LabAxisId axis) const
 {
-    return access(nodePath(folder_, axis).c_str(), F_OK) == 0;
+    return access(nodePath(base_.folder(), axis).c_str(), F_OK) == 0;
 }
 
-bool Lab::setNode(LabAxisId axis, bool present)
+bool LabMotors::setNode(LabAxisId axis, bool present)
 {
     if (hasNode(axis) == present)
         return true;
-    const std::string shown = nodePath(folder_, axis);
-    const std::string hidden = hiddenNodePath(folder_, axis);
-    return (present ? moveFile(hidden, shown) : moveFile(shown, hidden)) || fail("cannot rename " + shown);
+    const std::string shown = nodePath(base_.folder(), axis);
+    const std::string hidden = hiddenNodePath(base_.folder(), axis);
+    return (present ? moveFile(hidden, shown) : moveFile(shown, hidden)) || base_.fail("cannot rename " + shown);
 }

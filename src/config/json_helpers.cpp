@@ -1,25 +1,17 @@
 #include "config/json_helpers.h"
 
 #include "core/log.h"
+#include "core/owned.h"
 
 #include <json-c/json.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <memory>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
 }
 
 namespace {
-
-struct FreeText {
-    void operator()(char* text) const
-    {
-        free(text);
-    }
-};
 
 /// The member, or null; a member that is JSON null counts as missing.
 json_object* memberOf(json_object* object, const char* key)
@@ -70,7 +62,7 @@ json_object* json_alloc_get_json_array_from_blobmsg_array(blob_attr* attribute, 
 {
     if (!attribute || !name)
         return nullptr;
-    const std::unique_ptr<char, FreeText> text(blobmsg_format_json(attribute, false));
+    const Owned<char> text(blobmsg_format_json(attribute, false));
     const size_t skipped = strlen(name) + 3; // the quoted name and the colon in front of the array
     if (!text || strlen(text.get()) < skipped) {
         LOG_ERROR("get format string preset tokenlist\n");

@@ -3,13 +3,14 @@
 #include "config/uci_internal.h"
 
 #include <inttypes.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <initializer_list>
 
 namespace {
+
+constexpr size_t UCI_KEY_SIZE = 1024;
 
 enum class Lookup { Any, CompleteOnly };
 
@@ -66,18 +67,6 @@ int32_t changeSection(int32_t id, const char* section, const char* value, int (*
     return apply(id, key, change, lookup);
 }
 
-/// Sets an option to a formatted number: the longest is a 64-bit integer or a float with six decimals.
-__attribute__((format(printf, 4, 5))) int32_t setFormatted(int32_t id, const char* section, const char* option,
-                                                           const char* format, ...)
-{
-    char text[64];
-    va_list args;
-    va_start(args, format);
-    (void)vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    return cfg_uci_set_string_value(id, section, option, text);
-}
-
 size_t listLength(const uci_option* option)
 {
     size_t length = 0;
@@ -99,17 +88,21 @@ int32_t cfg_uci_set_string_value(int32_t id, const char* section, const char* op
 
 int32_t cfg_uci_set_int_value(int32_t id, const char* section, const char* option, int32_t value)
 {
-    return setFormatted(id, section, option, "%" PRId32, value);
+    return cfg_uci_set_long_long_value(id, section, option, value);
 }
 
 int32_t cfg_uci_set_long_long_value(int32_t id, const char* section, const char* option, int64_t value)
 {
-    return setFormatted(id, section, option, "%" PRId64, value);
+    char text[24];
+    (void)snprintf(text, sizeof(text), "%" PRId64, value);
+    return cfg_uci_set_string_value(id, section, option, text);
 }
 
 int32_t cfg_uci_set_float_value(int32_t id, const char* section, const char* option, float value)
 {
-    return setFormatted(id, section, option, "%.6f", static_cast<double>(value));
+    char text[64]; // the longest float has 39 digits before its point
+    (void)snprintf(text, sizeof(text), "%.6f", static_cast<double>(value));
+    return cfg_uci_set_string_value(id, section, option, text);
 }
 
 int32_t cfg_uci_set_section(int32_t id, const char* section, const char* type)

@@ -3,13 +3,15 @@
 #include "config/uci_internal.h"
 #include "core/log.h"
 
-// The two halves of UciTransaction: the analysis cannot see that the one follows the other.
-void cfg_uci_lock() NO_THREAD_SAFETY_ANALYSIS
+// The analysis cannot see that the destructor follows the constructor.
+UciTransaction::UciTransaction(UciPackageId id) NO_THREAD_SAFETY_ANALYSIS : id_(id)
 {
     gContext.config.ConfigStoreLock.lock();
+    if (gContext.config.uciContext && !loadedPackage(id))
+        cfg_uci_pkg_reload(id); // a file that was damaged for a while must not cost every later save
 }
 
-void cfg_uci_unlock() NO_THREAD_SAFETY_ANALYSIS
+UciTransaction::~UciTransaction() NO_THREAD_SAFETY_ANALYSIS
 {
     gContext.config.ConfigStoreLock.unlock();
 }
@@ -67,13 +69,6 @@ int32_t cfg_uci_pkg_reload(int32_t id)
     UciPackage& package = gContext.config.uciPackages[id];
     package.handle = cfg_uci_pkg_init(package.name);
     return package.handle ? 0 : CFG_UCI_FAILED;
-}
-
-void cfg_uci_ensure_loaded(int32_t id)
-{
-    RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
-    if (gContext.config.uciContext && !loadedPackage(id))
-        cfg_uci_pkg_reload(id);
 }
 
 int32_t cfg_uci_commit(int32_t id)

@@ -1,4 +1,4 @@
-// The door to the configuration store: the seven packages of the daemon.
+// The adapter of the configuration store: the seven packages of the daemon.
 //
 // Every call takes ConfigStoreLock for its own length; a sequence that belongs together holds a UciTransaction. Any
 // thread, but neither motion lock may be taken inside a transaction. Unless stated otherwise a call returns 0, or
@@ -25,13 +25,6 @@ enum UciPackageId : int32_t {
     UCI_TOUR = 6,
 };
 
-/// Takes and gives back ConfigStoreLock, which is recursive. For UciTransaction.
-void cfg_uci_lock();
-void cfg_uci_unlock();
-
-/// Loads a package again that a failed commit or reload has left unloaded. For UciTransaction.
-void cfg_uci_ensure_loaded(int32_t id);
-
 /// Allocates a new context (an existing one is freed first) and loads all seven packages, in the order of their ids;
 /// the first that fails to load ends it. Thread: main, at start.
 [[nodiscard]] int32_t cfg_uci_init();
@@ -43,10 +36,10 @@ void cfg_uci_deinit();
 /// next reload or commit of that package, so only a transaction may keep it.
 uci_package* cfg_uci_pkg_init(const char* name);
 
-/// Loads a package afresh from storage; on failure (CFG_UCI_FAILED, reported) it counts as not loaded from then on.
+/// Loads a package afresh from storage; on failure (CFG_UCI_FAILED, logged) it counts as not loaded from then on.
 int32_t cfg_uci_pkg_reload(int32_t id);
 
-/// Saves a package's changes and commits them to its file, durably. A failure is reported; changes that could not
+/// Saves a package's changes and commits them to its file, durably. A failure is logged; changes that could not
 /// be saved are then discarded with the next reload, saved ones wait in the change file: the package is read with them
 /// from then on, and the next commit that succeeds stores them.
 [[nodiscard]] int32_t cfg_uci_commit(int32_t id);
@@ -94,15 +87,9 @@ int32_t cfg_uci_clear_list(int32_t id, const char* section, const char* option);
 /// inside a transaction. Never hold one across a device request or a bus call.
 class UciTransaction {
 public:
-    explicit UciTransaction(UciPackageId id) : id_(id)
-    {
-        cfg_uci_lock();
-        cfg_uci_ensure_loaded(id); // a file that was damaged for a while must not cost every later save
-    }
-    ~UciTransaction()
-    {
-        cfg_uci_unlock();
-    }
+    /// Loads the package again if a failed commit or reload has left it unloaded.
+    explicit UciTransaction(UciPackageId id);
+    ~UciTransaction();
     UciTransaction(const UciTransaction&) = delete;
     UciTransaction& operator=(const UciTransaction&) = delete;
 
@@ -114,3 +101,7 @@ public:
 private:
     UciPackageId id_;
 };
+
+/// Loads a package afresh and reads a section's option `enabled`, a switch that another program stores for the daemon.
+/// @return true when it is "on", in any letter case; a missing one is off. Any thread; takes ConfigStoreLock.
+[[nodiscard]] bool storedSwitchOn(UciPackageId id, const char* section);

@@ -1,42 +1,24 @@
 // Reading: the typed getters of the configuration store.
 
 #include "config/uci_internal.h"
+#include "config/value_parsers.h"
 #include "core/log.h"
 #include "core/numbers.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 namespace {
 
-constexpr size_t TEXT_SIZE = 1024;
-
-int32_t readText(int32_t id, const char* section, const char* option, char (&text)[TEXT_SIZE])
-{
-    text[0] = '\0';
-    return cfg_uci_get_string_value(id, section, option, text, sizeof(text));
-}
-
+/// @param convert  one of config/value_parsers.h
 template <typename T>
-int32_t getInteger(int32_t id, const char* section, const char* option, T* out)
+int32_t getNumber(int32_t id, const char* section, const char* option, T* out, int32_t (*convert)(const char*, T*))
 {
-    char text[TEXT_SIZE];
-    if (!out)
-        return CFG_UCI_FAILED;
-    if (const int32_t result = readText(id, section, option, text); result != 0)
+    char text[1024] = "";
+    if (const int32_t result = cfg_uci_get_string_value(id, section, option, text, sizeof(text)); result != 0)
         return result;
-    char* end = nullptr;
-    const long long value = strtoll(text, &end, 10); // saturates at its own limits
-    if (*end != '\0') {
-        LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
-        return CFG_UCI_FAILED;
-    }
-    if constexpr (sizeof(T) == sizeof(int32_t))
-        *out = saturated32(value);
-    else
-        *out = value;
-    return 0;
+    return convert(text, out) == 0 ? 0 : CFG_UCI_FAILED;
 }
 
 /// Walks a list option, or a plain one as a list of one; the first element goes to out[0], every later one to out[1].
@@ -87,31 +69,17 @@ int32_t cfg_uci_get_string_value(int32_t id, const char* section, const char* op
 
 int32_t cfg_uci_get_int_value(int32_t id, const char* section, const char* option, int32_t* out)
 {
-    return getInteger(id, section, option, out);
+    return getNumber(id, section, option, out, string_to_int);
 }
 
 int32_t cfg_uci_get_long_long_value(int32_t id, const char* section, const char* option, int64_t* out)
 {
-    return getInteger(id, section, option, out);
+    return getNumber(id, section, option, out, string_to_long_long);
 }
 
 int32_t cfg_uci_get_float_value(int32_t id, const char* section, const char* option, float* out)
 {
-    char text[TEXT_SIZE];
-    if (!out)
-        return CFG_UCI_FAILED;
-    if (const int32_t result = readText(id, section, option, text); result != 0)
-        return result;
-    char* end = nullptr;
-    const double value = strtod(text, &end);
-    if (*end != '\0') {
-        RecursiveLockGuard hold(gContext.config.ConfigStoreLock);
-        LOG_AT(LOG_LEVEL_MISS, "%s.%s.%s\n", gContext.config.uciPackages[id].name, section, option);
-        LOG_AT(LOG_LEVEL_MISS, "error strtod %s\n", text);
-        return CFG_UCI_FAILED;
-    }
-    *out = static_cast<float>(value);
-    return 0;
+    return getNumber(id, section, option, out, string_to_float);
 }
 
 int32_t cfg_uci_get_range_int(int32_t id, const char* section, const char* option, int32_t out[2])
@@ -124,4 +92,13 @@ int32_t cfg_uci_get_range_float(int32_t id, const char* section, const char* opt
 {
     return getRange<float>(id, section, option, out,
                            [](const char* text) { return static_cast<float>(strtod(text, nullptr)); });
+}
+
+bool storedSwitchOn(UciPackageId id, const char* section)
+{
+    const UciTransaction transaction(id);
+    char enabled[64] = "";
+    cfg_uci_pkg_reload(id);
+    (void)cfg_uci_get_string_value(id, section, "enabled", enabled, sizeof(enabled)); // missing: off
+    return strcasecmp(enabled, "on") == 0;
 }

@@ -32,34 +32,37 @@ int hexValue(char c)
     return -1;
 }
 
+/// Converts a whole text.
+template <typename T, typename Convert>
+int32_t convertWhole(const char* text, T* out, Convert convert)
+{
+    if (!text || !out)
+        return -1;
+    char* end = nullptr;
+    const T value = convert(text, &end);
+    if (*end != '\0') {
+        LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
+        return -1;
+    }
+    *out = value;
+    return 0;
+}
+
 } // namespace
 
 int32_t string_to_int(const char* text, int32_t* out)
 {
-    if (!text || !out)
-        return -1;
-    char* end = nullptr;
-    const long long value = strtoll(text, &end, 10);
-    if (*end != '\0') {
-        LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
-        return -1;
-    }
-    *out = saturated32(value);
-    return 0;
+    return convertWhole(text, out, [](const char* from, char** end) { return saturated32(strtoll(from, end, 10)); });
+}
+
+int32_t string_to_long_long(const char* text, int64_t* out)
+{
+    return convertWhole(text, out, [](const char* from, char** end) { return int64_t{strtoll(from, end, 10)}; });
 }
 
 int32_t string_to_float(const char* text, float* out)
 {
-    if (!text || !out)
-        return -1;
-    char* end = nullptr;
-    const double value = strtod(text, &end);
-    if (*end != '\0') {
-        LOG_AT(LOG_LEVEL_MISS, "error to strtod %s\n", text);
-        return -1;
-    }
-    *out = static_cast<float>(value);
-    return 0;
+    return convertWhole(text, out, [](const char* from, char** end) { return static_cast<float>(strtod(from, end)); });
 }
 
 int32_t string_to_int_list(const char* text, int32_t* out, int32_t capacity)

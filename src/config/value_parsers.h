@@ -8,6 +8,9 @@
 /// @return 0; -1 when an argument is missing or characters remain. `out` is written on success only.
 [[nodiscard]] int32_t string_to_int(const char* text, int32_t* out);
 
+/// The same in 64 bits.
+[[nodiscard]] int32_t string_to_long_long(const char* text, int64_t* out);
+
 /// The whole text as a decimal floating-point number; otherwise as string_to_int.
 [[nodiscard]] int32_t string_to_float(const char* text, float* out);
 

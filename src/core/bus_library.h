@@ -1,5 +1,5 @@
-// The bus libraries' headers, the way C++ needs them. Their calls on a connection are made behind ubus/bus_door.h only,
-// because the library is not safe across threads; elsewhere the names of those calls do not compile.
+// The bus libraries' headers, the way C++ needs them. Their calls on a connection are made in ubus/bus_adapter.cpp
+// only, because the library is not safe across threads; elsewhere the names of those calls do not compile.
 #pragma once
 
 extern "C" {
@@ -9,7 +9,7 @@ extern "C" {
 }
 #undef fallthrough // spoils [[fallthrough]]
 
-#ifndef PTZD_BUS_DOOR
+#ifndef PTZD_BUS_ADAPTER
 #pragma GCC poison ubus_connect ubus_free ubus_reconnect ubus_add_object ubus_send_reply ubus_lookup_id
 #pragma GCC poison ubus_invoke ubus_invoke_async ubus_complete_request_async ubus_abort_request ubus_handle_event
 #pragma GCC poison ubus_send_event ubus_defer_request ubus_complete_deferred_request

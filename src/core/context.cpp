@@ -1,17 +1,28 @@
 #include "core/context.h"
 
-// Defined by the platform's lens-mask library, as a plain integer: hence the compiler's own atomic accesses, since not
-// every C++ library has std::atomic_ref.
-extern "C" int g_lens_mask_enabled;
+#include "config/uci_state.h"
+#include "core/motion.h"
+#include "core/timer.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
+#include "motor/motor_device.h"
+#include "motor/position_store.h"
+#include "preset/preset_store.h"
+#include "tour/tour_state.h"
+#include "ubus/ubus_state.h"
 
-constinit DaemonContext gContext;
-
-int32_t lensMaskEnabled()
-{
-    return __atomic_load_n(&g_lens_mask_enabled, __ATOMIC_SEQ_CST);
-}
-
-void lensMaskSetEnabled(int32_t enabled)
-{
-    __atomic_store_n(&g_lens_mask_enabled, enabled, __ATOMIC_SEQ_CST);
-}
+namespace context_parts {
+constinit MotorAxes axes;
+constinit Timers timers{};
+constinit CalibrationTarget* calibrationArg = nullptr;
+constinit MotionState motion;
+constinit PositionState position;
+constinit PanoramaState panorama;
+constinit TrackState track;
+constinit PresetState preset;
+constinit TourState tour;
+constinit ImageState image;
+constinit UbusState ubus;
+constinit ConfigState config;
+} // namespace context_parts

@@ -5,10 +5,8 @@
 
 #include <msglog.h>
 
-void logWrite(int level, const char* function, int line, const char* format, ...)
+void logWrite(LogLevel level, LogSite site, const char* format, ...)
 {
-    if (level < LOG_LEVEL_ERROR)
-        return;
     char text[1024];
     va_list args;
     va_start(args, format);
@@ -16,5 +14,5 @@ void logWrite(int level, const char* function, int line, const char* format, ...
     va_end(args);
     if (level == LOG_LEVEL_ERROR)
         msglog(level, "PTZD", "%s", text);
-    printf("[%s:%d]: %s", function, line, text); // one call, so that lines of several threads do not mix
+    printf("[%s:%d]: %s", site.function, site.line, text); // one call, so that lines of several threads do not mix
 }

@@ -1,12 +1,12 @@
 // The process entry of the pan/tilt motor daemon.
 
-#include "core/context.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -25,6 +25,30 @@ void openStandardDescriptors()
         close(lowest);
 }
 
+/// @return false when one cannot be created, logged under the caller's name.
+bool createTimers(LogSite caller = logSite())
+{
+    const struct {
+        DaemonTimer& timer;
+        void (*callback)(void*);
+        void* argument;
+        const char* name; // in the log
+    } all[] = {
+        {gContext.timers.saveStepsTimer, saveCurSteps, nullptr, ""},
+        {gContext.timers.statusPollTimer, motorStatusPoll, &gContext.motion.motion_origin, ""},
+        {gContext.timers.usrMoveStopTimer, usrMoveStopTimeout, nullptr, "usr move stop "},
+        {gContext.timers.scanMoveStopTimer, scanMoveStopTimeout, nullptr, "scan move stop "},
+    };
+    for (const auto& one : all) {
+        one.timer = timerRecord(one.callback, one.argument);
+        if (timerCreate(&one.timer) != 0) {
+            logWrite(LOG_LEVEL_ERROR, caller, "create %stimer failed.\n", one.name);
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 int main()
@@ -35,27 +59,8 @@ int main()
         perror("pipe2");
         return -1;
     }
-    Timers& timers = gContext.timers;
-    timers.saveStepsTimer = timerRecord(saveCurSteps, nullptr);
-    if (timerCreate(&timers.saveStepsTimer) != 0) {
-        LOG_ERROR("create timer failed.\n");
+    if (!createTimers())
         return -1;
-    }
-    timers.statusPollTimer = timerRecord(motorStatusPoll, &gContext.motion.motion_origin);
-    if (timerCreate(&timers.statusPollTimer) != 0) {
-        LOG_ERROR("create timer failed.\n");
-        return -1;
-    }
-    timers.usrMoveStopTimer = timerRecord(usrMoveStopTimeout, nullptr);
-    if (timerCreate(&timers.usrMoveStopTimer) != 0) {
-        LOG_ERROR("create usr move stop timer failed.\n");
-        return -1;
-    }
-    timers.scanMoveStopTimer = timerRecord(scanMoveStopTimeout, nullptr);
-    if (timerCreate(&timers.scanMoveStopTimer) != 0) {
-        LOG_ERROR("create scan move stop timer failed.\n");
-        return -1;
-    }
     if (PtzdInit() == -1) {
         LOG_ERROR("initialize failed.\n");
         return -1;

@@ -33,16 +33,6 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    /// Creates the mutex anew with default attributes; nobody may hold it or wait for it.
-    void create()
-    {
-        (void)pthread_mutex_init(&mutex_, nullptr); // cannot fail with default attributes
-    }
-    /// Ends the mutex; nobody may hold it, wait for it or take it afterwards.
-    void destroy()
-    {
-        (void)pthread_mutex_destroy(&mutex_);
-    }
     void lock() ACQUIRE()
     {
         place_.check();

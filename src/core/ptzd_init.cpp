@@ -1,7 +1,7 @@
 #include "core/ptzd_init.h"
 
 #include "config/uci_store.h"
-#include "core/context.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
@@ -10,11 +10,12 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/motor_device.h"
-#include "motor/motor_report.h"
+#include "motor/motor_init.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
 #include "tour/touring.h"
 #include "ubus/ubus_service.h"
+#include "ubus/ubus_state.h"
 
 #include <stdlib.h>
 
@@ -41,7 +42,7 @@ void savePending()
         saveCurSteps(nullptr);
 }
 
-/// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
+/// Ends the timers and the worker threads and frees everything, whichever way PtzdInit is left.
 class Teardown {
 public:
     Teardown() = default;
@@ -55,7 +56,6 @@ public:
             return; // a thread inside a driver keeps what it uses until the process ends
         savePending();
         TourDeinit();
-        gContext.motion.MotionLock.destroy();
         free(gContext.calibrationArg);
         gContext.calibrationArg = nullptr;
         motorClose(PAN);
@@ -68,27 +68,32 @@ public:
     Teardown& operator=(const Teardown&) = delete;
 };
 
-/// What a failed step of the start-up means: nothing, when the daemon was asked to end meanwhile.
-int32_t startFailed()
+/// @return false when a motor cannot be had, logged under the caller's name, or the daemon is asked to end meanwhile.
+bool openMotors(LogSite caller = logSite())
 {
-    return shutdownRequested() ? 0 : -1;
+    for (const AxisIndex axis : {PAN, TILT}) {
+        if (motorInit(axis) >= 0)
+            continue;
+        if (!shutdownRequested())
+            logWrite(LOG_LEVEL_ERROR, caller, "can't init %s-motor device file\n", axis == PAN ? "x" : "y");
+        return false;
+    }
+    return true;
 }
 
 } // namespace
 
-// All that start-up reports is reported under this function's name, so its steps stand in one place.
 int32_t PtzdInit()
 {
     uloop_init(); // before any other thread: a worker's connection would create the loop otherwise
     gContext.motion.simultaneous.store(0);
-    gContext.motion.MotionLock.create();
     const Teardown teardown;
     if (cfg_uci_init() < 0) {
         LOG_ERROR("error to init uci\n");
         return -1;
     }
     loadSwitches();
-    (void)reloadPresetConfig(); // reported there, both: the daemon does without
+    (void)reloadPresetConfig(); // logged there, both: the daemon does without
     (void)reloadPresetList();
     gContext.motion.calibrating.store(1); // no tour moves a head that has not been calibrated yet
     if (TourInit() != 0)
@@ -99,26 +104,16 @@ int32_t PtzdInit()
         LOG_ERROR("failed in nomem\n");
         return -1;
     }
-    if (motorInit(PAN) < 0) {
-        if (!shutdownRequested())
-            LOG_ERROR("can't init x-motor device file\n");
-        return startFailed();
-    }
-    if (motorInit(TILT) < 0) {
-        if (!shutdownRequested())
-            LOG_ERROR("can't init y-motor device file\n");
-        return startFailed();
-    }
+    if (!openMotors())
+        return shutdownRequested() ? 0 : -1;
     if (lensMaskEnabled() != 0) {
         calibrationSetTarget(TILT, lensMaskTiltSteps());
         (void)savesInhibit(); // the stored position is the one from before
     }
-    if (calibrationStart() != 0) {
-        LOG_ERROR("motor calibrate failed\n");
+    if (calibrationStart() != 0)
         return -1;
-    }
-    (void)cfg_uci_commit(UCI_PTZD); // reported there
-    (void)loadTargetTrackConfig();  // always 0
+    (void)cfg_uci_commit(UCI_PTZD); // logged there
+    loadTargetTrackConfig();
     if (ubusInit() == -1) {
         LOG_ERROR("ubus error.\n");
         return -1;

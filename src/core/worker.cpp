@@ -12,18 +12,11 @@ namespace {
 constinit std::atomic<int32_t> workerCount{0};
 constinit std::atomic<bool> stopping{false};
 
-int64_t monotonicNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * NS_PER_SECOND + now.tv_nsec;
-}
-
 } // namespace
 
 int32_t workerStart(void* (*routine)(void*), void* argument)
 {
-    // Counted here, not on the new thread: the daemon's end must not overlook one that has not run yet.
+    // Counted here, not on the new thread: the shutdown must not overlook one that has not run yet.
     workerCount.fetch_add(1);
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, routine, argument) != 0) {
@@ -55,9 +48,9 @@ bool workersStopping()
 bool workersStop(int32_t timeoutMs)
 {
     stopping.store(true);
-    const int64_t deadline = monotonicNs() + timeoutMs * NS_PER_MS;
+    const int64_t deadline = monotonicMs() + timeoutMs;
     while (workerCount.load() != 0) {
-        if (monotonicNs() >= deadline)
+        if (monotonicMs() >= deadline)
             return false;
         const timespec pause{0, 2 * NS_PER_MS};
         nanosleep(&pause, nullptr);

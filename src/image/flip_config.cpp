@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "motor/coordinates.h"
 #include "ubus/method_reply.h"
 
 #include <string.h>
@@ -31,8 +32,8 @@ int32_t loadImageFlipConfig()
     return -1;
 }
 
-int ubusUpdateImageConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusUpdateImageConfig(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, loadImageFlipConfig() == 0 ? RESULT_OK : ERR_DEVICE);
+    replyCode(call, loadImageFlipConfig() == 0 ? RESULT_OK : ERR_DEVICE);
 }

@@ -3,11 +3,10 @@
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 
-ResultCode displacementSteps(const Displacement& by, const MotorStatus& pan, const MotorStatus& tilt,
-                             int32_t (&steps)[AXIS_COUNT])
+ResultCode displacementSteps(const Displacement& by, const HeadStatus& head, int32_t (&steps)[AXIS_COUNT])
 {
-    steps[PAN] = relativeSteps(PAN, by.pan, pan.position);
-    steps[TILT] = relativeSteps(TILT, by.tilt, tilt.position);
+    steps[PAN] = relativeSteps(PAN, by.pan, head[PAN].position);
+    steps[TILT] = relativeSteps(TILT, by.tilt, head[TILT].position);
     if ((by.pan != 0 && steps[PAN] == 0) || (by.tilt != 0 && steps[TILT] == 0))
         return ERR_NO_TRAVEL;
     return RESULT_OK;
@@ -15,11 +14,10 @@ ResultCode displacementSteps(const Displacement& by, const MotorStatus& pan, con
 
 ResultCode takeOverForDisplacement(const Displacement& by, int32_t (&steps)[AXIS_COUNT])
 {
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (const ResultCode result = displacementSteps(by, pan, tilt, steps); result != RESULT_OK)
+    if (const ResultCode result = displacementSteps(by, head, steps); result != RESULT_OK)
         return result;
-    return motionHaltIfRunning(pan, tilt);
+    return motionHaltIfRunning(head);
 }

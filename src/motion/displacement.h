@@ -11,9 +11,9 @@ struct Displacement {
     int64_t tilt;
 };
 
-/// The steps of a displacement from where the axes stand, cut at the travel limits.
+/// The steps of a displacement from where the axes are, cut at the travel limits.
 /// @return RESULT_OK, or ERR_NO_TRAVEL when an axis is to move but has no way to go. Any thread; no lock.
-[[nodiscard]] ResultCode displacementSteps(const Displacement& by, const MotorStatus& pan, const MotorStatus& tilt,
+[[nodiscard]] ResultCode displacementSteps(const Displacement& by, const HeadStatus& head,
                                            int32_t (&steps)[AXIS_COUNT]);
 
 /// Takes the head over for a displacement: reads both axes, works out its steps and halts a motion under way.

@@ -1,33 +1,55 @@
 #include "motion/lens_mask.h"
 
 #include "config/uci_store.h"
-#include "core/log.h"
-#include "motion/stored_switch.h"
+#include "core/lens_mask_library.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 #include "ubus/method_reply.h"
 
-#include <initializer_list>
-
 namespace {
 
 constexpr int32_t MASK_TILT = -61; // coordinate units
 
-/// What keeps the head from following the switch, or makes that needless.
-bool nothingToFollow(int32_t& wanted, ResultCode& answer)
+/// Stores where the head is, to come back to, and inhibits saves: none may put the mask's position over this one.
+///
+/// Both are one transaction, and a save decides inside its own: one that comes before is overwritten here, and one that
+/// comes after finds saves inhibited, whenever it looked at the head. A mask that is switched on again before the head
+/// is back, or after half of its motion failed, stores nothing either.
+void inhibitAndStore(const HeadStatus& head, LogSite handler)
 {
-    if (gContext.motion.calibrating.load() != 0) {
-        answer = ERR_CALIBRATING;
-        return true;
+    const UciTransaction transaction(UCI_PTZD);
+    if (savesInhibit())
+        setStoredPosition(head, handler);
+    (void)transaction.commit(); // logged there; the lens is hidden all the same
+}
+
+/// Takes the head into the mask's position, or back out. Logs under the handler's name.
+ResultCode followSwitch(bool on, LogSite handler = logSite())
+{
+    // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
+    // inhibited, and one that this begins allows them before its own end is seen.
+    const MotionStartScope start;
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
+        return result;
+    motionBegin(MotionBegin::LensMask);
+    int32_t target[AXIS_COUNT] = {head[PAN].position, lensMaskTiltSteps()};
+    if (on) {
+        inhibitAndStore(head, handler);
+    } else {
+        const StoredPosition stored = storedPositionLogged(handler);
+        target[PAN] = stored.axes[PAN].steps;
+        target[TILT] = stored.axes[TILT].steps;
     }
-    if (gContext.panorama.panoramaRunning.load() != 0) {
-        answer = ERR_PANORAMA;
-        return true;
+    const ResultCode result = driveAxes(fullSpeedCommands(head, target[PAN], target[TILT]));
+    if (result == RESULT_OK) {
+        lensMaskSetEnabled(on ? 1 : 0);
+        if (!on)
+            savesAllowAtRest();
     }
-    wanted = lensMaskWanted();
-    answer = wanted != 0 ? ERR_LENS_MASK : RESULT_OK;
-    return wanted == lensMaskEnabled();
+    motionStarted();
+    return result;
 }
 
 } // namespace
@@ -42,52 +64,12 @@ int32_t lensMaskTiltSteps()
     return coordToSteps(TILT, MASK_TILT);
 }
 
-// Reports under its own name, so the writes and reads of both axes' positions stand here.
-int ubusLensMask(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusLensMask(const Call& call)
 {
-    int32_t wanted = 0;
-    ResultCode result = RESULT_OK;
-    if (nothingToFollow(wanted, result))
-        return replyErrCode(connection, request, result);
-    // Until it ends the status poll sees no rest: a mask off that this one halts has not come to its end, so saves stay
-    // inhibited, and one that this begins allows them before its own end is seen.
-    const MotionStartScope start;
-    MotorStatus status[AXIS_COUNT] = {};
-    result = motionTakeOver(status[PAN], status[TILT]);
-    if (result != RESULT_OK)
-        return replyErrCode(connection, request, result);
-
-    motionBegin(MotionBegin::LensMask);
-    int32_t target[AXIS_COUNT] = {status[PAN].position, lensMaskTiltSteps()};
-    if (wanted != 0) {
-        // No save may put the mask's position over the one stored here. Inhibiting and storing are one transaction, and
-        // a save decides inside its own: one that comes before is overwritten here, and one that comes after finds
-        // saves inhibited, whenever it looked at the head. A mask that is switched on again before the head is back, or
-        // after half of its motion failed, stores nothing either.
-        const UciTransaction transaction(UCI_PTZD);
-        if (savesInhibit()) {
-            for (const AxisIndex axis : {PAN, TILT}) {
-                const char* section = gContext.axes[axis].section;
-                if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", status[axis].position) != 0)
-                    LOG_ERROR("error to set option %s.steps\n", section);
-            }
-        }
-        (void)transaction.commit(); // logged there; the lens is hidden all the same
-    } else {
-        const StoredPosition stored = storedPosition();
-        for (const AxisIndex axis : {PAN, TILT}) {
-            target[axis] = stored.axes[axis].steps;
-            if (!stored.axes[axis].read)
-                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
-        }
-    }
-    result =
-        driveAxes(fullSpeedCommand(PAN, status[PAN], target[PAN]), fullSpeedCommand(TILT, status[TILT], target[TILT]));
-    if (result == RESULT_OK) {
-        lensMaskSetEnabled(wanted);
-        if (wanted == 0)
-            savesAllowAtRest();
-    }
-    motionStarted();
-    return replyErrCode(connection, request, result);
+    if (const ResultCode busy = refusedBy(CALIBRATING | PANORAMA); busy != RESULT_OK)
+        return replyErrCode(call, busy);
+    const int32_t wanted = lensMaskWanted();
+    if (wanted == lensMaskEnabled())
+        return replyErrCode(call, wanted != 0 ? ERR_LENS_MASK : RESULT_OK);
+    replyErrCode(call, followSwitch(wanted != 0));
 }

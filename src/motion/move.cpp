@@ -10,14 +10,14 @@
 
 ResultCode moveHead(int32_t dx, int32_t dy)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = takeOverForDisplacement({flipped(PAN, dx), flipped(TILT, dy)}, steps);
         result != RESULT_OK)
         return result;
     const ResultCode result =
-        beginAndDrive(MotionBegin::User, relativeCommand(steps[PAN]), relativeCommand(steps[TILT]));
+        beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN]), relativeCommand(steps[TILT])});
     saveStepsArm();
     return result;
 }
@@ -27,21 +27,19 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
     int32_t target[AXIS_COUNT];
     if (!targetSteps(xCoord, yCoord, target))
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
-    const ResultCode result =
-        beginAndDrive(MotionBegin::User, targetCommand(pan, target[PAN]), targetCommand(tilt, target[TILT]));
+    const ResultCode result = beginAndDrive(MotionBegin::User, targetCommands(head, target[PAN], target[TILT]));
     saveStepsArm();
     return result;
 }
 
 ResultCode stopHead()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = motionHalt();
     motionSettle(MotionSettle::Stop);
@@ -49,30 +47,20 @@ ResultCode stopHead()
     return result;
 }
 
-int ubusMoveMotor(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotor(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHead(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHead);
 }
 
-int ubusMoveMotorTo(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusMoveMotorTo(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, moveHeadTo(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, moveHeadTo);
 }
 
-int ubusStopMotorRotate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStopMotorRotate(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, stopHead());
+    replyCode(call, stopHead());
 }

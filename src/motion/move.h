@@ -4,19 +4,15 @@
 #pragma once
 
 #include "core/result_code.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
-
-#include <iterator>
 
 /// Shared by `move`, `moveTo` and the panorama's moves.
 inline constexpr blobmsg_policy coordPolicy[] = {
     {"x_coord", BLOBMSG_TYPE_STRING},
     {"y_coord", BLOBMSG_TYPE_STRING},
 };
-enum CoordArg { COORD_X, COORD_Y, COORD_ARG_COUNT };
-static_assert(std::size(coordPolicy) == COORD_ARG_COUNT);
 
 /// Starts both axes by a displacement, cut at the travel limits; returns once they are started, not when they rest.
 ///

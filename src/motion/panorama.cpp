@@ -1,6 +1,5 @@
 #include "motion/panorama.h"
 
-#include "core/log.h"
 #include "motion/displacement.h"
 #include "motion/move.h"
 #include "motor/coordinates.h"
@@ -9,8 +8,6 @@
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
-#include <initializer_list>
-
 namespace {
 
 constexpr int32_t START_X = -150; // coordinate units, image-flip sign not yet applied
@@ -18,21 +15,17 @@ constexpr int32_t START_Y = -10;
 
 ResultCode goToStart()
 {
-    if (gContext.motion.calibrating.load() != 0)
-        return ERR_CALIBRATING;
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK); busy != RESULT_OK)
+        return busy;
     int32_t target[AXIS_COUNT];
     if (!targetSteps(START_X, START_Y, target))
         return ERR_PARAM;
     const MotionStartScope start; // a mask off that is halted here has not come to rest, so nothing is stored
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     saveNowAndDisarm();
-    return beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target[PAN]),
-                         fullSpeedCommand(TILT, tilt, target[TILT]));
+    return beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target[PAN], target[TILT]));
 }
 
 } // namespace
@@ -54,39 +47,29 @@ ResultCode panoramaMove(int32_t dx, int32_t dy)
     int32_t steps[AXIS_COUNT];
     if (const ResultCode result = takeOverForDisplacement(by, steps); result != RESULT_OK)
         return result;
-    return beginAndDrive(MotionBegin::User, relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
-                         relativeCommand(steps[TILT], gContext.axes[TILT].max_speed));
+    return beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
+                                             relativeCommand(steps[TILT], gContext.axes[TILT].max_speed)});
 }
 
-int ubusStartPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStartPanorama(const Call& call)
 {
-    return replyCode(connection, request, panoramaStart());
+    replyCode(call, panoramaStart());
 }
 
-int ubusMovePanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                     blob_attr* message)
+void ubusMovePanorama(const Call& call)
 {
-    int32_t coords[COORD_ARG_COUNT];
-    if (!decimalArgs(coordPolicy, coords, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, panoramaMove(coords[COORD_X], coords[COORD_Y]));
+    serveNumbers(call, coordPolicy, panoramaMove);
 }
 
-int ubusStopPanorama(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusStopPanorama(const Call& call)
 {
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    ResultCode result = motionTakeOver(pan, tilt);
+    HeadStatus head{};
+    ResultCode result = motionTakeOver(head);
     if (result == RESULT_OK) {
-        const StoredPosition target = storedPosition();
-        for (const AxisIndex axis : {PAN, TILT})
-            if (!target.axes[axis].read)
-                LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
-        result = beginAndDrive(MotionBegin::User, fullSpeedCommand(PAN, pan, target.axes[PAN].steps),
-                               fullSpeedCommand(TILT, tilt, target.axes[TILT].steps));
+        const StoredPosition target = storedPositionLogged();
+        result =
+            beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target.axes[PAN].steps, target.axes[TILT].steps));
     }
     gContext.panorama.panoramaRunning.store(0);
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "core/result_code.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

@@ -6,10 +6,11 @@
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
 #include "ubus/method_args.h"
-#include "ubus/method_reply.h"
 
 #include <sys/prctl.h>
 #include <time.h>
+
+#include <initializer_list>
 
 namespace {
 
@@ -35,16 +36,54 @@ const StepSector* sectorOf(int32_t direction)
     return nullptr;
 }
 
-/// What sends an axis to its limit in a sense; false when it is to move and stands there.
-bool limitCommand(AxisIndex axis, int32_t sense, const MotorStatus& status, MotorCommand& out)
+/// The command of a step from where the head is: to the limit in the sector's senses.
+/// @return ERR_NO_TRAVEL when the axis that is to move is there already.
+ResultCode limitCommand(const StepSector& sector, const HeadStatus& head, HeadCommand& out)
 {
-    const int32_t flippedSense = flipSign(axis) * sense;
-    out = {};
-    if (flippedSense == 0)
-        return true;
-    const int32_t limit = coordToSteps(axis, flippedSense > 0 ? CoordLimits[axis].high : CoordLimits[axis].low);
-    out = relativeCommand(targetCommand(status, limit).steps);
-    return out.steps != 0;
+    MotorCommand axes[AXIS_COUNT] = {};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const int32_t sense = flipSign(axis) * sector.sense[axis];
+        if (sense == 0)
+            continue;
+        const int32_t limit = coordToSteps(axis, sense > 0 ? CoordLimits[axis].high : CoordLimits[axis].low);
+        axes[axis] = relativeCommand(targetCommand(head[axis], limit).steps);
+        if (axes[axis].steps == 0)
+            return ERR_NO_TRAVEL;
+    }
+    out = {axes[PAN], axes[TILT]};
+    return RESULT_OK;
+}
+
+/// Stops pan and then tilt, both in any case. @return ERR_DEVICE when either failed.
+ResultCode stopEach()
+{
+    const ResultCode panResult = motorStop(PAN);
+    const ResultCode tiltResult = motorStop(TILT);
+    return panResult != RESULT_OK ? panResult : tiltResult;
+}
+
+/// The begin step: a user's, of a motion whose requests have been sent before.
+void announceStep() REQUIRES(gContext.motion.MotionStateLock)
+{
+    // It ends under the lock: a `stop` that cancels the step from then on settles the motion.
+    const MotionStartScope start;
+    announceUsersMotion();
+    savesAllowAtRest();
+}
+
+/// The begin step of the step's thread. @return false, with nothing begun, once the step has been cancelled or has
+/// ended.
+bool beginStep(uint32_t generation) EXCLUDES(gContext.motion.MotionStateLock)
+{
+    {
+        // Asked under the lock: whoever cancels the step and then begins or settles finds it begun, or keeps it out.
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (gContext.motion.stepMoveGeneration.load() != generation)
+            return false;
+        announceStep();
+    }
+    statusPollStart();
+    return true;
 }
 
 /// One tick. @return false when the step is over, whoever ended it.
@@ -57,8 +96,7 @@ bool stepTick(uint32_t generation)
         --gContext.motion.stepMoveRemaining;
         return true;
     }
-    (void)motorStop(PAN); // an axis that refuses runs on to its limit
-    (void)motorStop(TILT);
+    (void)stopEach(); // an axis that refuses runs on to its limit
     stepMoveClear();
     return false;
 }
@@ -68,7 +106,7 @@ void* stepMoveThread(void* argument)
     const WorkerScope scope(WorkerEntry::Adopt);
     const auto generation = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(argument));
     // A daemon that ends meanwhile waits for this thread: the head, which runs already, is stopped all the same.
-    if (scope.entered() && !motionBeginStep(generation))
+    if (scope.entered() && !beginStep(generation))
         return nullptr;
     (void)prctl(PR_SET_TIMERSLACK, 1); // the default, 50 us a tick, would lengthen every step by a twentieth
     do
@@ -77,22 +115,25 @@ void* stepMoveThread(void* argument)
     return nullptr;
 }
 
-ResultCode startStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt)
-    REQUIRES(gContext.motion.MotionLock)
+void countAnew(int32_t direction) REQUIRES(gContext.motion.MotionLock)
 {
-    MotorStatus panNow{};
-    MotorStatus tiltNow{};
-    if (const ResultCode result = motorReadStatus(panNow, tiltNow); result != RESULT_OK)
+    gContext.motion.stepMoveDirection = direction;
+    gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
+}
+
+ResultCode startStep(int32_t direction, const HeadCommand& command) REQUIRES(gContext.motion.MotionLock)
+{
+    HeadStatus now{};
+    if (const ResultCode result = motorReadStatus(now); result != RESULT_OK)
         return result;
-    if (panNow.running != 0 || tiltNow.running != 0) {
+    if (now.running()) {
         if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
             return result;
     }
     // The requests go out before the thread's begin step, so that nothing is pending in between.
-    if (const ResultCode result = driveAxes(pan, tilt); result != RESULT_OK)
+    if (const ResultCode result = driveAxes(command); result != RESULT_OK)
         return result;
-    gContext.motion.stepMoveDirection = direction;
-    gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
+    countAnew(direction);
     gContext.motion.stepMoveActive = 1;
     const uint32_t generation = gContext.motion.stepMoveGeneration.fetch_add(1) + 1;
     // NOLINTNEXTLINE(performance-no-int-to-ptr): a number is all that the thread needs, and it fits
@@ -102,32 +143,43 @@ ResultCode startStep(int32_t direction, const MotorCommand& pan, const MotorComm
     return ERR_DEVICE;
 }
 
-/// Turns the step under way into another direction. `turned`: its move requests were sent.
-ResultCode turnStep(const MotorCommand& pan, const MotorCommand& tilt, bool& turned)
-    REQUIRES(gContext.motion.MotionLock)
+struct Continued {
+    ResultCode result;
+    bool turned; // move requests have sent the head another way
+};
+
+/// Goes on with the step under way, whose thread then counts anew.
+Continued continueStep(int32_t direction, const HeadCommand& command) REQUIRES(gContext.motion.MotionLock)
 {
-    const ResultCode panStopped = motorStop(PAN);
-    const ResultCode tiltStopped = motorStop(TILT);
-    if (panStopped != RESULT_OK || tiltStopped != RESULT_OK)
-        return ERR_DEVICE;
-    turned = true;
-    return driveAxes(pan, tilt);
+    const bool turns = gContext.motion.stepMoveDirection != direction;
+    if (turns) {
+        if (const ResultCode stopped = stopEach(); stopped != RESULT_OK)
+            return {stopped, false};
+        if (const ResultCode driven = driveAxes(command); driven != RESULT_OK)
+            return {driven, true};
+    }
+    countAnew(direction);
+    return {RESULT_OK, turns};
 }
 
-/// Starts a step, or goes on with the one under way, whose thread then counts anew. `turned`: move
-/// requests have sent it another way.
-ResultCode startOrContinueStep(int32_t direction, const MotorCommand& pan, const MotorCommand& tilt, bool& turned)
+Continued startOrContinueStep(int32_t direction, const HeadCommand& command) EXCLUDES(gContext.motion.MotionLock)
 {
+    const MotionStartScope start; // a turn's rest between its stops and its move requests is no end
     LockGuard hold(gContext.motion.MotionLock);
     if (gContext.motion.stepMoveActive == 0)
-        return startStep(direction, pan, tilt);
-    if (gContext.motion.stepMoveDirection != direction) {
-        if (const ResultCode result = turnStep(pan, tilt, turned); result != RESULT_OK)
-            return result;
+        return {startStep(direction, command), false};
+    return continueStep(direction, command);
+}
+
+/// The begin step of a turn. The poll may have found the step's end before, at the limit; then the turned step is a
+/// motion of its own, whose thread has made its begin step already.
+void beginTurn() EXCLUDES(gContext.motion.MotionStateLock)
+{
+    {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        announceStep();
     }
-    gContext.motion.stepMoveDirection = direction;
-    gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
-    return RESULT_OK;
+    statusPollStart();
 }
 
 } // namespace
@@ -137,41 +189,24 @@ ResultCode stepHead(int32_t direction)
     const StepSector* sector = sectorOf(direction);
     if (!sector)
         return ERR_PARAM;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    MotorCommand panCommand{};
-    MotorCommand tiltCommand{};
-    if (!limitCommand(PAN, sector->sense[PAN], pan, panCommand) ||
-        !limitCommand(TILT, sector->sense[TILT], tilt, tiltCommand))
-        return ERR_NO_TRAVEL;
-    // The poll must not take the rest between a turn's stops and its move requests for the end. It may have found the
-    // end before, at the limit; then the turned step is a motion of its own, and its thread has made its begin step
-    // already.
-    bool turned = false;
-    motionStarting();
-    const ResultCode result = startOrContinueStep(direction, panCommand, tiltCommand, turned);
-    motionStarted();
-    if (turned) {
-        motionBegin(MotionBegin::Step);
-        motionStarted();
-    }
-    if (result == RESULT_OK)
+    HeadCommand command{};
+    if (const ResultCode result = limitCommand(*sector, head, command); result != RESULT_OK)
+        return result;
+    const Continued step = startOrContinueStep(direction, command);
+    if (step.turned)
+        beginTurn();
+    if (step.result == RESULT_OK)
         saveStepsArm();
-    return result;
+    return step.result;
 }
 
-int ubusMoveMotorStep(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                      blob_attr* message)
+void ubusMoveMotorStep(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t direction[1];
-    if (!decimalArgs(stepPolicy, direction, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request, stepHead(direction[0]));
+    serveNumbers(call, stepPolicy, stepHead);
 }

@@ -1,8 +1,8 @@
 #include "motion/track.h"
 
+#include "config/uci_store.h"
 #include "core/log.h"
 #include "motion/displacement.h"
-#include "motion/stored_switch.h"
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
@@ -10,33 +10,48 @@
 #include "ubus/method_reply.h"
 
 #include <algorithm>
-#include <iterator>
+#include <initializer_list>
 
 namespace {
-
-enum TrackArg { TRACK_X, TRACK_Y, TRACK_X_SPEED, TRACK_Y_SPEED, TRACK_ARG_COUNT };
-static_assert(std::size(trackPolicy) == TRACK_ARG_COUNT);
 
 int32_t allowedSpeed(AxisIndex axis, int32_t speed)
 {
     return std::clamp(speed, 1, gContext.axes[axis].max_speed);
 }
 
+ResultCode readStatusLogged(HeadStatus& head, LogSite caller)
+{
+    if (motorReadStatus(head) == RESULT_OK)
+        return RESULT_OK;
+    logWrite(LOG_LEVEL_ERROR, caller, "get status from driver failed.\n");
+    return ERR_DEVICE;
+}
+
+/// Reads the head's status, at rest: halts a tracking motion. A failed read is logged under the caller's name.
+ResultCode haltTracking(HeadStatus& head, LogSite caller = logSite())
+{
+    if (const ResultCode result = readStatusLogged(head, caller); result != RESULT_OK || !head.running())
+        return result;
+    if (gContext.motion.motion_origin.load() != ORIGIN_TRACK)
+        return ERR_CALIBRATING;
+    if (const ResultCode halted = motionHalt(); halted != RESULT_OK)
+        return halted;
+    return readStatusLogged(head, caller);
+}
+
 /// Brings the head back now that nobody tracks any more, unless it is on its way already.
 ResultCode leaveTracking()
 {
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    const bool running = pan.running != 0 || tilt.running != 0;
     const int32_t origin = gContext.motion.motion_origin.load();
-    if (running && origin == ORIGIN_TRACK) {
+    if (head.running() && origin == ORIGIN_TRACK) {
         if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
             return result;
     }
-    if (!running || origin != ORIGIN_RETURN)
-        (void)moveToLastPostion(); // reported there; the switch itself has been taken over
+    if (!head.running() || origin != ORIGIN_RETURN)
+        (void)moveToLastPostion(); // logged there; the switch itself has been taken over
     return RESULT_OK;
 }
 
@@ -44,59 +59,81 @@ ResultCode leaveTracking()
 
 ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (pan.running != 0 || tilt.running != 0)
+    if (head.running())
         return ERR_CALIBRATING;
     const int32_t origin = gContext.motion.motion_origin.load();
     // Also where a user's command took over an earlier tracking motion, whose origin stayed.
     if (origin == ORIGIN_USER || origin == ORIGIN_TOUR || gContext.position.savePending.load())
         saveNowAndDisarm();
     int32_t steps[AXIS_COUNT];
-    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, pan, tilt, steps);
+    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, head, steps);
         result != RESULT_OK)
         return result;
-    stepMoveCancel(); // one whose axis stands at the limit ticks on
-    return beginAndDrive(MotionBegin::Track, relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
-                         relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed)));
+    stepMoveCancel(); // one whose axis is at the limit ticks on
+    return beginAndDrive(MotionBegin::Track, {relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
+                                              relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed))});
 }
 
-int32_t loadTargetTrackConfig()
+ResultCode moveToLastPostion()
+{
+    motionEndTracking();
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
+        return busy;
+    const StoredPosition target = storedPosition();
+    for (const AxisIndex axis : {PAN, TILT}) {
+        if (!target.axes[axis].read) {
+            LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
+            return ERR_DEVICE;
+        }
+    }
+    HeadStatus head{};
+    if (const ResultCode result = haltTracking(head); result != RESULT_OK)
+        return result;
+    if (gContext.motion.motion_origin.load() == ORIGIN_USER) {
+        LOG_TRACE("motor just moved by user, need not move to last position.\n");
+        return RESULT_OK;
+    }
+    const HeadCommand command = targetCommands(head, target.axes[PAN].steps, target.axes[TILT].steps);
+    if (command.pan.steps == 0 && command.tilt.steps == 0) {
+        LOG_TRACE("here is the same as last postion\n");
+        return RESULT_OK;
+    }
+    stepMoveCancel(); // one whose axis is at the limit ticks on
+    const ResultCode result = beginAndDrive(MotionBegin::Return, command);
+    if (result != RESULT_OK)
+        LOG_ERROR("move error\n");
+    return result;
+}
+
+void loadTargetTrackConfig()
 {
     gContext.track.targetTrackEnabled.store(storedSwitchOn(UCI_TARGET_TRACK, "target_track_info") ? 1 : 0);
-    return 0;
 }
 
-int ubusTargetTrack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusTargetTrack(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t args[TRACK_ARG_COUNT];
-    if (!decimalArgs(trackPolicy, args, message)) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    return replyCode(connection, request,
-                     trackTarget(args[TRACK_X], args[TRACK_Y], args[TRACK_X_SPEED], args[TRACK_Y_SPEED]));
+    serveNumbers(call, trackPolicy, trackTarget);
 }
 
-int ubusTargetTrackBack(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusTargetTrackBack(const Call& call)
 {
-    return replyCode(connection, request, moveToLastPostion());
+    replyCode(call, moveToLastPostion());
 }
 
-int ubusReloadTargetTrackConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                                blob_attr*)
+void ubusReloadTargetTrackConfig(const Call& call)
 {
     const bool wasEnabled = gContext.track.targetTrackEnabled.load() == 1;
-    (void)loadTargetTrackConfig(); // always 0
+    loadTargetTrackConfig();
     const bool switchedOff = wasEnabled && gContext.track.targetTrackEnabled.load() == 0;
-    if (!switchedOff || gContext.motion.calibrating.load() != 0 || lensMaskEnabled() != 0)
-        return replyErrCode(connection, request, RESULT_OK);
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return replyErrCode(connection, request, ERR_PANORAMA);
-    return replyErrCode(connection, request, leaveTracking());
+    if (!switchedOff || refusedBy(CALIBRATING | LENS_MASK) != RESULT_OK)
+        return replyErrCode(call, RESULT_OK);
+    if (const ResultCode busy = refusedBy(PANORAMA); busy != RESULT_OK)
+        return replyErrCode(call, busy);
+    replyErrCode(call, leaveTracking());
 }

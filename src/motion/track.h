@@ -3,16 +3,24 @@
 // Thread: event loop; the commands take MotionLock and MotionStateLock, one after the other, never both.
 #pragma once
 
+#include "core/context.h"
 #include "core/result_code.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
+
+#include <atomic>
 
 inline constexpr blobmsg_policy trackPolicy[] = {
     {"x_coord", BLOBMSG_TYPE_STRING},
     {"y_coord", BLOBMSG_TYPE_STRING},
     {"x_speed", BLOBMSG_TYPE_STRING},
     {"y_speed", BLOBMSG_TYPE_STRING},
+};
+
+/// Owner: motion/track.
+struct TrackState {
+    std::atomic<int32_t> targetTrackEnabled{0};
 };
 
 /// Starts both axes by a displacement, cut at the travel limits, each with a speed of its own. The first such motion
@@ -25,8 +33,16 @@ inline constexpr blobmsg_policy trackPolicy[] = {
 ///         leave the head alone)
 [[nodiscard]] ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed);
 
-/// Reads targetTrackEnabled from storage; a missing option switches it off. @return 0. Takes ConfigStoreLock.
-int32_t loadTargetTrackConfig();
+/// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
+/// when a user has moved the head since.
+/// @return RESULT_OK once both axes are started or need not move; ERR_CALIBRATING while calibrating or while a motion
+///         other than tracking runs, ERR_LENS_MASK, ERR_PANORAMA; ERR_DEVICE when an option is missing or a request
+///         fails.
+/// Thread: event loop.
+[[nodiscard]] ResultCode moveToLastPostion();
+
+/// Reads targetTrackEnabled from storage; a missing option switches it off. Takes ConfigStoreLock.
+void loadTargetTrackConfig();
 
 /// `targetTrack`; `targetTrackBack`, which returns the head; `reloadTargetTrackConfig`, which does so when tracking has
 /// just been switched off.

@@ -6,6 +6,7 @@
 #include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/speed_config.h"
 #include "ubus/method_reply.h"
 
 #include <initializer_list>
@@ -45,14 +46,18 @@ void motorCali(AxisIndex axis, const CalibrationTarget& target)
     LOG_TRACE("end calibration rotate.\n");
 }
 
-/// Reads the axis's configured speed. @return the speed to use: that one, or the default where it cannot be used.
-int32_t usableSpeed(AxisIndex axis, int32_t& stored)
+/// The axis's configured speed. One that cannot be used is replaced by the default, in the store too, to be committed
+/// with the next change; logs under the caller's name when it cannot be set there.
+int32_t usableSpeed(AxisIndex axis, LogSite caller = logSite())
 {
     const MotorAxis& motor = gContext.axes[axis];
-    stored = -1;
+    const UciTransaction transaction(UCI_PTZD);
+    int32_t stored = -1;
     (void)cfg_uci_get_int_value(UCI_PTZD, motor.section, "speed", &stored); // missing: the default
-    const int32_t speed = stored > 0 ? stored : DEFAULT_SPEED[axis];
-    return speed > motor.max_speed ? DEFAULT_SPEED[axis] : speed;
+    const int32_t speed = stored > 0 && stored <= motor.max_speed ? stored : DEFAULT_SPEED[axis];
+    if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, motor.section, "speed", speed) != 0)
+        logWrite(LOG_LEVEL_ERROR, caller, "error to set option %s.speed\n", motor.section);
+    return speed;
 }
 
 void* ptzdCali(void* argument)
@@ -64,16 +69,7 @@ void* ptzdCali(void* argument)
     motionBegin(MotionBegin::Calibration);
     for (const AxisIndex axis : {PAN, TILT}) {
         motorCali(axis, targets[axis]);
-        int32_t speed = 0;
-        {
-            const UciTransaction transaction(UCI_PTZD);
-            int32_t stored = -1;
-            speed = usableSpeed(axis, stored);
-            const char* section = gContext.axes[axis].section;
-            if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, section, "speed", speed) != 0)
-                LOG_ERROR("error to set option %s.speed\n", section);
-        }
-        (void)motorSetSpeed(axis, speed); // the driver keeps its own when it refuses
+        (void)motorSetSpeed(axis, usableSpeed(axis)); // the driver keeps its own when it refuses
     }
     motionSettle(MotionSettle::Calibration);
     gContext.motion.calibrating.store(0);
@@ -83,11 +79,10 @@ void* ptzdCali(void* argument)
 /// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
 ResultCode prepareManualCalibration()
 {
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     calibrationSetTarget(PAN, homeSteps(PAN));
     calibrationSetTarget(TILT, homeSteps(TILT));
@@ -101,24 +96,23 @@ void calibrationSetTarget(AxisIndex axis, int32_t returnSteps)
     gContext.calibrationArg[axis] = {gContext.axes[axis].fd, returnSteps, gContext.axes[axis].total_steps};
 }
 
-int32_t calibrationStart()
+int32_t calibrationStart(LogSite caller)
 {
     // Set here, not by the thread: no request may slip in before that runs.
     gContext.motion.calibrating.store(1);
     if (workerStart(ptzdCali, gContext.calibrationArg) == 0)
         return 0;
     gContext.motion.calibrating.store(0);
+    logWrite(LOG_LEVEL_ERROR, caller, "motor calibrate failed\n");
     return -1;
 }
 
-int ubusManualCalibrate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusManualCalibrate(const Call& call)
 {
     ResultCode result = prepareManualCalibration();
-    if (result == RESULT_OK && calibrationStart() != 0) {
-        LOG_ERROR("motor calibrate failed\n");
+    if (result == RESULT_OK && calibrationStart() != 0)
         result = ERR_DEVICE;
-    }
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -2,18 +2,26 @@
 #pragma once
 
 #include "core/context.h"
-#include "ubus/bus_door.h"
+#include "core/log.h"
+#include "motor/motor_device.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 
-inline constexpr int32_t DEFAULT_SPEED[AXIS_COUNT] = {4, 4};
+/// What a calibration run does with one axis.
+struct CalibrationTarget {
+    int32_t fd;
+    int32_t returnSteps; // absolute position to finish at
+    int32_t totalSteps;
+};
 
 /// Sets one axis's target in gContext.calibrationArg. Thread: main, while no calibration runs.
 void calibrationSetTarget(AxisIndex axis, int32_t returnSteps);
 
 /// Starts the calibration thread on the targets; the daemon counts as calibrating from this call on. The head must
-/// have been halted. @return 0, or -1, not calibrating, when the thread cannot be created. Thread: main. No lock.
-[[nodiscard]] int32_t calibrationStart();
+/// have been halted. @return 0, or -1, not calibrating and logged under the caller's name, when the thread cannot be
+/// created. Thread: main. No lock.
+[[nodiscard]] int32_t calibrationStart(LogSite caller = logSite());
 
 /// `manualCalibrate`: calibrates both axes and ends at the home position.
 UbusHandler ubusManualCalibrate;

@@ -4,9 +4,16 @@
 // does not change after start-up: any thread, no lock. Arithmetic is done in 64 bits; divisions truncate toward zero.
 #pragma once
 
-#include "core/context.h"
+#include "motor/motor_device.h"
 
 #include <stdint.h>
+
+#include <atomic>
+
+/// Owner: image/flip_config.
+struct ImageState {
+    std::atomic<int32_t> imageFlipType{0}; // 0..3, row of FlipSignTable
+};
 
 struct CoordRange {
     int32_t low;
@@ -16,7 +23,7 @@ struct CoordRange {
 /// What a commanded coordinate may be, its sign applied; both ends are allowed.
 inline constexpr CoordRange CoordLimits[AXIS_COUNT] = {{-150, 150}, {-39, 61}};
 
-/// The senses of both axes under each image flip type.
+/// The signs of both axes under each image flip type.
 inline constexpr int32_t FlipSignTable[4][AXIS_COUNT] = {{1, 1}, {-1, 1}, {1, -1}, {-1, -1}};
 
 /// An axis's sign under the current image flip type: +1 or -1.

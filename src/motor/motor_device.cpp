@@ -41,13 +41,12 @@ ResultCode motorGetStatus(AxisIndex axis, MotorStatus& out)
     return request(axis, MOTOR_IOC_GET_STATUS, &out);
 }
 
-ResultCode motorReadStatus(MotorStatus& pan, MotorStatus& tilt)
+ResultCode motorReadStatus(HeadStatus& out)
 {
-    pan = {};
-    tilt = {};
-    if (const ResultCode result = motorGetStatus(PAN, pan); result != RESULT_OK)
+    out = {};
+    if (const ResultCode result = motorGetStatus(PAN, out.axes[PAN]); result != RESULT_OK)
         return result;
-    return motorGetStatus(TILT, tilt);
+    return motorGetStatus(TILT, out.axes[TILT]);
 }
 
 ResultCode motorSetPosition(AxisIndex axis, int32_t steps)
@@ -89,6 +88,13 @@ ResultCode motorStopBoth()
     return motorStop(TILT);
 }
 
+ResultCode driveAxes(const HeadCommand& command)
+{
+    const ResultCode panResult = motorMove(PAN, command.pan);
+    const ResultCode tiltResult = motorMove(TILT, command.tilt);
+    return panResult != RESULT_OK ? panResult : tiltResult;
+}
+
 MotorCommand relativeCommand(int32_t steps, int32_t speed)
 {
     MotorCommand command{};
@@ -103,9 +109,15 @@ MotorCommand targetCommand(const MotorStatus& status, int32_t targetSteps)
     return {status.reserved, status.speed, steps, {status.running, status.direction}};
 }
 
-MotorCommand fullSpeedCommand(AxisIndex axis, const MotorStatus& status, int32_t targetSteps)
+HeadCommand targetCommands(const HeadStatus& head, int32_t panSteps, int32_t tiltSteps)
 {
-    MotorCommand command = targetCommand(status, targetSteps);
-    command.speed = gContext.axes[axis].max_speed;
+    return {targetCommand(head[PAN], panSteps), targetCommand(head[TILT], tiltSteps)};
+}
+
+HeadCommand fullSpeedCommands(const HeadStatus& head, int32_t panSteps, int32_t tiltSteps)
+{
+    HeadCommand command = targetCommands(head, panSteps, tiltSteps);
+    command.pan.speed = gContext.axes[PAN].max_speed;
+    command.tilt.speed = gContext.axes[TILT].max_speed;
     return command;
 }

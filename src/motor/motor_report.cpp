@@ -1,23 +1,14 @@
 #include "motor/motor_report.h"
 
 #include "core/log.h"
+#include "core/motion.h"
 #include "core/numbers.h"
-#include "core/shutdown.h"
-#include "motor/calibration.h"
 #include "motor/coordinates.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
-#include "motor/position_store.h"
 #include "ubus/method_reply.h"
 
 namespace {
-
-constexpr int OPEN_RETRY_MS = 1000;
-
-/// Zero or less in any of these would divide by zero or leave no way to move.
-bool makesSense(const MotorCapability& capability)
-{
-    return capability.range >= 1 && capability.total_steps >= 1 && capability.max_speed >= 1;
-}
 
 void addSpeed(const char* name, AxisIndex axis, const MotorStatus& status)
 {
@@ -29,33 +20,7 @@ void addSpeed(const char* name, AxisIndex axis, const MotorStatus& status)
 
 } // namespace
 
-int32_t motorInit(AxisIndex axis)
-{
-    MotorAxis& motor = gContext.axes[axis];
-    int fd = motorOpen(axis);
-    while (fd <= 0) {
-        LOG_ERROR("can't open %s file, sleep 1 second and retry\n", motor.device_path);
-        if (shutdownSleep(OPEN_RETRY_MS))
-            return -1;
-        fd = motorOpen(axis);
-    }
-    motor.fd = fd;
-    MotorCapability capability{};
-    if (motorGetCapability(axis, capability) != RESULT_OK || !makesSense(capability)) {
-        LOG_ERROR("can't get capability of %s\n", motor.device_path);
-        return -1;
-    }
-    motor.range = capability.range;
-    motor.max_speed = capability.max_speed;
-    motor.total_steps = capability.total_steps;
-    int32_t returnSteps = homeSteps(axis);
-    if (gContext.position.power_off_recover.load() != 0)
-        returnSteps = storedSteps(axis).steps; // none stored: home
-    calibrationSetTarget(axis, returnSteps);
-    return 0;
-}
-
-int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetMotorCapa(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     const MotorAxis& pan = gContext.axes[PAN];
@@ -73,28 +38,27 @@ int ubusGetMotorCapa(ubus_context* connection, ubus_object*, ubus_request_data* 
     replyAddText("preset", "enabled");
     replyAddText("calibrate", "enabled");
     replyClose(table);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusGetMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetMotorStatus(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motorReadStatus(pan, tilt); result != RESULT_OK)
-        return replyCode(connection, request, result);
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
+        return replyCode(call, result);
     replyBegin();
     replyAddInt("error_code", RESULT_OK);
     void* table = replyOpenTable("status");
-    replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, pan.position)) * flipSign(PAN));
-    replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, tilt.position)) * flipSign(TILT));
-    addSpeed("x_speed", PAN, pan);
-    addSpeed("y_speed", TILT, tilt);
+    replyAddDecimal("x_coord", static_cast<int64_t>(stepsToCoord(PAN, head[PAN].position)) * flipSign(PAN));
+    replyAddDecimal("y_coord", static_cast<int64_t>(stepsToCoord(TILT, head[TILT].position)) * flipSign(TILT));
+    addSpeed("x_speed", PAN, head[PAN]);
+    addSpeed("y_speed", TILT, head[TILT]);
     replyClose(table);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusCheckMotorStatus(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusCheckMotorStatus(const Call& call)
 {
-    return replyErrCode(connection, request, gContext.motion.calibrating.load() != 0 ? ERR_CALIBRATING : RESULT_OK);
+    replyErrCode(call, refusedBy(CALIBRATING));
 }

@@ -3,7 +3,6 @@
 #include "config/uci_store.h"
 #include "core/log.h"
 #include "motor/coordinates.h"
-#include "motor/motion_state.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
@@ -39,21 +38,15 @@ void save(const SaveTicket& ticket)
 {
     if (!maySave())
         return;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (motorReadStatus(pan, tilt) != RESULT_OK || pan.running != 0 || tilt.running != 0)
+    HeadStatus head{};
+    if (motorReadStatus(head) != RESULT_OK || head.running())
         return;
     const UciTransaction transaction(UCI_PTZD);
     if (!maySave() || gContext.position.saveEpoch.load() != ticket.epoch ||
         static_cast<int32_t>(ticket.number - gContext.position.lastSaved) < 0)
         return;
     gContext.position.lastSaved = ticket.number;
-    const int32_t positions[AXIS_COUNT] = {pan.position, tilt.position};
-    for (const AxisIndex axis : {PAN, TILT}) {
-        const char* section = gContext.axes[axis].section;
-        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", positions[axis]) != 0)
-            logWrite(LOG_LEVEL_ERROR, "saveCurSteps", __LINE__, "error to set option %s.steps\n", section);
-    }
+    setStoredPosition(head, {"saveCurSteps", __LINE__});
     (void)transaction.commit(); // logged there; the next motion saves again
     disarm(); // still inside the transaction: a command that inhibits saves disarms the timer after this
     // A command may have moved the head and armed the timer meanwhile; that position must be saved too.
@@ -62,18 +55,6 @@ void save(const SaveTicket& ticket)
         timerStart(&gContext.timers.saveStepsTimer, SAVE_STEPS_NS, SAVE_STEPS_NS);
     }
     LOG_TRACE("saveCurSteps end\n");
-}
-
-/// Ends the tracking episode, whether the head can return or not.
-void endTracking() EXCLUDES(gContext.motion.MotionStateLock)
-{
-    LockGuard hold(gContext.motion.MotionStateLock);
-    if (gContext.motion.track_back_done.load() != 0)
-        return;
-    gContext.tour.tourCurrentPresetId.store(0);
-    gContext.motion.track_back_done.store(1);
-    gContext.motion.user_moved_recently.store(1);
-    quietPeriodsStart();
 }
 
 } // namespace
@@ -135,60 +116,29 @@ StoredPosition storedPosition()
     return {{storedSteps(PAN), storedSteps(TILT)}};
 }
 
-// Reports under its own name, so the reads of both axes stand here.
-ResultCode moveToLastPostion()
+StoredPosition storedPositionLogged(LogSite caller)
 {
-    endTracking();
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
-        return busy;
-
-    const StoredPosition target = storedPosition();
-    for (const AxisIndex axis : {PAN, TILT}) {
-        if (!target.axes[axis].read) {
-            LOG_ERROR("error to get option %s.steps\n", gContext.axes[axis].section);
-            return ERR_DEVICE;
-        }
-    }
-
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (motorReadStatus(pan, tilt) != RESULT_OK) {
-        LOG_ERROR("get status from driver failed.\n");
-        return ERR_DEVICE;
-    }
-    if (pan.running != 0 || tilt.running != 0) {
-        if (gContext.motion.motion_origin.load() != ORIGIN_TRACK)
-            return ERR_CALIBRATING;
-        if (const ResultCode halted = motionHalt(); halted != RESULT_OK)
-            return halted;
-        if (motorReadStatus(pan, tilt) != RESULT_OK) {
-            LOG_ERROR("get status from driver failed.\n");
-            return ERR_DEVICE;
-        }
-    }
-    if (gContext.motion.motion_origin.load() == ORIGIN_USER) {
-        LOG_TRACE("motor just moved by user, need not move to last position.\n");
-        return RESULT_OK;
-    }
-    const MotorCommand panCommand = targetCommand(pan, target.axes[PAN].steps);
-    const MotorCommand tiltCommand = targetCommand(tilt, target.axes[TILT].steps);
-    if (panCommand.steps == 0 && tiltCommand.steps == 0) {
-        LOG_TRACE("here is the same as last postion\n");
-        return RESULT_OK;
-    }
-    stepMoveCancel(); // one whose axis stands at the limit ticks on
-    const ResultCode result = beginAndDrive(MotionBegin::Return, panCommand, tiltCommand);
-    if (result != RESULT_OK)
-        LOG_ERROR("move error\n");
-    return result;
+    const StoredPosition stored = storedPosition();
+    for (const AxisIndex axis : {PAN, TILT})
+        if (!stored.axes[axis].read)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to get option %s.steps\n", gContext.axes[axis].section);
+    return stored;
 }
 
-int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                           blob_attr* message)
+void setStoredPosition(const HeadStatus& head, LogSite caller)
+{
+    for (const AxisIndex axis : {PAN, TILT}) {
+        const char* section = gContext.axes[axis].section;
+        if (cfg_uci_set_int_value(UCI_PTZD, section, "steps", head[axis].position) != 0)
+            logWrite(LOG_LEVEL_ERROR, caller, "error to set option %s.steps\n", section);
+    }
+}
+
+void ubusSetPowerOffRecover(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(powerOffRecoverPolicy)];
-    parseArgs(powerOffRecoverPolicy, args, message);
+    parseArgs(powerOffRecoverPolicy, args, call);
     const int32_t recover = args[0] ? decimalArg(args[0]) : -1;
     ResultCode result = RESULT_OK;
     {
@@ -203,5 +153,5 @@ int ubusSetPowerOffRecover(ubus_context* connection, ubus_object*, ubus_request_
         }
         (void)transaction.commit(); // reported there; memory keeps the new value either way
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

@@ -1,14 +1,37 @@
 // The stored position of the head: saved after user motions, restored at start, returned to after tracking.
 #pragma once
 
-#include "core/context.h"
+#include "core/log.h"
+#include "core/motion.h"
 #include "core/result_code.h"
-#include "ubus/bus_door.h"
+#include "core/timer.h"
+#include "motor/motor_device.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 
+#include <atomic>
+
 inline constexpr int64_t SAVE_STEPS_NS = 10 * NS_PER_SECOND;
 inline constexpr blobmsg_policy powerOffRecoverPolicy[] = {{"recover", BLOBMSG_TYPE_STRING}};
+
+/// Whether the head's position may be stored.
+enum class Saves : int32_t {
+    Allowed,
+    Inhibited,     // the head is in the lens mask's zone, or may be
+    AllowedAtRest, // it is on its way out of there
+};
+
+/// Owner: motor/position_store.
+struct PositionState {
+    std::atomic<int32_t> power_off_recover{1}; // core/ptzd_init loads it
+    std::atomic<uint32_t> saveRequests{0};     // counts the armings of saveStepsTimer
+    std::atomic<bool> savePending{false};      // armed and not saved yet
+    std::atomic<Saves> saves{Saves::Allowed};
+    std::atomic<uint32_t> saveEpoch{0}; // this and the two below: see position_store.cpp
+    std::atomic<uint32_t> savesBegun{0};
+    uint32_t lastSaved = 0; // under ConfigStoreLock
+};
 
 /// Arms or re-arms saveStepsTimer when power-off recovery is on, after a command of a user. Thread: event loop; no
 /// lock.
@@ -56,13 +79,12 @@ struct StoredPosition {
 /// Of both, as one save has left them. Any thread; takes ConfigStoreLock.
 [[nodiscard]] StoredPosition storedPosition();
 
-/// Brings the head back to the stored position after tracking, and ends the tracking episode in any case; does nothing
-/// when a user has moved the head since.
-/// @return RESULT_OK once both axes are started or need not move; ERR_CALIBRATING while calibrating or while a motion
-///         other than tracking runs, ERR_LENS_MASK, ERR_PANORAMA; ERR_DEVICE when an option is missing or a request
-///         fails.
-/// Thread: event loop; takes MotionStateLock and MotionLock, one after the other.
-[[nodiscard]] ResultCode moveToLastPostion() EXCLUDES(gContext.motion.MotionStateLock, gContext.motion.MotionLock);
+/// The same; an option that cannot be read is logged under the caller's name.
+[[nodiscard]] StoredPosition storedPositionLogged(LogSite caller = logSite());
+
+/// Sets both axes' stored steps, to be committed by the caller, whose transaction of package ptzd this is called in; an
+/// option that cannot be set is logged under the caller's name.
+void setStoredPosition(const HeadStatus& head, LogSite caller = logSite());
 
 /// `setPowerOffRecover`: switches power-off recovery, `recover` "1" or "0", in memory and in storage.
 UbusHandler ubusSetPowerOffRecover;

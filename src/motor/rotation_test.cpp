@@ -1,28 +1,18 @@
 #include "motor/rotation_test.h"
 
 #include "core/log.h"
+#include "core/owned.h"
 #include "core/worker.h"
 #include "motor/motor_device.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
-#include <stdlib.h>
-
 #include <initializer_list>
 #include <iterator>
-#include <memory>
 
 namespace {
 
 constexpr blobmsg_policy testPolicy[] = {{"times", BLOBMSG_TYPE_STRING}};
-
-struct FreeTimes {
-    void operator()(int* times) const
-    {
-        free(times);
-    }
-};
-using OwnedTimes = std::unique_ptr<int, FreeTimes>;
 
 /// There and back over both axes' whole travel.
 bool swingOnce()
@@ -38,7 +28,7 @@ bool swingOnce()
 void* motorTest(void* argument)
 {
     const WorkerScope scope(WorkerEntry::Adopt);
-    const OwnedTimes times(static_cast<int*>(argument));
+    const Owned<int> times(static_cast<int*>(argument));
     if (!scope.entered())
         return nullptr;
     LOG_TRACE("start test rotate times %d\n", *times);
@@ -54,27 +44,24 @@ void* motorTest(void* argument)
 
 } // namespace
 
-int ubusTestMotorRotate(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                        blob_attr* message)
+void ubusTestMotorRotate(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(testPolicy)];
-    parseArgs(testPolicy, args, message);
-    if (!args[0]) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        return replyCode(connection, request, ERR_PARAM);
-    }
-    OwnedTimes times(static_cast<int*>(malloc(sizeof(int))));
+    parseArgs(testPolicy, args, call);
+    if (!args[0])
+        return refuseParameter(call);
+    Owned<int> times(static_cast<int*>(malloc(sizeof(int))));
     if (!times) {
         LOG_ERROR("test failed\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     *times = decimalArg(args[0]);
     LOG_TRACE("UBUS: test times %d\n", *times);
     if (workerStart(motorTest, times.get()) != 0) {
         LOG_ERROR("test failed\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     (void)times.release(); // the thread's from here on
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }

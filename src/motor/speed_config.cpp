@@ -2,6 +2,7 @@
 
 #include "config/uci_store.h"
 #include "core/log.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
@@ -19,7 +20,7 @@ bool storeSpeed(AxisIndex axis, int32_t speed)
     return cfg_uci_set_int_value(UCI_PTZD, gContext.axes[axis].section, "speed", speed) == 0;
 }
 
-/// Hands a speed to the driver and sets the option. @return false, logged, when the option cannot be set.
+/// Hands a speed to the driver and sets the option. @return false when the option cannot be set.
 bool setSpeed(AxisIndex axis, int32_t speed)
 {
     (void)motorSetSpeed(axis, speed); // stored all the same: the next calibration tries again
@@ -42,40 +43,44 @@ void commitSpeeds(const int32_t (&set)[AXIS_COUNT])
     (void)transaction.commit(); // logged there
 }
 
-} // namespace
-
-int ubusSetMotorConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                       blob_attr* message)
+/// Sets what the call asks for; `set` receives the speeds that are to be committed. Logs under the handler's name.
+ResultCode setConfig(blob_attr* const (&args)[SPEED_ARG_COUNT], int32_t (&set)[AXIS_COUNT], LogSite handler = logSite())
 {
-    LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    blob_attr* args[SPEED_ARG_COUNT];
-    parseArgs(speedPolicy, args, message);
-    ResultCode result = RESULT_OK;
-    bool goOn = false;
-    if (gContext.motion.calibrating.load() != 0) {
-        result = ERR_CALIBRATING;
-    } else if (!args[SPEED_PAN] && !args[SPEED_TILT] && !args[SPEED_SUSTAIN]) {
-        LOG_ERROR("UBUS: Invalied parameter.\n");
-        result = ERR_PARAM;
-    } else {
-        goOn = true;
+    if (const ResultCode busy = refusedBy(CALIBRATING); busy != RESULT_OK)
+        return busy;
+    if (!args[SPEED_PAN] && !args[SPEED_TILT] && !args[SPEED_SUSTAIN]) {
+        logWrite(LOG_LEVEL_ERROR, handler, "UBUS: Invalied parameter.\n");
+        return ERR_PARAM;
     }
-    int32_t set[AXIS_COUNT] = {};
+    ResultCode result = RESULT_OK;
     for (const AxisIndex axis : {PAN, TILT}) {
-        if (!goOn || !args[axis])
+        if (!args[axis])
             continue;
         const int32_t speed = decimalArg(args[axis]);
         if (speed < 1 || speed > gContext.axes[axis].max_speed) {
-            result = ERR_PARAM;
-        } else if (setSpeed(axis, speed)) {
-            set[axis] = speed;
-        } else {
-            LOG_ERROR("error to set option %s.speed\n", gContext.axes[axis].section);
-            goOn = false;
+            result = ERR_PARAM; // the others are set all the same
+            continue;
         }
+        if (!setSpeed(axis, speed)) {
+            logWrite(LOG_LEVEL_ERROR, handler, "error to set option %s.speed\n", gContext.axes[axis].section);
+            return result;
+        }
+        set[axis] = speed;
     }
-    if (goOn && args[SPEED_SUSTAIN])
+    if (args[SPEED_SUSTAIN])
         gContext.motion.stepSustainTicks.store(decimalArg(args[SPEED_SUSTAIN]));
+    return result;
+}
+
+} // namespace
+
+void ubusSetMotorConfig(const Call& call)
+{
+    LOG_TRACE("UBUS: rcv msg sucessed.\n");
+    blob_attr* args[SPEED_ARG_COUNT];
+    parseArgs(speedPolicy, args, call);
+    int32_t set[AXIS_COUNT] = {};
+    const ResultCode result = setConfig(args, set);
     commitSpeeds(set);
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }

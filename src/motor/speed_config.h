@@ -1,7 +1,13 @@
 // The speeds of the axes and the length of a step move.
 #pragma once
 
-#include "ubus/bus_door.h"
+#include "motor/motor_device.h"
+#include "ubus/method_call.h"
+
+#include <stdint.h>
+
+/// For an axis without a usable speed in storage.
+inline constexpr int32_t DEFAULT_SPEED[AXIS_COUNT] = {4, 4};
 
 inline constexpr blobmsg_policy speedPolicy[] = {
     {"x_speed", BLOBMSG_TYPE_STRING},

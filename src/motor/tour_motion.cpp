@@ -9,38 +9,111 @@ TourMove moved(ResultCode result)
     return result == RESULT_OK ? TourMove::Started : TourMove::Failed;
 }
 
-TourMove sendMoves(uint32_t ticket, const MotorCommand& pan, const MotorCommand* tilt)
-    EXCLUDES(gContext.motion.MotionLock)
+/// Whether a tour step may send a request to the axes: only while the lock is held, which every command takes before it
+/// sends its own.
+bool mayDrive(uint32_t ticket) REQUIRES(gContext.motion.MotionLock)
+{
+    return gContext.motion.stepMoveActive == 0 && tourTicketNow() == ticket &&
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK;
+}
+
+/// Whether a tour step may begin a motion.
+bool mayBegin(uint32_t ticket) REQUIRES(gContext.motion.MotionStateLock)
+{
+    return tourTicketNow() == ticket && gContext.motion.motion_active.load() == 0 &&
+           gContext.motion.user_moved_recently.load() == 0 && gContext.motion.track_back_done.load() != 0 &&
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK;
+}
+
+/// The begin step, to be followed by started. @return false, with nothing begun, when the tour must not begin.
+bool begin(uint32_t ticket) EXCLUDES(gContext.motion.MotionStateLock)
+{
+    {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (!mayBegin(ticket))
+            return false;
+        gContext.motion.motionsBegun.fetch_add(1);
+        gContext.motion.tourTicket = ticket;
+        (void)announceFromRest(ORIGIN_TOUR);
+    }
+    statusPollStart();
+    return true;
+}
+
+/// Says that the move requests have been sent, or never will be because a command has overtaken the step: the motion
+/// that was announced is then that command's, and a user's.
+TourMove started(TourMove result) EXCLUDES(gContext.motion.MotionStateLock)
+{
+    if (result == TourMove::Overtaken) {
+        LockGuard hold(gContext.motion.MotionStateLock);
+        if (gContext.motion.motion_active.load() != 0)
+            gContext.motion.user_moved_recently.store(1); // else `stop` has settled the motion as a user's
+    }
+    motionStarted();
+    return result;
+}
+
+TourMove sendMoves(uint32_t ticket, const HeadCommand& command) EXCLUDES(gContext.motion.MotionLock)
 {
     LockGuard hold(gContext.motion.MotionLock);
-    if (!tourMayDrive(ticket))
+    return mayDrive(ticket) ? moved(driveAxes(command)) : TourMove::Overtaken;
+}
+
+TourMove sendScanMove(uint32_t ticket, const MotorCommand& pan) EXCLUDES(gContext.motion.MotionLock)
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    if (!mayDrive(ticket))
         return TourMove::Overtaken;
-    if (tilt)
-        return moved(driveAxes(pan, *tilt));
     const ResultCode result = motorMove(PAN, pan);
     // Cleared before the motion can settle: the transition to rest arms the timer that sets it again.
     if (result == RESULT_OK)
-        gContext.tour.scanStepDone.store(0);
+        gContext.motion.scanStepDone.store(0);
     return moved(result);
 }
 
 } // namespace
 
-TourMove tourTakeOver(uint32_t ticket, MotorStatus& pan, MotorStatus& tilt)
+uint32_t tourTicketNow()
 {
-    if (motorReadStatus(pan, tilt) != RESULT_OK)
-        return TourMove::Failed;
-    if (pan.running == 0 && tilt.running == 0)
-        return TourMove::Started;
-    LockGuard hold(gContext.motion.MotionLock);
-    return tourMayDrive(ticket) ? moved(motorStopBoth()) : TourMove::Overtaken;
+    return gContext.motion.stepMoveGeneration.load();
 }
 
-TourMove tourDrive(uint32_t ticket, const MotorCommand& pan, const MotorCommand* tilt)
+TourMove tourTakeOver(uint32_t ticket, HeadStatus& head)
 {
-    if (!motionBeginTour(ticket, tilt != nullptr))
+    if (motorReadStatus(head) != RESULT_OK)
+        return TourMove::Failed;
+    if (!head.running())
+        return TourMove::Started;
+    LockGuard hold(gContext.motion.MotionLock);
+    return mayDrive(ticket) ? moved(motorStopBoth()) : TourMove::Overtaken;
+}
+
+TourMove tourDrive(uint32_t ticket, const HeadCommand& command)
+{
+    return begin(ticket) ? started(sendMoves(ticket, command)) : TourMove::Overtaken;
+}
+
+TourMove tourDriveScan(uint32_t ticket, const MotorCommand& pan)
+{
+    if (!begin(ticket))
         return TourMove::Overtaken;
-    const TourMove result = sendMoves(ticket, pan, tilt);
-    motionTourStarted(result == TourMove::Overtaken);
-    return result;
+    tourPresetReset();
+    return started(sendScanMove(ticket, pan));
+}
+
+void tourPresetSet(int32_t id)
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    gContext.motion.tourCurrentPresetId.store(id);
+}
+
+void tourStartAnew()
+{
+    LockGuard hold(gContext.motion.MotionStateLock);
+    if (gContext.motion.motion_active.load() != 0)
+        return;
+    gContext.motion.user_moved_recently.store(0);
+    tourPresetReset();
+    gContext.motion.scanStepDone.store(1);
+    gContext.motion.track_back_done.store(1);
 }

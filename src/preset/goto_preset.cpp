@@ -32,21 +32,16 @@ MotorCommand presetCommand(AxisIndex axis, float position, const MotorStatus& st
     return relativeCommand(integerPart(target - static_cast<float>(status.position)), factoredSpeed(axis));
 }
 
-struct PresetCommands {
-    MotorCommand pan;
-    MotorCommand tilt;
-};
-
-PresetCommands presetCommands(const PresetEntry& preset, const MotorStatus& pan, const MotorStatus& tilt)
+HeadCommand presetCommands(const PresetEntry& preset, const HeadStatus& head)
 {
-    return {presetCommand(PAN, preset.position_pan, pan), presetCommand(TILT, preset.position_tilt, tilt)};
+    return {presetCommand(PAN, preset.position_pan, head[PAN]), presetCommand(TILT, preset.position_tilt, head[TILT])};
 }
 
 /// Takes over an accepted factor; full speed without the argument.
 ResultCode setSpeedFactor(std::atomic<float>& factor, const blob_attr* argument)
 {
     float value = 1.0F;
-    if (argument && string_to_float(static_cast<const char*>(blobmsg_data(argument)), &value) != 0)
+    if (argument && string_to_float(textArg(argument), &value) != 0)
         return ERR_PARAM;
     if (!(value > 0.0F && value <= 1.0F)) // refuses what is no number, too
         return ERR_SPEED_FACTOR;
@@ -68,7 +63,7 @@ ResultCode gotoPreset(const blob_attr* const (&args)[GOTO_ARG_COUNT])
     if (const ResultCode result = setSpeedFactor(gContext.preset.tiltSpeedFactor, args[GOTO_SPEED_TILT]);
         result != RESULT_OK)
         return result;
-    if (const ResultCode busy = motionBusy(); busy != RESULT_OK)
+    if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
     const ResultCode result = presetMove(id);
     if (result == RESULT_OK)
@@ -83,12 +78,10 @@ ResultCode presetMove(int32_t id)
     PresetEntry preset{};
     if (!presetFind(id, preset))
         return ERR_DEVICE;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const ResultCode result = motionTakeOver(pan, tilt); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
-    const PresetCommands commands = presetCommands(preset, pan, tilt);
-    return beginAndDrive(MotionBegin::Preset, commands.pan, commands.tilt);
+    return beginAndDrive(MotionBegin::Preset, presetCommands(preset, head));
 }
 
 TourMove presetTourMove(uint32_t ticket, int32_t id)
@@ -96,12 +89,10 @@ TourMove presetTourMove(uint32_t ticket, int32_t id)
     PresetEntry preset{};
     if (!presetFind(id, preset))
         return TourMove::Overtaken; // deleted since the plan was looked at
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const TourMove taken = tourTakeOver(ticket, pan, tilt); taken != TourMove::Started)
+    HeadStatus head{};
+    if (const TourMove taken = tourTakeOver(ticket, head); taken != TourMove::Started)
         return taken;
-    const PresetCommands commands = presetCommands(preset, pan, tilt);
-    return tourDrive(ticket, commands.pan, &commands.tilt);
+    return tourDrive(ticket, presetCommands(preset, head));
 }
 
 int32_t factoredSpeed(AxisIndex axis)
@@ -110,10 +101,10 @@ int32_t factoredSpeed(AxisIndex axis)
     return integerPart(static_cast<float>(gContext.axes[axis].max_speed) * factor.load());
 }
 
-int ubusGotoPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusGotoPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[GOTO_ARG_COUNT];
-    parseArgs(gotoPresetPolicy, args, message);
-    return replyCode(connection, request, gotoPreset(args));
+    parseArgs(gotoPresetPolicy, args, call);
+    replyCode(call, gotoPreset(args));
 }

@@ -1,10 +1,11 @@
 // Turning the head to a preset.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 #include "core/result_code.h"
 #include "motor/tour_motion.h"
-#include "ubus/bus_door.h"
+#include "preset/preset_store.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 

@@ -3,6 +3,8 @@
 #include "config/uci_store.h"
 #include "config/value_parsers.h"
 #include "core/log.h"
+#include "core/owned.h"
+#include "motor/motion_state.h"
 #include "motor/motor_device.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
@@ -10,12 +12,12 @@
 #include "ubus/method_reply.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include <array>
 #include <cmath>
 #include <initializer_list>
-#include <memory>
+#include <iterator>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -29,18 +31,6 @@ enum ConfigArg { CONFIG_FREEZE, CONFIG_SPEED, CONFIG_ARG_COUNT };
 static_assert(std::size(presetConfigPolicy) == CONFIG_ARG_COUNT);
 enum PageArg { PAGE_START, PAGE_COUNT, PAGE_ARG_COUNT };
 static_assert(std::size(presetPagePolicy) == PAGE_ARG_COUNT);
-
-struct FreeText {
-    void operator()(char* text) const
-    {
-        free(text);
-    }
-};
-
-const char* textArg(const blob_attr* argument)
-{
-    return static_cast<const char*>(blobmsg_data(argument));
-}
 
 bool validId(int32_t id)
 {
@@ -92,16 +82,16 @@ ResultCode choosePlace(const PresetTable& table, PresetRequest& wanted)
     return table.presetTable[wanted.slot - 1].read_only != 0 ? ERR_READ_ONLY : RESULT_OK;
 }
 
-/// Where the head stands, from -1.0 to 1.0 over each axis's travel.
+/// Where the head is, from -1.0 to 1.0 over each axis's travel.
 ResultCode capture(double (&position)[AXIS_COUNT])
 {
-    MotorStatus status[AXIS_COUNT] = {};
-    if (const ResultCode result = motorReadStatus(status[PAN], status[TILT]); result != RESULT_OK)
+    HeadStatus head{};
+    if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
-    if (status[PAN].running != 0 || status[TILT].running != 0)
+    if (head.running())
         return ERR_MOVING;
     for (const AxisIndex axis : {PAN, TILT})
-        position[axis] = 2.0 * status[axis].position / gContext.axes[axis].total_steps - 1.0;
+        position[axis] = 2.0 * head[axis].position / gContext.axes[axis].total_steps - 1.0;
     return RESULT_OK;
 }
 
@@ -141,7 +131,7 @@ int32_t keep(const PresetTable& table)
     const int32_t result = savePresetList();
     if (result != RESULT_OK) {
         presetTableSet(before);
-        (void)reloadPresetList(); // reported there
+        (void)reloadPresetList(); // logged there
     }
     return result;
 }
@@ -149,10 +139,8 @@ int32_t keep(const PresetTable& table)
 /// Up to the save; nothing is changed unless the result is RESULT_OK.
 ResultCode prepareSetPreset(const blob_attr* const (&args)[SET_ARG_COUNT], PresetTable& table, PresetRequest& wanted)
 {
-    if (lensMaskEnabled() != 0)
-        return ERR_LENS_MASK;
-    if (gContext.panorama.panoramaRunning.load() != 0)
-        return ERR_PANORAMA;
+    if (const ResultCode busy = refusedBy(LENS_MASK | PANORAMA); busy != RESULT_OK)
+        return busy;
     if (const ResultCode result = readRequest(args, wanted); result != RESULT_OK)
         return result;
     if (const ResultCode result = choosePlace(table, wanted); result != RESULT_OK)
@@ -218,60 +206,59 @@ void addPresets(int64_t after, int64_t last)
     addArray("position_tilt", [](const PresetEntry& entry) { addPosition(entry.position_tilt); });
 }
 
-int replyPresets(ubus_context* connection, ubus_request_data* request)
+void replyPresets(const Call& call)
 {
     replyAddInt("error_code", RESULT_OK);
-    return replySend(connection, request);
+    replySend(call);
 }
 
 } // namespace
 
-int ubusSetPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* message)
+void ubusSetPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[SET_ARG_COUNT];
-    parseArgs(setPresetPolicy, args, message);
+    parseArgs(setPresetPolicy, args, call);
     PresetTable table = presetTableNow();
     PresetRequest wanted{};
     if (const ResultCode refused = prepareSetPreset(args, table, wanted); refused != RESULT_OK)
-        return replyCode(connection, request, refused);
+        return replyCode(call, refused);
     enter(table, wanted);
     const int32_t result = keep(table);
     replyBegin();
     replyAddText("name", presetTableNow().presetTable[wanted.slot - 1].name);
     replyAddDecimal("id", wanted.id);
     replyAddInt("error_code", result);
-    return replySend(connection, request);
+    replySend(call);
 }
 
-int ubusDeletePreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                     blob_attr* message)
+void ubusDeletePreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[std::size(deletePresetPolicy)];
-    parseArgs(deletePresetPolicy, args, message);
+    parseArgs(deletePresetPolicy, args, call);
     if (!args[0]) {
         LOG_ERROR("error to get ID list\n");
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     if (nestedTooDeeply(args[0]))
-        return replyCode(connection, request, ERR_PARAM);
-    const std::unique_ptr<char, FreeText> text(blobmsg_format_json(args[0], false));
+        return replyCode(call, ERR_PARAM);
+    const Owned<char> text(blobmsg_format_json(args[0], false));
     int32_t ids[PRESET_COUNT];
     const int32_t count = string_to_int_list(text.get(), ids, PRESET_COUNT);
     if (count <= 0)
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     PresetTable table = presetTableNow();
     if (!freeSlots(table, ids, count)) {
         presetTableSet(table); // the ids before the wrong one are gone from memory, but not from storage
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     }
     pack(table);
-    (void)keep(table); // not reported
-    return replyCode(connection, request, plan_drop_presets({ids, static_cast<size_t>(count)}));
+    (void)keep(table); // a failure is not answered
+    replyCode(call, plan_drop_presets({ids, static_cast<size_t>(count)}));
 }
 
-int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusClearPreset(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     PresetTable table = presetTableNow();
@@ -281,47 +268,45 @@ int ubusClearPreset(ubus_context* connection, ubus_object*, ubus_request_data* r
         entry.enabled = 0;
         clearPosition(entry);
     }
-    (void)keep(table); // not reported
-    return replyCode(connection, request, plan_drop_all());
+    (void)keep(table); // a failure is not answered
+    replyCode(call, plan_drop_all());
 }
 
-int ubusGetPresetAll(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusGetPresetAll(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     replyBegin();
     addPresets(0, PRESET_COUNT);
-    return replyPresets(connection, request);
+    replyPresets(call);
 }
 
-int ubusGetPresetPage(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                      blob_attr* message)
+void ubusGetPresetPage(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    int32_t values[PAGE_ARG_COUNT];
-    if (!decimalArgs(presetPagePolicy, values, message) || values[PAGE_START] < 0 || values[PAGE_COUNT] < 1)
-        return replyCode(connection, request, ERR_PARAM);
+    std::array<int32_t, PAGE_ARG_COUNT> values{};
+    if (!decimalArgs(presetPagePolicy, values, call) || values[PAGE_START] < 0 || values[PAGE_COUNT] < 1)
+        return replyCode(call, ERR_PARAM);
     replyBegin();
     void* outer = replyOpenTable("preset");
     void* inner = replyOpenTable("preset");
     addPresets(values[PAGE_START], static_cast<int64_t>(values[PAGE_START]) + values[PAGE_COUNT]);
     replyClose(inner);
     replyClose(outer);
-    return replyPresets(connection, request);
+    replyPresets(call);
 }
 
-int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                        blob_attr* message)
+void ubusSetPresetConfig(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
     blob_attr* args[CONFIG_ARG_COUNT];
-    parseArgs(presetConfigPolicy, args, message);
+    parseArgs(presetConfigPolicy, args, call);
     if (!args[CONFIG_FREEZE] || !args[CONFIG_SPEED])
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     const int32_t freeze = decimalArg(args[CONFIG_FREEZE]);
     float speed = 0;
     if ((freeze != 0 && freeze != 1) || string_to_float(textArg(args[CONFIG_SPEED]), &speed) != 0 ||
         !std::isfinite(speed))
-        return replyCode(connection, request, ERR_PARAM);
+        return replyCode(call, ERR_PARAM);
     constexpr char section[] = "preset_config";
     int32_t result = RESULT_OK;
     {
@@ -338,11 +323,11 @@ int ubusSetPresetConfig(ubus_context* connection, ubus_object*, ubus_request_dat
             (void)cfg_uci_pkg_reload(UCI_PTZD); // logged there; no later commit shall store what was answered as failed
         }
     }
-    return replyCode(connection, request, result);
+    replyCode(call, result);
 }
 
-int ubusReloadPresetConfig(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadPresetConfig(const Call& call)
 {
     LOG_TRACE("UBUS: rcv msg sucessed.\n");
-    return replyCode(connection, request, reloadPresetConfig());
+    replyCode(call, reloadPresetConfig());
 }

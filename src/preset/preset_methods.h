@@ -1,12 +1,7 @@
 // The methods that manage the presets. Each writes its change through to storage at once.
 #pragma once
 
-#include "core/result_code.h"
-#include "ubus/bus_door.h"
-
-#include <stdint.h>
-
-#include <iterator>
+#include "ubus/method_call.h"
 
 inline constexpr blobmsg_policy setPresetPolicy[] = {
     {"id", BLOBMSG_TYPE_STRING},

@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "core/log.h"
 #include "core/numbers.h"
+#include "tour/tour_state.h"
 
 #include <stdio.h>
 #include <stdlib.h>

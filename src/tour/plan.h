@@ -4,13 +4,39 @@
 // storage and followed by the touring thread.
 #pragma once
 
-#include "core/context.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 
 #include <iterator>
 #include <span>
+
+enum PlanAction : int32_t {
+    PLAN_ACTION_UNKNOWN = -1,
+    PLAN_ACTION_DISABLE = 0,
+    PLAN_ACTION_PRESET = 1,
+};
+
+inline constexpr int WEEK_DAYS = 7; // from Sunday, 0
+inline constexpr int PLAN_DAY_ENTRIES = 10;
+
+/// One range of one weekday, in minutes after midnight.
+struct PlanEntry {
+    int32_t action_type; // PlanAction
+    int32_t weekday;
+    int32_t start_time;
+    int32_t end_time;   // at most 1440
+    char action_id[64]; // a preset's id as text; 64 bytes of text have no NUL
+    int32_t valid;
+};
+static_assert(sizeof(PlanEntry) * PLAN_DAY_ENTRIES == 840);
+
+/// A week; a table holds PLAN_DAY_ENTRIES.
+struct DayPlanSet {
+    PlanEntry* tables[WEEK_DAYS];
+    int32_t counts[WEEK_DAYS];
+    int32_t dayMask; // bit d: weekday d belongs to the plan
+};
 
 enum PlanResult : int32_t {
     PLAN_OK = 0,

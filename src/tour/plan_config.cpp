@@ -2,7 +2,7 @@
 
 #include "config/json_helpers.h"
 #include "core/log.h"
-#include "tour/plan.h"
+#include "tour/tour_state.h"
 #include "ubus/method_args.h"
 #include "ubus/method_reply.h"
 
@@ -83,19 +83,18 @@ bool readPlan(blob_attr* const (&days)[WEEK_DAYS], DayPlanSet& plan)
 
 } // namespace
 
-int plan_modify_plan(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*,
-                     blob_attr* message)
+void plan_modify_plan(const Call& call)
 {
     blob_attr* days[WEEK_DAYS];
-    parseArgs(planPolicy, days, message);
+    parseArgs(planPolicy, days, call);
     DayPlanSet& plan = gContext.tour.pendingPlan;
     if (!readPlan(days, plan))
-        return replyCode(connection, request, PLAN_INVALID);
+        return replyCode(call, PLAN_INVALID);
     for (int day = 0; day < WEEK_DAYS; ++day) {
         if (days[day] && !plan_check_plan_list(plan.tables[day], plan.counts[day])) {
             LOG_AT(LOG_LEVEL_MISS, "check plan list error %d!\n", plan.counts[day]);
-            return replyCode(connection, request, PLAN_INVALID);
+            return replyCode(call, PLAN_INVALID);
         }
     }
-    return replyCode(connection, request, plan_save_pending());
+    replyCode(call, plan_save_pending());
 }

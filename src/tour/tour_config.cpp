@@ -3,6 +3,7 @@
 #include "config/uci_store.h"
 #include "core/log.h"
 #include "core/result_code.h"
+#include "tour/tour_state.h"
 #include "ubus/method_reply.h"
 
 int32_t tour_load_config(TourInfo* info)
@@ -46,14 +47,14 @@ int32_t scan_tour_load_config(ScanTourInfo* scan)
     return RESULT_OK;
 }
 
-int ubusReloadTourInfo(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadTourInfo(const Call& call)
 {
     gContext.tour.tourReloadRequested.store(1);
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }
 
-int ubusReloadScanTour(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr*)
+void ubusReloadScanTour(const Call& call)
 {
     gContext.tour.scanTourReloadRequested.store(1);
-    return replyCode(connection, request, RESULT_OK);
+    replyCode(call, RESULT_OK);
 }

@@ -1,10 +1,12 @@
 // The tours' settings, package tour, which other components write.
 #pragma once
 
-#include "core/context.h"
-#include "ubus/bus_door.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
+
+struct ScanTourInfo;
+struct TourInfo;
 
 enum TourType : int32_t {
     TOUR_NONE = 0,

@@ -7,8 +7,8 @@
 #include "motor/tour_motion.h"
 #include "preset/goto_preset.h"
 #include "preset/preset_store.h"
-#include "tour/plan.h"
 #include "tour/tour_config.h"
+#include "tour/tour_state.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -20,18 +20,6 @@ namespace {
 
 constexpr timespec CYCLE{0, 200 * NS_PER_MS};
 constexpr int32_t SCAN_STRIDE = 10; // coordinate units
-
-/// Lets the tour start anew after its settings have changed, unless somebody moves the head.
-void startAnew() EXCLUDES(gContext.motion.MotionStateLock)
-{
-    LockGuard hold(gContext.motion.MotionStateLock);
-    if (gContext.motion.motion_active.load() != 0)
-        return;
-    gContext.motion.user_moved_recently.store(0);
-    gContext.tour.tourCurrentPresetId.store(0);
-    gContext.tour.scanStepDone.store(1);
-    gContext.motion.track_back_done.store(1);
-}
 
 enum class Reload { NotAsked, Done, Failed };
 
@@ -64,7 +52,7 @@ const char* reload(ScanProgress& scan)
     case Reload::Done:
         if (scanEnabled())
             scan.coord = tour.scanTourInfo->x_coord_start;
-        startAnew();
+        tourStartAnew();
         break;
     case Reload::NotAsked:
         break;
@@ -74,7 +62,7 @@ const char* reload(ScanProgress& scan)
         return "load tour scan info err\n";
     case Reload::Done:
         scan.coord = tour.scanTourInfo->x_coord_start;
-        startAnew();
+        tourStartAnew();
         break;
     case Reload::NotAsked:
         break;
@@ -86,7 +74,7 @@ const char* reload(ScanProgress& scan)
 bool mayTour()
 {
     return strcmp(gContext.tour.tourInfo->enabled, "off") != 0 && gContext.motion.user_moved_recently.load() == 0 &&
-           motionBusy() == RESULT_OK && gContext.motion.track_back_done.load() != 0;
+           refusedBy(CALIBRATING | LENS_MASK | PANORAMA) == RESULT_OK && gContext.motion.track_back_done.load() != 0;
 }
 
 struct WeekMinute {
@@ -118,12 +106,11 @@ TourMove scanMove(uint32_t ticket, int32_t coord)
 {
     if (!withinLimits(PAN, coord))
         return TourMove::Failed;
-    MotorStatus pan{};
-    MotorStatus tilt{};
-    if (const TourMove taken = tourTakeOver(ticket, pan, tilt); taken != TourMove::Started)
+    HeadStatus head{};
+    if (const TourMove taken = tourTakeOver(ticket, head); taken != TourMove::Started)
         return taken;
-    const int32_t steps = targetCommand(pan, coordToSteps(PAN, coord)).steps;
-    return tourDrive(ticket, relativeCommand(steps, factoredSpeed(PAN)), nullptr);
+    const int32_t steps = targetCommand(head[PAN], coordToSteps(PAN, coord)).steps;
+    return tourDriveScan(ticket, relativeCommand(steps, factoredSpeed(PAN)));
 }
 
 /// @return what is to be reported, or null.
@@ -131,10 +118,10 @@ const char* scanStep(uint32_t ticket, ScanProgress& scan)
 {
     const ScanTourInfo& limits = *gContext.tour.scanTourInfo;
     WeekMinute now{};
-    if (gContext.tour.scanStepDone.load() == 0 || !localNow(now) ||
+    if (gContext.motion.scanStepDone.load() == 0 || !localNow(now) ||
         !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
         return nullptr;
-    logWrite(LOG_LEVEL_ERROR, "motorTouring", __LINE__, "cur_xoord is %d\n", scan.coord);
+    logWrite(LOG_LEVEL_ERROR, {"motorTouring", __LINE__}, "cur_xoord is %d\n", scan.coord);
     switch (scanMove(ticket, scan.coord)) {
     case TourMove::Failed:
         return "scan tour move err\n";
@@ -167,20 +154,15 @@ int32_t plannedPreset()
     return 0;
 }
 
-void setCurrentPreset(int32_t id) EXCLUDES(gContext.motion.MotionStateLock)
-{
-    LockGuard hold(gContext.motion.MotionStateLock);
-    gContext.tour.tourCurrentPresetId.store(id);
-}
-
 void presetStep(uint32_t ticket)
 {
     const int32_t target = plannedPreset();
-    if (gContext.motion.motion_active.load() != 0 || target == 0 || target == gContext.tour.tourCurrentPresetId.load())
+    if (gContext.motion.motion_active.load() != 0 || target == 0 ||
+        target == gContext.motion.tourCurrentPresetId.load())
         return;
-    setCurrentPreset(target); // before the move: one that fails is not tried again
+    tourPresetSet(target); // before the move: one that fails is not tried again
     if (presetTourMove(ticket, target) == TourMove::Overtaken)
-        setCurrentPreset(0); // it has not been sent there
+        tourPresetSet(0); // it has not been sent there
 }
 
 void* motorTouring(void*)

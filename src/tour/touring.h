@@ -1,7 +1,7 @@
 // The tours: the thread that moves the head when nobody else does.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 
 #include <stdint.h>
 

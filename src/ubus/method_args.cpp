@@ -54,9 +54,12 @@ bool nestedTooDeeply(blob_attr* argument)
     return false;
 }
 
+const char* textArg(const blob_attr* argument)
+{
+    return static_cast<const char*>(blobmsg_data(argument));
+}
+
 int32_t decimalArg(const blob_attr* argument)
 {
-    const auto* text = static_cast<const char*>(blobmsg_data(argument));
-    const long long value = strtoll(text, nullptr, 10); // saturates at its own limits
-    return saturated32(value);
+    return saturated32(strtoll(textArg(argument), nullptr, 10)); // which saturates at its own limits
 }

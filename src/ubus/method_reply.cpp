@@ -1,16 +1,16 @@
 #include "ubus/method_reply.h"
 
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <charconv>
 
 namespace {
 
-int replyWith(const char* name, ubus_context* connection, ubus_request_data* request, int32_t code)
+void replyWith(const char* name, const Call& call, int32_t code)
 {
     replyBegin();
     replyAddInt(name, code);
-    return replySend(connection, request);
+    replySend(call);
 }
 
 } // namespace
@@ -63,25 +63,31 @@ bool addString(blob_buf& buffer, const char* name, const char* text)
     return blobmsg_add_string(&buffer, name, text) == 0;
 }
 
-int replySend(ubus_context* connection, ubus_request_data* request)
+void replySend(const Call& call)
 {
     if (!gContext.ubus.replyComplete) {
         replyBegin(); // half an answer would mean something else; the code alone needs less memory
         replyAddInt("error_code", ERR_DEVICE);
     }
     if (!gContext.ubus.replyComplete)
-        return 0;
+        return;
     const BusGuard hold;
-    (void)busSendReply(connection, request, gContext.ubus.replyBuf.head); // a caller that is gone is not our failure
-    return 0;
+    // A caller that is gone is not our failure.
+    (void)busSendReply(call.connection, call.request, gContext.ubus.replyBuf.head);
 }
 
-int replyCode(ubus_context* connection, ubus_request_data* request, int32_t code)
+void replyCode(const Call& call, int32_t code)
 {
-    return replyWith("error_code", connection, request, code);
+    replyWith("error_code", call, code);
 }
 
-int replyErrCode(ubus_context* connection, ubus_request_data* request, int32_t code)
+void replyErrCode(const Call& call, int32_t code)
 {
-    return replyWith("err_code", connection, request, code);
+    replyWith("err_code", call, code);
+}
+
+void refuseParameter(const Call& call, LogSite handler)
+{
+    logWrite(LOG_LEVEL_ERROR, handler, "UBUS: Invalied parameter.\n");
+    replyCode(call, ERR_PARAM);
 }

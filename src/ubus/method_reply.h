@@ -1,10 +1,12 @@
-// How every method answers: one table in replyBuf with the result's code and whatever else the method reports.
+// How every method answers: one table in replyBuf with the result's code and whatever else the method answers.
 //
 // Thread: event loop only; replyBuf needs no lock. The sending calls take BusLock.
 #pragma once
 
-#include "core/context.h"
+#include "core/bus_library.h"
+#include "core/log.h"
 #include "core/result_code.h"
+#include "ubus/method_call.h"
 
 #include <stdint.h>
 
@@ -25,9 +27,12 @@ void replyClose(void* container);
 [[nodiscard]] bool addString(blob_buf& buffer, const char* name, const char* text);
 
 /// Sends the reply; one that something is missing from, for want of memory, becomes ERR_DEVICE alone, and without
-/// memory for that nothing is sent. @return 0, always: a handler's outcome travels in the reply only.
-int replySend(ubus_context* connection, ubus_request_data* request);
+/// memory for that nothing is sent.
+void replySend(const Call& call);
 
 /// Answers with a code alone, named "error_code" or, for the methods that call it so, "err_code".
-int replyCode(ubus_context* connection, ubus_request_data* request, int32_t code);
-int replyErrCode(ubus_context* connection, ubus_request_data* request, int32_t code);
+void replyCode(const Call& call, int32_t code);
+void replyErrCode(const Call& call, int32_t code);
+
+/// Refuses a call for its arguments: logs so under the handler's name and answers ERR_PARAM.
+void refuseParameter(const Call& call, LogSite handler = logSite());

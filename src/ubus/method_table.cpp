@@ -15,18 +15,19 @@
 #include "preset/preset_methods.h"
 #include "tour/plan.h"
 #include "tour/tour_config.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <span>
 
 namespace {
 
 // The record has grown members in the middle over the years, so it is filled by name.
-constexpr ubus_method method(const char* name, ubus_handler_t handler, std::span<const blobmsg_policy> policy = {})
+template <UbusHandler* handler>
+constexpr ubus_method method(const char* name, std::span<const blobmsg_policy> policy = {})
 {
     ubus_method entry{};
     entry.name = name;
-    entry.handler = handler;
+    entry.handler = served<handler>;
     entry.policy = policy.data();
     entry.n_policy = static_cast<int>(policy.size());
     return entry;
@@ -34,36 +35,36 @@ constexpr ubus_method method(const char* name, ubus_handler_t handler, std::span
 
 // In the order that clients see. `test` reads an argument that it does not advertise.
 const ubus_method ptzdMethods[] = {
-    method("getCapa", served<ubusGetMotorCapa>),
-    method("getStatus", served<ubusGetMotorStatus>),
-    method("updateImageConfig", served<ubusUpdateImageConfig>),
-    method("setConfig", served<ubusSetMotorConfig>, speedPolicy),
-    method("move", served<ubusMoveMotor>, coordPolicy),
-    method("moveTo", served<ubusMoveMotorTo>, coordPolicy),
-    method("moveStep", served<ubusMoveMotorStep>, stepPolicy),
-    method("setPowerOffRecover", served<ubusSetPowerOffRecover>, powerOffRecoverPolicy),
-    method("stop", served<ubusStopMotorRotate>),
-    method("test", served<ubusTestMotorRotate>),
-    method("manualCalibrate", served<ubusManualCalibrate>),
-    method("checkMotorStatus", served<ubusCheckMotorStatus>),
-    method("lensMask", served<ubusLensMask>),
-    method("targetTrack", served<ubusTargetTrack>, trackPolicy),
-    method("targetTrackBack", served<ubusTargetTrackBack>),
-    method("reloadTargetTrackConfig", served<ubusReloadTargetTrackConfig>),
-    method("getPresetPage", served<ubusGetPresetPage>, presetPagePolicy),
-    method("setPreset", served<ubusSetPreset>, setPresetPolicy),
-    method("delPreset", served<ubusDeletePreset>, deletePresetPolicy),
-    method("gotoPreset", served<ubusGotoPreset>, gotoPresetPolicy),
-    method("setPresetConfig", served<ubusSetPresetConfig>, presetConfigPolicy),
-    method("getPresetAll", served<ubusGetPresetAll>),
-    method("clearPreset", served<ubusClearPreset>),
-    method("reloadPresetConfig", served<ubusReloadPresetConfig>),
-    method("set_plan_config", served<plan_modify_plan>, planPolicy),
-    method("reload_tour_info", served<ubusReloadTourInfo>),
-    method("reload_scan_tour", served<ubusReloadScanTour>),
-    method("startPanorama", served<ubusStartPanorama>),
-    method("movePanorama", served<ubusMovePanorama>, coordPolicy),
-    method("stopPanorama", served<ubusStopPanorama>),
+    method<ubusGetMotorCapa>("getCapa"),
+    method<ubusGetMotorStatus>("getStatus"),
+    method<ubusUpdateImageConfig>("updateImageConfig"),
+    method<ubusSetMotorConfig>("setConfig", speedPolicy),
+    method<ubusMoveMotor>("move", coordPolicy),
+    method<ubusMoveMotorTo>("moveTo", coordPolicy),
+    method<ubusMoveMotorStep>("moveStep", stepPolicy),
+    method<ubusSetPowerOffRecover>("setPowerOffRecover", powerOffRecoverPolicy),
+    method<ubusStopMotorRotate>("stop"),
+    method<ubusTestMotorRotate>("test"),
+    method<ubusManualCalibrate>("manualCalibrate"),
+    method<ubusCheckMotorStatus>("checkMotorStatus"),
+    method<ubusLensMask>("lensMask"),
+    method<ubusTargetTrack>("targetTrack", trackPolicy),
+    method<ubusTargetTrackBack>("targetTrackBack"),
+    method<ubusReloadTargetTrackConfig>("reloadTargetTrackConfig"),
+    method<ubusGetPresetPage>("getPresetPage", presetPagePolicy),
+    method<ubusSetPreset>("setPreset", setPresetPolicy),
+    method<ubusDeletePreset>("delPreset", deletePresetPolicy),
+    method<ubusGotoPreset>("gotoPreset", gotoPresetPolicy),
+    method<ubusSetPresetConfig>("setPresetConfig", presetConfigPolicy),
+    method<ubusGetPresetAll>("getPresetAll"),
+    method<ubusClearPreset>("clearPreset"),
+    method<ubusReloadPresetConfig>("reloadPresetConfig"),
+    method<plan_modify_plan>("set_plan_config", planPolicy),
+    method<ubusReloadTourInfo>("reload_tour_info"),
+    method<ubusReloadScanTour>("reload_scan_tour"),
+    method<ubusStartPanorama>("startPanorama"),
+    method<ubusMovePanorama>("movePanorama", coordPolicy),
+    method<ubusStopPanorama>("stopPanorama"),
 };
 constexpr int METHOD_COUNT = static_cast<int>(std::size(ptzdMethods));
 

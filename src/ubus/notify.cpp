@@ -1,14 +1,14 @@
 #include "ubus/notify.h"
 
 #include "core/log.h"
+#include "core/timer.h"
 #include "core/worker.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_reply.h"
 
 #include <inttypes.h>
 #include <poll.h>
 #include <stdio.h>
-#include <string.h>
 #include <time.h>
 
 namespace {
@@ -19,13 +19,6 @@ constexpr uint32_t BUS_EVENT_OBJECT = 1; // the bus daemon's own object for even
 constexpr int LOOKUP_ATTEMPTS = 10;
 constexpr int64_t LOOKUP_PAUSE_NS = 100 * NS_PER_MS;
 constexpr int64_t CALL_TIMEOUT_MS = 1000;
-
-int64_t monotonicMs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / NS_PER_MS;
-}
 
 /// A short-lived connection on the default socket.
 class BusConnection {
@@ -111,13 +104,13 @@ int callAndWait(ubus_context* connection, uint32_t object, const char* method, b
     return await(connection, call);
 }
 
-/// Finds the object's id, trying again for about a second.
-bool findObject(ubus_context* connection, const char* name, uint32_t& id) EXCLUDES(gContext.ubus.BusLock)
+/// Finds the target's id, trying again for about a second.
+bool findTarget(ubus_context* connection, uint32_t& id) EXCLUDES(gContext.ubus.BusLock)
 {
     for (int attempt = 1;; ++attempt) {
         {
             const BusGuard hold;
-            if (busLookupId(connection, name, id) == UBUS_STATUS_OK)
+            if (busLookupId(connection, TARGET_OBJECT, id) == UBUS_STATUS_OK)
                 return true;
         }
         if (attempt == LOOKUP_ATTEMPTS || workersStopping())
@@ -189,9 +182,9 @@ void motorNotifyState(int32_t state, int32_t origin)
     if (state != NOTIFY_IDLE && state != NOTIFY_MOVING)
         return;
     const bool moving = state == NOTIFY_MOVING;
-    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // reported there
+    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // logged there
     if (origin != ORIGIN_TRACK)
-        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // reported there
+        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // logged there
 }
 
 int32_t ubusNotifyWithParam(const char* method, int32_t origin)
@@ -206,7 +199,7 @@ int32_t ubusNotifyWithParam(const char* method, int32_t origin)
     (void)snprintf(type, sizeof(type), "%" PRId32, origin);
     const bool put = putArguments(arguments, type);
     uint32_t object = 0;
-    if (!findObject(connection.get(), TARGET_OBJECT, object)) {
+    if (!findTarget(connection.get(), object)) {
         LOG_ERROR("%s ubus process not found\n", TARGET_OBJECT);
         return -1;
     }

@@ -2,7 +2,7 @@
 
 #include "core/log.h"
 #include "core/shutdown.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 
 #include <fcntl.h>
@@ -24,45 +24,34 @@ constexpr char CONSOLE_NOTICE[] = "PTZD: can not connect to ubusd\n";
 constexpr int RETRIES = 2;
 constexpr int RETRY_PAUSE_MS = 1000;
 constexpr int RECONNECT_MS = 2000;
-constexpr int BUS_END_MS = 200; // beside what the workers get, within two seconds in all
-
-ubus_context* connectLocked(const char* path)
-{
-    const BusGuard hold;
-    return busConnect(path);
-}
-
-void freeConnection()
-{
-    const BusGuard hold;
-    busFree(gContext.ubus.gUbusctx);
-    gContext.ubus.gUbusctx = nullptr;
-}
+constexpr int BUS_END_MS = 200; // in addition to what the workers get, within two seconds in all
 
 /// The first connection, or null.
 ubus_context* connectWithRetries()
 {
     for (;;) {
-        if (ubus_context* connection = connectLocked(UBUS_SOCKET))
-            return connection;
-        if (shutdownSleep(RETRY_PAUSE_MS))
-            return nullptr;
-        if (++gContext.ubus.ubusConnectAttempts > RETRIES)
+        {
+            const BusGuard hold;
+            if (ubus_context* connection = busConnect(UBUS_SOCKET))
+                return connection;
+        }
+        if (shutdownSleep(RETRY_PAUSE_MS) || ++gContext.ubus.ubusConnectAttempts > RETRIES)
             return nullptr;
     }
 }
 
-enum class Notice { Written, NotOpened, NotWritten };
-
-Notice writeConsoleNotice()
+/// Writes to the console that there is no bus; logs under the caller's name what keeps it from that.
+void writeConsoleNotice(LogSite caller = logSite())
 {
     const int console = open(CONSOLE_PATH, O_WRONLY | O_NOCTTY | O_CLOEXEC);
-    if (console < 0)
-        return Notice::NotOpened;
+    if (console < 0) {
+        logWrite(LOG_LEVEL_ERROR, caller, "UBUS: open console file(%s) failed.\n", CONSOLE_PATH);
+        return;
+    }
     constexpr ssize_t length = sizeof(CONSOLE_NOTICE) - 1;
-    const bool written = write(console, CONSOLE_NOTICE, length) == length;
+    if (write(console, CONSOLE_NOTICE, length) != length)
+        logWrite(LOG_LEVEL_ERROR, caller, "UBUS: write to console failed.\n");
     close(console);
-    return written ? Notice::Written : Notice::NotWritten;
 }
 
 int32_t ubusInitObj() REQUIRES(gContext.ubus.BusLock)
@@ -85,7 +74,7 @@ bool reconnect() REQUIRES(gContext.ubus.BusLock)
     ubus_context* connection = gContext.ubus.gUbusctx;
     if (busReconnect(connection, UBUS_SOCKET) != UBUS_STATUS_OK)
         return false;
-    // The library registers its objects again but says nothing when that fails, and then forgets the object.
+    // The library registers its objects again but returns no error when that fails, and then drops the object.
     ubus_object& object = ptzdObject();
     return object.id != 0 || (busAddObject(connection, &object) == UBUS_STATUS_OK && object.id != 0);
 }
@@ -150,11 +139,7 @@ int32_t ubusInit()
         if (shutdownRequested())
             return 0;
         LOG_ERROR("UBUS: connect to ubusd path(%s) failed.\n", UBUS_SOCKET);
-        const Notice notice = writeConsoleNotice();
-        if (notice == Notice::NotOpened)
-            LOG_ERROR("UBUS: open console file(%s) failed.\n", CONSOLE_PATH);
-        if (notice == Notice::NotWritten)
-            LOG_ERROR("UBUS: write to console failed.\n");
+        writeConsoleNotice();
         return -1;
     }
     int32_t registered = -1;
@@ -163,9 +148,12 @@ int32_t ubusInit()
         gContext.ubus.gUbusctx->connection_lost = onConnectionLost;
         busDispatchUnderLock(gContext.ubus.gUbusctx);
         registered = ubusInitObj();
+        if (registered != 0) {
+            busFree(gContext.ubus.gUbusctx);
+            gContext.ubus.gUbusctx = nullptr;
+        }
     }
     if (registered != 0) {
-        freeConnection();
         LOG_ERROR("UBUS: init object failed.\n");
         return -1;
     }

@@ -17,7 +17,7 @@ constexpr int NEVER = std::numeric_limits<int>::max();
 
 FaultPoint allocation(int nth)
 {
-    return {"allocation", {}, LAB_REQUEST_COUNT, FAULT_ALLOCATION, "", nth};
+    return {.text = "allocation", .call = FAULT_ALLOCATION, .nth = nth};
 }
 
 /// What a failure in the middle may leave of a settings file: lines that are old or new, the positions' apart.
@@ -47,11 +47,6 @@ protected:
     /// The row's call, which has been run healthy, while its nth allocation fails, or all from there on until it and
     /// the motion that it has started are over, or something is reported. @return false when it made fewer.
     bool starve(const PageRow& row, int nth, bool ever);
-    bool hasMore(size_t consoleFrom, size_t reports)
-    {
-        const std::string text = lab.ptzdLog();
-        return std::count(text.begin() + static_cast<long>(consoleFrom), text.end(), '\n') > static_cast<long>(reports);
-    }
 
     static inline const bool thorough = std::getenv("PTZD_LONG_TESTS") != nullptr;
     uint32_t made_ = 0; // allocations of the latest starve()
@@ -60,58 +55,48 @@ protected:
 bool Memory::starve(const PageRow& row, int nth, bool ever)
 {
     SCOPED_TRACE(row["Call"] + ", " + row["Head"] + ": allocation " + std::to_string(nth) + (ever ? " and on" : ""));
-    home();
-    prepare(row["Head"]);
-    const FaultyCall* call = last_ = callOf(row["Call"]);
-    const pid_t daemon = lab.ptzdPid();
-    const size_t console = lab.ptzdLog().size();
-    const size_t log = lab.messageLog().size();
+    begin(row);
+    const pid_t daemon = lab.programs.ptzdPid();
     const std::vector<std::string> expectedTold = toldBy(row["Told"]);
     const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
-    std::map<std::string, std::string> before;
-    for (const auto& [package, text] : after_)
-        before[package] = settings(package);
-    const auto done = [&] {
-        // While a call stores, the poll may find the end of the motion that it has halted, and tell it.
-        return (turning() || told() == expectedTold) && rests() && standsAsStated(row, LAB_PAN) &&
-               standsAsStated(row, LAB_TILT) && (row["Stored"] != "yes" || isStored(*call));
-    };
-    const auto doneOrReported = [&] { return done() || hasMore(console, expectedReports.size()); };
-    const bool isStep = call->method && std::string(call->method) == "moveStep";
-    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        if (turning() || isStep)
-            lab.setFactor(axis, isStep ? SLOWLY : SLOWLY / 10);
-    lab.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
+    // While a call stores, the poll may find the end of the motion that it has halted, and notify of it.
+    const auto done = [&] { return (turning() || told() == expectedTold) && isDone(row); };
+    const auto doneOrReported = [&] { return done() || hasReported(expectedReports.size() + 1); };
+    if (turning() && !isStep_)
+        setFactors(SLOWLY / 10);
+    lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
-    const LabReply reply = call->method ? lab.invoke("ptzd", call->method, call->arguments, 3s) : LabReply{0, DONE};
-    const bool answered = std::regex_search(reply.text, std::regex(R"("err(or)?_code":-?[0-9]+[,}])"));
-    lastDone_ = !answered || std::regex_search(reply.text, std::regex(R"("err(or)?_code":0[,}])"));
-    for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
-        if (turning() && !isStep)
-            lab.setFactor(axis, FACTOR);
-    if (answered && lastDone_)
+    const LabReply reply =
+        last_->arguments ? lab.invoke("ptzd", last_->method(), last_->arguments, 3s) : LabReply{0, DONE};
+    std::smatch code;
+    const bool answered = std::regex_search(reply.text, code, std::regex(R"("err(or)?_code":(-?[0-9]+)[,}])"));
+    lastDone_ = !answered || code[2] == "0";
+    if (turning() && !isStep_)
+        setFactors(FACTOR);
+    const bool succeeded = answered && lastDone_;
+    if (succeeded)
         (void)waitUntil(doneOrReported, 500ms);
     const bool wasMet = met(allocation(nth)) != 0;
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(reply.status == 0 && (answered || reply.text.empty())) << reply.status << " " << reply.text;
-    if (lab.ptzdPid() != daemon) {
+    if (lab.programs.ptzdPid() != daemon) {
         ADD_FAILURE() << "the daemon has ended";
         return false;
     }
-    if (answered && lastDone_)
+    if (succeeded)
         (void)waitUntil(doneOrReported, DEADLINE / 4);
     EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(10ms);
-    if (reports(console, log) == expectedReports) {
+    if (reports(console_, log_) == expectedReports) {
         const bool went =
-            start_[LAB_PAN] != lab.axisNow(LAB_PAN).shaft || start_[LAB_TILT] != lab.axisNow(LAB_TILT).shaft;
-        const bool mayLose = row["Call"] == "set_plan_config"; // an option of an entry, and says nothing
-        EXPECT_TRUE(!answered || !lastDone_ || mayLose || done()) << "success without effect";
-        EXPECT_TRUE(!went || turning() || isStep || expectedTold.empty() || !told().empty())
-            << "has moved without a word";
+            start_[LAB_PAN] != lab.motors.now(LAB_PAN).shaft || start_[LAB_TILT] != lab.motors.now(LAB_TILT).shaft;
+        const bool mayLose = row["Call"] == "set_plan_config"; // an option of an entry, without a report
+        EXPECT_TRUE(!succeeded || mayLose || done()) << "success without effect";
+        EXPECT_TRUE(!went || turning() || isStep_ || expectedTold.empty() || !told().empty())
+            << "has moved without a notification";
     }
-    for (const auto& [package, text] : before)
+    for (const auto& [package, text] : before_)
         EXPECT_TRUE(isWhole(settings(package), text, after_[package])) << settings(package);
     return wasMet;
 }
@@ -126,9 +111,9 @@ protected:
         const int made = static_cast<int>(made_);
         int tried[2] = {};
         for (const bool ever : {false, true})
-            for (int nth = 1; lab.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
-                                                                                   : ever ? 1 + made
-                                                                                          : 1 + made / 2)
+            for (int nth = 1; lab.programs.ptzdPid() != 0 && starve(row, nth, ever); nth += each   ? 1
+                                                                                            : ever ? 1 + made
+                                                                                                   : 1 + made / 2)
                 ++tried[ever];
         std::printf("%s, %s: %u allocations, %d tried alone, %d with all that follow\n", row["Call"].c_str(),
                     row["Head"].c_str(), made_, tried[false], tried[true]);
@@ -142,7 +127,7 @@ TEST_P(MemoryOfCalls, LackingHarmsNothing)
     for (const PageRow& row : healthyRows()) {
         if (index++ % SHARDS == GetParam())
             starveAll(row);
-        ASSERT_NE(lab.ptzdPid(), 0);
+        ASSERT_NE(lab.programs.ptzdPid(), 0);
     }
 }
 
@@ -177,22 +162,23 @@ protected:
 bool MemoryOfTheStart::starve(int nth, bool ever)
 {
     SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
-    const size_t console = lab.ptzdLog().size();
-    lab.setSpeed(FAST);
+    console_ = lab.records.ptzdLog().size();
+    lab.clock.setSpeed(FAST);
     arm(allocation(nth), ever);
-    (void)lab.startPtzd(); // does not wait
-    const auto settled = [&] { return lab.isReady() || !lab.isRunning("ptzd"); };
+    (void)lab.programs.startPtzd(); // does not wait
+    const auto settled = [&] { return lab.programs.isReady() || !lab.programs.isRunning("ptzd"); };
     (void)waitUntil(settled, 500ms);
     const bool wasMet = met(allocation(nth)) != 0;
     made_ = control().calls[FAULT_ALLOCATION].seen.load();
     disarm();
     EXPECT_TRUE(waitUntil(settled, DEADLINE));
     EXPECT_TRUE(isWhole(settings("ptzd"), stored_, stored_)) << settings("ptzd");
-    if (!lab.isRunning("ptzd")) {
-        const auto status = lab.waitPtzd(DEADLINE);
+    if (!lab.programs.isRunning("ptzd")) {
+        const auto status = lab.programs.waitPtzd(DEADLINE);
         EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
-        EXPECT_TRUE(std::regex_search(lab.ptzdLog().substr(console), std::regex("(initialize|timer) failed\\.\n$")))
-            << lab.ptzdLog().substr(console);
+        EXPECT_TRUE(
+            std::regex_search(lab.records.ptzdLog().substr(console_), std::regex("(initialize|timer) failed\\.\n$")))
+            << lab.records.ptzdLog().substr(console_);
         return wasMet;
     }
     arm(allocation(nth % 3 + 1), ever);
@@ -200,10 +186,10 @@ bool MemoryOfTheStart::starve(int nth, bool ever)
     disarm();
     const std::string whole = lab.call("getPresetAll");
     EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
-    EXPECT_TRUE(whole == presets_ || hasMore(console, 0)) << "has lost presets without a word: " << whole;
+    EXPECT_TRUE(whole == presets_ || hasReported(1)) << "has lost presets without a word: " << whole;
     EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
-    EXPECT_TRUE(waitUntil([&] { return rests() && lab.axisNow(LAB_PAN).shaft == 1500; }, DEADLINE));
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_TRUE(waitUntil([&] { return rests() && lab.motors.now(LAB_PAN).shaft == 1500; }, DEADLINE));
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     return wasMet;
 }
 
@@ -212,7 +198,7 @@ TEST_F(MemoryOfTheStart, LackingEndsItOrHarmsNothing)
     upWithFaults();
     presets_ = lab.call("getPresetAll");
     stored_ = settings("ptzd");
-    EXPECT_EQ(lab.killPtzd(SIGTERM), 0);
+    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     LabOptions options = withFaults();
     options.startPtzd = false;
     options.waitCalibrated = false;

@@ -2,25 +2,35 @@
 // makes the row's call or request fail, and compares what follows with what the row says.
 #pragma once
 
-#include "fault_control.h"
 #include "fault_page.h"
+#include "inject/fault_control.h"
 #include "tests/system/head.h"
 
 inline constexpr double FAST = 10;      // lab time in real time, while nothing is looked at
 inline constexpr int32_t FACTOR = 2500; // the whole pan travel takes 0.3 s of the lab
 inline constexpr int32_t SLOWLY = 100;  // for steps: 400 steps a second of the lab
 
-/// A call of the matrix, as the page names it.
+inline constexpr int32_t NOWHERE = -1;
+
+/// A call of the matrix.
 struct FaultyCall {
-    const char* name;   // in the column Call
-    const char* method; // null: what happens without a call
-    const char* arguments;
-    int32_t pan = -1; // where it sends the head, in steps; -1: nowhere
-    int32_t tilt = -1;
-    bool relative = false;
-    const char* package = nullptr; // of the setting that it stores; the texts, separated by "*", that are in its file
-    const char* stored = nullptr;  // then, "!" before: are not
-    const char* undo = nullptr;    // a call of the matrix that takes it back
+    const char* name;      // in the column Call: the method, and behind it what tells calls of one method apart
+    const char* arguments; // null: what happens without a call
+    struct {
+        int32_t pan = NOWHERE; // where it sends the head, in steps
+        int32_t tilt = NOWHERE;
+        bool relative = false;
+    } goal{};
+    struct {
+        const char* package; // of the setting that it stores
+        const char* texts;   // that are in its file then, separated by "*"; "!" before: that are not
+    } stored{};
+    const char* undo = nullptr; // a call of the matrix that takes it back
+
+    [[nodiscard]] std::string method() const
+    {
+        return std::string(name).substr(0, std::string(name).find_first_of(" ,"));
+    }
 };
 
 class FaultyHead : public HeadInTheLab {
@@ -40,45 +50,50 @@ protected:
     {
         return *control_;
     }
-    /// The text of a file of the lab, by its path in it.
+    /// The text of a file of the lab, by its path in it, and of a package of settings.
     [[nodiscard]] std::string fileText(const std::string& path) const;
+    [[nodiscard]] std::string settings(const std::string& package) const;
+    void setFactors(int32_t factor);
+
+    /// Does and checks all that a row says; a null point: without failure.
     void run(const PageRow& row, const FaultPoint* point, bool ever);
-    /// Lines of the console since `from`, a length that ptzdLog() had, without "[function:line]: ". Fails the test for
-    /// lines of another form, and for those that are not in the message log too.
+    /// Brings the head home, takes back all that the last row has left with healthy calls, and brings the head into the
+    /// row's state; the clock is nearly stopped then.
+    void begin(const PageRow& row);
+    /// Whether the head and the settings are what the row says.
+    bool isDone(const PageRow& row);
+    bool hasReported(size_t lines);
+    /// Lines of the console and of the log since they had these lengths, without "[function:line]: ". Fails the test
+    /// for lines of another form, and for those that are not in the message log too.
     std::vector<std::string> reports(size_t consoleFrom, size_t logFrom);
-
-    static const FaultyCall* callOf(const std::string& name);
-    /// Brings the head home, with all that the last call has left taken back by healthy calls; then into a state.
-    void home();
-    void prepare(const std::string& state);
-    bool standsAsStated(const PageRow& row, LabAxisId axis);
-    bool isStored(const FaultyCall& call);
+    /// Whether a motion was under way when the call came.
     [[nodiscard]] bool turning() const;
-    std::string settings(const std::string& package) const;
-    std::vector<std::string> told() const;
+    [[nodiscard]] std::vector<std::string> told() const;
 
-    const FaultyCall* last_ = nullptr; // to be undone
-    bool lastDone_ = false;            // answered with 0
-    std::string lastState_;
-    int32_t start_[LAB_AXIS_COUNT] = {}; // where the head stands when the call comes
-
-    // Of the latest run(): the settings files behind it, lab time of the call, and what the daemon had called when it
-    // answered.
+    // Of the latest row:
+    const FaultyCall* last_ = nullptr;
+    bool lastDone_ = false;              // answered with 0
+    bool isStep_ = false;                // a step move
+    std::string lastState_;              // of the head
+    int32_t start_[LAB_AXIS_COUNT] = {}; // where the head was when the call came
+    int64_t callNs_ = 0;                 // lab time of the call
+    size_t console_ = 0;                 // lengths when the call came
+    size_t log_ = 0;
+    std::map<std::string, std::string> before_; // the settings files then, and behind the latest run()
     std::map<std::string, std::string> after_;
-    int64_t callNs_ = 0;
-    uint32_t seen_[FAULT_CALL_COUNT] = {};
+    uint32_t seen_[FAULT_CALL_COUNT] = {}; // what the daemon had called when it answered
 
 private:
-    void restoreSettings();
-    void undo();
+    static const FaultyCall* callOf(const std::string& name);
+    void expectDone(const std::string& method, const std::string& arguments = "");
     void makePreset();
-    void goOnABit();
-    bool expectAnswer(const PageRow& row, const FaultyCall& call, const std::string& answer);
+    void undo();
+    void home();
+    void prepare(const std::string& state);
+    bool isAsStated(const PageRow& row, LabAxisId axis);
+    bool isStored();
     void writeSettings(const std::string& package, const std::string& text) const;
-    void freeze();
-    void thaw();
 
     FaultControl* control_ = nullptr;
     std::map<std::string, std::string> pristine_;
-    int32_t before_[LAB_AXIS_COUNT] = {}; // where a motion under way leads
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 namespace {
@@ -16,15 +17,6 @@ std::string trimmed(std::string text)
         return "";
     text = text.substr(from, text.find_last_not_of(' ') - from + 1);
     return text == "–" ? "" : text;
-}
-
-template <typename Names>
-size_t indexOf(const Names& names, size_t count, const std::string& name)
-{
-    size_t i = 0;
-    while (i < count && name != names[i])
-        ++i;
-    return i;
 }
 
 } // namespace
@@ -77,18 +69,12 @@ std::vector<std::string> toldBy(const std::string& cell)
 {
     std::vector<std::string> result;
     for (const std::string& part : partsOf(cell, ',')) {
-        if (!part.starts_with("told ")) {
+        if (part == "told 1") // tracking is announced without events
+            result.insert(result.end(), {"moving 1", "idle 1"});
+        else if (part.starts_with("told "))
+            result.insert(result.end(), {"moving " + part.substr(5), "start", "idle " + part.substr(5), "stop"});
+        else
             result.push_back(part);
-            continue;
-        }
-        const std::string origin = part.substr(5);
-        const bool events = origin != "1"; // tracking is announced without
-        result.push_back("moving " + origin);
-        if (events)
-            result.emplace_back("start");
-        result.push_back("idle " + origin);
-        if (events)
-            result.emplace_back("stop");
     }
     return result;
 }
@@ -102,31 +88,23 @@ std::vector<std::string> reportsBy(const std::string& cell)
 
 std::optional<FaultPoint> faultPoint(const std::string& text)
 {
-    FaultPoint point;
-    point.text = text;
-    std::istringstream words(text);
-    std::string word;
-    words >> word;
-    if (word == "every" || word == "once") {
-        point.onlyEvery = word == "every";
-        point.onlyOnce = word == "once";
-        words >> word;
+    static const std::regex form("(every |once )?([0-9]+ (times )?)?([xy] )?(\\w+)( .*)?");
+    std::smatch parts;
+    if (!std::regex_match(text, parts, form))
+        return std::nullopt;
+    FaultPoint point{.text = text, .subject = parts[6].matched ? parts[6].str().substr(1) : ""};
+    point.onlyEvery = parts[1] == "every ";
+    point.onlyOnce = parts[1] == "once ";
+    if (parts[2].matched)
+        (parts[3].matched ? point.times : point.nth) = std::stoi(parts[2]);
+    const auto find = [&](const auto& names) {
+        return static_cast<uint32_t>(std::find(std::begin(names), std::end(names), parts[5].str()) - std::begin(names));
+    };
+    if (parts[4].matched) {
+        point.axis = parts[4] == "x " ? LAB_PAN : LAB_TILT;
+        point.request = static_cast<LabRequest>(find(LAB_REQUEST_NAMES));
+        return point.request < std::size(LAB_REQUEST_NAMES) ? std::optional(point) : std::nullopt;
     }
-    if (!word.empty() && word[0] >= '1' && word[0] <= '9') {
-        point.nth = std::stoi(word);
-        words >> word;
-        if (word == "times") {
-            std::swap(point.times, point.nth);
-            words >> word;
-        }
-    }
-    if (word == "x" || word == "y") {
-        point.axis = word == "x" ? LAB_PAN : LAB_TILT;
-        words >> word;
-        point.request = static_cast<LabRequest>(indexOf(LAB_REQUEST_NAMES, LAB_REQUEST_COUNT, word));
-        return point.request == LAB_REQUEST_COUNT ? std::nullopt : std::optional(point);
-    }
-    point.call = static_cast<FaultCall>(indexOf(FAULT_CALL_NAMES, FAULT_CALL_COUNT, word));
-    words >> point.subject;
-    return point.call == FAULT_CALL_COUNT ? std::nullopt : std::optional(point);
+    point.call = static_cast<FaultCall>(find(FAULT_CALL_NAMES));
+    return point.call < FAULT_CALL_COUNT ? std::optional(point) : std::nullopt;
 }

@@ -1,7 +1,7 @@
 // docs/failures.md is the matrix: its tables say what fails and what follows, and the tests do and check what they say.
 #pragma once
 
-#include "fault_control.h"
+#include "inject/fault_control.h"
 #include "lab/lab.h"
 
 #include <map>
@@ -29,15 +29,16 @@ std::vector<std::string> reportsBy(const std::string& cell);
 
 /// One call or device request that fails: "2 y MOVE", "every uci_commit ptzd", "malloc", "3 times ubus_reconnect".
 struct FaultPoint {
-    std::string text;
-    std::optional<LabAxisId> axis; // of a device request
+    std::string text{};
+    std::optional<LabAxisId> axis{}; // of a device request
     LabRequest request = LAB_REQUEST_COUNT;
     FaultCall call = FAULT_CALL_COUNT;
-    std::string subject;
+    std::string subject{};
     int32_t nth = 1;
     int32_t times = 1;     // unless it fails for ever
     bool onlyOnce = false; // "once": what follows when it goes on failing is another story
     bool onlyEvery = false;
+    int32_t delayMs = 0; // succeeds so much later (real time), in place of a failure
 };
 
 /// Nothing for a text that names no such thing.

@@ -1,15 +1,22 @@
 #include "daemon_rig.h"
 
+#include "config/uci_state.h"
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/ptzd_init.h"
 #include "core/shutdown.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
-#include "motion/quiet_period.h"
+#include "motion/track.h"
+#include "motor/calibration.h"
+#include "motor/coordinates.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 #include "preset/preset_store.h"
-#include "ubus/bus_door.h"
+#include "tour/tour_state.h"
+#include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
 #include "ubus/notify.h"
 #include "ubus/ubus_service.h"
@@ -103,11 +110,19 @@ void provideSettings(const Settings& settings)
     }
 }
 
+template <typename... Parts>
+void renew(Parts&... parts)
+{
+    (std::destroy_at(&parts), ...);
+    (std::construct_at(&parts), ...);
+}
+
 /// As main() does.
 void prepareContext()
 {
-    std::destroy_at(&gContext);
-    std::construct_at(&gContext);
+    renew(gContext.axes, gContext.timers, gContext.calibrationArg, gContext.motion, gContext.position,
+          gContext.panorama, gContext.track, gContext.preset, gContext.tour, gContext.image, gContext.ubus,
+          gContext.config);
     lensMaskSetEnabled(0);
     Timers& timers = gContext.timers;
     timers.saveStepsTimer = timerRecord(saveCurSteps, nullptr);
@@ -263,9 +278,9 @@ void DaemonRig::checkPresetsStored()
         FUZZ_CHECK(entry.id >= 1 && entry.id <= PRESET_COUNT, "slot %d: id %d\n", slot, entry.id);
         FUZZ_CHECK(memory.presetSlotOfId[entry.id - 1] == slot, "id %d is in two slots, or in none\n", entry.id);
     }
-    const int32_t current = gContext.tour.tourCurrentPresetId.load();
+    const int32_t current = gContext.motion.tourCurrentPresetId.load();
     FUZZ_CHECK(reloadPresetList() == RESULT_OK, "what was stored cannot be read\n");
-    gContext.tour.tourCurrentPresetId.store(current);
+    gContext.motion.tourCurrentPresetId.store(current);
     const PresetTable file = presetTableNow();
     for (int32_t slot = 1; slot <= PRESET_COUNT; ++slot) {
         PresetEntry entry = memory.presetTable[slot - 1];
@@ -427,9 +442,9 @@ int32_t shutdownInit()
     return 0;
 }
 
-void logWrite(int, const char*, int, const char* format, ...)
+void logWrite(LogLevel, LogSite, const char* format, ...)
 {
-    char text[1024]; // formatted for the sanitizers' sake, whatever the level
+    char text[1024]; // formatted for the sanitizers' sake
     va_list args;
     va_start(args, format);
     (void)vsnprintf(text, sizeof(text), format, args);
@@ -450,10 +465,9 @@ BusGuard::~BusGuard() NO_THREAD_SAFETY_ANALYSIS
 {
 }
 
-int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
-             const char* method, blob_attr* message)
+void busServe(UbusHandler* handler, const Call& call)
 {
-    return handler(connection, object, request, method, message);
+    handler(call);
 }
 
 int busSendReply(ubus_context*, ubus_request_data*, blob_attr* message)

@@ -2,7 +2,7 @@
 // surrounds the handlers are fakes, the configuration store is the real one in a folder in memory.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
 #include "fuzz.h"
 #include "motor/motor_device.h"
 

@@ -3,6 +3,9 @@
 
 #include "daemon_rig.h"
 #include "fakes/fake_motor.h"
+#include "motor/coordinates.h"
+#include "preset/preset_store.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 
 namespace {

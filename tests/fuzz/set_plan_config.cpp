@@ -3,6 +3,7 @@
 #include "daemon_rig.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
+#include "tour/tour_state.h"
 
 #include <string.h>
 

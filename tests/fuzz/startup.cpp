@@ -3,6 +3,7 @@
 
 #include "daemon_rig.h"
 #include "fakes/fake_motor.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 
 namespace {

@@ -34,7 +34,7 @@ TEST(Head, LateAnswersDoNotQueueBehindEachOther)
 {
     Lab lab;
     ASSERT_TRUE(lab.up(withoutDaemon())) << lab.error();
-    lab.setCet(CET_LATE, 700);
+    lab.cet.setAnswer(CET_LATE, 700);
     const auto start = std::chrono::steady_clock::now();
     std::array<std::string, 3> answers;
     {
@@ -59,13 +59,13 @@ TEST(Head, TwoLabsLiveSideBySideAndEndWithoutATrace)
         Lab other;
         ASSERT_TRUE(one.up(withoutDaemon())) << one.error();
         ASSERT_TRUE(other.up(withoutDaemon())) << other.error();
-        ASSERT_TRUE(other.uciSet("image.switch.flip_type", "center")) << other.error();
-        EXPECT_EQ(one.uciGet("image.switch.flip_type"), "off");
-        EXPECT_EQ(other.uciGet("image.switch.flip_type"), "center");
-        EXPECT_EQ(other.uciGet("image.switch.no_such_option"), std::nullopt);
+        ASSERT_TRUE(other.settings.set("image.switch.flip_type", "center")) << other.error();
+        EXPECT_EQ(one.settings.get("image.switch.flip_type"), "off");
+        EXPECT_EQ(other.settings.get("image.switch.flip_type"), "center");
+        EXPECT_EQ(other.settings.get("image.switch.no_such_option"), std::nullopt);
         notify(one, "notify_motor_idle");
-        EXPECT_EQ(one.callsToCet("notify_motor_idle"), 1);
-        EXPECT_TRUE(other.cetLog().empty());
+        EXPECT_EQ(one.records.callsToCet("notify_motor_idle"), 1);
+        EXPECT_TRUE(other.records.cetLog().empty());
         for (const Lab* lab : {&one, &other}) {
             for (const auto& file : fs::directory_iterator(lab->folder() + "/pid")) {
                 pid_t pid = 0;
@@ -97,16 +97,16 @@ TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
         raise(SIGKILL);
     }
     ASSERT_EQ(waitpid(launcher, nullptr, 0), launcher);
-    ASSERT_TRUE(lab.isRunning("ubusd"));
+    ASSERT_TRUE(lab.programs.isRunning("ubusd"));
     ASSERT_TRUE(fs::is_socket(lab.folder() + "/var/run/ubus.sock"));
-    const pid_t former = lab.ptzdPid();
+    const pid_t former = lab.programs.ptzdPid();
     ASSERT_TRUE(lab.up(options)) << lab.error();
     EXPECT_EQ(notify(lab, "notify_motor_idle"), R"({"err_code":0})");
     if (options.startPtzd) {
-        EXPECT_NE(lab.ptzdPid(), former);
+        EXPECT_NE(lab.programs.ptzdPid(), former);
         EXPECT_EQ(lab.call("checkMotorStatus"), R"({"err_code":0})");
-        EXPECT_EQ(lab.killPtzd(SIGKILL), SIGKILL);
-        EXPECT_TRUE(lab.startPtzd()) << lab.error();
+        EXPECT_EQ(lab.programs.killPtzd(SIGKILL), SIGKILL);
+        EXPECT_TRUE(lab.programs.startPtzd()) << lab.error();
     }
 }
 
@@ -120,7 +120,7 @@ TEST(Head, OwnedProgramsEndWithTheirLauncher)
         raise(SIGKILL);
     }
     ASSERT_EQ(waitpid(launcher, nullptr, 0), launcher);
-    EXPECT_TRUE(waitUntil([&] { return !lab.isRunning("ubusd") && !lab.isRunning("cet"); }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return !lab.programs.isRunning("ubusd") && !lab.programs.isRunning("cet"); }, 5s));
 }
 
 TEST(Head, SaysWhyItDoesNotStart)
@@ -148,9 +148,9 @@ TEST(Head, TakesNoDaemonForReadyThatSeemedToHaveEndedForAnInstant)
     fs::permissions(options.ptzd, fs::perms::owner_all);
     ASSERT_TRUE(lab.up(options)) << lab.error();
     for (int start = 0; start < 60; ++start) {
-        ASSERT_FALSE(lab.startPtzd()) << "start " << start;
+        ASSERT_FALSE(lab.programs.startPtzd()) << "start " << start;
         EXPECT_TRUE(lab.error().starts_with("the daemon has ended")) << lab.error();
-        lab.killPtzd(SIGKILL);
+        lab.programs.killPtzd(SIGKILL);
     }
 }
 
@@ -225,7 +225,7 @@ TEST(CommandLine, InterferesWithTheLabThatTheEnvironmentNames)
     EXPECT_EQ(command("exec -- uci get tour.scan_tour.x_coord_end").second, "100\n");
     EXPECT_EQ(command("exec ubus list").second, "CET\n");
     EXPECT_EQ(command("down").first, 0);
-    EXPECT_FALSE(lab.isRunning("ubusd"));
+    EXPECT_FALSE(lab.programs.isRunning("ubusd"));
     unsetenv("PTZD_LAB_DIR");
 }
 
@@ -240,7 +240,7 @@ TEST(CommandLine, ShowsAHeadAndRunsOneInTheBackground)
     EXPECT_NE(text.find("tilt  turns by 1220 steps from step 0\n"), std::string::npos) << text;
     EXPECT_NE(text.find("calibrated\n"), std::string::npos) << text;
     EXPECT_NE(text.find(R"("x_coord":"30","y_coord":"0","x_speed":"0","y_speed":"0")"), std::string::npos) << text;
-    EXPECT_EQ(lab.ptzdPid(), 0) << "without a terminal it ends";
+    EXPECT_EQ(lab.programs.ptzdPid(), 0) << "without a terminal it ends";
 
     EXPECT_EQ(command("up --factor 25000").first, 0);
     EXPECT_NE(command("up").second.find("already"), std::string::npos);
@@ -248,7 +248,7 @@ TEST(CommandLine, ShowsAHeadAndRunsOneInTheBackground)
     EXPECT_EQ(command("exec ubus -S call ptzd moveTo '{\"x_coord\":\"-15\",\"y_coord\":\"0\"}'").second,
               "{\"error_code\":0}\n");
     ASSERT_TRUE(lab.attach());
-    EXPECT_TRUE(waitUntil([&] { return lab.axisNow(LAB_PAN).shaft == 1350; }, 10s));
+    EXPECT_TRUE(waitUntil([&] { return lab.motors.now(LAB_PAN).shaft == 1350; }, 10s));
     EXPECT_EQ(command("ptzd kill").first, 0);
     EXPECT_EQ(command("ptzd").second, "ptzd  does not run\n");
     EXPECT_EQ(command("ptzd kill").first, 1);

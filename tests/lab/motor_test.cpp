@@ -32,7 +32,7 @@ protected:
     }
     std::vector<LabJournalEntry> journalOf(const std::string& request)
     {
-        std::vector<LabJournalEntry> entries = lab_.journal();
+        std::vector<LabJournalEntry> entries = lab_.records.journal();
         std::erase_if(entries, [&](const LabJournalEntry& entry) { return entry.request != request; });
         return entries;
     }
@@ -48,7 +48,7 @@ protected:
     }
     bool rotates()
     {
-        return waitUntil([this] { return lab_.axisNow(LAB_PAN).running == 1; }, 5s);
+        return waitUntil([this] { return lab_.motors.now(LAB_PAN).running == 1; }, 5s);
     }
     std::optional<Probe> probe_;
 };
@@ -58,7 +58,7 @@ TEST_F(Motors, StandInTheMiddleWithoutPowerAtFirst)
     EXPECT_EQ(ask("capa x"), "300 8 3000 0 0");
     EXPECT_EQ(ask("capa y"), "122 8 1220 0 0");
     EXPECT_EQ(ask("status x"), "0 1 0 0 1");
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 1500);
+    EXPECT_EQ(lab_.motors.now(LAB_PAN).shaft, 1500);
     EXPECT_EQ(ask("nothing x"), "errno 14") << "a request without a record";
 }
 
@@ -92,13 +92,13 @@ TEST_F(Motors, ABlockedRotationAnswersOthersAndFailsWhenStoppedReplacedOrWithout
     rotateBehind();
     ask("move x 8 40");
     EXPECT_EQ(ask("join"), IO_ERROR);
-    EXPECT_TRUE(waitUntil([this] { return lab_.axisNow(LAB_PAN).running == 0; }, 5s));
+    EXPECT_TRUE(waitUntil([this] { return lab_.motors.now(LAB_PAN).running == 0; }, 5s));
     rotateBehind();
-    const int32_t shaft = lab_.axisNow(LAB_PAN).shaft;
-    lab_.powerLoss();
+    const int32_t shaft = lab_.motors.now(LAB_PAN).shaft;
+    lab_.motors.powerLoss();
     EXPECT_EQ(ask("join"), IO_ERROR);
     EXPECT_EQ(ask("status x"), "0 1 0 0 1");
-    EXPECT_NEAR(lab_.axisNow(LAB_PAN).shaft, shaft, 500) << "the head itself does not move";
+    EXPECT_NEAR(lab_.motors.now(LAB_PAN).shaft, shaft, 500) << "the head itself does not move";
     EXPECT_EQ(journalOf(JOURNAL_POWER_LOSS).size(), 2u);
     const auto ends = journalOf(JOURNAL_ROTATE_END);
     ASSERT_EQ(ends.size(), 3u);
@@ -110,14 +110,14 @@ TEST_F(Motors, ABlockedRotationAnswersOthersAndFailsWhenStoppedReplacedOrWithout
 TEST_F(Motors, ADelayedAnswerIsStaleHoldsNobodyUpAndEndsWhenHealed)
 {
     ask("setpos x 100");
-    lab_.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
+    lab_.motors.delayRequest(LAB_PAN, LAB_ROTATE, 3'600'000);
     ask("rotate-behind x 1");
     ASSERT_TRUE(waitUntil([this] { return !journalOf(JOURNAL_ROTATE_END).empty(); }, 5s));
     EXPECT_EQ(ask("status x"), "0 1 101 0 1") << "done, but not answered";
-    lab_.heal(LAB_PAN);
+    lab_.motors.clearFaults(LAB_PAN);
     EXPECT_EQ(ask("join"), "done 0");
 
-    lab_.delayRequest(LAB_PAN, LAB_GET_STATUS, 300);
+    lab_.motors.delayRequest(LAB_PAN, LAB_GET_STATUS, 300);
     Probe other(lab_);
     ASSERT_EQ(other.ask("open x"), "1");
     probe_->send("status x");
@@ -132,14 +132,14 @@ TEST_F(Motors, GoOnWhenTheirProgramIsKilledInTheMidst)
     ask("setpos y 1000");
     ask("move x 1 400"); // 400 ms
     ask("rotate-behind y -300");
-    ASSERT_TRUE(waitUntil([this] { return lab_.axisNow(LAB_TILT).running == 1; }, 5s));
+    ASSERT_TRUE(waitUntil([this] { return lab_.motors.now(LAB_TILT).running == 1; }, 5s));
     probe_->kill9();
     Probe next(lab_);
     next.ask("open x");
     next.ask("open y");
     EXPECT_TRUE(waitUntil([&] { return next.ask("status x") == "0 1 400 0 1"; }, 5s));
     EXPECT_TRUE(waitUntil([&] { return next.ask("status y") == "0 1 700 0 -1"; }, 5s));
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 1900);
+    EXPECT_EQ(lab_.motors.now(LAB_PAN).shaft, 1900);
 }
 
 TEST_F(Motors, ALockLeftBehindStopsNobody)
@@ -151,7 +151,7 @@ TEST_F(Motors, ALockLeftBehindStopsNobody)
     }
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
     EXPECT_EQ(ask("setpos x 5"), "0");
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).count, 5);
+    EXPECT_EQ(lab_.motors.now(LAB_PAN).count, 5);
 }
 
 TEST_F(Motors, JournalEveryRequestWhateverTheProgramDoesWithItsDescriptors)
@@ -176,21 +176,21 @@ TEST_F(Motors, JournalEveryRequestWhateverTheProgramDoesWithItsDescriptors)
             text = std::regex_replace(text, std::regex("#"), number);
             return std::regex_replace(text, std::regex("OWN"), own);
         };
-        lab_.forget();
+        lab_.records.clear();
         EXPECT_EQ(ask(filled(command)), filled(answer));
         ask("open x");
         EXPECT_EQ(ask("status x"), "0 1 0 0 1");
         EXPECT_EQ(asked(), 1u);
         EXPECT_EQ(journalNumbers().size(), 1u);
     }
-    lab_.forget();
+    lab_.records.clear();
     EXPECT_EQ(ask("storm 3000 " + own), "3000");
     EXPECT_EQ(asked(), 3000u);
     EXPECT_EQ(std::filesystem::file_size(own), 0u) << "the lab's text in a file of the program's";
 
     std::filesystem::remove(journal);
     EXPECT_EQ(ask("fork 20"), "0");
-    const std::vector<LabJournalEntry> entries = lab_.journal();
+    const std::vector<LabJournalEntry> entries = lab_.records.journal();
     EXPECT_EQ(entries.size(), 21u);
     for (const LabJournalEntry& entry : entries)
         EXPECT_TRUE(entry.pid == entry.thread && (entry.pid == probe_->pid()) == (&entry == &entries.back()));
@@ -202,9 +202,9 @@ TEST_F(Motors, KeepTheHeadWhereItIsWhenTheLabStartsAnew)
     ask("setpos x 1500");
     ask("rotate x 300");
     ASSERT_TRUE(lab_.up(options_));
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).shaft, 1800);
-    EXPECT_EQ(lab_.axisNow(LAB_PAN).count, 0);
-    EXPECT_TRUE(lab_.journal().empty());
+    EXPECT_EQ(lab_.motors.now(LAB_PAN).shaft, 1800);
+    EXPECT_EQ(lab_.motors.now(LAB_PAN).count, 0);
+    EXPECT_TRUE(lab_.records.journal().empty());
 }
 
 } // namespace

@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class LabTime : public MotorLab {
+class TimeInTheLab : public MotorLab {
 protected:
     void SetUp() override
     {
@@ -36,12 +36,12 @@ protected:
     /// Arms timer #0 with a period and compares its expiries with the lab time that passes meanwhile.
     void expectPeriod(long periodMs, std::chrono::milliseconds realTime)
     {
-        const int64_t start = lab_.labTimeNs();
+        const int64_t start = lab_.clock.nowNs();
         ask("arm #0 " + std::to_string(periodMs) + " " + std::to_string(periodMs));
         std::this_thread::sleep_for(realTime);
-        const int64_t before = lab_.labTimeNs();
+        const int64_t before = lab_.clock.nowNs();
         const long count = fired("#0");
-        const int64_t after = lab_.labTimeNs();
+        const int64_t after = lab_.clock.nowNs();
         // On a busy machine a late dispatcher makes one of several expiries, and threads take a while to start.
         EXPECT_GE(count, (before - start) / NS_PER_MS / periodMs * 6 / 10 - 1);
         EXPECT_LE(count, (after - start) / NS_PER_MS / periodMs);
@@ -49,7 +49,7 @@ protected:
     std::optional<Probe> probe_;
 };
 
-TEST_F(LabTime, TimersKeepTheirPeriod)
+TEST_F(TimeInTheLab, TimersKeepTheirPeriod)
 {
     ask("timer #0 0");
     EXPECT_EQ(ask("left #0"), "0");
@@ -61,7 +61,7 @@ TEST_F(LabTime, TimersKeepTheirPeriod)
     EXPECT_EQ(fired("#0"), count) << "a disarmed timer is silent";
 }
 
-TEST_F(LabTime, ExpiriesOverlapAndTimersAreIndependent)
+TEST_F(TimeInTheLab, ExpiriesOverlapAndTimersAreIndependent)
 {
     ask("timer #0 400");
     ask("timer #1 0");
@@ -80,7 +80,7 @@ TEST_F(LabTime, ExpiriesOverlapAndTimersAreIndependent)
     EXPECT_GT(probe_->number("left #1"), 40'000);
 }
 
-TEST_F(LabTime, ArmingAgainStartsOver)
+TEST_F(TimeInTheLab, ArmingAgainStartsOver)
 {
     ask("timer #0 0");
     ask("arm #0 150 0");
@@ -96,7 +96,7 @@ TEST_F(LabTime, ArmingAgainStartsOver)
     EXPECT_EQ(ask("left #0"), "0");
 }
 
-TEST_F(LabTime, ADeletedTimerIsGone)
+TEST_F(TimeInTheLab, ADeletedTimerIsGone)
 {
     ask("timer #0 0");
     ask("arm #0 100 100");
@@ -110,7 +110,7 @@ TEST_F(LabTime, ADeletedTimerIsGone)
     EXPECT_TRUE(waitUntil([this] { return fired("#0") == 1; }, 5s));
 }
 
-TEST_F(LabTime, AChangeOfTheClockWakesTimersAndSleepers)
+TEST_F(TimeInTheLab, AChangeOfTheClockWakesTimersAndSleepers)
 {
     ask("timer #0 0");
     ask("arm #0 60000 0");
@@ -118,15 +118,15 @@ TEST_F(LabTime, AChangeOfTheClockWakesTimersAndSleepers)
     EXPECT_EQ(fired("#0"), 0);
     probe_->send("sleep 60000");
     std::this_thread::sleep_for(50ms);
-    lab_.setSpeed(600); // 60 s become 100 ms
+    lab_.clock.setSpeed(600); // 60 s become 100 ms
     EXPECT_LT(strtol(probe_->receive().c_str(), nullptr, 10), 5'000'000);
     EXPECT_TRUE(waitUntil([this] { return fired("#0") == 1; }, 5s));
 }
 
-TEST_F(LabTime, EverySleepFollowsTheClock)
+TEST_F(TimeInTheLab, EverySleepFollowsTheClock)
 {
     EXPECT_GE(probe_->number("sleep 100"), 100'000);
-    lab_.setSpeed(50);
+    lab_.clock.setSpeed(50);
     const struct {
         const char* command;
         long atLeast; // us
@@ -138,7 +138,7 @@ TEST_F(LabTime, EverySleepFollowsTheClock)
     }
 }
 
-TEST_F(LabTime, TheWallClockIsTheMachinesUntilSomebodyTouchesIt)
+TEST_F(TimeInTheLab, TheWallClockIsTheMachinesUntilSomebodyTouchesIt)
 {
     const time_t before = time(nullptr);
     const std::string answer = ask("wall");
@@ -147,33 +147,33 @@ TEST_F(LabTime, TheWallClockIsTheMachinesUntilSomebodyTouchesIt)
     parts.tm_isdst = -1;
     EXPECT_NEAR(static_cast<double>(mktime(&parts)), static_cast<double>(before), 5);
 
-    ASSERT_TRUE(lab_.setWall("2031-05-04 23:59:50"));
+    ASSERT_TRUE(lab_.clock.setWall("2031-05-04 23:59:50"));
     EXPECT_EQ(ask("wall").substr(0, 18), "2031-05-04 23:59:5");
-    lab_.setSpeed(100);
+    lab_.clock.setSpeed(100);
     ask("sleep 20000");
-    lab_.setSpeed(1); // at least 20 s, at 100 a second 10 ms of delay add a second
+    lab_.clock.setSpeed(1); // at least 20 s, at 100 a second 10 ms of delay add a second
     const std::string later = ask("wall");
     EXPECT_EQ(later.substr(0, 14), "2031-05-05 00:") << "the change of speed makes no jump";
     EXPECT_LE(later.substr(14, 2), "05") << later;
-    EXPECT_FALSE(lab_.setWall("2031-05-04"));
-    EXPECT_FALSE(lab_.setWall("2031-05-04 12:00:00 "));
-    lab_.realTime();
+    EXPECT_FALSE(lab_.clock.setWall("2031-05-04"));
+    EXPECT_FALSE(lab_.clock.setWall("2031-05-04 12:00:00 "));
+    lab_.clock.realTime();
     EXPECT_NE(ask("wall").substr(0, 7), "2031-05");
 }
 
-TEST_F(LabTime, EveryWayToAskTellsTheSameSecond)
+TEST_F(TimeInTheLab, EveryWayToAskTellsTheSameSecond)
 {
-    ASSERT_TRUE(lab_.setWall("2028-02-29 12:00:00"));
+    ASSERT_TRUE(lab_.clock.setWall("2028-02-29 12:00:00"));
     // The three calls follow one another; only a change of the second in between makes them differ.
     EXPECT_TRUE(waitUntil([this] { return ask("wall").ends_with(" 0 0"); }, 2s));
 }
 
 #ifndef UNDER_THREAD_SANITIZER // which cannot follow the threads that the C library starts for its timers
-TEST_F(LabTime, TheCLibrarysOwnTimersStayRealWhenAskedFor)
+TEST_F(TimeInTheLab, TheCLibrarysOwnTimersStayRealWhenAskedFor)
 {
     std::vector<std::string> environment = lab_.environment();
     environment.push_back("PTZD_LAB_GLIBC_TIMERS=1");
-    lab_.setSpeed(1000);
+    lab_.clock.setSpeed(1000);
     Probe plain(environment);
     plain.ask("timer #0 0");
     plain.ask("arm #0 2000 0");

@@ -52,7 +52,7 @@ private:
     void write() const;
     double hoursNow() const
     {
-        return static_cast<double>(lab_.labTimeNs()) / 3600 / SECOND;
+        return static_cast<double>(lab_.clock.nowNs()) / 3600 / SECOND;
     }
 
     Options options_;
@@ -84,7 +84,7 @@ long descriptorsOf(pid_t pid)
 
 void Soak::waitLab(int64_t untilNs) const
 {
-    while (lab_.labTimeNs() < untilNs)
+    while (lab_.clock.nowNs() < untilNs)
         std::this_thread::sleep_for(1ms);
 }
 
@@ -106,7 +106,7 @@ bool Soak::start()
         const std::string x = std::to_string(40 * id - 140);
         if (!ask("moveTo", R"({"x_coord":")" + x + R"(","y_coord":"0"})"))
             return false;
-        waitLab(lab_.labTimeNs() + 30 * SECOND);
+        waitLab(lab_.clock.nowNs() + 30 * SECOND);
         if (!ask("setPreset", R"({"save_ptz":"1","id":")" + std::to_string(id) + "\"}"))
             return false;
     }
@@ -136,7 +136,7 @@ bool Soak::ask(const char* method, const std::string& arguments)
     const size_t code = reply.find("_code\":"); // err_code too
     ++asked_;
     if (code == std::string::npos) {
-        std::fprintf(stderr, "%s: %s\n%s", method, reply.c_str(), lab_.ptzdLog().c_str());
+        std::fprintf(stderr, "%s: %s\n%s", method, reply.c_str(), lab_.records.ptzdLog().c_str());
         return false;
     }
     if (reply.compare(code, 8, "_code\":0") != 0)
@@ -146,19 +146,19 @@ bool Soak::ask(const char* method, const std::string& arguments)
 
 bool Soak::mask(const char* value)
 {
-    return lab_.uciSet("lens_mask.lens_mask_info.enabled", value) && ask("lensMask");
+    return lab_.settings.set("lens_mask.lens_mask_info.enabled", value) && ask("lensMask");
 }
 
 bool Soak::switchTour(int type)
 {
-    return lab_.uciSet("tour.tour_info.tour_type", std::to_string(type)) && ask("reload_tour_info");
+    return lab_.settings.set("tour.tour_info.tour_type", std::to_string(type)) && ask("reload_tour_info");
 }
 
 /// What a user does in an hour's first half; something else in each of the next.
 bool Soak::visit(int hour)
 {
     const std::string id = std::to_string(hour % 8 + 1);
-    const auto pause = [&] { waitLab(lab_.labTimeNs() + 2 * MINUTE); };
+    const auto pause = [&] { waitLab(lab_.clock.nowNs() + 2 * MINUTE); };
     switch (hour % 9) {
     case 0:
         return ask("moveTo", R"({"x_coord":"-70","y_coord":"20"})") && ask("getStatus");
@@ -205,22 +205,23 @@ bool Soak::visitAll()
 
 bool Soak::cutPower()
 {
-    if (!lab_.killPtzd(SIGKILL))
+    if (!lab_.programs.killPtzd(SIGKILL))
         return false;
-    lab_.powerLoss();
-    timersBefore_ = lab_.timersCreated();
+    lab_.motors.powerLoss();
+    timersBefore_ = lab_.motors.timersCreated();
     ++life_;
     lifeBegan_ = hoursNow();
-    return lab_.startPtzd();
+    return lab_.programs.startPtzd();
 }
 
 bool Soak::sample()
 {
-    const pid_t pid = lab_.ptzdPid();
+    const pid_t pid = lab_.programs.ptzdPid();
     // Expiries of timers are threads for a moment, and notifications connections. On a slow clock they pass.
-    Sample least{hoursNow(), life_, 0, LONG_MAX, LONG_MAX, static_cast<long>(lab_.timersCreated() - timersBefore_)};
+    Sample least{hoursNow(), life_,    0,
+                 LONG_MAX,   LONG_MAX, static_cast<long>(lab_.motors.timersCreated() - timersBefore_)};
     const bool first = samples_.empty() || samples_.back().life != life_;
-    lab_.setSpeed(20);
+    lab_.clock.setSpeed(20);
     for (int i = 0; i < 3000; ++i) {
         least.descriptors = std::min(least.descriptors, descriptorsOf(pid));
         least.threads = std::min(least.threads, statusOf(pid, "Threads:"));
@@ -229,9 +230,9 @@ bool Soak::sample()
         std::this_thread::sleep_for(1ms);
     }
     least.residentKb = statusOf(pid, "VmRSS:");
-    lab_.setSpeed(options_.speed);
+    lab_.clock.setSpeed(options_.speed);
     samples_.push_back(least);
-    lab_.forget();
+    lab_.records.clear();
     return pid != 0 && least.residentKb > 0;
 }
 
@@ -256,7 +257,7 @@ bool Soak::run()
         std::fprintf(stderr, "%s\n", lab_.error().c_str());
         return false;
     }
-    lab_.setSpeed(options_.speed);
+    lab_.clock.setSpeed(options_.speed);
     if (!visitAll()) {
         std::fprintf(stderr, "the daemon did not answer at first\n");
         return false;
@@ -275,12 +276,12 @@ bool Soak::run()
             return false;
         }
     }
-    lab_.setSpeed(1);
+    lab_.clock.setSpeed(1);
     write();
     const bool constant = judge();
-    const bool ended = lab_.killPtzd(SIGTERM) == 0;
+    const bool ended = lab_.programs.killPtzd(SIGTERM) == 0;
     if (!ended)
-        std::fprintf(stderr, "the daemon did not end well\n%s", lab_.ptzdLog().c_str());
+        std::fprintf(stderr, "the daemon did not end well\n%s", lab_.records.ptzdLog().c_str());
     return constant && ended;
 }
 

@@ -5,12 +5,12 @@
 void HeadInTheLab::TearDown()
 {
     // Whatever a test did, the daemon must end well and no sanitizer may have found anything.
-    if (lab.ptzdPid() != 0) {
-        const auto status = lab.killPtzd(SIGTERM);
-        ASSERT_TRUE(status.has_value()) << "does not end\n" << lab.ptzdLog();
-        EXPECT_EQ(*status, 0) << lab.ptzdLog();
+    if (lab.programs.ptzdPid() != 0) {
+        const auto status = lab.programs.killPtzd(SIGTERM);
+        ASSERT_TRUE(status.has_value()) << "does not end\n" << lab.records.ptzdLog();
+        EXPECT_EQ(*status, 0) << lab.records.ptzdLog();
     }
-    EXPECT_EQ(lab.ptzdLog().find("Sanitizer"), std::string::npos) << lab.ptzdLog();
+    EXPECT_EQ(lab.records.ptzdLog().find("Sanitizer"), std::string::npos) << lab.records.ptzdLog();
     if (HasFailure())
         printWhatHappened();
 }
@@ -22,18 +22,18 @@ void HeadInTheLab::up(const LabOptions& options)
     if (options.startPtzd && options.waitCalibrated)
         calibrating.factor = std::max(options.factor, fastHead().factor);
     ASSERT_TRUE(lab.up(calibrating)) << lab.error();
-    lab.setFactor(LAB_PAN, options.factor);
-    lab.setFactor(LAB_TILT, options.factor);
+    lab.motors.setFactor(LAB_PAN, options.factor);
+    lab.motors.setFactor(LAB_TILT, options.factor);
     // The calibration announces itself too, and its last event may still be on its way when the daemon is ready.
-    const auto announced = [&] { return !lab.actions().empty() && lab.actions().back() == "stop"; };
+    const auto announced = [&] { return !lab.records.actions().empty() && lab.records.actions().back() == "stop"; };
     ASSERT_TRUE(!options.startCet || !options.startPtzd || waitUntil(announced, DEADLINE));
-    lab.forget();
+    lab.records.clear();
 }
 
 void HeadInTheLab::printWhatHappened()
 {
-    std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.ptzdLog().c_str());
-    for (const LabCetEntry& entry : lab.cetLog())
+    std::fprintf(stderr, "--- the daemon's console:\n%s---\n", lab.records.ptzdLog().c_str());
+    for (const LabCetEntry& entry : lab.records.cetLog())
         std::fprintf(stderr, "%8.3f s  %s %s\n", static_cast<double>(entry.realNs) / 1e9, entry.name.c_str(),
                      entry.text.c_str());
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
@@ -44,16 +44,17 @@ void HeadInTheLab::printWhatHappened()
 
 bool HeadInTheLab::rests()
 {
-    return lab.axisNow(LAB_PAN).running == 0 && lab.axisNow(LAB_TILT).running == 0;
+    return lab.motors.now(LAB_PAN).running == 0 && lab.motors.now(LAB_TILT).running == 0;
 }
 
 bool HeadInTheLab::settled(int motions)
 {
     return waitUntil(
         [&] {
-            const int moving = lab.callsToCet("notify_motor_moving");
-            const int idle = lab.callsToCet("notify_motor_idle");
-            return moving >= motions && moving == idle && lab.actions().size() == 2 * static_cast<size_t>(moving);
+            const int moving = lab.records.callsToCet("notify_motor_moving");
+            const int idle = lab.records.callsToCet("notify_motor_idle");
+            return moving >= motions && moving == idle &&
+                   lab.records.actions().size() == 2 * static_cast<size_t>(moving);
         },
         DEADLINE);
 }
@@ -63,28 +64,19 @@ bool HeadInTheLab::reported(const std::string& function, const std::string& text
     const std::regex line("\\[" + function + ":[0-9]+\\]: ([^\n]*)\n");
     return waitUntil(
         [&] {
-            const std::string log = lab.ptzdLog();
+            const std::string log = lab.records.ptzdLog();
             for (auto at = std::sregex_iterator(log.begin(), log.end(), line); at != std::sregex_iterator(); ++at)
                 if ((*at)[1] == text)
-                    return lab.messageLog().find(" 5 PTZD: " + text + "\n") != std::string::npos;
+                    return lab.records.messageLog().find(" 5 PTZD: " + text + "\n") != std::string::npos;
             return false;
         },
         DEADLINE);
 }
 
-std::vector<int32_t> HeadInTheLab::moves(LabAxisId axis)
-{
-    std::vector<int32_t> steps;
-    for (const LabJournalEntry& entry : lab.journal())
-        if (entry.axis == axis && entry.request == "MOVE")
-            steps.push_back(entry.stepsWord());
-    return steps;
-}
-
 std::vector<LabJournalEntry> HeadInTheLab::driving(LabAxisId axis)
 {
     std::vector<LabJournalEntry> found;
-    for (const LabJournalEntry& entry : lab.journal())
+    for (const LabJournalEntry& entry : lab.records.journal())
         if (entry.axis == axis && (entry.request == "MOVE" || entry.request == "STOP"))
             found.push_back(entry);
     return found;
@@ -92,15 +84,8 @@ std::vector<LabJournalEntry> HeadInTheLab::driving(LabAxisId axis)
 
 void HeadInTheLab::expectAt(int32_t pan, int32_t tilt)
 {
-    EXPECT_EQ(lab.axisNow(LAB_PAN).shaft, pan);
-    EXPECT_EQ(lab.axisNow(LAB_TILT).shaft, tilt);
-}
-
-void HeadInTheLab::goTo(int32_t x, int32_t y)
-{
-    EXPECT_EQ(lab.call("moveTo", coords(x, y)), DONE);
-    EXPECT_TRUE(settled());
-    lab.forget();
+    EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, pan);
+    EXPECT_EQ(lab.motors.now(LAB_TILT).shaft, tilt);
 }
 
 std::string HeadInTheLab::coords(int32_t x, int32_t y)
@@ -111,7 +96,7 @@ std::string HeadInTheLab::coords(int32_t x, int32_t y)
 int HeadInTheLab::requests(const std::string& name)
 {
     int count = 0;
-    for (const LabJournalEntry& entry : lab.journal())
+    for (const LabJournalEntry& entry : lab.records.journal())
         count += entry.request == name ? 1 : 0;
     return count;
 }

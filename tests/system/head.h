@@ -74,13 +74,9 @@ protected:
     bool settled(int motions = 1);
     /// Waits until the console shows a report, in the stated form with the reporting function's name.
     bool reported(const std::string& function, const std::string& text);
-    /// The steps words of the move requests of one axis, in order.
-    std::vector<int32_t> moves(LabAxisId axis);
     /// The move and stop requests of one axis, in order.
     std::vector<LabJournalEntry> driving(LabAxisId axis);
     void expectAt(int32_t pan, int32_t tilt);
-    /// Starts a motion to a coordinate and waits for its end, the first since the lab forgot.
-    void goTo(int32_t x, int32_t y);
     static std::string coords(int32_t x, int32_t y);
     int requests(const std::string& name);
 };

@@ -2,9 +2,6 @@
 
 #include "head.h"
 
-#include <filesystem>
-#include <fstream>
-
 namespace {
 
 constexpr const char* FOLLOWED = R"({"err_code":0})";
@@ -13,13 +10,13 @@ class Mask : public HeadInTheLab {
 protected:
     std::string mask(const char* enabled)
     {
-        EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", enabled));
+        EXPECT_TRUE(lab.settings.set("lens_mask.lens_mask_info.enabled", enabled));
         return lab.call("lensMask");
     }
     void expectStored(const char* pan, const char* tilt)
     {
-        EXPECT_EQ(lab.uciGet("ptzd.x_motor.steps"), pan);
-        EXPECT_EQ(lab.uciGet("ptzd.y_motor.steps"), tilt);
+        EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps"), pan);
+        EXPECT_EQ(lab.settings.get("ptzd.y_motor.steps"), tilt);
     }
 };
 
@@ -33,37 +30,24 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     ASSERT_TRUE(settled());
     EXPECT_EQ(mask("on"), FOLLOWED);
     ASSERT_TRUE(settled(2));
-    const int64_t masked = lab.labTimeNs();
-    ASSERT_TRUE(waitUntil([&] { return lab.labTimeNs() - masked > 25'000'000'000; }, DEADLINE));
+    const int64_t masked = lab.clock.nowNs();
+    ASSERT_TRUE(waitUntil([&] { return lab.clock.nowNs() - masked > 25'000'000'000; }, DEADLINE));
     expectStored("1800", "710");
-    ASSERT_TRUE(lab.killPtzd(SIGTERM).has_value());
+    ASSERT_TRUE(lab.programs.killPtzd(SIGTERM).has_value());
     expectStored("1800", "710");
-    ASSERT_TRUE(lab.startPtzd()) << lab.error();
-    expectAt(1800, 0); // pan where it stood, the lens hidden
-    lab.forget();
+    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
+    expectAt(1800, 0); // pan as before, the lens hidden
+    lab.records.clear();
+    lab.motors.setFactor(LAB_TILT, 2); // 2 s for the way back
     EXPECT_EQ(mask("off"), FOLLOWED);
+    EXPECT_EQ(mask("on"), FOLLOWED);
+    EXPECT_TRUE(lab.motors.now(LAB_TILT).shaft < 710) << "too late";
+    expectStored("1800", "710");
+    lab.motors.setFactor(LAB_TILT, 500);
     ASSERT_TRUE(settled());
-    expectAt(1800, 710);
-}
-
-TEST_F(Mask, HidesTheLensThoughNothingCanBeStored)
-{
-    up();
-    goTo(30, 10);
-    // Nothing can be put where the changes of a package are saved.
-    const std::filesystem::path saves = lab.folder() + "/tmp/.uci";
-    EXPECT_TRUE(lab.uciSet("lens_mask.lens_mask_info.enabled", "on"));
-    std::filesystem::remove_all(saves);
-    std::ofstream(saves) << "no folder";
-    EXPECT_EQ(lab.call("lensMask"), FOLLOWED);
-    EXPECT_TRUE(reported("cfg_uci_commit", "error to save uci package"));
-    ASSERT_TRUE(settled());
-    expectAt(1800, 0);
-    std::filesystem::remove(saves);
-    std::filesystem::create_directory(saves);
     EXPECT_EQ(mask("off"), FOLLOWED);
     ASSERT_TRUE(settled(2));
-    expectAt(1800, 710); // memory knows the position all the same
+    expectAt(1800, 710);
 }
 
 TEST_F(Mask, ReportsWhatItCannotReadOrSet)
@@ -73,14 +57,13 @@ TEST_F(Mask, ReportsWhatItCannotReadOrSet)
     options.config["ptzd"] = "config ptzd 'config'\n\toption power_off_recover '1'\n";
     up(options);
     EXPECT_EQ(mask("off"), FOLLOWED);
-    EXPECT_TRUE(reported("ubusLensMask", "error to get option x_motor.steps"));
-    EXPECT_TRUE(reported("ubusLensMask", "error to get option y_motor.steps"));
     ASSERT_TRUE(settled());
     expectAt(1500, 550); // home
     EXPECT_EQ(lab.call("move", coords(1, 0)), DONE) << "until then nothing is stored";
     EXPECT_EQ(mask("on"), FOLLOWED) << "there is no section to store the position in";
-    EXPECT_TRUE(reported("ubusLensMask", "error to set option x_motor.steps"));
-    EXPECT_TRUE(reported("ubusLensMask", "error to set option y_motor.steps"));
+    for (const std::string what : {"error to get option ", "error to set option "})
+        for (const char* option : {"x_motor.steps", "y_motor.steps"})
+            EXPECT_TRUE(reported("ubusLensMask", what + option)) << what << option;
 }
 
 } // namespace

@@ -70,7 +70,7 @@ Methods methodsIn(const std::string& listing)
 TEST_F(HeadInTheLab, IsWhatItsPageSays)
 {
     up(slowHead()); // as fast as the page's reader's
-    lab.setSpeed(CLOCK_SPEED);
+    lab.clock.setSpeed(CLOCK_SPEED);
     const Page page = readPage();
     std::string text;
     ASSERT_EQ(lab.run({"ubus", "-v", "list", "ptzd"}, text), 0);
@@ -85,7 +85,10 @@ TEST_F(HeadInTheLab, IsWhatItsPageSays)
             continue;
         EXPECT_TRUE(rests()) << "still moving after " << example.command;
         EXPECT_TRUE(waitUntil( // its next poll may be late on a loaded machine
-            [&] { return lab.callsToCet("notify_motor_moving") == lab.callsToCet("notify_motor_idle"); }, DEADLINE));
+            [&] {
+                return lab.records.callsToCet("notify_motor_moving") == lab.records.callsToCet("notify_motor_idle");
+            },
+            DEADLINE));
     }
     EXPECT_GT(page.examples.size(), page.methods.size());
 }

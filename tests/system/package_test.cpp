@@ -1,22 +1,15 @@
 // What goes into a camera's image: complete, and true of the daemon that goes with it.
 
 #include "head.h"
+#include "lab/core/files.h"
 
 #include <json-c/json.h>
 
 #include <filesystem>
-#include <fstream>
-#include <set>
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string textOf(const fs::path& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST_F(HeadInTheLab, ItsPackageFits)
 {
@@ -27,7 +20,7 @@ TEST_F(HeadInTheLab, ItsPackageFits)
     ASSERT_EQ(std::system(("DESTDIR=" + image.string() + " " + install + " >" + lab.folder() + "/install.log").c_str()),
               0);
     for (const auto& entry : fs::directory_iterator(fs::path(SOURCE_FOLDER) / "package/config"))
-        EXPECT_EQ(textOf(image / "etc/config" / entry.path().filename()), textOf(entry.path())) << entry.path();
+        EXPECT_EQ(readFile(image / "etc/config" / entry.path().filename()), readFile(entry.path())) << entry.path();
 
     ASSERT_EQ(lab.run({"sh", "-c",
                        "procd_open_instance() { :; }; procd_close_instance() { :; }\n"

@@ -1,9 +1,8 @@
-// A client that can say what the ordinary command cannot: repeated, nested and malformed arguments.
+// A client that can send what the ordinary command cannot: repeated, nested and malformed arguments.
 #pragma once
 
 #include "head.h"
 
-#include <cstdlib>
 #include <span>
 
 extern "C" {

@@ -1,8 +1,9 @@
 // Begin, rest and quiet period of a motion when two threads meet in the middle of them.
 
 #include "fakes/stored_head.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 #include "ubus/notify.h"
 
 #include <atomic>
@@ -19,7 +20,7 @@ class MotionRace : public StoredHead {
 protected:
     static void startMotion()
     {
-        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
+        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}), RESULT_OK);
     }
 };
 
@@ -27,7 +28,6 @@ TEST_F(MotionRace, NobodyTakesTheRestBeforeTheMoveRequestsForTheEnd)
 {
     motionBegin(MotionBegin::User); // the requests are not sent yet, the axes still rest
     motorStatusPoll(nullptr);
-    motionSettle(MotionSettle::Stop);
     EXPECT_EQ(fakes.notifications, Notifications{MOVING});
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
     motionStarted();
@@ -65,12 +65,12 @@ TEST_F(MotionRace, TheQuietPeriodsEndUnderTheLockAndOnlyWhenTheHeadRests)
     timerStart(&timers.usrMoveStopTimer, 1, 1);
     timerStart(&timers.scanMoveStopTimer, 1, 1);
     motion.user_moved_recently.store(1);
-    gContext.tour.scanStepDone.store(0);
+    gContext.motion.scanStepDone.store(0);
     motion.motion_active.store(1);
     usrMoveStopTimeout(nullptr);
     scanMoveStopTimeout(nullptr);
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.tour.scanStepDone.load(), 0);
+    EXPECT_EQ(gContext.motion.scanStepDone.load(), 0);
     EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer) && fakes.armed(timers.scanMoveStopTimer));
     motion.motion_active.store(0);
     // A motion that ended in between would arm the timer for its own rest, and lose it.
@@ -85,7 +85,7 @@ TEST_F(MotionRace, TheQuietPeriodsEndUnderTheLockAndOnlyWhenTheHeadRests)
     usrMoveStopTimeout(nullptr);
     scanMoveStopTimeout(nullptr);
     EXPECT_EQ(motion.user_moved_recently.load(), 0);
-    EXPECT_EQ(gContext.tour.scanStepDone.load(), 1);
+    EXPECT_EQ(gContext.motion.scanStepDone.load(), 1);
     EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer) || fakes.armed(timers.scanMoveStopTimer));
 }
 

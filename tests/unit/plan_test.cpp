@@ -5,6 +5,7 @@
 #include "preset/preset_methods.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
+#include "tour/tour_state.h"
 
 namespace {
 

@@ -61,7 +61,7 @@ protected:
 
 TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
 {
-    gContext.tour.tourCurrentPresetId.store(4);
+    gContext.motion.tourCurrentPresetId.store(4);
     write("ptzd", section(2, 5, 1) + section(3, 6, 0) + section(8, 1, 1, "name"));
     ASSERT_EQ(reloadPresetList(), RESULT_OK);
     PresetEntry found{};
@@ -76,13 +76,13 @@ TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
     ASSERT_TRUE(presetFind(1, found));
     EXPECT_STREQ(found.name, "preset_8") << "a missing name, unlike a missing section";
     EXPECT_STREQ(slot(1).name, "preset1");
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0) << "the tour starts anew";
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0) << "the tour starts anew";
     EXPECT_TRUE(fakes.reports.empty());
 }
 
 TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
 {
-    gContext.tour.tourCurrentPresetId.store(4);
+    gContext.motion.tourCurrentPresetId.store(4);
     for (const char* option : {"id", "position_pan", "position_tilt", "position_zoom", "read_only", "enabled"}) {
         fakes.reports.clear();
         write("ptzd", section(1, 1, 1) + section(2, 2, 1, option) + section(3, 3, 1));
@@ -92,7 +92,7 @@ TEST_F(Presets, AnUnreadableOptionEndsTheLoad)
         EXPECT_TRUE(presetFind(1, found));
         EXPECT_FALSE(presetFind(2, found) || presetFind(3, found));
     }
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 4);
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 4);
 }
 
 TEST_F(Presets, AnEnabledSectionWithAForeignIdIsAFreeSlot)

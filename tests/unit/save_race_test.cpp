@@ -1,6 +1,7 @@
 // A save of the position that something overtakes after it has looked at the head.
 
 #include "config/uci_store.h"
+#include "core/lens_mask_library.h"
 #include "fakes/stored_head.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"
@@ -8,7 +9,10 @@
 #include "motion/track.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/status_poll.h"
+#include "motor/tour_motion.h"
 
+#include <optional>
 #include <thread>
 
 namespace {
@@ -49,8 +53,7 @@ protected:
     {
         motion.user_moved_recently.store(0); // its quiet period is over
         motion.track_back_done.store(1);
-        ASSERT_TRUE(motionBeginTour(tourTicketNow(), true));
-        motionTourStarted(false);
+        ASSERT_EQ(tourDrive(tourTicketNow(), {}), TourMove::Started);
         restAt(pan, tilt);
     }
     /// A save that has read both axes when `command` runs.
@@ -100,13 +103,13 @@ TEST_F(SaveRace, ANewerSaveCountsThoughAnOlderOneIsDoneFirst)
     standAt(1000, 300);
     saveStepsArm();
     const unsigned before = fakeMotorAnswered;
-    cfg_uci_lock(); // the older one gets no further than its look at the head
+    std::optional<UciTransaction> held(UCI_PTZD); // the older one gets no further than its look at the head
     std::thread older(saveCurSteps, nullptr);
     while (fakeMotorAnswered != before + AXIS_COUNT)
         std::this_thread::yield();
     standAt(2000, 600);
     saveDuringWhich([&] {
-        cfg_uci_unlock();
+        held.reset();
         older.join();
     });
     EXPECT_EQ(stored(), (Position{2000, 600}));

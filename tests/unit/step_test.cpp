@@ -9,6 +9,7 @@
 #include "motor/calibration.h"
 #include "motor/motion_state.h"
 #include "motor/position_store.h"
+#include "motor/status_poll.h"
 
 #include <limits>
 
@@ -75,9 +76,12 @@ TEST_F(Step, MovesForItsTicksOneAtLeastAndStopsBothAxes)
 TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
 {
     EXPECT_EQ(stepHead(0), RESULT_OK);
-    EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK); // what its thread begins with
-    atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); });  // both axes rest, halted
-    EXPECT_EQ(stepHead(180), RESULT_OK);
+    fakes.onSleep = [] {
+        atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); }); // both axes rest, halted
+        EXPECT_EQ(stepHead(180), RESULT_OK);
+        fakes.stopping = true;
+    };
+    fakes.runWorker();
     EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
     EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
 }
@@ -85,14 +89,18 @@ TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
 TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
 {
     EXPECT_EQ(stepHead(0), RESULT_OK);
-    EXPECT_EQ(beginAndDrive(MotionBegin::Step, {}, {}), RESULT_OK);
-    fakeMotor.status[PAN].position = 3000; // at the limit long before its ticks are over
-    motorStatusPoll(nullptr);
-    ASSERT_EQ(fakes.notifications.size(), 2u);
-    EXPECT_EQ(stepHead(180), RESULT_OK);
-    EXPECT_EQ(fakes.notifications.size(), 3u);
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.size(), 4u);
+    fakes.onSleep = [] {
+        fakeMotor.status[PAN].position = 3000; // at the limit long before its ticks are over
+        motorStatusPoll(nullptr);
+        EXPECT_EQ(fakes.notifications.size(), 2u);
+        EXPECT_EQ(stepHead(180), RESULT_OK);
+        EXPECT_EQ(fakes.notifications.size(), 3u);
+        motorStatusPoll(nullptr);
+        EXPECT_EQ(fakes.notifications.size(), 4u);
+        fakes.stopping = true;
+    };
+    fakes.runWorker();
+    EXPECT_EQ(fakes.sleeps, 1);
 }
 
 TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)

@@ -1,15 +1,18 @@
 // When a tour moves the head, and commands that overtake its step.
 
+#include "core/lens_mask_library.h"
 #include "fakes/stored_head.h"
 #include "motion/lens_mask.h"
 #include "motion/move.h"
-#include "motion/quiet_period.h"
 #include "motor/motion_state.h"
+#include "motor/quiet_period.h"
+#include "motor/status_poll.h"
 #include "preset/goto_preset.h"
 #include "preset/preset_methods.h"
 #include "preset/preset_store.h"
 #include "tour/plan.h"
 #include "tour/tour_config.h"
+#include "tour/tour_state.h"
 #include "tour/touring.h"
 #include "ubus/notify.h"
 
@@ -150,7 +153,7 @@ TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
     write("lens_mask", "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n");
     EXPECT_EQ(call(ubusLensMask), R"({"err_code":0})");
     EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
 }
 
 // A user's command at each point of a tour's step: the head obeys the user, and the motion counts as the user's.
@@ -186,7 +189,7 @@ TEST_P(Overtaken, ByAMoveBeforeItsBegin)
         EXPECT_TRUE(fakeMotor.sent(MOTOR_IOC_STOP).empty()) << "the user's motion is not halted";
         EXPECT_EQ(motion.motion_origin.load(), ORIGIN_USER);
         EXPECT_EQ(motion.user_moved_recently.load(), 1);
-        EXPECT_EQ(gContext.tour.tourCurrentPresetId.load(), 0);
+        EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
         rest();
     }
 }

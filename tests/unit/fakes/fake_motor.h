@@ -1,4 +1,4 @@
-// Two motor drivers that live in the test: they stand behind ioctl(2), so the product's own door to them is tested too.
+// Two motor drivers that live in the test: they stand behind ioctl(2), so the product's own adapter is tested too.
 #pragma once
 
 #include "motor/motor_device.h"

@@ -1,9 +1,13 @@
 #include "fakes/fake_surroundings.h"
 
+#include "core/lens_mask_library.h"
 #include "core/log.h"
 #include "core/worker.h"
 #include "fakes/fake_motor.h"
+#include "motion/track.h"
+#include "motor/coordinates.h"
 #include "motor/motion_state.h"
+#include "motor/position_store.h"
 #include "ubus/notify.h"
 
 #include <stdarg.h>
@@ -21,7 +25,7 @@ void resetDaemon()
     gContext.motion.motion_origin.store(ORIGIN_USER);
     gContext.motion.user_moved_recently.store(0);
     gContext.motion.track_back_done.store(1);
-    gContext.motion.startsSeen.store(0);
+    gContext.motion.motionsStarted.store(gContext.motion.motionsBegun.load());
     gContext.motion.calibrating.store(0);
     gContext.position.power_off_recover.store(1);
     gContext.position.savePending.store(false);
@@ -30,8 +34,8 @@ void resetDaemon()
     gContext.motion.stepSustainTicks.store(1000);
     stepMoveCancel();
     gContext.panorama.panoramaRunning.store(0);
-    gContext.tour.tourCurrentPresetId.store(0);
-    gContext.tour.scanStepDone.store(1);
+    gContext.motion.tourCurrentPresetId.store(0);
+    gContext.motion.scanStepDone.store(1);
     gContext.image.imageFlipType.store(0);
     lensMaskSetEnabled(0);
     giveAxesFakeMotors();
@@ -60,16 +64,14 @@ void motorNotifyState(int32_t state, int32_t origin)
     fakes.notifications.push_back({state, origin});
 }
 
-void logWrite(int level, const char* function, int, const char* format, ...)
+void logWrite(LogLevel, LogSite site, const char* format, ...)
 {
-    if (level < LOG_LEVEL_ERROR)
-        return;
     char text[1024];
     va_list args;
     va_start(args, format);
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    fakes.reports.push_back({function, text});
+    fakes.reports.push_back({site.function, text});
 }
 
 int32_t workerStart(void* (*routine)(void*), void* argument)

@@ -2,7 +2,8 @@
 // that are only counted, reports that are kept, and workers that run when the test says so.
 #pragma once
 
-#include "core/context.h"
+#include "core/motion.h"
+#include "core/timer.h"
 
 #include <functional>
 #include <map>

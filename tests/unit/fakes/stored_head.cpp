@@ -2,7 +2,7 @@
 
 #include "config/uci_store.h"
 #include "preset/preset_store.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <unistd.h>
 
@@ -102,7 +102,7 @@ std::string StoredHead::call(UbusHandler* handler, const std::string& arguments)
     blob_buf_init(&message, 0);
     EXPECT_TRUE(blobmsg_add_json_from_string(&message, arguments.c_str())) << arguments;
     reply.clear();
-    EXPECT_EQ(handler(nullptr, nullptr, nullptr, "", message.head), 0);
+    handler({nullptr, nullptr, message.head});
     blob_buf_free(&message);
     return reply;
 }

@@ -4,7 +4,7 @@
 
 #include "fakes/fake_motor.h"
 #include "fakes/fake_surroundings.h"
-#include "ubus/bus_door.h"
+#include "ubus/bus_adapter.h"
 
 #include <gtest/gtest.h>
 

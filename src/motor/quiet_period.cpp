@@ -1,8 +1,12 @@
-#include "motion/quiet_period.h"
-
-#include "core/context.h"
+#include "motor/quiet_period.h"
 
 namespace {
+
+void startPeriod(DaemonTimer& timer, int64_t lengthNs) REQUIRES(gContext.motion.MotionStateLock)
+{
+    gContext.motion.quietPeriods.fetch_add(1);
+    timerStart(&timer, lengthNs, lengthNs);
+}
 
 /// Ends a quiet period while the head rests. Under the lock that the transition to rest holds while it arms the timer:
 /// a motion that begins and ends meanwhile would else have its rest taken for over, and its timer disarmed for good.
@@ -20,6 +24,14 @@ void endQuietPeriod(DaemonTimer& timer, std::atomic<int32_t>& word, int32_t over
 
 } // namespace
 
+void quietPeriodsStart()
+{
+    if (gContext.motion.user_moved_recently.load() != 0)
+        startPeriod(gContext.timers.usrMoveStopTimer, USR_MOVE_STOP_NS);
+    if (gContext.motion.scanStepDone.load() == 0)
+        startPeriod(gContext.timers.scanMoveStopTimer, SCAN_MOVE_STOP_NS);
+}
+
 void usrMoveStopTimeout(void*)
 {
     endQuietPeriod(gContext.timers.usrMoveStopTimer, gContext.motion.user_moved_recently, 0);
@@ -27,5 +39,5 @@ void usrMoveStopTimeout(void*)
 
 void scanMoveStopTimeout(void*)
 {
-    endQuietPeriod(gContext.timers.scanMoveStopTimer, gContext.tour.scanStepDone, 1);
+    endQuietPeriod(gContext.timers.scanMoveStopTimer, gContext.motion.scanStepDone, 1);
 }

@@ -1,5 +1,5 @@
-#define PTZD_BUS_DOOR
-#include "ubus/bus_door.h"
+#define PTZD_BUS_ADAPTER
+#include "ubus/bus_adapter.h"
 
 #include <poll.h>
 
@@ -108,18 +108,16 @@ void busDispatchUnderLock(ubus_context* connection)
 }
 
 // The analysis cannot follow a call through the library, further down whose stack the lock was taken.
-int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
-             const char* method, blob_attr* message) NO_THREAD_SAFETY_ANALYSIS
+void busServe(UbusHandler* handler, const Call& call) NO_THREAD_SAFETY_ANALYSIS
 {
     // Held on, the lock would close a circle: a handler waits for MotionStateLock, whose owner, sending a notification,
     // waits for BusLock. Besides the loop's dispatch, the library serves calls at the end of its own waiting calls: one
     // may arrive with the answer to the object's registration.
     if (!holdsBus)
-        return handler(connection, object, request, method, message);
+        return handler(call);
     holdsBus = false;
     gContext.ubus.BusLock.unlock();
-    const int result = handler(connection, object, request, method, message);
+    handler(call);
     gContext.ubus.BusLock.lock();
     holdsBus = true;
-    return result;
 }

@@ -1,16 +1,17 @@
-// The door to the bus library: every call that it gets from us is made here, under BusLock.
+// The adapter of the bus library: every call to it is made here, under BusLock.
 //
 // The library keeps one output buffer and one table of parsed attributes for the whole process, so its calls must not
 // overlap, whatever connection they are for. BusLock is the innermost lock and is never held while something is waited
 // for but the bus daemon's own answer. Results are the library's: 0 for success, else its status.
 #pragma once
 
-#include "core/context.h"
+#include "ubus/method_call.h"
+#include "ubus/ubus_state.h"
 
 #include <stdint.h>
 
 /// Holds BusLock for the length of a scope. It is taken in no other way, so that a handler which the library calls from
-/// inside one of its own calls knows that it must give it back.
+/// inside one of its own calls knows that it must release it.
 class SCOPED_CAPABILITY BusGuard {
 public:
     BusGuard() ACQUIRE(gContext.ubus.BusLock);
@@ -23,8 +24,8 @@ public:
 [[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
 void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
 
-/// Frees the event loop's connection and the loop at the daemon's end. A thread that is inside the library while the
-/// bus daemon does not answer keeps it for ever: after `timeoutMs` both are left to the end of the process.
+/// Frees the event loop's connection and the loop at shutdown. A thread that is inside the library while the
+/// bus daemon does not answer keeps the lock for ever: after `timeoutMs` both are left to the end of the process.
 /// @return false then. Thread: main.
 [[nodiscard]] bool busEnd(ubus_context* connection, int32_t timeoutMs) EXCLUDES(gContext.ubus.BusLock);
 
@@ -50,17 +51,14 @@ void busHandle(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
 /// reconnection.
 void busDispatchUnderLock(ubus_context* connection);
 
-/// A method handler, called without any lock on the event loop's thread; it answers once and returns 0.
-using UbusHandler = int(ubus_context*, ubus_object*, ubus_request_data*, const char*, blob_attr*);
+/// Serves a call that the library dispatches, with BusLock released while the handler's body runs.
+void busServe(UbusHandler* handler, const Call& call);
 
-/// What the library calls for a method: `handler`, with BusLock given back while its body runs.
-int busServe(UbusHandler* handler, ubus_context* connection, ubus_object* object, ubus_request_data* request,
-             const char* method, blob_attr* message);
-
-/// busServe for one handler, as an entry of the method table.
+/// busServe for one handler, as an entry of the method table. @return 0, always: the outcome travels in the answer
+/// only.
 template <UbusHandler* handler>
-int served(ubus_context* connection, ubus_object* object, ubus_request_data* request, const char* method,
-           blob_attr* message)
+int served(ubus_context* connection, ubus_object*, ubus_request_data* request, const char*, blob_attr* arguments)
 {
-    return busServe(handler, connection, object, request, method, message);
+    busServe(handler, {connection, request, arguments});
+    return 0;
 }

@@ -1,0 +1,22 @@
+#include "motor/status_poll.h"
+
+#include "motor/motion_state.h"
+
+// A tick reads the axes first and decides under MotionStateLock afterwards. In between a motion may begin, and one that
+// has begun rests until its move requests are sent; neither may be taken for the motion's end. So a tick settles only
+// if every motion begun before it read the axes was started by then, and none has begun since.
+void motorStatusPoll(void*)
+{
+    const uint32_t started = gContext.motion.motionsStarted.load(); // first, as it never overtakes the other
+    if (gContext.motion.motionsBegun.load() != started)
+        return;
+    HeadStatus head{};
+    if (motorReadStatus(head) != RESULT_OK || head.running())
+        return;
+    // Whoever holds the lock may be sending a notification for seconds: the next tick asks again, and none piles up.
+    if (!gContext.motion.MotionStateLock.tryLock())
+        return;
+    if (gContext.motion.motionsBegun.load() == started)
+        motionSettlePolled();
+    gContext.motion.MotionStateLock.unlock();
+}
