@@ -41,7 +41,7 @@ void benchStart(const Effort& effort, Report& report)
     report.require(pair.valid(), "the lab starts");
     if (!pair.valid())
         return;
-    Callers callers(pair.socket(), 1);
+    Callers callers(pair.lab().busSocket(), 1);
     Sides ms;
     for (int start = 0; start < effort.starts; ++start) {
         pair.lab().programs.killPtzd(SIGTERM);
