@@ -33,14 +33,14 @@ struct LabOptions {
     /// Lab time per real time.
     double clockSpeed = 1;
     /// Local time "YYYY-MM-DD HH:MM:SS" that the wall clock starts with; empty: the machine's wall clock.
-    std::string wallClock;
+    std::string wallClock{};
     /// Packages of settings that replace the default ones: name and whole text of the file. Other packages are copied
     /// from the defaults unless the lab folder already has them.
-    std::map<std::string, std::string> config;
+    std::map<std::string, std::string> config{};
     /// The daemon's program file; empty: the one that was built with this lab.
-    std::string ptzd;
+    std::string ptzd{};
     /// NAME=VALUE for every program of the lab.
-    std::vector<std::string> environment;
+    std::vector<std::string> environment{};
     bool startBus = true;
     bool startCet = true;
     bool startPtzd = true;

@@ -41,8 +41,9 @@ std::string applyOption(const std::string& name, const std::string& value, LabOp
         good = parseNumber(value, 1, 100'000, speed);
         options.clockSpeed = speed;
     } else if (name == "--ptzd") {
+        std::error_code problem;
         good = access(value.c_str(), X_OK) == 0;
-        options.ptzd = fs::absolute(value).string();
+        options.ptzd = fs::absolute(value, problem).string();
     } else {
         return "there is no option " + name;
     }

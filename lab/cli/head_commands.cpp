@@ -17,16 +17,15 @@ namespace {
 
 constexpr const char* PROGRAMS[] = {"ubusd", "cet", "ptzd"};
 
-bool allRun(const Lab& lab)
+auto runningPrograms(const Lab& lab)
 {
-    return std::all_of(std::begin(PROGRAMS), std::end(PROGRAMS),
-                       [&](auto name) { return lab.programs.isRunning(name); });
+    return std::count_if(std::begin(PROGRAMS), std::end(PROGRAMS),
+                         [&](const char* name) { return lab.programs.isRunning(name); });
 }
 
-bool anyRuns(const Lab& lab)
+bool allRun(const Lab& lab)
 {
-    return std::any_of(std::begin(PROGRAMS), std::end(PROGRAMS),
-                       [&](auto name) { return lab.programs.isRunning(name); });
+    return runningPrograms(lab) == std::ssize(PROGRAMS);
 }
 
 std::string faultText(const LabFaults& faults)
@@ -147,7 +146,7 @@ Order upOrder(Arguments arguments)
 Order downOrder(Arguments arguments)
 {
     return inFolder(arguments, toDoAlone([](Lab& lab) {
-                        const bool anything = anyRuns(lab);
+                        const bool anything = runningPrograms(lab) > 0;
                         if (!lab.down())
                             return false;
                         printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());

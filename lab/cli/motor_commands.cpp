@@ -3,7 +3,6 @@
 #include "commands.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>

@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -85,15 +84,6 @@ int beginCall(ubus_context* context, Call& call, const std::string& object, cons
 }
 
 } // namespace
-
-bool busAnswers(const std::string& socket)
-{
-    const SocketAddress address(socket.c_str());
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answers = address.valid() && connect(fd, address.get(), sizeof(sockaddr_un)) == 0;
-    close(fd);
-    return answers;
-}
 
 LabReply callOnBus(const std::string& socket, const std::string& object, const std::string& method,
                    const std::string& json, std::chrono::milliseconds timeout)

@@ -6,16 +6,12 @@
 #include "lab/clock.h"
 #include "lab_paths.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -122,8 +118,10 @@ bool Lab::prepare(const LabOptions& wanted)
 {
     options = wanted;
     for (const char* name : FOLDERS) {
-        if (!makeFolders(folder() + "/" + name))
-            return fail("cannot create " + folder() + "/" + name + ": " + strerror(errno));
+        std::error_code problem;
+        fs::create_directories(folder() + "/" + name, problem);
+        if (problem)
+            return fail("cannot create " + folder() + "/" + name + ": " + problem.message());
     }
     if (!copySettings(folder(), options.config))
         return fail("cannot copy the settings to " + folder() + "/etc/config");

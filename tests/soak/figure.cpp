@@ -20,7 +20,7 @@ constexpr const char* STYLE = R"(
 )";
 
 /// One value over the hours, a course for each life.
-void drawCourses(Picture& picture, const Panel& panel, const std::vector<Sample>& samples, long Sample::*value)
+void drawCourses(Picture& picture, const Panel& panel, const std::vector<Sample>& samples, size_t what)
 {
     std::vector<std::pair<double, double>> points;
     for (size_t i = 0; i < samples.size(); ++i) {
@@ -32,10 +32,10 @@ void drawCourses(Picture& picture, const Panel& panel, const std::vector<Sample>
         }
         const auto sameAs = [&](size_t other) {
             return other < samples.size() && samples[other].life == sample.life &&
-                   samples[other].*value == sample.*value;
+                   samples[other].held[what] == sample.held[what];
         };
         if (!sameAs(i - 1) || !sameAs(i + 1)) // else on a level line
-            points.emplace_back(panel.x(sample.hours), panel.y(static_cast<double>(sample.*value)));
+            points.emplace_back(panel.x(sample.hours), panel.y(static_cast<double>(sample.held[what])));
     }
     picture.course("course", points);
 }
@@ -46,25 +46,24 @@ std::string drawSamples(const std::vector<Sample>& samples, const std::string& t
 {
     const struct {
         const char* name;
-        long Sample::*value;
         double height;
-    } rows[] = {{"Resident memory <tspan class='unit'>kB</tspan>", &Sample::residentKb, 180},
-                {"Open descriptors", &Sample::descriptors, 70},
-                {"Threads <tspan class='unit'>at rest</tspan>", &Sample::threads, 70},
-                {"Timers <tspan class='unit'>created</tspan>", &Sample::timers, 70}};
+    } rows[HELD_COUNT] = {{"Resident memory <tspan class='unit'>kB</tspan>", 180},
+                          {"Open descriptors", 70},
+                          {"Threads <tspan class='unit'>at rest</tspan>", 70},
+                          {"Timers <tspan class='unit'>created</tspan>", 70}};
     const double last = samples.empty() ? 0.1 : std::max(samples.back().hours, 0.1);
     Picture picture(WIDTH, title, STYLE);
     picture.text(LEFT, 26, title, "title");
     picture.text(LEFT, 46, "dashed: power cut and new start", "unit");
     Panel panel{LEFT, TOP, RIGHT - LEFT, 0, 0, last};
-    for (const auto& row : rows) {
-        panel.height = row.height;
+    for (size_t what = 0; what < HELD_COUNT; ++what) {
+        panel.height = rows[what].height;
         panel.toY = 1;
         for (const Sample& sample : samples)
-            panel.toY = std::max(panel.toY, 1.25 * static_cast<double>(sample.*row.value));
-        picture.text(LEFT, panel.top - 8, row.name);
+            panel.toY = std::max(panel.toY, 1.25 * static_cast<double>(sample.held[what]));
+        picture.text(LEFT, panel.top - 8, rows[what].name);
         panel.draw(picture, 0, panel.toY, std::max(roundStep(panel.toY, 4), 1.0));
-        drawCourses(picture, panel, samples, row.value);
+        drawCourses(picture, panel, samples, what);
         panel.top = panel.bottom() + GAP;
     }
     const bool inDays = last > 72;
