@@ -18,6 +18,6 @@ struct json_object;
 /// empty or memory is short.
 [[nodiscard]] int32_t json_array_to_strings(const char*** out, json_object* value);
 
-/// A blobmsg ARRAY argument as a JSON array, which the caller releases with json_object_put; null, reported, when it
+/// A blobmsg ARRAY argument as a JSON array, which the caller releases with json_object_put; null, logged, when it
 /// cannot be formatted or is no array.
 [[nodiscard]] json_object* json_alloc_get_json_array_from_blobmsg_array(blob_attr* attribute, const char* name);

@@ -36,10 +36,10 @@ void cfg_uci_deinit();
 /// next reload or commit of that package, so only a transaction may keep it.
 uci_package* cfg_uci_pkg_init(const char* name);
 
-/// Loads a package afresh from storage; on failure (CFG_UCI_FAILED, reported) it counts as not loaded from then on.
+/// Loads a package afresh from storage; on failure (CFG_UCI_FAILED, logged) it counts as not loaded from then on.
 int32_t cfg_uci_pkg_reload(int32_t id);
 
-/// Saves a package's changes and commits them to its file, durably. A failure is reported; changes that could not
+/// Saves a package's changes and commits them to its file, durably. A failure is logged; changes that could not
 /// be saved are then discarded with the next reload, saved ones wait in the change file: the package is read with them
 /// from then on, and the next commit that succeeds stores them.
 [[nodiscard]] int32_t cfg_uci_commit(int32_t id);

@@ -59,7 +59,7 @@ struct Held {
 };
 inline constinit thread_local Held held{};
 
-/// Says on standard error which two locks met in the wrong order, and aborts. Any thread, any state of the heap.
+/// Writes to standard error which two locks met in the wrong order, and aborts. Any thread, any state of the heap.
 [[noreturn]] inline void violated(const char* taken, const char* owned)
 {
     const auto part = [](const char* text) { return iovec{const_cast<char*>(text), __builtin_strlen(text)}; };
@@ -84,7 +84,7 @@ public:
             if (lock_order::held.times[rank] != 0 && (wanted.mayHold >> rank & 1) == 0)
                 lock_order::violated(wanted.name, lock_order::LOCKS[rank].name);
     }
-    /// Notes that the calling thread has taken this lock, or has given it back.
+    /// Notes that the calling thread has acquired this lock, or has released it.
     void taken() const
     {
         ++lock_order::held.times[rank_];

@@ -42,7 +42,7 @@ void savePending()
         saveCurSteps(nullptr);
 }
 
-/// Ends what runs beside the event loop and gives everything back, whichever way PtzdInit is left.
+/// Ends the timers and the worker threads and frees everything, whichever way PtzdInit is left.
 class Teardown {
 public:
     Teardown() = default;
@@ -93,7 +93,7 @@ int32_t PtzdInit()
         return -1;
     }
     loadSwitches();
-    (void)reloadPresetConfig(); // reported there, both: the daemon does without
+    (void)reloadPresetConfig(); // logged there, both: the daemon does without
     (void)reloadPresetList();
     gContext.motion.calibrating.store(1); // no tour moves a head that has not been calibrated yet
     if (TourInit() != 0)
@@ -112,7 +112,7 @@ int32_t PtzdInit()
     }
     if (calibrationStart() != 0)
         return -1;
-    (void)cfg_uci_commit(UCI_PTZD); // reported there
+    (void)cfg_uci_commit(UCI_PTZD); // logged there
     loadTargetTrackConfig();
     if (ubusInit() == -1) {
         LOG_ERROR("ubus error.\n");

@@ -34,13 +34,13 @@ struct Timers {
 [[nodiscard]] DaemonTimer timerRecord(void (*callback)(void*), void* argument);
 
 /// Creates the timer on the real-time clock, unarmed. The record must stay where it is from then on.
-/// @return 0; -1 when the record or its callback is missing or creation fails (reported on standard error).
+/// @return 0; -1 when the record or its callback is missing or creation fails (printed on standard error).
 /// Thread: main, before any expiry. No lock.
 [[nodiscard]] int32_t timerCreate(DaemonTimer* timer);
 
 /// Arms or re-arms the timer relative to now.
 /// @param firstNs, intervalNs  nanoseconds, not negative; an interval of 0 expires once
-/// @return 0; -1 when the record is missing or arming fails (reported on standard error).
+/// @return 0; -1 when the record is missing or arming fails (printed on standard error).
 /// Any thread; no lock.
 int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs);
 

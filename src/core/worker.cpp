@@ -16,7 +16,7 @@ constinit std::atomic<bool> stopping{false};
 
 int32_t workerStart(void* (*routine)(void*), void* argument)
 {
-    // Counted here, not on the new thread: the daemon's end must not overlook one that has not run yet.
+    // Counted here, not on the new thread: the shutdown must not overlook one that has not run yet.
     workerCount.fetch_add(1);
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, routine, argument) != 0) {

@@ -1,4 +1,4 @@
-// Threads beside the event loop: counted, so that the daemon's end can wait for them.
+// Worker threads: counted, so that the shutdown can wait for them.
 #pragma once
 
 #include <stdint.h>

@@ -11,7 +11,7 @@ struct Displacement {
     int64_t tilt;
 };
 
-/// The steps of a displacement from where the axes stand, cut at the travel limits.
+/// The steps of a displacement from where the axes are, cut at the travel limits.
 /// @return RESULT_OK, or ERR_NO_TRAVEL when an axis is to move but has no way to go. Any thread; no lock.
 [[nodiscard]] ResultCode displacementSteps(const Displacement& by, const HeadStatus& head,
                                            int32_t (&steps)[AXIS_COUNT]);

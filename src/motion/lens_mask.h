@@ -11,6 +11,6 @@
 /// The tilt axis's mask position in absolute steps, the same under every image flip. Any thread, no lock.
 [[nodiscard]] int32_t lensMaskTiltSteps();
 
-/// `lensMask`: makes the head follow the stored switch, into the mask position, storing where it stood, or back out to
+/// `lensMask`: makes the head follow the stored switch, into the mask position, storing where it was, or back out to
 /// the stored position. Takes MotionLock, MotionStateLock and ConfigStoreLock, one after the other.
 UbusHandler ubusLensMask;

@@ -51,7 +51,7 @@ ResultCode leaveTracking()
             return result;
     }
     if (!head.running() || origin != ORIGIN_RETURN)
-        (void)moveToLastPostion(); // reported there; the switch itself has been taken over
+        (void)moveToLastPostion(); // logged there; the switch itself has been taken over
     return RESULT_OK;
 }
 

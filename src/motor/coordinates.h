@@ -23,7 +23,7 @@ struct CoordRange {
 /// What a commanded coordinate may be, its sign applied; both ends are allowed.
 inline constexpr CoordRange CoordLimits[AXIS_COUNT] = {{-150, 150}, {-39, 61}};
 
-/// The senses of both axes under each image flip type.
+/// The signs of both axes under each image flip type.
 inline constexpr int32_t FlipSignTable[4][AXIS_COUNT] = {{1, 1}, {-1, 1}, {1, -1}, {-1, -1}};
 
 /// An axis's sign under the current image flip type: +1 or -1.

@@ -47,7 +47,7 @@ struct MotorStatus {
     int32_t reserved;
     int32_t speed;
     int32_t position;  // steps from the axis's zero end
-    int32_t running;   // 0 while the axis stands still
+    int32_t running;   // 0 while the axis rests
     int32_t direction; // +1 or -1
 };
 
@@ -109,7 +109,7 @@ void motorClose(AxisIndex axis);
 /// Both axes' statuses, pan first; tilt is not asked when pan fails.
 [[nodiscard]] ResultCode motorReadStatus(HeadStatus& out);
 
-/// Tells the driver the absolute position, in steps, that the axis stands at.
+/// Sets the absolute position, in steps, that the driver takes the axis to be at.
 [[nodiscard]] ResultCode motorSetPosition(AxisIndex axis, int32_t steps);
 
 /// Sets the speed the axis uses from now on, also while it runs.

@@ -3,6 +3,6 @@
 
 #include "ubus/method_call.h"
 
-/// `test`: swings both axes over their whole travel `times` times, on a thread of its own, beside whatever else moves
-/// the head: no refusal, no notification.
+/// `test`: swings both axes over their whole travel `times` times, on a separate thread, at the same time as whatever
+/// else moves the head: no refusal, no notification.
 UbusHandler ubusTestMotorRotate;

@@ -82,7 +82,7 @@ ResultCode choosePlace(const PresetTable& table, PresetRequest& wanted)
     return table.presetTable[wanted.slot - 1].read_only != 0 ? ERR_READ_ONLY : RESULT_OK;
 }
 
-/// Where the head stands, from -1.0 to 1.0 over each axis's travel.
+/// Where the head is, from -1.0 to 1.0 over each axis's travel.
 ResultCode capture(double (&position)[AXIS_COUNT])
 {
     HeadStatus head{};
@@ -131,7 +131,7 @@ int32_t keep(const PresetTable& table)
     const int32_t result = savePresetList();
     if (result != RESULT_OK) {
         presetTableSet(before);
-        (void)reloadPresetList(); // reported there
+        (void)reloadPresetList(); // logged there
     }
     return result;
 }
@@ -254,7 +254,7 @@ void ubusDeletePreset(const Call& call)
         return replyCode(call, ERR_PARAM);
     }
     pack(table);
-    (void)keep(table); // not reported
+    (void)keep(table); // a failure is not answered
     replyCode(call, plan_drop_presets({ids, static_cast<size_t>(count)}));
 }
 
@@ -268,7 +268,7 @@ void ubusClearPreset(const Call& call)
         entry.enabled = 0;
         clearPosition(entry);
     }
-    (void)keep(table); // not reported
+    (void)keep(table); // a failure is not answered
     replyCode(call, plan_drop_all());
 }
 

@@ -115,7 +115,7 @@ int32_t reloadPresetList()
     {
         const UciTransaction transaction(UCI_PTZD);
         if (cfg_uci_pkg_reload(UCI_PTZD) != 0)
-            return ERR_DEVICE; // reported there; an unreadable list is not an empty one
+            return ERR_DEVICE; // logged there; an unreadable list is not an empty one
         gContext.preset.presetsLoaded = true;
         for (int slot = 1; slot <= PRESET_COUNT && result == RESULT_OK; ++slot) {
             const SectionName section = sectionOf(slot);
@@ -144,9 +144,9 @@ int32_t reloadPresetList()
 int32_t savePresetList()
 {
     if (!gContext.preset.presetsLoaded)
-        return ERR_DEVICE; // reported then: what stands in storage is not known, and must not be replaced
+        return ERR_DEVICE; // logged then: what is in storage is not known, and must not be replaced
     const UciTransaction transaction(UCI_PTZD);
-    (void)cfg_uci_pkg_reload(UCI_PTZD); // reported there; nothing can be set then
+    (void)cfg_uci_pkg_reload(UCI_PTZD); // logged there; nothing can be set then
     for (int slot = 1; slot <= PRESET_COUNT; ++slot) {
         const SectionName section = sectionOf(slot);
         if (cfg_uci_delete(UCI_PTZD, section.text, "preset") != 0) {

@@ -39,7 +39,7 @@ struct PresetState {
     std::atomic<float> tiltSpeedFactor{1.0F};
 };
 
-/// The table as it stands. Any thread; takes PresetLock.
+/// The table as it is now. Any thread; takes PresetLock.
 [[nodiscard]] PresetTable presetTableNow() EXCLUDES(gContext.preset.PresetLock);
 
 /// Puts a table in its place, whole. Thread: event loop; takes PresetLock.
@@ -52,18 +52,18 @@ void presetTableSet(const PresetTable& table) EXCLUDES(gContext.preset.PresetLoc
 /// does not.
 [[nodiscard]] bool presetNameStorable(const char* name);
 
-/// Replaces the table by what is stored; a missing section is a free slot, and so is, reported, an enabled one whose id
+/// Replaces the table by what is stored; a missing section is a free slot, and so is, logged, an enabled one whose id
 /// is not 1..8. On success the preset tour starts anew.
-/// @return RESULT_OK; ERR_DEVICE, reported, when an option but `name` cannot be read: the slots from there on are free;
+/// @return RESULT_OK; ERR_DEVICE, logged, when an option but `name` cannot be read: the slots from there on are free;
 /// or when the whole list cannot be read: the table stays as it is.
 /// Thread: main; takes ConfigStoreLock and PresetLock.
 [[nodiscard]] int32_t reloadPresetList() EXCLUDES(gContext.preset.PresetLock);
 
-/// Stores the table. @return RESULT_OK; ERR_DEVICE when a change fails, reported, or before any reloadPresetList has
+/// Stores the table. @return RESULT_OK; ERR_DEVICE when a change fails, logged, or before any reloadPresetList has
 /// read the list; CFG_UCI_FAILED when the commit fails. Then reloadPresetList makes memory match storage again.
 /// Thread: event loop; takes ConfigStoreLock and, under it, PresetLock.
 [[nodiscard]] int32_t savePresetList() EXCLUDES(gContext.preset.PresetLock);
 
-/// Loads presetSpeed and presetImageFreezeEnabled. @return RESULT_OK or ERR_DEVICE, reported; what was read before the
+/// Loads presetSpeed and presetImageFreezeEnabled. @return RESULT_OK or ERR_DEVICE, logged; what was read before the
 /// failure counts. Thread: main; takes ConfigStoreLock.
 [[nodiscard]] int32_t reloadPresetConfig();

@@ -11,7 +11,7 @@
 #include <stdint.h>
 
 /// Holds BusLock for the length of a scope. It is taken in no other way, so that a handler which the library calls from
-/// inside one of its own calls knows that it must give it back.
+/// inside one of its own calls knows that it must release it.
 class SCOPED_CAPABILITY BusGuard {
 public:
     BusGuard() ACQUIRE(gContext.ubus.BusLock);
@@ -24,8 +24,8 @@ public:
 [[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
 void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
 
-/// Frees the event loop's connection and the loop at the daemon's end. A thread that is inside the library while the
-/// bus daemon does not answer keeps it for ever: after `timeoutMs` both are left to the end of the process.
+/// Frees the event loop's connection and the loop at shutdown. A thread that is inside the library while the
+/// bus daemon does not answer keeps the lock for ever: after `timeoutMs` both are left to the end of the process.
 /// @return false then. Thread: main.
 [[nodiscard]] bool busEnd(ubus_context* connection, int32_t timeoutMs) EXCLUDES(gContext.ubus.BusLock);
 

@@ -11,6 +11,6 @@ struct Call {
 };
 
 /// Serves one method. It parses the arguments by the method's policy, acts, and answers exactly once before it returns;
-/// whatever fails is told in the answer's code. Arguments that the policy does not name are ignored.
+/// every failure is a code in the answer. Arguments that the policy does not name are ignored.
 /// Thread: event loop. It is called without a lock and takes those of what it calls, one after the other.
 using UbusHandler = void(const Call& call);

@@ -1,4 +1,4 @@
-// How every method answers: one table in replyBuf with the result's code and whatever else the method reports.
+// How every method answers: one table in replyBuf with the result's code and whatever else the method answers.
 //
 // Thread: event loop only; replyBuf needs no lock. The sending calls take BusLock.
 #pragma once

@@ -182,9 +182,9 @@ void motorNotifyState(int32_t state, int32_t origin)
     if (state != NOTIFY_IDLE && state != NOTIFY_MOVING)
         return;
     const bool moving = state == NOTIFY_MOVING;
-    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // reported there
+    (void)ubusNotifyWithParam(moving ? "notify_motor_moving" : "notify_motor_idle", origin); // logged there
     if (origin != ORIGIN_TRACK)
-        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // reported there
+        (void)ubus_send_alarm_event(moving ? "start" : "stop"); // logged there
 }
 
 int32_t ubusNotifyWithParam(const char* method, int32_t origin)

@@ -1,4 +1,4 @@
-// What the daemon tells others about the head's motion: a call to the object "CET" and a broadcast event.
+// The notifications of the head's motion: a call to the object "CET" and a broadcast event.
 //
 // Each uses a connection of its own for its length, so the event loop's is never blocked; the calling thread is: by a
 // missing "CET" for about a second, by one that does not answer for another.
@@ -14,17 +14,18 @@ enum NotifyState : int32_t {
     NOTIFY_MOVING = 1,
 };
 
-/// Tells that the head has stopped or started: the call, and, unless the origin is ORIGIN_TRACK, the event. Any other
-/// state sends nothing. Failures are reported and otherwise ignored. Any thread; needs MotionStateLock, takes BusLock.
+/// Notifies that the head has stopped or started: the call, and, unless the origin is ORIGIN_TRACK, the event. Any
+/// other state sends nothing. Failures are logged and otherwise ignored. Any thread; needs MotionStateLock, takes
+/// BusLock.
 void motorNotifyState(int32_t state, int32_t origin) REQUIRES(gContext.motion.MotionStateLock)
     EXCLUDES(gContext.ubus.BusLock);
 
 /// Calls a method of "CET" with the motion's origin as the text `type` and waits at most 1000 ms for its answer.
-/// @return 0 when it answered err_code 0, else -1, reported. Threads and locks as motorNotifyState.
+/// @return 0 when it answered err_code 0, else -1, logged. Threads and locks as motorNotifyState.
 int32_t ubusNotifyWithParam(const char* method, int32_t origin) REQUIRES(gContext.motion.MotionStateLock)
     EXCLUDES(gContext.ubus.BusLock);
 
 /// Broadcasts "motor_rotate_event" with an action, "start" or "stop", and waits at most 1000 ms for the bus daemon's
-/// word. @return 0; the bus library's status when it could not be sent, -1 without a connection, both reported.
+/// answer. @return 0; the bus library's status when it could not be sent, -1 without a connection, both logged.
 /// Any thread; takes BusLock.
 int32_t ubus_send_alarm_event(const char* action) EXCLUDES(gContext.ubus.BusLock);

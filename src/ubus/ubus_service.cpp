@@ -24,7 +24,7 @@ constexpr char CONSOLE_NOTICE[] = "PTZD: can not connect to ubusd\n";
 constexpr int RETRIES = 2;
 constexpr int RETRY_PAUSE_MS = 1000;
 constexpr int RECONNECT_MS = 2000;
-constexpr int BUS_END_MS = 200; // beside what the workers get, within two seconds in all
+constexpr int BUS_END_MS = 200; // in addition to what the workers get, within two seconds in all
 
 ubus_context* connectLocked(const char* path)
 {
@@ -52,7 +52,7 @@ ubus_context* connectWithRetries()
     }
 }
 
-/// Tells whoever watches the console that there is no bus; logs under the caller's name what keeps it from that.
+/// Writes to the console that there is no bus; logs under the caller's name what keeps it from that.
 void writeConsoleNotice(LogSite caller = logSite())
 {
     const int console = open(CONSOLE_PATH, O_WRONLY | O_NOCTTY | O_CLOEXEC);
@@ -86,7 +86,7 @@ bool reconnect() REQUIRES(gContext.ubus.BusLock)
     ubus_context* connection = gContext.ubus.gUbusctx;
     if (busReconnect(connection, UBUS_SOCKET) != UBUS_STATUS_OK)
         return false;
-    // The library registers its objects again but says nothing when that fails, and then forgets the object.
+    // The library registers its objects again but returns no error when that fails, and then drops the object.
     ubus_object& object = ptzdObject();
     return object.id != 0 || (busAddObject(connection, &object) == UBUS_STATUS_OK && object.id != 0);
 }

@@ -3,10 +3,14 @@
 
 #include "lab/lab.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
+
+inline constexpr LabAxisId AXES[] = {LAB_PAN, LAB_TILT};
 
 /// The daemon did something else than the rules say.
 struct Mismatch {
@@ -16,8 +20,25 @@ struct Mismatch {
 /// The machine was too slow for the test to know whether a save came before or after something else.
 struct Inconclusive {};
 
-void require(bool condition, const std::string& text);
-std::string textOf(const LabJournalEntry& entry);
+inline void require(bool condition, const std::string& text)
+{
+    if (!condition)
+        throw Mismatch{text};
+}
+
+inline std::string textOf(LabAxisId axis, const std::string& request, const std::vector<int32_t>& words = {})
+{
+    std::string text = (axis == LAB_PAN ? "x " : "y ") + request;
+    for (const int32_t word : words)
+        text += " " + std::to_string(word);
+    return text;
+}
+
+inline std::string textOf(const LabJournalEntry& entry)
+{
+    return "\"" + textOf(entry.axis, entry.request, entry.in) + (entry.result == 0 ? "" : " (failed)") + "\" at " +
+           std::to_string(entry.count);
+}
 
 /// A notification that CET got.
 struct Notification {
@@ -34,16 +55,89 @@ struct Evidence {
     std::vector<Notification> notifications;
     std::set<pid_t> lasting; // the daemon's threads at rest: of those only the touring one sends requests
 
-    void load(const Lab& lab);
+    void load(const Lab& lab)
+    {
+        // What happened up to now: of two things the one that led to the other is then never missing.
+        const int64_t now = lab.clock.nowNs();
+        log = lab.records.cetLog();
+        entries = lab.records.journal();
+        std::erase_if(log, [now](const LabCetEntry& entry) { return entry.labNs > now; });
+        std::erase_if(entries, [now](const LabJournalEntry& entry) { return entry.labNs > now; });
+        notifications.clear();
+        for (const LabCetEntry& entry : log)
+            if (!entry.isEvent)
+                notifications.push_back({entry.labNs, entry.name == "notify_motor_moving", atoi(entry.text.c_str())});
+    }
     /// The next entry of the event loop's thread at or after `at`, or entries.size().
-    size_t nextOfLoop() const;
+    size_t nextOfLoop() const
+    {
+        size_t i = at;
+        while (i < entries.size() && entries[i].thread != entries[i].pid)
+            ++i;
+        return i;
+    }
+    /// The event loop's thread is seen to do no more.
+    bool loopIsDone() const
+    {
+        return nextOfLoop() == entries.size();
+    }
+    void requireLoopDone(const std::string& why) const
+    {
+        if (!loopIsDone())
+            throw Mismatch{why + ": " + textOf(entries[nextOfLoop()])};
+    }
+    /// Lab time of the event loop's next entry, or `otherwise`.
+    int64_t nextOfLoopNs(int64_t otherwise) const
+    {
+        return loopIsDone() ? otherwise : entries[nextOfLoop()].labNs;
+    }
     /// Lab time of the latest entry of the event loop's thread before `at`; 0 without one.
-    int64_t lastOfLoopNs() const;
+    int64_t lastOfLoopNs() const
+    {
+        for (size_t i = at; i-- > 0;)
+            if (entries[i].thread == entries[i].pid)
+                return entries[i].labNs;
+        return 0;
+    }
     /// True when the event loop's thread made a request between two moments.
-    bool loopActed(int64_t fromNs, int64_t toNs) const;
-    /// The moves of an axis that was under way then, as an index into entries, or entries.size().
-    size_t moveUnderWay(LabAxisId axis, int64_t labNs) const;
+    bool loopActed(int64_t fromNs, int64_t toNs) const
+    {
+        return std::any_of(entries.begin(), entries.end(), [&](const LabJournalEntry& entry) {
+            return entry.thread == entry.pid && entry.labNs >= fromNs && entry.labNs <= toNs;
+        });
+    }
+    /// The request whose motion of an axis was under way then, as an index into entries, or entries.size().
+    size_t moveUnderWay(LabAxisId axis, int64_t labNs) const
+    {
+        const size_t none = entries.size();
+        size_t last = none;
+        for (size_t i = 0; i < entries.size() && entries[i].labNs <= labNs; ++i)
+            if (entries[i].axis == axis)
+                last = i;
+        if (last == none || entries[last].rate == 0)
+            return none;
+        // The last step counts as made: it was begun at an unknown moment.
+        const int64_t steps = std::abs(int64_t{entries[last].left}) - 1;
+        if (labNs >= entries[last].labNs + steps * 1'000'000'000 / std::abs(entries[last].rate))
+            return none;
+        const auto started = [&](const LabJournalEntry& other) {
+            return other.axis == axis && other.result == 0 && (other.request == "MOVE" || other.request == "ROTATE");
+        };
+        while (last > 0 && !started(entries[last]))
+            --last;
+        return last;
+    }
     /// Every notification but those of tracking has its event, in order and each after its call; says what is wrong.
-    /// With `all` false the last events may still be on their way.
-    std::string wrongEvents(bool all) const;
+    std::string wrongEvents() const
+    {
+        std::vector<std::string> due; // the actions of the events, by their calls
+        size_t answered = 0;
+        for (const LabCetEntry& entry : log) {
+            if (!entry.isEvent && entry.text != "1")
+                due.push_back(entry.name == "notify_motor_moving" ? "start" : "stop");
+            else if (entry.isEvent && (answered == due.size() || entry.text != due[answered++]))
+                return "an event \"" + entry.text + "\" that is not due";
+        }
+        return answered < due.size() ? "a notification without its event" : "";
+    }
 };

@@ -1,223 +1,311 @@
 #pragma once
-// The rules of the head's motion methods in their plainest form: a few variables and a function a method.
-//
-// The model runs after the daemon: it goes through the requests that the daemon sent, takes the devices' answers from
-// the journal, and throws a Mismatch where the daemon did something else than the rules say. What the devices answered
-// is thereby known also in mid-motion and after faults.
+// The rules of the daemon's methods in their plainest form: a function a method.
 
-#include "evidence.h"
-#include "motion_judge.h"
-#include "steps.h"
-#include "tours.h"
+#include "head_presets.h"
 
-#include <deque>
-#include <map>
-#include <optional>
-#include <string>
-#include <vector>
-
-enum Code : int32_t {
-    CODE_OK = 0,
-    CODE_DEVICE = -64301,
-    CODE_PARAM = -64302,
-    CODE_CALIBRATING = -64303,
-    CODE_NO_TRAVEL = -64304,
-    CODE_MOVING = -64305,
-    CODE_FULL = -64306,
-    CODE_NAME = -64308,
-    CODE_FACTOR = -64317,
-    CODE_PRESET = -64321,
-    CODE_LENS_MASK = -64324,
-    CODE_PANORAMA = -64329,
-    CODE_PLAN = 64302,
-};
-
-struct ModelAxis {
-    LabAxisSetting made{};
-    int32_t lower = 0; // limits and home in coordinates
-    int32_t upper = 0;
-    int32_t home = 0;
-    std::string section;
-
-    // Where the axis stands, or will once its motion is over. Count and shaft differ after a failed calibration.
-    int32_t count = 0;
-    int32_t shaft = 0;
-    bool moving = false;
-
-    std::optional<int32_t> stored{};      // steps
-    std::optional<int32_t> speedOption{}; // as the daemon holds it
-    std::optional<int32_t> speedInFile{}; // as last committed
-};
-
-/// Fields of a status, as the device answered.
-struct Reading {
-    std::vector<int32_t> words{0, 0, 0, 0, 0};
-    int32_t speed() const
-    {
-        return words[1];
-    }
-    int32_t position() const
-    {
-        return words[2];
-    }
-    bool running() const
-    {
-        return words[3] != 0;
-    }
-};
-
-struct PendingSave {
-    int64_t earliestNs; // lab time of the arming, from and to
-    int64_t latestNs;
-};
-
-/// A request that the calibration or the test is to make.
-struct WorkerRequest {
-    LabAxisId axis;
-    std::string request;
-    int32_t word;
-};
-
-/// Decimal text as a number; what is out of range saturates, what is no number is 0.
-int64_t number(const std::string& text);
-
-class HeadModel {
+class HeadModel : public HeadPresets {
 public:
-    HeadModel(Evidence& evidence, const LabAxisSetting& pan, const LabAxisSetting& tilt);
-
-    /// What the settings files hold.
-    struct Settings {
-        std::optional<std::string> flip;
-        std::optional<std::string> mask;
-        std::optional<std::string> track;
-        int32_t recover = 1;
-    } settings;
-
-    ModelAxis axes[LAB_AXIS_COUNT];
-    TourWorld world;
-    Presets storedPresets;
-    MotionJudge motions;
-    std::optional<PendingSave> save;
-    /// Whether a position may be stored: not while the mask is on, until a mask off has come to rest. After a mask that
-    /// failed, until a command has taken the head out of its zone.
-    enum class Storing { FREE, NEVER, ONCE_AT_REST } storing = Storing::FREE;
-    bool atRest = false;      // nothing is under way, so that only a save may look at the axes
-    bool calibrating = false; // perhaps: it ends at a moment that nobody sees
-
-    /// Whether a save comes by itself.
-    bool saveDue() const
+    HeadModel(Evidence& evidence, Files& files, const LabOptions& options, const LabAxisNow (&found)[LAB_AXIS_COUNT])
+        : HeadPresets(evidence, files, options, found)
     {
-        return save && storing != Storing::NEVER;
+        addMotions();
+        addPanorama();
+        addTracking();
+        addSettings();
     }
-    /// A daemon that has just started on the settings and found the axes where they stand.
-    void start();
-    /// What the daemon answers to the step, which was called and answered with `reply` at these lab times. Judges its
-    /// requests.
-    std::string expect(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs);
-    /// Judges what threads did up to the end of what is loaded.
-    void judgeThreads();
-    /// True once nothing is under way any more, as far as loaded.
-    bool hasSettled() const;
-    void settle();
-    /// Follows an axis through a request.
-    void fold(const LabJournalEntry& entry);
-    /// What the file of the daemon's package must hold, option by option.
-    std::map<std::string, std::optional<std::string>> storedOptions() const;
-    /// A speed that the calibration corrected goes to the file with the next commit, at the start perhaps at once.
-    bool mayHold(const std::string& option, const std::string& value) const;
-    /// True when a calibration has corrected a speed, or may have, and no commit has followed.
-    bool speedsDiffer() const;
-    std::string describe() const;
 
 private:
-    // Requests of the event loop, in order; each throws unless it is the next.
-    bool ask(LabAxisId axis, const std::string& request, const std::vector<int32_t>* words = nullptr);
-    bool nextIs(const std::string& request) const;
-    bool readStatus();
-    bool halt();
-    void begin(Begin kind);
-    Code drive(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
-    void cancelStep();
-    void saveNow(bool halted);
-    void leavesMask();
-    void seeRest();
-    void armSave();
-    void commit();
-
-    int32_t toSteps(LabAxisId axis, int64_t coordinate) const;
-    int32_t toCoordinate(LabAxisId axis, int32_t steps) const;
-    int32_t relative(LabAxisId axis, int64_t coordinates) const;
-    int32_t sign(LabAxisId axis) const;
-    bool running() const;
-    int32_t position(LabAxisId axis) const;
-    std::vector<int32_t> command(LabAxisId axis, int32_t speed, int32_t steps, bool fromStatus) const;
-    int32_t storedOrHome(LabAxisId axis) const;
-
-    void judgeThread(const LabJournalEntry& entry);
-    void judgeSaveRead(const LabJournalEntry& entry);
-    void judgeTour(const LabJournalEntry& entry);
-    void judgeWorker(const LabJournalEntry& entry);
-    void queueCalibration(const int32_t (&returnSteps)[LAB_AXIS_COUNT]);
-    bool stillCalibrating();
-    Code busy(bool panoramaCounts = true);
-    bool loadFlip();
-
-    Code move(const Step& step);
-    Code moveTo(const Step& step);
-    Code stop();
-    Code moveStep(const Step& step);
-    Code aimStep(int32_t direction, const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
-    Code startPanorama();
-    Code movePanorama(const Step& step);
-    Code stopPanorama();
-    Code returnTo(const std::vector<int32_t>& pan, const std::vector<int32_t>& tilt);
-    Code targetTrack(const Step& step);
-    Code targetTrackBack();
-    Code reloadTargetTrack();
-    Code lensMask();
-    Code setConfig(const Step& step);
-    Code setPowerOffRecover(const Step& step);
-    Code manualCalibrate();
-    Code test(const Step& step);
-    Code updateImage();
-    int32_t presetSteps(LabAxisId axis, const PresetSlot& preset, const Reading& reading) const;
-    Code gotoPreset(const Step& step);
-    Code setFactor(const std::optional<std::string>& text, LabAxisId axis);
-    Code setPreset(const Step& step);
-    Code capture(PresetSlot& slot);
-    Code delPreset(const Step& step);
-    Code clearPreset();
-    Code setPlan(const Step& step);
-    void readPresets();
-    void savePresets();
-    void savePendingPlan();
-    std::string presetList() const;
-    std::string capability() const;
-    std::string status();
-
-    Evidence& evidence_;
-    int64_t endsBefore_ = 0; // what motions.ends() was when storing became ONCE_AT_REST
-    std::string reply_;
-    int32_t replied_ = 0; // the code that the daemon gave
-    int64_t calledNs_ = 0;
-    std::string fields_; // of the reply, before the code
-    Reading readings_[LAB_AXIS_COUNT];
-
-    bool recover_ = true;
-    bool panorama_ = false;
-    bool mask_ = false;
-    bool track_ = false;
-    int flip_ = 0;
-    enum class StepMove { NONE, RUNS, FADES } stepMove_ = StepMove::NONE;
-    int32_t stepDirection_ = 0;
-    bool stepStopsTilt_ = false; // the closing stop of pan was seen
-    bool saveReadPan_ = false;
-    bool saveReadRunning_ = false;
-    /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
-    std::optional<int64_t> saveCommitsFromNs_{};
-    std::deque<WorkerRequest> worker_; // what is left of a calibration or a test
-    Plan pendingPlan_;
-    Reading tourReadings_[LAB_AXIS_COUNT];
-    std::string tourDid_; // its latest request that succeeded
-    int64_t tourReadNs_ = 0;
+    void addMotions()
+    {
+        methods_["move"] = [this](const Step& step) {
+            const Pair way = coordinates(step);
+            refuseBusy();
+            look();
+            const Pair steps = relative(way);
+            haltIfRunning();
+            const bool done = go(Begin::USER, NO_SPEEDS, steps);
+            armSave();
+            refuse(!done, CODE_DEVICE);
+        };
+        methods_["moveTo"] = [this](const Step& step) {
+            const Pair target = coordinates(step, true);
+            refuseBusy();
+            look();
+            haltIfRunning();
+            const bool done = go(Begin::USER, readSpeeds(), wayTo(toSteps(target)), true);
+            armSave();
+            refuse(!done, CODE_DEVICE);
+        };
+        methods_["stop"] = [this](const Step&) {
+            refuseBusy();
+            cancelStep();
+            const bool stopped = askBoth("STOP");
+            motions.stop(calledNs_, evidence_.lastOfLoopNs());
+            armSave();
+            refuse(!stopped, CODE_DEVICE);
+        };
+        methods_["moveStep"] = [this](const Step& step) {
+            const int64_t direction = number(step.argument("direction").value_or("-1"));
+            refuse(direction < 0 || direction > 359, CODE_PARAM);
+            refuseBusy();
+            look();
+            const bool isTilt = (direction >= 46 && direction <= 134) || (direction >= 226 && direction <= 314);
+            const LabAxisId axis = isTilt ? LAB_TILT : LAB_PAN;
+            const bool forward = (isTilt ? direction < 180 : direction <= 45 || direction >= 315) == (sign(axis) > 0);
+            Pair steps{};
+            steps[axis] = axes[axis].toSteps(forward ? axes[axis].upper : axes[axis].lower) - position(axis);
+            refuse(steps[axis] == 0, CODE_NO_TRAVEL);
+            // Whether a step ran when the handler looked shows in what it did next.
+            const bool isNew = nextIs("GET_STATUS");
+            if (isNew) {
+                const bool read = askBoth("GET_STATUS");
+                require(stepMove_ != StepMove::RUNS, "a new step although one runs");
+                stepMove_ = StepMove::NONE;
+                refuse(!read || (running() && !askBoth("STOP")), CODE_DEVICE);
+            } else {
+                require(stepMove_ != StepMove::NONE, "a step goes on although none runs");
+                if (stepDirection_ == direction)
+                    return armSave();
+                const bool panStops = ask(LAB_PAN, "STOP");
+                const bool tiltStops = ask(LAB_TILT, "STOP");
+                refuse(!panStops || !tiltStops, CODE_DEVICE);
+                // The motion may have come to its end at a limit.
+                motions.change([](MotionState& state) { ++state.begins; }, false);
+            }
+            motions.follow(evidence_.lastOfLoopNs());
+            const size_t first = evidence_.nextOfLoop();
+            atRest = false;
+            const bool done = drive(NO_SPEEDS, steps);
+            for (size_t i = first; i < evidence_.at; ++i)
+                motions.stepMoves.insert(i);
+            refuse(!done, CODE_DEVICE);
+            if (isNew)
+                motions.change([](MotionState& state) { ++state.begins; });
+            leavesMask();
+            stepMove_ = StepMove::RUNS;
+            stepDirection_ = direction;
+            armSave();
+        };
+    }
+    void addPanorama()
+    {
+        methods_["startPanorama"] = [this](const Step&) {
+            refuseBusy(false);
+            panorama_ = false; // if it fails
+            look();
+            const bool turned = running();
+            haltIfRunning();
+            saveNow(turned);
+            const Pair start = toSteps({sign(LAB_PAN) * -150, sign(LAB_TILT) * -10});
+            refuse(!go(Begin::USER, maxSpeeds(), wayTo(start), true), CODE_DEVICE);
+            panorama_ = true;
+        };
+        methods_["movePanorama"] = [this](const Step& step) {
+            const Pair way = coordinates(step, true);
+            look();
+            const Pair steps = relative(way);
+            haltIfRunning();
+            refuse(!go(Begin::USER, maxSpeeds(), steps), CODE_DEVICE);
+        };
+        methods_["stopPanorama"] = [this](const Step&) {
+            panorama_ = false;
+            look();
+            haltIfRunning();
+            refuse(!go(Begin::USER, maxSpeeds(), wayTo(storedOrHome()), true), CODE_DEVICE);
+        };
+    }
+    void addTracking()
+    {
+        methods_["targetTrack"] = [this](const Step& step) {
+            const Pair way = coordinates(step);
+            const auto speed = [&](LabAxisId axis) {
+                const auto text = step.argument(axis == LAB_PAN ? "x_speed" : "y_speed");
+                refuse(!text, CODE_PARAM);
+                return std::clamp<int64_t>(number(*text), 1, axes[axis].made.max_speed);
+            };
+            const Pair speeds = forEach(speed);
+            refuseBusy();
+            look();
+            refuse(running(), CODE_CALIBRATING);
+            // A save that is due is one of a user's command, whatever origin the motion has kept.
+            const bool asksOrigin = !save_ && storing_ == Storing::FREE;
+            const bool saves = nextIs("GET_STATUS");
+            if (asksOrigin)
+                motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR},
+                                   saves ? "the position is stored again in the middle of a tracking"
+                                         : "the position before a tracking is not stored");
+            if (save_ || saves)
+                saveNow(false);
+            const Pair steps = relative(way);
+            refuse(!go(Begin::TRACK, speeds, steps), CODE_DEVICE);
+        };
+        methods_["targetTrackBack"] = [this](const Step&) {
+            motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+            refuseBusy();
+            refuse(!files_.steps[LAB_PAN] || !files_.steps[LAB_TILT], CODE_DEVICE);
+            look();
+            if (running()) {
+                const bool halts = nextIs("STOP");
+                motions.keepOrigin(halts, {ORIGIN_TRACK},
+                                   halts ? "a return stops a motion that is no tracking"
+                                         : "a return does not end the tracking");
+                refuse(!halts, CODE_CALIBRATING);
+                halt();
+                look();
+            }
+            const Pair steps = wayTo(storedOrHome());
+            if (!nextIs("MOVE")) {
+                if (steps != Pair{})
+                    motions.keepOrigin(true, {ORIGIN_USER}, "a return does not move");
+                return;
+            }
+            motions.keepOrigin(false, {ORIGIN_USER}, "a return although a user moved the head last");
+            require(steps != Pair{}, "a return moves to where the head is");
+            refuse(!go(Begin::RETURN, readSpeeds(), steps, true), CODE_DEVICE);
+        };
+        methods_["reloadTargetTrackConfig"] = [this](const Step& step) {
+            const bool before = track_;
+            track_ = files_.isOn("@track");
+            if (!before || track_ || mask_)
+                return;
+            if (calibrating && evidence_.loopIsDone() && replied_ == CODE_OK)
+                return;
+            (void)stillCalibrating();
+            refuse(panorama_, CODE_PANORAMA);
+            look();
+            const bool ran = running();
+            if (ran) {
+                const bool halts = nextIs("STOP");
+                motions.keepOrigin(halts, {ORIGIN_TRACK},
+                                   halts ? "the end of tracking stops another motion"
+                                         : "the end of tracking does not stop it");
+                refuse(halts && !askBoth("STOP"), CODE_DEVICE);
+            }
+            if (!evidence_.loopIsDone()) {
+                if (ran)
+                    motions.keepOrigin(false, {ORIGIN_RETURN}, "a return begins twice");
+                try {
+                    methods_["targetTrackBack"](step);
+                } catch (const Refusal&) { // which the switch is not answered with
+                }
+                return;
+            }
+            const bool lost = !files_.steps[LAB_PAN] || !files_.steps[LAB_TILT];
+            require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
+            if (lost)
+                motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+        };
+        methods_["lensMask"] = [this](const Step&) {
+            refuse(stillCalibrating(), CODE_CALIBRATING);
+            refuse(panorama_, CODE_PANORAMA);
+            const bool wanted = files_.isOn("@mask");
+            refuse(wanted && mask_, CODE_LENS_MASK);
+            if (wanted == mask_)
+                return;
+            look();
+            haltIfRunning();
+            motions.follow(evidence_.lastOfLoopNs());
+            seeRest();
+            // Whether the status poll has just seen the head rest cannot be known.
+            if (wanted && storing_ == Storing::ONCE_AT_REST && !running())
+                throw Inconclusive{};
+            begin(Begin::MASK);
+            Pair steps = wayTo(storedOrHome());
+            if (wanted) {
+                if (storing_ == Storing::FREE)
+                    storePosition();
+                save_.reset();
+                storing_ = Storing::NEVER;
+                commit();
+                steps = {0, axes[LAB_TILT].toSteps(MASK_COORDINATE) - position(LAB_TILT)};
+            }
+            refuse(!drive(maxSpeeds(), steps, true), CODE_DEVICE);
+            mask_ = wanted;
+            leavesMask();
+        };
+    }
+    void addSettings()
+    {
+        methods_["setConfig"] = [this](const Step& step) {
+            const bool refused = stillCalibrating();
+            bool given = step.argument("sustain").has_value();
+            bool wrong = false;
+            for (const LabAxisId axis : AXES) {
+                const auto text = step.argument(axis == LAB_PAN ? "x_speed" : "y_speed");
+                const Words words{0, static_cast<int32_t>(number(text.value_or("1"))), 0, 0, 0};
+                const bool allowed = words[SPEED_WORD] >= 1 && words[SPEED_WORD] <= axes[axis].made.max_speed;
+                given = given || text;
+                wrong = wrong || !allowed;
+                if (refused || !text || !allowed)
+                    continue;
+                (void)ask(axis, "SET_SPEED", &words);
+                axes[axis].speedOption = words[SPEED_WORD];
+            }
+            commit();
+            refuse(refused, CODE_CALIBRATING);
+            refuse(!given || wrong, CODE_PARAM);
+        };
+        methods_["setPowerOffRecover"] = [this](const Step& step) {
+            commit();
+            const int64_t recover = number(step.argument("recover").value_or("-1"));
+            refuse(recover != 0 && recover != 1, CODE_PARAM);
+            recover_ = recover == 1;
+            files_.switches["@recover"] = std::to_string(recover);
+        };
+        methods_["manualCalibrate"] = [this](const Step&) {
+            refuseBusy();
+            look();
+            haltIfRunning();
+            cancelStep();
+            motions.follow(evidence_.lastOfLoopNs());
+            atRest = false;
+            leavesMask();
+            queueCalibration(home());
+            armSave();
+        };
+        methods_["test"] = [this](const Step& step) {
+            const auto times = step.argument("times");
+            refuse(!times, CODE_PARAM);
+            atRest = false;
+            for (int64_t pass = 0; pass < number(*times); ++pass)
+                for (const LabAxisId axis : AXES)
+                    for (const int64_t way : {-1, 1})
+                        worker_.push_back({axis, "ROTATE", way * axes[axis].made.total_steps});
+        };
+        const auto reload = [this](const Step& step) {
+            const bool tour = step.verb == "reload_tour_info";
+            motions.change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
+        };
+        methods_["reload_tour_info"] = reload;
+        methods_["reload_scan_tour"] = reload;
+        methods_["updateImageConfig"] = [this](const Step&) { refuse(!loadFlip(), CODE_DEVICE); };
+        methods_["checkMotorStatus"] = [this](const Step&) { refuse(stillCalibrating(), CODE_CALIBRATING); };
+        methods_["getStatus"] = [this](const Step&) {
+            look();
+            const auto coordinate = [this](LabAxisId axis) {
+                const LabAxisSetting& made = axes[axis].made;
+                return sign(axis) * (made.range * position(axis) / made.total_steps - made.range / 2);
+            };
+            const auto speed = [this](LabAxisId axis) {
+                const Words& words = readings_[axis];
+                return words[SPEED_WORD] * sign(axis) * words[3] * words[4];
+            };
+            after_ = ",\"status\":{" + field("x_coord", coordinate(LAB_PAN)) + "," +
+                     field("y_coord", coordinate(LAB_TILT)) + "," + field("x_speed", speed(LAB_PAN)) + "," +
+                     field("y_speed", speed(LAB_TILT)) + "}";
+        };
+        methods_["getCapa"] = [this](const Step&) {
+            const LabAxisSetting& pan = axes[LAB_PAN].made;
+            const LabAxisSetting& tilt = axes[LAB_TILT].made;
+            after_ = ",\"capability\":{" + field("x_coord_min", -(pan.range / 2)) + "," +
+                     field("x_coord_max", pan.range / 2) + "," + field("y_coord_min", -(tilt.range / 2)) + "," +
+                     field("y_coord_max", tilt.range / 2) + "," + field("x_max_speed", pan.max_speed) + "," +
+                     field("y_max_speed", tilt.max_speed) +
+                     R"(,"simultaneous":"disabled","preset":"enabled","calibrate":"enabled"})";
+        };
+    }
+    static std::string field(const std::string& name, int64_t value)
+    {
+        return "\"" + name + "\":\"" + std::to_string(value) + "\"";
+    }
 };

@@ -1,50 +1,313 @@
 #pragma once
 // What a sequence is made of: random steps, their text, and smaller sequences to try after a failure.
 
+#include <json-c/json.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-/// As what an argument is given: a number in the place of a text counts as missing.
-enum class Form { TEXT, NUMBER, ARRAY, PLAN };
+/// What sequences are made of: rules, each with its alternatives between bars, of which "3*" weighs three times as
+/// much. In a text "<rule>" is one of that rule's texts and "<1..9>" one of the numbers. Steps are separated by
+/// semicolons; a method's step names its arguments, each left out one time in 30, with "name?2" every second time, and
+/// with "name:text" not taken from the rule of the argument's name.
+inline constexpr const char* GRAMMAR[][2] = {
+    // Arguments.
+    {"odd", "abc|| 12|+7|-0|3x|2147483647|-2147483648|99999999999|-99999999999|0x10|1e3|- 5|4294967297|\t9"},
+    {"x_coord", "2*<odd>|7*<pan edge>|15*<-150..150>"},
+    {"pan edge", "0|1|-1|149|150|151|-149|-150|-151|300|-1000"},
+    {"y_coord", "2*<odd>|7*<tilt edge>|15*<-39..61>"},
+    {"tilt edge", "0|1|-1|-6|39|40|60|61|62|-38|-39|-40|-61"},
+    {"x_speed", "<odd>|11*<speed>"},
+    {"y_speed", "<x_speed>"},
+    {"speed", "1|2|4|6|7|8|0|-1|100"},
+    {"direction", "2*<odd>|11*<0..359>|11*<angle edge>"},
+    {"angle edge", "0|45|46|90|91|134|135|180|181|225|226|270|271|314|315|359|360|-1"},
+    {"sustain", "0|1|5|20|60|200|-3|-99999999999"}, // a step's thread sleeps once for each unit, so none lasts long
+    {"id", "<odd>|3*1|3*2|3*3|5|8|0|9"},
+    {"save_ptz", "<odd>|6*1|2*0|2*2"},
+    {"speed_pan", "1|0.5|0.1|1.0|1.001|0|-0.5||1e-1|0.5x|nan| .25"},
+    {"speed_tilt", "<speed_pan>"},
+    {"name", "gate|it's \"wide\" = .||tab\t, return\r|Stra\u00dfe|exactly thirty-two bytes of name"},
+    {"recover", "<odd>|5*<0..1>"},
+    {"times", "4*0|-1|1"},
+    {"ids", R"(["1"]|["3","1"]|[2]|["2","9","1"]|[]|<odd>)"},
+    // A weekday's plan: minutes after midnight and a preset, "-" to disable the tour, or an action that nobody knows.
+    {"ranges", "8*0-1440=1|8*0-480=1,480-720=3,720-1440=2|8*480-481=2,720-1440=1|480-720=-||0-600=5,700-1440=3|"
+               "480-720=1,700-900=2|480-720=?,0-10=1|0-1441=1|"
+               "0-1=1,1-2=2,2-3=1,3-4=1,4-5=1,5-6=1,6-7=1,7-8=1,8-9=1,9-10=1,10-11=1"},
 
-struct Argument {
-    std::string name;
-    std::string text; // JSON, but for a PLAN: ranges in the form of planRanges()
-    Form form = Form::TEXT;
+    // Settings, "-" where the option is missing.
+    {"switch", "2*on|2*off|ON|On|oN|onn||-"},
+    {"flip", "off|left_and_right|up_and_down|center|left|up|c|mirror||-|offx|center |OFF"},
+    // Enabled, type, scan from and to, start and end of its span in minutes.
+    {"tour info", "on 1 -10 0 0 0|on 1 -20 10 0 0|on 1 100 125 480 720|on 1 -150 -120 1380 60|on 1 -155 0 0 0|"
+                  "yes 1 0 0 0 1440|2*on 2 0 0 0 0|on 2 5 9 1 1|off 1 0 20 0 0|on 0 0 0 0 0"},
+    {"wall", "2031-05-05 07:58:50|2031-05-05 08:00:10|2031-05-05 12:00:05|2031-05-05 23:59:00|2031-05-06 00:00:40"},
+    {"setting", "4*@flip <flip>;updateImageConfig|@flip <flip>|4*@mask <switch>;lensMask|@mask <switch>|"
+                "4*@track <switch>;reloadTargetTrackConfig|@track <switch>"},
+    {"plain setup", "@flip <some flip>;@mask <some mask>;@track <switch>;@recover <recovers>;@steps <some steps>;"
+                    "@speed <some speed>"},
+    {"some flip", "off|<flip>"},
+    {"some mask", "on|7*off"},
+    {"recovers", "0|3*1"},
+    {"some steps", "2*-|0|77|-5|40"},
+    {"some speed", "<speed>|2*4"},
+    {"touring setup", "<plain setup>;<tour>"},
+    {"tour", "@wall <wall>;@tour <tour info>"},
+    {"storing setup", "@flip off;@mask <storing mask>;@track on;@recover <recovers>;@steps <storing steps>;@speed 4;"
+                      "<tour>;@tour <storing tour>"},
+    {"storing mask", "on|2*off"},
+    {"storing steps", "-|2*77"},
+    {"storing tour", "on 2 0 0 0 0|on 1 -20 10 0 0|on 1 100 125 0 0"},
+
+    // Steps.
+    {"motion", "9*move x_coord y_coord|9*<moveTo>|10*moveStep direction|3*startPanorama|5*movePanorama x_coord y_coord|"
+               "4*stopPanorama|7*<track>|4*targetTrackBack|5*gotoPreset id speed_pan?2 speed_tilt?2"},
+    {"moveTo", "moveTo x_coord y_coord"},
+    {"track", "targetTrack x_coord y_coord x_speed y_speed"},
+    {"motion or stop", "11*<motion>|stop"},
+    {"method", "56*<motion>|5*stop|3*getStatus|getCapa|checkMotorStatus|3*setPowerOffRecover recover|2*manualCalibrate|"
+               "test times|4*setConfig x_speed?2 y_speed?2 sustain?2|2*reloadTargetTrackConfig|2*lensMask|"
+               "2*updateImageConfig|4*setPreset id?2 name?2 save_ptz?2|delPreset id:<ids>|clearPreset|2*getPresetAll"},
+    {"axis", "x|y"},
+    {"fault", "7*|@fault <axis> <request>"},
+    {"request", "2*GET_STATUS|MOVE|STOP|SET_SPEED|ROTATE|SET_POSITION"},
+    {"nap", "@nap <0..2499>"}, // in us
+    {"pause", "50*@rest|24*@nap <0..11999>|2*@saved|2*@idle|22*"},
+    {"plain start", "setConfig sustain:20"},
+    {"plain command", "<fault>;<deed>;<pause>"},
+    {"deed", "@crash|@power|8*<setting>|12*<motion>;<nap>;<interruption>|4*<tracked>|4*<switched off>|50*<method>"},
+    {"interruption", "stop|2*<motion or stop>"},
+    // Target tracking that something ends in mid-motion, and what then shows who moved the head last.
+    {"tracked", "<track>;<nap>;<tracking's end>;@rest;<return>"},
+    {"tracking's end", "2*stop|move x_coord y_coord|manualCalibrate|targetTrackBack|startPanorama"},
+    {"return", "<track>|targetTrackBack|reloadTargetTrackConfig"},
+    {"switched off", "<switched on>;<track>;@rest;<returning>;@track off;reloadTargetTrackConfig"},
+    {"switched on", "|@track on;reloadTargetTrackConfig"},
+    {"returning", "|targetTrackBack;<nap>"},
+    {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
+    {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
+    // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
+    {"touring command", "2*<plain command>|<tour change>;<scan reload>;<meeting>;@tours <1..3>"},
+    {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
+                    "3*reload_tour_info"},
+    {"scan reload", "|reload_scan_tour"},
+    {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
+    // What stores a position, or must not.
+    {"storing command", "<under way>;<storing deed>;<storing pause>"},
+    {"under way", "6*|<moveTo>;<nap>|<track>;<nap>"},
+    {"storing deed",
+     "2*<mask fault>;@mask on;lensMask;<storing pause>;<mask off>|@tours <1..2>|<track>|"
+     "targetTrackBack|<panorama>|@fault <axis> <request>;startPanorama;<stop or moveTo>|<stop or moveTo>|"
+     "<motion>|@track off;reloadTargetTrackConfig;@track on;reloadTargetTrackConfig"},
+    {"mask fault", "5*|@fault <axis> MOVE"},
+    {"mask off", "|3*@mask off;lensMask"},
+    {"panorama", "startPanorama;<storing pause>;<sweep>;<storing pause>;<panorama's end>"},
+    {"sweep", "3*|startPanorama|2*movePanorama x_coord y_coord"},
+    {"panorama's end", "|4*stopPanorama"},
+    {"stop or moveTo", "stop|2*<moveTo>"},
+    {"storing pause", "5*<nap>|2*@idle|8*@rest"},
+    {"plain end", "@saved|3*@rest"},
+    {"touring start", "<plain start>;<two presets>"},
+    {"touring end", "<plain end>"},
+    {"storing start", "<touring start>"},
+    {"storing end", "@saved"},
 };
+
+struct ReleaseJson {
+    void operator()(json_object* value) const
+    {
+        json_object_put(value);
+    }
+};
+using Json = std::unique_ptr<json_object, ReleaseJson>;
 
 /// A method of the daemon, or with a verb that begins with "@" something that happens around it.
 struct Step {
     std::string verb;
-    std::vector<Argument> arguments; // of a method
-    std::string text;                // of the others
+    std::string text; // a method's arguments in JSON; what the others need
 
-    std::string json() const;
-    std::string print() const;
-    /// The argument's text; nothing when the daemon does not get it.
-    std::optional<std::string> argument(const std::string& name) const;
-    std::optional<std::string> array(const std::string& name) const;
+    explicit Step(const std::string& line)
+        : verb(line.substr(0, line.find(' '))), text(line.substr(std::min(line.size(), verb.size() + 1)))
+    {
+    }
+    std::string print() const
+    {
+        return verb + (text.empty() ? "" : " " + text);
+    }
+    /// The argument if it is of that type, else null.
+    Json argument(const std::string& name, json_type type) const
+    {
+        const Json arguments(json_tokener_parse(text.c_str()));
+        json_object* const value = json_object_object_get(arguments.get(), name.c_str());
+        return Json(json_object_is_type(value, type) ? json_object_get(value) : nullptr);
+    }
+    /// The argument's text; nothing when the daemon does not get it, which takes texts only.
+    std::optional<std::string> argument(const std::string& name) const
+    {
+        const Json value = argument(name, json_type_string);
+        return value ? std::optional(json_object_get_string(value.get())) : std::nullopt;
+    }
 };
 
 /// A head to begin with, and what is done to it.
 struct Sequence {
-    uint32_t seed = 0;
+    uint32_t seed;
     std::vector<Step> setup; // settings before the daemon starts
     std::vector<Step> steps;
+
+    std::string print() const
+    {
+        std::string result = "PTZD_MODEL_SEED=" + std::to_string(seed) + "\n";
+        for (const Step& step : setup)
+            result += "    before the start: " + step.print() + "\n";
+        for (const Step& step : steps)
+            result += "    " + step.print() + "\n";
+        return result;
+    }
 };
 
-std::string print(const Sequence& sequence);
+/// A weekday's array: an object for each range, with one member named after the day and the range's number.
+inline std::string planJson(const std::string& day, const std::string& ranges)
+{
+    std::string result;
+    std::istringstream list(ranges);
+    int index = 0;
+    for (std::string range; std::getline(list, range, ',');) {
+        int start = 0;
+        int end = 0;
+        char target = '?';
+        (void)sscanf(range.c_str(), "%d-%d=%c", &start, &end, &target);
+        const std::string action = target == '-'   ? "disable"
+                                   : target == '?' ? "goto"
+                                                   : std::string("preset\",\"action_id\":\"") + target;
+        result += (result.empty() ? "{\"" : ",{\"") + day + "_" + std::to_string(++index) +
+                  "\":{\"start_time\":" + std::to_string(start) + ",\"end_time\":" + std::to_string(end) +
+                  ",\"action_type\":\"" + action + "\"}}";
+    }
+    return "[" + result + "]";
+}
 
-/// The sequence of a seed, always the same.
-Sequence randomSequence(uint32_t seed);
+/// Draws from the grammar.
+class Dice {
+public:
+    explicit Dice(uint32_t seed) : random_(seed)
+    {
+    }
+    /// Adds the steps of one of a rule's alternatives.
+    void add(std::vector<Step>& steps, const std::string& rule)
+    {
+        std::istringstream parts(choice(rule));
+        for (std::string part; std::getline(parts, part, ';');) {
+            if (part.starts_with('<'))
+                add(steps, part.substr(1, part.size() - 2));
+            else if (part.starts_with('@'))
+                steps.emplace_back(text(part));
+            else
+                steps.push_back(method(part));
+        }
+    }
 
-/// One of what stores the head's position or must not: mask, tours, tracking and panoramas in any order.
-Sequence storingSequence(uint32_t seed);
+private:
+    bool oneIn(int n)
+    {
+        return below(n) == 0;
+    }
+    int below(int n)
+    {
+        return static_cast<int>(random_() % static_cast<unsigned>(n));
+    }
+    std::string choice(const std::string& rule)
+    {
+        const auto* at =
+            std::find_if(std::begin(GRAMMAR), std::end(GRAMMAR), [&](const auto& r) { return r[0] == rule; });
+        std::istringstream alternatives(at == std::end(GRAMMAR) ? "no rule " + rule : (*at)[1]);
+        std::vector<std::string> weighed;
+        for (std::string text; std::getline(alternatives, text, '|');) {
+            const size_t star = text.find_first_not_of("0123456789");
+            const bool weighs = star != std::string::npos && star != 0 && text[star] == '*';
+            weighed.insert(weighed.end(), weighs ? std::stoul(text) : 1, text.substr(weighs ? star + 1 : 0));
+        }
+        return weighed[static_cast<size_t>(below(static_cast<int>(weighed.size())))];
+    }
+    std::string text(std::string form)
+    {
+        for (size_t from = 0; (from = form.find('<')) != std::string::npos;) {
+            const size_t length = form.find('>') + 1 - from;
+            int least = 0;
+            int most = 0;
+            const bool isNumber = sscanf(form.c_str() + from, "<%d..%d>", &least, &most) == 2;
+            form.replace(from, length,
+                         isNumber ? std::to_string(least + below(most - least + 1))
+                                  : text(choice(form.substr(from + 1, length - 2))));
+        }
+        return form;
+    }
+    Step method(const std::string& form)
+    {
+        std::istringstream words(form);
+        std::string verb;
+        words >> verb;
+        const Json arguments(json_object_new_object());
+        for (std::string word; words >> word;) {
+            const size_t colon = word.find(':');
+            const std::string head = word.substr(0, colon);
+            const size_t mark = head.find('?');
+            const std::string name = head.substr(0, mark);
+            if (oneIn(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))))
+                continue;
+            std::string value = text(colon == std::string::npos ? "<" + name + ">" : word.substr(colon + 1));
+            if (verb == "set_plan_config")
+                value = planJson(name, value);
+            json_object* argument = oneIn(60)                ? json_object_new_int(5)
+                                    : value.starts_with('[') ? json_tokener_parse(value.c_str())
+                                                             : json_object_new_string(value.c_str());
+            json_object_object_add(arguments.get(), name.c_str(), argument);
+        }
+        const bool none = json_object_object_length(arguments.get()) == 0;
+        return Step(verb + (none ? "" : std::string(" ") + json_object_to_json_string_ext(arguments.get(), 0)));
+    }
 
-/// The smallest sequence found that still fails, within the time that `mayGoOn` grants.
-Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails,
-                const std::function<bool()>& mayGoOn);
+    std::mt19937 random_;
+};
+
+/// The sequence of a seed, always the same. Every third random one has tours; a storing one is of what stores the
+/// head's position or must not: mask, tours, tracking and panoramas in any order.
+inline Sequence makeSequence(uint32_t seed, bool storing)
+{
+    Dice dice(seed);
+    const std::string kind = storing ? "storing" : seed / 3 % 3 == 0 ? "touring" : "plain";
+    Sequence sequence{seed, {}, {}};
+    dice.add(sequence.setup, kind + " setup");
+    dice.add(sequence.steps, kind + " start");
+    for (int i = 0; i < 12; ++i)
+        dice.add(sequence.steps, kind + " command");
+    dice.add(sequence.steps, kind + " end");
+    return sequence;
+}
+
+/// The smallest sequence found that still fails.
+inline Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails)
+{
+    for (size_t length = std::max<size_t>(sequence.steps.size() / 2, 1); length >= 1; length /= 2) {
+        for (size_t at = 0; at < sequence.steps.size();) {
+            Sequence smaller = sequence;
+            const auto first = smaller.steps.begin() + static_cast<ptrdiff_t>(at);
+            smaller.steps.erase(first, first + static_cast<ptrdiff_t>(std::min(length, smaller.steps.size() - at)));
+            if (fails(smaller))
+                sequence = smaller;
+            else
+                at += length;
+        }
+    }
+    return sequence;
+}

@@ -1,8 +1,12 @@
 #pragma once
 // The rules of presets, weekly plan and tours: what is stored, and what it asks of the head at a time.
 
+#include <json-c/json.h>
+
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <set>
 #include <string>
@@ -11,33 +15,32 @@
 inline constexpr int64_t SECOND_NS = 1'000'000'000;
 /// Of lab time; what is seen later than this after its cause has another.
 inline constexpr int64_t LATENESS_NS = 12 * SECOND_NS;
+inline constexpr int64_t DAY_MINUTES = 1440;
 inline constexpr int DAYS = 7; // from Sunday
-extern const char* const DAY_NAMES[DAYS];
 
 struct PresetSlot {
     int id = 0; // 0: free
     std::string name;
-    float pan = 0; // -1 to 1 over the travel
-    float tilt = 0;
+    float position[2]{}; // of pan and tilt, -1 to 1 over the travel
 };
 using Presets = std::array<PresetSlot, 8>;
 
-PresetSlot* presetWithId(Presets& presets, int64_t id);
+inline PresetSlot* presetWithId(Presets& presets, int64_t id)
+{
+    auto* const at = std::find_if(presets.begin(), presets.end(), [id](const auto& slot) { return slot.id == id; });
+    return at == presets.end() || id == 0 ? nullptr : at;
+}
 
-/// One range of a weekday, "480-720=3" as text: minutes after midnight and a preset. "480-720=-" disables the tour, and
-/// "480-720=?" is an action that nobody knows.
+/// One range of a weekday, in minutes after midnight.
 struct PlanRange {
-    int start = 0;
-    int end = 0;
-    char action = 'p'; // or '-' or '?'
-    int id = 0;
+    int start;
+    int end;
+    std::string action;
+    int id; // of a preset
     bool valid = true;
 };
-using Plan = std::map<int, std::vector<PlanRange>>; // by weekday
-
-/// Ranges separated by commas.
-std::vector<PlanRange> planRanges(const std::string& text);
-bool fits(const std::vector<PlanRange>& day);
+using PlanDay = std::vector<PlanRange>;
+using Plan = std::map<int64_t, PlanDay>; // by weekday
 
 /// What the package of the tours holds.
 struct TourSettings {
@@ -49,33 +52,88 @@ struct TourSettings {
     int end = 0;
 };
 
+/// The wall clock shows a second of the week from a lab time on.
+struct Wall {
+    int64_t fromNs;
+    int64_t second;
+
+    /// "2031-05-05 08:00:00" is a Monday.
+    static Wall at(const std::string& text, int64_t labNs)
+    {
+        int day = 0;
+        int hour = 0;
+        int minute = 0;
+        int second = 0;
+        (void)sscanf(text.c_str(), "2031-05-%d %d:%d:%d", &day, &hour, &minute, &second);
+        return {labNs, ((int64_t{day - 4} * 24 + hour) * 60 + minute) * 60 + second};
+    }
+};
+
 /// What the touring thread goes by. Everything may be looked at a little before its effect is seen.
 struct TourWorld {
     std::vector<TourSettings> settings{TourSettings{}}; // the last is in the file
     std::vector<Plan> plans{Plan{}};                    // likewise
-    Presets presets;
+    std::vector<Wall> walls{{0, 0}};
+    Presets presets{};
     std::array<float, 2> factors{1, 1}; // of the largest speeds
-    Presets presetsBefore;              // the latest change of presets or factors, which ended at changedNs
+    Presets presetsBefore{};            // the latest change of presets or factors, which ended at changedNs
     std::array<float, 2> factorsBefore{1, 1};
     int64_t changedNs = 0;
     bool held = false; // by lens mask or panorama
 
-    /// The wall clock shows `text`, "2031-05-05 08:00:00" for a Monday, at that lab time.
-    void setWall(const std::string& text, int64_t labNs);
     /// The presets, 0 for none, that the plan of that index may have asked for at a lab time.
-    std::set<int> targets(size_t plan, int64_t labNs) const;
+    std::set<int> targets(size_t plan, int64_t labNs) const
+    {
+        std::set<int> result;
+        std::vector<Presets> tables{presets};
+        if (justChanged(labNs))
+            tables.push_back(presetsBefore);
+        for (const int64_t week : minutes(labNs)) {
+            const int64_t minute = week % DAY_MINUTES;
+            const auto entry = plans[plan].find(week / DAY_MINUTES);
+            const PlanDay day = entry == plans[plan].end() ? PlanDay{} : entry->second;
+            const auto at = std::find_if(day.begin(), day.end(), [minute](const PlanRange& range) {
+                return range.valid && range.start <= minute && minute < range.end;
+            });
+            const int id = at == day.end() || at->action != "preset" ? 0 : at->id;
+            for (Presets& table : tables)
+                result.insert(presetWithId(table, id) ? id : 0);
+        }
+        return result;
+    }
     /// Whether the time lies in the daily span of the settings of that index: true, false or both.
-    std::set<bool> inSpan(size_t setting, int64_t labNs) const;
+    std::set<bool> inSpan(size_t setting, int64_t labNs) const
+    {
+        const TourSettings& tour = settings[setting];
+        std::set<bool> result;
+        for (const int64_t week : minutes(labNs)) {
+            const bool begun = week % DAY_MINUTES >= tour.start;
+            const bool ended = week % DAY_MINUTES >= tour.end;
+            result.insert(tour.start < tour.end ? begun && !ended : begun || !ended);
+        }
+        return result;
+    }
     /// A copy of what is about to change.
-    void remember();
-    bool justChanged(int64_t labNs) const;
+    void remember()
+    {
+        presetsBefore = presets;
+        factorsBefore = factors;
+        changedNs = INT64_MAX;
+    }
+    bool justChanged(int64_t labNs) const
+    {
+        return changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+    }
 
 private:
-    struct Wall {
-        int64_t fromNs;
-        int64_t second; // of the week
-    };
-    std::vector<Wall> walls_{{0, 0}};
-
-    std::set<int64_t> minutes(int64_t labNs) const; // of the week
+    std::set<int64_t> minutes(int64_t labNs) const // of the week
+    {
+        std::set<int64_t> result;
+        for (const int64_t ns : {labNs - LATENESS_NS, labNs}) {
+            const auto after = [ns](const Wall& wall) { return wall.fromNs > ns; };
+            const auto at = std::find_if(walls.begin() + 1, walls.end(), after) - 1;
+            result.insert((at->second + (ns - at->fromNs) / SECOND_NS) / 60 % (DAYS * DAY_MINUTES));
+        }
+        return result;
+    }
 };
