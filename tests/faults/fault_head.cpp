@@ -231,7 +231,7 @@ void FaultyHead::writeSettings(const std::string& package, const std::string& te
     EXPECT_TRUE(writeFile(lab.folder() + "/etc/config/" + package, text));
 }
 
-std::vector<std::string> FaultyHead::told() const
+std::vector<std::string> FaultyHead::notified() const
 {
     std::vector<std::string> result;
     for (const LabCetEntry& entry : lab.records.cetLog()) {
@@ -287,7 +287,7 @@ void FaultyHead::home()
     const std::vector<std::string> whole = {"moving 0", "start", "idle 0", "stop"};
     ASSERT_TRUE(waitUntil(
         [&] {
-            std::vector<std::string> all = told();
+            std::vector<std::string> all = notified();
             if (all.size() == 5 && all.front() == "stop")
                 all.erase(all.begin()); // the event of the last motion's end
             return all == whole && rests();
@@ -302,7 +302,8 @@ void FaultyHead::prepare(const std::string& state)
     const auto call = [&](const char* name, size_t entries = 0) {
         const FaultyCall* found = callOf(name);
         expectDone(found->method(), found->arguments);
-        ASSERT_TRUE(entries == 0 || waitUntil([&] { return told().size() == entries && rests(); }, DEADLINE)) << state;
+        ASSERT_TRUE(entries == 0 || waitUntil([&] { return notified().size() == entries && rests(); }, DEADLINE))
+            << state;
     };
     const bool panorama = state == "in a panorama";
     const bool masked = state == "masked";
@@ -337,7 +338,7 @@ void FaultyHead::prepare(const std::string& state)
     } else if (state == "stepping") {
         setFactors(SLOWLY);
         call("moveStep 0");
-        ASSERT_TRUE(waitUntil([&] { return told().size() == 2; }, DEADLINE)); // by the step's own thread
+        ASSERT_TRUE(waitUntil([&] { return notified().size() == 2; }, DEADLINE)); // by the step's own thread
     }
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         start_[axis] = lab.motors.now(axis).shaft;
@@ -361,7 +362,7 @@ void FaultyHead::begin(const PageRow& row)
         record.seen.store(0);
 }
 
-std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
+std::vector<std::string> FaultyHead::logged(size_t consoleFrom, size_t logFrom)
 {
     static const std::regex form("\\[\\w+:[0-9]+\\]: (.*)");
     const std::string tag = " 5 PTZD: ";
@@ -450,8 +451,8 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     begin(row);
     if (HasFatalFailure())
         return;
-    const std::vector<std::string> expectedTold = toldBy(row["Told"]);
-    const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
+    const std::vector<std::string> expectedNotified = notifiedBy(row["Notified"]);
+    const std::vector<std::string> expectedLog = loggedBy(row["Log"]);
     if (point)
         arm(*point, ever);
     if (point && point->call == FAULT_UBUS_LOOKUP_ID)
@@ -473,15 +474,15 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
     if (point) {
         ASSERT_TRUE(waitUntil([&] { return met(*point) != 0; }, DEADLINE)) << "was not met";
-        (void)waitUntil([&] { return hasReported(expectedReports.size()); }, DEADLINE / 4);
+        (void)waitUntil([&] { return hasReported(expectedLog.size()); }, DEADLINE / 4);
         if (ever)
             std::this_thread::sleep_for(30ms); // a few ticks and cycles
         disarm();
     }
-    (void)waitUntil([&] { return told() == expectedTold && isDone(row); }, DEADLINE / 4);
+    (void)waitUntil([&] { return notified() == expectedNotified && isDone(row); }, DEADLINE / 4);
     std::this_thread::sleep_for(10ms); // two more ticks of the poll: nothing else may come
-    EXPECT_EQ(told(), expectedTold);
-    EXPECT_EQ(reports(console_, log_), expectedReports);
+    EXPECT_EQ(notified(), expectedNotified);
+    EXPECT_EQ(logged(console_, log_), expectedLog);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         EXPECT_TRUE(isAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.motors.now(axis).shaft;
     for (const auto& [package, text] : before_) {

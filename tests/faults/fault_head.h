@@ -65,10 +65,10 @@ protected:
     bool hasReported(size_t lines);
     /// Lines of the console and of the log since they had these lengths, without "[function:line]: ". Fails the test
     /// for lines of another form, and for those that are not in the message log too.
-    std::vector<std::string> reports(size_t consoleFrom, size_t logFrom);
+    std::vector<std::string> logged(size_t consoleFrom, size_t logFrom);
     /// Whether a motion was under way when the call came.
     [[nodiscard]] bool turning() const;
-    [[nodiscard]] std::vector<std::string> told() const;
+    [[nodiscard]] std::vector<std::string> notified() const;
 
     // Of the latest row:
     const FaultyCall* last_ = nullptr;

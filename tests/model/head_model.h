@@ -32,7 +32,7 @@ private:
             refuseBusy();
             look();
             haltIfRunning();
-            const bool done = go(Begin::USER, readSpeeds(), wayTo(toSteps(target)), true);
+            const bool done = go(Begin::USER, reading_.of(SPEED_WORD), wayTo(toSteps(target)), true);
             armSave();
             refuse(!done, CODE_DEVICE);
         };
@@ -61,7 +61,7 @@ private:
                 const bool read = askBoth("GET_STATUS");
                 require(stepMove_ != StepMove::RUNS, "a new step although one runs");
                 stepMove_ = StepMove::NONE;
-                refuse(!read || (running() && !askBoth("STOP")), CODE_DEVICE);
+                refuse(!read || (reading_.running() && !askBoth("STOP")), CODE_DEVICE);
             } else {
                 require(stepMove_ != StepMove::NONE, "a step goes on although none runs");
                 if (stepDirection_ == direction)
@@ -93,7 +93,7 @@ private:
             refuseBusy(false);
             panorama_ = false; // if it fails
             look();
-            const bool turned = running();
+            const bool turned = reading_.running();
             haltIfRunning();
             saveNow(turned);
             const Pair start = toSteps({sign(LAB_PAN) * -150, sign(LAB_TILT) * -10});
@@ -126,7 +126,7 @@ private:
             const Pair speeds = forEach(speed);
             refuseBusy();
             look();
-            refuse(running(), CODE_CALIBRATING);
+            refuse(reading_.running(), CODE_CALIBRATING);
             // A save that is due is one of a user's command, whatever origin the motion has kept.
             const bool asksOrigin = !save_ && storing_ == Storing::FREE;
             const bool saves = nextIs("GET_STATUS");
@@ -144,7 +144,7 @@ private:
             refuseBusy();
             refuse(!files_.steps[LAB_PAN] || !files_.steps[LAB_TILT], CODE_DEVICE);
             look();
-            if (running()) {
+            if (reading_.running()) {
                 const bool halts = nextIs("STOP");
                 motions.keepOrigin(halts, {ORIGIN_TRACK},
                                    halts ? "a return stops a motion that is no tracking"
@@ -161,7 +161,7 @@ private:
             }
             motions.keepOrigin(false, {ORIGIN_USER}, "a return although a user moved the head last");
             require(steps != Pair{}, "a return moves to where the head is");
-            refuse(!go(Begin::RETURN, readSpeeds(), steps, true), CODE_DEVICE);
+            refuse(!go(Begin::RETURN, reading_.of(SPEED_WORD), steps, true), CODE_DEVICE);
         };
         methods_["reloadTargetTrackConfig"] = [this](const Step& step) {
             const bool before = track_;
@@ -173,7 +173,7 @@ private:
             (void)stillCalibrating();
             refuse(panorama_, CODE_PANORAMA);
             look();
-            const bool ran = running();
+            const bool ran = reading_.running();
             if (ran) {
                 const bool halts = nextIs("STOP");
                 motions.keepOrigin(halts, {ORIGIN_TRACK},
@@ -190,10 +190,10 @@ private:
                 }
                 return;
             }
-            const bool lost = !files_.steps[LAB_PAN] || !files_.steps[LAB_TILT];
-            require(lost || (ran && motions.mayBe(ORIGIN_RETURN)), "the end of tracking does not return the head");
-            if (lost)
-                motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+            if (!files_.steps[LAB_PAN] || !files_.steps[LAB_TILT])
+                return motions.change([this](MotionState& state) { state.endTracking(calledNs_); });
+            require(ran, "the end of tracking does not return the head");
+            motions.keepOrigin(true, {ORIGIN_RETURN}, "the end of tracking does not return the head");
         };
         methods_["lensMask"] = [this](const Step&) {
             refuse(stillCalibrating(), CODE_CALIBRATING);
@@ -207,7 +207,7 @@ private:
             motions.follow(evidence_.lastOfLoopNs());
             seeRest();
             // Whether the status poll has just seen the head rest cannot be known.
-            if (wanted && storing_ == Storing::ONCE_AT_REST && !running())
+            if (wanted && storing_ == Storing::ONCE_AT_REST && !reading_.running())
                 throw Inconclusive{};
             begin(Begin::MASK);
             Pair steps = wayTo(storedOrHome());
@@ -287,7 +287,7 @@ private:
                 return sign(axis) * (made.range * position(axis) / made.total_steps - made.range / 2);
             };
             const auto speed = [this](LabAxisId axis) {
-                const Words& words = readings_[axis];
+                const Words& words = reading_.words[axis];
                 return words[SPEED_WORD] * sign(axis) * words[3] * words[4];
             };
             after_ = ",\"status\":{" + field("x_coord", coordinate(LAB_PAN)) + "," +

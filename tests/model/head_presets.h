@@ -12,14 +12,14 @@ public:
         methods_["gotoPreset"] = [this](const Step& step) {
             const int64_t id = number(step.argument("id").value_or("0"));
             refuse(id < 1 || id > 8, CODE_PARAM);
-            const PresetSlot* preset = presetWithId(world.presets, id);
+            const PresetSlot* preset = presetWithId(world.now.presets, id);
             refuse(!preset, CODE_PRESET);
             setFactor(step, "speed_pan", LAB_PAN);
             setFactor(step, "speed_tilt", LAB_TILT);
             refuseBusy();
             look();
             haltIfRunning();
-            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.factors); });
+            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.now.factors); });
             const Pair steps = forEach([&](LabAxisId axis) { return presetSteps(axis, *preset, position(axis)); });
             refuse(!go(Begin::PRESET, speeds, steps), CODE_DEVICE);
             armSave();
@@ -31,10 +31,10 @@ public:
             refuse(id < 1 || id > 8, CODE_PRESET);
             const int64_t captures = number(step.argument("save_ptz").value_or("0"));
             refuse(captures != 0 && captures != 1, CODE_PARAM);
-            while (!step.argument("id") && id <= 8 && presetWithId(world.presets, id))
+            while (!step.argument("id") && id <= 8 && presetWithId(world.now.presets, id))
                 ++id;
-            PresetSlot* slot = presetWithId(world.presets, id);
-            for (PresetSlot& other : world.presets)
+            PresetSlot* slot = presetWithId(world.now.presets, id);
+            for (PresetSlot& other : world.now.presets)
                 slot = !slot && id <= 8 && other.id == 0 ? &other : slot;
             refuse(!slot, CODE_FULL);
             PresetSlot changed = slot->id != 0 ? *slot : PresetSlot{0, "preset" + std::to_string(id), {}};
@@ -42,7 +42,7 @@ public:
             changed.name = step.argument("name").value_or(changed.name);
             if (captures == 1) {
                 look();
-                refuse(running(), CODE_MOVING);
+                refuse(reading_.running(), CODE_MOVING);
                 for (const LabAxisId axis : AXES)
                     changed.position[axis] = static_cast<float>(
                         2.0 * static_cast<double>(position(axis)) / axes[axis].made.total_steps - 1.0);
@@ -58,23 +58,23 @@ public:
             for (size_t i = 0; i < json_object_array_length(array.get()); ++i) {
                 const int64_t id = json_object_get_int64(json_object_array_get_idx(array.get(), i));
                 refuse(id < 1 || id > 8, CODE_PARAM); // those before are gone, until a restart
-                if (PresetSlot* slot = presetWithId(world.presets, id))
+                if (PresetSlot* slot = presetWithId(world.now.presets, id))
                     *slot = {};
                 ids.insert(id);
             }
-            std::stable_partition(world.presets.begin(), world.presets.end(),
+            std::stable_partition(world.now.presets.begin(), world.now.presets.end(),
                                   [](const auto& slot) { return slot.id != 0; });
             savePresets();
             savePendingPlan([&](const PlanRange& range) { return range.action == "preset" && ids.contains(range.id); });
         };
         methods_["clearPreset"] = [this](const Step&) {
-            world.presets = {};
+            world.now.presets = {};
             savePresets();
             savePendingPlan([](const PlanRange&) { return true; });
         };
         methods_["getPresetAll"] = [this](const Step&) {
             std::string lists[5];
-            for (const PresetSlot& slot : world.presets) {
+            for (const PresetSlot& slot : world.now.presets) {
                 if (slot.id == 0)
                     continue;
                 const std::string texts[] = {"\"" + std::to_string(slot.id) + "\"", quoted(slot.name), "\"0\"",
@@ -86,16 +86,13 @@ public:
             before_ = "\"id\":[" + lists[0] + "],\"name\":[" + lists[1] + "],\"read_only\":[" + lists[2] +
                       "],\"position_pan\":[" + lists[3] + "],\"position_tilt\":[" + lists[4] + "],";
         };
-        // A plan that was refused remains as far as it was read, and is stored when presets are deleted.
         methods_["set_plan_config"] = [this](const Step& step) {
             pendingPlan_.clear();
             constexpr const char* DAY_NAMES[DAYS] = {"sunday",   "monday", "tuesday", "wednesday",
                                                      "thursday", "friday", "saturday"};
             for (int day = 0; day < DAYS; ++day)
                 if (const Json array = step.argument(DAY_NAMES[day], json_type_array))
-                    readDay(array.get(), pendingPlan_[day]);
-            for (const auto& [day, ranges] : pendingPlan_)
-                refuse(!fits(ranges), CODE_PLAN);
+                    pendingPlan_[day] = planDay(array.get());
             savePendingPlan([](const PlanRange&) { return false; });
         };
     }
@@ -104,9 +101,9 @@ private:
     /// What the daemon reads is what it has stored, with the digits that it stores.
     void readPresets()
     {
-        world.presets = files_.presets;
-        for (size_t i = 0; i < world.presets.size(); ++i) {
-            PresetSlot& slot = world.presets[i];
+        world.now.presets = files_.presets;
+        for (size_t i = 0; i < world.now.presets.size(); ++i) {
+            PresetSlot& slot = world.now.presets[i];
             for (float& position : slot.position)
                 position = strtof(std::to_string(position).c_str(), nullptr);
             if (slot.id != 0 && slot.name.empty())
@@ -116,7 +113,7 @@ private:
     /// What is stored takes the place of all that the package holds.
     void savePresets()
     {
-        files_.presets = world.presets;
+        files_.presets = world.now.presets;
         for (const LabAxisId axis : AXES)
             axes[axis].speedOption = files_.speeds[axis];
     }
@@ -127,11 +124,11 @@ private:
         const float factor = strtof(given.c_str(), &end);
         refuse(*end != '\0', CODE_PARAM);
         refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
-        world.factors[axis] = factor;
+        world.now.factors[axis] = factor;
     }
-    static void readDay(json_object* array, PlanDay& day)
+    static PlanDay planDay(json_object* array)
     {
-        refuse(json_object_array_length(array) > 10, CODE_PLAN);
+        PlanDay day;
         for (size_t i = 0; i < json_object_array_length(array); ++i) {
             json_object* const entry = json_object_array_get_idx(array, i); // of one member
             const json_object_iterator first = json_object_iter_begin(entry);
@@ -139,18 +136,8 @@ private:
             const auto member = [range](const char* name) { return json_object_object_get(range, name); };
             day.push_back({json_object_get_int(member("start_time")), json_object_get_int(member("end_time")),
                            json_object_get_string(member("action_type")), json_object_get_int(member("action_id"))});
-            refuse(day.back().action != "preset" && day.back().action != "disable", CODE_PLAN);
         }
-    }
-    static bool fits(const PlanDay& day)
-    {
-        int earliest = 0;
-        for (const PlanRange& range : day) {
-            if (range.start < earliest || range.end < range.start || range.end > DAY_MINUTES)
-                return false;
-            earliest = range.end;
-        }
-        return true;
+        return day;
     }
     void savePendingPlan(const std::function<bool(const PlanRange&)>& isLost)
     {
@@ -167,5 +154,5 @@ private:
         return json_object_to_json_string_ext(json.get(), JSON_C_TO_STRING_NOSLASHESCAPE);
     }
 
-    Plan pendingPlan_; // as far as it was read
+    Plan pendingPlan_; // the latest request since the start
 };

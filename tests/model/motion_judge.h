@@ -187,10 +187,6 @@ public:
         if (std::any_of(states_.begin(), states_.end(), fits))
             keep(fits, why);
     }
-    bool mayBe(int origin) const
-    {
-        return std::any_of(states_.begin(), states_.end(), [origin](const auto& s) { return s.origin == origin; });
-    }
 
     // What polls and threads do.
 
@@ -236,11 +232,7 @@ public:
 
     // The touring thread.
 
-    /// What it is to load it may have loaded; or has by now.
-    void mayReload()
-    {
-        closeOver(states_);
-    }
+    /// What it is to load it has loaded by now.
     void keepReloaded()
     {
         closeOver(states_);

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <iterator>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -19,7 +19,7 @@
 /// much. In a text "<rule>" is one of that rule's texts and "<1..9>" one of the numbers. Steps are separated by
 /// semicolons; a method's step names its arguments, each left out one time in 30, with "name?2" every second time, and
 /// with "name:text" not taken from the rule of the argument's name.
-inline constexpr const char* GRAMMAR[][2] = {
+inline const std::map<std::string, std::string> GRAMMAR = {
     // Arguments.
     {"odd", "abc|| 12|+7|-0|3x|2147483647|-2147483648|99999999999|-99999999999|0x10|1e3|- 5|4294967297|\t9"},
     {"x_coord", "2*<odd>|7*<pan edge>|15*<-150..150>"},
@@ -40,10 +40,8 @@ inline constexpr const char* GRAMMAR[][2] = {
     {"recover", "<odd>|5*<0..1>"},
     {"times", "4*0|-1|1"},
     {"ids", R"(["1"]|["3","1"]|[2]|["2","9","1"]|[]|<odd>)"},
-    // A weekday's plan: minutes after midnight and a preset, "-" to disable the tour, or an action that nobody knows.
-    {"ranges", "8*0-1440=1|8*0-480=1,480-720=3,720-1440=2|8*480-481=2,720-1440=1|480-720=-||0-600=5,700-1440=3|"
-               "480-720=1,700-900=2|480-720=?,0-10=1|0-1441=1|"
-               "0-1=1,1-2=2,2-3=1,3-4=1,4-5=1,5-6=1,6-7=1,7-8=1,8-9=1,9-10=1,10-11=1"},
+    // A weekday's plan: minutes after midnight and a preset, or "-" to disable the tour.
+    {"ranges", "6*0-1440=1|6*0-480=1,480-720=3,720-1440=2|6*480-481=2,720-1440=1|480-720=-||0-600=5,700-1440=3"},
 
     // Settings, "-" where the option is missing.
     {"switch", "2*on|2*off|ON|On|oN|onn||-"},
@@ -54,19 +52,15 @@ inline constexpr const char* GRAMMAR[][2] = {
     {"wall", "2031-05-05 07:58:50|2031-05-05 08:00:10|2031-05-05 12:00:05|2031-05-05 23:59:00|2031-05-06 00:00:40"},
     {"setting", "4*@flip <flip>;updateImageConfig|@flip <flip>|4*@mask <switch>;lensMask|@mask <switch>|"
                 "4*@track <switch>;reloadTargetTrackConfig|@track <switch>"},
-    {"plain setup", "@flip <some flip>;@mask <some mask>;@track <switch>;@recover <recovers>;@steps <some steps>;"
-                    "@speed <some speed>"},
-    {"some flip", "off|<flip>"},
-    {"some mask", "on|7*off"},
+    {"plain setup", "@flip <flip>;@mask <rarely on>;@track <switch>;@recover <recovers>;@steps <steps>;"
+                    "@speed <speed>"},
+    {"rarely on", "on|5*off"},
     {"recovers", "0|3*1"},
-    {"some steps", "2*-|0|77|-5|40"},
-    {"some speed", "<speed>|2*4"},
+    {"steps", "2*-|0|3*77|-5|40"},
     {"touring setup", "<plain setup>;<tour>"},
     {"tour", "@wall <wall>;@tour <tour info>"},
-    {"storing setup", "@flip off;@mask <storing mask>;@track on;@recover <recovers>;@steps <storing steps>;@speed 4;"
-                      "<tour>;@tour <storing tour>"},
-    {"storing mask", "on|2*off"},
-    {"storing steps", "-|2*77"},
+    {"storing setup", "@flip off;@mask <rarely on>;@track on;@recover <recovers>;@steps <steps>;@speed 4;"
+                      "@wall <wall>;@tour <storing tour>"},
     {"storing tour", "on 2 0 0 0 0|on 1 -20 10 0 0|on 1 100 125 0 0"},
 
     // Steps.
@@ -97,9 +91,12 @@ inline constexpr const char* GRAMMAR[][2] = {
     {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
     {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
     // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
-    {"touring command", "2*<plain command>|<tour change>;<scan reload>;<meeting>;@tours <1..3>"},
+    {"touring command", "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>"},
     {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
                     "3*reload_tour_info"},
+    // Tracking that has not moved the head, which ends when no quiet period is left of it.
+    {"still tracking", "@tour on 1 -10 0 0 0;reload_tour_info;reload_scan_tour;@rest;"
+                       "targetTrack x_coord:0 y_coord:0 x_speed:1 y_speed:1;@nap 650000;targetTrackBack;@tours 1"},
     {"scan reload", "|reload_scan_tour"},
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
@@ -185,11 +182,9 @@ inline std::string planJson(const std::string& day, const std::string& ranges)
     for (std::string range; std::getline(list, range, ',');) {
         int start = 0;
         int end = 0;
-        char target = '?';
+        char target = '-';
         (void)sscanf(range.c_str(), "%d-%d=%c", &start, &end, &target);
-        const std::string action = target == '-'   ? "disable"
-                                   : target == '?' ? "goto"
-                                                   : std::string("preset\",\"action_id\":\"") + target;
+        const std::string action = target == '-' ? "disable" : std::string("preset\",\"action_id\":\"") + target;
         result += (result.empty() ? "{\"" : ",{\"") + day + "_" + std::to_string(++index) +
                   "\":{\"start_time\":" + std::to_string(start) + ",\"end_time\":" + std::to_string(end) +
                   ",\"action_type\":\"" + action + "\"}}";
@@ -228,9 +223,7 @@ private:
     }
     std::string choice(const std::string& rule)
     {
-        const auto* at =
-            std::find_if(std::begin(GRAMMAR), std::end(GRAMMAR), [&](const auto& r) { return r[0] == rule; });
-        std::istringstream alternatives(at == std::end(GRAMMAR) ? "no rule " + rule : (*at)[1]);
+        std::istringstream alternatives(GRAMMAR.at(rule));
         std::vector<std::string> weighed;
         for (std::string text; std::getline(alternatives, text, '|');) {
             const size_t star = text.find_first_not_of("0123456789");
@@ -301,8 +294,9 @@ inline Sequence shrink(Sequence sequence, const std::function<bool(const Sequenc
     for (size_t length = std::max<size_t>(sequence.steps.size() / 2, 1); length >= 1; length /= 2) {
         for (size_t at = 0; at < sequence.steps.size();) {
             Sequence smaller = sequence;
-            const auto first = smaller.steps.begin() + static_cast<ptrdiff_t>(at);
-            smaller.steps.erase(first, first + static_cast<ptrdiff_t>(std::min(length, smaller.steps.size() - at)));
+            const size_t end = std::min(at + length, smaller.steps.size());
+            const auto first = smaller.steps.begin();
+            smaller.steps.erase(first + static_cast<ptrdiff_t>(at), first + static_cast<ptrdiff_t>(end));
             if (fails(smaller))
                 sequence = smaller;
             else

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdio>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -52,21 +52,23 @@ struct TourSettings {
     int end = 0;
 };
 
-/// The wall clock shows a second of the week from a lab time on.
+/// The wall clock shows a second from a lab time on.
 struct Wall {
     int64_t fromNs;
-    int64_t second;
+    int64_t second; // since a Sunday
 
-    /// "2031-05-05 08:00:00" is a Monday.
+    /// A local time like "2031-05-05 08:00:00", in the zone UTC.
     static Wall at(const std::string& text, int64_t labNs)
     {
-        int day = 0;
-        int hour = 0;
-        int minute = 0;
-        int second = 0;
-        (void)sscanf(text.c_str(), "2031-05-%d %d:%d:%d", &day, &hour, &minute, &second);
-        return {labNs, ((int64_t{day - 4} * 24 + hour) * 60 + minute) * 60 + second};
+        tm time{};
+        (void)strptime(text.c_str(), "%F %T", &time);
+        return {labNs, timegm(&time) + 4 * 24 * 60 * 60}; // 1970 began with a Thursday
     }
+};
+
+struct PresetsInUse {
+    Presets presets{};
+    std::array<float, 2> factors{1, 1}; // of the largest speeds
 };
 
 /// What the touring thread goes by. Everything may be looked at a little before its effect is seen.
@@ -74,10 +76,8 @@ struct TourWorld {
     std::vector<TourSettings> settings{TourSettings{}}; // the last is in the file
     std::vector<Plan> plans{Plan{}};                    // likewise
     std::vector<Wall> walls{{0, 0}};
-    Presets presets{};
-    std::array<float, 2> factors{1, 1}; // of the largest speeds
-    Presets presetsBefore{};            // the latest change of presets or factors, which ended at changedNs
-    std::array<float, 2> factorsBefore{1, 1};
+    PresetsInUse now{};
+    PresetsInUse before{}; // the latest change, which ended at changedNs
     int64_t changedNs = 0;
     bool held = false; // by lens mask or panorama
 
@@ -85,9 +85,6 @@ struct TourWorld {
     std::set<int> targets(size_t plan, int64_t labNs) const
     {
         std::set<int> result;
-        std::vector<Presets> tables{presets};
-        if (justChanged(labNs))
-            tables.push_back(presetsBefore);
         for (const int64_t week : minutes(labNs)) {
             const int64_t minute = week % DAY_MINUTES;
             const auto entry = plans[plan].find(week / DAY_MINUTES);
@@ -96,8 +93,8 @@ struct TourWorld {
                 return range.valid && range.start <= minute && minute < range.end;
             });
             const int id = at == day.end() || at->action != "preset" ? 0 : at->id;
-            for (Presets& table : tables)
-                result.insert(presetWithId(table, id) ? id : 0);
+            for (PresetsInUse& read : readAt(labNs))
+                result.insert(presetWithId(read.presets, id) ? id : 0);
         }
         return result;
     }
@@ -116,13 +113,14 @@ struct TourWorld {
     /// A copy of what is about to change.
     void remember()
     {
-        presetsBefore = presets;
-        factorsBefore = factors;
+        before = now;
         changedNs = INT64_MAX;
     }
-    bool justChanged(int64_t labNs) const
+    /// What may have been read of the presets at a lab time.
+    std::vector<PresetsInUse> readAt(int64_t labNs) const
     {
-        return changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+        const bool justChanged = changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+        return justChanged ? std::vector{now, before} : std::vector{now};
     }
 
 private:
