@@ -91,12 +91,14 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
     {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
     // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
-    {"touring command", "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>"},
+    {"touring command",
+     "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>|<still touring>"},
     {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
                     "3*reload_tour_info"},
-    // Tracking that has not moved the head, which ends when no quiet period is left of it.
+    // Longer than the quiet period at rest: after a tracking that has not moved the head, and at the tour's preset.
     {"still tracking", "@tour on 1 -10 0 0 0;reload_tour_info;reload_scan_tour;@rest;"
                        "targetTrack x_coord:0 y_coord:0 x_speed:1 y_speed:1;@nap 650000;targetTrackBack;@tours 1"},
+    {"still touring", "@tour on 2 0 0 0 0;reload_tour_info;@tours 2;@nap 650000;@rest"},
     {"scan reload", "|reload_scan_tour"},
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
