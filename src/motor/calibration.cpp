@@ -46,14 +46,18 @@ void motorCali(AxisIndex axis, const CalibrationTarget& target)
     LOG_TRACE("end calibration rotate.\n");
 }
 
-/// Reads the axis's configured speed. @return the speed to use: that one, or the default where it cannot be used.
-int32_t usableSpeed(AxisIndex axis, int32_t& stored)
+/// The axis's configured speed. One that cannot be used is replaced by the default, in the store too, to be committed
+/// with the next change; logs under the caller's name when it cannot be set there.
+int32_t usableSpeed(AxisIndex axis, LogSite caller = logSite())
 {
     const MotorAxis& motor = gContext.axes[axis];
-    stored = -1;
+    const UciTransaction transaction(UCI_PTZD);
+    int32_t stored = -1;
     (void)cfg_uci_get_int_value(UCI_PTZD, motor.section, "speed", &stored); // missing: the default
-    const int32_t speed = stored > 0 ? stored : DEFAULT_SPEED[axis];
-    return speed > motor.max_speed ? DEFAULT_SPEED[axis] : speed;
+    const int32_t speed = stored > 0 && stored <= motor.max_speed ? stored : DEFAULT_SPEED[axis];
+    if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, motor.section, "speed", speed) != 0)
+        logWrite(LOG_LEVEL_ERROR, caller, "error to set option %s.speed\n", motor.section);
+    return speed;
 }
 
 void* ptzdCali(void* argument)
@@ -65,16 +69,7 @@ void* ptzdCali(void* argument)
     motionBegin(MotionBegin::Calibration);
     for (const AxisIndex axis : {PAN, TILT}) {
         motorCali(axis, targets[axis]);
-        int32_t speed = 0;
-        {
-            const UciTransaction transaction(UCI_PTZD);
-            int32_t stored = -1;
-            speed = usableSpeed(axis, stored);
-            const char* section = gContext.axes[axis].section;
-            if (speed != stored && cfg_uci_set_int_value(UCI_PTZD, section, "speed", speed) != 0)
-                LOG_ERROR("error to set option %s.speed\n", section);
-        }
-        (void)motorSetSpeed(axis, speed); // the driver keeps its own when it refuses
+        (void)motorSetSpeed(axis, usableSpeed(axis)); // the driver keeps its own when it refuses
     }
     motionSettle(MotionSettle::Calibration);
     gContext.motion.calibrating.store(0);

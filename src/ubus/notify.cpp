@@ -104,13 +104,13 @@ int callAndWait(ubus_context* connection, uint32_t object, const char* method, b
     return await(connection, call);
 }
 
-/// Finds the object's id, trying again for about a second.
-bool findObject(ubus_context* connection, const char* name, uint32_t& id) EXCLUDES(gContext.ubus.BusLock)
+/// Finds the target's id, trying again for about a second.
+bool findTarget(ubus_context* connection, uint32_t& id) EXCLUDES(gContext.ubus.BusLock)
 {
     for (int attempt = 1;; ++attempt) {
         {
             const BusGuard hold;
-            if (busLookupId(connection, name, id) == UBUS_STATUS_OK)
+            if (busLookupId(connection, TARGET_OBJECT, id) == UBUS_STATUS_OK)
                 return true;
         }
         if (attempt == LOOKUP_ATTEMPTS || workersStopping())
@@ -199,7 +199,7 @@ int32_t ubusNotifyWithParam(const char* method, int32_t origin)
     (void)snprintf(type, sizeof(type), "%" PRId32, origin);
     const bool put = putArguments(arguments, type);
     uint32_t object = 0;
-    if (!findObject(connection.get(), TARGET_OBJECT, object)) {
+    if (!findTarget(connection.get(), object)) {
         LOG_ERROR("%s ubus process not found\n", TARGET_OBJECT);
         return -1;
     }

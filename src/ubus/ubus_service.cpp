@@ -26,28 +26,16 @@ constexpr int RETRY_PAUSE_MS = 1000;
 constexpr int RECONNECT_MS = 2000;
 constexpr int BUS_END_MS = 200; // in addition to what the workers get, within two seconds in all
 
-ubus_context* connectLocked(const char* path)
-{
-    const BusGuard hold;
-    return busConnect(path);
-}
-
-void freeConnection()
-{
-    const BusGuard hold;
-    busFree(gContext.ubus.gUbusctx);
-    gContext.ubus.gUbusctx = nullptr;
-}
-
 /// The first connection, or null.
 ubus_context* connectWithRetries()
 {
     for (;;) {
-        if (ubus_context* connection = connectLocked(UBUS_SOCKET))
-            return connection;
-        if (shutdownSleep(RETRY_PAUSE_MS))
-            return nullptr;
-        if (++gContext.ubus.ubusConnectAttempts > RETRIES)
+        {
+            const BusGuard hold;
+            if (ubus_context* connection = busConnect(UBUS_SOCKET))
+                return connection;
+        }
+        if (shutdownSleep(RETRY_PAUSE_MS) || ++gContext.ubus.ubusConnectAttempts > RETRIES)
             return nullptr;
     }
 }
@@ -160,9 +148,12 @@ int32_t ubusInit()
         gContext.ubus.gUbusctx->connection_lost = onConnectionLost;
         busDispatchUnderLock(gContext.ubus.gUbusctx);
         registered = ubusInitObj();
+        if (registered != 0) {
+            busFree(gContext.ubus.gUbusctx);
+            gContext.ubus.gUbusctx = nullptr;
+        }
     }
     if (registered != 0) {
-        freeConnection();
         LOG_ERROR("UBUS: init object failed.\n");
         return -1;
     }

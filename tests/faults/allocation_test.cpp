@@ -57,16 +57,17 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     SCOPED_TRACE(row["Call"] + ", " + row["Head"] + ": allocation " + std::to_string(nth) + (ever ? " and on" : ""));
     begin(row);
     const pid_t daemon = lab.programs.ptzdPid();
-    const std::vector<std::string> expectedTold = toldBy(row["Told"]);
-    const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
+    const std::vector<std::string> expectedNotified = notifiedBy(row["Notified"]);
+    const std::vector<std::string> expectedLog = loggedBy(row["Log"]);
     // While a call stores, the poll may find the end of the motion that it has halted, and notify of it.
-    const auto done = [&] { return (turning() || told() == expectedTold) && isDone(row); };
-    const auto doneOrReported = [&] { return done() || hasReported(expectedReports.size() + 1); };
+    const auto done = [&] { return (turning() || notified() == expectedNotified) && isDone(row); };
+    const auto doneOrReported = [&] { return done() || hasReported(expectedLog.size() + 1); };
     if (turning() && !isStep_)
         setFactors(SLOWLY / 10);
     lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
-    const LabReply reply = last_->method ? lab.invoke("ptzd", last_->method, last_->arguments, 3s) : LabReply{0, DONE};
+    const LabReply reply =
+        last_->arguments ? lab.invoke("ptzd", last_->method(), last_->arguments, 3s) : LabReply{0, DONE};
     std::smatch code;
     const bool answered = std::regex_search(reply.text, code, std::regex(R"("err(or)?_code":(-?[0-9]+)[,}])"));
     lastDone_ = !answered || code[2] == "0";
@@ -87,12 +88,12 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
         (void)waitUntil(doneOrReported, DEADLINE / 4);
     EXPECT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
     std::this_thread::sleep_for(10ms);
-    if (reports(console_, log_) == expectedReports) {
+    if (logged(console_, log_) == expectedLog) {
         const bool went =
             start_[LAB_PAN] != lab.motors.now(LAB_PAN).shaft || start_[LAB_TILT] != lab.motors.now(LAB_TILT).shaft;
         const bool mayLose = row["Call"] == "set_plan_config"; // an option of an entry, without a report
         EXPECT_TRUE(!succeeded || mayLose || done()) << "success without effect";
-        EXPECT_TRUE(!went || turning() || isStep_ || expectedTold.empty() || !told().empty())
+        EXPECT_TRUE(!went || turning() || isStep_ || expectedNotified.empty() || !notified().empty())
             << "has moved without a notification";
     }
     for (const auto& [package, text] : before_)

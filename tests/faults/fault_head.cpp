@@ -31,55 +31,51 @@ constexpr std::pair<const char*, const char*> PACKAGES[] = {
 };
 constexpr int32_t DRIFT = 60; // what a turning head may go on while it is frozen, in steps
 
-constexpr int32_t NOWHERE = -1;
 constexpr const char* POSITION = "position"; // stored is where the head is
 
 // Ten steps make a coordinate unit on both axes, whose middles are at 1500 and 610 steps.
 constexpr FaultyCall CALLS[] = {
-    {"getStatus", "getStatus", ""},
-    {"move", "move", R"({"x_coord":"-30","y_coord":"-10"})", -300, -100, true},
-    {"moveTo", "moveTo", R"({"x_coord":"-30","y_coord":"-10"})", 1200, 510},
-    {"moveTo far", "moveTo", R"({"x_coord":"100","y_coord":"50"})"},
-    {"targetTrack far", "targetTrack", R"({"x_coord":"100","y_coord":"56","x_speed":"4","y_speed":"4"})"},
-    {"moveStep 0", "moveStep", R"({"direction":"0"})", 3000, NOWHERE},
-    {"moveStep 90", "moveStep", R"({"direction":"90"})", NOWHERE, 1220},
-    {"stop", "stop", ""},
-    {"targetTrack", "targetTrack", R"({"x_coord":"10","y_coord":"5","x_speed":"4","y_speed":"4"})", 1600, 600, false,
-     "ptzd", POSITION},
-    {"targetTrackBack", "targetTrackBack", "", 1500, 550},
-    {"reloadTargetTrackConfig", "reloadTargetTrackConfig", "", 1500, 550},
-    {"startPanorama", "startPanorama", "", 0, 510, false, "ptzd", POSITION},
-    {"movePanorama", "movePanorama", R"({"x_coord":"-30","y_coord":"-10"})", -300, -100, true},
-    {"stopPanorama", "stopPanorama", "", 1500, 550},
-    {"lensMask on", "lensMask", "", NOWHERE, 0, false, "ptzd", POSITION},
-    {"lensMask off", "lensMask", "", 1500, 550},
-    {"manualCalibrate", "manualCalibrate", "", 1500, 550, false, nullptr, nullptr, "setConfig 4 4"},
-    {"test", "test", R"({"times":"1"})", 3000, 1220},
-    {"gotoPreset", "gotoPreset", R"({"id":"1"})", 750, 610},
-    {"setConfig", "setConfig", R"({"x_speed":"6","y_speed":"7"})", NOWHERE, NOWHERE, false, "ptzd",
-     "speed '6'*speed '7'", "setConfig 4 4"},
-    {"setConfig 4 4", "setConfig", R"({"x_speed":"4","y_speed":"4"})"},
-    {"setPowerOffRecover", "setPowerOffRecover", R"({"recover":"1"})", NOWHERE, NOWHERE, false, "ptzd",
-     "power_off_recover '1'", "setPowerOffRecover 0"},
-    {"setPowerOffRecover 0", "setPowerOffRecover", R"({"recover":"0"})"},
-    {"setPresetConfig", "setPresetConfig", R"({"image_freeze_enabled":"1","speed":"0.25"})", NOWHERE, NOWHERE, false,
-     "ptzd", "speed '0.250000'*image_freeze_enabled '1'"},
-    {"reloadPresetConfig", "reloadPresetConfig", ""},
-    {"setPreset", "setPreset", R"({"id":"2","name":"gate","save_ptz":"1"})", NOWHERE, NOWHERE, false, "ptzd", "'gate'",
-     "delPreset 2"},
-    {"delPreset", "delPreset", R"({"id":["1"]})", NOWHERE, NOWHERE, false, "ptzd", "!option enabled '1'",
-     "setPreset 1"},
-    {"delPreset 2", "delPreset", R"({"id":["2"]})"},
-    {"clearPreset", "clearPreset", "", NOWHERE, NOWHERE, false, "ptzd", "!option enabled '1'", "setPreset 1"},
-    {"set_plan_config", "set_plan_config",
-     R"({"monday":[{"monday_1":{"start_time":60,"end_time":90,"action_type":"disable","action_id":"NULL"}}]})", NOWHERE,
-     NOWHERE, false, "ptz_plan", "'90'"},
-    {"updateImageConfig", "updateImageConfig", ""},
-    {"checkMotorStatus", "checkMotorStatus", ""},
-    {"reload_tour_info, scan", "reload_tour_info", "", 500, NOWHERE},
-    {"reload_tour_info, presets", "reload_tour_info", "", 750, 610},
-    {"status poll", nullptr, nullptr},
-    {"save timer", nullptr, nullptr, NOWHERE, NOWHERE, false, "ptzd", POSITION, "setPowerOffRecover 0"},
+    {"getStatus", ""},
+    {"move", R"({"x_coord":"-30","y_coord":"-10"})", {-300, -100, true}},
+    {"moveTo", R"({"x_coord":"-30","y_coord":"-10"})", {1200, 510}},
+    {"moveTo far", R"({"x_coord":"100","y_coord":"50"})"},
+    {"moveStep 0", R"({"direction":"0"})", {3000, NOWHERE}},
+    {"moveStep 90", R"({"direction":"90"})", {NOWHERE, 1220}},
+    {"stop", ""},
+    {"targetTrack", R"({"x_coord":"10","y_coord":"5","x_speed":"4","y_speed":"4"})", {1600, 600}, {"ptzd", POSITION}},
+    {"targetTrack far", R"({"x_coord":"100","y_coord":"56","x_speed":"4","y_speed":"4"})"},
+    {"targetTrackBack", "", {1500, 550}},
+    {"reloadTargetTrackConfig", "", {1500, 550}},
+    {"startPanorama", "", {0, 510}, {"ptzd", POSITION}},
+    {"movePanorama", R"({"x_coord":"-30","y_coord":"-10"})", {-300, -100, true}},
+    {"stopPanorama", "", {1500, 550}},
+    {"lensMask on", "", {NOWHERE, 0}, {"ptzd", POSITION}},
+    {"lensMask off", "", {1500, 550}},
+    {"manualCalibrate", "", {1500, 550}, {}, "setConfig 4 4"},
+    {"test", R"({"times":"1"})", {3000, 1220}},
+    {"gotoPreset", R"({"id":"1"})", {750, 610}},
+    {"setConfig", R"({"x_speed":"6","y_speed":"7"})", {}, {"ptzd", "speed '6'*speed '7'"}, "setConfig 4 4"},
+    {"setConfig 4 4", R"({"x_speed":"4","y_speed":"4"})"},
+    {"setPowerOffRecover", R"({"recover":"1"})", {}, {"ptzd", "power_off_recover '1'"}, "setPowerOffRecover 0"},
+    {"setPowerOffRecover 0", R"({"recover":"0"})"},
+    {"setPresetConfig",
+     R"({"image_freeze_enabled":"1","speed":"0.25"})",
+     {},
+     {"ptzd", "speed '0.250000'*image_freeze_enabled '1'"}},
+    {"reloadPresetConfig", ""},
+    {"setPreset", R"({"id":"2","name":"gate","save_ptz":"1"})", {}, {"ptzd", "'gate'"}, "delPreset 2"},
+    {"delPreset", R"({"id":["1"]})", {}, {"ptzd", "!option enabled '1'"}, "setPreset 1"},
+    {"delPreset 2", R"({"id":["2"]})"},
+    {"clearPreset", "", {}, {"ptzd", "!option enabled '1'"}, "setPreset 1"},
+    {"set_plan_config",
+     R"({"monday":[{"monday_1":{"start_time":60,"end_time":90,"action_type":"disable","action_id":"NULL"}}]})",
+     {},
+     {"ptz_plan", "'90'"}},
+    {"updateImageConfig", ""},
+    {"reload_tour_info, scan", "", {500, NOWHERE}},
+    {"reload_tour_info, presets", "", {750, 610}},
+    {"status poll", nullptr},
+    {"save timer", nullptr, {}, {"ptzd", POSITION}, "setPowerOffRecover 0"},
 };
 
 /// A plan whose every minute belongs to preset 1.
@@ -162,7 +158,7 @@ void FaultyHead::upWithFaults()
         pristine_[package] = settings(package);
 }
 
-void FaultyHead::expectDone(const char* method, const std::string& arguments)
+void FaultyHead::expectDone(const std::string& method, const std::string& arguments)
 {
     EXPECT_NE(lab.call(method, arguments).find("code\":0"), std::string::npos)
         << method << " after " << (last_ ? last_->name : "the start");
@@ -235,7 +231,7 @@ void FaultyHead::writeSettings(const std::string& package, const std::string& te
     EXPECT_TRUE(writeFile(lab.folder() + "/etc/config/" + package, text));
 }
 
-std::vector<std::string> FaultyHead::told() const
+std::vector<std::string> FaultyHead::notified() const
 {
     std::vector<std::string> result;
     for (const LabCetEntry& entry : lab.records.cetLog()) {
@@ -261,7 +257,7 @@ void FaultyHead::undo()
         expectDone("setPowerOffRecover", R"({"recover":"0"})");
     const FaultyCall* back = last_ && last_->undo ? callOf(last_->undo) : nullptr;
     if (back)
-        expectDone(back->method, back->arguments);
+        expectDone(back->method(), back->arguments);
     else if (last_ && last_->undo)
         makePreset();
     for (const auto& [package, reload] : PACKAGES) {
@@ -291,7 +287,7 @@ void FaultyHead::home()
     const std::vector<std::string> whole = {"moving 0", "start", "idle 0", "stop"};
     ASSERT_TRUE(waitUntil(
         [&] {
-            std::vector<std::string> all = told();
+            std::vector<std::string> all = notified();
             if (all.size() == 5 && all.front() == "stop")
                 all.erase(all.begin()); // the event of the last motion's end
             return all == whole && rests();
@@ -305,8 +301,9 @@ void FaultyHead::prepare(const std::string& state)
 {
     const auto call = [&](const char* name, size_t entries = 0) {
         const FaultyCall* found = callOf(name);
-        expectDone(found->method, found->arguments);
-        ASSERT_TRUE(entries == 0 || waitUntil([&] { return told().size() == entries && rests(); }, DEADLINE)) << state;
+        expectDone(found->method(), found->arguments);
+        ASSERT_TRUE(entries == 0 || waitUntil([&] { return notified().size() == entries && rests(); }, DEADLINE))
+            << state;
     };
     const bool panorama = state == "in a panorama";
     const bool masked = state == "masked";
@@ -341,7 +338,7 @@ void FaultyHead::prepare(const std::string& state)
     } else if (state == "stepping") {
         setFactors(SLOWLY);
         call("moveStep 0");
-        ASSERT_TRUE(waitUntil([&] { return told().size() == 2; }, DEADLINE)); // by the step's own thread
+        ASSERT_TRUE(waitUntil([&] { return notified().size() == 2; }, DEADLINE)); // by the step's own thread
     }
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         start_[axis] = lab.motors.now(axis).shaft;
@@ -365,7 +362,7 @@ void FaultyHead::begin(const PageRow& row)
         record.seen.store(0);
 }
 
-std::vector<std::string> FaultyHead::reports(size_t consoleFrom, size_t logFrom)
+std::vector<std::string> FaultyHead::logged(size_t consoleFrom, size_t logFrom)
 {
     static const std::regex form("\\[\\w+:[0-9]+\\]: (.*)");
     const std::string tag = " 5 PTZD: ";
@@ -404,10 +401,10 @@ bool FaultyHead::isAsStated(const PageRow& row, LabAxisId axis)
 {
     const std::string& word = row[axis == LAB_PAN ? "Pan" : "Tilt"];
     const int32_t shaft = lab.motors.now(axis).shaft;
-    const int32_t named = axis == LAB_PAN ? last_->pan : last_->tilt;
+    const int32_t named = axis == LAB_PAN ? last_->goal.pan : last_->goal.tilt;
     if (word == "short")
         return shaft > start_[axis] && shaft < LAST_STEP[axis] - DRIFT;
-    const int32_t goal = named == NOWHERE ? start_[axis] : last_->relative ? start_[axis] + named : named;
+    const int32_t goal = named == NOWHERE ? start_[axis] : last_->goal.relative ? start_[axis] + named : named;
     const int32_t wanted = word == "goes"       ? goal
                            : word == "goes on"  ? UNDER_WAY_TO[axis]
                            : word == "zero end" ? 0
@@ -418,8 +415,8 @@ bool FaultyHead::isAsStated(const PageRow& row, LabAxisId axis)
 
 bool FaultyHead::isStored()
 {
-    const std::string text = settings(last_->package);
-    const std::string wanted = last_->stored;
+    const std::string text = settings(last_->stored.package);
+    const std::string wanted = last_->stored.texts;
     if (wanted == POSITION) {
         const std::regex steps("option steps '([0-9]+)'");
         size_t axis = 0;
@@ -438,7 +435,7 @@ bool FaultyHead::isStored()
 bool FaultyHead::isDone(const PageRow& row)
 {
     return rests() && isAsStated(row, LAB_PAN) && isAsStated(row, LAB_TILT) && (row["Stored"] != "yes" || isStored()) &&
-           (row["Stored"] != "part" || settings(last_->package) != before_[last_->package]);
+           (row["Stored"] != "part" || settings(last_->stored.package) != before_[last_->stored.package]);
 }
 
 bool FaultyHead::hasReported(size_t lines)
@@ -454,17 +451,17 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     begin(row);
     if (HasFatalFailure())
         return;
-    const std::vector<std::string> expectedTold = toldBy(row["Told"]);
-    const std::vector<std::string> expectedReports = reportsBy(row["Report"]);
+    const std::vector<std::string> expectedNotified = notifiedBy(row["Notified"]);
+    const std::vector<std::string> expectedLog = loggedBy(row["Log"]);
     if (point)
         arm(*point, ever);
     if (point && point->call == FAULT_UBUS_LOOKUP_ID)
         lab.clock.setSpeed(FAST); // the pauses between look-ups are the lab's
     callNs_ = lab.clock.nowNs();
-    if (last_->method) {
-        const std::string answer = lab.call(last_->method, last_->arguments);
+    if (last_->arguments) {
+        const std::string answer = lab.call(last_->method(), last_->arguments);
         const std::string& code = row["Answer"];
-        const bool bare = code != "0" && last_->method != std::string("setPreset");
+        const bool bare = code != "0" && last_->method() != "setPreset";
         const std::string shape = R"("err(or)?_code":)" + code;
         lastDone_ = code == "0";
         EXPECT_TRUE(code == "no data"
@@ -477,20 +474,20 @@ void FaultyHead::run(const PageRow& row, const FaultPoint* point, bool ever)
     lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST);
     if (point) {
         ASSERT_TRUE(waitUntil([&] { return met(*point) != 0; }, DEADLINE)) << "was not met";
-        (void)waitUntil([&] { return hasReported(expectedReports.size()); }, DEADLINE / 4);
+        (void)waitUntil([&] { return hasReported(expectedLog.size()); }, DEADLINE / 4);
         if (ever)
             std::this_thread::sleep_for(30ms); // a few ticks and cycles
         disarm();
     }
-    (void)waitUntil([&] { return told() == expectedTold && isDone(row); }, DEADLINE / 4);
+    (void)waitUntil([&] { return notified() == expectedNotified && isDone(row); }, DEADLINE / 4);
     std::this_thread::sleep_for(10ms); // two more ticks of the poll: nothing else may come
-    EXPECT_EQ(told(), expectedTold);
-    EXPECT_EQ(reports(console_, log_), expectedReports);
+    EXPECT_EQ(notified(), expectedNotified);
+    EXPECT_EQ(logged(console_, log_), expectedLog);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         EXPECT_TRUE(isAsStated(row, axis)) << (axis == LAB_PAN ? "pan " : "tilt ") << lab.motors.now(axis).shaft;
     for (const auto& [package, text] : before_) {
         after_[package] = settings(package);
-        const bool affected = last_->package && package == last_->package;
+        const bool affected = last_->stored.package && package == last_->stored.package;
         if (affected && row["Stored"] == "yes")
             EXPECT_TRUE(isStored()) << after_[package];
         else if (affected && row["Stored"] == "part")

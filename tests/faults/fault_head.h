@@ -10,17 +10,27 @@ inline constexpr double FAST = 10;      // lab time in real time, while nothing 
 inline constexpr int32_t FACTOR = 2500; // the whole pan travel takes 0.3 s of the lab
 inline constexpr int32_t SLOWLY = 100;  // for steps: 400 steps a second of the lab
 
-/// A call of the matrix, as the page names it.
+inline constexpr int32_t NOWHERE = -1;
+
+/// A call of the matrix.
 struct FaultyCall {
-    const char* name;   // in the column Call
-    const char* method; // null: what happens without a call
-    const char* arguments;
-    int32_t pan = -1; // where it sends the head, in steps; -1: nowhere
-    int32_t tilt = -1;
-    bool relative = false;
-    const char* package = nullptr; // of the setting that it stores; the texts, separated by "*", that are in its file
-    const char* stored = nullptr;  // then, "!" before: are not
-    const char* undo = nullptr;    // a call of the matrix that takes it back
+    const char* name;      // in the column Call: the method, and behind it what tells calls of one method apart
+    const char* arguments; // null: what happens without a call
+    struct {
+        int32_t pan = NOWHERE; // where it sends the head, in steps
+        int32_t tilt = NOWHERE;
+        bool relative = false;
+    } goal{};
+    struct {
+        const char* package; // of the setting that it stores
+        const char* texts;   // that are in its file then, separated by "*"; "!" before: that are not
+    } stored{};
+    const char* undo = nullptr; // a call of the matrix that takes it back
+
+    [[nodiscard]] std::string method() const
+    {
+        return std::string(name).substr(0, std::string(name).find_first_of(" ,"));
+    }
 };
 
 class FaultyHead : public HeadInTheLab {
@@ -55,10 +65,10 @@ protected:
     bool hasReported(size_t lines);
     /// Lines of the console and of the log since they had these lengths, without "[function:line]: ". Fails the test
     /// for lines of another form, and for those that are not in the message log too.
-    std::vector<std::string> reports(size_t consoleFrom, size_t logFrom);
+    std::vector<std::string> logged(size_t consoleFrom, size_t logFrom);
     /// Whether a motion was under way when the call came.
     [[nodiscard]] bool turning() const;
-    [[nodiscard]] std::vector<std::string> told() const;
+    [[nodiscard]] std::vector<std::string> notified() const;
 
     // Of the latest row:
     const FaultyCall* last_ = nullptr;
@@ -75,7 +85,7 @@ protected:
 
 private:
     static const FaultyCall* callOf(const std::string& name);
-    void expectDone(const char* method, const std::string& arguments = "");
+    void expectDone(const std::string& method, const std::string& arguments = "");
     void makePreset();
     void undo();
     void home();

@@ -65,21 +65,21 @@ std::vector<PageRow> pageRows(const std::string& heading)
     return rows;
 }
 
-std::vector<std::string> toldBy(const std::string& cell)
+std::vector<std::string> notifiedBy(const std::string& cell)
 {
     std::vector<std::string> result;
     for (const std::string& part : partsOf(cell, ',')) {
-        if (part == "told 1") // tracking is announced without events
+        if (part == "notified 1") // tracking sends no events
             result.insert(result.end(), {"moving 1", "idle 1"});
-        else if (part.starts_with("told "))
-            result.insert(result.end(), {"moving " + part.substr(5), "start", "idle " + part.substr(5), "stop"});
+        else if (part.starts_with("notified "))
+            result.insert(result.end(), {"moving " + part.substr(9), "start", "idle " + part.substr(9), "stop"});
         else
             result.push_back(part);
     }
     return result;
 }
 
-std::vector<std::string> reportsBy(const std::string& cell)
+std::vector<std::string> loggedBy(const std::string& cell)
 {
     std::vector<std::string> result = partsOf(cell, ';');
     std::sort(result.begin(), result.end());

@@ -23,9 +23,9 @@ std::vector<PageRow> pageRows(const std::string& heading);
 /// The parts of a cell between separators, without blanks around them; none for an empty cell.
 std::vector<std::string> partsOf(const std::string& cell, char separator);
 
-/// What a cell of the column Told, or Report, says; reports in alphabetical order.
-std::vector<std::string> toldBy(const std::string& cell);
-std::vector<std::string> reportsBy(const std::string& cell);
+/// What a cell of the column Notified, or Log, means; messages in alphabetical order.
+std::vector<std::string> notifiedBy(const std::string& cell);
+std::vector<std::string> loggedBy(const std::string& cell);
 
 /// One call or device request that fails: "2 y MOVE", "every uci_commit ptzd", "malloc", "3 times ubus_reconnect".
 struct FaultPoint {

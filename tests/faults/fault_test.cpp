@@ -126,7 +126,7 @@ TEST_F(Failures, OfTheWayBackToALostBus)
         EXPECT_EQ(met(*point), static_cast<uint32_t>(point->times));
         EXPECT_EQ(met(withoutObject), 1U);
         disarm();
-        EXPECT_EQ(reports(console, log), reportsBy(row["Report"]));
+        EXPECT_EQ(logged(console, log), loggedBy(row["Log"]));
 
         // The poll's thread looks up the receiver of its notification, with the bus to itself.
         ASSERT_TRUE(waitUntil([&] { return lab.invoke("CET", "notify_motor_idle").status == 0; }, DEADLINE));
@@ -173,7 +173,7 @@ TEST_F(FailingStart, EndsOrServesAsThePageSays)
             EXPECT_TRUE(met(point) != 0 && (!beside || met(*beside) != 0));
             disarm();
         }
-        EXPECT_EQ(reports(console, log), reportsBy(row["Report"]));
+        EXPECT_EQ(logged(console, log), loggedBy(row["Log"]));
     };
     for (const PageRow& row : pageRows("Start"))
         forEachPoint(row,

@@ -123,7 +123,10 @@ TEST_F(Crash, LeavesEverythingWholeAndTheNextStartRight)
 
 TEST_F(Crash, LeavesPresetsAndPlanAsBeforeOrAfterTheCall)
 {
-    constexpr std::pair<const char*, const char*> CHANGES[] = {
+    constexpr struct {
+        const char* method;
+        const char* arguments;
+    } CHANGES[] = {
         {"setPreset", R"({"id":"2","name":"another and longer name"})"},
         {"delPreset", R"({"id":["1","3","7"]})"},
         {"clearPreset", ""},
@@ -156,12 +159,12 @@ TEST_F(Crash, LeavesPresetsAndPlanAsBeforeOrAfterTheCall)
     options.factor = 2'000'000; // the calibration takes a few milliseconds
     up(options);
     int unchanged = 0;
-    for (const auto& [method, arguments] : CHANGES) {
-        SCOPED_TRACE(method);
+    for (const auto& one : CHANGES) {
+        SCOPED_TRACE(one.method);
         prepare();
         const State before = state();
         const auto began = std::chrono::steady_clock::now();
-        EXPECT_TRUE(change(method, arguments));
+        EXPECT_TRUE(change(one.method, one.arguments));
         const auto took = std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - began);
         const State after = state();
         EXPECT_NE(before, after);
@@ -173,7 +176,7 @@ TEST_F(Crash, LeavesPresetsAndPlanAsBeforeOrAfterTheCall)
             bool answered = false;
             std::thread caller([&] {
                 const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(pause) + 100ms;
-                answered = change(method, arguments, timeout) && !killing; // else by the next daemon
+                answered = change(one.method, one.arguments, timeout) && !killing; // else by the next daemon
             });
             std::this_thread::sleep_for(pause);
             killing = true;

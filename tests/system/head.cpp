@@ -88,13 +88,6 @@ void HeadInTheLab::expectAt(int32_t pan, int32_t tilt)
     EXPECT_EQ(lab.motors.now(LAB_TILT).shaft, tilt);
 }
 
-void HeadInTheLab::goTo(int32_t x, int32_t y)
-{
-    EXPECT_EQ(lab.call("moveTo", coords(x, y)), DONE);
-    EXPECT_TRUE(settled());
-    lab.records.clear();
-}
-
 std::string HeadInTheLab::coords(int32_t x, int32_t y)
 {
     return R"({"x_coord":")" + std::to_string(x) + R"(","y_coord":")" + std::to_string(y) + "\"}";

@@ -77,8 +77,6 @@ protected:
     /// The move and stop requests of one axis, in order.
     std::vector<LabJournalEntry> driving(LabAxisId axis);
     void expectAt(int32_t pan, int32_t tilt);
-    /// Starts a motion to a coordinate and waits for its end, the first since the lab forgot.
-    void goTo(int32_t x, int32_t y);
     static std::string coords(int32_t x, int32_t y);
     int requests(const std::string& name);
 };

@@ -83,7 +83,8 @@ TEST_F(Start, WorksWithoutStandardDescriptors)
     options.ptzd = wrapper;
     up(options);
     EXPECT_EQ(lab.call("moveTo"), REFUSED_PARAM); // which writes to the console
-    goTo(30, 0);
+    EXPECT_EQ(lab.call("moveTo", coords(30, 0)), DONE);
+    EXPECT_TRUE(settled());
     EXPECT_NE(lab.records.messageLog().find("Invalied parameter."), std::string::npos);
     for (const char* descriptor : {"0", "1", "2"})
         EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(lab.programs.ptzdPid()) + "/fd/" + descriptor),

@@ -86,48 +86,26 @@ protected:
     }
 };
 
-/// A preset that the head has to be sent to, and when.
-struct Visit {
-    const char* utc;
-    int preset;
-};
-
-// With TWO_EAST, from Wednesday 10:30 UTC on with TWELVE_EAST:
-const Visit VISITS[] = {
-    {"05-03 18:00", 2}, // Saturday 20:00
-    {"05-03 20:00", 3}, // 22:00; Sunday 0:00 names the same preset
-    {"05-04 08:00", 1}, // Sunday 10:00
-    {"05-05 06:00", 4}, // Monday 8:00
-    {"05-05 10:00", 2}, // 12:00, where the former range ends
-    {"05-06 03:00", 3}, // Tuesday 5:00; then a disable range, and after it the same preset
-    {"05-07 09:40", 4}, // Wednesday 11:40; before it a preset that does not exist
-    {"05-07 10:30", 1}, // 12:30 becomes Wednesday 22:30, in another range
-    {"05-07 13:00", 2}, // Thursday 1:00
-    {"05-08 11:00", 3}, // 23:00
-    {"05-08 12:00", 4}, // Friday 0:00; a range from 3:10 to 3:50 falls out with the hour that is not there
-    {"05-08 23:00", 1}, // 12:00, an hour earlier than it were without daylight saving
-    {"05-10 07:00", 2}, // Saturday 20:00
-    {"05-10 09:00", 3}, // 22:00
-    {"05-10 21:00", 1}, // Sunday 10:00
-};
-
-// What the clock runs through; the long form also runs through what is between.
-const struct {
+/// What the clock runs through, and which preset the head has to be sent to there, if any.
+struct Stretch {
     const char* from; // empty: goes on from the one before
     const char* to;
     const char* zone;
-} STRETCHES[] = {
-    {"05-03 17:57", "05-03 18:03", TWO_EAST},
-    {"05-03 19:57", "05-03 20:03", TWO_EAST},    // a range that touches the one before
-    {"05-03 21:57", "05-03 22:03", TWO_EAST},    // Saturday's midnight, the same preset goes on
-    {"05-06 06:17", "05-06 06:23", TWO_EAST},    // Tuesday 8:20, from disable to the preset that it was at
-    {"05-07 09:37", "05-07 09:43", TWO_EAST},    // Wednesday, out of the range that names nobody
-    {"05-07 10:27", "05-07 10:30", TWO_EAST},    // in the range of 11:40
-    {"", "05-07 10:36", TWELVE_EAST},            // and, within a cycle, in another
-    {"05-08 10:57", "05-08 11:03", TWELVE_EAST}, // Thursday 23:00
-    {"05-08 11:57", "05-08 12:03", TWELVE_EAST}, // midnight
-    {"05-08 14:57", "05-08 15:13", TWELVE_EAST}, // the hour that is not there
-    {"05-08 22:57", "05-08 23:03", TWELVE_EAST}, // a day with daylight saving
+    int preset = 0;
+    const char* at = "";
+};
+const Stretch STRETCHES[] = {
+    {"05-03 17:57", "05-03 18:03", TWO_EAST, 2, "05-03 18:00"},    // Saturday 20:00
+    {"05-03 19:57", "05-03 20:03", TWO_EAST, 3, "05-03 20:00"},    // 22:00, a range that touches the one before
+    {"05-03 21:57", "05-03 22:03", TWO_EAST},                      // midnight, the same preset goes on
+    {"05-06 06:17", "05-06 06:23", TWO_EAST},                      // Tuesday 8:20, back from disable to where it was
+    {"05-07 09:37", "05-07 09:43", TWO_EAST, 4, "05-07 09:40"},    // Wednesday 11:40, before it a range for nobody
+    {"05-07 10:27", "05-07 10:30", TWO_EAST},                      // 12:27, in the same range
+    {"", "05-07 10:36", TWELVE_EAST, 1, "05-07 10:30"},            // and, within a cycle, at 22:30 in another
+    {"05-08 10:57", "05-08 11:03", TWELVE_EAST, 3, "05-08 11:00"}, // Thursday 23:00
+    {"05-08 11:57", "05-08 12:03", TWELVE_EAST, 4, "05-08 12:00"}, // midnight
+    {"05-08 14:57", "05-08 15:13", TWELVE_EAST},                   // Friday 3:10 to 3:50 falls out with its hour
+    {"05-08 22:57", "05-08 23:03", TWELVE_EAST, 1, "05-08 23:00"}, // 12:00 with daylight saving
 };
 
 std::string weeklyPlan()
@@ -136,7 +114,7 @@ std::string weeklyPlan()
         const char* day;
         std::vector<std::string> entries;
     } days[] = {
-        {"sunday", {planEntry("sunday_1", 0, 60, "3"), planEntry("sunday_2", 600, 660, "1")}},
+        {"sunday", {planEntry("sunday_1", 0, 60, "3")}},
         {"monday", {planEntry("monday_1", 480, 720, "4"), planEntry("monday_2", 720, 900, "2")}},
         {"tuesday",
          {planEntry("tuesday_1", 300, 400, "3"), planEntry("tuesday_2", 400, 500, ""),
@@ -162,7 +140,6 @@ std::string weeklyPlan()
 
 TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
 {
-    const bool whole = repetitions(0, 1) != 0;
     const auto steps = [](int preset) { return 600 * preset; };
     upOnTour(tourPackage("on", 2, 0, 0));
     for (int preset = 1; preset <= 4; ++preset) {
@@ -178,19 +155,15 @@ TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
     waitMinutes(3); // the last motion keeps the tour away for a minute, or two
     lab.records.clear();
 
-    std::vector<Visit> expected;
-    time_t now = 0;
-    for (const auto& [from, to, zone] : STRETCHES) {
-        if (*from != '\0' && (!whole || now == 0))
-            setUtc(now = utc(from));
-        const time_t end = &to == &std::end(STRETCHES)[-1].to && whole ? utc("05-10 22:00") : utc(to);
+    std::vector<Stretch> expected;
+    for (const Stretch& stretch : STRETCHES) {
         lab.clock.setSpeed(1);
-        ASSERT_TRUE(lab.clock.setZone(zone)) << lab.error();
-        runTo(end, whole ? 10000 : 600);
-        for (const Visit& visit : VISITS)
-            if (utc(visit.utc) >= now && utc(visit.utc) < end)
-                expected.push_back(visit);
-        now = end;
+        ASSERT_TRUE(lab.clock.setZone(stretch.zone)) << lab.error();
+        if (*stretch.from != '\0')
+            setUtc(utc(stretch.from));
+        runTo(utc(stretch.to), 600);
+        if (stretch.preset != 0)
+            expected.push_back(stretch);
     }
 
     const std::vector<LabJournalEntry> seen = driving(LAB_PAN);
@@ -202,9 +175,9 @@ TEST_F(Week, OfAPlanSendsTheHeadToEachPresetOnceAtItsMinute)
     for (size_t i = 0; i < seen.size(); ++i) {
         EXPECT_EQ(seen[i].request, "MOVE");
         EXPECT_EQ(seen[i].count + seen[i].stepsWord(), steps(expected[i].preset)) << i << "\n" << what;
-        late.push_back(wallNs(seen[i].labNs) - utc(expected[i].utc) * SECOND);
-        EXPECT_GE(late.back(), 0) << "before " << expected[i].utc << "\n" << what;
-        EXPECT_LT(late.back(), (whole ? 30 : 10) * MINUTE) << "long after " << expected[i].utc << "\n" << what;
+        late.push_back(wallNs(seen[i].labNs) - utc(expected[i].at) * SECOND);
+        EXPECT_GE(late.back(), 0) << "before " << expected[i].at << "\n" << what;
+        EXPECT_LT(late.back(), 10 * MINUTE) << "long after " << expected[i].at << "\n" << what;
     }
     std::sort(late.begin(), late.end());
     EXPECT_LT(late[late.size() / 2], MINUTE) << "not at the planned minute";

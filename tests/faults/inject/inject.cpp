@@ -11,10 +11,8 @@
 #include "fault_control.h"
 
 #include <dlfcn.h>
-#include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <link.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -69,23 +67,13 @@ FaultControl* control()
     return mapped;
 }
 
-/// Whether an address lies in the code of the program itself.
-bool inProgram(const void* caller)
+/// Whether an address lies in the program itself.
+bool inProgram(const void* address)
 {
-    const auto* headers = reinterpret_cast<const ElfW(Phdr)*>(getauxval(AT_PHDR));
-    const size_t count = getauxval(AT_PHNUM);
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    uintptr_t base = 0;
-    for (size_t i = 0; i < count; ++i)
-        if (headers[i].p_type == PT_PHDR)
-            base = reinterpret_cast<uintptr_t>(headers) - headers[i].p_vaddr;
-    for (size_t i = 0; i < count; ++i) {
-        const uintptr_t start = base + headers[i].p_vaddr;
-        if (headers[i].p_type == PT_LOAD && (headers[i].p_flags & PF_X) != 0 && address >= start &&
-            address < start + headers[i].p_memsz)
-            return true;
-    }
-    return false;
+    Dl_info program{};
+    Dl_info caller{};
+    return dladdr(reinterpret_cast<void*>(getauxval(AT_ENTRY)), &program) != 0 && dladdr(address, &caller) != 0 &&
+           program.dli_fbase == caller.dli_fbase;
 }
 
 /// The error of a call that is to fail, else 0. Counts the call.
