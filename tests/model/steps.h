@@ -215,10 +215,6 @@ public:
     }
 
 private:
-    bool oneIn(int n)
-    {
-        return below(n) == 0;
-    }
     int below(int n)
     {
         return static_cast<int>(random_() % static_cast<unsigned>(n));
@@ -258,12 +254,12 @@ private:
             const std::string head = word.substr(0, colon);
             const size_t mark = head.find('?');
             const std::string name = head.substr(0, mark);
-            if (oneIn(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))))
+            if (below(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))) == 0)
                 continue;
             std::string value = text(colon == std::string::npos ? "<" + name + ">" : word.substr(colon + 1));
             if (verb == "set_plan_config")
                 value = planJson(name, value);
-            json_object* argument = oneIn(60)                ? json_object_new_int(5)
+            json_object* argument = below(60) == 0           ? json_object_new_int(5)
                                     : value.starts_with('[') ? json_tokener_parse(value.c_str())
                                                              : json_object_new_string(value.c_str());
             json_object_object_add(arguments.get(), name.c_str(), argument);
