@@ -149,60 +149,50 @@ TEST_F(Memory, LackingForALongMessage)
     EXPECT_NE(settings("ptz_plan").find("monday_6"), std::string::npos);
 }
 
-class MemoryOfTheStart : public Memory {
-protected:
-    /// Starts the daemon, and has it answer a call whose reply is longer than the reply buffer at first; that goes
-    /// without memory too. @return false when the start made fewer allocations.
-    bool starve(int nth, bool ever);
-
-    std::string presets_; // what a healthy daemon answers
-    std::string stored_;
-};
-
-bool MemoryOfTheStart::starve(int nth, bool ever)
-{
-    SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
-    console_ = lab.records.ptzdLog().size();
-    lab.clock.setSpeed(FAST);
-    arm(allocation(nth), ever);
-    (void)lab.programs.startPtzd(); // does not wait
-    const auto settled = [&] { return lab.programs.isReady() || !lab.programs.isRunning("ptzd"); };
-    (void)waitUntil(settled, 500ms);
-    const bool wasMet = met(allocation(nth)) != 0;
-    made_ = control().calls[FAULT_ALLOCATION].seen.load();
-    disarm();
-    EXPECT_TRUE(waitUntil(settled, DEADLINE));
-    EXPECT_TRUE(isWhole(settings("ptzd"), stored_, stored_)) << settings("ptzd");
-    if (!lab.programs.isRunning("ptzd")) {
-        const auto status = lab.programs.waitPtzd(DEADLINE);
-        EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
-        EXPECT_TRUE(
-            std::regex_search(lab.records.ptzdLog().substr(console_), std::regex("(initialize|timer) failed\\.\n$")))
-            << lab.records.ptzdLog().substr(console_);
-        return wasMet;
-    }
-    arm(allocation(nth % 3 + 1), ever);
-    const std::string starved = lab.call("getPresetAll");
-    disarm();
-    const std::string whole = lab.call("getPresetAll");
-    EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
-    EXPECT_TRUE(whole == presets_ || hasReported(1)) << "has lost presets without a word: " << whole;
-    EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
-    EXPECT_TRUE(waitUntil([&] { return rests() && lab.motors.now(LAB_PAN).shaft == 1500; }, DEADLINE));
-    EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
-    return wasMet;
-}
+class MemoryOfTheStart : public Memory {};
 
 TEST_F(MemoryOfTheStart, LackingEndsItOrHarmsNothing)
 {
     upWithFaults();
-    presets_ = lab.call("getPresetAll");
-    stored_ = settings("ptzd");
+    const std::string presets = lab.call("getPresetAll"); // longer than the reply buffer at first
+    const std::string stored = settings("ptzd");
     EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
     LabOptions options = withFaults();
     options.startPtzd = false;
     options.waitCalibrated = false;
     ASSERT_TRUE(lab.up(options)) << lab.error();
+    /// Starts the daemon, and has it answer without memory too. Returns false when the start made fewer allocations.
+    const auto starve = [&](int nth, bool ever) {
+        SCOPED_TRACE("allocation " + std::to_string(nth) + (ever ? " and on" : ""));
+        console_ = lab.records.ptzdLog().size();
+        lab.clock.setSpeed(FAST);
+        arm(allocation(nth), ever);
+        (void)lab.programs.startPtzd(); // does not wait
+        const auto over = [&] { return lab.programs.isReady() || !lab.programs.isRunning("ptzd"); };
+        (void)waitUntil(over, 500ms);
+        const bool wasMet = met(allocation(nth)) != 0;
+        made_ = control().calls[FAULT_ALLOCATION].seen.load();
+        disarm();
+        EXPECT_TRUE(waitUntil(over, DEADLINE));
+        EXPECT_TRUE(isWhole(settings("ptzd"), stored, stored)) << settings("ptzd");
+        if (!lab.programs.isRunning("ptzd")) {
+            const auto status = lab.programs.waitPtzd(DEADLINE);
+            EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << status.value_or(-1);
+            const std::string log = lab.records.ptzdLog().substr(console_);
+            EXPECT_TRUE(std::regex_search(log, std::regex("(initialize|timer) failed\\.\n$"))) << log;
+            return wasMet;
+        }
+        arm(allocation(nth % 3 + 1), ever);
+        const std::string starved = lab.call("getPresetAll");
+        disarm();
+        const std::string whole = lab.call("getPresetAll");
+        EXPECT_TRUE(starved == whole || starved == REFUSED_DEVICE || starved.empty()) << starved;
+        EXPECT_TRUE(whole == presets || hasReported(1)) << "has lost presets without a line in the log: " << whole;
+        EXPECT_EQ(lab.call("moveTo", coords(0, 0)), DONE);
+        EXPECT_TRUE(waitUntil([&] { return rests() && lab.motors.now(LAB_PAN).shaft == 1500; }, DEADLINE));
+        EXPECT_EQ(lab.programs.killPtzd(SIGTERM), 0);
+        return wasMet;
+    };
     EXPECT_FALSE(starve(NEVER, false));
     const int stride = thorough ? 1 : static_cast<int>(made_) / 5;
     int tried[2] = {};

@@ -29,7 +29,6 @@ OwnedContext openContext(const char* config, const char* changes)
 {
     OwnedContext context(uci_alloc_context());
     uci_set_confdir(context.get(), rigFolder(config).c_str());
-    uci_set_conf2dir(context.get(), nullptr);
     uci_set_savedir(context.get(), rigFolder(changes).c_str());
     return context;
 }
@@ -136,12 +135,10 @@ void change(uci_context* context, const std::string& line)
     if (uci_lookup_ptr(context, &ptr, tuple.data(), true) != UCI_OK)
         return;
     constexpr std::pair<char, int (*)(uci_context*, uci_ptr*)> CHANGES[] = {
-        {'s', uci_set}, {'d', uci_delete}, {'a', uci_add_list}, {'x', uci_del_list}, {'r', uci_rename}};
+        {'s', uci_set}, {'d', uci_delete}, {'a', uci_add_list}, {'x', uci_del_list}};
     for (const auto& [letter, function] : CHANGES)
         if (line[0] == letter)
             (void)function(context, &ptr);
-    if (line[0] == 'o' && ptr.s)
-        (void)uci_reorder_section(context, ptr.s, static_cast<int>(line.size()) % 5);
 }
 
 /// Changes a package, saves and commits, and looks after each what others see.

@@ -47,7 +47,6 @@ build_stage() {
     fuzz) targets=("${fuzzers[@]/#/fuzz_}") ;;
     *_test) [ "$2" = unit_test ] || targets+=(runnable) ;;
     esac
-    [ "$2" != system_test ] || targets+=(bus_lock_server)
     (cd "$copy" && { [ -e build/release/build.ninja ] || cmake --preset release; } &&
         cmake --build build/release --target "${targets[@]}") >"$copy.build.log" 2>&1
 }

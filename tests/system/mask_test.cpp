@@ -38,7 +38,7 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     expectAt(1800, 0); // pan as before, the lens hidden
     lab.records.clear();
-    lab.motors.setFactor(LAB_TILT, 2); // 2 s for the way back
+    lab.motors.setFactor(LAB_TILT, 1); // 4 s for the way back
     EXPECT_EQ(mask("off"), FOLLOWED);
     EXPECT_EQ(mask("on"), FOLLOWED);
     EXPECT_TRUE(lab.motors.now(LAB_TILT).shaft < 710) << "too late";

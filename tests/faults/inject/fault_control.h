@@ -31,8 +31,7 @@
     X(CREATE, "create")                                                                                                \
     X(WRITE, "write")                                                                                                  \
     X(FSYNC, "fsync") /* this and the next by the path's last two names, a folder's with a slash behind it */          \
-    X(FTRUNCATE, "ftruncate")                                                                                          \
-    X(RENAME, "rename")
+    X(FTRUNCATE, "ftruncate")
 
 enum FaultCall : uint32_t {
 #define FAULT_ENUMERATOR(enumerator, name) FAULT_##enumerator,

@@ -162,7 +162,7 @@ constinit std::atomic<void (*)(uloop_fd*, unsigned int)> gDispatch{nullptr}; // 
 #ifndef FAULTS_WITHOUT_HEAP
 constinit std::atomic<bool> gStarted{false};
 
-/// Allocations count from here on. What ran before is no work of the daemon's, and by now the lab, which stands behind
+/// Allocations count from here on. What ran before is no work of the daemon's, and by now the lab, which comes behind
 /// this library, has copied its folder's name for good: its only allocation but the records of timers that expire.
 __attribute__((constructor)) void started()
 {
@@ -325,7 +325,6 @@ CALL(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), 
      failed(error))
 CALL(int, ftruncate, (int fd, off_t size) noexcept, (fd, size), ON_FILE(FAULT_FTRUNCATE, PathOf(fd).tail(fd)),
      failed(error))
-CALL(int, rename, (const char* from, const char* to) noexcept, (from, to), ON_FILE(FAULT_RENAME, to), failed(error))
 CALL(int, fsync, (int fd), (fd), (noteSync(fd), ON_FILE(FAULT_FSYNC, PathOf(fd).tail(fd))), failed(error))
 CALL(int, fdatasync, (int fd), (fd), (noteSync(fd), 0), failed(error))
 
