@@ -1,17 +1,24 @@
 #pragma once
 // The rules of the daemon's methods in their plainest form: a function a method.
 
-#include "head_presets.h"
+#include "head_base.h"
 
-class HeadModel : public HeadPresets {
+#include <json-c/json_pointer.h>
+
+class HeadModel : public HeadBase {
 public:
     HeadModel(Evidence& evidence, Files& files, const LabOptions& options, const LabAxisNow (&found)[LAB_AXIS_COUNT])
-        : HeadPresets(evidence, files, options, found)
+        : HeadBase(evidence, files, options, found)
     {
         addMotions();
         addPanorama();
         addTracking();
         addSettings();
+        for (auto& [id, position] : files.presets) // with the digits that are stored
+            for (float& axis : position)
+                axis = strtof(std::to_string(axis).c_str(), nullptr);
+        world.now.presets = files.presets;
+        addPresets();
     }
 
 private:
@@ -263,15 +270,6 @@ private:
             queueCalibration(home());
             armSave();
         };
-        methods_["test"] = [this](const Step& step) {
-            const auto times = step.argument("times");
-            refuse(!times, CODE_PARAM);
-            atRest = false;
-            for (int64_t pass = 0; pass < number(*times); ++pass)
-                for (const LabAxisId axis : AXES)
-                    for (const int64_t way : {-1, 1})
-                        worker_.push_back({axis, "ROTATE", way * axes[axis].made.total_steps});
-        };
         const auto reload = [this](const Step& step) {
             const bool tour = step.verb == "reload_tour_info";
             motions.change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
@@ -294,18 +292,99 @@ private:
                      field("y_coord", coordinate(LAB_TILT)) + "," + field("x_speed", speed(LAB_PAN)) + "," +
                      field("y_speed", speed(LAB_TILT)) + "}";
         };
-        methods_["getCapa"] = [this](const Step&) {
-            const LabAxisSetting& pan = axes[LAB_PAN].made;
-            const LabAxisSetting& tilt = axes[LAB_TILT].made;
-            after_ = ",\"capability\":{" + field("x_coord_min", -(pan.range / 2)) + "," +
-                     field("x_coord_max", pan.range / 2) + "," + field("y_coord_min", -(tilt.range / 2)) + "," +
-                     field("y_coord_max", tilt.range / 2) + "," + field("x_max_speed", pan.max_speed) + "," +
-                     field("y_max_speed", tilt.max_speed) +
-                     R"(,"simultaneous":"disabled","preset":"enabled","calibrate":"enabled"})";
+    }
+    void addPresets()
+    {
+        methods_["gotoPreset"] = [this](const Step& step) {
+            const int64_t id = number(step.argument("id").value_or("0"));
+            refuse(id < 1 || id > 8, CODE_PARAM);
+            refuse(!world.now.presets.contains(id), CODE_PRESET);
+            for (const LabAxisId axis : AXES) {
+                char* end = nullptr;
+                const auto given = step.argument(axis == LAB_PAN ? "speed_pan" : "speed_tilt").value_or("1");
+                const float factor = strtof(given.c_str(), &end);
+                refuse(*end != '\0', CODE_PARAM);
+                refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
+                world.now.factors[axis] = factor;
+            }
+            refuseBusy();
+            look();
+            haltIfRunning();
+            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.now.factors); });
+            const auto steps = [&](LabAxisId axis) {
+                return presetSteps(axis, world.now.presets.at(id), position(axis));
+            };
+            refuse(!go(Begin::PRESET, speeds, forEach(steps)), CODE_DEVICE);
+            armSave();
         };
+        methods_["setPreset"] = [this](const Step& step) {
+            refuse(mask_, CODE_LENS_MASK);
+            refuse(panorama_, CODE_PANORAMA);
+            int64_t id = number(step.argument("id").value_or("1"));
+            refuse(id < 1 || id > 8, CODE_PRESET);
+            const int64_t captures = number(step.argument("save_ptz").value_or("0"));
+            refuse(captures != 0 && captures != 1, CODE_PARAM);
+            while (!step.argument("id") && world.now.presets.contains(id))
+                ++id;
+            refuse(id > 8, CODE_FULL);
+            Presets::mapped_type preset = world.now.presets[id];
+            if (captures == 1) {
+                look();
+                refuse(reading_.running(), CODE_MOVING);
+                for (const LabAxisId axis : AXES)
+                    preset[axis] = static_cast<float>(
+                        2.0 * static_cast<double>(position(axis)) / axes[axis].made.total_steps - 1.0);
+            }
+            world.now.presets[id] = preset;
+            savePresets();
+            before_ = "\"name\":\"preset" + std::to_string(id) + "\",\"id\":\"" + std::to_string(id) + "\",";
+        };
+        methods_["delPreset"] = [this](const Step& step) {
+            const Json ids = step.argument("id", json_type_array);
+            refuse(!ids || json_object_array_length(ids.get()) == 0, CODE_PARAM);
+            std::set<int64_t> deleted;
+            for (size_t i = 0; i < json_object_array_length(ids.get()); ++i) {
+                const int64_t id = json_object_get_int64(json_object_array_get_idx(ids.get(), i));
+                refuse(id < 1 || id > 8, CODE_PARAM); // those before are gone, until a restart
+                world.now.presets.erase(id);
+                deleted.insert(id);
+            }
+            savePresets();
+            savePlan(deleted);
+        };
+        methods_["clearPreset"] = [this](const Step&) {
+            world.now.presets.clear();
+            savePresets();
+            savePlan({1, 2, 3, 4, 5, 6, 7, 8});
+        };
+        methods_["set_plan_config"] = [this](const Step& step) {
+            json_object* id = nullptr;
+            plan_.reset();
+            if (const Json day = step.argument("monday", json_type_array)) {
+                (void)json_pointer_get(day.get(), "/0/monday_1/action_id", &id);
+                plan_ = json_object_get_int64(id);
+            }
+            savePlan({});
+        };
+    }
+    /// What is stored takes the place of all that the package holds.
+    void savePresets()
+    {
+        files_.presets = world.now.presets;
+        for (const LabAxisId axis : AXES)
+            axes[axis].speedOption = files_.speeds[axis];
+    }
+    void savePlan(const std::set<int64_t>& deleted)
+    {
+        if (plan_ && deleted.contains(*plan_))
+            plan_ = 0;
+        files_.planned = plan_.value_or(files_.planned);
+        world.plans.push_back(files_.planned);
     }
     static std::string field(const std::string& name, int64_t value)
     {
         return "\"" + name + "\":\"" + std::to_string(value) + "\"";
     }
+
+    std::optional<int64_t> plan_; // the latest request since the start
 };

@@ -1,8 +1,7 @@
 #pragma once
-// What the model is made of: settings files, axes, and the codes that methods answer.
+// What the model is made of: settings files, axes, what tours go by, and the codes that methods answer.
 
 #include "evidence.h"
-#include "tours.h"
 
 #include <algorithm>
 #include <array>
@@ -10,6 +9,7 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -72,19 +72,64 @@ inline int64_t number(const std::string& text)
     return std::clamp<int64_t>(strtoll(text.c_str(), nullptr, 10), INT32_MIN, INT32_MAX);
 }
 
+using Presets = std::map<int64_t, std::array<float, LAB_AXIS_COUNT>>; // by id, -1 to 1 over the travel
+
+/// What the package of the tours holds.
+struct TourSettings {
+    std::string enabled = "off";
+    int type = 0;
+    int from = 0; // pan coordinates
+    int to = 0;
+};
+
 /// What is in the settings files, which outlives a daemon.
 struct Files {
     std::map<std::string, std::string> switches; // by the verbs of the steps that change them; "-": missing
     std::optional<int32_t> steps[LAB_AXIS_COUNT];
     std::optional<int32_t> speeds[LAB_AXIS_COUNT];
     Presets presets;
-    Plan plan;
+    int64_t planned = 0; // the preset that the plan asks for all day, 0: none
     TourSettings tour;
-    std::vector<Wall> walls{{0, 0}};
 
     bool isOn(const std::string& verb) const
     {
         return strcasecmp(switches.at(verb).c_str(), "on") == 0;
+    }
+};
+
+struct PresetsInUse {
+    Presets presets;
+    std::array<float, LAB_AXIS_COUNT> factors{1, 1}; // of the largest speeds
+};
+
+/// What the touring thread goes by. Everything may be looked at a little before its effect is seen.
+struct TourWorld {
+    std::vector<TourSettings> settings; // the last is in the file
+    std::vector<int64_t> plans;         // likewise
+    PresetsInUse now{};
+    PresetsInUse before{}; // the latest change, which ended at changedNs
+    int64_t changedNs = 0;
+    bool held = false; // by lens mask or panorama
+
+    /// The presets, 0 for none, that the plan of that index may have asked for at a lab time.
+    std::set<int64_t> targets(size_t plan, int64_t labNs) const
+    {
+        std::set<int64_t> result;
+        for (const PresetsInUse& read : readAt(labNs))
+            result.insert(read.presets.contains(plans[plan]) ? plans[plan] : 0);
+        return result;
+    }
+    /// A copy of what is about to change.
+    void remember()
+    {
+        before = now;
+        changedNs = INT64_MAX;
+    }
+    /// What may have been read of the presets at a lab time.
+    std::vector<PresetsInUse> readAt(int64_t labNs) const
+    {
+        const bool justChanged = changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+        return justChanged ? std::vector{now, before} : std::vector{now};
     }
 };
 

@@ -46,13 +46,17 @@ void report(Player& player, const Sequence& sequence, const std::string& mismatc
 {
     const auto end = Clock::now() + SHRINK_TIME;
     std::string text = mismatch;
+    Sequence smallest = sequence;
     player.timeout = 3s;
-    const auto fails = [&](const Sequence& smaller) {
-        const Verdict verdict = Clock::now() < end ? player.play(smaller) : Verdict{};
-        text = verdict.mismatch.empty() ? text : verdict.mismatch;
-        return !verdict.mismatch.empty();
-    };
-    const Sequence smallest = shrink(sequence, fails);
+    for (size_t i = sequence.steps.size(); i-- > 0 && Clock::now() < end;) {
+        Sequence smaller = smallest;
+        smaller.steps.erase(smaller.steps.begin() + static_cast<ptrdiff_t>(i));
+        const Verdict verdict = player.play(smaller);
+        if (verdict.mismatch.empty())
+            continue;
+        smallest = smaller;
+        text = verdict.mismatch;
+    }
     ADD_FAILURE() << "after " << mismatch << "\nshrunk to\n" << smallest.print() << "after " << text;
 }
 

@@ -1,8 +1,7 @@
 #pragma once
 // A judge of the notifications that follows every order of events which the rules allow.
 
-#include "evidence.h"
-#include "tours.h"
+#include "head_parts.h"
 
 #include <algorithm>
 #include <compare>
@@ -34,7 +33,7 @@ struct MotionState {
     bool scanned = false; // a scan step, and the head has not rested for 15 s since scanFrom
     int64_t scanFrom = WHENEVER / 2;
     bool lingers = false; // an expiry of the timer for the rest before may still be on its way, and end this one
-    int preset = 0;       // where the tour has sent the head last
+    int64_t preset = 0;   // where the tour has sent the head last
     int scanCoord = 0;
     int scanWay = 1;
 
@@ -252,20 +251,12 @@ public:
                 state.scanOn(world_.settings[state.scan]);
         });
     }
-    /// It has failed to look at the axes, or to stop them.
+    /// It has failed to look at the axes, or to stop them, perhaps on the way to a preset.
     void tourFails(int64_t ns)
     {
         follow(ns);
-        closeOver(states_);
-        for (MotionState state : States(states_)) {
-            if (state.active || world_.settings[state.setting].type != 2)
-                continue;
-            states_.erase(state);
-            for (const int target : world_.targets(state.plan, ns)) {
-                state.preset = target;
-                states_.insert(state);
-            }
-        }
+        for (const int64_t target : world_.targets(world_.plans.size() - 1, ns))
+            change([target](MotionState& state) { state.preset = state.active ? state.preset : target; }, false);
     }
     /// Whether the tour is to move the head sooner or later if nobody else does: true, false or both.
     std::set<bool> tourMoves(int64_t ns) const
@@ -273,14 +264,9 @@ public:
         std::set<bool> result;
         for (MotionState state : states_) {
             state.moved = state.scanned = false;
-            // At each of these moments a step may begin, or at none.
-            for (const int64_t moment : {ns, ns + 60 * SECOND_NS, ns + 120 * SECOND_NS}) {
-                States begun;
-                addTourBegins(begun, state, moment);
-                result.insert(!begun.empty());
-                if (world_.targets(state.plan, moment).size() > 1 || world_.inSpan(state.scan, moment).size() > 1)
-                    result.insert(false);
-            }
+            States begun;
+            addTourBegins(begun, state, ns + QUIET_NS);
+            result.insert(!begun.empty());
         }
         return result;
     }
@@ -288,15 +274,11 @@ public:
     std::string describe() const
     {
         std::string text = "was";
-        for (const MotionState& state : states_) {
-            const TourSettings& tour = world_.settings[state.setting];
+        for (const MotionState& state : states_)
             text += std::string(state.active ? " moving" : " idle") + " with origin " + std::to_string(state.origin) +
-                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "");
-            if (tour.enabled != "off")
-                text += " (tour " + std::to_string(tour.type) + ", scans " + std::to_string(state.scanCoord) +
-                        " next, at preset " + std::to_string(state.preset) + ")";
-        }
-        text += at_ < evidence_.notifications.size() ? ", then came" : "";
+                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "") + " at preset " +
+                    std::to_string(state.preset) + " scanning " + std::to_string(state.scanCoord);
+        text += ", then came";
         for (size_t i = at_; i < evidence_.notifications.size(); ++i)
             text += (evidence_.notifications[i].moving ? " moving " : " idle ") +
                     std::to_string(evidence_.notifications[i].origin);
@@ -339,8 +321,7 @@ private:
         state.drive = Drive::DUE;
         state.tourBegan = ns;
         const bool rested = !state.scanned || state.lingers || ns >= state.scanFrom + SCAN_REST_NS;
-        if (tour.type == 1 && rested && std::abs(state.scanCoord) <= 150 &&
-            world_.inSpan(state.scan, ns).contains(true)) {
+        if (tour.type == 1 && rested && std::abs(state.scanCoord) <= 150) {
             // A second expiry for the rest that this step ends, or the first one when a reload ends it.
             const int64_t expiry = state.scanFrom + (state.scanned ? 2 : 1) * SCAN_REST_NS;
             state.lingers = state.scanned ? ns >= expiry : std::abs(ns - expiry) < LATENESS_NS;
@@ -350,8 +331,8 @@ private:
         }
         if (tour.type != 2)
             return;
-        const int last = state.preset;
-        for (const int target : world_.targets(state.plan, ns)) {
+        const int64_t last = state.preset;
+        for (const int64_t target : world_.targets(state.plan, ns)) {
             state.preset = target;
             if (target != 0 && target != last)
                 states.insert(state);
