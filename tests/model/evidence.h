@@ -100,28 +100,4 @@ struct Evidence {
                 return entries[i].labNs;
         return 0;
     }
-    /// True when the event loop's thread made a request between two moments.
-    bool loopActed(int64_t fromNs, int64_t toNs) const
-    {
-        return std::any_of(entries.begin(), entries.end(), [&](const LabJournalEntry& entry) {
-            return entry.thread == entry.pid && entry.labNs >= fromNs && entry.labNs <= toNs;
-        });
-    }
-    /// The request whose motion of an axis was under way then, as an index into entries, or entries.size().
-    size_t moveUnderWay(LabAxisId axis, int64_t labNs) const
-    {
-        const LabJournalEntry* last = nullptr;
-        size_t move = entries.size();
-        for (size_t i = 0; i < entries.size() && entries[i].labNs <= labNs; ++i) {
-            if (entries[i].axis != axis)
-                continue;
-            last = &entries[i];
-            move = last->result == 0 && (last->request == "MOVE" || last->request == "ROTATE") ? i : move;
-        }
-        // The last step counts as made: it was begun at an unknown moment.
-        return last && last->rate != 0 &&
-                       labNs < last->labNs + (std::abs(int64_t{last->left}) - 1) * SECOND_NS / std::abs(last->rate)
-                   ? move
-                   : entries.size();
-    }
 };

@@ -8,8 +8,121 @@
 #include "motion_judge.h"
 #include "steps.h"
 
+#include <array>
 #include <deque>
 #include <functional>
+
+#include <strings.h>
+
+enum Code : int32_t {
+    CODE_OK = 0,
+    CODE_DEVICE = -64301,
+    CODE_PARAM = -64302,
+    CODE_CALIBRATING = -64303,
+    CODE_NO_TRAVEL = -64304,
+    CODE_MOVING = -64305,
+    CODE_FULL = -64306,
+    CODE_FACTOR = -64317,
+    CODE_PRESET = -64321,
+    CODE_LENS_MASK = -64324,
+    CODE_PANORAMA = -64329,
+};
+
+/// A method goes no further and answers the code.
+inline void refuse(bool condition, Code code)
+{
+    if (condition)
+        throw code;
+}
+
+inline constexpr int64_t SAVE_PERIOD_NS = 10 * SECOND_NS;
+inline constexpr int32_t MASK_COORDINATE = -61;
+
+using Pair = std::array<int64_t, LAB_AXIS_COUNT>; // of pan and tilt
+using Words = std::vector<int32_t>;               // of a device's record
+enum { SPEED_WORD = 1, STEPS_WORD = 2, RUNNING_WORD = 3, WORDS = 5 };
+
+inline constexpr Pair NO_SPEEDS{}; // the configured ones count
+
+/// A value for each axis.
+template <typename Value>
+Pair forEach(Value value)
+{
+    return {value(LAB_PAN), value(LAB_TILT)};
+}
+
+/// The latest status of both axes.
+struct Reading {
+    Words words[LAB_AXIS_COUNT]{Words(WORDS), Words(WORDS)};
+
+    bool running() const
+    {
+        return words[LAB_PAN][RUNNING_WORD] != 0 || words[LAB_TILT][RUNNING_WORD] != 0;
+    }
+    Pair of(size_t word) const
+    {
+        return forEach([&](LabAxisId axis) { return words[axis][word]; });
+    }
+};
+
+/// Decimal text as a number; what is out of range saturates, what is no number is 0.
+inline int64_t number(const std::string& text)
+{
+    return std::clamp<int64_t>(strtoll(text.c_str(), nullptr, 10), INT32_MIN, INT32_MAX);
+}
+
+/// What is in the settings files, which outlives a daemon.
+struct Files {
+    std::map<std::string, std::string> switches; // by the verbs of the steps that change them; "-": missing
+    std::optional<int32_t> steps[LAB_AXIS_COUNT];
+    std::optional<int32_t> speeds[LAB_AXIS_COUNT];
+    Presets presets;
+    int64_t planned = 0; // the preset that the plan asks for all day, 0: none
+    TourSettings tour;
+
+    bool isOn(const std::string& verb) const
+    {
+        return strcasecmp(switches.at(verb).c_str(), "on") == 0;
+    }
+};
+
+inline constexpr const char* SECTIONS[] = {"x_motor", "y_motor"};
+
+inline std::string optionText(const std::optional<int32_t>& value)
+{
+    return value ? std::to_string(*value) : "-";
+}
+
+struct ModelAxis {
+    LabAxisSetting made;
+    int32_t lower; // limits and home in coordinates
+    int32_t upper;
+    int32_t home;
+    // Where the axis is, or will be once its motion is over. Count and shaft differ after a failed calibration.
+    int32_t count = 0;
+    int32_t shaft = 0;
+    bool moving = false;
+    std::optional<int32_t> speedOption{}; // as the daemon holds it
+
+    int64_t toSteps(int64_t coordinate) const
+    {
+        return coordinate * made.total_steps / made.range + made.total_steps / 2;
+    }
+    /// Follows the axis through a request.
+    void fold(const LabJournalEntry& entry)
+    {
+        const auto clamped = [&](int64_t steps) {
+            return static_cast<int32_t>(std::clamp<int64_t>(steps, 0, made.total_steps));
+        };
+        if (entry.result == 0 && entry.request == "SET_POSITION")
+            count = clamped(entry.stepsWord());
+        require(moving || (entry.count == count && entry.shaft == shaft),
+                "the axis is not where it was: " + textOf(entry) + ", expected at " + std::to_string(count));
+        moving = entry.rate != 0;
+        count = clamped(int64_t{entry.count} + entry.left);
+        shaft = clamped(int64_t{entry.shaft} + entry.left);
+    }
+};
 
 class HeadBase {
 public:
@@ -19,12 +132,14 @@ public:
           mask_(files.isOn("@mask")), track_(files.isOn("@track")),
           storing_(mask_ ? Storing::NEVER : Storing::FREE), world{.settings = {files.tour}, .plans = {files.planned}}
     {
-        const auto axis = [&](LabAxisId id, const LabAxisSetting& made, int32_t lower, int32_t upper, int32_t home) {
-            const LabAxisNow& now = found[id];
-            return ModelAxis{made, lower, upper, home, now.count, now.shaft, now.running != 0, files.speeds[id]};
-        };
-        axes[LAB_PAN] = axis(LAB_PAN, options.pan, -150, 150, 0);
-        axes[LAB_TILT] = axis(LAB_TILT, options.tilt, -39, 61, -6);
+        axes[LAB_PAN] = {options.pan, -150, 150, 0};
+        axes[LAB_TILT] = {options.tilt, -39, 61, -6};
+        for (const LabAxisId id : AXES) {
+            axes[id].count = found[id].count;
+            axes[id].shaft = found[id].shaft;
+            axes[id].moving = found[id].running != 0;
+            axes[id].speedOption = files.speeds[id];
+        }
         world.held = mask_;
         (void)loadFlip();
         Pair goals = recover_ ? storedOrHome() : home();
@@ -73,15 +188,8 @@ public:
         for (ModelAxis& axis : axes)
             axis.moving = false;
     }
-    std::string describe() const
-    {
-        return motions.describe() + (worker_.empty() ? "" : ", rotations missing") +
-               (stepMove_ == StepMove::RUNS ? ", a step not ended" : "");
-    }
-
-    /// What the daemon answers to the step, which was called and answered with `reply` at these lab times. Judges its
-    /// requests.
-    std::string expect(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs)
+    /// Judges the answer to the step, which was called and answered at these lab times, and the requests.
+    void judge(const Step& step, const std::string& reply, int64_t calledNs, int64_t repliedNs)
     {
         while (evidence_.at < evidence_.entries.size() && evidence_.entries[evidence_.at].labNs < calledNs)
             judgeUpTo(evidence_.at + 1);
@@ -91,8 +199,6 @@ public:
         const size_t at = reply.find("_code\":");
         require(at != std::string::npos, "no code in the reply " + reply);
         replied_ = atoi(reply.c_str() + at + 7);
-        before_.clear();
-        after_.clear();
         if (step.verb.ends_with("Preset"))
             world.remember();
         Code expected = CODE_OK;
@@ -103,9 +209,8 @@ public:
         }
         world.changedNs = std::min(world.changedNs, repliedNs);
         world.held = mask_ || panorama_;
-        const std::set<std::string> shortNamed{"checkMotorStatus", "lensMask", "reloadTargetTrackConfig"};
-        return "{" + before_ + (shortNamed.contains(step.verb) ? "\"err_code\":" : "\"error_code\":") +
-               std::to_string(expected) + after_ + "}";
+        require(replied_ == expected, "answered " + reply + " instead of " + std::to_string(expected));
+        evidence_.requireLoopDone("a request too many");
     }
 
 protected:
@@ -169,11 +274,14 @@ protected:
             const int64_t total = made.total_steps;
             const int32_t stored = axes[id].speedOption.value_or(-1);
             axes[id].speedOption = stored > 0 && stored <= made.max_speed ? stored : 4;
-            worker_.push_back({id, "SET_POSITION", returnSteps[id]});
-            worker_.push_back({id, "SET_SPEED", made.max_speed});
+            const auto due = [&](const std::string& request, int64_t word) {
+                worker_.push_back(textOf(id, request, {static_cast<int32_t>(word)}));
+            };
+            due("SET_POSITION", returnSteps[id]);
+            due("SET_SPEED", made.max_speed);
             for (const int64_t way : {-total, total, returnSteps[id] - total})
-                worker_.push_back({id, "ROTATE", way});
-            worker_.push_back({id, "SET_SPEED", *axes[id].speedOption});
+                due("ROTATE", way);
+            due("SET_SPEED", *axes[id].speedOption);
         }
     }
 
@@ -206,16 +314,8 @@ protected:
     {
         atRest = false;
         const bool ran = tourReading_.running();
-        const std::map<std::string, std::string> mustFollow = {
-            {"x STOP", ran ? "y GET_STATUS" : "a running axis"},
-            {"x MOVE", ran ? "y STOP" : "y GET_STATUS"},
-            {"y GET_STATUS", "x GET_STATUS"},
-            {"y STOP", "x STOP"},
-            {"y MOVE", "x MOVE"},
-        };
         const std::string request = textOf(entry.axis, entry.request);
-        const auto due = mustFollow.find(request);
-        require(request == "x GET_STATUS" || (due != mustFollow.end() && due->second == tourDid_),
+        require(request != "x MOVE" || tourDid_ == (ran ? "y STOP" : "y GET_STATUS"),
                 "a tour sends " + textOf(entry) + " after \"" + tourDid_ + "\"");
         tourDid_ = entry.result == 0 || entry.request == "MOVE" ? request : "";
         if (request == "x GET_STATUS")
@@ -273,19 +373,16 @@ protected:
     void judgeWorker(const LabJournalEntry& entry)
     {
         if (entry.request != JOURNAL_ROTATE_END) {
-            require(!worker_.empty() && stepMove_ != StepMove::RUNS,
-                    "a thread sends " + textOf(entry) + ", which nobody asked for");
+            const int32_t word = entry.request == "SET_SPEED" ? entry.speedWord() : entry.stepsWord();
+            const std::string due = worker_.empty() || stepMove_ == StepMove::RUNS ? "nothing" : worker_.front();
+            require(textOf(entry.axis, entry.request, {word}) == due,
+                    "a thread sends " + textOf(entry) + " instead of " + due);
             stepMove_ = StepMove::NONE;
-            const WorkerRequest& due = worker_.front();
-            const int32_t word = due.request == "SET_SPEED" ? entry.speedWord() : entry.stepsWord();
-            require(entry.axis == due.axis && entry.request == due.request && word == due.word,
-                    "a thread sends " + textOf(entry) + " instead of " + due.request + " " + std::to_string(due.word));
             worker_.pop_front();
         }
-        if (entry.result == 0 || (entry.request != "ROTATE" && entry.request != JOURNAL_ROTATE_END))
-            return;
-        while (!worker_.empty() && worker_.front().request == "ROTATE")
-            worker_.pop_front(); // the other rotations of that axis, or of the whole test
+        const bool failed = entry.result != 0 && (entry.request == "ROTATE" || entry.request == JOURNAL_ROTATE_END);
+        while (failed && !worker_.empty() && worker_.front().find("ROTATE") != std::string::npos)
+            worker_.pop_front(); // the other rotations of that axis
     }
 
     // Requests of the event loop, in order; each throws unless it is the next. False: the device failed.
@@ -458,23 +555,17 @@ protected:
     bool loadFlip()
     {
         const std::string text = files_.switches.at("@flip") == "-" ? "" : files_.switches.at("@flip");
-        int flip = 0;
-        for (const std::string name : {"off", "left_and_right", "up_and_down", "center"}) {
-            if (name.starts_with(text)) {
-                flip_ = flip;
-                return true;
-            }
-            ++flip;
-        }
-        return false;
+        const std::string names[] = {"off", "left_and_right", "up_and_down", "center"};
+        const auto at = std::find_if(names, std::end(names), [&](const auto& name) { return name.starts_with(text); });
+        const bool known = at != std::end(names);
+        flip_ = known ? static_cast<int>(at - names) : flip_;
+        return known;
     }
 
     // The call that is being judged.
     std::map<std::string, std::function<void(const Step&)>> methods_;
     int64_t calledNs_ = 0;
     int32_t replied_ = 0; // the code that the daemon gave
-    std::string before_;  // of the expected reply, before the code and after it
-    std::string after_;
 
     Files& files_;
     Evidence& evidence_;
@@ -498,13 +589,7 @@ protected:
     bool saveReadRunning_ = false;
     /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
     std::optional<int64_t> saveCommitsFromNs_;
-    /// A request that the calibration or the test is to make.
-    struct WorkerRequest {
-        LabAxisId axis;
-        std::string request;
-        int64_t word;
-    };
-    std::deque<WorkerRequest> worker_;
+    std::deque<std::string> worker_; // the requests that a calibration is to make
     Reading tourReading_;
     std::string tourDid_; // its latest request that succeeded
     int64_t tourReadNs_ = 0;

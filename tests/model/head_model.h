@@ -278,20 +278,7 @@ private:
         methods_["reload_scan_tour"] = reload;
         methods_["updateImageConfig"] = [this](const Step&) { refuse(!loadFlip(), CODE_DEVICE); };
         methods_["checkMotorStatus"] = [this](const Step&) { refuse(stillCalibrating(), CODE_CALIBRATING); };
-        methods_["getStatus"] = [this](const Step&) {
-            look();
-            const auto coordinate = [this](LabAxisId axis) {
-                const LabAxisSetting& made = axes[axis].made;
-                return sign(axis) * (made.range * position(axis) / made.total_steps - made.range / 2);
-            };
-            const auto speed = [this](LabAxisId axis) {
-                const Words& words = reading_.words[axis];
-                return words[SPEED_WORD] * sign(axis) * words[3] * words[4];
-            };
-            after_ = ",\"status\":{" + field("x_coord", coordinate(LAB_PAN)) + "," +
-                     field("y_coord", coordinate(LAB_TILT)) + "," + field("x_speed", speed(LAB_PAN)) + "," +
-                     field("y_speed", speed(LAB_TILT)) + "}";
-        };
+        methods_["getStatus"] = [this](const Step&) { look(); };
     }
     void addPresets()
     {
@@ -337,25 +324,16 @@ private:
             }
             world.now.presets[id] = preset;
             savePresets();
-            before_ = "\"name\":\"preset" + std::to_string(id) + "\",\"id\":\"" + std::to_string(id) + "\",";
         };
         methods_["delPreset"] = [this](const Step& step) {
             const Json ids = step.argument("id", json_type_array);
             refuse(!ids || json_object_array_length(ids.get()) == 0, CODE_PARAM);
-            std::set<int64_t> deleted;
-            for (size_t i = 0; i < json_object_array_length(ids.get()); ++i) {
-                const int64_t id = json_object_get_int64(json_object_array_get_idx(ids.get(), i));
-                refuse(id < 1 || id > 8, CODE_PARAM); // those before are gone, until a restart
-                world.now.presets.erase(id);
-                deleted.insert(id);
-            }
+            const int64_t id = json_object_get_int64(json_object_array_get_idx(ids.get(), 0));
+            refuse(id < 1 || id > 8, CODE_PARAM);
+            world.now.presets.erase(id);
             savePresets();
-            savePlan(deleted);
-        };
-        methods_["clearPreset"] = [this](const Step&) {
-            world.now.presets.clear();
-            savePresets();
-            savePlan({1, 2, 3, 4, 5, 6, 7, 8});
+            plan_ = plan_ == id ? 0 : plan_;
+            savePlan();
         };
         methods_["set_plan_config"] = [this](const Step& step) {
             json_object* id = nullptr;
@@ -364,7 +342,7 @@ private:
                 (void)json_pointer_get(day.get(), "/0/monday_1/action_id", &id);
                 plan_ = json_object_get_int64(id);
             }
-            savePlan({});
+            savePlan();
         };
     }
     /// What is stored takes the place of all that the package holds.
@@ -374,16 +352,10 @@ private:
         for (const LabAxisId axis : AXES)
             axes[axis].speedOption = files_.speeds[axis];
     }
-    void savePlan(const std::set<int64_t>& deleted)
+    void savePlan()
     {
-        if (plan_ && deleted.contains(*plan_))
-            plan_ = 0;
         files_.planned = plan_.value_or(files_.planned);
         world.plans.push_back(files_.planned);
-    }
-    static std::string field(const std::string& name, int64_t value)
-    {
-        return "\"" + name + "\":\"" + std::to_string(value) + "\"";
     }
 
     std::optional<int64_t> plan_; // the latest request since the start

@@ -1,16 +1,19 @@
 #pragma once
 // A judge of the notifications that follows every order of events which the rules allow.
 
-#include "head_parts.h"
+#include "evidence.h"
 
 #include <algorithm>
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 enum Origin : int { ORIGIN_USER, ORIGIN_TRACK, ORIGIN_RETURN, ORIGIN_TOUR };
 enum class Begin { USER, TRACK, RETURN, MASK, PRESET };
@@ -19,6 +22,52 @@ enum class Drive { NONE, DUE, OVERTAKEN }; // what is left of a tour's step that
 inline constexpr int64_t WHENEVER = INT64_MAX;
 inline constexpr int64_t QUIET_NS = 60 * SECOND_NS;
 inline constexpr int64_t SCAN_REST_NS = 15 * SECOND_NS;
+
+using Presets = std::map<int64_t, std::array<float, LAB_AXIS_COUNT>>; // by id, -1 to 1 over the travel
+
+/// What the package of the tours holds.
+struct TourSettings {
+    std::string enabled = "off";
+    int type = 0;
+    int from = 0; // pan coordinates
+    int to = 0;
+};
+
+struct PresetsInUse {
+    Presets presets;
+    std::array<float, LAB_AXIS_COUNT> factors{1, 1}; // of the largest speeds
+};
+
+/// What the touring thread goes by. Everything may be looked at a little before its effect is seen.
+struct TourWorld {
+    std::vector<TourSettings> settings; // the last is in the file
+    std::vector<int64_t> plans;         // likewise
+    PresetsInUse now{};
+    PresetsInUse before{}; // the latest change, which ended at changedNs
+    int64_t changedNs = 0;
+    bool held = false; // by lens mask or panorama
+
+    /// The presets, 0 for none, that the plan of that index may have asked for at a lab time.
+    std::set<int64_t> targets(size_t plan, int64_t labNs) const
+    {
+        std::set<int64_t> result;
+        for (const PresetsInUse& read : readAt(labNs))
+            result.insert(read.presets.contains(plans[plan]) ? plans[plan] : 0);
+        return result;
+    }
+    /// A copy of what is about to change.
+    void remember()
+    {
+        before = now;
+        changedNs = INT64_MAX;
+    }
+    /// What may have been read of the presets at a lab time.
+    std::vector<PresetsInUse> readAt(int64_t labNs) const
+    {
+        const bool justChanged = changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+        return justChanged ? std::vector{now, before} : std::vector{now};
+    }
+};
 
 /// One state that the daemon's motion bookkeeping may be in. Times in lab time.
 struct MotionState {
@@ -346,10 +395,6 @@ private:
             if (seen.moving && seen.origin == ORIGIN_TOUR) {
                 addTourBegins(result, state, seen.labNs);
             } else if (!seen.moving && state.active && state.origin == seen.origin) {
-                // A step that has begun and then not driven must have been overtaken.
-                if (state.drive == Drive::DUE && state.calibration == 0 &&
-                    !evidence_.loopActed(state.tourBegan - LATENESS_NS, seen.labNs))
-                    continue;
                 state.calibration = state.calibration == 2 ? 0 : state.calibration;
                 state.end(seen.labNs);
                 result.insert(state);
@@ -400,12 +445,23 @@ private:
         states_ = result;
         at_ = end;
     }
+    /// No axis turns at an idle notification, unless a step's thread has not begun its motion yet.
     void checkPremature(const Notification& seen) const
     {
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-            const size_t move = evidence_.moveUnderWay(axis, seen.labNs);
-            require(seen.moving || move == evidence_.entries.size() || stepMoves.contains(move) ||
-                        evidence_.entries[move].request != "MOVE",
+        const LabJournalEntry* last[LAB_AXIS_COUNT]{};
+        bool drives[LAB_AXIS_COUNT]{};
+        for (size_t i = 0; i < evidence_.entries.size() && evidence_.entries[i].labNs <= seen.labNs; ++i) {
+            const LabJournalEntry& entry = evidence_.entries[i];
+            last[entry.axis] = &entry;
+            if (entry.result == 0 && (entry.request == "MOVE" || entry.request == "ROTATE"))
+                drives[entry.axis] = entry.request == "MOVE" && !stepMoves.contains(i);
+        }
+        for (const LabAxisId axis : AXES) {
+            if (seen.moving || !drives[axis] || last[axis]->rate == 0)
+                continue;
+            // The last step counts as made: it was begun at an unknown moment.
+            const int64_t left = std::abs(int64_t{last[axis]->left}) - 1;
+            require(seen.labNs >= last[axis]->labNs + left * SECOND_NS / std::abs(last[axis]->rate),
                     "an idle notification while an axis still turns");
         }
     }

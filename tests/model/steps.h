@@ -36,7 +36,7 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"speed_pan", "1|0.5|0.1|1.0|1.001|0|-0.5||1e-1|0.5x|nan| .25"},
     {"speed_tilt", "<speed_pan>"},
     {"recover", "<odd>|5*<0..1>"},
-    {"ids", R"(["1"]|["3","1"]|[2]|["2","9","1"]|[]|<odd>)"},
+    {"ids", R"(2*["<0..4>"]|[2]|[]|<odd>)"},
     {"monday",
      R"(9*[{"monday_1":{"start_time":0,"end_time":1440,"action_type":"preset","action_id":"<planned>"}}]|[])"},
     {"planned", "6*1|3*3|2"},
@@ -67,7 +67,7 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"motion or stop", "11*<motion>|stop"},
     {"method", "56*<motion>|5*stop|3*getStatus|checkMotorStatus|3*setPowerOffRecover recover|2*manualCalibrate|"
                "4*setConfig x_speed?2 y_speed?2 sustain?2|2*reloadTargetTrackConfig|2*lensMask|"
-               "2*updateImageConfig|4*setPreset id?2 save_ptz?2|delPreset id:<ids>|clearPreset"},
+               "2*updateImageConfig|4*setPreset id?2 save_ptz?2|delPreset id:<ids>"},
     {"axis", "x|y"},
     {"fault", "7*|@fault <axis> <request>"},
     {"request", "2*GET_STATUS|MOVE|STOP|SET_SPEED|ROTATE|SET_POSITION"},
@@ -159,16 +159,6 @@ struct Sequence {
     uint32_t seed;
     std::vector<Step> setup; // settings before the daemon starts
     std::vector<Step> steps;
-
-    std::string print() const
-    {
-        std::string result = "PTZD_MODEL_SEED=" + std::to_string(seed) + "\n";
-        for (const Step& step : setup)
-            result += "    before the start: " + step.print() + "\n";
-        for (const Step& step : steps)
-            result += "    " + step.print() + "\n";
-        return result;
-    }
 };
 
 /// Draws from the grammar.
@@ -246,12 +236,14 @@ private:
     std::mt19937 random_;
 };
 
-/// The sequence of a seed, always the same. Every third random one has tours; a storing one is of what stores the
-/// head's position or must not: mask, tours, tracking and panoramas in any order.
-inline Sequence makeSequence(uint32_t seed, bool storing)
+/// The sequence of a seed, always the same. Some have tours; some are of what stores the head's position or must not:
+/// mask, tours, tracking and panoramas in any order.
+inline Sequence makeSequence(uint32_t seed)
 {
     Dice dice(seed);
-    const std::string kind = storing ? "storing" : seed / 3 % 3 == 0 ? "touring" : "plain";
+    const std::string kinds[] = {"touring", "plain",   "storing", "plain", "storing",
+                                 "plain",   "touring", "storing", "plain"};
+    const std::string& kind = kinds[seed / 3 % std::size(kinds)];
     Sequence sequence{seed, {}, {}};
     dice.add(sequence.setup, kind + " setup");
     dice.add(sequence.steps, kind + " start");
