@@ -22,7 +22,6 @@ enum Code : int32_t {
     CODE_NO_TRAVEL = -64304,
     CODE_MOVING = -64305,
     CODE_FULL = -64306,
-    CODE_FACTOR = -64317,
     CODE_PRESET = -64321,
     CODE_LENS_MASK = -64324,
     CODE_PANORAMA = -64329,
@@ -166,6 +165,11 @@ public:
     {
         return storing_ == Storing::NEVER ? std::nullopt : save_;
     }
+    /// On the way out of the mask's zone, until a rest that the daemon may have seen already or not yet.
+    bool leavesMasksZone() const
+    {
+        return storing_ == Storing::ONCE_AT_REST;
+    }
     /// Judges what threads did up to the end of what is loaded.
     void judgeThreads()
     {
@@ -181,7 +185,7 @@ public:
     {
         motions.keep([](const MotionState& state) { return state.rests(); }, "no rest");
         calibrating = false;
-        seeRest();
+        storing_ = leavesMasksZone() ? Storing::FREE : storing_;
         stepMove_ = StepMove::NONE;
         atRest = true;
         saveCommitsFromNs_.reset();
@@ -194,7 +198,6 @@ public:
         while (evidence_.at < evidence_.entries.size() && evidence_.entries[evidence_.at].labNs < calledNs)
             judgeUpTo(evidence_.at + 1);
         motions.follow(calledNs);
-        seeRest();
         calledNs_ = calledNs;
         const size_t at = reply.find("_code\":");
         require(at != std::string::npos, "no code in the reply " + reply);
@@ -255,11 +258,6 @@ protected:
         return static_cast<int64_t>(static_cast<float>(axes[axis].made.max_speed) * factors[axis]);
     }
 
-    void seeRest()
-    {
-        if (storing_ == Storing::ONCE_AT_REST && motions.ends() > endsBefore_)
-            storing_ = Storing::FREE;
-    }
     void commit()
     {
         for (const LabAxisId axis : AXES)
@@ -301,10 +299,7 @@ protected:
             if (atRest)
                 judgeSaveRead(entry);
         } else if (entry.request == "STOP" && stepMove_ != StepMove::NONE) {
-            require(entry.axis == (stepStopsTilt_ ? LAB_TILT : LAB_PAN), "the end of a step stops in disorder");
-            if (stepStopsTilt_)
-                stepMove_ = StepMove::NONE;
-            stepStopsTilt_ = !stepStopsTilt_;
+            stepMove_ = entry.axis == LAB_TILT ? StepMove::NONE : stepMove_;
         } else {
             judgeWorker(entry);
         }
@@ -474,7 +469,6 @@ protected:
             judgeUpTo(evidence_.nextOfLoop());
         if (stepMove_ == StepMove::NONE)
             return;
-        require(!stepStopsTilt_, "a step stopped pan only");
         motions.change([](MotionState& state) { state.begins -= state.begins > 0 ? 1 : 0; }, false);
         stepMove_ = acts ? StepMove::NONE : StepMove::FADES;
     }
@@ -497,10 +491,8 @@ protected:
     /// A command takes the head somewhere else; out of the zone of a mask that is not on.
     void leavesMask()
     {
-        if (mask_ || storing_ != Storing::NEVER)
-            return;
-        storing_ = Storing::ONCE_AT_REST;
-        endsBefore_ = motions.ends();
+        if (!mask_ && storing_ == Storing::NEVER)
+            storing_ = Storing::ONCE_AT_REST;
     }
     void armSave()
     {
@@ -514,22 +506,15 @@ protected:
     }
     /// A handler saves the position itself, if it may and the axes rest; one that is due is given up in any case. The
     /// daemon reads the axes again only if it may save.
-    void saveNow(bool halted)
+    void saveNow()
     {
         save_.reset();
-        motions.follow(evidence_.lastOfLoopNs());
-        seeRest();
         const bool reads = nextIs("GET_STATUS");
-        require(reads || storing_ != Storing::FREE, "the position is not stored");
-        require(!reads || storing_ != Storing::NEVER, "a position of the mask's zone is stored");
+        require(storing_ == Storing::ONCE_AT_REST || reads == (storing_ == Storing::FREE),
+                reads ? "a position of the mask's zone is stored" : "the position is not stored");
         if (!reads)
             return;
-        if (storing_ == Storing::ONCE_AT_REST) {
-            // The head rests, and the status poll may have seen it just now. Not if it turned until this handler
-            // stopped it.
-            require(!halted, "a position is stored on the way out of the mask's zone");
-            storing_ = Storing::FREE;
-        }
+        storing_ = Storing::FREE;
         const Reading before = reading_;
         if (askBoth("GET_STATUS") && !reading_.running()) {
             storePosition();
@@ -579,11 +564,9 @@ protected:
     int flip_ = 0;
     enum class StepMove { NONE, RUNS, FADES } stepMove_ = StepMove::NONE;
     int64_t stepDirection_ = 0;
-    bool stepStopsTilt_ = false; // the closing stop of pan was seen
     /// Whether a position may be stored: not while the mask is on, until a mask off has come to rest. After a mask that
     /// failed, until a command has taken the head out of its zone.
     enum class Storing { FREE, NEVER, ONCE_AT_REST } storing_;
-    int64_t endsBefore_ = 0;      // what motions.ends() was when storing became ONCE_AT_REST
     std::optional<int64_t> save_; // when it was armed
     bool saveReadPan_ = false;
     bool saveReadRunning_ = false;

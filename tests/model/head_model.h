@@ -100,9 +100,8 @@ private:
             refuseBusy(false);
             panorama_ = false; // if it fails
             look();
-            const bool turned = reading_.running();
             haltIfRunning();
-            saveNow(turned);
+            saveNow();
             const Pair start = toSteps({sign(LAB_PAN) * -150, sign(LAB_TILT) * -10});
             refuse(!go(Begin::USER, maxSpeeds(), wayTo(start), true), CODE_DEVICE);
             panorama_ = true;
@@ -138,11 +137,9 @@ private:
             const bool asksOrigin = !save_ && storing_ == Storing::FREE;
             const bool saves = nextIs("GET_STATUS");
             if (asksOrigin)
-                motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR},
-                                   saves ? "the position is stored again in the middle of a tracking"
-                                         : "the position before a tracking is not stored");
+                motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR}, "storing the position before a tracking only");
             if (save_ || saves)
-                saveNow(false);
+                saveNow();
             const Pair steps = relative(way);
             refuse(!go(Begin::TRACK, speeds, steps), CODE_DEVICE);
         };
@@ -153,9 +150,7 @@ private:
             look();
             if (reading_.running()) {
                 const bool halts = nextIs("STOP");
-                motions.keepOrigin(halts, {ORIGIN_TRACK},
-                                   halts ? "a return stops a motion that is no tracking"
-                                         : "a return does not end the tracking");
+                motions.keepOrigin(halts, {ORIGIN_TRACK}, "a return stops a tracking only");
                 refuse(!halts, CODE_CALIBRATING);
                 halt();
                 look();
@@ -183,9 +178,7 @@ private:
             const bool ran = reading_.running();
             if (ran) {
                 const bool halts = nextIs("STOP");
-                motions.keepOrigin(halts, {ORIGIN_TRACK},
-                                   halts ? "the end of tracking stops another motion"
-                                         : "the end of tracking does not stop it");
+                motions.keepOrigin(halts, {ORIGIN_TRACK}, "the end of tracking stops a tracking only");
                 refuse(halts && !askBoth("STOP"), CODE_DEVICE);
             }
             if (!evidence_.loopIsDone()) {
@@ -211,11 +204,6 @@ private:
                 return;
             look();
             haltIfRunning();
-            motions.follow(evidence_.lastOfLoopNs());
-            seeRest();
-            // Whether the status poll has just seen the head rest cannot be known.
-            if (wanted && storing_ == Storing::ONCE_AT_REST && !reading_.running())
-                throw Inconclusive{};
             begin(Begin::MASK);
             Pair steps = wayTo(storedOrHome());
             if (wanted) {
@@ -287,12 +275,8 @@ private:
             refuse(id < 1 || id > 8, CODE_PARAM);
             refuse(!world.now.presets.contains(id), CODE_PRESET);
             for (const LabAxisId axis : AXES) {
-                char* end = nullptr;
                 const auto given = step.argument(axis == LAB_PAN ? "speed_pan" : "speed_tilt").value_or("1");
-                const float factor = strtof(given.c_str(), &end);
-                refuse(*end != '\0', CODE_PARAM);
-                refuse(!(factor > 0 && factor <= 1), CODE_FACTOR);
-                world.now.factors[axis] = factor;
+                world.now.factors[axis] = strtof(given.c_str(), nullptr);
             }
             refuseBusy();
             look();

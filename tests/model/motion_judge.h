@@ -200,7 +200,7 @@ public:
     void begin(Begin kind, int64_t fromNs, int64_t toNs)
     {
         const auto own = [kind](MotionState& state, const Notification* seen) { return state.beginOwn(kind, seen); };
-        window(own, false, "the begin of a motion", fromNs, toNs);
+        window(own, "the begin of a motion", fromNs, toNs);
     }
     /// A handler, called at calledNs, ends the motion itself, as a user's, if there is one.
     void stop(int64_t calledNs, int64_t fromNs)
@@ -216,7 +216,7 @@ public:
             state.end(seen->labNs);
             return true;
         };
-        window(own, true, "a stop", fromNs, WHENEVER);
+        window(own, "a stop", fromNs, WHENEVER);
     }
     /// It has found one of these origins, or none of them, between its last request and its next one.
     void keepOrigin(bool oneOf, std::initializer_list<int> origins, const std::string& why)
@@ -270,12 +270,6 @@ public:
     {
         return at_ == evidence_.notifications.size() &&
                std::any_of(states_.begin(), states_.end(), [](const auto& state) { return state.rests(); });
-    }
-    /// How often a motion has come to its end.
-    int64_t ends() const
-    {
-        const auto from = evidence_.notifications.begin();
-        return std::count_if(from, from + static_cast<ptrdiff_t>(at_), [](const auto& seen) { return !seen.moving; });
     }
 
     // The touring thread.
@@ -411,7 +405,7 @@ private:
         return result;
     }
     /// Explains the notifications of a stretch of time in which a handler acts at an unknown moment.
-    void window(const Own& own, bool restAllowed, const std::string& name, int64_t fromNs, int64_t toNs)
+    void window(const Own& own, const std::string& name, int64_t fromNs, int64_t toNs)
     {
         follow(fromNs);
         size_t end = at_;
@@ -433,14 +427,10 @@ private:
         for (size_t i = at_; i <= end; ++i) {
             States before = hidden(states_, at_, i);
             closeOver(before);
-            // Between a begin and its move requests no poll may take the pause for the end of the motion.
-            if (i == end || restAllowed)
-                result.merge(hidden(afterOwn(before, nullptr), i, end));
-            if (i < end && (i + 1 == end || restAllowed))
+            result.merge(hidden(afterOwn(before, nullptr), i, end));
+            if (i < end)
                 result.merge(hidden(afterOwn(before, &evidence_.notifications[i]), i + 1, end));
         }
-        for (size_t i = at_; i < end && !restAllowed; ++i)
-            checkPremature(evidence_.notifications[i]);
         require(!result.empty(), "notifications do not fit " + name + ": " + describe());
         states_ = result;
         at_ = end;

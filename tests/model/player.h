@@ -148,10 +148,11 @@ private:
     }
     void callMethod(const Step& step)
     {
-        // What the rules leave open: rotations beside motions that nobody keeps apart, and presets that are saved while
-        // a calibration corrects the speeds.
-        if (model_->calibrating &&
-            std::set<std::string>{"movePanorama", "stopPanorama", "setPreset", "delPreset"}.contains(step.verb))
+        // What the rules leave open: rotations beside motions that nobody keeps apart, presets that are saved while a
+        // calibration corrects the speeds, and whether the position is free to be stored yet.
+        const std::set<std::string> apart{"movePanorama", "stopPanorama", "setPreset", "delPreset"};
+        if ((model_->calibrating && apart.contains(step.verb)) ||
+            (step.verb == "lensMask" && model_->leavesMasksZone()))
             settle();
         const auto armedNs = model_->saveArmedNs();
         const int64_t calledNs = lab_.clock.nowNs();

@@ -33,7 +33,7 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"sustain", "0|1|5|20|60|200|-3|-99999999999"}, // a step's thread sleeps once for each unit, so none lasts long
     {"id", "<odd>|3*1|3*2|3*3|5|8|0|9"},
     {"save_ptz", "<odd>|6*1|2*0|2*2"},
-    {"speed_pan", "1|0.5|0.1|1.0|1.001|0|-0.5||1e-1|0.5x|nan| .25"},
+    {"speed_pan", "1|0.5|0.1|1.0|1e-1| .25"},
     {"speed_tilt", "<speed_pan>"},
     {"recover", "<odd>|5*<0..1>"},
     {"ids", R"(2*["<0..4>"]|[2]|[]|<odd>)"},
