@@ -11,7 +11,6 @@ public:
         : HeadBase(evidence, files, options, found)
     {
         addMotions();
-        addPanorama();
         addTracking();
         addSettings();
         for (auto& [id, position] : files.presets) // with the digits that are stored
@@ -80,12 +79,8 @@ private:
                 motions.change([](MotionState& state) { ++state.begins; }, false);
             }
             motions.follow(evidence_.lastOfLoopNs());
-            const size_t first = evidence_.nextOfLoop();
             atRest = false;
-            const bool done = drive(NO_SPEEDS, steps);
-            for (size_t i = first; i < evidence_.at; ++i)
-                motions.stepMoves.insert(i);
-            refuse(!done, CODE_DEVICE);
+            refuse(!drive(NO_SPEEDS, steps), CODE_DEVICE);
             if (isNew)
                 motions.change([](MotionState& state) { ++state.begins; });
             leavesMask();
@@ -93,9 +88,6 @@ private:
             stepDirection_ = direction;
             armSave();
         };
-    }
-    void addPanorama()
-    {
         methods_["startPanorama"] = [this](const Step&) {
             refuseBusy(false);
             panorama_ = false; // if it fails
@@ -292,14 +284,10 @@ private:
             refuse(mask_, CODE_LENS_MASK);
             refuse(panorama_, CODE_PANORAMA);
             int64_t id = number(step.argument("id").value_or("1"));
-            refuse(id < 1 || id > 8, CODE_PRESET);
-            const int64_t captures = number(step.argument("save_ptz").value_or("0"));
-            refuse(captures != 0 && captures != 1, CODE_PARAM);
             while (!step.argument("id") && world.now.presets.contains(id))
                 ++id;
-            refuse(id > 8, CODE_FULL);
             Presets::mapped_type preset = world.now.presets[id];
-            if (captures == 1) {
+            if (step.argument("save_ptz") == "1") {
                 look();
                 refuse(reading_.running(), CODE_MOVING);
                 for (const LabAxisId axis : AXES)
