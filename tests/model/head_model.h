@@ -250,12 +250,10 @@ private:
             queueCalibration(home());
             armSave();
         };
-        const auto reload = [this](const Step& step) {
+        methods_["reload_tour_info"] = methods_["reload_scan_tour"] = [this](const Step& step) {
             const bool tour = step.verb == "reload_tour_info";
             motions.change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
         };
-        methods_["reload_tour_info"] = reload;
-        methods_["reload_scan_tour"] = reload;
         methods_["updateImageConfig"] = [this](const Step&) { refuse(!loadFlip(), CODE_DEVICE); };
         methods_["checkMotorStatus"] = [this](const Step&) { refuse(stillCalibrating(), CODE_CALIBRATING); };
         methods_["getStatus"] = [this](const Step&) { look(); };

@@ -57,10 +57,9 @@ void report(Player& player, const Sequence& sequence, const std::string& mismatc
         text = verdict.mismatch;
     }
     std::string steps = "PTZD_MODEL_SEED=" + std::to_string(sequence.seed) + ", started with\n";
-    for (const Step& step : sequence.setup)
-        steps += "    " + step.print() + "\n";
-    for (const Step& step : smallest.steps)
-        steps += "    " + step.print() + "\n";
+    for (const auto& part : {sequence.setup, smallest.steps})
+        for (const Step& step : part)
+            steps += "    " + step.print() + "\n";
     ADD_FAILURE() << "after " << mismatch << "\nshrunk to\n" << steps << "after " << text;
 }
 

@@ -54,12 +54,6 @@ struct TourWorld {
             result.insert(read.presets.contains(plans[plan]) ? plans[plan] : 0);
         return result;
     }
-    /// A copy of what is about to change.
-    void remember()
-    {
-        before = now;
-        changedNs = INT64_MAX;
-    }
     /// What may have been read of the presets at a lab time.
     std::vector<PresetsInUse> readAt(int64_t labNs) const
     {
@@ -154,13 +148,6 @@ struct MotionState {
         }
         drive = drive == Drive::DUE ? Drive::OVERTAKEN : drive;
         return true;
-    }
-    /// A scan's step has driven pan.
-    void scanOn(const TourSettings& limits)
-    {
-        scanWay = scanCoord >= limits.to ? -1 : scanWay;
-        scanWay = scanCoord <= limits.from ? 1 : scanWay;
-        scanCoord += 10 * scanWay;
     }
 };
 
@@ -275,8 +262,12 @@ public:
              "a tour's move that is not due, or not to there: " + textOf(entry));
         change([&](MotionState& state) {
             state.drive = Drive::NONE;
-            if (entry.result == 0 && world_.settings[state.setting].type == 1)
-                state.scanOn(world_.settings[state.scan]);
+            if (entry.result != 0 || world_.settings[state.setting].type != 1)
+                return;
+            const TourSettings& scan = world_.settings[state.scan];
+            state.scanWay = state.scanCoord >= scan.to ? -1 : state.scanWay;
+            state.scanWay = state.scanCoord <= scan.from ? 1 : state.scanWay;
+            state.scanCoord += 10 * state.scanWay;
         });
     }
     /// It has failed to look at the axes, or to stop them, perhaps on the way to a preset.

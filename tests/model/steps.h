@@ -1,5 +1,5 @@
 #pragma once
-// What a sequence is made of: random steps, their text, and smaller sequences to try after a failure.
+// What a sequence is made of: random steps and their text.
 
 #include <json-c/json.h>
 
