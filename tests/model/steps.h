@@ -100,10 +100,10 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
     {"storing command", "<under way>;<storing deed>;<storing pause>"},
-    {"under way", "6*|<moveTo>;<nap>|<track>;<nap>"},
+    {"under way", "4*|<moveTo>;<nap>|<track>;<nap>|2*moveStep direction:90;<nap>"},
     {"storing deed",
      "2*<mask fault>;@mask on;lensMask;<storing pause>;<mask off>|@tours <1..2>|<track>|"
-     "targetTrackBack|<panorama>|@fault <axis> <request>;startPanorama;<stop or moveTo>|<stop or moveTo>|"
+     "targetTrackBack|2*<panorama>|@fault <axis> <request>;startPanorama;<stop or moveTo>|<stop or moveTo>|"
      "<motion>|@track off;reloadTargetTrackConfig;@track on;reloadTargetTrackConfig"},
     {"mask fault", "5*|@fault <axis> MOVE"},
     {"mask off", "|3*@mask off;lensMask"},
