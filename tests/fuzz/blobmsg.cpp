@@ -61,15 +61,10 @@ std::optional<std::string> through(const std::string& text)
     return result;
 }
 
-/// JSON has no words for what is no number.
-bool isJson(const std::string& formatted)
-{
-    return formatted.find("inf") == formatted.npos && formatted.find("nan") == formatted.npos;
-}
-
 void anyText(const std::string& text)
 {
-    if (const auto once = through(text); once && isJson(*once))
+    const auto once = through(text);
+    if (once && once->find("inf") == once->npos && once->find("nan") == once->npos) // for which JSON has no words
         RIG_CHECK(through(*once) == once, "%s\n%s\n", text.c_str(), once->c_str());
 }
 
@@ -95,11 +90,6 @@ uint64_t readFound(blob_attr* const* found)
     return sum;
 }
 
-const char* insteadOfNumbers(void*, blob_attr* attribute)
-{
-    return blobmsg_type(attribute) == BLOBMSG_TYPE_INT32 ? "0" : nullptr;
-}
-
 void anyBytes(Bytes bytes)
 {
     // Exactly as long as it is, so that a byte read behind it is found.
@@ -116,8 +106,7 @@ void anyBytes(Bytes bytes)
 
     anyText(format(message));
     const OwnedText indented(blobmsg_format_json_indent(message, true, 0));
-    const OwnedText instead(blobmsg_format_json_with_cb(message, true, insteadOfNumbers, nullptr, 3));
-    RIG_CHECK(indented && instead, "no text\n");
+    RIG_CHECK(indented, "no text\n");
     blob_attr* child = nullptr;
     size_t rest = 0;
     blob_for_each_attr (child, message, rest) {
