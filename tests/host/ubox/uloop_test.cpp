@@ -1,11 +1,6 @@
 #include "ubox_test.h"
 
-#include <csignal>
-
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
