@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr int64_t PATIENCE_NS = 20 * NS_PER_SECOND;
+constexpr int64_t TIMEOUT_NS = 20 * NS_PER_SECOND;
 
 /// What the clients of a run share.
 struct Run {
@@ -158,11 +158,11 @@ int64_t runClients(Clients clients, Run& run, milliseconds window)
     run.endNs = start + window.count() * NS_PER_MS;
     for (const auto& client : clients)
         client->begin(run);
-    uloop_timeout patience{};
-    patience.cb = giveUp;
-    uloop_timeout_set(&patience, static_cast<int>(PATIENCE_NS / NS_PER_MS));
+    uloop_timeout limit{};
+    limit.cb = giveUp;
+    uloop_timeout_set(&limit, static_cast<int>(TIMEOUT_NS / NS_PER_MS));
     uloop_run();
-    uloop_timeout_cancel(&patience);
+    uloop_timeout_cancel(&limit);
     return run.running == 0 && !run.failed ? monotonicNs() - start : 0;
 }
 

@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto START_PATIENCE = 10s;
+constexpr auto START_TIMEOUT = 10s;
 
 std::string syncLog(const std::string& folder)
 {
@@ -73,11 +73,6 @@ HeadPair::~HeadPair()
     endBare();
 }
 
-std::string HeadPair::socket() const
-{
-    return lab_.folder() + "/var/run/ubus.sock"; // a link to it, when the firmware has it elsewhere
-}
-
 bool HeadPair::launchBare()
 {
     ProgramStart start;
@@ -96,7 +91,7 @@ bool HeadPair::launchBare()
 bool HeadPair::bareAnswers()
 {
     const auto there = [this] { return lab_.invoke("bare_requests", "none").status == 3; }; // no such method
-    if (waitUntil(there, START_PATIENCE))
+    if (waitUntil(there, START_TIMEOUT))
         return true;
     fprintf(stderr, "the bare object does not answer:\n%s", readFile(lab_.folder() + "/log/bare.log").c_str());
     endBare();

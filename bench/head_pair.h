@@ -36,7 +36,6 @@ public:
     {
         return barePid_;
     }
-    [[nodiscard]] std::string socket() const;
     /// Starts the bare object and returns at once; false when it cannot. endBare() waits for its end.
     bool launchBare();
     void endBare();

@@ -82,7 +82,7 @@ Measured alternate(HeadPair& pair, Callers& callers, const Target& ptzd, const T
 
 void compare(HeadPair& pair, const Comparison& comparison, int clients, const Effort& effort, Report& report)
 {
-    Callers callers(pair.socket(), clients);
+    Callers callers(pair.lab().busSocket(), clients);
     const Target ptzd{"ptzd", comparison.method, {comparison.arguments[0], comparison.arguments[1]}};
     const Target bare{comparison.bare, comparison.method, {comparison.arguments[0], comparison.arguments[1]}};
     const Measured measured = alternate(pair, callers, ptzd, bare, effort, report);
@@ -139,7 +139,7 @@ void benchClients(const Effort& effort, Report& report)
         return;
     report.section("More clients: calls of getStatus a second, bare with the same requests");
     for (const int clients : effort.clients) {
-        Callers callers(pair.socket(), clients);
+        Callers callers(pair.lab().busSocket(), clients);
         const Measured measured =
             alternate(pair, callers, {"ptzd", "getStatus"}, {OWN_REQUESTS, "getStatus"}, effort, report);
         Row row{std::to_string(clients) + (clients == 1 ? " client" : " clients"), "1/s"};

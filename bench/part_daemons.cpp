@@ -66,7 +66,7 @@ Sides roundTrips(const Pairs& pairs)
 {
     Sides us;
     for (const auto& pair : pairs) {
-        Callers callers(pair->socket(), 1);
+        Callers callers(pair->lab().busSocket(), 1);
         us.ptzd.push_back(median(callers.run({"ptzd", "getStatus"}, WINDOW).us));
         us.bare.push_back(median(callers.run({"bare_requests", "getStatus"}, WINDOW).us));
     }

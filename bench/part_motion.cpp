@@ -108,7 +108,7 @@ void benchMotion(const Effort& effort, Report& report)
         return;
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT})
         pair.lab().motors.setFactor(axis, SLOW);
-    Callers callers(pair.socket(), 1);
+    Callers callers(pair.lab().busSocket(), 1);
     bool two = true;
     Side sides[2][2];
     const char* const bares[] = {"bare", "bare_requests"};

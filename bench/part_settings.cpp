@@ -86,7 +86,7 @@ void withPresets(int count, const Effort& effort, Report& report)
     report.require(pair.valid(), "the lab starts");
     if (!pair.valid())
         return;
-    Callers callers(pair.socket(), 1);
+    Callers callers(pair.lab().busSocket(), 1);
     const std::vector<double> all = callers.run({"ptzd", "getPresetAll"}, effort.window * effort.rounds).us;
     const std::string presets = std::to_string(count) + " presets: ";
     const double bytes = bytesOfACommit(pair, report);
@@ -116,7 +116,7 @@ void withPlan(int entries, const Effort& effort, Report& report)
     std::this_thread::sleep_for(watched);
     const double share = static_cast<double>(processorNs(ptzd) - before) / 1e6 /
                          std::chrono::duration<double, std::milli>(watched).count();
-    Callers callers(pair.socket(), 1);
+    Callers callers(pair.lab().busSocket(), 1);
     const std::string requests[] = {dayRequest("preset"), dayRequest("disable")};
     const std::vector<double> set =
         callers.run({"ptzd", "set_plan_config", {requests[0].c_str(), requests[1].c_str()}}, effort.window).us;

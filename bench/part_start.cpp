@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto PATIENCE = 10s;
+constexpr auto TIMEOUT = 10s;
 constexpr auto PAUSE = 100us;
 
 /// Asks until the object answers. The ms since `startNs`; 0 when it never does.
@@ -24,7 +24,7 @@ double answeredAfter(Callers& callers, const char* object, int64_t startNs)
         const int64_t answered = callers.once({object, "getCapa"}).answeredNs;
         if (answered != 0)
             return static_cast<double>(answered - startNs) / NS_PER_MS;
-        if (monotonicNs() - startNs > std::chrono::nanoseconds(PATIENCE).count())
+        if (monotonicNs() - startNs > std::chrono::nanoseconds(TIMEOUT).count())
             return 0;
         std::this_thread::sleep_for(PAUSE);
     }
@@ -41,7 +41,7 @@ void benchStart(const Effort& effort, Report& report)
     report.require(pair.valid(), "the lab starts");
     if (!pair.valid())
         return;
-    Callers callers(pair.socket(), 1);
+    Callers callers(pair.lab().busSocket(), 1);
     Sides ms;
     for (int start = 0; start < effort.starts; ++start) {
         pair.lab().programs.killPtzd(SIGTERM);

@@ -17,7 +17,7 @@ constexpr double MOTION_EVERY_S = 30;
 constexpr double BURST_STEP_S = 3;
 constexpr int BURST = 3;
 constexpr double BUSY_HOURS = 8;
-constexpr auto PATIENCE = 20s;
+constexpr auto TIMEOUT = 20s;
 
 /// What one save made durable.
 struct Cost {
@@ -76,8 +76,7 @@ void oneSave(HeadPair& pair, Report& report)
     }; // 30 of -150..150 in 3000 steps
     const auto speeds = static_cast<double>(before - atStart);
     report.add({"files and directories synced by setConfig", "syncs", speeds, {}, static_cast<double>(bareBefore)});
-    stored =
-        stored && moveHead(lab, 0) && waitUntil(saved, PATIENCE) && lab.invoke("bare_requests", "save").status == 0;
+    stored = stored && moveHead(lab, 0) && waitUntil(saved, TIMEOUT) && lab.invoke("bare_requests", "save").status == 0;
     report.require(stored, "a position is saved");
     const Cost cost = costOf(pair.syncs(ptzd), before);
     const Cost bare = costOf(pair.syncs(pair.barePid()), bareBefore);

@@ -2,12 +2,10 @@
 
 #include "bench.h"
 
-#include "lab/picture.h"
+#include "lab/core/picture.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -25,7 +23,7 @@ constexpr double GROUP_GAP = 34;
 constexpr double TICK_WIDTH = 18;
 constexpr double SCALE_MAX = 1.5; // of the ratios' bars
 
-constexpr const char* STYLE = R"(<style>
+constexpr const char* STYLE = R"(
   .met { fill: #2f8f46 } .missed { fill: #c43a31 } .goal { stroke: #2b333d; stroke-width: 2 }
   .group { font-weight: bold }
   .curve { fill: none; stroke-width: 2; stroke-linejoin: round }
@@ -37,29 +35,7 @@ constexpr const char* STYLE = R"(<style>
     .c0 { stroke: #63b0f4 } .c1 { stroke: #f0a95c } .c2 { stroke: #c193ef } .c3 { stroke: #63c97c }
     .d0 { fill: #63b0f4 } .d1 { fill: #f0a95c } .d2 { fill: #c193ef } .d3 { fill: #63c97c }
   }
-</style>
 )";
-
-/// printf into a string.
-__attribute__((format(printf, 1, 2))) std::string print(const char* format, ...)
-{
-    char text[2048];
-    va_list values;
-    va_start(values, format);
-    (void)vsnprintf(text, sizeof(text), format, values);
-    va_end(values);
-    return text;
-}
-
-std::string text(double x, double y, const std::string& words, const char* style = "", const char* anchor = "start")
-{
-    return print("<text x='%.0f' y='%.0f' class='%s' text-anchor='%s'>%s</text>\n", x, y, style, anchor, words.c_str());
-}
-
-std::string line(const char* style, double x1, double y1, double x2, double y2)
-{
-    return print("<line class='%s' x1='%.1f' y1='%.1f' x2='%.1f' y2='%.1f'/>\n", style, x1, y1, x2, y2);
-}
 
 /// The number that a goal of the form "≤ 1.1" or "rate ≥ 0.95" names; 0 when it is about something else than the ratio.
 double goalOf(const Row& row)
@@ -76,37 +52,35 @@ bool isRate(const Row& row)
     return row.goal.starts_with("rate");
 }
 
-/// The rows of one kind under their heading; nothing where there are none.
-std::string bars(const std::vector<Row>& rows, bool rates, double& y)
+/// Draws the rows of one kind under their heading, from `y` on; nothing where there are none. @return where it ends.
+double drawBars(Picture& picture, const std::vector<Row>& rows, bool rates, double y)
 {
     constexpr double SCALE = (BAR_RIGHT - LEFT) / SCALE_MAX;
     const double heading = y;
     double goal = 0;
-    std::string svg;
     y += 12;
     for (const Row& row : rows) {
         if (goalOf(row) == 0 || isRate(row) != rates)
             continue;
         goal = goalOf(row);
         const double length = std::min(*row.ratio, SCALE_MAX) * SCALE;
-        svg += text(LEFT - 10, y + 15, row.what, "", "end");
-        svg += print("<rect class='%s' x='%.0f' y='%.1f' width='%.1f' height='%.0f'/>\n",
-                     row.met.value_or(false) ? "met" : "missed", LEFT, y + 3, length, BAR_HEIGHT - 6);
-        svg += line("goal", LEFT + goal * SCALE, y, LEFT + goal * SCALE, y + BAR_HEIGHT);
-        svg += text(LEFT + std::max(length, goal * SCALE) + 8, y + 15, print("%.3f", *row.ratio), "unit");
+        picture.text(LEFT - 10, y + 15, row.what, "", "end");
+        picture.box(row.met.value_or(false) ? "met" : "missed", LEFT, y + 3, length, BAR_HEIGHT - 6);
+        picture.line("goal", LEFT + goal * SCALE, y, LEFT + goal * SCALE, y + BAR_HEIGHT);
+        picture.text(LEFT + std::max(length, goal * SCALE) + 8, y + 15, number(std::round(*row.ratio * 1000) / 1000),
+                     "unit");
         y += BAR_HEIGHT;
     }
-    if (svg.empty()) {
-        y = heading;
-        return svg;
-    }
-    y += GROUP_GAP;
-    const std::string good = (rates ? "higher is better: each bar is to reach the line at "
-                                    : "lower is better: each bar is to end before the line at ") +
-                             print("%g", goal);
-    return text(20, heading, rates ? "Rate of calls, relative to a bare object" : "Time, relative to a bare object",
-                "group") +
-           text(LEFT, heading, good, "unit") + svg;
+    if (goal == 0)
+        return heading;
+    picture.text(20, heading, rates ? "Rate of calls, relative to a bare object" : "Time, relative to a bare object",
+                 "group");
+    picture.text(LEFT, heading,
+                 (rates ? "higher is better: each bar is to reach the line at "
+                        : "lower is better: each bar is to end before the line at ") +
+                     number(goal),
+                 "unit");
+    return y + GROUP_GAP;
 }
 
 /// A round number that is not below the value.
@@ -120,86 +94,57 @@ double roundUp(double value)
     return 10 * power;
 }
 
-struct Panel {
-    double left;
-    double top;
-    double maxX;
-    double maxY;
-
-    [[nodiscard]] double x(double value) const
-    {
-        return left + value / maxX * PANEL_WIDTH;
-    }
-    [[nodiscard]] double y(double value) const
-    {
-        return top + (1 - value / maxY) * PANEL_HEIGHT;
-    }
-};
-
-/// `name`: "what is shown, over what grows", the titles of the two axes.
-std::string frameOf(const Panel& panel, const std::string& name)
+void drawCurve(Picture& picture, const Panel& panel, const Curve& curve, int place)
 {
-    const size_t over = name.find(", over ");
-    std::string svg;
-    for (int i = 0; i <= 4; ++i) {
-        const double value = panel.maxY * i / 4;
-        svg += line("grid", panel.left, panel.y(value), panel.left + PANEL_WIDTH, panel.y(value));
-        svg += text(panel.left - 6, panel.y(value) + 4, print("%g", value), "unit", "end");
-    }
-    svg += print("<rect class='frame' x='%.0f' y='%.0f' width='%.0f' height='%.0f'/>\n", panel.left, panel.top,
-                 PANEL_WIDTH, PANEL_HEIGHT);
-    svg += text(panel.left, panel.top - 30, name.substr(0, over), "group");
-    return over == std::string::npos ? svg
-                                     : svg + text(panel.left + PANEL_WIDTH / 2, panel.top + PANEL_HEIGHT + 34,
-                                                  name.substr(over + 7), "unit", "middle");
-}
-
-std::string curveIn(const Panel& panel, const Curve& curve, int number)
-{
-    std::string points;
-    std::string dots;
+    const std::string kind = std::to_string(place);
+    std::vector<std::pair<double, double>> points;
     double labelled = 0;
     for (const auto& [x, y] : curve.points) {
-        points += print("%.1f,%.1f ", panel.x(x), panel.y(y));
-        dots += print("<circle class='d%d' cx='%.1f' cy='%.1f' r='3'/>\n", number, panel.x(x), panel.y(y));
-        if (number == 0 && panel.x(x) - labelled >= TICK_WIDTH) {
-            dots += text(panel.x(x), panel.top + PANEL_HEIGHT + 16, print("%g", x), "unit", "middle");
+        points.emplace_back(panel.x(x), panel.y(y));
+        picture.dot("d" + kind, panel.x(x), panel.y(y), 3);
+        if (place == 0 && panel.x(x) - labelled >= TICK_WIDTH) {
+            picture.text(panel.x(x), panel.bottom() + 16, number(x), "unit", "middle");
             labelled = panel.x(x);
         }
     }
-    const double column = panel.left + number * PANEL_WIDTH / 2;
-    return print("<polyline class='curve c%d' points='%s'/>\n", number, points.c_str()) + dots +
-           print("<circle class='d%d' cx='%.0f' cy='%.0f' r='4'/>\n", number, column + 5, panel.top - 12) +
-           text(column + 14, panel.top - 8, curve.name);
+    picture.course("curve c" + kind, points);
+    const double column = panel.left + place * PANEL_WIDTH / 2;
+    picture.dot("d" + kind, column + 5, panel.top - 12, 4);
+    picture.text(column + 14, panel.top - 8, curve.name);
 }
 
-std::string panelOf(const std::vector<Curve>& curves, const std::string& name, double left, double top)
+/// `name`: "what is shown, over what grows", the titles of the two axes.
+void drawPanel(Picture& picture, const std::vector<Curve>& curves, const std::string& name, double left, double top)
 {
-    Panel panel{left, top, 0, 0};
+    Panel panel{left, top, PANEL_WIDTH, PANEL_HEIGHT, 0, 0, 0, 0};
     for (const Curve& curve : curves) {
         for (const auto& [x, y] : curve.points) {
-            panel.maxX = curve.panel == name ? std::max(panel.maxX, x) : panel.maxX;
-            panel.maxY = curve.panel == name ? std::max(panel.maxY, y) : panel.maxY;
+            panel.toX = curve.panel == name ? std::max(panel.toX, x) : panel.toX;
+            panel.toY = curve.panel == name ? std::max(panel.toY, y) : panel.toY;
         }
     }
-    panel.maxY = roundUp(panel.maxY);
-    std::string svg = frameOf(panel, name);
-    int number = 0;
+    panel.toY = roundUp(panel.toY);
+    panel.draw(picture, 0, panel.toY, panel.toY / 4);
+    const size_t over = name.find(", over ");
+    picture.text(left, top - 30, name.substr(0, over), "group");
+    if (over != std::string::npos)
+        picture.text(left + PANEL_WIDTH / 2, panel.bottom() + 34, name.substr(over + 7), "unit", "middle");
+    int place = 0;
     for (const Curve& curve : curves) {
         if (curve.panel == name)
-            svg += curveIn(panel, curve, number++);
+            drawCurve(picture, panel, curve, place++);
     }
-    return svg;
 }
 
 } // namespace
 
 std::string pictureOf(const Report& report)
 {
+    Picture picture(WIDTH, "What the daemon costs", STYLE);
+    picture.text(20, 30, "The daemon beside a bare object", "title");
     double y = 60;
-    std::string body = text(20, 30, "The daemon beside a bare object", "title");
     for (const bool rates : {true, false})
-        body += bars(report.rows(), rates, y);
+        y = drawBars(picture, report.rows(), rates, y);
     std::vector<std::string> panels;
     for (const Curve& curve : report.curves()) {
         if (std::find(panels.begin(), panels.end(), curve.panel) == panels.end())
@@ -207,13 +152,9 @@ std::string pictureOf(const Report& report)
     }
     y += 30;
     for (size_t i = 0; i < panels.size(); ++i) {
-        body += panelOf(report.curves(), panels[i], PANEL_LEFT + (i % 2 == 0 ? 0 : PANEL_STRIDE_X), y);
+        drawPanel(picture, report.curves(), panels[i], PANEL_LEFT + (i % 2 == 0 ? 0 : PANEL_STRIDE_X), y);
         if (i % 2 == 1 || i + 1 == panels.size())
             y += PANEL_STRIDE_Y;
     }
-    return print(
-               "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 %.0f %.0f' width='%.0f' height='%.0f' role='img' "
-               "aria-label='What the daemon costs'>\n",
-               WIDTH, y, WIDTH, y) +
-           PICTURE_STYLE + STYLE + "<rect class='paper' width='100%' height='100%'/>\n" + body + "</svg>\n";
+    return picture.finish(y);
 }

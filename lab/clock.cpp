@@ -1,43 +1,46 @@
 #include "lab/clock.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <climits>
-#include <ctime>
 
+#include <dlfcn.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
-// The call that takes this C library's timespec: on 32-bit processors the old one takes seconds of 32 bits.
+// The calls that take this C library's timespec: on 32-bit processors the old ones take seconds of 32 bits.
 #ifdef SYS_futex_time64
-constexpr long FUTEX_CALL = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+constexpr bool LONG_TIME = sizeof(time_t) > sizeof(long);
+constexpr long FUTEX_CALL = LONG_TIME ? SYS_futex_time64 : SYS_futex;
+constexpr long CLOCK_CALL = LONG_TIME ? SYS_clock_gettime64 : SYS_clock_gettime;
 #else
 constexpr long FUTEX_CALL = SYS_futex;
+constexpr long CLOCK_CALL = SYS_clock_gettime;
 #endif
+
+using Words = std::array<uint32_t, std::size(LabClockSlot{}.words)>;
+
+constexpr int64_t FAR_AWAY_SECONDS = 4'000'000'000;
+
+// The C library's clock_gettime, found before the program begins and not at the first call: a sanitizer asks for the
+// time in the middle of an allocation, where a lookup, which may allocate, must not be. Until then the kernel is asked.
+using ClockCall = int (*)(clockid_t, timespec*);
+constinit std::atomic<ClockCall> gClockGettime{nullptr};
+
+[[gnu::constructor]] void findClockGettime()
+{
+    gClockGettime.store(reinterpret_cast<ClockCall>(dlsym(RTLD_NEXT, "clock_gettime")));
+}
 
 /// value * multiply / divide without an overflow on the way, for factors of a clock's speed.
 int64_t scaled(int64_t value, int64_t multiply, int64_t divide)
 {
     return value / divide * multiply + value % divide * multiply / divide;
-}
-
-/// Makes a changed clock the current one and lets everybody who waits for lab time work out his moment anew.
-void publish(LabState& state, const LabClock& clock)
-{
-    const uint32_t next = state.clockChanges.load() + 1;
-    LabClockSlot& slot = state.clock[next & 1];
-    slot.realNs.store(clock.realNs);
-    slot.labNs.store(clock.labNs);
-    slot.speedMilli.store(clock.speedMilli);
-    slot.wallNs.store(clock.wallNs);
-    slot.wallIsReal.store(clock.wallIsReal ? 1 : 0);
-    state.clockChanges.store(next);
-    bumpAndWake(state.wake);
-    for (LabAxisRecord& axis : state.axes)
-        bumpAndWake(axis.wake);
 }
 
 LabClock clockFromNowOn(const LabState& state)
@@ -51,28 +54,51 @@ LabClock clockFromNowOn(const LabState& state)
 
 } // namespace
 
+void publishClock(LabState& state, const LabClock& clock)
+{
+    const uint32_t next = state.clockChanges.load() + 1;
+    const auto words = std::bit_cast<Words>(clock);
+    for (size_t i = 0; i < words.size(); ++i)
+        state.clock[next & 1].words[i].store(words[i]);
+    state.clockChanges.store(next);
+    bumpAndWake(state.wake);
+    for (LabAxisRecord& axis : state.axes)
+        bumpAndWake(axis.wake);
+}
+
 LabClock readClock(const LabState& state)
 {
     for (;;) {
         const uint32_t seen = state.clockChanges.load();
-        const LabClockSlot& slot = state.clock[seen & 1];
-        const LabClock clock{
-            .realNs = slot.realNs.load(),
-            .labNs = slot.labNs.load(),
-            .speedMilli = slot.speedMilli.load(),
-            .wallNs = slot.wallNs.load(),
-            .wallIsReal = slot.wallIsReal.load() != 0,
-        };
+        Words words{};
+        for (size_t i = 0; i < words.size(); ++i)
+            words[i] = state.clock[seen & 1].words[i].load();
         if (state.clockChanges.load() == seen)
-            return clock;
+            return std::bit_cast<LabClock>(words);
     }
+}
+
+int64_t nanoseconds(const timespec& time)
+{
+    return std::min<int64_t>(time.tv_sec, FAR_AWAY_SECONDS) * NS_PER_SECOND + time.tv_nsec;
+}
+
+timespec asTimespec(int64_t ns)
+{
+    return {static_cast<time_t>(ns / NS_PER_SECOND), static_cast<long>(ns % NS_PER_SECOND)};
+}
+
+int machineClock(clockid_t clock, timespec* now)
+{
+    const ClockCall call = gClockGettime.load();
+    return call ? call(clock, now) : static_cast<int>(syscall(CLOCK_CALL, clock, now));
 }
 
 int64_t monotonicNs()
 {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
+    machineClock(CLOCK_MONOTONIC, &now);
+    return nanoseconds(now);
 }
 
 int64_t labTimeAt(const LabClock& clock, int64_t realNs)
@@ -84,6 +110,16 @@ int64_t labNow(const LabState& state)
 {
     const LabClock clock = readClock(state);
     return labTimeAt(clock, monotonicNs());
+}
+
+int64_t wallNow(const LabState& state)
+{
+    const LabClock clock = readClock(state);
+    if (!clock.wallIsReal)
+        return labTimeAt(clock, monotonicNs()) + clock.wallNs;
+    timespec now{};
+    machineClock(CLOCK_REALTIME, &now);
+    return nanoseconds(now);
 }
 
 int64_t realTimeOf(const LabClock& clock, int64_t labNs)
@@ -99,36 +135,31 @@ int64_t realTimeOf(const LabClock& clock, int64_t labNs)
     return clock.realNs + whole * CLOCK_SPEED_ONE + (rest * CLOCK_SPEED_ONE + clock.speedMilli - 1) / clock.speedMilli;
 }
 
-int64_t wallTimeAt(const LabClock& clock, int64_t realNs)
-{
-    return labTimeAt(clock, realNs) + clock.wallNs;
-}
-
-void setClockSpeed(LabState& state, int64_t speedMilli, int64_t machineWallNs)
+void setClockSpeed(LabState& state, int64_t speedMilli)
 {
     LabClock clock = clockFromNowOn(state);
     clock.speedMilli = std::clamp<int64_t>(speedMilli, 1, CLOCK_SPEED_MAX);
     if (clock.wallIsReal) {
-        clock.wallIsReal = false;
-        clock.wallNs = machineWallNs - clock.labNs;
+        clock.wallNs = wallNow(state) - clock.labNs;
+        clock.wallIsReal = 0;
     }
-    publish(state, clock);
+    publishClock(state, clock);
 }
 
 void setWallClock(LabState& state, int64_t wallNs)
 {
     LabClock clock = clockFromNowOn(state);
-    clock.wallIsReal = false;
+    clock.wallIsReal = 0;
     clock.wallNs = wallNs - clock.labNs;
-    publish(state, clock);
+    publishClock(state, clock);
 }
 
 void resetClock(LabState& state)
 {
     LabClock clock = clockFromNowOn(state);
     clock.speedMilli = CLOCK_SPEED_ONE;
-    clock.wallIsReal = true;
-    publish(state, clock);
+    clock.wallIsReal = 1;
+    publishClock(state, clock);
 }
 
 void bumpAndWake(std::atomic<uint32_t>& word)
@@ -139,9 +170,7 @@ void bumpAndWake(std::atomic<uint32_t>& word)
 
 int waitWord(std::atomic<uint32_t>& word, uint32_t seen, int64_t realNs)
 {
-    timespec until{};
-    until.tv_sec = static_cast<time_t>(realNs / NS_PER_SECOND);
-    until.tv_nsec = static_cast<long>(realNs % NS_PER_SECOND);
+    const timespec until = asTimespec(realNs);
     // The bit-set form takes a moment of CLOCK_MONOTONIC, so that a late start of the wait costs nothing.
     const long result = syscall(FUTEX_CALL, &word, FUTEX_WAIT_BITSET, seen, realNs == INT64_MAX ? nullptr : &until,
                                 nullptr, FUTEX_BITSET_MATCH_ANY);

@@ -5,21 +5,31 @@
 
 #include "lab/lab_state.h"
 
+#include <ctime>
+
 inline constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 inline constexpr int64_t NS_PER_MS = 1'000'000;
 inline constexpr int64_t CLOCK_SPEED_ONE = 1000;
 inline constexpr int64_t CLOCK_SPEED_MAX = 100'000 * CLOCK_SPEED_ONE;
 
-/// One consistent reading of the clock's settings.
-struct LabClock {
-    int64_t realNs;
-    int64_t labNs;
-    int64_t speedMilli;
-    int64_t wallNs;
-    bool wallIsReal;
-};
-
+/// One consistent reading of the clock.
 LabClock readClock(const LabState& state);
+
+/// Makes a changed clock the current one and lets everybody who waits for lab time work out his moment anew.
+void publishClock(LabState& state, const LabClock& clock);
+
+/// Whether a call that takes a time takes this one.
+inline bool isValid(const timespec& time)
+{
+    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < NS_PER_SECOND;
+}
+
+/// A timespec in ns; times beyond some hundred years count as that.
+int64_t nanoseconds(const timespec& time);
+timespec asTimespec(int64_t ns);
+
+/// clock_gettime of the machine, also in a program for which the preloaded library answers that call.
+int machineClock(clockid_t clock, timespec* now);
 
 /// CLOCK_MONOTONIC in ns, which no lab ever changes.
 int64_t monotonicNs();
@@ -30,16 +40,15 @@ int64_t labTimeAt(const LabClock& clock, int64_t realNs);
 /// Lab time now.
 int64_t labNow(const LabState& state);
 
+/// The wall clock in ns since 1970, also while it is the machine's.
+int64_t wallNow(const LabState& state);
+
 /// The moment of CLOCK_MONOTONIC at which lab time reaches `labNs` if the clock keeps its speed, rounded up; for what
 /// lies before the clock's latest change the moment of that change.
 int64_t realTimeOf(const LabClock& clock, int64_t labNs);
 
-/// Wall clock in ns since 1970 at a moment, when the wall clock is the lab's (wallIsReal false).
-int64_t wallTimeAt(const LabClock& clock, int64_t realNs);
-
-/// Changes the speed, in thousandths, limited to 1..CLOCK_SPEED_MAX; time goes on from where it is. `machineWallNs` is
-/// the machine's wall clock: a clock that ran with it so far keeps that reading.
-void setClockSpeed(LabState& state, int64_t speedMilli, int64_t machineWallNs);
+/// Changes the speed, in thousandths, limited to 1..CLOCK_SPEED_MAX; lab time and wall clock go on from where they are.
+void setClockSpeed(LabState& state, int64_t speedMilli);
 
 /// Sets the wall clock, in ns since 1970; lab time is not touched.
 void setWallClock(LabState& state, int64_t wallNs);

@@ -33,14 +33,14 @@ struct LabOptions {
     /// Lab time per real time.
     double clockSpeed = 1;
     /// Local time "YYYY-MM-DD HH:MM:SS" that the wall clock starts with; empty: the machine's wall clock.
-    std::string wallClock;
+    std::string wallClock{};
     /// Packages of settings that replace the default ones: name and whole text of the file. Other packages are copied
     /// from the defaults unless the lab folder already has them.
-    std::map<std::string, std::string> config;
+    std::map<std::string, std::string> config{};
     /// The daemon's program file; empty: the one that was built with this lab.
-    std::string ptzd;
+    std::string ptzd{};
     /// NAME=VALUE for every program of the lab.
-    std::vector<std::string> environment;
+    std::vector<std::string> environment{};
     bool startBus = true;
     bool startCet = true;
     bool startPtzd = true;
@@ -136,12 +136,18 @@ private:
     bool temporary_;
 };
 
-/// Starts and ends the programs of a lab.
-class LabPrograms {
-public:
-    explicit LabPrograms(LabBase& base) : base_(base)
+/// What every part of a lab is made of.
+struct LabPart {
+    explicit LabPart(LabBase& base) : base_(base)
     {
     }
+    LabBase& base_;
+};
+
+/// Starts and ends the programs of a lab.
+class LabPrograms : LabPart {
+public:
+    using LabPart::LabPart;
 
     bool startPtzd();
     /// Sends a signal and waits for the end; the wait status, or nothing when it goes on for 10 s or does not run.
@@ -179,17 +185,14 @@ private:
     bool stop(const std::string& name);
     std::optional<int> end(const std::string& name, int signal, std::chrono::milliseconds timeout);
 
-    LabBase& base_;
     std::map<std::string, pid_t> children_;
     uint32_t tiltCalibrationsBefore_ = 0;
 };
 
 /// The motors of a lab and their faults. Requests that are being answered see a change, delayed ones too.
-class LabMotors {
+class LabMotors : LabPart {
 public:
-    explicit LabMotors(LabBase& base) : base_(base)
-    {
-    }
+    using LabPart::LabPart;
 
     /// `passes` requests still succeed, then `times` fail.
     void failRequest(LabAxisId axis, LabRequest request, int32_t times = 1, int error = 5, int32_t passes = 0);
@@ -215,16 +218,12 @@ public:
 
 private:
     void editFaults(LabAxisId axis, const std::function<void(LabFaults&)>& edit);
-
-    LabBase& base_;
 };
 
 /// The time of a lab.
-class LabTime {
+class LabTime : LabPart {
 public:
-    explicit LabTime(LabBase& base) : base_(base)
-    {
-    }
+    using LabPart::LabPart;
 
     int64_t nowNs() const;
     void setSpeed(double labPerReal);
@@ -240,17 +239,12 @@ public:
     bool setZone(const std::string& rule);
     /// The wall clock at lab time 0 in ns since 1970; nothing while the wall clock is the machine's.
     std::optional<int64_t> wallAtZeroNs() const;
-
-private:
-    LabBase& base_;
 };
 
 /// What happened in a lab.
-class LabRecords {
+class LabRecords : LabPart {
 public:
-    explicit LabRecords(LabBase& base) : base_(base)
-    {
-    }
+    using LabPart::LabPart;
 
     std::vector<LabJournalEntry> journal() const;
     std::vector<LabCetEntry> cetLog() const;
@@ -263,39 +257,26 @@ public:
     /// What the daemon printed on its console and sent to the message logger.
     std::string ptzdLog() const;
     std::string messageLog() const;
-
-private:
-    LabBase& base_;
 };
 
 /// The settings of a lab, "package.section.option", as the command `uci` reads and writes them.
-class LabSettings {
+class LabSettings : LabPart {
 public:
-    explicit LabSettings(LabBase& base) : base_(base)
-    {
-    }
+    using LabPart::LabPart;
 
     std::optional<std::string> get(const std::string& tuple) const;
     /// Sets and commits.
     bool set(const std::string& tuple, const std::string& value);
-
-private:
-    LabBase& base_;
 };
 
 /// How the CET stand-in answers.
-class LabCet {
+class LabCet : LabPart {
 public:
-    explicit LabCet(LabBase& base) : base_(base)
-    {
-    }
+    using LabPart::LabPart;
 
     /// `delayMs` (real time) counts for CET_LATE.
     void setAnswer(LabCetMode mode, int32_t delayMs = 0);
     LabCetMode answer() const;
-
-private:
-    LabBase& base_;
 };
 
 class Lab : private LabBase {
@@ -315,6 +296,7 @@ public:
     /// Fills the folder as up() does, without starting anything or ending anything.
     bool prepare(const LabOptions& options);
 
+    using LabBase::busSocket;
     using LabBase::call;
     using LabBase::environment;
     using LabBase::error;

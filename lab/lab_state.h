@@ -8,7 +8,7 @@
 
 inline constexpr uint32_t LAB_STATE_MAGIC = 0x62616c70;
 /// Grows with every change of the records below; a process refuses a state file of another version.
-inline constexpr uint32_t LAB_STATE_VERSION = 4;
+inline constexpr uint32_t LAB_STATE_VERSION = 5;
 
 /// The lab's time zone, below DIR.
 #define LAB_ZONE_FILE "/etc/localtime"
@@ -81,32 +81,19 @@ struct LabAxisRecord {
     int32_t slowdownLeft; // of the latest STOP
 };
 
-/// A word of the clock in two halves, since not every 32-bit processor reads 64 bits at once. Its reader may get halves
-/// of two values, and must find that out (LabState::clockChanges) and read again.
-class LabClockWord {
-public:
-    int64_t load() const
-    {
-        return static_cast<int64_t>(uint64_t{high_.load()} << 32 | low_.load());
-    }
-    void store(int64_t value)
-    {
-        high_.store(static_cast<uint32_t>(static_cast<uint64_t>(value) >> 32));
-        low_.store(static_cast<uint32_t>(value));
-    }
-
-private:
-    std::atomic<uint32_t> high_;
-    std::atomic<uint32_t> low_;
+/// The lab clock from one change on; see clock.h.
+struct LabClock {
+    int64_t realNs;     // CLOCK_MONOTONIC at the change
+    int64_t labNs;      // lab time then
+    int64_t speedMilli; // lab time per real time, in thousandths
+    int64_t wallNs;     // added to lab time gives the wall clock
+    int64_t wallIsReal; // 1: the wall clock is the machine's, wallNs does not count
 };
 
-/// The lab clock from one change on; see clock.h.
+/// The same for readers without a lock, in halves of words, since not every 32-bit processor reads 64 bits at once.
+/// They may get parts of two clocks, and must find that out (LabState::clockChanges) and read again.
 struct LabClockSlot {
-    LabClockWord realNs;     // CLOCK_MONOTONIC at the change
-    LabClockWord labNs;      // lab time then
-    LabClockWord speedMilli; // lab time per real time, in thousandths
-    LabClockWord wallNs;     // added to lab time gives the wall clock
-    LabClockWord wallIsReal; // 1: the wall clock is the machine's, wallNs does not count
+    std::atomic<uint32_t> words[sizeof(LabClock) / sizeof(uint32_t)];
 };
 
 struct LabState {

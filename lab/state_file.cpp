@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,48 +15,51 @@
 LabState* mapLabState(const char* folder)
 {
     char path[PATH_MAX];
-    const int length = snprintf(path, sizeof(path), "%s/state", folder);
-    if (length < 0 || length >= PATH_MAX) {
+    if (snprintf(path, sizeof(path), "%s/state", folder) >= PATH_MAX) {
         errno = ENAMETOOLONG;
         return nullptr;
     }
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    // Straight to the kernel: in the preloaded library open() is one of the calls that ask for the lab's folder.
+    const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CLOEXEC));
     if (fd < 0)
         return nullptr;
     struct stat info {};
-    const bool complete = fstat(fd, &info) == 0 && info.st_size == sizeof(LabState);
-    void* memory = complete ? mmap(nullptr, sizeof(LabState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-    const int problem = complete ? errno : EPROTO;
+    void* memory = MAP_FAILED;
+    if (fstat(fd, &info) == 0 && info.st_size == sizeof(LabState))
+        memory = mmap(nullptr, sizeof(LabState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
-    if (memory == MAP_FAILED) {
-        errno = problem;
-        return nullptr;
-    }
-    auto* state = static_cast<LabState*>(memory);
-    if (state->magic == LAB_STATE_MAGIC && state->version == LAB_STATE_VERSION)
+    auto* state = memory == MAP_FAILED ? nullptr : static_cast<LabState*>(memory);
+    if (state && state->magic == LAB_STATE_MAGIC && state->version == LAB_STATE_VERSION)
         return state;
-    munmap(memory, sizeof(LabState));
+    if (state)
+        munmap(memory, sizeof(LabState));
     errno = EPROTO;
     return nullptr;
 }
 
-int initLabState(LabState& state)
+LabState* createLabState(const char* path)
 {
+    const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    void* memory = MAP_FAILED;
+    if (fd >= 0 && ftruncate(fd, sizeof(LabState)) == 0)
+        memory = mmap(nullptr, sizeof(LabState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (fd >= 0)
+        close(fd);
+    if (memory == MAP_FAILED)
+        return nullptr;
+    auto& state = *static_cast<LabState*>(memory);
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
     pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    const int result = pthread_mutex_init(&state.lock, &attributes);
+    pthread_mutex_init(&state.lock, &attributes);
     pthread_mutexattr_destroy(&attributes);
     state.magic = LAB_STATE_MAGIC;
     state.version = LAB_STATE_VERSION;
     state.startNs = monotonicNs();
-    LabClockSlot& clock = state.clock[state.clockChanges.load() & 1];
-    clock.realNs.store(state.startNs);
-    clock.labNs.store(0);
-    clock.speedMilli.store(CLOCK_SPEED_ONE);
-    clock.wallIsReal.store(1);
-    return result;
+    publishClock(state,
+                 {.realNs = state.startNs, .labNs = 0, .speedMilli = CLOCK_SPEED_ONE, .wallNs = 0, .wallIsReal = 1});
+    return &state;
 }
 
 LabLock::LabLock(LabState& state) : state_(state)

@@ -7,8 +7,9 @@
 /// this version). Any thread.
 LabState* mapLabState(const char* folder);
 
-/// Fills a fresh state: mutex, clock (started now), start time; the axes are left zeroed. 0, or an errno value.
-int initLabState(LabState& state);
+/// Creates a state file of that path and maps it: clock (started now) and start time are set, the axes zeroed. Null
+/// with errno when it cannot.
+LabState* createLabState(const char* path);
 
 /// Holds LabState::lock, which a killed process may have left behind: what it guards changes in single steps, so the
 /// next one simply goes on.

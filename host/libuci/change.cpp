@@ -1,33 +1,11 @@
 /// Changes to a package in memory: how each is applied, and the calls that make and record them.
 #include "internal.h"
 
-#include <climits>
 #include <cstring>
 
 namespace ucilib {
 
 namespace {
-
-// A whole decimal number within an int, or false.
-bool parseNumber(const char* text, int& number)
-{
-    char* end = nullptr;
-    const long value = strtol(text, &end, 10);
-    if (end == text || *end || value < INT_MIN || value > INT_MAX)
-        return false;
-    number = static_cast<int>(value);
-    return true;
-}
-
-uci_element* elementAt(uci_list& list, int index)
-{
-    uci_element* e = nullptr;
-    uci_foreach_element (&list, e) {
-        if (index-- == 0)
-            return e;
-    }
-    return nullptr;
-}
 
 int setSection(uci_package* p, const Change& change)
 {
@@ -68,17 +46,7 @@ int deleteFrom(uci_section* s, const Change& change)
     uci_option* o = findOption(s, change.option);
     if (!o)
         return UCI_ERR_NOTFOUND;
-    if (o->type == UCI_TYPE_STRING || !change.value || !*change.value) {
-        freeOption(o);
-        return UCI_OK;
-    }
-    int index = 0;
-    if (!parseNumber(change.value, index))
-        return UCI_ERR_INVAL;
-    uci_element* item = elementAt(o->v.list, index);
-    if (!item)
-        return UCI_ERR_NOTFOUND;
-    freeItem(item);
+    freeOption(o);
     return UCI_OK;
 }
 
@@ -94,43 +62,6 @@ void removeEqualItems(uci_section* s, const Change& change)
     }
 }
 
-int rename(uci_section* s, const Change& change)
-{
-    uci_element* renamed = &s->e;
-    uci_list* siblings = &s->package->sections;
-    if (change.option) {
-        uci_option* o = findOption(s, change.option);
-        if (!o)
-            return UCI_ERR_NOTFOUND;
-        renamed = &o->e;
-        siblings = &s->options;
-    }
-    if (!validName(change.value))
-        return UCI_ERR_INVAL;
-    if (findElement(*siblings, change.value))
-        return UCI_ERR_DUPLICATE;
-    char* name = strdup(change.value);
-    if (!name)
-        return UCI_ERR_MEM;
-    free(renamed->name);
-    renamed->name = name;
-    if (!change.option)
-        s->anonymous = false;
-    return UCI_OK;
-}
-
-int reorder(uci_section* s, const Change& change)
-{
-    int position = 0;
-    if (!parseNumber(change.value, position) || position < 0)
-        return UCI_ERR_INVAL;
-    uci_list& sections = s->package->sections;
-    listRemove(s->e.list);
-    uci_element* behind = elementAt(sections, position);
-    listInsertBefore(behind ? behind->list : sections, s->e.list);
-    return UCI_OK;
-}
-
 // A change that needs its section, to the section itself.
 int applyToSection(uci_section* s, const Change& change)
 {
@@ -144,10 +75,6 @@ int applyToSection(uci_section* s, const Change& change)
     case UCI_CHANGE_DEL_LIST:
         removeEqualItems(s, change);
         return UCI_OK;
-    case UCI_CHANGE_RENAME:
-        return rename(s, change);
-    case UCI_CHANGE_REORDER:
-        return reorder(s, change);
     case UCI_CHANGE_ADD_SECTION:
         break; // makes a section, and has no option
     }
@@ -211,17 +138,13 @@ int changePtr(uci_ptr* ptr, uci_change kind, const char* value)
     if (code != UCI_OK)
         return code;
 
-    const char* section = delta->section;
-    const char* option = delta->e.name;
-    if (kind == UCI_CHANGE_RENAME)
-        (option ? option : section) = delta->value;
-    ptr->s = findSection(ptr->p, section);
-    ptr->o = ptr->s && option ? findOption(ptr->s, option) : nullptr;
+    ptr->s = findSection(ptr->p, delta->section);
+    ptr->o = ptr->s && delta->e.name ? findOption(ptr->s, delta->e.name) : nullptr;
     ptr->last = ptr->o ? &ptr->o->e : ptr->s ? &ptr->s->e : &ptr->p->e;
     if (borrowsSection)
-        ptr->section = ptr->s ? ptr->s->e.name : section;
+        ptr->section = ptr->s ? ptr->s->e.name : delta->section;
     if (borrowsOption)
-        ptr->option = ptr->o ? ptr->o->e.name : option;
+        ptr->option = ptr->o ? ptr->o->e.name : delta->e.name;
     return UCI_OK;
 }
 
@@ -253,9 +176,9 @@ int remove(uci_ptr* ptr)
         return UCI_ERR_INVAL;
     if (ptr->option ? !ptr->o : !ptr->s)
         return UCI_ERR_NOTFOUND;
-    // Only a list's element is named by the value; for all else a value means nothing.
-    const bool element = ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value;
-    return changePtr(ptr, UCI_CHANGE_DELETE, element ? ptr->value : nullptr);
+    if (ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value)
+        return UCI_ERR_INVAL; // would name one element of the list, and not all of it
+    return changePtr(ptr, UCI_CHANGE_DELETE, nullptr);
 }
 
 int addToList(uci_ptr* ptr)
@@ -272,20 +195,9 @@ int removeFromList(uci_ptr* ptr)
     return changePtr(ptr, UCI_CHANGE_DEL_LIST, ptr->value);
 }
 
-int rename(uci_ptr* ptr)
-{
-    if (!ptr->section || !ptr->value)
-        return UCI_ERR_INVAL;
-    if (ptr->option ? !ptr->o : !ptr->s)
-        return UCI_ERR_NOTFOUND;
-    return changePtr(ptr, UCI_CHANGE_RENAME, ptr->value);
-}
-
 /// Looks up what the pointer record names and changes it; the context keeps the code.
 int edit(uci_context* ctx, uci_ptr* ptr, int (*change)(uci_ptr*))
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     const int code = resolve(ctx, ptr);
     return result(ctx, code == UCI_OK ? change(ptr) : code);
 }
@@ -312,15 +224,8 @@ int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr)
     return edit(ctx, ptr, removeFromList);
 }
 
-int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return edit(ctx, ptr, rename);
-}
-
 int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!p || !type || !res)
         return result(ctx, UCI_ERR_INVAL);
     uci_section* s = newSection(p, type, nullptr);
@@ -333,16 +238,4 @@ int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* 
     listInsertBefore(p->delta, delta->e.list);
     *res = s;
     return result(ctx, UCI_OK);
-}
-
-int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos)
-{
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    if (!s || pos < 0)
-        return result(ctx, UCI_ERR_INVAL);
-    char position[16];
-    snprintf(position, sizeof(position), "%d", pos);
-    uci_delta* delta = nullptr;
-    return result(ctx, makeChange(s->package, {UCI_CHANGE_REORDER, s->e.name, nullptr, position}, delta));
 }

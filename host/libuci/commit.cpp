@@ -59,7 +59,6 @@ int Commit::run(OwnedPackage& fresh)
         return code;
     if (applied || changes_.committedPart)
         cutChanges(0);
-    fresh->uses_conf2 = old_->uses_conf2;
     freeDeltas(fresh->saved_delta);
     return UCI_OK;
 }
@@ -82,7 +81,7 @@ int Commit::readChanges(uci_package* fresh, uint64_t digest, unsigned& applied)
 int Commit::replaceFile(const uci_package* fresh)
 {
     Text text;
-    writePackage(text, fresh, false);
+    writePackage(text, fresh);
     if (text.failed())
         return UCI_ERR_MEM;
     const OwnedText target(realpath(old_->path, nullptr));
@@ -124,8 +123,6 @@ void Commit::cutChanges(size_t size)
 
 int uci_commit(struct uci_context* ctx, struct uci_package** package, bool)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!package || !*package)
         return result(ctx, UCI_ERR_INVAL);
     ctx->parse_reason = nullptr;

@@ -30,8 +30,10 @@ struct Sign {
 };
 // What a line begins with; a line without any of these sets something.
 const Sign SIGNS[] = {
-    {'-', UCI_CHANGE_DELETE},   {'+', UCI_CHANGE_ADD_SECTION}, {'|', UCI_CHANGE_ADD_LIST},
-    {'~', UCI_CHANGE_DEL_LIST}, {'@', UCI_CHANGE_RENAME},      {'^', UCI_CHANGE_REORDER},
+    {'-', UCI_CHANGE_DELETE},
+    {'+', UCI_CHANGE_ADD_SECTION},
+    {'|', UCI_CHANGE_ADD_LIST},
+    {'~', UCI_CHANGE_DEL_LIST},
 };
 
 bool isMark(std::string_view line, uint64_t digest)

@@ -17,15 +17,7 @@ const Record* recordOf(const uci_element* e)
     return reinterpret_cast<const Record*>(e);
 }
 
-enum uci_change {
-    UCI_CHANGE_SET,
-    UCI_CHANGE_DELETE,
-    UCI_CHANGE_ADD_SECTION,
-    UCI_CHANGE_ADD_LIST,
-    UCI_CHANGE_DEL_LIST,
-    UCI_CHANGE_RENAME,
-    UCI_CHANGE_REORDER
-};
+enum uci_change { UCI_CHANGE_SET, UCI_CHANGE_DELETE, UCI_CHANGE_ADD_SECTION, UCI_CHANGE_ADD_LIST, UCI_CHANGE_DEL_LIST };
 
 /// An element of a package's list of changes.
 struct uci_delta {

@@ -22,7 +22,7 @@ void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix)
 {
     if (!dest)
         return;
-    const int code = ctx ? ctx->err : UCI_ERR_INVAL;
+    const int code = ctx->err;
     const char* before = prefix ? prefix : "";
     const char* colon = prefix ? ": " : "";
     char* text = nullptr;

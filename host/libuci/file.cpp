@@ -42,12 +42,6 @@ bool syncDirectory(const char* dir)
 
 } // namespace
 
-bool isRegularFile(const char* path)
-{
-    struct stat info;
-    return stat(path, &info) == 0 && S_ISREG(info.st_mode);
-}
-
 int openLocked(Fd& fd, const char* path, int flags, mode_t mode, int lock)
 {
     for (;;) {

@@ -37,8 +37,6 @@ private:
     int fd_ = -1;
 };
 
-bool isRegularFile(const char* path);
-
 /// Opens a regular file and locks it, waiting as long as it takes; what is locked then is the file that the path names,
 /// also when it was replaced during the wait.
 /// @param flags  for open(2); with O_CREAT a file that is made gets exactly `mode`

@@ -65,8 +65,8 @@ struct PackageDeleter {
 };
 using OwnedPackage = std::unique_ptr<uci_package, PackageDeleter>;
 
-/// An element that is no more than a text, in no list: a list's value, or a directory.
-[[nodiscard]] uci_element* newItem(uci_type type, const char* text);
+/// A list's value, in no list.
+[[nodiscard]] uci_element* newItem(const char* text);
 
 /// Makes a section at the end of the package. Without a name (null) it is anonymous and gets a generated one.
 [[nodiscard]] uci_section* newSection(uci_package* p, const char* type, const char* name);
@@ -197,10 +197,10 @@ private:
 [[nodiscard]] int parsePackage(uci_context* ctx, uci_package* p, std::span<char> text);
 
 /// Appends a package as its file holds it.
-void writePackage(Text& out, const uci_package* p, bool generatedNames);
+void writePackage(Text& out, const uci_package* p);
 
-/// Makes a package from the text of its file and from the change files of all search directories but the save
-/// directory, and stores it, in no list, in `fresh`.
+/// Makes a package from the text of its file and from the default save directory's change file, unless that is the
+/// context's own, and stores it, in no list, in `fresh`.
 /// @param digest  of the text, see digestOf
 [[nodiscard]] int buildPackage(uci_context* ctx, const char* name, const char* path, std::span<char> text,
                                uint64_t digest, OwnedPackage& fresh, unsigned& applied);

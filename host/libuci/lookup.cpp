@@ -129,8 +129,6 @@ int lookUp(uci_context* ctx, uci_ptr* ptr, bool extended)
 
 struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name)
 {
-    if (!ctx)
-        return nullptr;
     uci_element* e = name ? findElement(ctx->root, name) : nullptr;
     result(ctx, e ? UCI_OK : name ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
     return e ? recordOf<uci_package>(e) : nullptr;
@@ -138,8 +136,6 @@ struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name
 
 struct uci_section* uci_lookup_section(struct uci_context* ctx, struct uci_package* p, const char* name)
 {
-    if (!ctx)
-        return nullptr;
     uci_section* s = p && name ? findSection(p, name) : nullptr;
     result(ctx, s ? UCI_OK : p && name ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
     return s;
@@ -147,8 +143,6 @@ struct uci_section* uci_lookup_section(struct uci_context* ctx, struct uci_packa
 
 struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section* s, const char* name)
 {
-    if (!ctx)
-        return nullptr;
     uci_option* o = s && name ? findOption(s, name) : nullptr;
     result(ctx, o ? UCI_OK : s && name ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
     return o;
@@ -156,8 +150,6 @@ struct uci_option* uci_lookup_option(struct uci_context* ctx, struct uci_section
 
 int uci_lookup_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!ptr)
         return result(ctx, UCI_ERR_INVAL);
     ctx->parse_reason = nullptr;

@@ -38,13 +38,9 @@ int applyChangesFrom(const char* dir, uci_package* p, uint64_t digest, unsigned&
 
 int load(uci_context* ctx, const char* name, OwnedPackage& fresh)
 {
-    OwnedText path = ctx->conf2dir ? joinPath(ctx->conf2dir, name) : nullptr;
-    const bool overridden = path && isRegularFile(path.get());
-    if (!overridden)
-        path = joinPath(ctx->confdir, name);
+    const OwnedText path = joinPath(ctx->confdir, name);
     if (!path)
         return UCI_ERR_MEM;
-
     Fd fd;
     int code = openLocked(fd, path.get(), O_RDONLY, 0, LOCK_SH);
     Text text;
@@ -55,10 +51,7 @@ int load(uci_context* ctx, const char* name, OwnedPackage& fresh)
     const uint64_t digest = digestOf(text.view());
     unsigned applied = 0;
     code = buildPackage(ctx, name, path.get(), text.bytes(), digest, fresh, applied);
-    if (code != UCI_OK)
-        return code;
-    fresh->uses_conf2 = overridden;
-    return applyChangesFrom(ctx->savedir, fresh.get(), digest, applied);
+    return code == UCI_OK ? applyChangesFrom(ctx->savedir, fresh.get(), digest, applied) : code;
 }
 
 mode_t modeOf(const char* path, mode_t otherwise)
@@ -156,13 +149,10 @@ int buildPackage(uci_context* ctx, const char* name, const char* path, std::span
     fresh.reset(newPackage(ctx, name, path));
     if (!fresh)
         return UCI_ERR_MEM;
-    int code = parsePackage(ctx, fresh.get(), text);
-    uci_element* dir = nullptr;
-    uci_foreach_element (&ctx->delta_path, dir) {
-        if (code == UCI_OK && strcmp(dir->name, ctx->savedir) != 0)
-            code = applyChangesFrom(dir->name, fresh.get(), digest, applied);
-    }
-    return code;
+    const int code = parsePackage(ctx, fresh.get(), text);
+    if (code != UCI_OK || strcmp(UCI_SAVEDIR, ctx->savedir) == 0)
+        return code;
+    return applyChangesFrom(UCI_SAVEDIR, fresh.get(), digest, applied);
 }
 
 } // namespace ucilib
@@ -171,8 +161,6 @@ using namespace ucilib;
 
 int uci_load(struct uci_context* ctx, const char* name, struct uci_package** package)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     ctx->parse_reason = nullptr;
     if (!name || !validPackageName(name))
         return result(ctx, UCI_ERR_INVAL);
@@ -191,8 +179,6 @@ int uci_load(struct uci_context* ctx, const char* name, struct uci_package** pac
 
 int uci_unload(struct uci_context* ctx, struct uci_package* p)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!p)
         return result(ctx, UCI_ERR_INVAL);
     listRemove(p->e.list);
@@ -202,8 +188,6 @@ int uci_unload(struct uci_context* ctx, struct uci_package* p)
 
 int uci_save(struct uci_context* ctx, struct uci_package* p)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!p)
         return result(ctx, UCI_ERR_INVAL);
     const int code = uci_list_empty(&p->delta) ? int(UCI_OK) : save(ctx, p);

@@ -70,7 +70,7 @@ void placeOption(uci_section* s, uci_option* o, uci_option* old)
 
 bool appendItem(uci_option* list, const char* value)
 {
-    uci_element* item = newItem(UCI_TYPE_ITEM, value);
+    uci_element* item = newItem(value);
     if (!item)
         return false;
     listInsertBefore(list->v.list, item->list);
@@ -173,10 +173,10 @@ void freeOption(uci_option* o)
     free(o);
 }
 
-uci_element* newItem(uci_type type, const char* text)
+uci_element* newItem(const char* text)
 {
     auto* item = newZeroed<uci_element>();
-    if (item && !initElement(*item, type, text)) {
+    if (item && !initElement(*item, UCI_TYPE_ITEM, text)) {
         free(item);
         return nullptr;
     }

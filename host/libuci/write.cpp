@@ -17,10 +17,10 @@ void writeOption(Text& out, const uci_option* o)
     }
 }
 
-void writeSection(Text& out, const uci_section* s, bool generatedNames)
+void writeSection(Text& out, const uci_section* s)
 {
     out << "\nconfig " << s->type;
-    if (!s->anonymous || generatedNames)
+    if (!s->anonymous)
         (out << ' ').quoted(s->e.name);
     out << '\n';
     uci_element* e = nullptr;
@@ -31,19 +31,17 @@ void writeSection(Text& out, const uci_section* s, bool generatedNames)
 
 } // namespace
 
-void ucilib::writePackage(Text& out, const uci_package* p, bool generatedNames)
+void ucilib::writePackage(Text& out, const uci_package* p)
 {
     uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
-        writeSection(out, recordOf<uci_section>(e), generatedNames);
+        writeSection(out, recordOf<uci_section>(e));
     }
     out << '\n';
 }
 
 int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* package, bool header)
 {
-    if (!ctx)
-        return UCI_ERR_INVAL;
     if (!stream)
         return result(ctx, UCI_ERR_INVAL);
     Text text;
@@ -54,7 +52,7 @@ int uci_export(struct uci_context* ctx, FILE* stream, struct uci_package* packag
             continue;
         if (header)
             text << "package " << p->e.name << '\n';
-        writePackage(text, p, (ctx->flags & UCI_FLAG_EXPORT_NAME) != 0);
+        writePackage(text, p);
     }
     if (text.failed())
         return result(ctx, UCI_ERR_MEM);

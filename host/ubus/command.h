@@ -33,7 +33,6 @@ Command listObjects;    // [PATH]
 Command callMethod;     // PATH METHOD [JSON]
 Command listenToEvents; // [PATTERN ...]
 Command sendEvent;      // NAME [JSON]
-Command waitForObjects; // NAME ...
 
 struct FreeText {
     void operator()(char* text) const

@@ -1,4 +1,4 @@
-// The bus at a prompt: lists objects, calls methods, sends events and listens to them, waits for objects.
+// The bus at a prompt: lists objects, calls methods, sends events and listens to them.
 
 #include "command.h"
 
@@ -23,8 +23,10 @@ struct CommandEntry {
 };
 
 constexpr CommandEntry COMMANDS[] = {
-    {"list", listObjects, false}, {"call", callMethod, false},        {"listen", listenToEvents, true},
-    {"send", sendEvent, false},   {"wait_for", waitForObjects, true},
+    {"list", listObjects, false},
+    {"call", callMethod, false},
+    {"listen", listenToEvents, true},
+    {"send", sendEvent, false},
 };
 
 void printUsage(const char* program)
@@ -33,15 +35,14 @@ void printUsage(const char* program)
             "Usage: %s [OPTIONS] COMMAND [ARGUMENTS]\n"
             "Options:\n"
             "  -s SOCKET   path of the bus daemon's socket\n"
-            "  -t SECONDS  how long to wait: for an answer (30), for objects (30), for events (no end)\n"
+            "  -t SECONDS  how long to wait: for an answer (30), for events (no end)\n"
             "  -S          terse: compact output, no error messages\n"
             "  -v          list: with the methods and their arguments\n"
             "Commands:\n"
             "  list [PATH]              names of the objects on the bus; PATH may end in *\n"
             "  call PATH METHOD [JSON]  call a method of an object\n"
             "  listen [PATTERN ...]     print the events of these names; PATTERN may end in *\n"
-            "  send NAME [JSON]         send an event\n"
-            "  wait_for NAME ...        wait until all these objects are on the bus\n",
+            "  send NAME [JSON]         send an event\n",
             program);
 }
 

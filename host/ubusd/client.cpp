@@ -4,14 +4,14 @@
 
 #include <array>
 
-#include <sys/epoll.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr size_t READ_SIZE = 32768;
-constexpr size_t ROOM = MAX_QUEUE / 4;
 constexpr uint32_t ROOT_LENGTH_MASK = 0x00ffffff;
 
 } // namespace
@@ -74,28 +74,37 @@ bool OutputQueue::flush(int fd)
     return true;
 }
 
-Client::Client(int fd, uint32_t id, int epollFd) : fd_(fd), epollFd_(epollFd), id_(id)
+Client::Client(Bus& itsBus, int itsFd, uint32_t id, uloop_fd_handler serve) : uloop_fd{}, bus(itsBus), id_(id)
 {
+    fd = itsFd;
+    cb = serve;
     ucred peer{};
     socklen_t length = sizeof peer;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
-        user_ = peer.uid;
-        group_ = peer.gid;
-    }
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return;
+    const passwd* userEntry = getpwuid(peer.uid);
+    user = userEntry ? userEntry->pw_name : std::to_string(peer.uid);
+    const struct group* groupEntry = getgrgid(peer.gid);
+    group = groupEntry ? groupEntry->gr_name : std::to_string(peer.gid);
 }
 
 Client::~Client()
 {
-    close(fd_);
+    uloop_fd_delete(this);
+    close(fd);
 }
 
 void Client::send(Bytes message)
 {
+    if (queue_.size() == 0 || queue_.size() + message.size() <= MAX_QUEUE)
+        sendInAnyCase(message);
+}
+
+void Client::sendInAnyCase(Bytes message)
+{
     if (muted_ || message.empty())
         return;
     const bool wasEmpty = queue_.size() == 0;
-    if (!wasEmpty && queue_.size() + message.size() > MAX_QUEUE)
-        return;
     queue_.append(message);
     if (!wasEmpty)
         return;
@@ -103,19 +112,14 @@ void Client::send(Bytes message)
     watch();
 }
 
-bool Client::hasRoom(size_t size) const
-{
-    return queue_.size() == 0 || queue_.size() + size <= ROOM;
-}
-
 void Client::flush()
 {
-    if (queue_.flush(fd_))
+    if (queue_.flush(fd))
         return;
     // Mostly the peer is gone or has ended its reading side. Should the kernel be out of memory, the peer's stream
     // has a gap now: ended both ways it notices. What it sent before can still be read.
     if (errno != EPIPE)
-        shutdown(fd_, SHUT_RDWR);
+        shutdown(fd, SHUT_RDWR);
     mute();
 }
 
@@ -128,7 +132,7 @@ void Client::mute()
 void Client::receive()
 {
     std::array<uint8_t, READ_SIZE> bytes;
-    const ssize_t count = recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    const ssize_t count = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (count > 0)
         input.append(Bytes(bytes).first(static_cast<size_t>(count)));
     else if (count == 0 || (errno != EAGAIN && errno != EINTR))
@@ -137,12 +141,7 @@ void Client::receive()
 
 bool Client::watch()
 {
-    const uint32_t wanted = (wantsInput() ? uint32_t{EPOLLIN} : 0) | (queue_.size() > 0 ? uint32_t{EPOLLOUT} : 0);
-    if (wanted == watched_)
-        return true;
-    epoll_event event{.events = wanted, .data = {.u64 = id_}};
-    if (epoll_ctl(epollFd_, watched_ == NOT_WATCHED ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd_, &event) != 0)
-        return false;
-    watched_ = wanted;
-    return true;
+    constexpr unsigned ALWAYS = ULOOP_BLOCKING | ULOOP_ERROR_CB;
+    const unsigned wanted = ALWAYS | (wantsInput() ? ULOOP_READ : 0) | (queue_.size() > 0 ? ULOOP_WRITE : 0);
+    return wanted == flags || uloop_fd_add(this, wanted) == 0;
 }

@@ -6,11 +6,13 @@
 #include "wire.h"
 
 #include <list>
-#include <memory>
 #include <string>
 
-#include <sys/types.h>
+extern "C" { // the header does not say so itself
+#include <libubox/uloop.h>
+}
 
+class Bus;
 struct Object;
 
 /// Input of one client that does not make a whole message yet, or has to wait.
@@ -50,49 +52,27 @@ private:
     size_t sent_ = 0;
 };
 
-/// A lookup whose answer did not fit into the queue yet; see lookup.h.
-struct PendingLookup {
-    uint16_t seq;
-    uint32_t peer;
-    bool exact;         // `prefix` is the whole name
-    std::string prefix; // names looked for begin with this
-    std::string from;   // first name not answered yet, in byte order
-    bool found;         // at least one
-    bool listed;        // only the status is left to send
-};
-
-class Client {
+class Client : public uloop_fd {
 public:
-    /// Takes over `fd`, a non-blocking stream socket, and reads the peer's credentials from it.
-    Client(int fd, uint32_t id, int epollFd);
+    /// Takes over `fd`, a non-blocking stream socket, and reads the peer's credentials from it. In the event loop
+    /// `serve` is called with the client.
+    Client(Bus& bus, int fd, uint32_t id, uloop_fd_handler serve);
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    int fd() const
-    {
-        return fd_;
-    }
     uint32_t id() const
     {
         return id_;
-    }
-    uid_t user() const
-    {
-        return user_;
-    }
-    gid_t group() const
-    {
-        return group_;
     }
 
     /// Sends or queues a whole message. One that would take the queue past MAX_QUEUE, or for a peer that cannot read
     /// any more, is dropped; so is an empty one.
     void send(Bytes message);
 
-    /// Whether a message of that size can be sent while leaving most of the queue to others; always so when nothing
-    /// is queued, so that waiting for room comes to an end.
-    bool hasRoom(size_t size) const;
+    /// The same for the answer to a lookup, none of which is dropped. While it is longer than MAX_QUEUE, no further
+    /// input of the client is handled.
+    void sendInAnyCase(Bytes message);
 
     /// Sends from the queue what the socket takes.
     void flush();
@@ -103,39 +83,38 @@ public:
     {
         return muted_;
     }
+    bool isFull() const
+    {
+        return queue_.size() > MAX_QUEUE;
+    }
 
     /// Reads once from the socket into `input`, at most READ_SIZE bytes. Notes the end of file; an error counts as one.
     void receive();
 
     bool wantsInput() const
     {
-        return !ended_ && !lookup;
+        return !ended_ && !isFull();
     }
 
     /// The peer sent all it will send, all of it was handled, and nothing waits to be sent.
     bool finished() const
     {
-        return ended_ && !lookup && queue_.size() == 0;
+        return ended_ && queue_.size() == 0;
     }
 
     /// Has the event loop watch for what this client can go on with now. False when the kernel cannot, which happens
     /// at the first call only.
     bool watch();
 
+    Bus& bus;
+    std::string user; // names from the system's databases, or numbers as text
+    std::string group;
     InputBuffer input;
-    std::unique_ptr<PendingLookup> lookup; // while it waits, no further input is handled
-    std::list<Object*> objects;            // in order of registration
+    std::list<Object*> objects; // in order of registration
 
 private:
-    static constexpr uint32_t NOT_WATCHED = ~uint32_t{0};
-
     OutputQueue queue_;
-    int fd_;
-    int epollFd_;
     uint32_t id_;
-    uint32_t watched_ = NOT_WATCHED;
-    uid_t user_ = 0;
-    gid_t group_ = 0;
     bool ended_ = false;
     bool muted_ = false;
 };

@@ -1,20 +1,16 @@
 #include "dispatch.h"
 
-#include "lookup.h"
-#include "names.h"
-#include "reply.h"
+#include <algorithm>
 
 namespace {
 
 // Appends the caller's names where they fit; a call as long as a message may be goes without them.
 void putCaller(MessageWriter& writer, const Client& caller, size_t rest)
 {
-    const std::string& user = userName(caller.user());
-    const std::string& group = groupName(caller.group());
-    if (rest + 2 * ATTR_SIZE + padded(user.size() + 1) + padded(group.size() + 1) > MAX_ROOT)
+    if (rest + 2 * ATTR_SIZE + padded(caller.user.size() + 1) + padded(caller.group.size() + 1) > MAX_ROOT)
         return;
-    writer.put(ATTR_USER, user);
-    writer.put(ATTR_GROUP, group);
+    writer.put(ATTR_USER, caller.user);
+    writer.put(ATTR_GROUP, caller.group);
 }
 
 void forwardCall(const Client& caller, Object& object, const Message& call)
@@ -28,16 +24,81 @@ void forwardCall(const Client& caller, Object& object, const Message& call)
     object.owner->send(writer.finish());
 }
 
+// The daemon's own answer to a request, whose sequence number and peer it repeats.
+MessageWriter statusMessage(const Message& request, Status status)
+{
+    MessageWriter writer(MSG_STATUS, request.seq, request.peer);
+    writer.put(ATTR_STATUS, static_cast<uint32_t>(status));
+    return writer;
+}
+
+bool matches(std::string_view pattern, std::string_view name)
+{
+    if (!pattern.ends_with('*'))
+        return pattern == name;
+    pattern.remove_suffix(1);
+    return name.starts_with(pattern);
+}
+
+void serveClient(uloop_fd* sock, unsigned events)
+{
+    Client& client = *static_cast<Client*>(sock);
+    client.bus.serve(client, (events & ULOOP_READ) != 0, sock->error);
+}
+
 } // namespace
 
-void Bus::connect(int fd, int epollFd)
+void Bus::connect(int fd)
 {
     const uint32_t id = freshId(clients_);
-    Client& client = clients_.try_emplace(id, fd, id, epollFd).first->second;
+    Client& client = clients_.try_emplace(id, *this, fd, id, serveClient).first->second;
     if (client.watch())
         client.send(MessageWriter(MSG_HELLO, 0, id).finish());
     else
         clients_.erase(id);
+}
+
+void Bus::serve(Client& client, bool readable, bool hungUp)
+{
+    if (hungUp)
+        client.mute();
+    client.flush();
+    bool good = work(client);
+    if (good && readable && client.wantsInput()) {
+        client.receive();
+        good = work(client);
+    }
+    if (good && !client.finished())
+        (void)client.watch(); // which cannot fail for a socket that is watched
+    else
+        disconnect(client);
+}
+
+void Bus::answerLookup(Client& client, const Message& message)
+{
+    std::string_view prefix = message.path.value_or("*");
+    const bool exact = !prefix.ends_with('*');
+    if (!exact)
+        prefix.remove_suffix(1);
+    const auto& names = registry_.names();
+    auto next = exact ? names.find(prefix) : names.lower_bound(prefix);
+    if (message.path == "")
+        next = names.end();
+    bool found = !message.path; // whoever asks for all may find none
+    for (; next != names.end() && next->first.starts_with(prefix); next = exact ? names.end() : std::next(next)) {
+        const auto& [name, object] = *next;
+        found = true;
+        if (!object->type)
+            continue; // exists, but shows nothing
+        MessageWriter writer(MSG_DATA, message.seq, message.peer);
+        writer.put(ATTR_OBJPATH, name);
+        writer.put(ATTR_OBJID, object->id);
+        writer.put(ATTR_OBJTYPE, object->type->id);
+        writer.put(ATTR_SIGNATURE, object->type->signature);
+        client.sendInAnyCase(writer.finish());
+    }
+    const Status status = message.path == "" ? Status::InvalidArgument : found ? Status::Ok : Status::NotFound;
+    client.sendInAnyCase(statusMessage(message, status).finish());
 }
 
 void Bus::disconnect(Client& client)
@@ -56,7 +117,7 @@ Client* Bus::find(uint32_t id)
 
 bool Bus::work(Client& client)
 {
-    while (answerLookup(client, registry_)) {
+    while (!client.isFull()) {
         Bytes raw;
         const auto next = client.input.next(raw);
         if (next == InputBuffer::Next::Broken)
@@ -78,7 +139,7 @@ void Bus::handle(Client& client, const Message& message)
         forwardAnswer(client, message);
         return;
     case MSG_LOOKUP:
-        beginLookup(client, message);
+        answerLookup(client, message);
         return;
     case MSG_PING: {
         std::vector<uint8_t> echo(message.raw.begin(), message.raw.end());
@@ -100,7 +161,7 @@ void Bus::handle(Client& client, const Message& message)
         break;
     }
     if (status)
-        sendStatus(client, message.seq, message.peer, *status);
+        client.send(statusMessage(message, *status).finish());
 }
 
 Status Bus::addObject(Client& client, const Message& message)
@@ -180,7 +241,7 @@ Status Bus::registerPattern(Client& client, Bytes data)
         return Status::NotFound;
     if (object->owner != &client || pattern->empty())
         return Status::PermissionDenied;
-    events_.add(*object, *pattern);
+    object->patterns.emplace(*pattern);
     return Status::Ok;
 }
 
@@ -198,7 +259,7 @@ Status Bus::sendEvent(Client& client, Bytes data)
         return Status::InvalidArgument;
     if (name->starts_with("ubus."))
         return Status::PermissionDenied; // the daemon's own
-    events_.publish(&client, *name, *content);
+    publish(&client, *name, *content);
     return Status::Ok;
 }
 
@@ -215,12 +276,26 @@ void Bus::forwardAnswer(Client& client, const Message& message)
     caller->send(answer);
 }
 
+void Bus::publish(const Client* sender, std::string_view name, Bytes data)
+{
+    for (const auto& [id, object] : registry_.objects()) {
+        if (object.owner == sender ||
+            std::ranges::none_of(object.patterns, [&](const auto& pattern) { return matches(pattern, name); }))
+            continue;
+        MessageWriter writer(MSG_INVOKE, ++deliveries_, 0);
+        writer.put(ATTR_OBJID, id);
+        writer.put(ATTR_METHOD, name);
+        writer.put(ATTR_DATA, data);
+        object.owner->send(writer.finish());
+    }
+}
+
 void Bus::announce(const char* event, uint32_t id, const std::string& name)
 {
     std::vector<uint8_t> data;
     putField(data, "id", id);
     putField(data, "path", name);
-    events_.publish(nullptr, event, data);
+    publish(nullptr, event, data);
 }
 
 // True when the object's type goes too.
@@ -228,7 +303,6 @@ bool Bus::dropObject(Object& object)
 {
     const uint32_t id = object.id;
     const std::optional<std::string> name = object.name ? std::optional(*object.name) : std::nullopt;
-    events_.forget(object);
     const bool typeGone = registry_.remove(object);
     if (name)
         announce("ubus.object.remove", id, *name);

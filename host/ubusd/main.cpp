@@ -2,6 +2,7 @@
 
 #include "server.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -61,18 +62,17 @@ int main(int argc, char** argv)
 
     raiseDescriptorLimit();
     makeDefaultDirectory();
-    Server server;
-    if (!server.open()) {
+    if (uloop_init() != 0) {
         perror("ubusd");
         return EXIT_FAILURE;
     }
+    std::signal(SIGHUP, SIG_IGN); // asks for access rights to be read again, and there are none
+    Server server;
     if (!server.listenAt(socketPath)) {
         perror("usock");
         return EXIT_SOCKET;
     }
-    if (!server.run()) {
-        perror("ubusd");
-        return EXIT_FAILURE;
-    }
+    if (!uloop_cancelled) // by a signal that came already
+        uloop_run();
     return EXIT_SUCCESS;
 }

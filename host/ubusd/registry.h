@@ -14,19 +14,13 @@ struct ObjectType {
     std::vector<uint8_t> signature;
 };
 
-/// Objects that listen to one pattern.
-using Listeners = std::set<Object*>;
-using PatternMap = std::map<std::string, Listeners, std::less<>>;
-
 struct Object {
     uint32_t id;
     Client* owner;
-    std::list<Object*>::iterator place;             // in the owner's list
-    const std::string* name = nullptr;              // null: anonymous
-    ObjectType* type = nullptr;                     // null: callable, but hidden from lookups
-    std::vector<PatternMap::iterator> exactNames;   // events it listens to, kept by EventBook
-    std::vector<PatternMap::iterator> namePrefixes; // the same, for patterns that ended in '*'
-    uint64_t lastEvent = 0;                         // number of the event it got last
+    std::list<Object*>::iterator place; // in the owner's list
+    const std::string* name = nullptr;  // null: anonymous
+    ObjectType* type = nullptr;         // null: callable, but hidden from lookups
+    std::set<std::string> patterns;     // of the events that it listens to
 };
 
 /// Whether `signature` is, to its end, a run of tables with names.
@@ -50,6 +44,11 @@ public:
     bool remove(Object& object);
 
     Object* find(uint32_t id);
+
+    const std::unordered_map<uint32_t, Object>& objects() const
+    {
+        return objects_;
+    }
 
     /// Named objects in byte order of their names.
     const NameMap& names() const

@@ -99,16 +99,10 @@ uint32_t readU32(const uint8_t* at)
     return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
 }
 
-void writeU16(uint8_t* at, uint16_t value)
-{
-    at[0] = static_cast<uint8_t>(value >> 8);
-    at[1] = static_cast<uint8_t>(value);
-}
-
 void writeU32(uint8_t* at, uint32_t value)
 {
-    writeU16(at, static_cast<uint16_t>(value >> 16));
-    writeU16(at + 2, static_cast<uint16_t>(value));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        *at++ = static_cast<uint8_t>(value >> shift);
 }
 
 bool takeAttribute(Bytes& run, Attribute& out)
@@ -181,7 +175,8 @@ Message readMessage(Bytes raw)
 MessageWriter::MessageWriter(MessageType type, uint16_t seq, uint32_t peer) : bytes_(FRAME_SIZE)
 {
     bytes_[1] = type;
-    writeU16(&bytes_[2], seq);
+    bytes_[2] = static_cast<uint8_t>(seq >> 8);
+    bytes_[3] = static_cast<uint8_t>(seq);
     writeU32(&bytes_[4], peer);
 }
 

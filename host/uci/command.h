@@ -5,7 +5,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,10 +22,7 @@ struct ContextDeleter {
 struct Session {
     std::unique_ptr<uci_context, ContextDeleter> context{uci_alloc_context()};
     const char* program = "uci";
-    bool quiet = false;                   ///< no error texts
-    bool generatedNames = false;          ///< show anonymous sections by their generated names
-    bool commits = true;                  ///< false: `commit` does nothing
-    std::optional<std::string> separator; ///< between the values of a list
+    bool quiet = false; ///< no error texts
 
     [[nodiscard]] uci_context* ctx() const
     {
@@ -43,15 +39,8 @@ using CommandFunction = ExitStatus(Session& session, Arguments& arguments);
 CommandFunction show;
 CommandFunction get;
 CommandFunction changes;
-CommandFunction exportPackages;
 
-// These change; each change is saved at once (edit.cpp).
-CommandFunction set;
-CommandFunction addList;
-CommandFunction delList;
-CommandFunction deleteTarget;
-CommandFunction renameTarget;
-CommandFunction reorder;
+// These change, and save the change at once (edit.cpp).
 CommandFunction addSection;
 CommandFunction commit;
 
@@ -63,6 +52,17 @@ ExitStatus fail(const Session& session, int code);
 
 /// Looks an argument up, which is split in place; reports what fails.
 bool lookUp(Session& session, std::string& argument, uci_ptr& ptr);
+
+/// A command that changes what its argument names.
+template <int (*CHANGE)(uci_context*, uci_ptr*)>
+ExitStatus change(Session& session, Arguments& arguments)
+{
+    uci_ptr ptr;
+    if (!lookUp(session, arguments[0], ptr))
+        return EXIT_FAILED;
+    uci_context* ctx = session.ctx();
+    return CHANGE(ctx, &ptr) == UCI_OK && uci_save(ctx, ptr.p) == UCI_OK ? EXIT_OK : fail(session);
+}
 
 /// Loads the package that the first argument names, or each one there is, and runs the action on it. Goes on behind a
 /// package that cannot be loaded or whose action fails (false, with the context's error), reporting it.

@@ -1,8 +1,10 @@
 #include "command.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <unistd.h>
 
 namespace {
@@ -15,10 +17,15 @@ struct Command {
 };
 
 const Command COMMANDS[] = {
-    {"show", 0, 1, show},           {"get", 1, 1, get},          {"set", 1, 1, set},
-    {"add_list", 1, 1, addList},    {"del_list", 1, 1, delList}, {"delete", 1, 1, deleteTarget},
-    {"rename", 1, 1, renameTarget}, {"reorder", 1, 1, reorder},  {"add", 2, 2, addSection},
-    {"commit", 0, 1, commit},       {"changes", 0, 1, changes},  {"export", 0, 1, exportPackages},
+    {"show", 0, 1, show},
+    {"get", 1, 1, get},
+    {"set", 1, 1, change<uci_set>},
+    {"add_list", 1, 1, change<uci_add_list>},
+    {"del_list", 1, 1, change<uci_del_list>},
+    {"delete", 1, 1, change<uci_delete>},
+    {"add", 2, 2, addSection},
+    {"commit", 0, 1, commit},
+    {"changes", 0, 1, changes},
 };
 
 ExitStatus usage(const Session& session, ExitStatus status)
@@ -33,66 +40,33 @@ ExitStatus usage(const Session& session, ExitStatus status)
             "  add_list PACKAGE.SECTION.OPTION=VALUE append to a list\n"
             "  del_list PACKAGE.SECTION.OPTION=VALUE remove all equal values from a list\n"
             "  delete PACKAGE.SECTION[.OPTION]       delete an option or a section\n"
-            "  rename PACKAGE.SECTION[.OPTION]=NAME  give it another name\n"
-            "  reorder PACKAGE.SECTION=INDEX         move a section, counting from 0\n"
             "  add PACKAGE TYPE                      add an anonymous section, print its name\n"
             "  changes [PACKAGE]                     print changes that are not committed\n"
             "  commit [PACKAGE]                      write the changes to the configuration file\n"
-            "  export [PACKAGE]                      print the configuration file's text\n"
             "\n"
             "A section may be named by type and index: @TYPE[0], from the end @TYPE[-1].\n"
             "\n"
             "Options:\n"
             "  -c DIR   configuration files (%s)\n"
-            "  -C DIR   files that override them (%s); '' for none\n"
             "  -t DIR   where changes are saved until they are committed (%s)\n"
-            "  -P DIR   the same, and commit does nothing\n"
-            "  -p DIR   another directory to read changes from\n"
-            "  -d TEXT  put TEXT between the values of a list\n"
-            "  -n       name anonymous sections on export\n"
-            "  -q       print no errors\n"
-            "  -X       show the generated names of anonymous sections\n",
-            session.program, UCI_CONFDIR, UCI_CONF2DIR, UCI_SAVEDIR);
+            "  -q       print no errors\n",
+            session.program, UCI_CONFDIR, UCI_SAVEDIR);
     return status;
 }
 
 // One option; false when there is no such one, or it fails.
 bool applyOption(Session& session, int option)
 {
-    uci_context* ctx = session.ctx();
-    int code = UCI_OK;
     switch (option) {
     case 'c':
-        code = uci_set_confdir(ctx, optarg);
-        break;
-    case 'C':
-        code = uci_set_conf2dir(ctx, *optarg ? optarg : nullptr);
-        break;
-    case 'P':
-        session.commits = false;
-        [[fallthrough]];
+        return uci_set_confdir(session.ctx(), optarg) == UCI_OK;
     case 't':
-        code = uci_set_savedir(ctx, optarg);
-        break;
-    case 'p':
-        code = uci_add_delta_path(ctx, optarg);
-        break;
-    case 'd':
-        session.separator = optarg;
-        break;
-    case 'n':
-        ctx->flags = static_cast<uci_flags>(ctx->flags | UCI_FLAG_EXPORT_NAME);
-        break;
+        return uci_set_savedir(session.ctx(), optarg) == UCI_OK;
     case 'q':
-        session.quiet = true;
-        break;
-    case 'X':
-        session.generatedNames = true;
-        break;
+        return session.quiet = true;
     default:
         return false;
     }
-    return code == UCI_OK || code == UCI_ERR_DUPLICATE;
 }
 
 } // namespace
@@ -123,12 +97,13 @@ ExitStatus forPackages(Session& session, const Arguments& arguments, const std::
     uci_context* ctx = session.ctx();
     Arguments names = arguments;
     if (names.empty()) {
-        char** list = nullptr;
-        if (uci_list_configs(ctx, &list) != UCI_OK)
-            return fail(session);
-        for (char** name = list; *name; ++name)
-            names.emplace_back(*name);
-        free(list);
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(ctx->confdir, error)) {
+            const std::string name = entry.path().filename();
+            if (entry.is_regular_file(error) && name.find('.') == name.npos) // a dot ends a package's name in a tuple
+                names.push_back(name);
+        }
+        std::ranges::sort(names);
     }
     ExitStatus status = EXIT_OK;
     for (const std::string& name : names) {
@@ -147,7 +122,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "%s: Out of memory\n", argv[0]);
         return EXIT_FAILED;
     }
-    for (int option = 0; (option = getopt(argc, argv, "+c:C:t:P:p:d:nqX")) != -1;) {
+    for (int option = 0; (option = getopt(argc, argv, "+c:t:q")) != -1;) {
         if (!applyOption(session, option))
             return usage(session, EXIT_USAGE);
     }

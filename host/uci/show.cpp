@@ -21,8 +21,8 @@ std::string quoted(std::string_view text)
     return result + "'";
 }
 
-// The values of an option, each one through `format`, with the separator between them.
-std::string joined(const Session& session, const uci_option* o, std::string (*format)(std::string_view))
+// The values of an option, each one through `format`, with a blank between them.
+std::string joined(const uci_option* o, std::string (*format)(std::string_view))
 {
     if (o->type == UCI_TYPE_STRING)
         return format(o->v.string);
@@ -30,7 +30,7 @@ std::string joined(const Session& session, const uci_option* o, std::string (*fo
     const uci_element* item = nullptr;
     uci_foreach_element (&o->v.list, item) {
         if (&item->list != o->v.list.next)
-            result += session.separator.value_or(" ");
+            result += " ";
         result += format(item->name);
     }
     return result;
@@ -46,17 +46,17 @@ std::string quotedIfNeeded(std::string_view text)
     return text.find_first_of(" \t\r\n\v\f") == text.npos ? plain(text) : quoted(text);
 }
 
-void showOption(const Session& session, const uci_option* o, const std::string& section)
+void showOption(const uci_option* o, const std::string& section)
 {
-    printf("%s.%s=%s\n", section.c_str(), o->e.name, joined(session, o, quoted).c_str());
+    printf("%s.%s=%s\n", section.c_str(), o->e.name, joined(o, quoted).c_str());
 }
 
-void showSection(const Session& session, const uci_section* s, const std::string& name)
+void showSection(const uci_section* s, const std::string& name)
 {
     printf("%s=%s\n", name.c_str(), s->type);
     const uci_element* e = nullptr;
     uci_foreach_element (&s->options, e)
-        showOption(session, recordOf<uci_option>(e), name);
+        showOption(recordOf<uci_option>(e), name);
 }
 
 std::string storedName(const uci_section* s)
@@ -64,17 +64,15 @@ std::string storedName(const uci_section* s)
     return std::string(s->package->e.name) + "." + s->e.name;
 }
 
-void showPackage(const Session& session, const uci_package* p)
+void showPackage(const uci_package* p)
 {
     std::map<std::string_view, int> seen; // sections of each type
     const uci_element* e = nullptr;
     uci_foreach_element (&p->sections, e) {
         const uci_section* s = recordOf<uci_section>(e);
         const int index = seen[s->type]++;
-        const bool byIndex = s->anonymous && !session.generatedNames;
-        showSection(session, s,
-                    byIndex ? std::string(p->e.name) + ".@" + s->type + "[" + std::to_string(index) + "]"
-                            : storedName(s));
+        showSection(s, s->anonymous ? std::string(p->e.name) + ".@" + s->type + "[" + std::to_string(index) + "]"
+                                    : storedName(s));
     }
 }
 
@@ -97,7 +95,7 @@ ExitStatus show(Session& session, Arguments& arguments)
 {
     if (arguments.empty())
         return forPackages(session, arguments, [&](uci_package* p) {
-            showPackage(session, p);
+            showPackage(p);
             return true;
         });
     uci_ptr ptr;
@@ -106,11 +104,11 @@ ExitStatus show(Session& session, Arguments& arguments)
     if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
         return fail(session, UCI_ERR_NOTFOUND);
     if (ptr.o)
-        showOption(session, ptr.o, storedName(ptr.s));
+        showOption(ptr.o, storedName(ptr.s));
     else if (ptr.s)
-        showSection(session, ptr.s, storedName(ptr.s));
+        showSection(ptr.s, storedName(ptr.s));
     else
-        showPackage(session, ptr.p);
+        showPackage(ptr.p);
     return EXIT_OK;
 }
 
@@ -122,9 +120,7 @@ ExitStatus get(Session& session, Arguments& arguments)
     if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
         return fail(session, UCI_ERR_NOTFOUND);
     if (ptr.o) {
-        // With a separator of his own the user can tell the values apart; with blanks he needs the quotes.
-        const bool list = ptr.o->type == UCI_TYPE_LIST && !session.separator;
-        printf("%s\n", joined(session, ptr.o, list ? quotedIfNeeded : plain).c_str());
+        printf("%s\n", joined(ptr.o, ptr.o->type == UCI_TYPE_LIST ? quotedIfNeeded : plain).c_str());
     } else if (ptr.s) {
         printf("%s\n", ptr.s->type);
     }
@@ -141,10 +137,4 @@ ExitStatus changes(Session& session, Arguments& arguments)
             printChange(p, recordOf<uci_delta>(e));
         return true;
     });
-}
-
-ExitStatus exportPackages(Session& session, Arguments& arguments)
-{
-    return forPackages(session, arguments,
-                       [&](uci_package* p) { return uci_export(session.ctx(), stdout, p, true) == UCI_OK; });
 }

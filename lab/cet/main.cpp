@@ -104,17 +104,10 @@ int takeNotification(ubus_context* bus, ubus_object*, ubus_request_data* request
     return UBUS_STATUS_OK;
 }
 
-ubus_method method(const char* name)
-{
-    ubus_method result{};
-    result.name = name;
-    result.handler = takeNotification;
-    result.policy = TYPE_POLICY;
-    result.n_policy = 1;
-    return result;
-}
-
-const ubus_method METHODS[] = {method("notify_motor_idle"), method("notify_motor_moving")};
+const ubus_method METHODS[] = {
+    UBUS_METHOD("notify_motor_idle", takeNotification, TYPE_POLICY),
+    UBUS_METHOD("notify_motor_moving", takeNotification, TYPE_POLICY),
+};
 ubus_object_type gType{};
 ubus_object gObject{};
 
@@ -134,8 +127,6 @@ bool enlist()
     return true;
 }
 
-void connectToBus(uloop_timeout* timer);
-
 void onLost(ubus_context*)
 {
     uloop_timeout_set(&gRetry, RETRY_MS);
@@ -143,13 +134,10 @@ void onLost(ubus_context*)
 
 void connectToBus(uloop_timeout* timer)
 {
-    bool connected = false;
-    if (!gBus) {
+    const bool first = !gBus;
+    if (first)
         gBus = ubus_connect(LAB_BUS_SOCKET);
-        connected = gBus != nullptr;
-    } else {
-        connected = ubus_reconnect(gBus, LAB_BUS_SOCKET) == UBUS_STATUS_OK;
-    }
+    const bool connected = first ? gBus != nullptr : ubus_reconnect(gBus, LAB_BUS_SOCKET) == UBUS_STATUS_OK;
     if (connected)
         gBus->connection_lost = onLost;
     if (!connected || !enlist())

@@ -1,55 +1,82 @@
 #pragma once
-// The commands of ptzd-lab. Each takes its arguments and returns the exit status: 0, 1 when it failed (and said why on
-// standard error), or 2 when it was used wrongly.
+// The commands of ptzd-lab. Each makes an order of its arguments, which are checked before a lab is looked for.
 
 #include "lab/lab.h"
 
-#include <string>
-#include <vector>
+#include <charconv>
+#include <type_traits>
 
 using Arguments = std::vector<std::string>;
 
-struct Command {
-    const char* name;
-    const char* usage; // lines of "NAME ..." and explanation
-    int (*run)(const Command& self, Arguments arguments);
+/// What a command is to do.
+struct Order {
+    std::string problem{};               // what is wrong with the arguments; then nothing else counts
+    std::function<int(Lab&)> carryOut{}; // the exit status: 0, or 1 when it failed and said why on standard error
+    std::string folder{};                // the lab's, where the user named it
+    bool startsLab = false;              // else the lab must be there
+    bool locks = false;                  // starts or ends programs, which one command at a time may do
 };
 
-int upCommand(const Command& self, Arguments arguments);
-int downCommand(const Command& self, Arguments arguments);
-int statusCommand(const Command& self, Arguments arguments);
-int ptzdCommand(const Command& self, Arguments arguments);
-int busCommand(const Command& self, Arguments arguments);
-int cetCommand(const Command& self, Arguments arguments);
-int runCommand(const Command& self, Arguments arguments);
-int execCommand(const Command& self, Arguments arguments);
-int motorCommand(const Command& self, Arguments arguments);
-int powerLossCommand(const Command& self, Arguments arguments);
-int clockCommand(const Command& self, Arguments arguments);
-int journalCommand(const Command& self, Arguments arguments);
-int plotCommand(const Command& self, Arguments arguments);
+Order upOrder(Arguments arguments);
+Order downOrder(Arguments arguments);
+Order statusOrder(Arguments arguments);
+Order ptzdOrder(Arguments arguments);
+Order busOrder(Arguments arguments);
+Order cetOrder(Arguments arguments);
+Order runOrder(Arguments arguments);
+Order execOrder(Arguments arguments);
+Order motorOrder(Arguments arguments);
+Order powerLossOrder(Arguments arguments);
+Order clockOrder(Arguments arguments);
+Order journalOrder(Arguments arguments);
+Order plotOrder(Arguments arguments);
 
 /// A command line that the user can type: through `./dev` when it started this program, else with this program's own
 /// path. `words` are the arguments of `./dev`: "lab down", "ubus call ...".
 std::string typed(const std::string& words);
 
-/// Says what is wrong and how the command is used, on standard error; returns 2.
-int wrongUse(const Command& self, const std::string& problem);
-
 /// Says what failed on standard error; returns 1.
 int failed(const std::string& reason);
 
-/// The lab that a command means: the folder given, else PTZD_LAB_DIR, else .lab here.
-std::string labFolderFor(const Arguments& arguments, size_t index);
+/// An order for a lab that is there. The action returns nothing, false with Lab::error(), or the exit status.
+template <typename Action>
+Order toDo(Action action)
+{
+    Order order;
+    order.carryOut = [action](Lab& lab) {
+        using Result = std::invoke_result_t<Action, Lab&>;
+        if constexpr (std::is_void_v<Result>)
+            return action(lab), 0;
+        else if constexpr (std::is_same_v<Result, bool>)
+            return action(lab) ? 0 : failed(lab.error());
+        else
+            return action(lab);
+    };
+    return order;
+}
 
-/// Takes over the lab of this command's folder; says why not.
-bool attached(Lab& lab);
+/// The same for one that starts or ends programs.
+template <typename Action>
+Order toDoAlone(Action action)
+{
+    Order order = toDo(action);
+    order.locks = true;
+    return order;
+}
 
-/// Takes `--NAME VALUE` pairs and flags of `up` and `run` out of the arguments. False with what is wrong.
-bool takeStartOptions(Arguments& arguments, LabOptions& options, std::string& problem);
+/// The order of `up` or `run`: folder and options are taken from the arguments, carryOut is left empty.
+Order startOrder(const Arguments& arguments, LabOptions& options);
 
 /// Whole number within limits; false for anything else in the text.
-bool parseNumber(const std::string& text, int64_t low, int64_t high, int64_t& value);
+template <typename Number>
+bool parseNumber(const std::string& text, Number low, Number high, Number& value)
+{
+    const char* end = text.data() + text.size();
+    const auto [stop, problem] = std::from_chars(text.data(), end, value);
+    return problem == std::errc() && stop == end && value >= low && value <= high;
+}
+
+/// Range, max_speed and total_steps, each `low` at least.
 bool parseSetting(const std::string& text, char separator, int32_t low, LabAxisSetting& setting);
 
 /// Prints a line on where an axis is, and what is set to go wrong with it.

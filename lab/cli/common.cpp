@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,37 +26,28 @@ bool mayHoldLab(const fs::path& folder)
            fs::exists(folder / "lock", problem);
 }
 
-/// Takes the argument behind an option out as well.
-bool takeValue(Arguments& arguments, size_t index, std::string& value)
+/// Takes the value of an option; what is wrong with it, or nothing.
+std::string applyOption(const std::string& name, const std::string& value, LabOptions& options)
 {
-    if (index + 1 >= arguments.size())
-        return false;
-    value = arguments[index + 1];
-    const auto at = arguments.begin() + static_cast<std::ptrdiff_t>(index);
-    arguments.erase(at, at + 2);
-    return true;
-}
-
-bool applyOption(const std::string& name, const std::string& value, LabOptions& options)
-{
-    int64_t number = 0;
-    if (name == "--pan")
-        return parseSetting(value, ',', 1, options.pan);
-    if (name == "--tilt")
-        return parseSetting(value, ',', 1, options.tilt);
-    if (name == "--factor" && parseNumber(value, 1, 1'000'000, number)) {
-        options.factor = static_cast<int32_t>(number);
-        return true;
+    bool good = false;
+    if (name == "--pan") {
+        good = parseSetting(value, ',', 1, options.pan);
+    } else if (name == "--tilt") {
+        good = parseSetting(value, ',', 1, options.tilt);
+    } else if (name == "--factor") {
+        good = parseNumber(value, 1, 1'000'000, options.factor);
+    } else if (name == "--speed") {
+        int32_t speed = 1;
+        good = parseNumber(value, 1, 100'000, speed);
+        options.clockSpeed = speed;
+    } else if (name == "--ptzd") {
+        std::error_code problem;
+        good = access(value.c_str(), X_OK) == 0;
+        options.ptzd = fs::absolute(value, problem).string();
+    } else {
+        return "there is no option " + name;
     }
-    if (name == "--speed" && parseNumber(value, 1, 100'000, number)) {
-        options.clockSpeed = static_cast<double>(number);
-        return true;
-    }
-    if (name == "--ptzd" && access(value.c_str(), X_OK) == 0) {
-        options.ptzd = fs::absolute(value).string();
-        return true;
-    }
-    return false;
+    return good ? "" : value.empty() ? name + " needs a value" : name + " does not take \"" + value + "\"";
 }
 
 } // namespace
@@ -71,69 +60,30 @@ std::string typed(const std::string& words)
     return program_invocation_name + (words.starts_with("lab ") ? words.substr(3) : " exec -- " + words);
 }
 
-int wrongUse(const Command& self, const std::string& problem)
-{
-    fprintf(stderr, "ptzd-lab %s: %s\nusage: %s%s\n", self.name, problem.c_str(), typed("lab ").c_str(), self.usage);
-    return 2;
-}
-
 int failed(const std::string& reason)
 {
     fprintf(stderr, "ptzd-lab: %s%s", reason.c_str(), reason.ends_with('\n') ? "" : "\n");
     return 1;
 }
 
-std::string labFolderFor(const Arguments& arguments, size_t index)
+Order startOrder(const Arguments& arguments, LabOptions& options)
 {
-    if (index < arguments.size() && !arguments[index].empty())
-        return arguments[index];
-    const char* named = getenv("PTZD_LAB_DIR");
-    return named && *named ? named : ".lab";
-}
-
-bool attached(Lab& lab)
-{
-    if (lab.attach())
-        return true;
-    failed(lab.error() + " (" + typed("lab up") + " starts one)");
-    return false;
-}
-
-bool takeStartOptions(Arguments& arguments, LabOptions& options, std::string& problem)
-{
-    for (size_t i = 0; i < arguments.size();) {
-        const std::string name = arguments[i];
-        if (!name.starts_with("-")) {
-            ++i;
-            continue;
-        }
-        if (name == "--no-wait") {
+    Order order;
+    order.startsLab = true;
+    for (size_t i = 0; i < arguments.size() && order.problem.empty(); ++i) {
+        const std::string& word = arguments[i];
+        if (word == "--no-wait") {
             options.waitCalibrated = false;
-            arguments.erase(arguments.begin() + static_cast<std::ptrdiff_t>(i));
-            continue;
+        } else if (word.starts_with("-")) {
+            order.problem = applyOption(word, i + 1 < arguments.size() ? arguments[i + 1] : "", options);
+            ++i;
+        } else if (!order.folder.empty()) {
+            order.problem = "more than one folder: " + order.folder + " and " + word;
+        } else {
+            order.folder = word;
         }
-        std::string value;
-        const bool known =
-            name == "--pan" || name == "--tilt" || name == "--factor" || name == "--speed" || name == "--ptzd";
-        if (!known)
-            problem = "there is no option " + name;
-        else if (!takeValue(arguments, i, value))
-            problem = name + " needs a value";
-        else if (!applyOption(name, value, options))
-            problem = name + " does not take \"" + value + "\"";
-        if (!problem.empty())
-            return false;
     }
-    if (arguments.size() > 1)
-        problem = "more than one folder: " + arguments[0] + " and " + arguments[1];
-    return problem.empty();
-}
-
-bool parseNumber(const std::string& text, int64_t low, int64_t high, int64_t& value)
-{
-    const char* end = text.data() + text.size();
-    const auto [stop, problem] = std::from_chars(text.data(), end, value);
-    return problem == std::errc() && stop == end && value >= low && value <= high;
+    return order;
 }
 
 bool parseSetting(const std::string& text, char separator, int32_t low, LabAxisSetting& setting)
@@ -142,10 +92,8 @@ bool parseSetting(const std::string& text, char separator, int32_t low, LabAxisS
     size_t start = 0;
     for (int32_t* field : fields) {
         const size_t end = text.find(separator, start);
-        int64_t value = 0;
-        if (start > text.size() || !parseNumber(text.substr(start, end - start), low, INT32_MAX, value))
+        if (start > text.size() || !parseNumber(text.substr(start, end - start), low, INT32_MAX, *field))
             return false;
-        *field = static_cast<int32_t>(value);
         start = end == std::string::npos ? text.size() + 1 : end + 1;
     }
     return start > text.size();

@@ -2,21 +2,30 @@
 
 #include "commands.h"
 
-#include "lab/clock.h"
+#include "lab/core/process.h"
 #include "lab_paths.h"
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 namespace {
 
+constexpr const char* PROGRAMS[] = {"ubusd", "cet", "ptzd"};
+
+auto runningPrograms(const Lab& lab)
+{
+    return std::count_if(std::begin(PROGRAMS), std::end(PROGRAMS),
+                         [&](const char* name) { return lab.programs.isRunning(name); });
+}
+
 bool allRun(const Lab& lab)
 {
-    return lab.programs.isRunning("ubusd") && lab.programs.isRunning("cet") && lab.programs.isRunning("ptzd");
+    return runningPrograms(lab) == std::ssize(PROGRAMS);
 }
 
 std::string faultText(const LabFaults& faults)
@@ -40,44 +49,65 @@ std::string faultText(const LabFaults& faults)
     return text.empty() ? "" : text.substr(2);
 }
 
-std::string ptzdState(Lab& lab)
+/// What `cet` takes and shows, in the order of LabCetMode.
+constexpr struct {
+    const char* word;
+    const char* text;
+} CET_MODES[] = {{"ok", "answers"},
+                 {"late", "answers late"},
+                 {"wrong", "answers err_code 5"},
+                 {"nocode", "answers without err_code"},
+                 {"silent", "never answers"}};
+
+/// An action of one word, or none.
+std::string actionIn(const Arguments& arguments, std::initializer_list<const char*> actions, std::string& problem)
 {
-    const std::string reply = lab.call("checkMotorStatus");
-    if (reply == R"({"err_code":0})")
-        return "calibrated";
-    return reply.starts_with("status") ? "does not answer" : "calibrating";
+    const std::string action = arguments.empty() ? "" : arguments[0];
+    if (arguments.size() > 1)
+        problem = "too many arguments";
+    else if (action != "" && std::find(actions.begin(), actions.end(), action) == actions.end())
+        problem = "there is no action " + action;
+    return action;
 }
 
-const char* cetText(Lab& lab)
+/// The order to look at a program, or to stop, start or restart it.
+Order switchOrder(const std::string& action, bool (LabPrograms::*start)(), bool (LabPrograms::*stop)(),
+                  void (*print)(Lab&))
 {
-    switch (lab.cet.answer()) {
-    case CET_OK:
-        return "answers";
-    case CET_LATE:
-        return "answers late";
-    case CET_WRONG:
-        return "answers err_code 5";
-    case CET_NO_CODE:
-        return "answers without err_code";
-    case CET_SILENT:
-        return "never answers";
-    }
-    return "";
+    if (action == "")
+        return toDo(print);
+    return toDoAlone([=](Lab& lab) {
+        return (action == "start" || (lab.programs.*stop)()) && (action == "stop" || (lab.programs.*start)());
+    });
 }
 
-/// One program of the lab that a command stops, starts or starts anew.
-struct Switch {
-    bool (LabPrograms::*start)();
-    bool (LabPrograms::*stop)();
-};
-
-int throwSwitch(Lab& lab, const Switch& program, const std::string& action)
+void printBus(Lab& lab)
 {
-    if (action != "start" && !(lab.programs.*program.stop)())
-        return failed(lab.error());
-    if (action != "stop" && !(lab.programs.*program.start)())
-        return failed(lab.error());
-    return 0;
+    printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
+}
+
+void printCet(Lab& lab)
+{
+    printf("CET   %s\n", lab.programs.isRunning("cet") ? CET_MODES[lab.cet.answer()].text : "does not run");
+}
+
+void printPtzd(Lab& lab)
+{
+    const std::string reply = lab.programs.isRunning("ptzd") ? lab.call("checkMotorStatus") : "";
+    printf("ptzd  %s\n", reply.empty()                  ? "does not run"
+                         : reply == R"({"err_code":0})" ? "calibrated"
+                         : reply.starts_with("status")  ? "does not answer"
+                                                        : "calibrating");
+}
+
+/// The order for the folder that is its only argument, if any.
+Order inFolder(const Arguments& arguments, Order order)
+{
+    if (arguments.size() > 1)
+        order.problem = "more than one folder";
+    else if (!arguments.empty())
+        order.folder = arguments[0];
+    return order;
 }
 
 } // namespace
@@ -96,163 +126,110 @@ void printAxis(Lab& lab, LabAxisId axis)
         printf("      /dev/%s is missing\n", axis == LAB_PAN ? "x-motor" : "y-motor");
 }
 
-int upCommand(const Command& self, Arguments arguments)
+Order upOrder(Arguments arguments)
 {
     LabOptions options;
-    std::string problem;
-    if (!takeStartOptions(arguments, options, problem))
-        return wrongUse(self, problem);
+    Order order = startOrder(arguments, options);
     options.outlive = true;
-    const std::string folder = arguments.empty() ? "" : " " + arguments[0];
-    Lab lab(labFolderFor(arguments, 0));
-    const WorkLock lock(lab.folder());
-    if (!lock.held())
-        return 1;
-    if (allRun(lab) && lab.attach() && lab.programs.isReady()) {
-        printf("a head is up in %s already\n", lab.folder().c_str());
+    order.locks = true;
+    order.carryOut = [options, named = order.folder](Lab& lab) {
+        const bool already = allRun(lab) && lab.attach() && lab.programs.isReady();
+        if (!already && !lab.up(options))
+            return failed(lab.error() + "\nwhat was started goes on; " + typed("lab down") +
+                          (named.empty() ? "" : " " + named) + " ends it");
+        printf("a head is up in %s%s\n", lab.folder().c_str(), already ? " already" : "");
         return 0;
-    }
-    if (!lab.up(options))
-        return failed(lab.error() + "\nwhat was started goes on; " + typed("lab down") + folder + " ends it");
-    printf("a head is up in %s\n", lab.folder().c_str());
-    return 0;
+    };
+    return order;
 }
 
-int downCommand(const Command& self, Arguments arguments)
+Order downOrder(Arguments arguments)
 {
-    if (arguments.size() > 1)
-        return wrongUse(self, "more than one folder");
-    Lab lab(labFolderFor(arguments, 0));
-    if (!attached(lab))
-        return 1;
-    const WorkLock lock(lab.folder());
-    if (!lock.held())
-        return 1;
-    const bool anything =
-        lab.programs.isRunning("ubusd") || lab.programs.isRunning("cet") || lab.programs.isRunning("ptzd");
-    if (!lab.down())
-        return failed(lab.error());
-    printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());
-    return 0;
+    return inFolder(arguments, toDoAlone([](Lab& lab) {
+                        const bool anything = runningPrograms(lab) > 0;
+                        if (!lab.down())
+                            return false;
+                        printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());
+                        return true;
+                    }));
 }
 
-int statusCommand(const Command& self, Arguments arguments)
+Order statusOrder(Arguments arguments)
 {
-    if (arguments.size() > 1)
-        return wrongUse(self, "more than one folder");
-    Lab lab(labFolderFor(arguments, 0));
-    if (!attached(lab))
-        return 1;
-    printf("lab   %s\n", lab.folder().c_str());
-    printf("time  %s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
-    printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
-    printf("CET   %s\n", lab.programs.isRunning("cet") ? cetText(lab) : "does not run");
-    printf("ptzd  %s\n", lab.programs.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
-    printAxis(lab, LAB_PAN);
-    printAxis(lab, LAB_TILT);
-    return allRun(lab) ? 0 : 1;
+    return inFolder(arguments, toDo([](Lab& lab) {
+                        printf("lab   %s\n", lab.folder().c_str());
+                        printf("time  %s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
+                        printBus(lab);
+                        printCet(lab);
+                        printPtzd(lab);
+                        printAxis(lab, LAB_PAN);
+                        printAxis(lab, LAB_TILT);
+                        return allRun(lab) ? 0 : 1;
+                    }));
 }
 
-int ptzdCommand(const Command& self, Arguments arguments)
+Order ptzdOrder(Arguments arguments)
 {
-    const std::string action = arguments.empty() ? "" : arguments[0];
-    if (arguments.size() > 1)
-        return wrongUse(self, "too many arguments");
-    if (action != "" && action != "kill" && action != "stop" && action != "start" && action != "restart" &&
-        action != "log")
-        return wrongUse(self, "there is no action " + action);
-    Lab lab(labFolderFor({}, 0));
-    if (!attached(lab))
-        return 1;
-    if (action == "log") {
-        fputs(lab.records.ptzdLog().c_str(), stdout);
-        return 0;
-    }
-    if (action == "") {
-        printf("ptzd  %s\n", lab.programs.isRunning("ptzd") ? ptzdState(lab).c_str() : "does not run");
-        return 0;
-    }
-    const WorkLock lock(lab.folder());
-    if (!lock.held())
-        return 1;
-    const bool runs = lab.programs.isRunning("ptzd");
-    if (!runs && (action == "kill" || action == "stop"))
-        return failed("ptzd does not run in " + lab.folder());
-    if (runs && action != "start" && !lab.programs.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
-        return failed("ptzd does not end");
-    if ((action == "start" || action == "restart") && !lab.programs.startPtzd())
-        return failed(lab.error());
-    return 0;
+    Order order;
+    const std::string action = actionIn(arguments, {"kill", "stop", "start", "restart", "log"}, order.problem);
+    if (!order.problem.empty())
+        return order;
+    if (action == "")
+        return toDo(printPtzd);
+    if (action == "log")
+        return toDo([](Lab& lab) { fputs(lab.records.ptzdLog().c_str(), stdout); });
+    return toDoAlone([action](Lab& lab) {
+        const bool runs = lab.programs.isRunning("ptzd");
+        if (!runs && (action == "kill" || action == "stop"))
+            return failed("ptzd does not run in " + lab.folder());
+        if (runs && action != "start" && !lab.programs.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
+            return failed("ptzd does not end");
+        const bool starts = action == "start" || action == "restart";
+        return starts && !lab.programs.startPtzd() ? failed(lab.error()) : 0;
+    });
 }
 
-int busCommand(const Command& self, Arguments arguments)
+Order busOrder(Arguments arguments)
 {
-    const std::string action = arguments.empty() ? "" : arguments[0];
-    if (arguments.size() > 1)
-        return wrongUse(self, "too many arguments");
-    if (action != "" && action != "stop" && action != "start" && action != "restart")
-        return wrongUse(self, "there is no action " + action);
-    Lab lab(labFolderFor({}, 0));
-    if (!attached(lab))
-        return 1;
-    if (action == "") {
-        printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
-        return 0;
-    }
-    const WorkLock lock(lab.folder());
-    return lock.held() ? throwSwitch(lab, {&LabPrograms::startBus, &LabPrograms::stopBus}, action) : 1;
+    Order order;
+    const std::string action = actionIn(arguments, {"stop", "start", "restart"}, order.problem);
+    return order.problem.empty() ? switchOrder(action, &LabPrograms::startBus, &LabPrograms::stopBus, printBus) : order;
 }
 
-int cetCommand(const Command& self, Arguments arguments)
+Order cetOrder(Arguments arguments)
 {
-    const std::string action = arguments.empty() ? "" : arguments[0];
-    int64_t delayMs = 0;
-    if (arguments.size() > (action == "late" ? 2u : 1u))
-        return wrongUse(self, "too many arguments");
-    if (action == "late" && (arguments.size() < 2 || !parseNumber(arguments[1], 0, 3'600'000, delayMs)))
-        return wrongUse(self, "late needs a time in ms");
-    constexpr const char* MODES[] = {"ok", "late", "wrong", "nocode", "silent"}; // as LabCetMode
-    int32_t mode = 0;
-    while (mode < static_cast<int32_t>(std::size(MODES)) && action != MODES[mode])
-        ++mode;
-    const bool isMode = mode < static_cast<int32_t>(std::size(MODES));
-    if (!isMode && action != "" && action != "stop" && action != "start")
-        return wrongUse(self, "there is no answer or action " + action);
-    Lab lab(labFolderFor({}, 0));
-    if (!attached(lab))
-        return 1;
-    if (action == "") {
-        printf("CET   %s\n", lab.programs.isRunning("cet") ? cetText(lab) : "does not run");
-        return 0;
+    Order order;
+    int32_t delayMs = 0;
+    if (!arguments.empty() && arguments[0] == "late") {
+        if (arguments.size() < 2 || !parseNumber(arguments[1], 0, 3'600'000, delayMs)) {
+            order.problem = "late needs a time in ms";
+            return order;
+        }
+        arguments.erase(arguments.begin() + 1);
     }
-    if (isMode) {
-        lab.cet.setAnswer(static_cast<LabCetMode>(mode), static_cast<int32_t>(delayMs));
-        return 0;
-    }
-    const WorkLock lock(lab.folder());
-    return lock.held() ? throwSwitch(lab, {&LabPrograms::startCet, &LabPrograms::stopCet}, action) : 1;
+    const std::string action =
+        actionIn(arguments, {"ok", "late", "wrong", "nocode", "silent", "stop", "start"}, order.problem);
+    if (!order.problem.empty())
+        return order;
+    const auto* mode =
+        std::find_if(std::begin(CET_MODES), std::end(CET_MODES), [&](const auto& one) { return action == one.word; });
+    if (mode == std::end(CET_MODES))
+        return switchOrder(action, &LabPrograms::startCet, &LabPrograms::stopCet, printCet);
+    return toDo([=](Lab& lab) { lab.cet.setAnswer(static_cast<LabCetMode>(mode - CET_MODES), delayMs); });
 }
 
-int execCommand(const Command& self, Arguments arguments)
+Order execOrder(Arguments arguments)
 {
     if (!arguments.empty() && arguments[0] == "--")
         arguments.erase(arguments.begin());
     if (arguments.empty())
-        return wrongUse(self, "which command?");
-    Lab lab(labFolderFor({}, 0));
-    if (!attached(lab))
-        return 1;
-    arguments = labCommand(arguments);
-    std::vector<std::string> environment = lab.environment();
-    std::vector<char*> command;
-    std::vector<char*> variables;
-    for (std::string& text : arguments)
-        command.push_back(text.data());
-    for (std::string& text : environment)
-        variables.push_back(text.data());
-    command.push_back(nullptr);
-    variables.push_back(nullptr);
-    execvpe(command[0], command.data(), variables.data());
-    failed(arguments[0] + ": " + strerror(errno));
-    return errno == ENOENT ? 127 : 126;
+        return {.problem = "which command?"};
+    return toDo([arguments](Lab& lab) {
+        const Arguments command = labCommand(arguments);
+        const std::vector<std::string> environment = lab.environment();
+        execvpe(command[0].c_str(), ArgumentList(command).get(), ArgumentList(environment).get());
+        const int problem = errno;
+        failed(arguments[0] + ": " + strerror(problem));
+        return problem == ENOENT ? 127 : 126;
+    });
 }

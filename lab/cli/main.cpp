@@ -3,66 +3,73 @@
 #include "commands.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 namespace {
+
+struct Command {
+    const char* name;
+    const char* usage; // lines of "NAME ..." and explanation
+    Order (*order)(Arguments arguments);
+};
 
 const Command COMMANDS[] = {
     {"up",
      "up [DIR] [--factor N] [--pan RANGE,MAXSPEED,STEPS] [--tilt RANGE,MAXSPEED,STEPS] [--speed N] [--ptzd FILE]\n"
      "   [--no-wait]\n"
      "       start a head in the background; returns once it answers and is calibrated",
-     upCommand},
+     upOrder},
     {"down",
      "down [DIR]\n"
      "       end it",
-     downCommand},
+     downOrder},
     {"run",
      "run [DIR] [options of up]\n"
      "       start a head, show its calibration, move it once, stay until interrupted",
-     runCommand},
+     runOrder},
     {"status",
      "status [DIR]\n"
      "       what runs, where the motors are, what is set to go wrong",
-     statusCommand},
+     statusOrder},
     {"motor",
      "motor x|y [fail REQUEST [N|ever] [ERROR] | delay REQUEST MS | stuck on|off | capa RANGE MAXSPEED STEPS |\n"
-     "   capa off | node on|off | speed N | journal | heal]\n"
+     "   capa off | node on|off | speed N | journal | clear]\n"
      "       look at an axis, or let it go wrong. REQUEST: GET_CAPA, SET_POSITION, GET_STATUS, SET_SPEED, ROTATE,\n"
      "       MOVE, STOP. speed: steps per second for each unit of speed",
-     motorCommand},
+     motorOrder},
     {"power-loss",
      "power-loss\n"
      "       both drivers forget position, speed and motion; the head does not move",
-     powerLossCommand},
+     powerLossOrder},
     {"clock",
      "clock [speed N | set 'YYYY-MM-DD HH:MM:SS' | real]\n"
      "       look at the lab's time, let it run N times as fast, or set its wall clock",
-     clockCommand},
+     clockOrder},
     {"cet",
      "cet [ok | late MS | wrong | nocode | silent | stop | start]\n"
      "       what the CET object answers, or whether it is there",
-     cetCommand},
+     cetOrder},
     {"bus",
      "bus [stop | start | restart]\n"
      "       the bus daemon",
-     busCommand},
+     busOrder},
     {"ptzd",
      "ptzd [kill | stop | start | restart | log]\n"
      "       the head's daemon; kill is kill -9, stop asks it to end",
-     ptzdCommand},
+     ptzdOrder},
     {"journal",
      "journal [-f]\n"
      "       every motor request; -f goes on with those to come",
-     journalCommand},
+     journalOrder},
     {"plot",
      "plot FILE.svg\n"
      "       draw pan and tilt over time",
-     plotCommand},
+     plotOrder},
     {"exec",
      "exec [--] COMMAND...\n"
      "       run a command inside the lab; ubus and uci are the lab's own",
-     execCommand},
+     execOrder},
 };
 
 int help(FILE* out)
@@ -74,6 +81,25 @@ int help(FILE* out)
     return out == stdout ? 0 : 2;
 }
 
+int wrongUse(const Command& command, const std::string& problem)
+{
+    fprintf(stderr, "ptzd-lab %s: %s\nusage: %s%s\n", command.name, problem.c_str(), typed("lab ").c_str(),
+            command.usage);
+    return 2;
+}
+
+int carryOut(const Order& order)
+{
+    const char* named = getenv("PTZD_LAB_DIR");
+    Lab lab(!order.folder.empty() ? order.folder : named && *named ? named : ".lab");
+    if (!order.startsLab && !lab.attach())
+        return failed(lab.error() + " (" + typed("lab up") + " starts one)");
+    if (!order.locks)
+        return order.carryOut(lab);
+    const WorkLock lock(lab.folder());
+    return lock.held() ? order.carryOut(lab) : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -82,8 +108,10 @@ int main(int argc, char** argv)
     if (name == "help" || name == "--help" || name == "-h")
         return help(stdout);
     for (const Command& command : COMMANDS) {
-        if (name == command.name)
-            return command.run(command, Arguments(argv + 2, argv + argc));
+        if (name != command.name)
+            continue;
+        const Order order = command.order(Arguments(argv + 2, argv + argc));
+        return order.problem.empty() ? carryOut(order) : wrongUse(command, order.problem);
     }
     if (name.empty())
         fputs("ptzd-lab: which command?\n", stderr);

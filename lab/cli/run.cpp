@@ -31,8 +31,7 @@ public:
     /// Waits that long; true once a signal has come.
     bool came(milliseconds wait)
     {
-        const timespec limit{static_cast<time_t>(wait.count() / 1000),
-                             static_cast<long>(wait.count() % 1000 * NS_PER_MS)};
+        const timespec limit = asTimespec(wait.count() * NS_PER_MS);
         came_ = came_ || sigtimedwait(&set_, nullptr, &limit) > 0;
         return came_;
     }
@@ -54,27 +53,26 @@ std::string axisLine(Lab& lab, LabAxisId axis, size_t width)
 {
     constexpr size_t MOST_CELLS = 61;
     constexpr size_t FEWEST_CELLS = 16;
+    constexpr size_t FRAME = std::char_traits<char>::length("tilt []");
     const LabAxisSetting setting = lab.motors.setting(axis);
     const LabAxisNow now = lab.motors.now(axis);
-    const int coordinate = coordinateOf(setting, now.count);
-    const char* turns = now.running ? "turns" : "rests";
-    const size_t frame = std::char_traits<char>::length("tilt []");
-    char text[96];
+    char step[48];
+    char line[192];
+    (void)snprintf(step, sizeof(step), ", step %5d of %d", now.count, setting.total_steps);
     size_t cells = 0;
-    const auto fits = [&](int length) {
-        const size_t taken = frame + static_cast<size_t>(length);
-        cells = std::min(width > taken ? width - taken : 0, MOST_CELLS);
-        return cells >= FEWEST_CELLS;
-    };
-    if (!fits(snprintf(text, sizeof(text), " coordinate %4d, step %5d of %d, %s", coordinate, now.count,
-                       setting.total_steps, turns)) &&
-        !fits(snprintf(text, sizeof(text), " coordinate %4d, %s", coordinate, turns)))
-        (void)fits(snprintf(text, sizeof(text), " %4d %s", coordinate, turns));
+    std::string text;
+    for (const char* detail : {static_cast<const char*>(step), ""}) { // the step where there is room for it
+        (void)snprintf(line, sizeof(line), " coordinate %4d%s, %s", coordinateOf(setting, now.count), detail,
+                       now.running ? "turns" : "rests");
+        text = line;
+        cells = std::min(width - std::min(width, FRAME + text.size()), MOST_CELLS);
+        if (cells >= FEWEST_CELLS)
+            break;
+    }
     std::string bar(cells, '-');
     if (cells > 0)
         bar[static_cast<size_t>(int64_t{now.count} * static_cast<int64_t>(cells - 1) / setting.total_steps)] = '#';
-    char line[192];
-    (void)snprintf(line, sizeof(line), "%-4s [%s]%s", axisName(axis), bar.c_str(), text);
+    (void)snprintf(line, sizeof(line), "%-4s [%s]%s", axisName(axis), bar.c_str(), text.c_str());
     return std::string(line).substr(0, width);
 }
 
@@ -141,19 +139,17 @@ bool turns(Lab& lab)
 
 /// Refreshes the display until the condition holds. False when a signal came, the daemon ended or the time is up.
 template <typename Condition>
-bool showUntil(Lab& lab, Display& display, EndSignals& signals, Condition condition, milliseconds limit)
+bool showUntil(Lab& lab, Display& display, EndSignals& signals, Condition condition)
 {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
+    const auto end = std::chrono::steady_clock::now() + lab.programs.calibrationTime() + LabOptions{}.startTimeout;
+    bool goesOn = true;
+    while (goesOn && !condition()) {
         display.refresh();
-        if (signals.came(REFRESH) || !lab.programs.isRunning("ptzd") || std::chrono::steady_clock::now() >= end) {
-            display.leave();
-            return false;
-        }
+        goesOn = !signals.came(REFRESH) && lab.programs.isRunning("ptzd") && std::chrono::steady_clock::now() < end;
     }
     display.refresh();
     display.leave();
-    return true;
+    return goesOn;
 }
 
 /// Why a wait ended early; the exit status.
@@ -176,20 +172,18 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals, const std:
          {"ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'", "ubus call ptzd getStatus"})
         printf("  %s\n", inThisLab(words).c_str());
     printf("Ctrl-C ends the head.\n\n");
-    bool alive = true;
-    while (!signals.came(REFRESH)) {
+    for (bool alive = true; !signals.came(REFRESH);) {
         display.refresh();
         const bool runs = lab.programs.isRunning("ptzd");
-        if (!runs && !lab.programs.isRunning("ubusd")) {
-            display.leave();
-            printf("the head was taken down\n");
-            return 0;
-        }
         if (runs == alive)
             continue;
         alive = runs;
         display.leave();
-        if (alive)
+        if (!runs && !lab.programs.isRunning("ubusd")) {
+            printf("the head was taken down\n");
+            return 0;
+        }
+        if (runs)
             printf("the daemon runs again\n");
         else
             printf("the daemon has ended; %s starts it again\n", inThisLab("lab ptzd start").c_str());
@@ -200,41 +194,37 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals, const std:
 
 } // namespace
 
-int runCommand(const Command& self, Arguments arguments)
+Order runOrder(Arguments arguments)
 {
     LabOptions options;
-    std::string problem;
-    if (!takeStartOptions(arguments, options, problem))
-        return wrongUse(self, problem);
+    Order order = startOrder(arguments, options);
     options.waitCalibrated = false;
-    const std::string folder = arguments.empty() ? "" : arguments[0];
-    Lab lab(labFolderFor(arguments, 0));
-    EndSignals signals;
-    {
-        const WorkLock lock(lab.folder());
-        if (!lock.held())
-            return 1;
-        if (lab.programs.isRunning("ptzd"))
-            return failed("a head is up in " + lab.folder() + " already; " + typed("lab down") +
-                          (folder.empty() ? "" : " ") + folder + " ends it");
-        printf("starting a head in %s\n", lab.folder().c_str());
-        fflush(stdout);
-        if (!lab.up(options))
-            return failed(lab.error());
-    }
-    Display display(lab);
-    if (!showUntil(
-            lab, display, signals, [&] { return lab.programs.isReady(); },
-            lab.programs.calibrationTime() + options.startTimeout))
-        return giveUp(lab, signals);
-    printf("calibrated\n");
+    order.carryOut = [options, folder = order.folder](Lab& lab) {
+        EndSignals signals;
+        {
+            const WorkLock lock(lab.folder());
+            if (!lock.held())
+                return 1;
+            if (lab.programs.isRunning("ptzd"))
+                return failed("a head is up in " + lab.folder() + " already; " + typed("lab down") +
+                              (folder.empty() ? "" : " ") + folder + " ends it");
+            printf("starting a head in %s\n", lab.folder().c_str());
+            fflush(stdout);
+            if (!lab.up(options))
+                return failed(lab.error());
+        }
+        Display display(lab);
+        if (!showUntil(lab, display, signals, [&] { return lab.programs.isReady(); }))
+            return giveUp(lab, signals);
+        printf("calibrated\n");
 
-    constexpr const char* TARGET = R"({"x_coord":"30","y_coord":"0"})";
-    printf("moveTo %s: %s\n", TARGET, lab.call("moveTo", TARGET).c_str());
-    if (!showUntil(
-            lab, display, signals, [&] { return !turns(lab); }, lab.programs.calibrationTime() + options.startTimeout))
-        return giveUp(lab, signals);
-    printf("getStatus: %s\n", lab.call("getStatus").c_str());
-    fflush(stdout);
-    return isatty(STDIN_FILENO) ? stayInForeground(lab, display, signals, folder) : 0;
+        constexpr const char* TARGET = R"({"x_coord":"30","y_coord":"0"})";
+        printf("moveTo %s: %s\n", TARGET, lab.call("moveTo", TARGET).c_str());
+        if (!showUntil(lab, display, signals, [&] { return !turns(lab); }))
+            return giveUp(lab, signals);
+        printf("getStatus: %s\n", lab.call("getStatus").c_str());
+        fflush(stdout);
+        return isatty(STDIN_FILENO) ? stayInForeground(lab, display, signals, folder) : 0;
+    };
+    return order;
 }

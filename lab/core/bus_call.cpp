@@ -1,14 +1,13 @@
 #include "bus_call.h"
 
-#include <fcntl.h>
+#include "lab/socket_address.h"
+
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 
 extern "C" {
@@ -22,65 +21,20 @@ using Clock = std::chrono::steady_clock;
 
 std::mutex gBusLibrary;
 
-/// A socket's path that fits into a socket address: a long one goes through a descriptor of its folder.
-class SocketPath {
-public:
-    explicit SocketPath(const std::string& path) : text_(path)
-    {
-        if (path.size() < sizeof(sockaddr_un::sun_path))
-            return;
-        const size_t slash = path.rfind('/');
-        folder_ = open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        text_ = "/proc/self/fd/" + std::to_string(folder_) + path.substr(slash);
-    }
-    ~SocketPath()
-    {
-        if (folder_ >= 0)
-            close(folder_);
-    }
-    SocketPath(const SocketPath&) = delete;
-    SocketPath& operator=(const SocketPath&) = delete;
-    const std::string& text() const
-    {
-        return text_;
-    }
-
-private:
-    std::string text_;
-    int folder_ = -1;
-};
-
-/// One connection. Every member needs gBusLibrary.
-class Connection {
-public:
-    explicit Connection(const std::string& socket)
-    {
-        // The library makes itself at home in the process with the first connection; its signals stay ours.
-        uloop_handle_sigchld = false;
-        struct sigaction interrupt {};
-        struct sigaction terminate {};
-        sigaction(SIGINT, nullptr, &interrupt);
-        sigaction(SIGTERM, nullptr, &terminate);
-        const SocketPath path(socket);
-        context_ = ubus_connect(path.text().c_str());
-        sigaction(SIGINT, &interrupt, nullptr);
-        sigaction(SIGTERM, &terminate, nullptr);
-    }
-    ~Connection()
-    {
-        if (context_)
-            ubus_free(context_);
-    }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-    ubus_context* get()
-    {
-        return context_;
-    }
-
-private:
-    ubus_context* context_ = nullptr;
-};
+/// A connection, or null. Needs gBusLibrary, as its end does.
+std::unique_ptr<ubus_context, decltype(&ubus_free)> connectTo(const std::string& socket)
+{
+    // The library makes itself at home in the process with the first connection; its signals stay ours.
+    uloop_handle_sigchld = false;
+    struct sigaction interrupt {};
+    struct sigaction terminate {};
+    sigaction(SIGINT, nullptr, &interrupt);
+    sigaction(SIGTERM, nullptr, &terminate);
+    ubus_context* connection = ubus_connect(SocketAddress(socket.c_str()).path());
+    sigaction(SIGINT, &interrupt, nullptr);
+    sigaction(SIGTERM, &terminate, nullptr);
+    return {connection, ubus_free};
+}
 
 struct Call {
     ubus_request request{};
@@ -131,26 +85,12 @@ int beginCall(ubus_context* context, Call& call, const std::string& object, cons
 
 } // namespace
 
-bool busAnswers(const std::string& socket)
-{
-    const SocketPath path(socket);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.text().size() >= sizeof(address.sun_path))
-        return false;
-    path.text().copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answers = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(fd);
-    return answers;
-}
-
 LabReply callOnBus(const std::string& socket, const std::string& object, const std::string& method,
                    const std::string& json, std::chrono::milliseconds timeout)
 {
     const auto deadline = Clock::now() + timeout;
     std::unique_lock hold(gBusLibrary);
-    Connection connection(socket);
+    const auto connection = connectTo(socket);
     ubus_context* context = connection.get();
     if (!context)
         return {UBUS_STATUS_CONNECTION_FAILED, ""};

@@ -3,9 +3,6 @@
 
 #include "lab/lab.h"
 
-/// True when a bus daemon accepts connections on that socket.
-bool busAnswers(const std::string& socket);
-
 /// Calls a method and waits for its end. Any thread: a lock covers every use of the bus library, which is not safe
 /// across threads everywhere, but is not held while waiting, so calls of several threads run side by side.
 LabReply callOnBus(const std::string& socket, const std::string& object, const std::string& method,

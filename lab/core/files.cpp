@@ -1,6 +1,5 @@
 #include "files.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,14 +23,6 @@ bool writeFile(const std::string& path, const std::string& text)
         return false;
     std::error_code problem;
     std::filesystem::rename(fresh, path, problem);
-    return !problem;
-}
-
-bool makeFolders(const std::string& path)
-{
-    std::error_code problem;
-    std::filesystem::create_directories(path, problem);
-    errno = problem.value();
     return !problem;
 }
 

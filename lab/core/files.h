@@ -7,7 +7,5 @@
 std::string readFile(const std::string& path);
 /// Replaces a file; a reader sees the old or the new text, whole.
 bool writeFile(const std::string& path, const std::string& text);
-/// Creates a folder and those above it.
-bool makeFolders(const std::string& path);
 /// The last lines of a text, each indented by two blanks.
 std::string tailOf(const std::string& text, int lines);

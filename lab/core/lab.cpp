@@ -9,9 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <sstream>
 

@@ -12,13 +12,6 @@
 
 namespace {
 
-int64_t machineWallNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
-}
-
 constexpr const char* WALL_FORMAT = "%Y-%m-%d %H:%M:%S";
 
 } // namespace
@@ -134,7 +127,7 @@ void LabTime::setSpeed(double labPerReal)
     const LabLock hold(*base_.state);
     const auto speedMilli = static_cast<int64_t>(std::llround(labPerReal * CLOCK_SPEED_ONE));
     if (speedMilli != readClock(*base_.state).speedMilli)
-        setClockSpeed(*base_.state, speedMilli, machineWallNs());
+        setClockSpeed(*base_.state, speedMilli);
 }
 
 bool LabTime::setWall(const std::string& localTime)
@@ -163,9 +156,7 @@ double LabTime::speed() const
 
 std::string LabTime::wall() const
 {
-    const LabClock clock = readClock(*base_.state);
-    const time_t now =
-        static_cast<time_t>((clock.wallIsReal ? machineWallNs() : wallTimeAt(clock, monotonicNs())) / NS_PER_SECOND);
+    const auto now = static_cast<time_t>(wallNow(*base_.state) / NS_PER_SECOND);
     tm parts{};
     char text[64];
     localtime_r(&now, &parts);

@@ -17,24 +17,6 @@
 
 namespace {
 
-/// An array of C strings for exec, made before the fork: nothing may be allocated after it.
-class ArgumentList {
-public:
-    explicit ArgumentList(const std::vector<std::string>& texts)
-    {
-        for (const std::string& text : texts)
-            list_.push_back(const_cast<char*>(text.c_str()));
-        list_.push_back(nullptr);
-    }
-    char** get()
-    {
-        return list_.data();
-    }
-
-private:
-    std::vector<char*> list_;
-};
-
 struct Pipe {
     Pipe()
     {
@@ -107,18 +89,16 @@ pid_t startProcess(const ProgramStart& start, std::string& error)
     Pipe report;
     const pid_t parent = getpid();
     const pid_t child = fork();
-    if (child < 0) {
-        error = "cannot start " + start.command[0] + ": " + strerror(errno);
-        return 0;
-    }
+    int problem = errno;
     if (child == 0)
         becomeProgram(start, command.get(), environment.get(), parent, report.ends[1]);
     report.closeEnd(1);
-    int problem = 0;
-    if (read(report.ends[0], &problem, sizeof(problem)) <= 0)
-        return child; // closed by the exec
-    waitpid(child, nullptr, 0);
-    unlink(start.pidFile.c_str());
+    if (child > 0) {
+        if (read(report.ends[0], &problem, sizeof(problem)) <= 0)
+            return child; // closed by the exec
+        waitpid(child, nullptr, 0);
+        unlink(start.pidFile.c_str());
+    }
     error = "cannot start " + start.command[0] + ": " + strerror(problem);
     return 0;
 }

@@ -8,6 +8,25 @@
 #include <string>
 #include <vector>
 
+/// An array of C strings for exec over texts that must outlive it, made before a fork: nothing may be allocated after
+/// it.
+class ArgumentList {
+public:
+    explicit ArgumentList(const std::vector<std::string>& texts)
+    {
+        for (const std::string& text : texts)
+            list_.push_back(const_cast<char*>(text.c_str()));
+        list_.push_back(nullptr);
+    }
+    char** get()
+    {
+        return list_.data();
+    }
+
+private:
+    std::vector<char*> list_;
+};
+
 struct ProgramStart {
     std::vector<std::string> command;     // program file or name on the PATH, then its arguments
     std::vector<std::string> environment; // NAME=VALUE, all of it

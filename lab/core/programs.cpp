@@ -2,7 +2,6 @@
 
 #include "lab/lab.h"
 
-#include "bus_call.h"
 #include "files.h"
 #include "lab/clock.h"
 #include "lab_paths.h"
@@ -20,6 +19,10 @@ using std::chrono::milliseconds;
 constexpr const char* PROGRAMS[] = {"ptzd", "cet", "ubusd"}; // in the order in which they are ended
 constexpr milliseconds END_TIMEOUT{5000};
 constexpr milliseconds PTZD_END_TIMEOUT{10000};
+
+// Of the bus's statuses.
+constexpr int NO_SUCH_METHOD = 3;
+constexpr int NO_SUCH_OBJECT = 4;
 
 std::string pidFileOf(const std::string& folder, const std::string& program)
 {
@@ -114,7 +117,7 @@ bool LabPrograms::isRunning(const std::string& program) const
 bool LabPrograms::startBus()
 {
     return start("ubusd", {LAB_UBUSD, "-s", LAB_BUS_SOCKET}) &&
-           awaitAnswer("ubusd", [this] { return busAnswers(base_.busSocket()); });
+           awaitAnswer("ubusd", [this] { return base_.invoke("none", "none").status == NO_SUCH_OBJECT; });
 }
 
 bool LabPrograms::stopBus()
@@ -128,7 +131,6 @@ bool LabPrograms::startCet()
         return false;
     if (!isRunning("ubusd"))
         return true; // it registers once there is a bus
-    constexpr int NO_SUCH_METHOD = 3;
     return awaitAnswer("cet", [this] { return base_.invoke("CET", "none").status == NO_SUCH_METHOD; });
 }
 

@@ -6,16 +6,12 @@
 #include "lab/clock.h"
 #include "lab_paths.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -40,15 +36,6 @@ bool moveFile(const std::string& from, const std::string& to)
     return rename(from.c_str(), to.c_str()) == 0;
 }
 
-/// Creates a file unless it is there; false when that fails.
-bool touch(const std::string& path)
-{
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd >= 0)
-        close(fd);
-    return fd >= 0;
-}
-
 /// Default settings that the folder does not have yet, then the given packages.
 bool copySettings(const std::string& folder, const std::map<std::string, std::string>& packages)
 {
@@ -66,26 +53,22 @@ bool copySettings(const std::string& folder, const std::map<std::string, std::st
     return written && !problem;
 }
 
+void linkAnew(const std::string& target, const std::string& path)
+{
+    std::error_code ignored;
+    fs::remove(path, ignored);
+    fs::create_symlink(target, path, ignored);
+}
+
 /// Newer bus libraries look for the bus in a folder of its own; both names lead to the one socket.
 void linkBusSocket(const std::string& folder)
 {
-    const std::string plain = folder + "/var/run/ubus.sock";
-    const std::string below = folder + "/var/run/ubus/ubus.sock";
-    std::error_code ignored;
-    fs::remove(plain, ignored);
-    fs::remove(below, ignored);
-    if (std::string(LAB_BUS_SOCKET).ends_with("/ubus/ubus.sock"))
-        fs::create_symlink("ubus/ubus.sock", plain, ignored);
+    const bool below = std::string(LAB_BUS_SOCKET).ends_with("/ubus/ubus.sock");
+    unlink((folder + "/var/run" + (below ? "/ubus/ubus.sock" : "/ubus.sock")).c_str());
+    if (below)
+        linkAnew("ubus/ubus.sock", folder + "/var/run/ubus.sock");
     else
-        fs::create_symlink("../ubus.sock", below, ignored);
-}
-
-/// The machine's zone until another is set; without a file it is UTC for both.
-void linkZone(const std::string& folder)
-{
-    std::error_code ignored;
-    fs::remove(folder + LAB_ZONE_FILE, ignored);
-    fs::create_symlink(LAB_ZONE_FILE, folder + LAB_ZONE_FILE, ignored);
+        linkAnew("../ubus.sock", folder + "/var/run/ubus/ubus.sock");
 }
 
 /// A zone file whose rule counts for all times after 1901: the format's first part, for old readers, and its second.
@@ -99,18 +82,6 @@ std::string zoneFile(const std::string& rule)
     const std::string type = std::string(6, '\0') + std::string("UTC", 4); // offset, no daylight saving, name
     const std::string since = std::string(4, '\xff') + '\x80' + std::string(3, '\0');
     return part(0) + type + part(1) + since + '\0' + type + "\n" + rule + "\n";
-}
-
-/// A zeroed record of the state, in a file that becomes DIR/state when it is complete.
-LabState* mapFreshState(const std::string& path)
-{
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    void* memory = MAP_FAILED;
-    if (fd >= 0 && ftruncate(fd, sizeof(LabState)) == 0)
-        memory = mmap(nullptr, sizeof(LabState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (fd >= 0)
-        close(fd);
-    return memory == MAP_FAILED ? nullptr : static_cast<LabState*>(memory);
 }
 
 /// Where the shafts of an earlier lab in this folder stand; -1 without one.
@@ -147,16 +118,18 @@ bool Lab::prepare(const LabOptions& wanted)
 {
     options = wanted;
     for (const char* name : FOLDERS) {
-        if (!makeFolders(folder() + "/" + name))
-            return fail("cannot create " + folder() + "/" + name + ": " + strerror(errno));
+        std::error_code problem;
+        fs::create_directories(folder() + "/" + name, problem);
+        if (problem)
+            return fail("cannot create " + folder() + "/" + name + ": " + problem.message());
     }
     if (!copySettings(folder(), options.config))
         return fail("cannot copy the settings to " + folder() + "/etc/config");
     linkBusSocket(folder());
-    linkZone(folder());
+    linkAnew(LAB_ZONE_FILE, folder() + LAB_ZONE_FILE); // the machine's; without a file it is UTC for both
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         if (!motors.hasNode(axis) && !moveFile(hiddenNodePath(folder(), axis), nodePath(folder(), axis)) &&
-            !touch(nodePath(folder(), axis)))
+            !writeFile(nodePath(folder(), axis), ""))
             return fail("cannot create " + nodePath(folder(), axis));
     }
     std::string start = options.ptzd + "\n";
@@ -176,13 +149,13 @@ bool Lab::createState()
 {
     const std::array<int32_t, LAB_AXIS_COUNT> shafts = formerShafts(folder());
     const std::string path = folder() + "/state";
-    LabState* fresh = mapFreshState(path + ".new");
+    LabState* fresh = createLabState((path + ".new").c_str());
     if (!fresh)
         return false;
     if (state)
         munmap(state, sizeof(LabState));
     state = fresh;
-    bool complete = initLabState(*fresh) == 0;
+    bool complete = true;
     const LabAxisSetting built[] = {options.pan, options.tilt};
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisRecord& record = fresh->axes[axis];

@@ -1,15 +1,17 @@
-#include "motor_device.h"
+// The two motor devices, as a program sees them through ioctl(2).
 
 #include "context.h"
-#include "journal_descriptor.h"
 #include "lab/clock.h"
 #include "lab/journal.h"
 
+#include <fcntl.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 namespace {
@@ -32,6 +34,36 @@ constexpr uint32_t REQUEST_WORDS[LAB_REQUEST_COUNT] = {
 };
 constexpr int WORD_SPEED = 1;
 constexpr int WORD_STEPS = 2;
+
+/// Beyond what a program uses, and within what the kernel's second smallest table of descriptors holds.
+constexpr int LOWEST_JOURNAL = 200;
+
+// The journal, kept open from request to request. A child of fork inherits it. Changed with LabState::lock held.
+constinit int gJournal = -1;
+constinit struct stat gJournalFile {
+};
+
+/// A descriptor to append to the journal; -1 when there is none to be had. The program knows nothing of it and may
+/// close it or put a file of its own at its number, which must not get the lab's text; and the journal may be deleted.
+/// So it is opened anew where the number is another file's. Needs LabState::lock until the line is written.
+int journalDescriptor()
+{
+    struct stat info {};
+    const bool ours = gJournal >= 0 && fstat(gJournal, &info) == 0 && info.st_dev == gJournalFile.st_dev &&
+                      info.st_ino == gJournalFile.st_ino;
+    if (ours && info.st_nlink > 0)
+        return gJournal;
+    if (ours)
+        close(gJournal);
+    gJournal = openJournal(labFolder());
+    const int moved = fcntl(gJournal, F_DUPFD_CLOEXEC, LOWEST_JOURNAL);
+    if (moved >= 0) { // else so few descriptors are allowed
+        close(gJournal);
+        gJournal = moved;
+    }
+    (void)fstat(gJournal, &gJournalFile);
+    return gJournal;
+}
 
 struct Words {
     int32_t word[LAB_WORDS];
@@ -162,8 +194,7 @@ void delayAnswer(LabState& state, LabAxisId id, unsigned request)
     }
 }
 
-} // namespace
-
+/// Which axis a descriptor is open on; LAB_AXIS_COUNT: none.
 unsigned motorAxisOf(int fd)
 {
     const LabState* state = labState();
@@ -177,6 +208,8 @@ unsigned motorAxisOf(int fd)
     return axis;
 }
 
+/// Serves one of the seven requests. 0, or an errno value. Blocks while a ROTATE turns and while a delay lasts; holds
+/// LabState::lock only to look at and change the axis.
 int serveMotor(unsigned axis, unsigned request, void* record)
 {
     LabState& state = *labState();
@@ -196,6 +229,8 @@ int serveMotor(unsigned axis, unsigned request, void* record)
         memcpy(record, &words, sizeof(words));
     return result;
 }
+
+} // namespace
 
 #pragma GCC visibility push(default)
 

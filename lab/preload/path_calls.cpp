@@ -63,29 +63,16 @@ mode_t modeArgument(int flags, va_list arguments)
     return takesMode(flags) ? static_cast<mode_t>(va_arg(arguments, unsigned)) : 0;
 }
 
-/// mkstemp and its kin write the name that they found into the template, which must stay as long as it was.
-class Template {
-public:
-    Template(char* text, int suffixLength) : text_(text), suffix_(suffixLength), path_(text)
-    {
-    }
-    char* get()
-    {
-        return const_cast<char*>(path_.get());
-    }
-    int finish(int fd)
-    {
-        const size_t tail = 6 + static_cast<size_t>(suffix_ > 0 ? suffix_ : 0);
-        if (fd >= 0 && path_.moved())
-            memcpy(text_ + strlen(text_) - tail, path_.get() + strlen(path_.get()) - tail, tail);
-        return fd;
-    }
-
-private:
-    char* text_;
-    int suffix_;
-    LabPath path_;
-};
+/// mkstemp writes the six letters that it found into the template, which must stay as long as it was.
+int makeTemporary(int (*next)(char*), char* text)
+{
+    const LabPath path(text);
+    const int fd = next(const_cast<char*>(path.get()));
+    constexpr size_t LETTERS = 6;
+    if (fd >= 0 && path.moved())
+        memcpy(text + strlen(text) - LETTERS, path.get() + strlen(path.get()) - LETTERS, LETTERS);
+    return fd;
+}
 
 template <typename Call, typename Result>
 int globInLab(Call next, const char* pattern, int flags, int (*onError)(const char*, int), Result* found)
@@ -93,16 +80,12 @@ int globInLab(Call next, const char* pattern, int flags, int (*onError)(const ch
     const LabPath path(pattern);
     if (!path.moved())
         return next(pattern, flags, onError, found);
-    char whole[2 * PATH_MAX];
-    const char* rest = path.get() + strlen(labFolder());
-    if ((flags & GLOB_NOESCAPE) != 0)
-        snprintf(whole, sizeof(whole), "%s", labFolder());
-    else if (!escapeForGlob(labFolder(), whole, sizeof(whole)))
-        return GLOB_NOSPACE;
-    const size_t used = strlen(whole);
-    if (snprintf(whole + used, sizeof(whole) - used, "%s", rest) >= static_cast<int>(sizeof(whole) - used))
-        return GLOB_NOSPACE;
-    const int result = next(whole, flags, onError, found);
+    char inLab[PATH_MAX];
+    snprintf(inLab, sizeof(inLab), "%s", path.get());
+    for (size_t i = 0; i < strlen(labFolder()); ++i)
+        if (strchr("*?[]\\{}", inLab[i]))
+            inLab[i] = '?'; // which stands for itself, too
+    const int result = next(inLab, flags, onError, found);
     for (size_t i = 0; result == 0 && i < found->gl_pathc; ++i)
         restorePath(found->gl_pathv[found->gl_offs * ((flags & GLOB_DOOFFS) != 0) + i]);
     return result;
@@ -112,29 +95,19 @@ int globInLab(Call next, const char* pattern, int flags, int (*onError)(const ch
 
 extern "C" {
 
-#define OPEN_CALL(name)                                                                                                \
-    int name(const char* file, int flags, ...)                                                                         \
+// A call that opens `file`, perhaps at a folder `at`.
+#define OPEN_CALL(name, parameters, ...)                                                                               \
+    int name parameters                                                                                                \
     {                                                                                                                  \
         va_list arguments;                                                                                             \
         va_start(arguments, flags);                                                                                    \
         const mode_t mode = modeArgument(flags, arguments);                                                            \
         va_end(arguments);                                                                                             \
         const LabPath path(file);                                                                                      \
-        return NEXT(name)(path.get(), flagsFor(path, flags), mode);                                                    \
+        return NEXT(name)(__VA_ARGS__ path.get(), flagsFor(path, flags), mode);                                        \
     }
-OPEN_CALL(open)
-
-#define OPENAT_CALL(name)                                                                                              \
-    int name(int folder, const char* file, int flags, ...)                                                             \
-    {                                                                                                                  \
-        va_list arguments;                                                                                             \
-        va_start(arguments, flags);                                                                                    \
-        const mode_t mode = modeArgument(flags, arguments);                                                            \
-        va_end(arguments);                                                                                             \
-        const LabPath path(file);                                                                                      \
-        return NEXT(name)(folder, path.get(), flagsFor(path, flags), mode);                                            \
-    }
-OPENAT_CALL(openat)
+OPEN_CALL(open, (const char* file, int flags, ...))
+OPEN_CALL(openat, (int at, const char* file, int flags, ...), at, )
 
 // A call that hands one path on: its parameters, and its arguments with the path as `path`.
 #define PATH_CALL(result, name, parameters, arguments, ...)                                                            \
@@ -145,17 +118,12 @@ OPENAT_CALL(openat)
         return NEXT(name) arguments;                                                                                   \
     }
 
-PATH_CALL(int, creat, (const char* file, mode_t mode), (path, mode))
 PATH_CALL(int, access, (const char* file, int type), (path, type), C_NOEXCEPT)
 PATH_CALL(int, faccessat, (int at, const char* file, int type, int flags), (at, path, type, flags), C_NOEXCEPT)
 PATH_CALL(int, mkdir, (const char* file, mode_t mode), (path, mode), C_NOEXCEPT)
 PATH_CALL(int, mkdirat, (int at, const char* file, mode_t mode), (at, path, mode), C_NOEXCEPT)
 PATH_CALL(int, chmod, (const char* file, mode_t mode), (path, mode), C_NOEXCEPT)
 PATH_CALL(int, fchmodat, (int at, const char* file, mode_t mode, int flags), (at, path, mode, flags), C_NOEXCEPT)
-PATH_CALL(int, chown, (const char* file, uid_t user, gid_t group), (path, user, group), C_NOEXCEPT)
-PATH_CALL(int, lchown, (const char* file, uid_t user, gid_t group), (path, user, group), C_NOEXCEPT)
-PATH_CALL(int, fchownat, (int at, const char* file, uid_t user, gid_t group, int flags), (at, path, user, group, flags),
-          C_NOEXCEPT)
 PATH_CALL(int, utimensat, (int at, const char* file, const timespec times[2], int flags), (at, path, times, flags),
           C_NOEXCEPT)
 PATH_CALL(int, chdir, (const char* file), (path), C_NOEXCEPT)
@@ -175,59 +143,36 @@ PATH_CALL(int, statx, (int at, const char* file, int flags, unsigned mask, struc
           (at, path, flags, mask, info), C_NOEXCEPT)
 
 PATH_CALL(DIR*, opendir, (const char* file), (path))
-PATH_CALL(int, scandir,
-          (const char* file, dirent*** list, int (*filter)(const dirent*),
-           int (*compare)(const dirent**, const dirent**)),
-          (path, list, filter, compare))
 
-FILE* fopen(const char* file, const char* mode)
-{
-    const LabPath path(file);
-    return NEXT(fopen)(path.get(), StreamMode(path, mode).text);
-}
+#define STREAM_CALL(name)                                                                                              \
+    FILE* name(const char* file, const char* mode)                                                                     \
+    {                                                                                                                  \
+        const LabPath path(file);                                                                                      \
+        return NEXT(name)(path.get(), StreamMode(path, mode).text);                                                    \
+    }
+STREAM_CALL(fopen)
 
-int rename(const char* from, const char* to) C_NOEXCEPT
-{
-    return NEXT(rename)(LabPath(from).get(), LabPath(to).get());
-}
-
-int renameat(int fromAt, const char* from, int toAt, const char* to) C_NOEXCEPT
-{
-    return NEXT(renameat)(fromAt, LabPath(from).get(), toAt, LabPath(to).get());
-}
-
-int renameat2(int fromAt, const char* from, int toAt, const char* to, unsigned flags) C_NOEXCEPT
-{
-    return NEXT(renameat2)(fromAt, LabPath(from).get(), toAt, LabPath(to).get(), flags);
-}
-
-int link(const char* from, const char* to) C_NOEXCEPT
-{
-    return NEXT(link)(LabPath(from).get(), LabPath(to).get());
-}
-
-// The link's text is mapped too, since the kernel, not we, will follow it.
-int symlink(const char* text, const char* file) C_NOEXCEPT
-{
-    return NEXT(symlink)(LabPath(text).get(), LabPath(file).get());
-}
+// A call with two paths: its parameters, and its arguments with the paths as `first` and `second`. A symbolic link's
+// text is mapped too, since the kernel, not we, will follow it.
+#define TWO_PATHS_CALL(name, parameters, arguments)                                                                    \
+    int name parameters C_NOEXCEPT                                                                                     \
+    {                                                                                                                  \
+        const LabPath mappedFrom(from);                                                                                \
+        const LabPath mappedTo(to);                                                                                    \
+        const char* first = mappedFrom.get();                                                                          \
+        const char* second = mappedTo.get();                                                                           \
+        return NEXT(name) arguments;                                                                                   \
+    }
+TWO_PATHS_CALL(rename, (const char* from, const char* to), (first, second))
+TWO_PATHS_CALL(renameat, (int fromAt, const char* from, int toAt, const char* to), (fromAt, first, toAt, second))
+TWO_PATHS_CALL(renameat2, (int fromAt, const char* from, int toAt, const char* to, unsigned flags),
+               (fromAt, first, toAt, second, flags))
+TWO_PATHS_CALL(link, (const char* from, const char* to), (first, second))
+TWO_PATHS_CALL(symlink, (const char* from, const char* to), (first, second))
 
 int mkstemp(char* text)
 {
-    Template name(text, 0);
-    return name.finish(NEXT(mkstemp)(name.get()));
-}
-
-int mkostemp(char* text, int flags)
-{
-    Template name(text, 0);
-    return name.finish(NEXT(mkostemp)(name.get(), flags));
-}
-
-int mkstemps(char* text, int suffixLength)
-{
-    Template name(text, suffixLength);
-    return name.finish(NEXT(mkstemps)(name.get(), suffixLength));
+    return makeTemporary(NEXT(mkstemp), text);
 }
 
 int glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* found) C_NOEXCEPT
@@ -237,28 +182,20 @@ int glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_
 
 #ifdef __GLIBC__ // its further names: for large files, and for calls with checks
 
-OPEN_CALL(open64)
-OPENAT_CALL(openat64)
+OPEN_CALL(open64, (const char* file, int flags, ...))
+OPEN_CALL(openat64, (int at, const char* file, int flags, ...), at, )
 
-#define CHECKED_OPEN_CALL(name)                                                                                        \
-    int name(const char* file, int flags)                                                                              \
+#define CHECKED_OPEN_CALL(name, parameters, ...)                                                                       \
+    int name parameters                                                                                                \
     {                                                                                                                  \
         const LabPath path(file);                                                                                      \
-        return NEXT(name)(path.get(), flagsFor(path, flags));                                                          \
+        return NEXT(name)(__VA_ARGS__ path.get(), flagsFor(path, flags));                                              \
     }
-CHECKED_OPEN_CALL(__open_2)
-CHECKED_OPEN_CALL(__open64_2)
+CHECKED_OPEN_CALL(__open_2, (const char* file, int flags))
+CHECKED_OPEN_CALL(__open64_2, (const char* file, int flags))
+CHECKED_OPEN_CALL(__openat_2, (int at, const char* file, int flags), at, )
+CHECKED_OPEN_CALL(__openat64_2, (int at, const char* file, int flags), at, )
 
-#define CHECKED_OPENAT_CALL(name)                                                                                      \
-    int name(int folder, const char* file, int flags)                                                                  \
-    {                                                                                                                  \
-        const LabPath path(file);                                                                                      \
-        return NEXT(name)(folder, path.get(), flagsFor(path, flags));                                                  \
-    }
-CHECKED_OPENAT_CALL(__openat_2)
-CHECKED_OPENAT_CALL(__openat64_2)
-
-PATH_CALL(int, creat64, (const char* file, mode_t mode), (path, mode))
 PATH_CALL(int, truncate64, (const char* file, off64_t size), (path, size), C_NOEXCEPT)
 PATH_CALL(ssize_t, __readlink_chk, (const char* file, char* text, size_t length, size_t size),
           (path, text, length, size))
@@ -267,27 +204,12 @@ PATH_CALL(int, stat64, (const char* file, struct stat64* info), (path, info), C_
 PATH_CALL(int, lstat64, (const char* file, struct stat64* info), (path, info), C_NOEXCEPT)
 PATH_CALL(int, fstatat64, (int at, const char* file, struct stat64* info, int flags), (at, path, info, flags),
           C_NOEXCEPT)
-PATH_CALL(int, scandir64,
-          (const char* file, dirent64*** list, int (*filter)(const dirent64*),
-           int (*compare)(const dirent64**, const dirent64**)),
-          (path, list, filter, compare))
 
-FILE* fopen64(const char* file, const char* mode)
-{
-    const LabPath path(file);
-    return NEXT(fopen64)(path.get(), StreamMode(path, mode).text);
-}
+STREAM_CALL(fopen64)
 
 int mkstemp64(char* text)
 {
-    Template name(text, 0);
-    return name.finish(NEXT(mkstemp64)(name.get()));
-}
-
-int mkostemp64(char* text, int flags)
-{
-    Template name(text, 0);
-    return name.finish(NEXT(mkostemp64)(name.get(), flags));
+    return makeTemporary(NEXT(mkstemp64), text);
 }
 
 int glob64(const char* pattern, int flags, int (*onError)(const char*, int), glob64_t* found) C_NOEXCEPT

@@ -93,20 +93,3 @@ void restorePath(char* path)
     const char* rest = path + strlen(folder);
     memmove(path, rest, strlen(rest) + 1);
 }
-
-bool escapeForGlob(const char* text, char* out, size_t size)
-{
-    for (; *text; ++text) {
-        const bool special = strchr("*?[]\\{}~", *text) != nullptr;
-        if (size < (special ? 3u : 2u))
-            return false;
-        if (special) {
-            *out++ = '\\';
-            --size;
-        }
-        *out++ = *text;
-        --size;
-    }
-    *out = '\0';
-    return true;
-}

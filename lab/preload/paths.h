@@ -36,7 +36,3 @@ private:
 
 /// Turns a path below the lab folder back into the one that a program asked for, in place; others stay.
 void restorePath(char* path);
-
-/// Writes `text` to `out` (size bytes in all) with a backslash before each character that glob treats specially.
-/// False when it does not fit.
-bool escapeForGlob(const char* text, char* out, size_t size);

@@ -5,11 +5,10 @@
 // Every other kind of timer, and all of them with PTZD_LAB_GLIBC_TIMERS=1, goes to the C library.
 
 #include "context.h"
-#include "lab_sleep.h"
+#include "lab/clock.h"
 
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -22,7 +21,7 @@ constexpr int TIMER_MAX = 64;
 constexpr int64_t UNARMED = INT64_MAX;
 
 /// Callbacks of one timer that may run at a time. A callback that takes long in real time while the clock runs fast
-/// would else have thousands of threads waiting; expiries beyond count as overruns.
+/// would else have thousands of threads waiting; expiries beyond are lost.
 constexpr int CALLBACK_MAX = 32;
 
 struct LabTimer {
@@ -34,7 +33,6 @@ struct LabTimer {
     int64_t nextNs;   // lab time of the next expiry, or UNARMED
     int64_t periodNs; // 0: expires once
     int running;
-    int overruns;
 };
 
 /// What a new thread is to do; it frees the record.
@@ -92,17 +90,14 @@ bool startThread(void* (*routine)(void*), void* argument, size_t stackSize)
 void expire(LabTimer& timer)
 {
     auto* expiry = timer.running < CALLBACK_MAX ? static_cast<Expiry*>(malloc(sizeof(Expiry))) : nullptr;
-    if (!expiry) {
-        ++timer.overruns;
+    if (!expiry)
         return;
-    }
     *expiry = {timer.callback, timer.argument, &timer};
     ++timer.running;
     if (startThread(runExpiry, expiry, timer.stackSize))
         return;
     free(expiry);
     --timer.running;
-    ++timer.overruns;
 }
 
 /// Expires what is due and returns the lab time of the next expiry, UNARMED if none is armed. Expiries of one timer
@@ -188,22 +183,6 @@ int64_t expiryNs(const LabState& state, const LabTimer& timer, int flags, const 
     return labTimeAt(readClock(state), nanoseconds(value));
 }
 
-/// Needs gLock.
-itimerspec remaining(const LabState& state, const LabTimer& timer)
-{
-    itimerspec result{};
-    if (timer.nextNs == UNARMED)
-        return result;
-    result.it_interval = asTimespec(timer.periodNs);
-    result.it_value = asTimespec(std::max<int64_t>(timer.nextNs - labNow(state), 1));
-    return result;
-}
-
-bool isValid(const timespec& time)
-{
-    return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < NS_PER_SECOND;
-}
-
 } // namespace
 
 #pragma GCC visibility push(default)
@@ -222,7 +201,7 @@ int timer_create(clockid_t clock, sigevent* event, timer_t* id) C_NOEXCEPT
         std::find_if(gTimers, gTimers + TIMER_MAX, [](const LabTimer& t) { return !t.used && t.running == 0; });
     if (timer == gTimers + TIMER_MAX)
         return fail(EAGAIN);
-    *timer = {true, clock, event->sigev_notify_function, event->sigev_value, stackSize, UNARMED, 0, 0, 0};
+    *timer = {true, clock, event->sigev_notify_function, event->sigev_value, stackSize, UNARMED, 0, 0};
     *id = timer;
     labState()->timersCreated.fetch_add(1);
     return 0;
@@ -236,11 +215,8 @@ int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* ol
     auto& timer = *static_cast<LabTimer*>(id);
     {
         const Locked hold;
-        if (!timer.used || !isValid(value->it_value) || !isValid(value->it_interval))
+        if (!timer.used || old || !isValid(value->it_value) || !isValid(value->it_interval))
             return fail(EINVAL);
-        if (old)
-            *old = remaining(state, timer);
-        timer.overruns = 0;
         timer.nextNs = UNARMED;
         if (nanoseconds(value->it_value) == 0)
             return 0;
@@ -251,26 +227,6 @@ int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* ol
     }
     bumpAndWake(state.wake);
     return 0;
-}
-
-int timer_gettime(timer_t id, itimerspec* value) C_NOEXCEPT
-{
-    if (!ownsTimer(id))
-        return NEXT(timer_gettime)(id, value);
-    const auto& timer = *static_cast<LabTimer*>(id);
-    const Locked hold;
-    if (!timer.used)
-        return fail(EINVAL);
-    *value = remaining(*labState(), timer);
-    return 0;
-}
-
-int timer_getoverrun(timer_t id) C_NOEXCEPT
-{
-    if (!ownsTimer(id))
-        return NEXT(timer_getoverrun)(id);
-    const Locked hold;
-    return static_cast<LabTimer*>(id)->overruns;
 }
 
 int timer_delete(timer_t id) C_NOEXCEPT

@@ -6,7 +6,6 @@
 
 #include <poll.h>
 #include <string.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -101,17 +100,11 @@ private:
         FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) == 0, "no sockets\n");
         peer = {};
         peer.fd = pair[0];
-        bus_.connect(pair[1], epollFd());
+        bus_.connect(pair[1]);
         drain(peer);
         FUZZ_CHECK(peer.messages.size() == 1 && peer.messages[0][1] == MSG_HELLO, "no greeting\n");
         peer.id = readU32(&peer.messages[0][4]);
         known_.push_back(peer.id);
-    }
-
-    static int epollFd()
-    {
-        static const int fd = epoll_create1(EPOLL_CLOEXEC);
-        return fd;
     }
 
     void hangUp(Peer& peer)
@@ -126,18 +119,10 @@ private:
     bool turn(Client& client)
     {
         client.flush();
-        pollfd socket{client.fd(), static_cast<short>(client.wantsInput() ? POLLIN : 0), 0};
+        pollfd socket{client.fd, static_cast<short>(client.wantsInput() ? POLLIN : 0), 0};
         if (poll(&socket, 1, 0) == 0 && !client.finished())
             return false;
-        if ((socket.revents & (POLLHUP | POLLERR)) != 0)
-            client.mute();
-        bool good = bus_.work(client);
-        if (good && client.wantsInput()) {
-            client.receive();
-            good = bus_.work(client);
-        }
-        if (!good || client.finished())
-            bus_.disconnect(client);
+        bus_.serve(client, true, (socket.revents & (POLLHUP | POLLERR)) != 0);
         return true;
     }
 
@@ -267,6 +252,7 @@ ssize_t __wrap_getrandom(void* out, size_t size, unsigned)
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     randomState = 0;
+    (void)uloop_init();
     Rig rig;
     Input input(data, size);
     for (int step = 0; step < MAX_STEPS && !input.empty(); ++step)

@@ -336,7 +336,6 @@ uci_context* __wrap_uci_alloc_context()
 {
     uci_context* context = __real_uci_alloc_context();
     uci_set_confdir(context, configFolder().c_str());
-    uci_set_conf2dir(context, nullptr);
     uci_set_savedir(context, (fuzzFolder() + "/changes").c_str());
     return context;
 }

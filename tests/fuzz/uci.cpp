@@ -37,7 +37,6 @@ OwnedContext openContext(const char* config, const char* changes)
 {
     OwnedContext context(uci_alloc_context());
     uci_set_confdir(context.get(), folder(config).c_str());
-    uci_set_conf2dir(context.get(), nullptr);
     uci_set_savedir(context.get(), folder(changes).c_str());
     return context;
 }
@@ -155,13 +154,6 @@ void change(uci_context* context, const std::string& line)
         break;
     case 'x':
         (void)uci_del_list(context, &ptr);
-        break;
-    case 'r':
-        (void)uci_rename(context, &ptr);
-        break;
-    case 'o':
-        if (ptr.s)
-            (void)uci_reorder_section(context, ptr.s, static_cast<int>(line.size()) % 5);
         break;
     default:
         break;

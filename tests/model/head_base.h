@@ -36,9 +36,9 @@ public:
         motions.follow(calledNs);
         seeRest();
         calledNs_ = calledNs;
-        const size_t code = reply.find("_code\":");
-        require(code != std::string::npos, "no code in the reply " + reply);
-        replied_ = atoi(reply.c_str() + code + 7);
+        const size_t at = reply.find("_code\":");
+        require(at != std::string::npos, "no code in the reply " + reply);
+        replied_ = atoi(reply.c_str() + at + 7);
         before_.clear();
         after_.clear();
         if (step.verb.ends_with("Preset"))
@@ -46,8 +46,8 @@ public:
         Code expected = CODE_OK;
         try {
             methods_.at(step.verb)(step);
-        } catch (const Refusal& refusal) {
-            expected = refusal.code;
+        } catch (const Code code) {
+            expected = code;
         }
         world.changedNs = std::min(world.changedNs, repliedNs);
         world.held = mask_ || panorama_;

@@ -186,7 +186,7 @@ private:
                     motions.keepOrigin(false, {ORIGIN_RETURN}, "a return begins twice");
                 try {
                     methods_["targetTrackBack"](step);
-                } catch (const Refusal&) { // which the switch is not answered with
+                } catch (const Code) { // which the switch is not answered with
                 }
                 return;
             }

@@ -29,15 +29,11 @@ enum Code : int32_t {
     CODE_PANORAMA = -64329,
 };
 
-/// A method's answer when it goes no further.
-struct Refusal {
-    Code code;
-};
-
+/// A method goes no further and answers the code.
 inline void refuse(bool condition, Code code)
 {
     if (condition)
-        throw Refusal{code};
+        throw code;
 }
 
 inline constexpr int64_t SAVE_PERIOD_NS = 10 * SECOND_NS;

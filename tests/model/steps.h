@@ -91,12 +91,14 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
     {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
     // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
-    {"touring command", "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>"},
+    {"touring command",
+     "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>|<still touring>"},
     {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
                     "3*reload_tour_info"},
-    // Tracking that has not moved the head, which ends when no quiet period is left of it.
+    // Longer than the quiet period at rest: after a tracking that has not moved the head, and at the tour's preset.
     {"still tracking", "@tour on 1 -10 0 0 0;reload_tour_info;reload_scan_tour;@rest;"
                        "targetTrack x_coord:0 y_coord:0 x_speed:1 y_speed:1;@nap 650000;targetTrackBack;@tours 1"},
+    {"still touring", "@tour on 2 0 0 0 0;reload_tour_info;@tours 2;@nap 650000;@rest"},
     {"scan reload", "|reload_scan_tour"},
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
@@ -213,10 +215,6 @@ public:
     }
 
 private:
-    bool oneIn(int n)
-    {
-        return below(n) == 0;
-    }
     int below(int n)
     {
         return static_cast<int>(random_() % static_cast<unsigned>(n));
@@ -256,12 +254,12 @@ private:
             const std::string head = word.substr(0, colon);
             const size_t mark = head.find('?');
             const std::string name = head.substr(0, mark);
-            if (oneIn(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))))
+            if (below(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))) == 0)
                 continue;
             std::string value = text(colon == std::string::npos ? "<" + name + ">" : word.substr(colon + 1));
             if (verb == "set_plan_config")
                 value = planJson(name, value);
-            json_object* argument = oneIn(60)                ? json_object_new_int(5)
+            json_object* argument = below(60) == 0           ? json_object_new_int(5)
                                     : value.starts_with('[') ? json_tokener_parse(value.c_str())
                                                              : json_object_new_string(value.c_str());
             json_object_object_add(arguments.get(), name.c_str(), argument);

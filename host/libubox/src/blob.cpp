@@ -122,6 +122,22 @@ blob_attr* blob_put(blob_buf* buf, int id, const void* data, unsigned int len)
     return attr;
 }
 
+blob_attr* blob_put_string(blob_buf* buf, int id, const char* text)
+{
+    return blob_put(buf, id, text, static_cast<unsigned>(strlen(text)) + 1);
+}
+
+blob_attr* blob_put_u8(blob_buf* buf, int id, uint8_t value)
+{
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
+blob_attr* blob_put_u32(blob_buf* buf, int id, uint32_t value)
+{
+    value = cpu_to_be32(value);
+    return blob_put(buf, id, &value, sizeof(value));
+}
+
 void* blob_nest_start(blob_buf* buf, int id)
 {
     size_t parent = offsetOf(buf, buf->head);

@@ -1,8 +1,5 @@
 #include "ubox.h"
 
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -48,27 +45,4 @@ void* blobmsg_open_nested(blob_buf* buf, const char* name, bool array)
         return nullptr;
     buf->head = nested;
     return reinterpret_cast<void*>(parent + BLOB_COOKIE);
-}
-
-int blobmsg_vprintf(blob_buf* buf, const char* name, const char* format, va_list args)
-{
-    va_list again;
-    va_copy(again, args);
-    int length = vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    if (length < 0)
-        return -1;
-    blob_attr* attr = appendField(buf, BLOBMSG_TYPE_STRING, name, static_cast<size_t>(length) + 1);
-    if (!attr)
-        return -1;
-    return vsnprintf(static_cast<char*>(blobmsg_data(attr)), static_cast<size_t>(length) + 1, format, args);
-}
-
-int blobmsg_printf(blob_buf* buf, const char* name, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    int length = blobmsg_vprintf(buf, name, format, args);
-    va_end(args);
-    return length;
 }

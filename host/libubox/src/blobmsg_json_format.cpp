@@ -1,242 +1,155 @@
-#include "text_buffer.h"
 #include "ubox.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <string_view>
+#include <cstring>
 
 namespace {
 
-constexpr size_t MAX_TABS = 16;
+constexpr int MAX_TABS = 16;
+constexpr int MAX_DEPTH = 1000; // no JSON parser follows that far; what is nested more deeply is left out
 
-// A container that has been opened and whose next child is `next`.
-struct Level {
-    blob_attr* next;
-    size_t rest;
-    bool array;
-    bool empty;
+struct Printer {
+    FILE* out;
+    blobmsg_json_format_t cb;
+    void* priv;
+    int indent; // below 0: compact
+    int depth;  // containers that are open
 };
 
-// Open containers; on the heap, because a message may nest more deeply than a thread's stack could follow.
-class LevelStack {
-public:
-    LevelStack() = default;
-    ~LevelStack()
-    {
-        free(levels_);
-    }
-    LevelStack(const LevelStack&) = delete;
-    LevelStack& operator=(const LevelStack&) = delete;
+void printAttr(Printer& to, blob_attr* attr, bool named);
 
-    bool push(const Level& level)
-    {
-        if (count_ == capacity_) {
-            size_t capacity = std::max(2 * capacity_, size_t{16});
-            auto* larger = static_cast<Level*>(realloc(levels_, capacity * sizeof(Level)));
-            if (!larger)
-                return false;
-            levels_ = larger;
-            capacity_ = capacity;
-        }
-        levels_[count_++] = level;
-        return true;
-    }
-    void pop()
-    {
-        --count_;
-    }
-    Level& top()
-    {
-        return levels_[count_ - 1];
-    }
-    size_t size() const
-    {
-        return count_;
-    }
-
-private:
-    Level* levels_ = nullptr;
-    size_t count_ = 0;
-    size_t capacity_ = 0;
-};
-
-class Formatter {
-public:
-    Formatter(blobmsg_json_format_t cb, void* priv, int indent) : cb_(cb), priv_(priv), indent_(indent)
-    {
-    }
-
-    // The attribute and all below it. Prints nothing for a malformed one.
-    char* format(blob_attr* attr, bool named)
-    {
-        if (blobmsg_check_attr(attr, false))
-            add(attr, named);
-        return finish();
-    }
-
-    // The children of the attribute, which is taken as a container whatever it is.
-    char* formatChildren(blob_attr* attr)
-    {
-        bool extended = attr && blob_is_extended(attr);
-        bool array = extended && blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY;
-        bool scalar = extended && !array && blobmsg_type(attr) != BLOBMSG_TYPE_TABLE;
-        open(blobmsg_data(attr), scalar ? 0 : blobmsg_data_len(attr), array);
-        return finish();
-    }
-
-private:
-    char* finish();
-    void add(blob_attr* attr, bool named);
-    void addScalar(const blob_attr* attr);
-    void addQuoted(std::string_view text);
-    void addEscaped(char character);
-    void open(void* data, size_t length, bool array);
-    void close();
-    void newLine();
-
-    blobmsg_json_format_t cb_;
-    void* priv_;
-    int indent_; // below 0: compact
-    TextBuffer text_;
-    LevelStack levels_;
-    bool failed_ = false;
-};
-
-char* Formatter::finish()
+void newLine(const Printer& to)
 {
-    while (levels_.size() > 0 && !failed_) {
-        Level& level = levels_.top();
-        blob_attr* attr = level.next;
-        if (!attrFits(attr, level.rest)) {
-            close();
-            continue;
-        }
-        level.rest -= blob_pad_len(attr);
-        level.next = blob_next(attr);
-        if (!blobmsg_check_attr(attr, false))
-            continue;
-        if (!level.empty) {
-            text_.add(',');
-            newLine();
-        }
-        level.empty = false;
-        add(attr, !level.array);
-    }
-    return failed_ ? nullptr : text_.release();
+    static constexpr char TABS[] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+    static_assert(sizeof(TABS) == MAX_TABS + 1);
+    if (to.indent >= 0)
+        fprintf(to.out, "\n%.*s", std::min(to.indent + to.depth, MAX_TABS), TABS);
 }
 
-void Formatter::add(blob_attr* attr, bool named)
+void printQuoted(const Printer& to, const char* text)
 {
-    if (named && blob_is_extended(attr) && *blobmsg_name(attr)) {
-        addQuoted(blobmsg_name(attr));
-        text_.add(indent_ < 0 ? ":" : ": ");
+    static constexpr char SPECIAL[] = "\"\\\b\n\t\r";
+    static constexpr char LETTER[] = "\"\\bntr";
+    putc('"', to.out);
+    for (; *text; ++text) {
+        if (const char* special = strchr(SPECIAL, *text))
+            fprintf(to.out, "\\%c", LETTER[special - SPECIAL]);
+        else if (static_cast<unsigned char>(*text) < ' ')
+            fprintf(to.out, "\\u%04x", static_cast<unsigned>(*text));
+        else
+            putc(*text, to.out);
     }
-    const char* instead = cb_ ? cb_(priv_, attr) : nullptr;
-    int type = blobmsg_type(attr);
-    if (instead)
-        text_.add(std::string_view(instead));
-    else if (type == BLOBMSG_TYPE_ARRAY || type == BLOBMSG_TYPE_TABLE)
-        open(blobmsg_data(attr), blobmsg_data_len(attr), type == BLOBMSG_TYPE_ARRAY);
-    else
-        addScalar(attr);
+    putc('"', to.out);
 }
 
-void Formatter::addScalar(const blob_attr* attr)
+void printChildren(Printer& to, void* data, size_t rest, bool array)
 {
-    char number[400]; // the largest double has 309 digits before its point
-    int length = 0;
+    putc(array ? '[' : '{', to.out);
+    ++to.depth;
+    newLine(to);
+    bool first = true;
+    if (to.depth > MAX_DEPTH)
+        rest = 0;
+    for (auto* child = static_cast<blob_attr*>(data); attrFits(child, rest); child = nextAttr(child, rest)) {
+        if (!blobmsg_check_attr(child, false))
+            continue;
+        if (!first) {
+            putc(',', to.out);
+            newLine(to);
+        }
+        first = false;
+        printAttr(to, child, !array);
+    }
+    --to.depth;
+    newLine(to);
+    putc(array ? ']' : '}', to.out);
+}
 
+void printValue(Printer& to, blob_attr* attr)
+{
     switch (blobmsg_type(attr)) {
+    case BLOBMSG_TYPE_ARRAY:
+    case BLOBMSG_TYPE_TABLE:
+        printChildren(to, blobmsg_data(attr), blobmsg_data_len(attr), blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
+        return;
     case BLOBMSG_TYPE_STRING:
-        addQuoted(blobmsg_get_string(attr));
+        printQuoted(to, blobmsg_get_string(attr));
         return;
     case BLOBMSG_TYPE_INT8:
-        text_.add(blobmsg_get_bool(attr) ? "true" : "false");
+        fputs(blobmsg_get_bool(attr) ? "true" : "false", to.out);
         return;
     case BLOBMSG_TYPE_INT16:
     case BLOBMSG_TYPE_INT32:
     case BLOBMSG_TYPE_INT64:
-        length = snprintf(number, sizeof(number), "%" PRId64, blobmsg_cast_s64(attr));
-        break;
+        fprintf(to.out, "%" PRId64, blobmsg_cast_s64(attr));
+        return;
     case BLOBMSG_TYPE_DOUBLE:
-        length = snprintf(number, sizeof(number), "%f", blobmsg_get_double(attr));
-        break;
+        fprintf(to.out, "%f", blobmsg_get_double(attr));
+        return;
     default:
-        text_.add("null");
-        return;
+        fputs("null", to.out);
     }
-    text_.add(std::string_view(number, static_cast<size_t>(length)));
 }
 
-void Formatter::addQuoted(std::string_view text)
+void printAttr(Printer& to, blob_attr* attr, bool named)
 {
-    text_.add('"');
-    while (!text.empty()) {
-        auto special = std::find_if(text.begin(), text.end(), [](char c) {
-            return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\';
-        });
-        auto plain = static_cast<size_t>(special - text.begin());
-        text_.add({text.data(), plain}); // not substr, which checks and may throw
-        if (special != text.end())
-            addEscaped(*special);
-        text.remove_prefix(std::min(plain + 1, text.size()));
+    if (named && blob_is_extended(attr) && *blobmsg_name(attr)) {
+        printQuoted(to, blobmsg_name(attr));
+        fputs(to.indent < 0 ? ":" : ": ", to.out);
     }
-    text_.add('"');
+    if (const char* instead = to.cb ? to.cb(to.priv, attr) : nullptr)
+        fputs(instead, to.out);
+    else
+        printValue(to, attr);
 }
 
-void Formatter::addEscaped(char character)
+// The children of an attribute that is taken as a container whatever it is.
+void printAsContainer(Printer& to, blob_attr* attr)
 {
-    static constexpr std::string_view SPECIAL = "\"\\\b\n\t\r";
-    static constexpr std::string_view LETTER = "\"\\bntr";
-    static constexpr char DIGITS[] = "0123456789abcdef";
-
-    text_.add('\\');
-    if (size_t at = SPECIAL.find(character); at != SPECIAL.npos) {
-        text_.add(LETTER[at]);
-        return;
-    }
-    text_.add("u00");
-    text_.add(DIGITS[character >> 4]);
-    text_.add(DIGITS[character & 15]);
+    const bool extended = attr && blob_is_extended(attr);
+    const bool array = extended && blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY;
+    const bool scalar = extended && !array && blobmsg_type(attr) != BLOBMSG_TYPE_TABLE;
+    printChildren(to, blobmsg_data(attr), scalar ? 0 : blobmsg_data_len(attr), array);
 }
 
-void Formatter::open(void* data, size_t length, bool array)
+void printNamed(Printer& to, blob_attr* attr)
 {
-    text_.add(array ? '[' : '{');
-    if (!levels_.push({static_cast<blob_attr*>(data), length, array, true})) {
-        failed_ = true;
-        return;
-    }
-    newLine();
+    if (blobmsg_check_attr(attr, false))
+        printAttr(to, attr, true);
 }
 
-void Formatter::close()
+void printUnnamed(Printer& to, blob_attr* attr)
 {
-    bool array = levels_.top().array;
-    levels_.pop();
-    newLine();
-    text_.add(array ? ']' : '}');
+    if (blobmsg_check_attr(attr, false))
+        printAttr(to, attr, false);
 }
 
-void Formatter::newLine()
+// The text that `print` makes of the attribute, on the heap; null without memory.
+char* format(void (*print)(Printer&, blob_attr*), blob_attr* attr, blobmsg_json_format_t cb, void* priv, int indent)
 {
-    if (indent_ < 0)
-        return;
-    text_.add('\n');
-    text_.add(std::min(static_cast<size_t>(indent_) + levels_.size(), MAX_TABS), '\t');
+    char* text = nullptr;
+    size_t length = 0;
+    Printer to{open_memstream(&text, &length), cb, priv, indent, 0};
+    if (!to.out)
+        return nullptr;
+    print(to, attr);
+    const bool failed = ferror(to.out) != 0;
+    if (fclose(to.out) == 0 && !failed)
+        return text;
+    free(text);
+    return nullptr;
 }
 
 } // namespace
 
 char* blobmsg_format_json_with_cb(blob_attr* attr, bool list, blobmsg_json_format_t cb, void* priv, int indent)
 {
-    Formatter formatter(cb, priv, indent);
-    return list ? formatter.formatChildren(attr) : formatter.format(attr, true);
+    return format(list ? printAsContainer : printNamed, attr, cb, priv, indent);
 }
 
-char* blobmsg_format_json_value_with_cb(blob_attr* attr, blobmsg_json_format_t cb, void* priv, int indent)
+char* blobmsg_format_json_value(blob_attr* attr)
 {
-    return Formatter(cb, priv, indent).format(attr, false);
+    return format(printUnnamed, attr, nullptr, nullptr, -1);
 }

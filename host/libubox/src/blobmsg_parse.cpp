@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr bool SOME_NAME = true;
-constexpr bool ANY_NAME = false;
-
 bool nameIsSound(const blob_attr* attr, bool required)
 {
     if (!blob_is_extended(attr))
@@ -59,13 +56,6 @@ bool takesType(const blobmsg_policy& entry, int type)
            (entry.type == BLOBMSG_CAST_INT64 && isInteger(type));
 }
 
-// The attribute behind this one in a run, of which `rest` bytes were left.
-blob_attr* nextOf(blob_attr* attr, size_t& rest)
-{
-    rest -= blob_pad_len(attr);
-    return blob_next(attr);
-}
-
 } // namespace
 
 bool blobmsg_check_attr_len(const blob_attr* attr, bool name, size_t len)
@@ -80,34 +70,14 @@ bool blobmsg_check_attr(const blob_attr* attr, bool name)
     return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
 }
 
-int blobmsg_check_array(const blob_attr* attr, int type)
-{
-    if (!blobmsg_check_attr(attr, ANY_NAME))
-        return -1;
-    bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
-    if (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY)
-        return -1;
-    int count = 0;
-    blob_attr* element = nullptr;
-    size_t rest = 0;
-    blobmsg_for_each_attr (element, attr, rest) {
-        if (type != BLOBMSG_TYPE_UNSPEC && blobmsg_type(element) != type)
-            return -1;
-        if (!blobmsg_check_attr_len(element, table ? SOME_NAME : ANY_NAME, rest))
-            return -1;
-        ++count;
-    }
-    return count;
-}
-
 int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
     if (!data || len == 0)
         return -EINVAL;
     size_t rest = len;
-    for (auto* attr = static_cast<blob_attr*>(data); attrFits(attr, rest); attr = nextOf(attr, rest)) {
-        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
+    for (auto* attr = static_cast<blob_attr*>(data); attrFits(attr, rest); attr = nextAttr(attr, rest)) {
+        if (!blobmsg_check_attr_len(attr, false, rest))
             return -1;
         if (!blob_is_extended(attr))
             continue;
@@ -118,22 +88,6 @@ int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, 
                 !name.empty())
                 tb[i] = attr;
         }
-    }
-    return 0;
-}
-
-int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data, unsigned int len)
-{
-    std::fill_n(tb, policy_len, nullptr);
-    int at = 0;
-    size_t rest = data ? len : 0;
-    for (auto* attr = static_cast<blob_attr*>(data); attrFits(attr, rest) && at < policy_len;
-         attr = nextOf(attr, rest)) {
-        if (!takesType(policy[at], blobmsg_type(attr)))
-            continue; // unchecked
-        if (!blobmsg_check_attr_len(attr, ANY_NAME, rest))
-            return -1;
-        tb[at++] = attr;
     }
     return 0;
 }

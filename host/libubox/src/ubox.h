@@ -17,3 +17,10 @@ inline bool attrFits(const blob_attr* attr, size_t rest)
 {
     return rest >= sizeof(blob_attr) && blob_pad_len(attr) >= sizeof(blob_attr) && blob_pad_len(attr) <= rest;
 }
+
+// The attribute behind one of a run, of which `rest` bytes were left.
+inline blob_attr* nextAttr(blob_attr* attr, size_t& rest)
+{
+    rest -= blob_pad_len(attr);
+    return blob_next(attr);
+}

@@ -1,10 +1,8 @@
 #include "ubox.h"
 #include "uloop_parts.h"
 
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <span>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -15,33 +13,9 @@ bool uloop_cancelled;
 
 namespace {
 
-constexpr int MAX_FETCHED = 10;
-
 // Guards creation and closing; the descriptor itself is read without it.
 pthread_mutex_t initLock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> epollFd{-1};
-
-class InitGuard {
-public:
-    InitGuard()
-    {
-        pthread_mutex_lock(&initLock);
-    }
-    ~InitGuard()
-    {
-        pthread_mutex_unlock(&initLock);
-    }
-    InitGuard(const InitGuard&) = delete;
-    InitGuard& operator=(const InitGuard&) = delete;
-};
-
-// Events that were fetched and not yet worked off, from `next` to `count`; one whose descriptor has been deleted since
-// has a null pointer. Only the loop's thread uses them.
-struct {
-    std::array<epoll_event, MAX_FETCHED> events;
-    int next;
-    int count;
-} fetched;
 
 // What the wake-up descriptor's events point to; it has no callback.
 uloop_fd wakeupMark;
@@ -61,19 +35,10 @@ int createEpoll()
     event.data.ptr = &wakeupMark;
     int wakeup = wakeupOpen();
     if (wakeup < 0 || epoll_ctl(created, EPOLL_CTL_ADD, wakeup, &event) < 0) {
-        wakeupClose();
         close(created);
         return -1;
     }
     return created;
-}
-
-void dropFetched(const uloop_fd* fd)
-{
-    for (epoll_event& event : std::span(fetched.events).first(static_cast<size_t>(fetched.count))) {
-        if (event.data.ptr == fd)
-            event.data.ptr = nullptr;
-    }
 }
 
 void dispatch(uloop_fd* fd, uint32_t arrived)
@@ -97,38 +62,13 @@ void dispatch(uloop_fd* fd, uint32_t arrived)
         fd->cb(fd, events); // which may free the record
 }
 
-// Takes the next fetched event whose descriptor has not been deleted since; false when there is none.
-bool takeFetched(epoll_event& event)
-{
-    while (fetched.next < fetched.count) {
-        event = fetched.events[static_cast<size_t>(fetched.next++)];
-        if (event.data.ptr)
-            return true;
-    }
-    return false;
-}
-
-bool fetch(int waitMs)
-{
-    fetched.next = 0;
-    fetched.count = 0;
-    int count = epoll_wait(epollFd.load(), fetched.events.data(), MAX_FETCHED, waitMs);
-    if (count < 0)
-        return errno == EINTR;
-    fetched.count = count;
-    return true;
-}
-
-// Works off one event, and waits for it if none is left over. False when there is nothing to wait with.
+// Waits for one event and works it off. False when there is nothing to wait with.
 bool runOneEvent(int waitMs)
 {
     epoll_event event{};
-    if (!takeFetched(event)) {
-        if (!fetch(waitMs))
-            return false;
-        if (!takeFetched(event))
-            return true;
-    }
+    const int count = epoll_wait(epollFd.load(), &event, 1, waitMs);
+    if (count <= 0)
+        return count == 0 || errno == EINTR;
     auto* fd = static_cast<uloop_fd*>(event.data.ptr);
     if (fd == &wakeupMark)
         wakeupClear();
@@ -141,29 +81,28 @@ bool runOneEvent(int waitMs)
 
 int uloop_init()
 {
-    InitGuard hold;
-    if (epollFd.load() >= 0)
-        return 0;
-    int created = createEpoll();
-    if (created < 0)
-        return -1;
-    signalsInstall();
-    epollFd.store(created);
-    return 0;
+    pthread_mutex_lock(&initLock);
+    if (epollFd.load() < 0) {
+        const int created = createEpoll();
+        if (created >= 0)
+            signalsInstall();
+        epollFd.store(created);
+    }
+    const bool open = epollFd.load() >= 0;
+    pthread_mutex_unlock(&initLock);
+    return open ? 0 : -1;
 }
 
 void uloop_done()
 {
-    InitGuard hold;
-    int fd = epollFd.exchange(-1);
+    pthread_mutex_lock(&initLock);
+    const int fd = epollFd.exchange(-1);
     if (fd >= 0) {
         signalsRestore();
         close(fd);
-        wakeupClose();
     }
-    fetched.next = 0;
-    fetched.count = 0;
     timeoutsCancelAll();
+    pthread_mutex_unlock(&initLock);
 }
 
 void uloop_wakeup_()
@@ -195,8 +134,6 @@ int uloop_fd_add(uloop_fd* fd, unsigned int flags)
         event.events |= EPOLLIN | EPOLLRDHUP;
     if (flags & ULOOP_WRITE)
         event.events |= EPOLLOUT;
-    if (flags & ULOOP_EDGE_TRIGGER)
-        event.events |= EPOLLET;
     event.data.ptr = fd;
     if (epoll_ctl(epollFd.load(), fd->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd->fd, &event) < 0)
         return -1;
@@ -213,7 +150,6 @@ int uloop_fd_delete(uloop_fd* fd)
 {
     if (!fd->registered)
         return 0;
-    dropFetched(fd);
     fd->registered = false;
     fd->flags = 0;
     return epoll_ctl(epollFd.load(), EPOLL_CTL_DEL, fd->fd, nullptr);

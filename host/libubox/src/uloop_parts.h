@@ -13,10 +13,8 @@ void timeoutsCancelAll();
 
 // Opens it unless it is open; its number, or -1. Under the lock of uloop_init.
 int wakeupOpen();
-// Waits for a wakeupSend under way, then closes it. Under the lock of uloop_init.
-void wakeupClose();
 void wakeupClear();
-// Any thread and signal handlers; nothing happens while it is closed.
+// Any thread and signal handlers; nothing happens before it is open.
 void wakeupSend();
 
 // Signals: those that the loop handles while their disposition is the default.

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 
-#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,8 +14,8 @@ bool uloop_handle_sigchld = true;
 
 namespace {
 
+// Stays open once it is: another thread or a signal handler may be about to write to it at any time.
 std::atomic<int> wakeupFd{-1};
-std::atomic<int> wakeupSenders{0};
 std::atomic<int> endingSignal{0};
 std::atomic<bool> childEnded{false};
 
@@ -65,17 +64,6 @@ int wakeupOpen()
     return wakeupFd.load();
 }
 
-void wakeupClose()
-{
-    int fd = wakeupFd.exchange(-1);
-    // A sender that still has the number must not write to what is opened under it next. A signal handler that
-    // interrupts this thread counts itself out again before the loop goes on.
-    while (wakeupSenders.load() > 0)
-        sched_yield();
-    if (fd >= 0)
-        close(fd);
-}
-
 void wakeupClear()
 {
     uint64_t count = 0;
@@ -87,10 +75,8 @@ void wakeupSend()
 {
     const uint64_t one = 1;
 
-    wakeupSenders.fetch_add(1);
     int fd = wakeupFd.load();
     [[maybe_unused]] ssize_t written = fd >= 0 ? write(fd, &one, sizeof(one)) : 0; // when full, the loop wakes anyway
-    wakeupSenders.fetch_sub(1);
 }
 
 void signalsInstall()

@@ -93,8 +93,3 @@ int uloop_timeout_cancel(uloop_timeout* timeout)
     timeout->pending = false;
     return 0;
 }
-
-int64_t uloop_timeout_remaining64(uloop_timeout* timeout)
-{
-    return timeout->pending ? remainingMs(timeout, nowUs()) : -1;
-}

@@ -162,17 +162,14 @@ struct ubus_request {
 /* Connects and waits for the greeting. A null path is UBUS_UNIX_SOCKET. Calls uloop_init. Null on failure. */
 struct ubus_context* ubus_connect(const char* path);
 
-/* The same on the caller's memory: 0 or -1. */
-int ubus_connect_ctx(struct ubus_context* ctx, const char* path);
-
 /* Closes the old connection, connects, and registers every object of the context again under new ids; an object that is
  * refused is forgotten and keeps the id 0. Event patterns are not registered again, and the socket is not in the loop.
  * UBUS_STATUS_CONNECTION_FAILED when it cannot connect, UBUS_STATUS_UNKNOWN_ERROR without a valid greeting. */
 int ubus_reconnect(struct ubus_context* ctx, const char* path);
 
-/* Takes the socket out of the loop, closes it and frees what the context holds; ubus_free frees the context, too. Not
- * to be called from a handler or a data callback. */
-void ubus_shutdown(struct ubus_context* ctx);
+/* Takes the socket out of the loop, closes it and frees the context. Not to be called from a handler or a data
+ * callback.
+ */
 void ubus_free(struct ubus_context* ctx);
 
 /* The text of a status; another number's is valid until the thread's next call. */

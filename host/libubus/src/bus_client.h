@@ -1,5 +1,5 @@
 // What the parts of the client library share. A context and its connection belong to one thread at a time, so that no
-// part takes a lock.
+// part takes a lock. Each part calls those above it here, and none below.
 #pragma once
 
 #include <cstddef>
@@ -7,13 +7,10 @@
 
 #include "libubus.h"
 
-// Input.
-
 // A received message, or one that is being received. The root attribute lies behind the record.
 struct Message {
     list_head list;
-    size_t capacity; // of the root, in bytes
-    size_t missing;  // bytes of the root that have not arrived
+    size_t missing; // bytes of the root that have not arrived
     uint8_t type;
     uint16_t seq;
     uint32_t peer;
@@ -44,9 +41,17 @@ struct MessageHeader {
 constexpr size_t HEADER_SIZE = sizeof(MessageHeader) + sizeof(blob_attr);
 constexpr size_t MAX_ROOT = 1048576; // longest root attribute, padded
 
+constexpr int PENDING_DELAY_MS = 1; // what a wait leaves undone is done in the loop's next turn
+
+// Room for a message that is not long, so that calls are served without memory too.
+struct SmallMessage {
+    Message message;
+    char root[512];
+    bool taken;
+};
+
 struct ubus_connection {
-    list_head spares; // of Message, to be used again
-    int spareCount;
+    SmallMessage small[4];
     char header[HEADER_SIZE]; // of the next message
     size_t headerMissing;     // bytes of it that have not arrived
     Message* partial;         // whose header has arrived, but not all of it
@@ -55,12 +60,14 @@ struct ubus_connection {
     bool broken;      // no wait goes on, and nothing is read or sent
     bool lostPending; // the loss has not been reported
     bool reporting;
-    bool* freed; // set by ubus_shutdown for the report under way
+    bool* freed; // set by ubus_free for the report under way
 };
 
-// Reads the next message, and nothing behind it, without waiting; it is to be given back with releaseMessage. Null
-// when it has not arrived as a whole, and when the connection breaks; a peer that does not speak the protocol breaks
-// it, too.
+// The wire (wire.cpp).
+
+// Reads the next message, and nothing behind it, without waiting; it is to be given back with releaseMessage. Null when
+// it has not arrived as a whole, and when the connection breaks; a peer that does not speak the protocol breaks it,
+// too.
 Message* nextMessage(ubus_context* ctx);
 void releaseMessage(ubus_context* ctx, Message* message);
 void releaseMessages(ubus_context* ctx, list_head* messages);
@@ -69,25 +76,6 @@ void discardInput(ubus_context* ctx);
 // Waits until the socket can be read (POLLIN) or written (POLLOUT) or is broken, or the time is over. Below 0: without
 // end. A signal ends the wait early.
 void waitForSocket(const ubus_context* ctx, short events, int timeoutMs);
-
-// Marks the connection as broken: pending requests end, no wait goes on, and the loss is reported once nothing is under
-// way.
-void breakConnection(ubus_context* ctx);
-
-// Handles an answer at once, and queues a call.
-void handleMessage(ubus_context* ctx, Message* message);
-// Handles the calls that were queued, unless a wait or a handler is under way. Calls that arrive while one of their
-// handlers waits are left to the loop if the socket is in it.
-void dispatchPending(ubus_context* ctx);
-// At the end of a waiting call: handles the calls that were queued and reports a loss, or leaves both to the loop if
-// the socket is in it. Nothing while another wait or a handler is under way. The context may be gone afterwards.
-void settleAfterWait(ubus_context* ctx);
-
-// The socket's and the timer's callbacks in the loop.
-void handleSocket(uloop_fd* sock, unsigned int events);
-void handlePendingTimer(uloop_timeout* timer);
-
-// Output.
 
 // Starts a message in the connection's buffer; null without memory.
 blob_buf* startMessage(ubus_context* ctx);
@@ -112,23 +100,27 @@ inline const char* textIn(const WireFields& fields, ubus_msg_attr id)
     return fields.at[id] ? blob_get_string(fields.at[id]) : nullptr;
 }
 
-// Requests.
+// Requests (request.cpp).
 
+// Handles an answer at once, and queues a call. Takes the message over.
+void handleMessage(ubus_context* ctx, Message* message);
+// Ends every request: waited ones with UBUS_STATUS_CONNECTION_FAILED, others with UBUS_STATUS_TIMEOUT.
+void endAllRequests(ubus_context* ctx);
 // Sends the message that was built as a request and fills the request's record. UBUS_STATUS_INVALID_ARGUMENT when it
 // cannot be sent.
 int startRequest(ubus_context* ctx, ubus_request* req, ubus_msg_type type, uint32_t peer);
-// A request's record that has not been sent: it may be aborted.
-void initRequest(ubus_context* ctx, ubus_request* req);
 // Starts the message of a method's call, to which only DATA is missing; null when it does not fit.
 blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method);
-// Handles a STATUS or DATA message, and releases it or keeps it for later.
-void answerRequest(ubus_context* ctx, Message* message);
-// Ends every request: waited ones with UBUS_STATUS_CONNECTION_FAILED, others with UBUS_STATUS_TIMEOUT.
-void endAllRequests(ubus_context* ctx);
 
-// Objects.
-
-// Registers an object that is not registered.
+// Registers an object that is not registered (object.cpp).
 int registerObject(ubus_context* ctx, ubus_object* obj);
-// Handles a call of one of the context's objects.
-void dispatchCall(ubus_context* ctx, Message* message);
+
+// The context in its owner's loop (serve.cpp).
+
+// Handles the calls that were queued, unless a wait or a handler is under way. Calls that arrive while one of their
+// handlers waits are left to the loop if the socket is in it.
+void dispatchPending(ubus_context* ctx);
+// The socket's and the timer's callbacks. The timer handles the calls that were queued and reports a loss; the context
+// may be gone afterwards.
+void handleSocket(uloop_fd* sock, unsigned int events);
+void handlePendingTimer(uloop_timeout* timer);

@@ -115,18 +115,14 @@ void registerAllAgain(ubus_context* ctx)
 
 ubus_context* ubus_connect(const char* path)
 {
-    auto* ctx = static_cast<ubus_context*>(calloc(1, sizeof(ubus_context)));
-    if (ctx && ubus_connect_ctx(ctx, path) < 0) {
-        free(ctx);
-        ctx = nullptr;
-    }
-    return ctx;
-}
-
-int ubus_connect_ctx(ubus_context* ctx, const char* path)
-{
     (void)uloop_init(); // a context works without the loop, too
-    *ctx = {};
+    auto* ctx = static_cast<ubus_context*>(calloc(1, sizeof(ubus_context)));
+    auto* connection = static_cast<ubus_connection*>(calloc(1, sizeof(ubus_connection)));
+    if (!ctx || !connection) {
+        free(ctx);
+        free(connection);
+        return nullptr;
+    }
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->pending);
     INIT_LIST_HEAD(&ctx->objects.list_head);
@@ -134,14 +130,11 @@ int ubus_connect_ctx(ubus_context* ctx, const char* path)
     ctx->sock.cb = handleSocket;
     ctx->pending_timer.cb = handlePendingTimer;
     ctx->connection_lost = ignoreLoss;
-    ctx->connection = static_cast<ubus_connection*>(calloc(1, sizeof(ubus_connection)));
-    if (!ctx->connection)
-        return -1;
-    INIT_LIST_HEAD(&ctx->connection->spares);
+    ctx->connection = connection;
     if (openConnection(ctx, path) == UBUS_STATUS_OK)
-        return 0;
-    ubus_shutdown(ctx);
-    return -1;
+        return ctx;
+    ubus_free(ctx);
+    return nullptr;
 }
 
 int ubus_reconnect(ubus_context* ctx, const char* path)
@@ -153,28 +146,14 @@ int ubus_reconnect(ubus_context* ctx, const char* path)
     return UBUS_STATUS_OK;
 }
 
-void ubus_shutdown(ubus_context* ctx)
+void ubus_free(ubus_context* ctx)
 {
-    ubus_connection* connection = ctx->connection;
-    if (!connection)
-        return;
     closeSocket(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
     discardInput(ctx);
-    while (!list_empty(&connection->spares)) {
-        Message* spare = list_first_entry(&connection->spares, Message, list);
-        list_del(&spare->list);
-        free(spare);
-    }
-    blob_buf_free(&connection->output);
-    if (connection->freed)
-        *connection->freed = true;
-    free(connection);
-    ctx->connection = nullptr;
-}
-
-void ubus_free(ubus_context* ctx)
-{
-    ubus_shutdown(ctx);
+    blob_buf_free(&ctx->connection->output);
+    if (ctx->connection->freed)
+        *ctx->connection->freed = true;
+    free(ctx->connection);
     free(ctx);
 }

@@ -1,6 +1,5 @@
 #include "bus_client.h"
 
-#include <cerrno>
 #include <ctime>
 
 #include <poll.h>
@@ -12,6 +11,14 @@ int64_t nowMs()
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// A request's record that has not been sent: it may be aborted.
+void initRequest(ubus_context* ctx, ubus_request* req)
+{
+    *req = {};
+    INIT_LIST_HEAD(&req->list);
+    req->ctx = ctx;
 }
 
 // None of the request's callbacks is called from here on.
@@ -96,38 +103,7 @@ void linkRequest(ubus_context* ctx, ubus_request* req)
         list_add(&req->list, &ctx->requests);
 }
 
-// Waits for the request's end, the connection's, or that of the time.
-void awaitEnd(ubus_context* ctx, const ubus_request* req, int timeoutMs)
-{
-    int64_t deadline = nowMs() + timeoutMs;
-    while (!req->status_msg && !ctx->connection->broken) {
-        int64_t remaining = timeoutMs == 0 ? -1 : deadline - nowMs();
-        if (timeoutMs != 0 && remaining <= 0)
-            return;
-        if (Message* message = nextMessage(ctx))
-            handleMessage(ctx, message);
-        else if (!ctx->connection->broken)
-            waitForSocket(ctx, POLLIN, static_cast<int>(remaining));
-    }
-}
-
-} // namespace
-
-void initRequest(ubus_context* ctx, ubus_request* req)
-{
-    *req = {};
-    INIT_LIST_HEAD(&req->list);
-    req->ctx = ctx;
-}
-
-int startRequest(ubus_context* ctx, ubus_request* req, ubus_msg_type type, uint32_t peer)
-{
-    initRequest(ctx, req);
-    req->peer = peer;
-    req->seq = ++ctx->request_seq;
-    return sendMessage(ctx, static_cast<uint8_t>(type), req->seq, peer) ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
-}
-
+// Handles a STATUS or DATA message, and frees it or keeps it for later.
 void answerRequest(ubus_context* ctx, Message* message)
 {
     ubus_request* req = nullptr;
@@ -148,8 +124,41 @@ void answerRequest(ubus_context* ctx, Message* message)
     releaseMessage(ctx, message);
 }
 
+// At the end of a waiting call: has the calls that were queued handled and a loss reported, by the loop if the socket
+// is in it. Nothing while another wait or a handler is under way. The context may be gone afterwards.
+void settleAfterWait(ubus_context* ctx)
+{
+    if (ctx->stack_depth > 0 || (list_empty(&ctx->pending) && !ctx->connection->lostPending))
+        return;
+    if (ctx->sock.registered)
+        uloop_timeout_set(&ctx->pending_timer, PENDING_DELAY_MS);
+    else
+        ctx->pending_timer.cb(&ctx->pending_timer);
+}
+
+} // namespace
+
+void handleMessage(ubus_context* ctx, Message* message)
+{
+    ++ctx->stack_depth;
+    switch (message->type) {
+    case UBUS_MSG_STATUS:
+    case UBUS_MSG_DATA:
+        answerRequest(ctx, message);
+        break;
+    case UBUS_MSG_INVOKE:
+        list_add_tail(&message->list, &ctx->pending);
+        break;
+    default:
+        releaseMessage(ctx, message);
+        break;
+    }
+    --ctx->stack_depth;
+}
+
 void endAllRequests(ubus_context* ctx)
 {
+    ++ctx->stack_depth;
     for (RunningCallback* running = ctx->connection->running; running; running = running->outer) {
         if (!running->req)
             continue;
@@ -167,7 +176,37 @@ void endAllRequests(ubus_context* ctx)
         ubus_request* req = list_first_entry(&ending, ubus_request, list);
         endRequest(ctx, req, statusOfBrokenRequest(req));
     }
+    --ctx->stack_depth;
 }
+
+int startRequest(ubus_context* ctx, ubus_request* req, ubus_msg_type type, uint32_t peer)
+{
+    initRequest(ctx, req);
+    req->peer = peer;
+    req->seq = ++ctx->request_seq;
+    return sendMessage(ctx, static_cast<uint8_t>(type), req->seq, peer) ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
+}
+
+namespace {
+
+// Waits for the request's end, the connection's, or that of the time.
+void awaitEnd(ubus_context* ctx, const ubus_request* req, int timeoutMs)
+{
+    int64_t deadline = nowMs() + timeoutMs;
+    while (!req->status_msg && !ctx->connection->broken) {
+        int64_t remaining = timeoutMs == 0 ? -1 : deadline - nowMs();
+        if (timeoutMs != 0 && remaining <= 0)
+            return;
+        if (Message* message = nextMessage(ctx))
+            handleMessage(ctx, message);
+        else if (!ctx->connection->broken)
+            waitForSocket(ctx, POLLIN, static_cast<int>(remaining));
+    }
+    if (ctx->connection->broken)
+        endAllRequests(ctx);
+}
+
+} // namespace
 
 blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method)
 {

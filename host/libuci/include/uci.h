@@ -3,7 +3,7 @@
  * A context and all that hangs from it belongs to one thread at a time; separate contexts on separate threads (or in
  * separate processes) may work on the same package. Calls that return int return UCI_OK or one of the UCI_ERR_ codes
  * and leave it in the context's `err` too; UCI_ERR_MEM can come from every call that allocates, UCI_ERR_INVAL from
- * every call that is given a null context or a null argument that it needs.
+ * every call that is given a null argument that it needs. The context is not null.
  */
 #ifndef UCI_H
 #define UCI_H
@@ -52,8 +52,7 @@ enum uci_type {
 enum uci_option_type { UCI_TYPE_STRING = 0, UCI_TYPE_LIST = 1 };
 
 enum uci_flags {
-    UCI_FLAG_EXPORT_NAME = 1 << 2, /* written sections carry their generated names */
-    UCI_FLAG_SAVED_DELTA = 1 << 3  /* loading keeps the saved changes in the package's saved_delta */
+    UCI_FLAG_SAVED_DELTA = 1 << 3 /* loading keeps the saved changes in the package's saved_delta */
 };
 
 /* What all listed things begin with. */
@@ -68,9 +67,7 @@ struct uci_context {
     int err;              /* result of the last call */
     enum uci_flags flags; /* the user's, 0 at first */
     char* confdir;
-    char* conf2dir; /* null: none */
     char* savedir;
-    struct uci_list delta_path; /* directories searched for changes before the save directory */
 
     /* Private: where and why the last UCI_ERR_PARSE of a file came about; no reason for other errors. */
     const char* parse_reason;
@@ -82,9 +79,8 @@ struct uci_package {
     struct uci_element e;
     struct uci_list sections;
     struct uci_context* ctx;
-    bool has_delta;  /* saved changes count for it: it comes from the configuration directory */
-    bool uses_conf2; /* it comes from the overriding directory */
-    char* path;      /* its file */
+    bool has_delta; /* saved changes count for it: always */
+    char* path;     /* its file */
 
     /* Private: changes not saved yet, those found by loading (see UCI_FLAG_SAVED_DELTA), and the number of sections
      * ever made, for the names of anonymous ones. */
@@ -167,19 +163,11 @@ void uci_perror(struct uci_context* ctx, const char* prefix);
 /* Stores what uci_perror prints, without the line feed, in *dest; the caller frees it. Null when memory is short. */
 void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix);
 
-/* Set the directory of configuration files, that of saved changes, and the overriding one (null: none). The text is
- * copied. They count for what is loaded and saved from then on; a loaded package is committed to where it came from.
- * Changes in the default save directory are read all the same; they are committed, and stay there. */
+/* Set the directory of configuration files and that of saved changes. The text is copied. They count for what is loaded
+ * and saved from then on; a loaded package is committed to where it came from. Changes in the default save directory
+ * are read all the same, before those of the other; they are committed, and stay there. */
 int uci_set_confdir(struct uci_context* ctx, const char* dir);
 int uci_set_savedir(struct uci_context* ctx, const char* dir);
-int uci_set_conf2dir(struct uci_context* ctx, const char* dir);
-
-/* Adds a directory that is searched for changes, before the save directory. A second time: UCI_ERR_DUPLICATE. */
-int uci_add_delta_path(struct uci_context* ctx, const char* dir);
-
-/* Stores the names of all packages in the configuration directories, sorted and ended by a null, in *list; one free()
- * frees the array with its texts. UCI_ERR_NOTFOUND when there is no configuration directory. */
-int uci_list_configs(struct uci_context* ctx, char*** list);
 
 /* ---- packages ---- */
 
@@ -245,8 +233,8 @@ static inline const char* uci_lookup_option_string(struct uci_context* ctx, stru
  * value, and for a type with blanks, control or non-ASCII characters. */
 int uci_set(struct uci_context* ctx, struct uci_ptr* ptr);
 
-/* Deletes an option or section, or the element of a list option whose index, counting from 0, is the value.
- * UCI_ERR_NOTFOUND when it is missing, UCI_ERR_INVAL for a bare package or a value of a list that is no number. */
+/* Deletes an option or section. UCI_ERR_NOTFOUND when it is missing, UCI_ERR_INVAL for a bare package, and for a list
+ * with a value: single elements are not deleted by their index. */
 int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /* Appends the value to a list, which is created, or made of the plain option that is there. */
@@ -255,15 +243,9 @@ int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr);
 /* Removes all elements equal to the value; UCI_OK also when there is none, or no list. */
 int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
 
-/* Renames a section or option to the value. UCI_ERR_DUPLICATE when the new name is taken. */
-int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
-
 /* Adds an anonymous section at the end and stores it in *res. A type that no section can have is taken, but the change
  * is dropped when it is committed. */
 int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res);
-
-/* Moves a section to a position, counting from 0; past the end means the end. */
-int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -2,8 +2,7 @@
 #ifndef UCI_CONFIG_H
 #define UCI_CONFIG_H
 
-#define UCI_CONFDIR "/etc/config"   /* configuration files, one a package */
-#define UCI_SAVEDIR "/tmp/.uci"     /* saved changes that are not committed, one file a package */
-#define UCI_CONF2DIR "/var/run/uci" /* a package found here overrides the one in the configuration directory */
+#define UCI_CONFDIR "/etc/config" /* configuration files, one a package */
+#define UCI_SAVEDIR "/tmp/.uci"   /* saved changes that are not committed, one file a package */
 
 #endif

@@ -1,79 +1,59 @@
 #include "bus_test.h"
 
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-pid_t serverOf(int fd)
+constexpr uint16_t OWN_SEQ = 0xf000; // well away from the tests'
+
+// The process that takes connections there; 0 when nobody does.
+pid_t listenerAt(const std::string& path)
 {
+    const sockaddr_un address = addressOf(path);
+    const Peer end(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ucred peer{};
     socklen_t length = sizeof peer;
-    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+    const bool connected = ::connect(end.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return connected && getsockopt(end.fd(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
 } // namespace
 
-void BusTest::SetUp()
+BusTest::BusTest() : daemon(startDaemon())
 {
-    std::string name = (std::filesystem::temp_directory_path() / "bus_test_XXXXXX").string();
-    ASSERT_TRUE(mkdtemp(name.data()));
-    folder_ = name;
-    daemon = startDaemon();
 }
 
 void BusTest::TearDown()
 {
-    if (daemon) {
-        daemon->signal(SIGTERM);
-        EXPECT_EQ(daemon->wait(), 0);
-        EXPECT_EQ(daemon->out + daemon->err, "");
-    }
-    std::filesystem::remove_all(folder_);
+    EXPECT_EQ(daemon->end(SIGTERM), 0);
+    EXPECT_EQ(daemon->output(), "");
 }
 
-pid_t BusTest::listenerAtSocket() const
+std::unique_ptr<Background> BusTest::startDaemon() const
 {
-    const sockaddr_un address = addressOf(socketPath());
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    const pid_t listener = connected ? serverOf(fd) : 0;
-    close(fd);
-    return listener;
+    auto started = std::make_unique<Background>(Strings{UBUSD_PROGRAM, "-s", socketPath});
+    EXPECT_TRUE(waitUntil([&] { return listenerAt(socketPath) == started->pid(); }));
+    return started;
 }
 
-std::unique_ptr<Process> BusTest::startDaemon() const
+bool BusTest::daemonSleeps() const
 {
-    auto process = std::make_unique<Process>(std::vector<std::string>{UBUSD_PROGRAM, "-s", socketPath()});
-    EXPECT_TRUE(waitUntil([&] { return listenerAtSocket() == process->pid(); }));
-    return process;
-}
-
-long BusTest::daemonTicks() const
-{
-    std::ifstream file("/proc/" + std::to_string(daemon->pid()) + "/stat");
-    std::string word;
-    long user = 0;
-    long system = 0;
-    for (int field = 1; field <= 13; ++field)
-        file >> word;
-    file >> user >> system;
-    return user + system;
-}
-
-long BusTest::ticksWhileIdle() const
-{
-    const long before = daemonTicks();
+    const auto ticks = [&] { // of 10 ms
+        std::ifstream file("/proc/" + std::to_string(daemon->pid()) + "/stat");
+        std::string word;
+        for (int field = 1; field <= 13; ++field)
+            file >> word;
+        long user = 0, system = 0;
+        file >> user >> system;
+        return user + system;
+    };
+    const long before = ticks();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    return daemonTicks() - before;
+    return ticks() - before <= 10;
 }
 
 Bytes oneMethod(std::string_view method, std::string_view argument)
@@ -81,12 +61,9 @@ Bytes oneMethod(std::string_view method, std::string_view argument)
     return tableField(method, numberField(argument, 3));
 }
 
-RawClient::RawClient(const std::string& path, bool greeted) : WireEnd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+RawClient::RawClient(const std::string& path, bool greeted) : Peer(path)
 {
-    const sockaddr_un address = addressOf(path);
-    if (connect(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        ADD_FAILURE() << "connect: " << strerror(errno);
-    else if (greeted)
+    if (greeted)
         awaitGreeting();
 }
 
@@ -98,19 +75,11 @@ void RawClient::awaitGreeting()
     EXPECT_EQ(greeting, message(HELLO, 0, id_, {}));
 }
 
-Bytes RawClient::receive()
-{
-    const Bytes received = WireEnd::receive();
-    EXPECT_FALSE(received.empty()) << "the end of the stream";
-    return received;
-}
-
 bool RawClient::closedByDaemon()
 {
-    while (hasInput(DEADLINE))
-        if (WireEnd::receive().empty())
-            return true;
-    return false;
+    while (!receive().empty()) {
+    }
+    return hasInput({}); // its end, that is
 }
 
 Answer RawClient::ask(const Bytes& request)
@@ -132,32 +101,25 @@ Answer RawClient::ask(const Bytes& request)
 
 bool RawClient::nothingWaits()
 {
-    const Bytes ping = message(PING, ++seq_, 0, {});
-    const Answer answer = ask(ping);
-    return answer.status == 0 && answer.data == Messages{message(DATA, seq_, 0, {})};
-}
-
-uint32_t RawClient::add(const Bytes& attributes)
-{
-    const Answer answer = ask(message(ADD_OBJECT, ++seq_, 0, attributes));
-    EXPECT_EQ(answer.status, 0u);
-    return answer.data.empty() ? 0 : u32At(find(answer.data.back(), A_OBJID), 0);
+    const Answer answer = ask(message(PING, OWN_SEQ, 0, {}));
+    return answer.status == 0 && answer.data == Messages{message(DATA, OWN_SEQ, 0, {})};
 }
 
 uint32_t RawClient::addObject(std::string_view name, const Bytes& signature)
 {
-    return add(attr(A_OBJPATH, text(name)) + attr(A_SIGNATURE, signature));
+    const Bytes attributes = attr(A_OBJPATH, text(name)) + attr(A_SIGNATURE, signature);
+    return u32At(find(ask(message(ADD_OBJECT, OWN_SEQ, 0, attributes)).data.at(0), A_OBJID), 0);
 }
 
 uint32_t RawClient::addAnonymous()
 {
-    return add({});
+    return u32At(find(ask(message(ADD_OBJECT, OWN_SEQ, 0, {})).data.at(0), A_OBJID), 0);
 }
 
 uint32_t RawClient::listenTo(std::string_view pattern)
 {
     const uint32_t object = addAnonymous();
     const Bytes fields = numberField("object", object) + stringField("pattern", pattern);
-    EXPECT_EQ(ask(call(++seq_, 1, "register", fields)).status, 0u);
+    EXPECT_EQ(ask(call(OWN_SEQ, 1, "register", fields)).status, 0u);
     return object;
 }

@@ -1,13 +1,9 @@
+// Tests with a bus daemon of their own, and clients that write and read the bytes themselves.
 #pragma once
-// Tests with a bus daemon of their own, on a socket in a temporary folder, and clients that write and read the bytes
-// themselves.
 
-#include "wire.h"
+#include "host_test.h"
 
 #include <memory>
-#include <optional>
-
-#include <gtest/gtest.h>
 
 using Messages = std::vector<Bytes>;
 
@@ -17,7 +13,7 @@ struct Answer {
     uint32_t status = ~0u;
 };
 
-class RawClient : public WireEnd {
+class RawClient : public Peer {
 public:
     // Connects. Without `greeted` the greeting is left to be received.
     explicit RawClient(const std::string& path, bool greeted = true);
@@ -28,9 +24,6 @@ public:
     }
     void awaitGreeting();
 
-    // The next message; empty, and a test failure, when none comes.
-    Bytes receive();
-
     // Reads and drops what comes until the daemon has closed the connection; false when it does not.
     bool closedByDaemon();
 
@@ -40,55 +33,35 @@ public:
     // Nothing was sent to this client that it has not received: the next thing is the answer to a ping.
     bool nothingWaits();
 
-    // Registers an object and gives its id.
+    // Registers an object and gives its id: with a name, without, and with a pattern of events.
     uint32_t addObject(std::string_view name, const Bytes& signature = {});
     uint32_t addAnonymous();
     uint32_t listenTo(std::string_view pattern);
 
 private:
-    uint32_t add(const Bytes& attributes);
-
     uint32_t id_ = 0;
-    uint16_t seq_ = 0xf000; // own requests: well away from the tests'
 };
 
 class BusTest : public testing::Test {
 protected:
-    void SetUp() override;
+    BusTest();
     void TearDown() override; // the daemon has to be alive and well, and to end in order
 
-    // Starts a daemon at socketPath() and waits until it listens.
-    std::unique_ptr<Process> startDaemon() const;
-
-    // The process that takes connections there; 0 when nobody does.
-    pid_t listenerAtSocket() const;
+    // Starts a daemon at socketPath and waits until it listens.
+    std::unique_ptr<Background> startDaemon() const;
 
     RawClient connect() const
     {
-        return RawClient(socketPath());
-    }
-    std::string socketPath() const
-    {
-        return folder_ + "/bus";
-    }
-    const std::string& folder() const
-    {
-        return folder_;
+        return RawClient(socketPath);
     }
 
-    // Processor time that the daemon has used, in clock ticks of 10 ms.
-    long daemonTicks() const;
+    // Whether the daemon sleeps: in half a second it uses little of the processor.
+    bool daemonSleeps() const;
 
-    // Ticks used in half a second of watching: a busy loop would take about 50.
-    long ticksWhileIdle() const;
-
-    std::unique_ptr<Process> daemon;
-
-private:
-    std::string folder_;
+    const Folder folder;
+    const std::string socketPath = folder.path / "bus";
+    std::unique_ptr<Background> daemon;
 };
-
-constexpr long IDLE_TICKS = 10;
 
 // A signature with one method and one argument of type string.
 Bytes oneMethod(std::string_view method, std::string_view argument);

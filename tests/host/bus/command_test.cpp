@@ -1,210 +1,138 @@
-// The command at the prompt: what it prints, and with which status it exits.
+// The command `ubus` at the prompt: what it prints, and with which status it exits.
 
 #include "bus_test.h"
 
 #include <csignal>
-#include <optional>
+#include <future>
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
-// Where standard error goes, for the commands that mind.
-constexpr auto PIPE = Process::Stderr::Pipe;
-constexpr auto TERMINAL = Process::Stderr::Terminal;
-
-struct Expected {
-    std::string out = {};
-    std::string err = {};
-    int exitStatus = 0;
-};
-
-void expectEnd(Process& command, const Expected& expected)
-{
-    EXPECT_EQ(command.wait(), expected.exitStatus);
-    EXPECT_EQ(command.out, expected.out);
-    EXPECT_EQ(command.err, expected.err);
-}
-
 class CommandTest : public BusTest {
 protected:
-    void SetUp() override
+    Strings command(const Strings& arguments) const
     {
-        BusTest::SetUp();
-        owner.emplace(socketPath());
+        Strings all{UBUS_PROGRAM, "-s", socketPath};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return all;
     }
 
-    std::unique_ptr<Process> start(const Strings& arguments, Process::Stderr standardError = PIPE) const
+    void expect(const Strings& arguments, const Result& expected, bool terminal = false) const
     {
-        Strings command{UBUS_PROGRAM, "-s", socketPath()};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return std::make_unique<Process>(command, standardError);
+        EXPECT_EQ(run(command(arguments), terminal), expected) << testing::PrintToString(arguments);
     }
 
-    // Runs a command with which nobody else has to do.
-    void expect(const Strings& arguments, const Expected& expected, Process::Stderr standardError = PIPE) const
+    // A command that calls a method of the owner's, which answers with these replies and this status. Gives the call as
+    // the owner got it.
+    Bytes expectCall(const Strings& arguments, const Messages& replies, uint32_t status, const Result& expected,
+                     bool terminal = false)
     {
-        SCOPED_TRACE(testing::PrintToString(arguments));
-        expectEnd(*start(arguments, standardError), expected);
-    }
-
-    // Runs a command that calls a method of the owner's, which answers with these replies and this status.
-    // Gives the call as the owner got it.
-    Bytes expectCall(const Strings& arguments, const std::vector<Bytes>& replies, uint32_t status,
-                     const Expected& expected, Process::Stderr standardError = PIPE)
-    {
-        SCOPED_TRACE(testing::PrintToString(arguments));
-        const auto command = start(arguments, standardError);
-        const Bytes request = owner->receive();
-        if (request.empty())
-            return request;
+        auto ended = std::async(std::launch::async, [&] { expect(arguments, expected, terminal); });
+        const Bytes request = owner.receive();
         const Bytes id = attr(A_OBJID, find(request, A_OBJID));
         const auto seq = static_cast<uint16_t>(u32At(request, 0));
         for (const Bytes& fields : replies)
-            owner->send(message(DATA, seq, u32At(request, 4), id + attr(A_DATA, fields)));
-        owner->send(message(STATUS, seq, u32At(request, 4), attr(A_STATUS, u32(status)) + id));
-        expectEnd(*command, expected);
+            owner.send(message(DATA, seq, u32At(request, 4), id + attr(A_DATA, fields)));
+        owner.send(message(STATUS, seq, u32At(request, 4), attr(A_STATUS, u32(status)) + id));
+        ended.get();
         return request;
     }
 
-    // Starts a command that listens, "probe" among other things, and returns once it does.
-    std::unique_ptr<Process> startListening(const Strings& arguments)
-    {
-        auto command = start(arguments);
-        EXPECT_TRUE(waitUntil([&] {
-            owner->ask(eventCall(1, "probe", {}));
-            return command->hasLine();
-        }));
-        return command;
-    }
-
-    // The next line that is not about a probe.
-    static std::string nextEvent(Process& command)
-    {
-        std::string line;
-        do
-            line = command.readLine();
-        while (line == R"({ "probe": {} })");
-        return line;
-    }
-
-    std::optional<RawClient> owner;
+    RawClient owner = connect();
 };
 
 TEST_F(CommandTest, ListsNamesAndMethodsWithTheTypesOfTheirArguments)
 {
-    expect({"list", "x*"}, {.err = "Command failed: Not found\n", .exitStatus = 4}, TERMINAL);
+    expect({"list"}, {});
+    expect({"list", "x*"}, {4, "", "Command failed: Not found\n"}, true);
     Bytes arguments;
     for (uint32_t type = 0; type <= 8; ++type)
         arguments = arguments + numberField("t" + std::to_string(type), type);
-    const uint32_t id = owner->addObject("ptzd", tableField("moveTo", arguments) + tableField("stop", {}));
-    char line[32];
-    snprintf(line, sizeof line, "'ptzd' @%08x\n", id);
-    const Expected methods{.out = line + std::string(R"x(	"moveTo":{"t0":"(unknown)","t1":"Array","t2":"Table",)x"
-                                                     R"x("t3":"String","t4":"(unknown)","t5":"Integer",)x"
-                                                     R"x("t6":"(unknown)","t7":"Boolean","t8":"(unknown)"})x"
-                                                     "\n\t\"stop\":{}\n")};
-    for (const Strings& command : {Strings{"-v", "list"}, Strings{"list", "-v", "ptzd"}})
-        expect(command, methods);
-    expect({"-S", "-v", "list"}, {.out = "ptzd\n"});
+    const uint32_t id = owner.addObject("ptzd", tableField("moveTo", arguments) + tableField("stop", {}));
+    const Result methods{0,
+                         "'ptzd' @" + hex(u32(id)) +
+                             "\n\t\"moveTo\":{\"t0\":\"(unknown)\",\"t1\":\"Array\",\"t2\":\"Table\","
+                             "\"t3\":\"String\",\"t4\":\"(unknown)\",\"t5\":\"Integer\","
+                             "\"t6\":\"(unknown)\",\"t7\":\"Boolean\",\"t8\":\"(unknown)\"}\n\t\"stop\":{}\n",
+                         ""};
+    for (const Strings& words : {Strings{"-v", "list"}, Strings{"list", "-v", "ptzd"}})
+        expect(words, methods);
+    expect({"-S", "-v", "list"}, {0, "ptzd\n", ""});
     for (const char* name : {"CET", "pt"})
-        owner->addObject(name, oneMethod("stop", "why"));
-    expect({"list"}, {.out = "CET\npt\nptzd\n"});
-    expect({"list", "pt*"}, {.out = "pt\nptzd\n"});
-    expect({"list", "p"}, {.err = "Command failed: Not found\n", .exitStatus = 4});
-    expect({"list", ""}, {.err = "Command failed: Invalid argument\n", .exitStatus = 2});
-    expect({"-S", "list", "p"}, {.exitStatus = 4});
+        owner.addObject(name, oneMethod("stop", "why"));
+    expect({"list", "pt*"}, {0, "pt\nptzd\n", ""});
+    expect({"list", "p"}, {4, "", "Command failed: Not found\n"});
+    expect({"list", ""}, {2, "", "Command failed: Invalid argument\n"});
+    expect({"-S", "list", "p"}, {4, "", ""});
 }
 
-TEST_F(CommandTest, PrintsTheRepliesOfACall)
+TEST_F(CommandTest, PrintsTheRepliesOfACallOrWhyItFailed)
 {
-    owner->addObject("ptzd", oneMethod("moveTo", "x_coord"));
+    owner.addObject("ptzd", oneMethod("moveTo", "x_coord"));
     const Bytes reply = numberField("error_code", 0xffffffff);
-    const Strings moveTo{"call", "ptzd", "moveTo"};
-    const Bytes request = expectCall({"call", "ptzd", "moveTo", R"({"x_coord":"30"})"}, {reply}, 0,
-                                     {.out = "{\n\t\"error_code\": -1\n}\n"});
-    EXPECT_EQ(findText(request, A_METHOD), "moveTo");
-    EXPECT_EQ(find(request, A_DATA), stringField("x_coord", "30"));
-    expectCall({"-S", "call", "ptzd", "moveTo"}, {reply}, 0, {.out = "{\"error_code\":-1}\n"});
-    expectCall(moveTo, {}, 0, {});
-    expectCall(moveTo, {{}, reply}, 0, {.out = "{\n\t\n}\n{\n\t\"error_code\": -1\n}\n"});
     Bytes emptyArray = tableField("e", {});
     emptyArray[0] = 0x81;
-    expectCall(moveTo, {emptyArray + numberField("n", 5)}, 0, {.out = "{\n\t\"e\": [\n\t\t\n\t],\n\t\"n\": 5\n}\n"});
-}
-
-TEST_F(CommandTest, ReportsAFailedCallInOneOfTwoForms)
-{
-    owner->addObject("ptzd", oneMethod("moveTo", "x_coord"));
-    const Strings call{"call", "ptzd", "nosuch"};
-    expectCall(call, {}, 3, {.err = "Command failed: ubus call ptzd nosuch (Method not found)\n", .exitStatus = 253});
-    expectCall(call, {}, 3, {.err = "Command failed: Method not found\n", .exitStatus = 3}, TERMINAL);
-    expectCall({"-S", "call", "ptzd", "nosuch"}, {}, 3, {.exitStatus = 3});
-    expectCall({"call", "ptzd", "stop", R"({"a": 1})"}, {}, 5,
-               {.err = "Command failed: ubus call ptzd stop {\"a\": 1} (No response)\n", .exitStatus = 251});
-    expect({"-t", "1", "call", "ptzd", "moveTo"},
-           {.err = "Command failed: ubus call ptzd moveTo (Request timed out)\n", .exitStatus = 249});
-    const Strings badJson{"call", "ptzd", "stop", "{bad"};
-    const std::string text = "Parsing message data failed";
-    expect(badJson, {.err = "Command failed: ubus call ptzd stop {bad (" + text + ")\n", .exitStatus = 244});
-    expect(badJson, {.err = "Command failed: " + text + "\n", .exitStatus = 12}, TERMINAL);
-    for (const auto standardError : {PIPE, TERMINAL})
-        expect({"call", "nosuch", "stop"}, {.err = "Command failed: Not found\n", .exitStatus = 4}, standardError);
+    const Bytes request = expectCall({"call", "ptzd", "moveTo", R"({"x_coord":"30"})"}, {reply}, 0,
+                                     {0, "{\n\t\"error_code\": -1\n}\n", ""});
+    EXPECT_EQ(findText(request, A_METHOD), "moveTo");
+    EXPECT_EQ(find(request, A_DATA), stringField("x_coord", "30"));
+    const Strings call{"call", "ptzd", "m"};
+    expectCall({"-S", "call", "ptzd", "m"}, {reply}, 0, {0, "{\"error_code\":-1}\n", ""});
+    expectCall(call, {}, 0, {});
+    expectCall(call, {{}, emptyArray + numberField("n", 5)}, 0,
+               {0, "{\n\t\n}\n{\n\t\"e\": [\n\t\t\n\t],\n\t\"n\": 5\n}\n", ""});
+    expectCall(call, {}, 3, {253, "", "Command failed: ubus call ptzd m (Method not found)\n"});
+    expectCall(call, {}, 3, {3, "", "Command failed: Method not found\n"}, true);
+    expectCall({"-S", "call", "ptzd", "m"}, {}, 3, {3, "", ""});
+    expectCall({"call", "ptzd", "m", R"({"a": 1})"}, {}, 5,
+               {251, "", "Command failed: ubus call ptzd m {\"a\": 1} (No response)\n"});
+    expect({"-t", "1", "call", "ptzd", "m"}, {249, "", "Command failed: ubus call ptzd m (Request timed out)\n"});
+    expect({"call", "ptzd", "m", "{x"},
+           {244, "", "Command failed: ubus call ptzd m {x (Parsing message data failed)\n"});
+    for (const bool terminal : {false, true})
+        expect({"call", "nosuch", "stop"}, {4, "", "Command failed: Not found\n"}, terminal);
 }
 
 TEST_F(CommandTest, SendsEventsAndPrintsEachAtOnce)
 {
-    const auto all = startListening({"listen"});
-    const auto some = startListening({"listen", "motor*", "probe", "*.object.add"});
+    Background all(command({"listen"})), some(command({"listen", "motor*", "motor", "probe", "*.object.add"}));
+    const auto both = {&all, &some};
+    for (const Background* listener : both)
+        EXPECT_TRUE(waitUntil([&] {
+            owner.ask(eventCall(1, "probe", {}));
+            return listener->output().ends_with("{ \"probe\": {} }\n");
+        }));
     expect({"send", "other"}, {});
-    EXPECT_EQ(nextEvent(*all), R"({ "other": {} })");
     expect({"send", "motor", R"({"action":"start","n":1})"}, {});
-    for (const auto& command : {all.get(), some.get()})
-        EXPECT_EQ(nextEvent(*command), R"({ "motor": {"action":"start","n":1} })");
-    const auto id = static_cast<int32_t>(owner->addObject("ptzd"));
-    EXPECT_EQ(nextEvent(*all), R"({ "ubus.object.add": {"id":)" + std::to_string(id) + R"(,"path":"ptzd"} })");
-    all->signal(SIGINT);
-    some->signal(SIGTERM);
-    EXPECT_EQ(all->wait() + some->wait(), 0);
-    EXPECT_EQ(all->err + some->err, "");
-    EXPECT_EQ(some->out.find("ubus.object.add"), std::string::npos) << "a star in front is no pattern";
+    const std::string motor = "\n{ \"motor\": {\"action\":\"start\",\"n\":1} }\n";
+    for (const Background* listener : both)
+        EXPECT_TRUE(waitUntil([&] { return listener->output().ends_with(motor); }));
+    EXPECT_TRUE(all.output().ends_with("{ \"other\": {} }" + motor));
+    const auto id = static_cast<int32_t>(owner.addObject("ptzd"));
+    EXPECT_TRUE(waitUntil([&] {
+        return all.output().ends_with("{ \"ubus.object.add\": {\"id\":" + std::to_string(id) +
+                                      ",\"path\":\"ptzd\"} }\n");
+    }));
+    EXPECT_TRUE(some.output().ends_with("probe\": {} }" + motor)) << "once, and a star in front is no pattern";
+    EXPECT_EQ(all.end(SIGINT), 0);
+    EXPECT_EQ(some.end(SIGTERM), 0);
     expect({"-t", "1", "listen", "nothing"}, {});
-    expect({"send", "ubus.motor"}, {.err = "Command failed: Permission denied\n", .exitStatus = 6});
-    expect({"send", "motor", "[]"}, {.err = "Command failed: Parsing message data failed\n", .exitStatus = 12});
-}
-
-TEST_F(CommandTest, WaitsForObjects)
-{
-    owner->addObject("here");
-    expect({"wait_for", "here"}, {});
-    expect({"-t", "1", "wait_for", "here", "later"}, {.err = "Command failed: Request timed out\n", .exitStatus = 7});
-    const auto command = start({"wait_for", "later", "here", "last"});
-    owner->addObject("later");
-    EXPECT_FALSE(command->hasLine());
-    owner->addObject("last");
-    expectEnd(*command, {});
+    expect({"send", "ubus.motor"}, {6, "", "Command failed: Permission denied\n"});
+    expect({"send", "motor", "[]"}, {12, "", "Command failed: Parsing message data failed\n"});
 }
 
 TEST_F(CommandTest, SaysThatThereIsNoBusOrHowToUseIt)
 {
-    const std::string noBus = folder() + "/none";
-    expect({"-s", noBus, "list"}, {.err = "Failed to connect to ubus\n", .exitStatus = 255});
-    expect({"-S", "-s", noBus, "list"}, {.exitStatus = 255});
-    const std::pair<int, std::vector<Strings>> wrong[] = {
-        {1, {{}, {"-S"}}},
-        {254, {{"nonsense"}, {"-S", "nonsense"}, {"list", "a", "b"}, {"call", "a"}, {"send"}}},
-    };
-    for (const auto& [exitStatus, uses] : wrong) {
-        for (const Strings& arguments : uses) {
-            const auto command = start(arguments);
-            EXPECT_EQ(command->wait(), exitStatus) << testing::PrintToString(arguments);
-            EXPECT_EQ(command->out, "");
-            EXPECT_TRUE(command->err.starts_with("Usage: "));
-        }
+    const std::string noBus = folder.path / "none";
+    expect({"-s", noBus, "list"}, {255, "", "Failed to connect to ubus\n"});
+    expect({"-S", "-s", noBus, "list"}, {255, "", ""});
+    const std::pair<int, Strings> wrong[] = {
+        {1, {}}, {1, {"-S"}}, {254, {"nonsense"}}, {254, {"list", "a", "b"}}, {254, {"call", "a"}}, {254, {"send"}}};
+    for (const auto& [status, arguments] : wrong) {
+        const Result result = run(command(arguments));
+        EXPECT_EQ(result.status, status) << testing::PrintToString(arguments);
+        EXPECT_TRUE(result.out.empty() && result.err.starts_with("Usage: "));
     }
-    const auto unknown = start({"-x", "list"});
-    EXPECT_EQ(unknown->wait(), 1);
-    EXPECT_TRUE(unknown->err.starts_with(UBUS_PROGRAM ": invalid option -- 'x'\nUsage: ")) << unknown->err;
+    EXPECT_TRUE(run(command({"-x", "list"})).err.starts_with(UBUS_PROGRAM ": invalid option -- 'x'\nUsage: "));
 }
 
 } // namespace

@@ -1,12 +1,9 @@
-// What the tests of libubox share: the library's headers, a buffer that frees itself, exact heap copies.
+// What the tests of libubox and libubus share: the library's headers, a buffer that frees itself, texts.
 #pragma once
 
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <string>
+#include "host_test.h"
 
-#include <gtest/gtest.h>
+#include <cstdlib>
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -15,24 +12,12 @@ extern "C" {
 }
 #undef fallthrough
 
-#include "vector_file.h"
-
-struct FreeMemory {
-    void operator()(void* memory) const
-    {
-        free(memory);
-    }
-};
-
 class Buffer {
 public:
-    explicit Buffer(int id = 0)
-    {
-        blob_buf_init(&buf_, id);
-    }
     // With the members of a JSON object.
-    explicit Buffer(const char* json) : Buffer()
+    explicit Buffer(const char* json = "{}")
     {
+        blob_buf_init(&buf_, 0);
         EXPECT_TRUE(blobmsg_add_json_from_string(&buf_, json));
     }
     ~Buffer()
@@ -49,41 +34,23 @@ public:
     {
         return buf_.head;
     }
-    std::string hex()
-    {
-        return hexFromBytes(buf_.head, blob_raw_len(buf_.head));
-    }
 
 private:
     blob_buf buf_{};
 };
 
-// A copy that ends exactly at the end of its heap block, so that AddressSanitizer sees every read past it.
-class HeapCopy {
-public:
-    explicit HeapCopy(const Bytes& bytes) : memory_(malloc(bytes.size()))
-    {
-        if (!bytes.empty())
-            memcpy(memory_.get(), bytes.data(), bytes.size());
-    }
-    void* data()
-    {
-        return memory_.get();
-    }
-    blob_attr* attr()
-    {
-        return static_cast<blob_attr*>(memory_.get());
-    }
-
-private:
-    std::unique_ptr<void, FreeMemory> memory_;
-};
+// Bytes as an attribute: they end where their heap block does, so that AddressSanitizer sees every read past them.
+inline blob_attr* attrOf(Bytes& bytes)
+{
+    return reinterpret_cast<blob_attr*>(bytes.data());
+}
 
 // Takes over a text of the library's.
 inline std::string takeText(char* text)
 {
-    std::unique_ptr<char, FreeMemory> owner(text);
-    return text ? text : "(null)";
+    const std::string copy = text ? text : "(null)";
+    free(text);
+    return copy;
 }
 
 inline std::string jsonOf(blob_attr* msg)

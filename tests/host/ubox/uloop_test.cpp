@@ -1,13 +1,11 @@
+#include "ubox_test.h"
+
 #include <csignal>
-#include <functional>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "ubox_test.h"
 
 namespace {
 
@@ -27,58 +25,13 @@ struct Timeout : uloop_timeout {
     std::function<void()> run;
 };
 
-// One end of a socket pair in the loop; the other end is the test's.
-struct Watched : uloop_fd {
-    explicit Watched(std::function<void(unsigned)> action) : uloop_fd{}, run(std::move(action))
-    {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        fd = ends[0];
-        peer = ends[1];
-        cb = [](uloop_fd* self, unsigned events) { static_cast<Watched*>(self)->run(events); };
-    }
-    ~Watched()
-    {
-        uloop_fd_delete(this);
-        close(fd);
-        close(peer);
-    }
-    void send() const
-    {
-        EXPECT_EQ(write(peer, "x", 1), 1);
-    }
-    std::function<void(unsigned)> run;
-    int peer;
-};
-
-class Uloop : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(uloop_init(), 0);
-    }
-    void TearDown() override
-    {
-        uloop_done();
-    }
-    static void pass()
-    {
-        EXPECT_EQ(uloop_run_timeout(0), 0);
-    }
-};
-
-sighandler_t dispositionOf(int number)
-{
-    struct sigaction current {};
-    sigaction(number, nullptr, &current);
-    return current.sa_handler;
-}
-
 } // namespace
 
-TEST_F(Uloop, TimeoutsRunInOrderOfTimeThenOfArming)
+TEST(Uloop, RunsTimeoutsInTheirOrderAndLeavesRoomForDescriptors)
 {
+    ASSERT_EQ(uloop_init(), 0);
     std::string order;
+    Timeout cancelled([&] { order += "?"; });
     Timeout again([&] { order += "z"; });
     Timeout a([&] { order += "a"; });
     Timeout b([&] {
@@ -91,159 +44,61 @@ TEST_F(Uloop, TimeoutsRunInOrderOfTimeThenOfArming)
         order += "e";
         uloop_end();
     });
-    uloop_timeout_set(&last, 30);
+    EXPECT_EQ(uloop_timeout_cancel(&cancelled), -1);
+    uloop_timeout_set(&cancelled, 0);
+    EXPECT_EQ(uloop_timeout_cancel(&cancelled), 0);
+    uloop_timeout_set(&last, 0);
+    uloop_timeout_set(&last, 30); // in the place of the first time
     uloop_timeout_set(&c, 15);
     uloop_timeout_set(&b, -5);
     a.time = b.time; // armed later for the same instant
     EXPECT_EQ(uloop_timeout_add(&a), 0);
     EXPECT_EQ(uloop_timeout_add(&a), -1);
-    auto start = steady_clock::now();
+    const auto start = steady_clock::now();
     EXPECT_EQ(uloop_run(), 0);
     EXPECT_EQ(order, "bazce");
     EXPECT_GE(steady_clock::now() - start, milliseconds(29));
-}
 
-TEST_F(Uloop, TimeoutsAreRearmedAndCancelled)
-{
-    int runs = 0;
-    Timeout timeout([&] { ++runs; });
-    EXPECT_EQ(uloop_timeout_remaining64(&timeout), -1);
-    EXPECT_EQ(uloop_timeout_cancel(&timeout), -1);
-    uloop_timeout_set(&timeout, 0);
-    uloop_timeout_set(&timeout, 10000);
-    EXPECT_GT(uloop_timeout_remaining64(&timeout), 9000);
-    pass();
-    EXPECT_EQ(runs, 0);
-    EXPECT_EQ(uloop_timeout_cancel(&timeout), 0);
-    uloop_timeout_set(&timeout, -10);
-    EXPECT_LE(uloop_timeout_remaining64(&timeout), -9);
-    pass();
-    EXPECT_EQ(runs, 1);
-    EXPECT_FALSE(timeout.pending);
-
-    // One that always arms itself for now leaves room for descriptors.
-    timeout.run = [&] { uloop_timeout_set(&timeout, 0); };
-    Watched socket([&](unsigned) { uloop_end(); });
-    uloop_fd_add(&socket, ULOOP_READ);
-    uloop_timeout_set(&timeout, 0);
-    socket.send();
-    EXPECT_EQ(uloop_run(), 0);
-}
-
-TEST_F(Uloop, APassRunsOneCallbackAndDeletingADescriptorDropsItsFetchedEvents)
-{
-    int calls = 0;
-    bool deletes = false;
-    std::vector<Watched*> sockets;
-    const auto count = [&](size_t other) {
-        return [&, other](unsigned events) {
-            EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-            ++calls;
-            if (deletes) {
-                EXPECT_EQ(uloop_fd_delete(sockets[other]), 0);
-            }
-        };
-    };
-    Watched one(count(1)), two(count(0));
-    sockets = {&one, &two};
-    for (Watched* socket : sockets)
-        EXPECT_EQ(uloop_fd_add(socket, ULOOP_READ), 0);
-    pass();
-    EXPECT_EQ(calls, 0);
-    one.send();
-    two.send();
-    for (int expected : {1, 2}) {
-        pass();
-        EXPECT_EQ(calls, expected);
-    }
-    deletes = true;
-    pass();
-    pass();
-    EXPECT_EQ(calls, 4); // the same one twice
-    EXPECT_NE(one.registered, two.registered);
-}
-
-TEST_F(Uloop, AFullCloseDeregistersBeforeItsOnlyCallbackUnlessErrorsAreWanted)
-{
-    const struct {
-        bool full;
-        unsigned flags;
-        bool staysRegistered;
-    } cases[] = {{false, ULOOP_READ, true}, {true, ULOOP_READ, false}, {true, ULOOP_READ | ULOOP_ERROR_CB, true}};
-    for (const auto& how : cases) {
-        SCOPED_TRACE(std::to_string(how.full) + " " + std::to_string(how.flags));
-        int calls = 0;
-        Watched socket([&](unsigned events) {
-            EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-            EXPECT_TRUE(socket.eof);
-            EXPECT_EQ(socket.error, how.full);
-            EXPECT_EQ(socket.registered, how.staysRegistered);
-            EXPECT_EQ(socket.flags != 0, how.staysRegistered);
-            ++calls;
-        });
-        uloop_fd_add(&socket, how.flags);
-        shutdown(socket.peer, how.full ? SHUT_RDWR : SHUT_WR);
-        pass();
-        pass();
-        EXPECT_EQ(calls, how.staysRegistered ? 2 : 1) << "reported until it is deleted";
-        if (how.full)
-            continue;
+    // One that always arms itself for now leaves room for descriptors. A hang-up ends the registration.
+    again.run = [&] { uloop_timeout_set(&again, 0); };
+    uloop_timeout_set(&again, 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    uloop_fd socket{};
+    socket.fd = ends[0];
+    for (const bool closed : {false, true}) {
+        socket.cb = [](uloop_fd*, unsigned) { uloop_end(); };
         EXPECT_EQ(uloop_fd_add(&socket, ULOOP_READ), 0);
-        EXPECT_FALSE(socket.eof);
-        EXPECT_EQ(uloop_fd_add(&socket, ULOOP_BLOCKING), 0); // neither direction: deleted
-        EXPECT_FALSE(socket.registered);
-        pass();
-        EXPECT_EQ(calls, 2);
+        EXPECT_TRUE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
+        EXPECT_EQ(closed ? close(ends[1]) : write(ends[1], "x", 1), closed ? 0 : 1);
+        EXPECT_EQ(uloop_run(), 0);
+        EXPECT_TRUE(socket.registered != closed && socket.error == closed && socket.eof == closed);
+        char byte = 0;
+        EXPECT_EQ(read(socket.fd, &byte, 1), closed ? 0 : 1);
     }
-}
-
-TEST_F(Uloop, FlagsChooseDirectionAndBlockingMode)
-{
-    unsigned seen = 0;
-    Watched socket([&](unsigned events) { seen = events; });
-    uloop_fd_add(&socket, ULOOP_READ | ULOOP_BLOCKING);
-    EXPECT_FALSE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
-    uloop_fd_add(&socket, ULOOP_WRITE); // a change leaves the mode alone
-    EXPECT_FALSE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
-    pass();
-    EXPECT_EQ(seen, static_cast<unsigned>(ULOOP_WRITE));
-    uloop_fd_delete(&socket);
-    uloop_fd_add(&socket, ULOOP_READ);
-    EXPECT_TRUE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
-}
-
-TEST_F(Uloop, RefusesWhatItCannotWaitFor)
-{
-    uloop_fd record{};
-    EXPECT_EQ(uloop_fd_delete(&record), 0) << "not registered";
-    for (const int fd : {-1, open("/proc/self/exe", O_RDONLY | O_CLOEXEC)}) {
-        record.fd = fd;
-        EXPECT_EQ(uloop_fd_add(&record, ULOOP_READ), -1);
-        EXPECT_FALSE(record.registered);
-    }
-    close(record.fd);
-    Watched socket([](unsigned) {});
-    uloop_fd_add(&socket, ULOOP_READ);
     close(socket.fd);
-    EXPECT_EQ(uloop_fd_delete(&socket), -1);
-    socket.fd = -1;
+    uloop_done();
 }
 
 TEST(UloopSignals, TerminateEndsTheLoopAndDispositionsComeBack)
 {
-    auto own = [](int) {};
-    auto before = signal(SIGINT, own);
+    const auto dispositionOf = [](int number) {
+        struct sigaction current {};
+        sigaction(number, nullptr, &current);
+        return current.sa_handler;
+    };
+    const sighandler_t own = [](int) {};
+    const auto before = signal(SIGINT, own);
     ASSERT_EQ(uloop_init(), 0);
-    EXPECT_EQ(dispositionOf(SIGINT), static_cast<sighandler_t>(own)); // not the default, so left alone
-    EXPECT_NE(dispositionOf(SIGTERM), SIG_DFL);
+    EXPECT_EQ(dispositionOf(SIGINT), own); // not the default, so left alone
     Timeout timeout([] { raise(SIGTERM); });
     uloop_timeout_set(&timeout, 10);
     EXPECT_EQ(uloop_run(), SIGTERM);
     EXPECT_TRUE(uloop_cancelled);
     uloop_done();
     uloop_done();
-    EXPECT_EQ(dispositionOf(SIGTERM), SIG_DFL);
-    EXPECT_EQ(dispositionOf(SIGCHLD), SIG_DFL);
+    for (const int number : {SIGTERM, SIGCHLD})
+        EXPECT_EQ(dispositionOf(number), SIG_DFL);
     EXPECT_EQ(dispositionOf(SIGPIPE), SIG_IGN);
     signal(SIGINT, before);
 }

@@ -1,14 +1,14 @@
 // A scripted bus daemon on a thread of its own: it says and expects exactly what the test writes down.
 #pragma once
 
-#include <cstdint>
+#include "ubox/ubox_test.h"
+
 #include <functional>
 #include <memory>
-#include <string>
-#include <thread>
 
-#include "ubox/ubox_test.h"
-#include "wire.h"
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libubus.h>
@@ -16,48 +16,43 @@ extern "C" {
 
 class FakeBus {
 public:
-    using Script = std::function<void(FakeBus&)>;
-
-    // Listens on a socket in a directory of its own and starts the script.
-    explicit FakeBus(Script script);
-    // Waits for the script's end.
-    ~FakeBus();
+    explicit FakeBus(std::function<void(FakeBus&)> script)
+    {
+        const sockaddr_un address = addressOf(path);
+        EXPECT_EQ(bind(listener_.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener_.fd(), 10), 0);
+        thread_ = std::thread([this, run = std::move(script)] { run(*this); });
+    }
+    ~FakeBus()
+    {
+        thread_.join();
+    }
     FakeBus(const FakeBus&) = delete;
     FakeBus& operator=(const FakeBus&) = delete;
 
-    const char* path() const
+    // For the script: takes the next client in the place of the last, and greets it.
+    void accept()
     {
-        return path_.c_str();
+        client = Peer(); // what a client that is to connect again waits for
+        client = Peer(accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+        EXPECT_GE(client.fd(), 0) << "no client came";
+    }
+    void greet(uint32_t clientId = 0xa617c13a)
+    {
+        accept();
+        client.send(message(HELLO, 0, clientId, {}));
+    }
+    void expect(const Bytes& bytes)
+    {
+        EXPECT_EQ(hex(client.receive()), hex(bytes));
     }
 
-    // For the script: takes the next client in the place of the last, and greets it.
-    void accept();
-    void greet(uint32_t clientId = 0xa617c13a);
-    void send(const Bytes& bytes) const
-    {
-        client_.send(bytes);
-    }
-    // The next whole message of the client, empty at its end.
-    Bytes receive()
-    {
-        return client_.receive();
-    }
-    void expect(const Bytes& bytes);
-    void expectEnd();
-    void close()
-    {
-        client_ = WireEnd();
-    }
-    void closeHalf() const
-    {
-        client_.endWriting();
-    }
+    const Folder folder;
+    const std::string path = folder.path / "ubus.sock";
+    Peer client;
 
 private:
-    std::string directory_;
-    std::string path_;
-    int listener_ = -1;
-    WireEnd client_;
+    const Peer listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     std::thread thread_;
 };
 
@@ -71,11 +66,20 @@ using Context = std::unique_ptr<ubus_context, FreeContext>;
 
 inline Context connectTo(const FakeBus& bus)
 {
-    return Context(ubus_connect(bus.path()));
+    return Context(ubus_connect(bus.path.c_str()));
 }
 
 // Lets a data callback collect the replies as JSON, one after the other, in the std::string that is the request's priv.
-void collectJson(ubus_request* req, int type, blob_attr* msg);
+inline void collectJson(ubus_request* req, int, blob_attr* msg)
+{
+    *static_cast<std::string*>(req->priv) += jsonOf(msg);
+}
 
 // Handles what arrives at a context outside the loop until the condition holds; false when it does not in time.
-bool handleUntil(ubus_context* ctx, const std::function<bool()>& condition);
+inline bool handleUntil(ubus_context* ctx, const std::function<bool()>& condition)
+{
+    return waitUntil([&] {
+        ubus_handle_event(ctx);
+        return condition();
+    });
+}

@@ -16,19 +16,6 @@
 
 #define BLOB_COOKIE 0x01234567
 
-enum {
-    BLOB_ATTR_UNSPEC,
-    BLOB_ATTR_NESTED,
-    BLOB_ATTR_BINARY,
-    BLOB_ATTR_STRING,
-    BLOB_ATTR_INT8,
-    BLOB_ATTR_INT16,
-    BLOB_ATTR_INT32,
-    BLOB_ATTR_INT64,
-    BLOB_ATTR_DOUBLE,
-    BLOB_ATTR_LAST
-};
-
 #define BLOB_ATTR_ID_MASK 0x7f000000
 #define BLOB_ATTR_ID_SHIFT 24
 #define BLOB_ATTR_LEN_MASK 0x00ffffff
@@ -94,49 +81,12 @@ static inline uint8_t blob_get_u8(const struct blob_attr* attr)
     return (uint8_t)attr->data[0];
 }
 
-static inline uint16_t blob_get_u16(const struct blob_attr* attr)
-{
-    uint16_t value;
-
-    memcpy(&value, attr->data, sizeof(value));
-    return be16_to_cpu(value);
-}
-
 static inline uint32_t blob_get_u32(const struct blob_attr* attr)
 {
     uint32_t value;
 
     memcpy(&value, attr->data, sizeof(value));
     return be32_to_cpu(value);
-}
-
-/* Values are at multiples of 4 only. */
-static inline uint64_t blob_get_u64(const struct blob_attr* attr)
-{
-    uint64_t value;
-
-    memcpy(&value, attr->data, sizeof(value));
-    return be64_to_cpu(value);
-}
-
-static inline int8_t blob_get_int8(const struct blob_attr* attr)
-{
-    return (int8_t)blob_get_u8(attr);
-}
-
-static inline int16_t blob_get_int16(const struct blob_attr* attr)
-{
-    return (int16_t)blob_get_u16(attr);
-}
-
-static inline int32_t blob_get_int32(const struct blob_attr* attr)
-{
-    return (int32_t)blob_get_u32(attr);
-}
-
-static inline int64_t blob_get_int64(const struct blob_attr* attr)
-{
-    return (int64_t)blob_get_u64(attr);
 }
 
 static inline const char* blob_get_string(const struct blob_attr* attr)
@@ -157,38 +107,13 @@ bool blob_buf_grow(struct blob_buf* buf, int required);
 
 /* Appends an attribute. Null when the buffer cannot grow, like all that append here. */
 struct blob_attr* blob_put(struct blob_buf* buf, int id, const void* data, unsigned int len);
+struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text);
+struct blob_attr* blob_put_u8(struct blob_buf* buf, int id, uint8_t value);
+struct blob_attr* blob_put_u32(struct blob_buf* buf, int id, uint32_t value);
 
 /* Opens a nested attribute, which becomes the head; null when the buffer cannot grow. */
 void* blob_nest_start(struct blob_buf* buf, int id);
 void blob_nest_end(struct blob_buf* buf, void* cookie);
-
-static inline struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text)
-{
-    return blob_put(buf, id, text, (unsigned int)strlen(text) + 1);
-}
-
-static inline struct blob_attr* blob_put_u8(struct blob_buf* buf, int id, uint8_t value)
-{
-    return blob_put(buf, id, &value, sizeof(value));
-}
-
-static inline struct blob_attr* blob_put_u16(struct blob_buf* buf, int id, uint16_t value)
-{
-    value = cpu_to_be16(value);
-    return blob_put(buf, id, &value, sizeof(value));
-}
-
-static inline struct blob_attr* blob_put_u32(struct blob_buf* buf, int id, uint32_t value)
-{
-    value = cpu_to_be32(value);
-    return blob_put(buf, id, &value, sizeof(value));
-}
-
-static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint64_t value)
-{
-    value = cpu_to_be64(value);
-    return blob_put(buf, id, &value, sizeof(value));
-}
 
 /* Walks over the children of a plain attribute, which may be null; ends at the first that does not fit with its
  * padding. `rem` is a size_t. */

@@ -71,11 +71,6 @@ static inline size_t blobmsg_data_len(const struct blob_attr* attr)
     return attr ? blob_len(attr) - (size_t)((char*)blobmsg_data(attr) - (char*)blob_data(attr)) : 0;
 }
 
-static inline size_t blobmsg_len(const struct blob_attr* attr)
-{
-    return blobmsg_data_len(attr);
-}
-
 /* Whether one attribute is well formed; its length field is believed. With `name` it must have a name, too. The content
  * of arrays and tables is not looked at. */
 bool blobmsg_check_attr(const struct blob_attr* attr, bool name);
@@ -83,19 +78,10 @@ bool blobmsg_check_attr(const struct blob_attr* attr, bool name);
 /* The same, in memory of `len` bytes from the attribute on. */
 bool blobmsg_check_attr_len(const struct blob_attr* attr, bool name, size_t len);
 
-/* Number of elements of a well formed array or table whose elements are all well formed and of the type (0: any), in a
- * table with names; else -1. */
-int blobmsg_check_array(const struct blob_attr* attr, int type);
-
 /* Looks for the fields of the policy in a run of attributes and stores what it finds, else null, in `tb`. 0 when it
  * reached the end, -22 for no data at all, -1 at the first malformed field, with what was found before it kept. */
 int blobmsg_parse(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
                   unsigned int len);
-
-/* Hands the elements of a run to the policy's entries in turn; an element of another type than the current entry's is
- * skipped, whatever is in it. 0, or -1 at a malformed element. */
-int blobmsg_parse_array(const struct blobmsg_policy* policy, int policy_len, struct blob_attr** tb, void* data,
-                        unsigned int len);
 
 /* Adders return 0, or -1 when the buffer cannot grow. A null name is an empty one. */
 int blobmsg_add_field(struct blob_buf* buf, int type, const char* name, const void* data, unsigned int len);
@@ -103,21 +89,9 @@ int blobmsg_add_field(struct blob_buf* buf, int type, const char* name, const vo
 /* Opens a table or array; null when the buffer cannot grow. */
 void* blobmsg_open_nested(struct blob_buf* buf, const char* name, bool array);
 
-/* Adds a formatted string; the number of its characters, or -1. */
-int blobmsg_vprintf(struct blob_buf* buf, const char* name, const char* format, va_list args)
-    __attribute__((format(printf, 3, 0)));
-int blobmsg_printf(struct blob_buf* buf, const char* name, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-
 static inline int blobmsg_add_u8(struct blob_buf* buf, const char* name, uint8_t value)
 {
     return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &value, sizeof(value));
-}
-
-static inline int blobmsg_add_u16(struct blob_buf* buf, const char* name, uint16_t value)
-{
-    value = cpu_to_be16(value);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &value, sizeof(value));
 }
 
 static inline int blobmsg_add_u32(struct blob_buf* buf, const char* name, uint32_t value)
@@ -164,11 +138,6 @@ static inline void blobmsg_close_array(struct blob_buf* buf, void* cookie)
 static inline void blobmsg_close_table(struct blob_buf* buf, void* cookie)
 {
     blob_nest_end(buf, cookie);
-}
-
-static inline int blobmsg_buf_init(struct blob_buf* buf)
-{
-    return blob_buf_init(buf, BLOBMSG_TYPE_TABLE);
 }
 
 /* The readers below trust the attribute: it is of their type, as after blobmsg_parse with a policy. */
@@ -222,22 +191,6 @@ static inline char* blobmsg_get_string(const struct blob_attr* attr)
 }
 
 /* Any integer type widened; 0 for other types. */
-static inline uint64_t blobmsg_cast_u64(const struct blob_attr* attr)
-{
-    switch (blobmsg_type(attr)) {
-    case BLOBMSG_TYPE_INT64:
-        return blobmsg_get_u64(attr);
-    case BLOBMSG_TYPE_INT32:
-        return blobmsg_get_u32(attr);
-    case BLOBMSG_TYPE_INT16:
-        return blobmsg_get_u16(attr);
-    case BLOBMSG_TYPE_INT8:
-        return blobmsg_get_u8(attr);
-    default:
-        return 0;
-    }
-}
-
 static inline int64_t blobmsg_cast_s64(const struct blob_attr* attr)
 {
     switch (blobmsg_type(attr)) {

@@ -17,8 +17,8 @@ typedef const char* (*blobmsg_json_format_t)(void* priv, struct blob_attr* attr)
  * a member, starting at that depth. */
 char* blobmsg_format_json_with_cb(struct blob_attr* attr, bool list, blobmsg_json_format_t cb, void* priv, int indent);
 
-/* The same for the value of an attribute, without its name. */
-char* blobmsg_format_json_value_with_cb(struct blob_attr* attr, blobmsg_json_format_t cb, void* priv, int indent);
+/* Compact text of an attribute's value, without its name. */
+char* blobmsg_format_json_value(struct blob_attr* attr);
 
 static inline char* blobmsg_format_json(struct blob_attr* attr, bool list)
 {
@@ -28,16 +28,6 @@ static inline char* blobmsg_format_json(struct blob_attr* attr, bool list)
 static inline char* blobmsg_format_json_indent(struct blob_attr* attr, bool list, int indent)
 {
     return blobmsg_format_json_with_cb(attr, list, NULL, NULL, indent);
-}
-
-static inline char* blobmsg_format_json_value(struct blob_attr* attr)
-{
-    return blobmsg_format_json_value_with_cb(attr, NULL, NULL, -1);
-}
-
-static inline char* blobmsg_format_json_value_indent(struct blob_attr* attr, int indent)
-{
-    return blobmsg_format_json_value_with_cb(attr, NULL, NULL, indent);
 }
 
 #endif

@@ -78,10 +78,4 @@ static inline void list_del_init(struct list_head* entry)
     for (pos = list_first_entry(list, __typeof__(*pos), member); &pos->member != (list);                               \
          pos = list_entry(pos->member.next, __typeof__(*pos), member))
 
-/* The body may take `pos` out of the list and free it. */
-#define list_for_each_entry_safe(pos, tmp, list, member)                                                               \
-    for (pos = list_first_entry(list, __typeof__(*pos), member),                                                       \
-        tmp = list_entry(pos->member.next, __typeof__(*pos), member);                                                  \
-         &pos->member != (list); pos = tmp, tmp = list_entry(tmp->member.next, __typeof__(*pos), member))
-
 #endif

@@ -16,7 +16,6 @@ typedef void (*uloop_timeout_handler)(struct uloop_timeout* timeout);
 
 #define ULOOP_READ (1 << 0)
 #define ULOOP_WRITE (1 << 1)
-#define ULOOP_EDGE_TRIGGER (1 << 2)
 #define ULOOP_BLOCKING (1 << 3) /* leave the descriptor's blocking mode alone */
 #define ULOOP_ERROR_CB (1 << 6) /* stay registered on an error or hang-up */
 
@@ -48,7 +47,7 @@ extern bool uloop_handle_sigchld;
  * 0 or -1. A further call does no harm. Any thread. */
 int uloop_init(void);
 
-/* Gives SIGINT, SIGTERM and SIGCHLD back their earlier disposition, closes what uloop_init opened, cancels all
+/* Gives SIGINT, SIGTERM and SIGCHLD back their earlier disposition, takes all descriptors out of the loop, cancels all
  * timeouts. May be called twice. */
 void uloop_done(void);
 
@@ -75,8 +74,7 @@ static inline void uloop_end(void)
  * ULOOP_WRITE it means delete. 0, or -1 for a descriptor that cannot be waited for. */
 int uloop_fd_add(struct uloop_fd* fd, unsigned int flags);
 
-/* Takes the descriptor out of the loop and drops events already fetched for it. 0 also when it is not registered; -1
- * when it was closed before. */
+/* Takes the descriptor out of the loop. 0 also when it is not registered; -1 when it was closed before. */
 int uloop_fd_delete(struct uloop_fd* fd);
 
 /* Arms for `time`; -1 when pending. */
@@ -88,8 +86,5 @@ int uloop_timeout_set(struct uloop_timeout* timeout, int ms);
 
 /* Disarms; -1 when not pending. */
 int uloop_timeout_cancel(struct uloop_timeout* timeout);
-
-/* Milliseconds left, negative when overdue, -1 when not pending. */
-int64_t uloop_timeout_remaining64(struct uloop_timeout* timeout);
 
 #endif

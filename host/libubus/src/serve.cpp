@@ -1,4 +1,4 @@
-// Calls of the context's own objects.
+// The context as its owner's loop sees it: calls of its objects are dispatched and answered, and a loss is reported.
 #include "bus_client.h"
 
 #include <cstring>
@@ -36,8 +36,6 @@ int callMethod(ubus_context* ctx, ubus_object* obj, ubus_request_data* req, cons
     return method ? method->handler(ctx, obj, req, name, data) : UBUS_STATUS_METHOD_NOT_FOUND;
 }
 
-} // namespace
-
 void dispatchCall(ubus_context* ctx, Message* message)
 {
     WireFields fields = readFields(rootOf(message));
@@ -54,6 +52,74 @@ void dispatchCall(ubus_context* ctx, Message* message)
     int status = obj ? callMethod(ctx, obj, &req, fields) : static_cast<int>(UBUS_STATUS_NOT_FOUND);
     if (!req.deferred)
         ubus_complete_deferred_request(ctx, &req, status);
+}
+
+// Runs after the outermost wait or handler, from the loop if the socket is in it. The context may be gone afterwards.
+void reportLoss(ubus_context* ctx)
+{
+    ubus_connection* connection = ctx->connection;
+    if (ctx->stack_depth > 0 || connection->reporting)
+        return;
+    bool freed = false;
+    connection->freed = &freed;
+    connection->reporting = true;
+    while (!freed && connection->lostPending) {
+        connection->lostPending = false;
+        if (ctx->sock.registered)
+            uloop_fd_delete(&ctx->sock);
+        if (ctx->connection_lost)
+            ctx->connection_lost(ctx);
+    }
+    if (freed)
+        return;
+    connection->reporting = false;
+    connection->freed = nullptr;
+}
+
+} // namespace
+
+void dispatchPending(ubus_context* ctx)
+{
+    if (ctx->stack_depth > 0 || list_empty(&ctx->pending))
+        return;
+    const Message* last = list_entry(ctx->pending.prev, Message, list);
+    bool lastHandled = false;
+    ++ctx->stack_depth;
+    while (!list_empty(&ctx->pending) && (!lastHandled || !ctx->sock.registered)) {
+        Message* message = list_first_entry(&ctx->pending, Message, list);
+        list_del(&message->list);
+        lastHandled = lastHandled || message == last;
+        dispatchCall(ctx, message);
+        releaseMessage(ctx, message);
+    }
+    --ctx->stack_depth;
+    if (!list_empty(&ctx->pending))
+        uloop_timeout_set(&ctx->pending_timer, PENDING_DELAY_MS);
+}
+
+void handleSocket(uloop_fd* sock, unsigned int)
+{
+    ubus_context* ctx = container_of(sock, ubus_context, sock);
+    dispatchPending(ctx);
+    while (Message* message = nextMessage(ctx)) {
+        handleMessage(ctx, message);
+        dispatchPending(ctx);
+        // The rest is left to the loop, which does not call again after an error.
+        if (ctx->cancel_poll && !sock->eof && !sock->error)
+            break;
+    }
+    if (ctx->connection->broken)
+        endAllRequests(ctx);
+    if (ctx->connection->broken && sock->registered)
+        uloop_fd_delete(sock);
+    reportLoss(ctx);
+}
+
+void handlePendingTimer(uloop_timeout* timer)
+{
+    ubus_context* ctx = container_of(timer, ubus_context, pending_timer);
+    dispatchPending(ctx);
+    reportLoss(ctx);
 }
 
 int ubus_send_reply(ubus_context* ctx, ubus_request_data* req, blob_attr* msg)
