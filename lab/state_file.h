@@ -36,7 +36,7 @@ public:
     {
         return &axis_;
     }
-    /// Lab time that the copy stands for.
+    /// Lab time at which the copy was made.
     int64_t labNs() const
     {
         return labNs_;
