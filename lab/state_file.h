@@ -36,7 +36,7 @@ public:
     {
         return &axis_;
     }
-    /// Lab time at which the copy was made.
+    /// Lab time of the copy.
     int64_t labNs() const
     {
         return labNs_;
