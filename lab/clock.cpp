@@ -131,7 +131,7 @@ int64_t realTimeOf(const LabClock& clock, int64_t labNs)
     if (whole >= (INT64_MAX - clock.realNs) / CLOCK_SPEED_ONE)
         return INT64_MAX;
     const int64_t rest = ahead % clock.speedMilli;
-    // Rounded up: whoever waits until then must not find that it is not yet time.
+    // Rounded up: a wait must not end before its time.
     return clock.realNs + whole * CLOCK_SPEED_ONE + (rest * CLOCK_SPEED_ONE + clock.speedMilli - 1) / clock.speedMilli;
 }
 

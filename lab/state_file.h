@@ -36,7 +36,7 @@ public:
     {
         return &axis_;
     }
-    /// Lab time that the copy stands for.
+    /// Lab time of the copy.
     int64_t labNs() const
     {
         return labNs_;

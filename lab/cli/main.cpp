@@ -40,7 +40,7 @@ const Command COMMANDS[] = {
      motorOrder},
     {"power-loss",
      "power-loss\n"
-     "       both drivers forget position, speed and motion; the head does not move",
+     "       both drivers lose position, speed and motion; the head does not move",
      powerLossOrder},
     {"clock",
      "clock [speed N | set 'YYYY-MM-DD HH:MM:SS' | real]\n"

@@ -50,7 +50,7 @@ TEST_F(HeadInTheLab, TakesNamesOfPresetsExactlyOrRefusesThem)
     };
     const auto stored = [&] { // as the daemon shows them, and as they are in the file
         std::string file;
-        EXPECT_EQ(lab.run({"uci", "export", "ptzd"}, file), 0) << "unreadable";
+        EXPECT_EQ(lab.run({"uci", "show", "ptzd"}, file), 0) << "unreadable";
         return lab.call("getPresetAll") + file;
     };
     const auto restart = [&] {
