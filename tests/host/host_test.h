@@ -18,7 +18,6 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
-#include <poll.h>
 #include <pty.h>
 #include <sys/socket.h>
 #include <sys/un.h>

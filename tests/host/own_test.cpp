@@ -56,16 +56,6 @@ TEST(Connection, ABreakEndsAWaitingCall)
     EXPECT_FALSE(connectTo(bus)); // it ends before it has greeted
 }
 
-TEST(BlobmsgJson, PrintsWhatIsNestedWithoutEndToADepth)
-{
-    constexpr size_t DEPTH = 100000, PRINTED = 1001;
-    Bytes deep;
-    for (size_t level = 0; level < DEPTH; ++level)
-        deep = std::move(deep) + u32(0x81000000 | static_cast<uint32_t>(8 * (DEPTH - level))) + u32(0);
-    EXPECT_EQ(takeText(blobmsg_format_json(attrOf(deep), false)),
-              std::string(PRINTED, '[') + std::string(PRINTED, ']'));
-}
-
 // The kernel ends a write of a killed process between two pages.
 TEST(Save, OfALongOneNothingCountsUnlessAllIsThere)
 {
@@ -87,6 +77,23 @@ TEST(Save, OfALongOneNothingCountsUnlessAllIsThere)
         EXPECT_EQ(seen.find("p.a.option0=") != seen.npos, left == whole.size()) << left;
         EXPECT_TRUE(seen.ends_with("p.a.next='1'\n")) << left;
     }
+}
+
+TEST(Commit, WhoseWriteFailsOrIsTheLastLeavesTheOldFile)
+{
+    const std::string before = "config t 's'\n";
+    const Sandbox box(before);
+    EXPECT_EQ(box.run({"set", "p.s.a=" + std::string(5000, 'x')}).status, 0);
+    const std::string changes = readFile(box.changeFile);
+    for (const std::string atTheLimit : {"", "trap '' XFSZ; "}) { // of a file's size: the process ends, or goes on
+        const Result result = run({"sh", "-c", atTheLimit + "ulimit -f 4; exec \"$0\" -c \"$1\" -t \"$2\" commit",
+                                   UCI_PROGRAM, box.configDir, box.saveDir});
+        EXPECT_EQ(result.status, atTheLimit.empty() ? -1 : 1);
+        EXPECT_EQ(readFile(box.file), before);
+        EXPECT_EQ(readFile(box.changeFile), changes);
+    }
+    EXPECT_EQ(box.run({"commit"}).status, 0);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(box.configDir), {}), 1) << "what a dead one left";
 }
 
 TEST(Commit, OfThreadsAndACommandTogetherLosesNothing)

@@ -28,13 +28,11 @@ public:
         return id_;
     }
 
-    // Reads and drops what comes until the daemon has closed the connection; false when it does not.
-    bool closedByDaemon() const
+    // Reads and drops what comes until the daemon has closed the connection, which it must.
+    void expectEnd() const
     {
         while (!receive().empty()) {
         }
-        pollfd entry{.fd = fd(), .events = POLLIN, .revents = 0};
-        return poll(&entry, 1, 0) > 0; // its end, that is
     }
 
     // Sends a request of the daemon and receives up to its status.

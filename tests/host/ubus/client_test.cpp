@@ -43,11 +43,6 @@ Bytes reply(uint16_t seq, const Bytes& fields)
     return message(DATA, seq, CALLEE, attr(A_DATA, fields));
 }
 
-int invokeM(const Context& ctx, int timeoutMs = 5000, std::string* collected = nullptr)
-{
-    return ubus_invoke(ctx.get(), CALLEE, "m", nullptr, collected ? collectJson : nullptr, collected, timeoutMs);
-}
-
 std::string calls; // what the owner's handler saw
 
 int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* method, blob_attr* msg)
@@ -166,13 +161,16 @@ TEST(Request, TimesOutAndIgnoresTheLateAnswer)
         daemon.client.send(reply(1, numberField("late", 1)) + statusMessage(1, CALLEE, 0) +
                            reply(3, numberField("n", 3)) + statusMessage(3, CALLEE, UBUS_STATUS_NO_DATA));
     });
-    Context ctx = connectTo(bus);
-    auto start = steady_clock::now();
-    EXPECT_STREQ(ubus_strerror(invokeM(ctx, 60)), "Request timed out");
-    EXPECT_GE(steady_clock::now() - start, milliseconds(59));
-    EXPECT_EQ(invokeM(ctx, -1), UBUS_STATUS_TIMEOUT);
+    const Context ctx = connectTo(bus);
     std::string replies;
-    EXPECT_EQ(invokeM(ctx, 0, &replies), UBUS_STATUS_NO_DATA);
+    const auto invoke = [&](int timeoutMs) {
+        return ubus_invoke(ctx.get(), CALLEE, "m", nullptr, collectJson, &replies, timeoutMs);
+    };
+    const auto start = steady_clock::now();
+    EXPECT_STREQ(ubus_strerror(invoke(60)), "Request timed out");
+    EXPECT_GE(steady_clock::now() - start, milliseconds(59));
+    EXPECT_EQ(invoke(-1), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(invoke(0), UBUS_STATUS_NO_DATA);
     EXPECT_EQ(replies, R"({"n":3})");
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
 }
