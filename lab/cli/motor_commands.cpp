@@ -23,17 +23,17 @@ bool parseRequest(std::string text, LabRequest& request)
     return request < LAB_REQUEST_COUNT;
 }
 
-/// A number, or a name as EIO.
+/// A number, or a name that a driver's error may have.
 bool parseErrno(const std::string& text, int& error)
 {
-    if (parseNumber(text, 1, 4095, error))
-        return true;
-    for (error = 1; error < 200; ++error) {
-        const char* name = strerrorname_np(error);
-        if (name && text == name)
-            return true;
-    }
-    return false;
+    const std::map<std::string, int> names = {{"EIO", EIO},       {"EBUSY", EBUSY},   {"EAGAIN", EAGAIN},
+                                              {"EINTR", EINTR},   {"EINVAL", EINVAL}, {"ENODEV", ENODEV},
+                                              {"ENOMEM", ENOMEM}, {"EPERM", EPERM},   {"ETIMEDOUT", ETIMEDOUT}};
+    const auto named = names.find(text);
+    if (named == names.end())
+        return parseNumber(text, 1, 4095, error);
+    error = named->second;
+    return true;
 }
 
 /// Prints the lines of the journal that have the mark in them.

@@ -15,28 +15,25 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds LOOK{250};
 
-/// Signals that ask `run` to end. They are blocked for its whole life and taken one by one.
-class EndSignals {
-public:
-    EndSignals()
-    {
-        sigemptyset(&set_);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP})
-            sigaddset(&set_, number);
-        sigprocmask(SIG_BLOCK, &set_, nullptr);
-    }
-    /// Waits that long; true once a signal has come.
-    bool came(milliseconds wait)
-    {
-        const timespec limit = asTimespec(wait.count() * NS_PER_MS);
-        came_ = came_ || sigtimedwait(&set_, nullptr, &limit) > 0;
-        return came_;
-    }
+/// The signals that ask `run` to end: blocked for its whole life, and taken one by one.
+sigset_t endSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&set, number);
+    return set;
+}
 
-private:
-    sigset_t set_;
-    bool came_ = false;
-};
+/// Waits that long; true once a signal has come.
+bool endAsked(milliseconds wait)
+{
+    static bool asked = false;
+    const sigset_t set = endSignals();
+    const timespec limit = asTimespec(wait.count() * NS_PER_MS);
+    asked = asked || sigtimedwait(&set, nullptr, &limit) > 0;
+    return asked;
+}
 
 /// Prints a line for each axis that is not as it was at the last look.
 class Display {
@@ -58,28 +55,28 @@ private:
 
 /// Refreshes the display until the condition holds. False when a signal came, the daemon ended or the time is up.
 template <typename Condition>
-bool showUntil(Lab& lab, Display& display, EndSignals& signals, Condition condition)
+bool showUntil(Lab& lab, Display& display, Condition condition)
 {
     const auto end = std::chrono::steady_clock::now() + lab.programs.calibrationTime() + LabOptions{}.startTimeout;
     bool goesOn = true;
     while (goesOn && !condition()) {
         display.refresh(lab);
-        goesOn = !signals.came(LOOK) && lab.programs.isRunning("ptzd") && std::chrono::steady_clock::now() < end;
+        goesOn = !endAsked(LOOK) && lab.programs.isRunning("ptzd") && std::chrono::steady_clock::now() < end;
     }
     display.refresh(lab);
     return goesOn;
 }
 
 /// Why a wait ended early; the exit status.
-int giveUp(Lab& lab, EndSignals& signals)
+int giveUp(Lab& lab)
 {
-    if (signals.came(milliseconds(0)))
+    if (endAsked(milliseconds(0)))
         return 0;
     lab.programs.waitReady(milliseconds(0));
     return failed(lab.error());
 }
 
-int stayInForeground(Lab& lab, Display& display, EndSignals& signals)
+int stayInForeground(Lab& lab, Display& display)
 {
     const auto inThisLab = [](const char* words) {
         return (namedFolder().empty() ? "" : "PTZD_LAB_DIR=" + namedFolder().substr(1) + " ") + typed(words);
@@ -89,7 +86,7 @@ int stayInForeground(Lab& lab, Display& display, EndSignals& signals)
          {"ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'", "ubus call ptzd getStatus"})
         printf("  %s\n", inThisLab(words).c_str());
     printf("Ctrl-C ends the head.\n\n");
-    for (bool alive = true; !signals.came(LOOK);) {
+    for (bool alive = true; !endAsked(LOOK);) {
         display.refresh(lab);
         const bool runs = lab.programs.isRunning("ptzd");
         if (!runs && !lab.programs.isRunning("ubusd")) {
@@ -114,7 +111,8 @@ int runCommand(Lab& lab, const Arguments& arguments)
     if (!problem.empty())
         return wrongUse(problem);
     options.waitCalibrated = false;
-    EndSignals signals;
+    const sigset_t signals = endSignals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
     const int lock = lockLab(lab.folder());
     if (lock < 0)
         return 1;
@@ -128,15 +126,15 @@ int runCommand(Lab& lab, const Arguments& arguments)
     close(lock);
 
     Display display;
-    if (!showUntil(lab, display, signals, [&] { return lab.programs.isReady(); }))
-        return giveUp(lab, signals);
+    if (!showUntil(lab, display, [&] { return lab.programs.isReady(); }))
+        return giveUp(lab);
     printf("calibrated\n");
     constexpr const char* TARGET = R"({"x_coord":"30","y_coord":"0"})";
     printf("moveTo %s: %s\n", TARGET, lab.call("moveTo", TARGET).c_str());
     const auto rest = [&] { return !lab.motors.now(LAB_PAN).running && !lab.motors.now(LAB_TILT).running; };
-    if (!showUntil(lab, display, signals, rest))
-        return giveUp(lab, signals);
+    if (!showUntil(lab, display, rest))
+        return giveUp(lab);
     printf("getStatus: %s\n", lab.call("getStatus").c_str());
     fflush(stdout);
-    return isatty(STDIN_FILENO) ? stayInForeground(lab, display, signals) : 0;
+    return isatty(STDIN_FILENO) ? stayInForeground(lab, display) : 0;
 }
