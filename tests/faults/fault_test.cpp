@@ -170,7 +170,8 @@ TEST_F(FailingStart, EndsOrServesAsThePageSays)
             const auto status = lab.programs.waitPtzd(DEADLINE);
             ASSERT_TRUE(status.has_value());
             EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
-            EXPECT_TRUE(met(point) != 0 && (!beside || met(*beside) != 0));
+            EXPECT_EQ(met(point), point.call == FAULT_UBUS_CONNECT ? 3U : 1U) << "only the bus is tried again";
+            EXPECT_TRUE(!beside || met(*beside) != 0);
             disarm();
         }
         EXPECT_EQ(logged(console, log), loggedBy(row["Log"]));
@@ -178,6 +179,7 @@ TEST_F(FailingStart, EndsOrServesAsThePageSays)
     for (const PageRow& row : pageRows("Start"))
         forEachPoint(row,
                      [&](const FaultPoint& point, const auto& beside, bool ever) { start(row, point, beside, ever); });
+    EXPECT_EQ(fileText("/dev/console"), "PTZD: can not connect to ubusd\n") << "once, where nothing fails beside";
 }
 
 } // namespace
