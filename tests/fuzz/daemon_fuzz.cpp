@@ -17,8 +17,7 @@ std::string decimals(float position)
     return text;
 }
 
-} // namespace
-
+/// Whether two slots are stored alike.
 bool sameEntry(const PresetEntry& a, const PresetEntry& b)
 {
     return a.id == b.id && a.read_only == b.read_only && a.enabled == b.enabled && strcmp(a.name, b.name) == 0 &&
@@ -26,6 +25,8 @@ bool sameEntry(const PresetEntry& a, const PresetEntry& b)
            decimals(a.position_tilt) == decimals(b.position_tilt) &&
            decimals(a.position_zoom) == decimals(b.position_zoom);
 }
+
+} // namespace
 
 int32_t fuzzDaemon(const Settings& settings, const std::function<void()>& inside)
 {

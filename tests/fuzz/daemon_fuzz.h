@@ -2,7 +2,6 @@
 #pragma once
 
 #include "fuzz.h"
-#include "preset/preset_store.h"
 #include "rig/daemon_rig.h"
 
 /// Starts the daemon on settings, runs `inside` with time going on and no worker that goes on for ever.
@@ -22,9 +21,6 @@ std::optional<std::vector<uint8_t>> messageFrom(Input input);
 /// Checks what must hold at any time: the map of the presets names enabled slots that carry the id, and no motion is
 /// announced twice.
 void checkState();
-
-/// Whether two slots are stored alike.
-[[nodiscard]] bool sameEntry(const PresetEntry& a, const PresetEntry& b);
 
 /// Checks that the preset table is consistent and exactly what is stored.
 void checkPresetsStored();

