@@ -99,7 +99,6 @@ TEST_F(Plan, RefusesWhatIsNoDay)
     EXPECT_EQ(set("sunday", eleven), PLAN_INVALID);
     EXPECT_EQ(set("sunday", eleven.substr(0, eleven.rfind(",{"))), PLAN_OK) << "ten are fine";
     EXPECT_EQ(gContext.tour.planChanged.load(), 1);
-    EXPECT_EQ(set("tuesday", disable("tuesday_1", 5, 5)), PLAN_OK) << "an empty range";
     EXPECT_EQ(set("friday", disable("friday_1", 0, 1440)), PLAN_OK) << "a whole day";
     EXPECT_EQ(call("set_plan_config"), code(PLAN_OK)) << "no day at all";
 }
@@ -111,10 +110,8 @@ TEST_F(Plan, ActionIdsHave64BytesAtMost)
                   preset("sunday_1", 1, 2, id + "cut") + "," + range("sunday_2", 2, 3, R"("action_type":"preset")")),
               PLAN_OK);
     EXPECT_TRUE(stores("action_id '" + id + "'\n") && stores("action_id 'NULL'\n")) << rig::stored("ptz_plan");
-    EXPECT_EQ(planPresetId(gContext.tour.planScratchTables[0][0]), 7);
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(planPresetId(entry(0, 0)), 7);
-    EXPECT_EQ(planPresetId(entry(0, 1)), 0);
+    EXPECT_EQ(std::pair(planPresetId(entry(0, 0)), planPresetId(entry(0, 1))), std::pair(7, 0));
 }
 
 // The request that came last is what presets are taken out of.
