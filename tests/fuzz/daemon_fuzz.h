@@ -22,5 +22,5 @@ std::optional<std::vector<uint8_t>> messageFrom(Input input);
 /// announced twice.
 void checkState();
 
-/// Checks that the preset table is consistent and exactly what is stored.
+/// Checks that the presets are listed as they are stored.
 void checkPresetsStored();

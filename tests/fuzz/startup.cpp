@@ -25,40 +25,24 @@ Settings split(std::string_view text)
     return settings;
 }
 
-void callJson(const char* method, const char* json = "{}")
-{
-    const int32_t code = rig::call(method, json);
-    checkState();
-    if (code == 0 && std::string_view(method) == "setPreset")
-        checkPresetsStored();
-}
-
-/// A cycle of the tours, unless they could not be started, and what then expires.
-void cycle(ScanProgress& scan, int32_t panRuns)
-{
-    if (gContext.tour.tourInfo)
-        (void)tourCycle(scan);
-    fakeMotor.status[PAN].running = panRuns;
-    for (unsigned timer = 0; timer < 4; ++timer)
-        expire(timer);
-}
-
+/// Every method without arguments, each followed by whatever it has started.
 void live()
 {
-    checkState();
-    callJson("getPresetAll");
-    runWorkers(); // the calibration
     ScanProgress scan{0, 1};
-    for (int turn = 0; turn < 6; ++turn)
-        cycle(scan, turn % 2);
-    for (const char* method : {"getCapa", "getStatus", "reloadPresetConfig", "reload_tour_info", "reload_scan_tour",
-                               "updateImageConfig", "reloadTargetTrackConfig", "lensMask", "targetTrackBack"})
-        callJson(method);
-    callJson("delPreset", R"({"id":["1","2","3"]})");
-    callJson("clearPreset"); // from here on the table is the daemon's own work
-    callJson("setPreset", R"({"id":"2","save_ptz":"1"})");
-    callJson("gotoPreset", R"({"id":"2"})");
-    cycle(scan, fakeMotor.status[PAN].running);
+    for (unsigned method = 0; method < rig::methodCount(); ++method) {
+        (void)rig::call(rig::methodName(method));
+        runWorkers();
+        if (gContext.tour.tourInfo) // the tours may have failed to start
+            (void)tourCycle(scan);
+        fakeMotor.status[PAN].running = static_cast<int32_t>(method % 2);
+        for (unsigned timer = 0; timer < 4; ++timer)
+            expire(timer);
+        checkState();
+    }
+    (void)rig::call("clearPreset"); // from here on the table is the daemon's own work
+    if (rig::call("setPreset", R"({"id":"2","save_ptz":"1"})") == 0)
+        checkPresetsStored();
+    (void)rig::call("gotoPreset", R"({"id":"2"})");
 }
 
 } // namespace
