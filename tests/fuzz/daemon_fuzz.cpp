@@ -62,8 +62,8 @@ void checkState()
     }
     bool moving = false;
     for (const FakeNotification& sent : fakes.notifications) {
-        RIG_CHECK(sent.state != NOTIFY_MOVING || !moving, "moving is announced twice\n");
-        moving = sent.state == NOTIFY_MOVING;
+        RIG_CHECK(sent.first != NOTIFY_MOVING || !moving, "moving is announced twice\n");
+        moving = sent.first == NOTIFY_MOVING;
     }
 }
 

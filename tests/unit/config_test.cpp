@@ -115,7 +115,7 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
     rig::store("ptzd", "config t 's'\n option a 'unterminated\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), CFG_UCI_FAILED);
-    EXPECT_EQ(fakes.reports.at(0).text, "error to comit uci package\n");
+    EXPECT_EQ(fakes.reports.at(0).second, "error to comit uci package\n");
     cfg_uci_pkg_reload(UCI_PTZD);
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), CFG_UCI_FAILED);
     rig::store("ptzd", "config t 's'\n option a '5'\n"); // somebody mends it: the next transaction loads it

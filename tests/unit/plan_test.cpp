@@ -65,7 +65,7 @@ TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
     EXPECT_EQ(planPresetId(entry(0, 1)), 0) << "without an id";
     EXPECT_EQ(entry(2, 2).action_type, PLAN_ACTION_UNKNOWN);
     EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
-    EXPECT_EQ(fakes.reports.back().text, "week[2] error!\n");
+    EXPECT_EQ(fakes.reports.back().second, "week[2] error!\n");
 
     rig::store("ptz_plan",
                stored("sunday_1", "1", "2", "preset", "1") + stored("saturday_10", "1", "x", "preset", "1"));
