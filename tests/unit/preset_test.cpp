@@ -155,20 +155,4 @@ TEST_F(Presets, SettingsAreStoredAndLoadedOnRequest)
     EXPECT_EQ(speed, 0.5F) << "the next commit would store what was answered as failed";
 }
 
-TEST_F(Presets, GoWhereTheyWereCapturedAndStoredNonsenseSaturates)
-{
-    standAt(2250, 305);
-    EXPECT_EQ(call("setPreset", R"({"save_ptz":"1"})"), done("preset1", "1"));
-    EXPECT_EQ(std::pair(slot(1).position_pan, slot(1).position_tilt), std::pair(0.5F, -0.5F));
-    standAt(1500, 610);
-    EXPECT_EQ(call("gotoPreset", R"({"id":"1"})"), code(RESULT_OK));
-    EXPECT_EQ(driven(), "pan move 750 at 8, tilt move -305 at 6");
-    PresetTable table{};
-    table.presetTable[0] = {6, 1e30F, -1e30F, 0, 0, 1, "far"};
-    table.presetSlotOfId[5] = 1;
-    presetTableSet(table);
-    EXPECT_EQ(call("gotoPreset", R"({"id":"6"})"), code(RESULT_OK));
-    EXPECT_EQ(driven(), "pan move 2147483647 at 8, tilt move -2147483648 at 6");
-}
-
 } // namespace
