@@ -110,18 +110,6 @@ TEST_F(Step, ATurnIsAnnouncedAgainOnlyWhenTheHeadHasRestedBefore)
     fakes.runWorker();
 }
 
-TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)
-{
-    start();
-    fakes.beforeTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
-        fakes.beforeTimerStart = nullptr;
-        EXPECT_EQ(call("stop"), code(RESULT_OK));
-        EXPECT_EQ(fakes.notifications.size(), 2u) << "the stop announces the end itself";
-    };
-    fakes.runWorker();
-    EXPECT_EQ(motion.motion_active.load(), 0);
-}
-
 /// Every command that drives the head, whether it finds the axes running or, at the limit, at rest.
 TEST_F(Step, EveryOtherMotionCancelsTheStepWhoseStopsDoNotFollow)
 {
