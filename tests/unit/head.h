@@ -17,6 +17,8 @@
 
 #include <filesystem>
 
+using rig::section;
+
 inline const FakeTimer TEN_SECONDS{10'000'000'000, 10'000'000'000};
 
 /// Pan goes 300 units in 3000 steps at up to 8, tilt 122 units in 1220 steps at up to 6; both rest in the middle, 1500
@@ -46,15 +48,6 @@ protected:
         gContext.preset.presetsLoaded = true;
         fakeMotor.capability[TILT].max_speed = gContext.axes[TILT].max_speed = 6;
         fakeMotor.status[TILT].speed = 3; // pan's is 4
-    }
-    /// A section of a package's file.
-    static std::string section(const std::string& type, const std::string& name,
-                               const std::vector<std::pair<std::string, std::string>>& options)
-    {
-        std::string text = "config " + type + " '" + name + "'\n";
-        for (const auto& [option, value] : options)
-            text += "\toption " + option + " '" + value + "'\n";
-        return text;
     }
     static std::string position(int pan, int tilt)
     {

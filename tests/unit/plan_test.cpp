@@ -52,27 +52,21 @@ TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
 {
     const std::string withoutId =
         section("sunday", "sunday_2", {{"start_time", "720"}, {"end_time", "1440"}, {"action_type", "preset"}});
-    rig::store("ptz_plan", stored("friday_7", "1", "2", "disable", "1") +
-                               stored("sunday_1", "480", "720", "preset", "2x") + withoutId +
+    rig::store("ptz_plan", stored("sunday_1", "480", "720", "preset", "2x") + withoutId +
                                stored("tuesday_3", "1", "2", "goto", "1"));
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(entry(5, 0).valid, 0);
-    EXPECT_EQ(entry(5, 6).valid, 1) << "a gap before it is allowed";
-    EXPECT_EQ(entry(5, 6).action_type, PLAN_ACTION_DISABLE);
-    EXPECT_EQ(gContext.tour.activePlan.counts[0], 2);
     EXPECT_EQ(entry(0, 0).action_type, PLAN_ACTION_PRESET);
     EXPECT_EQ(planPresetId(entry(0, 0)), 2);
     EXPECT_EQ(planPresetId(entry(0, 1)), 0) << "without an id";
+    EXPECT_EQ(entry(2, 0).valid, 0) << "a gap is allowed";
     EXPECT_EQ(entry(2, 2).action_type, PLAN_ACTION_UNKNOWN);
     EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
-    EXPECT_EQ(fakes.reports.back().text, "week[2] error!\n");
 
     rig::store("ptz_plan",
                stored("sunday_1", "1", "2", "preset", "1") + stored("saturday_10", "1", "x", "preset", "1"));
     EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
     EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
     EXPECT_EQ(entry(0, 0).valid, 0) << "an entry that cannot be read empties the plan";
-    EXPECT_EQ(gContext.tour.activePlan.counts[0], 0);
 }
 
 TEST_F(Plan, RefusesWhatIsNoDay)
@@ -99,22 +93,8 @@ TEST_F(Plan, RefusesWhatIsNoDay)
     EXPECT_EQ(set("sunday", eleven), PLAN_INVALID);
     EXPECT_EQ(set("sunday", eleven.substr(0, eleven.rfind(",{"))), PLAN_OK) << "ten are fine";
     EXPECT_EQ(gContext.tour.planChanged.load(), 1);
-    EXPECT_EQ(set("tuesday", disable("tuesday_1", 5, 5)), PLAN_OK) << "an empty range";
     EXPECT_EQ(set("friday", disable("friday_1", 0, 1440)), PLAN_OK) << "a whole day";
     EXPECT_EQ(call("set_plan_config"), code(PLAN_OK)) << "no day at all";
-}
-
-TEST_F(Plan, ActionIdsHave64BytesAtMost)
-{
-    const std::string id = "7" + std::string(63, 'x');
-    EXPECT_EQ(set("sunday",
-                  preset("sunday_1", 1, 2, id + "cut") + "," + range("sunday_2", 2, 3, R"("action_type":"preset")")),
-              PLAN_OK);
-    EXPECT_TRUE(stores("action_id '" + id + "'\n") && stores("action_id 'NULL'\n")) << rig::stored("ptz_plan");
-    EXPECT_EQ(planPresetId(gContext.tour.planScratchTables[0][0]), 7);
-    ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    EXPECT_EQ(planPresetId(entry(0, 0)), 7);
-    EXPECT_EQ(planPresetId(entry(0, 1)), 0);
 }
 
 // The request that came last is what presets are taken out of.

@@ -1,6 +1,7 @@
-// The configuration store's access layer on the real library, in a folder of the test's own.
+// The value parsers at their edges, and the configuration store's access layer on the real library.
 
 #include "config/uci_state.h"
+#include "config/value_parsers.h"
 #include "head.h"
 
 #include <thread>
@@ -21,63 +22,47 @@ protected:
     }
 };
 
-TEST_F(UciStore, NumbersAreReadToTheirLastCharacter)
+TEST_F(UciStore, NumbersAreTakenWholeOrNotAtAll)
 {
-    load("config t 's'\n option a '12'\n option b '12x'\n option c '-5'\n option d '99999999999'\n option f '0.5'\n"
-         " list l '1'\n");
     const struct {
-        const char* option;
-        int32_t result, value;
-    } cases[] = {{"a", 0, 12},
-                 {"b", CFG_UCI_FAILED, UNTOUCHED},
-                 {"c", 0, -5},
-                 {"d", 0, 2147483647},
-                 {"f", CFG_UCI_FAILED, UNTOUCHED},
-                 {"l", CFG_UCI_FAILED, UNTOUCHED},
-                 {"missing", CFG_UCI_FAILED, UNTOUCHED}};
+        std::string value;
+        int32_t result, integer;
+        float real = UNTOUCHED;
+    } cases[] = {
+        {"12", 0, 12, 12.0F},
+        {"-5", 0, -5, -5.0F},
+        {" 7", 0, 7, 7.0F},
+        {"+3", 0, 3, 3.0F},
+        {"99999999999", 0, 2147483647, 99999999999.0F},
+        {"12x", CFG_UCI_FAILED, UNTOUCHED},
+        {"42 ", CFG_UCI_FAILED, UNTOUCHED},
+        {"0,5", CFG_UCI_FAILED, UNTOUCHED},
+        {"1e3", CFG_UCI_FAILED, UNTOUCHED, 1000.0F},
+        {"0.25", CFG_UCI_FAILED, UNTOUCHED, 0.25F},
+    };
     for (const auto& one : cases) {
-        int32_t value = UNTOUCHED;
-        EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", one.option, &value), one.result) << one.option;
-        EXPECT_EQ(value, one.value) << one.option;
+        load("config t 's'\n option a '" + one.value + "'\n list l '1'\n");
+        int32_t integer = UNTOUCHED;
+        EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &integer), one.result) << one.value;
+        EXPECT_EQ(integer, one.integer) << one.value;
+        float real = UNTOUCHED;
+        EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "s", "a", &real) == 0, one.real != UNTOUCHED) << one.value;
+        EXPECT_EQ(real, one.real) << one.value;
+        for (const char* option : {"l", "missing"})
+            EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", option, &integer), CFG_UCI_FAILED) << option;
     }
-    int64_t wide = 0;
-    EXPECT_EQ(cfg_uci_get_long_long_value(UCI_PTZD, "s", "d", &wide), 0);
-    EXPECT_EQ(wide, 99999999999);
-    float real = 0;
-    EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "s", "f", &real), 0);
-    EXPECT_EQ(cfg_uci_get_float_value(UCI_PTZD, "s", "b", &real), CFG_UCI_FAILED);
-    EXPECT_EQ(real, 0.5F);
     EXPECT_TRUE(fakes.reports.empty()) << "misses are not errors";
 }
 
-TEST_F(UciStore, TextIsCutToTheBufferAndTerminatedAndRangesAreAListsEnds)
+TEST_F(UciStore, TextIsCutToTheBufferAndTerminated)
 {
-    load("config t 's'\n option a 'abcdef'\n list three '10'\n list three '20'\n list three '30'\n list one '7'\n"
-         " option plain '9'\n list real '0.5'\n list real '-1.5'\n");
+    load("config t 's'\n option a 'abcdef'\n list l '7'\n");
     char text[7] = {};
-    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "a", text, 7), 0);
-    EXPECT_STREQ(text, "abcdef");
-    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "a", text, 6), 0);
-    EXPECT_STREQ(text, "abcde");
-    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "one", text, 7), CFG_UCI_FAILED) << "a list has no text";
-    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "none", "a", text, 7), CFG_UCI_FAILED);
-    EXPECT_STREQ(text, "abcde");
-
-    const struct {
-        const char* option;
-        int32_t result, first, last;
-    } ranges[] = {{"three", 0, 10, 30},
-                  {"one", 0, 7, UNTOUCHED},
-                  {"plain", 0, 9, UNTOUCHED},
-                  {"missing", CFG_UCI_FAILED, UNTOUCHED, UNTOUCHED}};
-    for (const auto& one : ranges) {
-        int32_t range[2] = {UNTOUCHED, UNTOUCHED};
-        EXPECT_EQ(cfg_uci_get_range_int(UCI_PTZD, "s", one.option, range), one.result) << one.option;
-        EXPECT_EQ(std::pair(range[0], range[1]), std::pair(one.first, one.last)) << one.option;
+    for (const auto& [room, expected] : {std::pair{7, "abcdef"}, {6, "abcde"}}) {
+        EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "a", text, room), 0);
+        EXPECT_STREQ(text, expected);
     }
-    float reals[2] = {};
-    EXPECT_EQ(cfg_uci_get_range_float(UCI_PTZD, "s", "real", reals), 0);
-    EXPECT_EQ(std::pair(reals[0], reals[1]), std::pair(0.5F, -1.5F));
+    EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "l", text, 7), CFG_UCI_FAILED) << "a list has no text";
 }
 
 TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
@@ -91,8 +76,6 @@ TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
     EXPECT_EQ(cfg_uci_set_string_value(UCI_PTZD, "none", "a", "1"), CFG_UCI_FAILED) << "sections are not made up";
     for (const char* value : {"x", "y", "x"})
         EXPECT_EQ(cfg_uci_add_list(UCI_PTZD, "s", "l", value), 0);
-    EXPECT_EQ(cfg_uci_add_list(UCI_PTZD, "s", "m", "x"), 0);
-    EXPECT_EQ(cfg_uci_del_list(UCI_PTZD, "s", "m", "x"), 0);
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "l"), 0) << "removing the first x removes the last one too";
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "missing"), CFG_UCI_FAILED);
     for (const char* missing : {"none", "no section"})
@@ -106,26 +89,13 @@ TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
               "\toption d 'it'\\''s = a.b'\n\nconfig kind 'new'\n\n");
 }
 
-TEST_F(UciStore, AMissingPackageFailsTheStartAndIsReported)
-{
-    std::filesystem::remove(rigFolder("config") + "/tour");
-    EXPECT_EQ(cfg_uci_init(), CFG_UCI_FAILED);
-    EXPECT_EQ(fakes.reports, (std::vector<FakeReport>{{"cfg_uci_pkg_init", "error to load package tour\n"}}));
-    EXPECT_EQ(cfg_uci_commit(UCI_TOUR), CFG_UCI_FAILED);
-    EXPECT_EQ(fakes.reports.size(), 1u) << "a package that is not loaded is refused without a word";
-    cfg_uci_deinit();
-    int32_t value = 0;
-    EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &value), CFG_UCI_FAILED);
-    EXPECT_EQ(cfg_uci_pkg_init("ptzd"), nullptr);
-}
-
 TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
 {
     load("config t 's'\n option a '1'\n");
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), 0);
     rig::store("ptzd", "config t 's'\n option a 'unterminated\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), CFG_UCI_FAILED);
-    EXPECT_EQ(fakes.reports.at(0).text, "error to comit uci package\n");
+    EXPECT_EQ(fakes.reports.at(0).second, "error to comit uci package\n");
     cfg_uci_pkg_reload(UCI_PTZD);
     EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", 2), CFG_UCI_FAILED);
     rig::store("ptzd", "config t 's'\n option a '5'\n"); // somebody mends it: the next transaction loads it
@@ -155,12 +125,35 @@ TEST_F(UciStore, ATransactionKeepsAnotherThreadsReloadAway)
         const UciTransaction transaction(UCI_PTZD);
         EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", i), 0);
         std::this_thread::yield();
-        EXPECT_EQ(transaction.commit(), 0);
         int32_t a = 0;
         EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &a), 0);
         EXPECT_EQ(a, i);
     }
     reloader.join();
+}
+
+TEST(ValueParsers, ListsKeepDigitsAndCommasOnly)
+{
+    const std::pair<const char*, std::vector<int32_t>> cases[] = {{"[\"3\",,\"-1\", 1 2]", {3, 1, 12}},
+                                                                  {"1,2,3,4", {1, 2, 3}},
+                                                                  {"99999999999999999999", {2147483647}},
+                                                                  {"[]", {}}};
+    for (const auto& [text, expected] : cases) {
+        std::vector<int32_t> values(3); // exact, so that a write past it is found
+        const int32_t count = string_to_int_list(text, values.data(), 3);
+        values.resize(static_cast<size_t>(count));
+        EXPECT_EQ(values, expected) << text;
+    }
+}
+
+TEST(ValueParsers, UrlsAreDecodedUpToTheirLength)
+{
+    const std::tuple<std::string, size_t, std::string> cases[] = {
+        {"%4a", 3, "J"}, {"%41", 2, "%4"}, {"%41", 1, "%"}, {"%zz%41", 6, "%zzA"}, {"%%41", 4, "%A"}};
+    for (auto [text, length, decoded] : cases) {
+        text.resize(url_decode(text.data(), length));
+        EXPECT_EQ(text, decoded);
+    }
 }
 
 } // namespace
