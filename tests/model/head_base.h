@@ -21,7 +21,6 @@ enum Code : int32_t {
     CODE_CALIBRATING = -64303,
     CODE_NO_TRAVEL = -64304,
     CODE_MOVING = -64305,
-    CODE_FULL = -64306,
     CODE_PRESET = -64321,
     CODE_LENS_MASK = -64324,
     CODE_PANORAMA = -64329,
@@ -97,9 +96,7 @@ struct ModelAxis {
     int32_t lower; // limits and home in coordinates
     int32_t upper;
     int32_t home;
-    // Where the axis is, or will be once its motion is over. Count and shaft differ after a failed calibration.
-    int32_t count = 0;
-    int32_t shaft = 0;
+    int32_t count = 0; // where the axis is, or will be once its motion is over
     bool moving = false;
     std::optional<int32_t> speedOption{}; // as the daemon holds it
 
@@ -115,11 +112,10 @@ struct ModelAxis {
         };
         if (entry.result == 0 && entry.request == "SET_POSITION")
             count = clamped(entry.stepsWord());
-        require(moving || (entry.count == count && entry.shaft == shaft),
+        require(moving || entry.count == count,
                 "the axis is not where it was: " + textOf(entry) + ", expected at " + std::to_string(count));
         moving = entry.rate != 0;
         count = clamped(int64_t{entry.count} + entry.left);
-        shaft = clamped(int64_t{entry.shaft} + entry.left);
     }
 };
 
@@ -135,7 +131,6 @@ public:
         axes[LAB_TILT] = {options.tilt, -39, 61, -6};
         for (const LabAxisId id : AXES) {
             axes[id].count = found[id].count;
-            axes[id].shaft = found[id].shaft;
             axes[id].moving = found[id].running != 0;
             axes[id].speedOption = files.speeds[id];
         }
@@ -202,8 +197,10 @@ public:
         const size_t at = reply.find("_code\":");
         require(at != std::string::npos, "no code in the reply " + reply);
         replied_ = atoi(reply.c_str() + at + 7);
-        if (step.verb.ends_with("Preset"))
-            world.remember();
+        if (step.verb.ends_with("Preset")) {
+            world.before = world.now;
+            world.changedNs = INT64_MAX;
+        }
         Code expected = CODE_OK;
         try {
             methods_.at(step.verb)(step);
@@ -350,12 +347,11 @@ protected:
         require(save_.has_value(), "a thread reads the axes at rest although no save is due");
         require(storing_ == Storing::FREE, "a save reads the axes although it may not store them");
         require(entry.labNs >= *save_ + SAVE_PERIOD_NS, "a save comes too early");
-        require(entry.axis == (saveReadPan_ ? LAB_TILT : LAB_PAN), "a save reads the axes in disorder");
-        saveReadPan_ = entry.result == 0 && !saveReadPan_;
-        saveReadRunning_ = (saveReadRunning_ && !saveReadPan_) || (entry.result == 0 && entry.out[RUNNING_WORD] != 0);
-        if (saveReadPan_)
+        const bool rests = entry.result == 0 && entry.out[RUNNING_WORD] == 0;
+        savePanRests_ = entry.axis == LAB_PAN ? rests : savePanRests_;
+        if (entry.axis == LAB_PAN && entry.result == 0)
             return;
-        if (entry.result != 0 || saveReadRunning_) { // it is tried again at the next expiry; a driver may slow down
+        if (!rests || !savePanRests_) { // it is tried again at the next expiry; a driver may slow down
             *save_ += SAVE_PERIOD_NS;
             return;
         }
@@ -568,8 +564,7 @@ protected:
     /// failed, until a command has taken the head out of its zone.
     enum class Storing { FREE, NEVER, ONCE_AT_REST } storing_;
     std::optional<int64_t> save_; // when it was armed
-    bool saveReadPan_ = false;
-    bool saveReadRunning_ = false;
+    bool savePanRests_ = false;   // in the save that is being made
     /// While a save is being committed, its next expiry may come, whose thread finds nothing left to do.
     std::optional<int64_t> saveCommitsFromNs_;
     std::deque<std::string> worker_; // the requests that a calibration is to make

@@ -11,7 +11,6 @@ public:
         : HeadBase(evidence, files, options, found)
     {
         addMotions();
-        addPanorama();
         addTracking();
         addSettings();
         for (auto& [id, position] : files.presets) // with the digits that are stored
@@ -80,12 +79,8 @@ private:
                 motions.change([](MotionState& state) { ++state.begins; }, false);
             }
             motions.follow(evidence_.lastOfLoopNs());
-            const size_t first = evidence_.nextOfLoop();
             atRest = false;
-            const bool done = drive(NO_SPEEDS, steps);
-            for (size_t i = first; i < evidence_.at; ++i)
-                motions.stepMoves.insert(i);
-            refuse(!done, CODE_DEVICE);
+            refuse(!drive(NO_SPEEDS, steps), CODE_DEVICE);
             if (isNew)
                 motions.change([](MotionState& state) { ++state.begins; });
             leavesMask();
@@ -93,9 +88,6 @@ private:
             stepDirection_ = direction;
             armSave();
         };
-    }
-    void addPanorama()
-    {
         methods_["startPanorama"] = [this](const Step&) {
             refuseBusy(false);
             panorama_ = false; // if it fails
@@ -258,12 +250,10 @@ private:
             queueCalibration(home());
             armSave();
         };
-        const auto reload = [this](const Step& step) {
+        methods_["reload_tour_info"] = methods_["reload_scan_tour"] = [this](const Step& step) {
             const bool tour = step.verb == "reload_tour_info";
             motions.change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
         };
-        methods_["reload_tour_info"] = reload;
-        methods_["reload_scan_tour"] = reload;
         methods_["updateImageConfig"] = [this](const Step&) { refuse(!loadFlip(), CODE_DEVICE); };
         methods_["checkMotorStatus"] = [this](const Step&) { refuse(stillCalibrating(), CODE_CALIBRATING); };
         methods_["getStatus"] = [this](const Step&) { look(); };
@@ -292,14 +282,10 @@ private:
             refuse(mask_, CODE_LENS_MASK);
             refuse(panorama_, CODE_PANORAMA);
             int64_t id = number(step.argument("id").value_or("1"));
-            refuse(id < 1 || id > 8, CODE_PRESET);
-            const int64_t captures = number(step.argument("save_ptz").value_or("0"));
-            refuse(captures != 0 && captures != 1, CODE_PARAM);
             while (!step.argument("id") && world.now.presets.contains(id))
                 ++id;
-            refuse(id > 8, CODE_FULL);
             Presets::mapped_type preset = world.now.presets[id];
-            if (captures == 1) {
+            if (step.argument("save_ptz") == "1") {
                 look();
                 refuse(reading_.running(), CODE_MOVING);
                 for (const LabAxisId axis : AXES)

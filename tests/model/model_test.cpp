@@ -13,7 +13,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr auto SHRINK_TIME = 90s;
@@ -44,11 +43,11 @@ LabOptions headOptions(int head)
 /// Reports the smallest sequence that shows the mismatch.
 void report(Player& player, const Sequence& sequence, const std::string& mismatch)
 {
-    const auto end = Clock::now() + SHRINK_TIME;
+    const auto end = std::chrono::steady_clock::now() + SHRINK_TIME;
     std::string text = mismatch;
     Sequence smallest = sequence;
     player.timeout = 3s;
-    for (size_t i = sequence.steps.size(); i-- > 0 && Clock::now() < end;) {
+    for (size_t i = sequence.steps.size(); i-- > 0 && std::chrono::steady_clock::now() < end;) {
         Sequence smaller = smallest;
         smaller.steps.erase(smaller.steps.begin() + static_cast<ptrdiff_t>(i));
         const Verdict verdict = player.play(smaller);
@@ -58,10 +57,9 @@ void report(Player& player, const Sequence& sequence, const std::string& mismatc
         text = verdict.mismatch;
     }
     std::string steps = "PTZD_MODEL_SEED=" + std::to_string(sequence.seed) + ", started with\n";
-    for (const Step& step : sequence.setup)
-        steps += "    " + step.print() + "\n";
-    for (const Step& step : smallest.steps)
-        steps += "    " + step.print() + "\n";
+    for (const auto& part : {sequence.setup, smallest.steps})
+        for (const Step& step : part)
+            steps += "    " + step.print() + "\n";
     ADD_FAILURE() << "after " << mismatch << "\nshrunk to\n" << steps << "after " << text;
 }
 

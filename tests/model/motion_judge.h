@@ -21,7 +21,6 @@ enum class Drive { NONE, DUE, OVERTAKEN }; // what is left of a tour's step that
 
 inline constexpr int64_t WHENEVER = INT64_MAX;
 inline constexpr int64_t QUIET_NS = 60 * SECOND_NS;
-inline constexpr int64_t SCAN_REST_NS = 15 * SECOND_NS;
 
 using Presets = std::map<int64_t, std::array<float, LAB_AXIS_COUNT>>; // by id, -1 to 1 over the travel
 
@@ -55,12 +54,6 @@ struct TourWorld {
             result.insert(read.presets.contains(plans[plan]) ? plans[plan] : 0);
         return result;
     }
-    /// A copy of what is about to change.
-    void remember()
-    {
-        before = now;
-        changedNs = INT64_MAX;
-    }
     /// What may have been read of the presets at a lab time.
     std::vector<PresetsInUse> readAt(int64_t labNs) const
     {
@@ -79,10 +72,7 @@ struct MotionState {
     bool moved = true; // a user moved the head, and it has not rested for a minute since quietFrom
     int64_t quietFrom = WHENEVER;
     bool tracking = false;
-    bool scanned = false; // a scan step, and the head has not rested for 15 s since scanFrom
-    int64_t scanFrom = WHENEVER / 2;
-    bool lingers = false; // an expiry of the timer for the rest before may still be on its way, and end this one
-    int64_t preset = 0;   // where the tour has sent the head last
+    int64_t preset = 0; // where the tour has sent the head last
     int scanCoord = 0;
     int scanWay = 1;
 
@@ -113,24 +103,19 @@ struct MotionState {
         active = false;
         if (origin != ORIGIN_TOUR || std::exchange(drive, Drive::NONE) != Drive::NONE)
             countAsUsers();
-        startQuiet(ns);
+        quietFrom = moved ? ns : quietFrom;
     }
     void countAsUsers()
     {
         moved = true;
         preset = 0;
     }
-    void startQuiet(int64_t ns)
-    {
-        quietFrom = moved ? ns : quietFrom;
-        scanFrom = scanned ? ns : scanFrom;
-    }
     void endTracking(int64_t ns)
     {
         if (!std::exchange(tracking, false))
             return;
         countAsUsers();
-        startQuiet(ns);
+        quietFrom = ns;
     }
     /// What the touring thread does with a reload: the tour starts anew, unless the head moves.
     void reload(const TourWorld& world, bool tour)
@@ -142,7 +127,7 @@ struct MotionState {
             scanCoord = world.settings[scan].from;
         if (active)
             return;
-        moved = scanned = tracking = false;
+        moved = tracking = false;
         preset = 0;
     }
     /// A handler's begin step; false when it does not go with what was seen of it.
@@ -164,15 +149,6 @@ struct MotionState {
         drive = drive == Drive::DUE ? Drive::OVERTAKEN : drive;
         return true;
     }
-    /// A scan's step has driven pan.
-    void scanOn(const TourSettings& limits)
-    {
-        scanned = true;
-        scanFrom = WHENEVER / 2; // until it has settled
-        scanWay = scanCoord >= limits.to ? -1 : scanWay;
-        scanWay = scanCoord <= limits.from ? 1 : scanWay;
-        scanCoord += 10 * scanWay;
-    }
 };
 
 /// All states that fit what was seen so far. Polls and threads act at moments that nobody sees, so there may be several
@@ -191,9 +167,6 @@ public:
         state.scanCoord = world_.settings.back().from;
         states_ = {state};
     }
-    /// Requests of step moves: the motion begins only after them.
-    std::set<size_t> stepMoves;
-
     // What the event loop does.
 
     /// A handler begins a motion between two moments, before its first move request.
@@ -244,7 +217,6 @@ public:
         for (; at_ < evidence_.notifications.size() && evidence_.notifications[at_].labNs < untilNs; ++at_) {
             const States next = afterHidden(states_, evidence_.notifications[at_]);
             require(!next.empty(), "notifications do not fit what polls and threads do: " + describe());
-            checkPremature(evidence_.notifications[at_]);
             states_ = next;
         }
     }
@@ -290,8 +262,12 @@ public:
              "a tour's move that is not due, or not to there: " + textOf(entry));
         change([&](MotionState& state) {
             state.drive = Drive::NONE;
-            if (entry.result == 0 && world_.settings[state.setting].type == 1)
-                state.scanOn(world_.settings[state.scan]);
+            if (entry.result != 0 || world_.settings[state.setting].type != 1)
+                return;
+            const TourSettings& scan = world_.settings[state.scan];
+            state.scanWay = state.scanCoord >= scan.to ? -1 : state.scanWay;
+            state.scanWay = state.scanCoord <= scan.from ? 1 : state.scanWay;
+            state.scanCoord += 10 * state.scanWay;
         });
     }
     /// It has failed to look at the axes, or to stop them, perhaps on the way to a preset.
@@ -306,7 +282,7 @@ public:
     {
         std::set<bool> result;
         for (MotionState state : states_) {
-            state.moved = state.scanned = false;
+            state.moved = false;
             States begun;
             addTourBegins(begun, state, ns + QUIET_NS);
             result.insert(!begun.empty());
@@ -319,11 +295,9 @@ public:
         std::string text = "was";
         for (const MotionState& state : states_)
             text += std::string(state.active ? " moving" : " idle") + " with origin " + std::to_string(state.origin) +
-                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "") + " at preset " +
-                    std::to_string(state.preset) + " scanning " + std::to_string(state.scanCoord);
-        text += ", then came";
+                    (state.moved ? " moved" : "") + ", at preset " + std::to_string(state.preset);
         for (size_t i = at_; i < evidence_.notifications.size(); ++i)
-            text += (evidence_.notifications[i].moving ? " moving " : " idle ") +
+            text += ", then came " + std::string(evidence_.notifications[i].moving ? "moving " : "idle ") +
                     std::to_string(evidence_.notifications[i].origin);
         return text;
     }
@@ -363,12 +337,7 @@ private:
         state.begin(ORIGIN_TOUR);
         state.drive = Drive::DUE;
         state.tourBegan = ns;
-        const bool rested = !state.scanned || state.lingers || ns >= state.scanFrom + SCAN_REST_NS;
-        if (tour.type == 1 && rested && std::abs(state.scanCoord) <= 150) {
-            // A second expiry for the rest that this step ends, or the first one when a reload ends it.
-            const int64_t expiry = state.scanFrom + (state.scanned ? 2 : 1) * SCAN_REST_NS;
-            state.lingers = state.scanned ? ns >= expiry : std::abs(ns - expiry) < LATENESS_NS;
-            state.scanned = false;
+        if (tour.type == 1 && std::abs(state.scanCoord) <= 150) {
             state.preset = 0;
             states.insert(state);
         }
@@ -408,14 +377,6 @@ private:
     void window(const Own& own, const std::string& name, int64_t fromNs, int64_t toNs)
     {
         follow(fromNs);
-        size_t end = at_;
-        while (end < evidence_.notifications.size() && evidence_.notifications[end].labNs < toNs)
-            ++end;
-        const auto hidden = [&](States states, size_t from, size_t to) {
-            for (size_t i = from; i < to; ++i)
-                states = afterHidden(std::move(states), evidence_.notifications[i]);
-            return states;
-        };
         const auto afterOwn = [&](const States& states, const Notification* seen) {
             States result;
             for (MotionState state : states)
@@ -423,37 +384,17 @@ private:
                     result.insert(state);
             return result;
         };
-        States result;
-        for (size_t i = at_; i <= end; ++i) {
-            States before = hidden(states_, at_, i);
-            closeOver(before);
-            result.merge(hidden(afterOwn(before, nullptr), i, end));
-            if (i < end)
-                result.merge(hidden(afterOwn(before, &evidence_.notifications[i]), i + 1, end));
+        closeOver(states_);
+        States after = afterOwn(states_, nullptr);
+        for (; at_ < evidence_.notifications.size() && evidence_.notifications[at_].labNs < toNs; ++at_) {
+            const Notification& seen = evidence_.notifications[at_];
+            after = afterHidden(std::move(after), seen);
+            after.merge(afterOwn(states_, &seen));
+            states_ = afterHidden(std::move(states_), seen);
+            after.merge(afterOwn(states_, nullptr));
         }
-        require(!result.empty(), "notifications do not fit " + name + ": " + describe());
-        states_ = result;
-        at_ = end;
-    }
-    /// No axis turns at an idle notification, unless a step's thread has not begun its motion yet.
-    void checkPremature(const Notification& seen) const
-    {
-        const LabJournalEntry* last[LAB_AXIS_COUNT]{};
-        bool drives[LAB_AXIS_COUNT]{};
-        for (size_t i = 0; i < evidence_.entries.size() && evidence_.entries[i].labNs <= seen.labNs; ++i) {
-            const LabJournalEntry& entry = evidence_.entries[i];
-            last[entry.axis] = &entry;
-            if (entry.result == 0 && (entry.request == "MOVE" || entry.request == "ROTATE"))
-                drives[entry.axis] = entry.request == "MOVE" && !stepMoves.contains(i);
-        }
-        for (const LabAxisId axis : AXES) {
-            if (seen.moving || !drives[axis] || last[axis]->rate == 0)
-                continue;
-            // The last step counts as made: it was begun at an unknown moment.
-            const int64_t left = std::abs(int64_t{last[axis]->left}) - 1;
-            require(seen.labNs >= last[axis]->labNs + left * SECOND_NS / std::abs(last[axis]->rate),
-                    "an idle notification while an axis still turns");
-        }
+        require(!after.empty(), "notifications do not fit " + name + ": " + describe());
+        states_ = after;
     }
 
     const Evidence& evidence_;

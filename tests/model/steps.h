@@ -1,5 +1,5 @@
 #pragma once
-// What a sequence is made of: random steps, their text, and smaller sequences to try after a failure.
+// What a sequence is made of: random steps and their text.
 
 #include <json-c/json.h>
 
@@ -32,7 +32,6 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"angle edge", "0|45|46|90|91|134|135|180|181|225|226|270|271|314|315|359|360|-1"},
     {"sustain", "0|1|5|20|60|200|-3|-99999999999"}, // a step's thread sleeps once for each unit, so none lasts long
     {"id", "<odd>|3*1|3*2|3*3|5|8|0|9"},
-    {"save_ptz", "<odd>|6*1|2*0|2*2"},
     {"speed_pan", "1|0.5|0.1|1.0|1e-1| .25"},
     {"speed_tilt", "<speed_pan>"},
     {"recover", "<odd>|5*<0..1>"},
@@ -67,13 +66,15 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"motion or stop", "11*<motion>|stop"},
     {"method", "56*<motion>|5*stop|3*getStatus|checkMotorStatus|3*setPowerOffRecover recover|2*manualCalibrate|"
                "4*setConfig x_speed?2 y_speed?2 sustain?2|2*reloadTargetTrackConfig|2*lensMask|"
-               "2*updateImageConfig|4*setPreset id?2 save_ptz?2|delPreset id:<ids>"},
+               "2*updateImageConfig|4*setPreset id:<1..3> save_ptz:<0..1>|delPreset id:<ids>"},
     {"axis", "x|y"},
     {"fault", "7*|@fault <axis> <request>"},
     {"request", "2*GET_STATUS|MOVE|STOP|SET_SPEED|ROTATE|SET_POSITION"},
     {"nap", "@nap <0..2499>"}, // in us
     {"pause", "50*@rest|24*@nap <0..11999>|2*@saved|2*@idle|22*"},
     {"plain start", "setConfig sustain:20"},
+    {"touring start", "<plain start>;<two presets>"},
+    {"storing start", "<touring start>"},
     {"plain command", "<fault>;<deed>;<pause>"},
     {"deed", "@crash|@power|8*<setting>|12*<motion>;<nap>;<interruption>|4*<tracked>|4*<switched off>|50*<method>"},
     {"interruption", "stop|2*<motion or stop>"},
@@ -99,10 +100,10 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
     {"storing command", "<under way>;<storing deed>;<storing pause>"},
-    {"under way", "6*|<moveTo>;<nap>|<track>;<nap>"},
+    {"under way", "4*|<moveTo>;<nap>|<track>;<nap>|2*moveStep direction:90;<nap>"},
     {"storing deed",
      "2*<mask fault>;@mask on;lensMask;<storing pause>;<mask off>|@tours <1..2>|<track>|"
-     "targetTrackBack|<panorama>|@fault <axis> <request>;startPanorama;<stop or moveTo>|<stop or moveTo>|"
+     "targetTrackBack|2*<panorama>|@fault <axis> <request>;startPanorama;<stop or moveTo>|<stop or moveTo>|"
      "<motion>|@track off;reloadTargetTrackConfig;@track on;reloadTargetTrackConfig"},
     {"mask fault", "5*|@fault <axis> MOVE"},
     {"mask off", "|3*@mask off;lensMask"},
@@ -111,11 +112,7 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"panorama's end", "|4*stopPanorama"},
     {"stop or moveTo", "stop|2*<moveTo>"},
     {"storing pause", "5*<nap>|2*@idle|8*@rest"},
-    {"plain end", "@saved|3*@rest"},
-    {"touring start", "<plain start>;<two presets>"},
-    {"touring end", "<plain end>"},
-    {"storing start", "<touring start>"},
-    {"storing end", "@saved"},
+    {"end", "@saved|@rest"},
 };
 
 struct ReleaseJson {
@@ -249,6 +246,6 @@ inline Sequence makeSequence(uint32_t seed)
     dice.add(sequence.steps, kind + " start");
     for (int i = 0; i < 12; ++i)
         dice.add(sequence.steps, kind + " command");
-    dice.add(sequence.steps, kind + " end");
+    dice.add(sequence.steps, "end");
     return sequence;
 }
