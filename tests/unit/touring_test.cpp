@@ -30,11 +30,6 @@ protected:
                                         {"start_time", std::to_string(start)},
                                         {"end_time", std::to_string(end)}}));
     }
-    static std::string range(const char* name, const char* start, const char* end, const char* action, const char* id)
-    {
-        return section("monday", name,
-                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
-    }
     /// Mondays from 8:00 to 12:00 at preset 3, coordinate 75, and then for an hour at preset 4, coordinate -75.
     void presetTour()
     {
@@ -45,9 +40,9 @@ protected:
             (void)call("setPreset", std::string(R"({"save_ptz":"1","id":")") + id + "\"}");
         }
         standAt(1500, 610);
-        rig::store("ptz_plan", range("monday_1", "480", "720", "preset", "3") +
-                                   range("monday_2", "720", "780", "preset", "4") +
-                                   range("monday_3", "780", "800", "disable", "3"));
+        rig::store("ptz_plan", planned("monday_1", "480", "720", "preset", "3") +
+                                   planned("monday_2", "720", "780", "preset", "4") +
+                                   planned("monday_3", "780", "800", "disable", "3"));
         gContext.tour.planChanged.store(1);
     }
     /// 1 January 1978 was a Sunday.
