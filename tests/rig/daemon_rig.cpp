@@ -375,8 +375,6 @@ int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 
 int32_t timerStop(DaemonTimer* timer)
 {
-    if (fakes.beforeTimerStop)
-        fakes.beforeTimerStop();
     fakes.timers[timer] = {};
     return 0;
 }

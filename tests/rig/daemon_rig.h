@@ -52,7 +52,6 @@ struct Fakes {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::function<void()> beforeTimerStart;
     std::function<void()> afterTimerStart;
-    std::function<void()> beforeTimerStop;
     std::vector<FakeNotification> notifications;
     std::function<void()> onNotification;
     std::vector<FakeReport> reports; // errors only

@@ -137,7 +137,6 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
         {"moveTo", xy(0, 40), ERR_PARAM, FLIP_TILT},
         {"moveStep", R"({"direction":"360"})", ERR_PARAM, CALIBRATES},
         {"moveStep", right, ERR_NO_TRAVEL, TILT_RUNS, 3000},
-        {"moveStep", right, ERR_NO_TRAVEL, FLIP_PAN, 0},
         {"movePanorama", xy(0, 62), ERR_PARAM},
         {"movePanorama", xy(-1, 0), ERR_NO_TRAVEL, PAN_RUNS, 0},
         {"targetTrack", track, ERR_CALIBRATING, PAN_RUNS | TRACKED},
@@ -151,12 +150,9 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
         {"setPreset", R"({"save_ptz":"1"})", ERR_MOVING, TILT_RUNS},
         {"setPreset", R"({"save_ptz":"2"})", ERR_PARAM},
         {"setPreset", R"({"name":")" + std::string(33, 'n') + R"("})", ERR_NAME_LENGTH},
-        {"setPreset", "{}", ERR_PANORAMA, SWEEPS},
         {"setConfig", R"({"x_speed":"1"})", ERR_CALIBRATING, CALIBRATES},
         {"lensMask", "{}", ERR_CALIBRATING, CALIBRATES | SWEEPS},
-        {"lensMask", "{}", ERR_PANORAMA, SWEEPS},
         {"startPanorama", "{}", ERR_CALIBRATING, CALIBRATES | MASKED},
-        {"startPanorama", "{}", ERR_LENS_MASK, MASKED},
         {"checkMotorStatus", "{}", ERR_CALIBRATING, CALIBRATES},
     };
     const std::pair<const char*, std::string> motions[] = {
@@ -236,7 +232,6 @@ TEST_F(Commands, SetSpeedsUpToTheAxisOwnMaximum)
     EXPECT_EQ(call("setConfig", R"({"x_speed":"2","y_speed":"3"})"), code(RESULT_OK));
     EXPECT_EQ(std::pair(stored("x_motor"), stored("y_motor")), std::pair(2, 3));
 
-    EXPECT_EQ(call("setPowerOffRecover", R"({"recover":"2"})"), code(ERR_PARAM));
     rig::store("ptzd", "config ptzd 'config'\n");
     cfg_uci_pkg_reload(UCI_PTZD);
     EXPECT_EQ(call("setPowerOffRecover", R"({"recover":"0"})"), code(RESULT_OK));
