@@ -1,10 +1,8 @@
-// The value parsers and the JSON helpers on any text: the sanitizers watch the ends of what they read and write.
+// The value parsers on any text: the sanitizers watch the ends of what they read and write.
 
-#include "config/json_helpers.h"
 #include "config/value_parsers.h"
 #include "fuzz.h"
 
-#include <json-c/json.h>
 #include <string.h>
 
 #include <vector>
@@ -21,19 +19,6 @@ void urls(const std::string& text)
     RIG_CHECK(std::string(coded.data(), decoded) == text, "not what was encoded\n");
 }
 
-void members(const std::string& json)
-{
-    json_object* value = json_tokener_parse(json.c_str());
-    int32_t number = 0;
-    const bool there = json_get_string(value, "key") != nullptr;
-    RIG_CHECK(there == (json_get_int(value, "key", &number) == 0), "there and not there\n");
-    const char** texts = nullptr;
-    const int32_t count = json_array_to_strings(&texts, value);
-    RIG_CHECK((count > 0) == (texts != nullptr), "%d\n", count);
-    free(texts);
-    json_object_put(value);
-}
-
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -45,7 +30,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int32_t count = string_to_int_list(text.c_str(), numbers.data(), static_cast<int32_t>(numbers.size()));
     RIG_CHECK(count >= 0 && static_cast<size_t>(count) <= numbers.size(), "%d numbers\n", count);
     urls(bytes);
-    members(text);
     (void)url_decode(bytes.data(), bytes.size());
     return 0;
 }

@@ -188,9 +188,12 @@ int32_t run(const Settings& settings, const std::function<void()>& inside)
     return result;
 }
 
-int32_t call(unsigned method, Bytes attributes)
+int32_t call(const std::string& method, Bytes attributes)
 {
-    const ubus_method& entry = ptzdObject().methods[method];
+    unsigned index = 0;
+    while (methodName(index) != method)
+        RIG_CHECK(++index < methodCount(), "no method %s\n", method.c_str());
+    const ubus_method& entry = ptzdObject().methods[index];
     // Exactly as long as it is, so that a byte read behind it is found.
     const size_t length = sizeof(blob_attr) + attributes.size();
     const std::unique_ptr<uint8_t[]> bytes(new uint8_t[length]);
@@ -204,14 +207,6 @@ int32_t call(unsigned method, Bytes attributes)
     RIG_CHECK(status == 0 && fakes.replies == 1, "%s: status %d, %d replies\n", entry.name, status, fakes.replies);
     fakes.replies = outer;
     return fakes.code.value_or(0);
-}
-
-int32_t call(const std::string& method, Bytes attributes)
-{
-    unsigned index = 0;
-    while (methodName(index) != method)
-        RIG_CHECK(++index < methodCount(), "no method %s\n", method.c_str());
-    return call(index, attributes);
 }
 
 int32_t call(const std::string& method, const std::string& json)
@@ -380,8 +375,6 @@ int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 
 int32_t timerStop(DaemonTimer* timer)
 {
-    if (fakes.beforeTimerStop)
-        fakes.beforeTimerStop();
     fakes.timers[timer] = {};
     return 0;
 }

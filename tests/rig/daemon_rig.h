@@ -52,7 +52,6 @@ struct Fakes {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::function<void()> beforeTimerStart;
     std::function<void()> afterTimerStart;
-    std::function<void()> beforeTimerStop;
     std::vector<FakeNotification> notifications;
     std::function<void()> onNotification;
     std::vector<FakeReport> reports; // errors only
@@ -109,10 +108,9 @@ void reset();
 /// @return what PtzdInit returned; -1 also when it never got to the loop.
 int32_t run(const Settings& settings, const std::function<void()>& inside);
 
-/// Calls a method, by its place in the object's table or by its name, with a message's attributes or a JSON object, and
-/// checks that it answers exactly once, with a whole blobmsg. The reply is in `fakes` then.
+/// Calls a method with a message's attributes or a JSON object, and checks that it answers exactly once, with a whole
+/// blobmsg. The reply is in `fakes` then.
 /// @return its code; 0 for a reply without one.
-int32_t call(unsigned method, Bytes attributes);
 int32_t call(const std::string& method, Bytes attributes);
 int32_t call(const std::string& method, const std::string& json = "{}");
 [[nodiscard]] unsigned methodCount();

@@ -4,8 +4,6 @@
 #include "head.h"
 #include "lab/core/files.h"
 
-#include <functional>
-
 extern "C" {
 #include <libubox/blobmsg_json.h>
 #include <libubus.h>
@@ -13,16 +11,6 @@ extern "C" {
 #undef fallthrough
 
 namespace {
-
-struct RawCall {
-    const char* method;
-    std::function<void(blob_buf*)> build; // its arguments, for which there may be no JSON
-};
-
-RawCall json(const char* method, const char* arguments)
-{
-    return {method, [=](blob_buf* message) { blobmsg_add_json_from_string(message, arguments); }};
-}
 
 class Arguments : public HeadInTheLab {
 protected:
@@ -40,35 +28,19 @@ protected:
             ubus_free(connection_);
         HeadInTheLab::TearDown();
     }
-    /// Sends the calls at once. Returns their replies in the order of the answers, each after its index among the
-    /// calls: "1 {...}".
-    std::vector<std::string> send(const std::vector<RawCall>& calls)
+    /// Calls with arguments for which there may be no JSON; gives the reply's text.
+    std::string call(const char* method, void (*build)(blob_buf*))
     {
-        struct Sent {
-            ubus_request request;
-            std::vector<std::string>* answers;
-            size_t index;
+        std::string reply;
+        const auto onData = [](ubus_request* request, int, blob_attr* data) {
+            char* text = blobmsg_format_json(data, true);
+            *static_cast<std::string*>(request->priv) = text ? text : "";
+            free(text);
         };
-        std::vector<std::string> answers;
-        std::vector<Sent> sent(calls.size());
-        for (size_t i = 0; i < calls.size(); ++i) {
-            blob_buf_init(&message_, 0);
-            calls[i].build(&message_);
-            EXPECT_EQ(ubus_invoke_async(connection_, object_, calls[i].method, message_.head, &sent[i].request), 0);
-            sent[i].answers = &answers;
-            sent[i].index = i;
-            sent[i].request.priv = &sent[i];
-            sent[i].request.data_cb = [](ubus_request* request, int, blob_attr* reply) {
-                auto* self = static_cast<Sent*>(request->priv);
-                char* text = blobmsg_format_json(reply, true);
-                self->answers->push_back(std::to_string(self->index) + " " + (text ? text : ""));
-                free(text);
-            };
-            ubus_complete_request_async(connection_, &sent[i].request);
-        }
-        for (Sent& call : sent)
-            EXPECT_EQ(ubus_complete_request(connection_, &call.request, 10000), 0);
-        return answers;
+        blob_buf_init(&message_, 0);
+        build(&message_);
+        EXPECT_EQ(ubus_invoke(connection_, object_, method, message_.head, onData, &reply, 10000), 0) << method;
+        return reply;
     }
     /// Presets and plan, as the daemon has them and as they are in the files.
     std::string stored()
@@ -172,8 +144,7 @@ TEST_F(Arguments, HugeOrMalformedHarmNothing)
         {"delPreset", R"({"id":[)" + repeated("\"-.,e\xff\xfe\"", 10000) + "]}", -64302},
         {"delPreset", R"({"id":[)" + repeated("\"9\"", 10000) + "]}", -64302},
         {"delPreset", R"({"id":[4294967297]})", -64302}, // 2^32 + 1
-        {"delPreset", R"({"id":["36893488147419103233"]})", -64302},
-        {"delPreset", R"({"id":[1.0]})", -64302}, // whose point is skipped
+        {"delPreset", R"({"id":[1.0]})", -64302},        // whose point is skipped
         {"set_plan_config", R"({"monday":["monday_1"]})", 64302},
         {"set_plan_config", R"({"monday":[[1]]})", 64302},
         {"set_plan_config", R"({"monday":[)" + repeated("{}", 10000) + "]}", 64302},
@@ -185,27 +156,28 @@ TEST_F(Arguments, HugeOrMalformedHarmNothing)
         {"set_plan_config", monday("720,\"action_id\":\"\xff\xfe'\\u0001=\""), 0},
     };
     const struct {
-        RawCall call;
+        const char* method;
+        void (*build)(blob_buf*);
         int code;
     } malformed[] = {
-        {{"moveTo",
-          [](blob_buf* message) {
-              blobmsg_add_field(message, BLOBMSG_TYPE_STRING, "x_coord", "30", 2); // without an end
-              blobmsg_add_string(message, "y_coord", "0");
-          }},
+        {"moveTo",
+         [](blob_buf* message) {
+             blobmsg_add_field(message, BLOBMSG_TYPE_STRING, "x_coord", "30", 2); // without an end
+             blobmsg_add_string(message, "y_coord", "0");
+         },
          -64302},
-        {{"move", [](blob_buf* m) { blobmsg_add_field(m, BLOBMSG_TYPE_INT32, "x", "30", 2); }}, -64302},
-        {{"delPreset", [](blob_buf* m) { nest(m, "id"); }}, -64302},
-        {{"delPreset", [](blob_buf* m) { addGarbage(m, "id"); }}, -64302},
-        {{"set_plan_config", [](blob_buf* m) { nest(m, "monday"); }}, 64302},
-        {{"set_plan_config", [](blob_buf* m) { addGarbage(m, "monday"); }}, 64302},
-        {{"moveTo", // of equal names the first counts
-          [](blob_buf* message) {
-              for (const char* value : {"10", "20"}) {
-                  blobmsg_add_string(message, "x_coord", value);
-                  blobmsg_add_string(message, "y_coord", "0");
-              }
-          }},
+        {"move", [](blob_buf* m) { blobmsg_add_field(m, BLOBMSG_TYPE_INT32, "x", "30", 2); }, -64302},
+        {"delPreset", [](blob_buf* m) { nest(m, "id"); }, -64302},
+        {"delPreset", [](blob_buf* m) { addGarbage(m, "id"); }, -64302},
+        {"set_plan_config", [](blob_buf* m) { nest(m, "monday"); }, 64302},
+        {"set_plan_config", [](blob_buf* m) { addGarbage(m, "monday"); }, 64302},
+        {"moveTo", // of equal names the first counts
+         [](blob_buf* message) {
+             for (const char* value : {"10", "20"}) {
+                 blobmsg_add_string(message, "x_coord", value);
+                 blobmsg_add_string(message, "y_coord", "0");
+             }
+         },
          0},
     };
     const pid_t pid = lab.programs.ptzdPid();
@@ -213,15 +185,15 @@ TEST_F(Arguments, HugeOrMalformedHarmNothing)
         EXPECT_NE(lab.call("setPreset", std::string(R"({"id":")") + id + "\"}"), REFUSED_PARAM);
     for (const auto& [method, arguments, code] : hostile) {
         SCOPED_TRACE(method + arguments.substr(0, 200));
-        EXPECT_EQ(lab.call("set_plan_config", R"({"monday":[)" + planEntry("monday_1", 1, 2, "1") + "]}"), DONE);
+        EXPECT_EQ(lab.call("set_plan_config", monday("540")), DONE);
         const std::string before = stored();
         EXPECT_EQ(lab.call(method, arguments), errorCode(code));
         EXPECT_TRUE(code == 0 || stored() == before) << stored();
     }
     const std::string before = stored();
-    for (const auto& [call, code] : malformed) {
-        EXPECT_EQ(send({call}), std::vector{"0 " + errorCode(code)}) << call.method;
-        EXPECT_EQ(stored(), before) << call.method;
+    for (const auto& [method, build, code] : malformed) {
+        EXPECT_EQ(call(method, build), errorCode(code)) << method;
+        EXPECT_EQ(stored(), before) << method;
     }
     ASSERT_TRUE(settled());
     EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600);
@@ -285,30 +257,6 @@ TEST_F(Arguments, NamesOfPresetsAreStoredExactlyOrRefused)
     EXPECT_EQ(set(1, ""), R"({"name":"","id":"1","error_code":0})"); // is stored as none, and read as the section's
     restart();
     EXPECT_NE(lab.call("getPresetAll").find(R"("name":["preset_1",)"), std::string::npos);
-}
-
-TEST_F(Arguments, SentAtOnceAreServedInTheirOrder)
-{
-    const RawCall setPreset = json("setPreset", R"({"id":"1","name":"gate"})");
-    const RawCall deletePreset = json("delPreset", R"({"id":["1"]})");
-    const RawCall getPresets = json("getPresetAll", "{}");
-    const RawCall goToPreset = json("gotoPreset", R"({"id":"1"})");
-    const RawCall storing[] = {json("setConfig", R"({"x_speed":"3"})"), setPreset, deletePreset,
-                               json("set_plan_config", R"({"monday":[]})")};
-    const RawCall others[] = {json("getStatus", "{}"), getPresets, json("moveTo", R"({"x_coord":"10","y_coord":"0"})"),
-                              json("stop", "{}"), goToPreset};
-    const auto second = [&](const RawCall& first, const RawCall& then) {
-        const std::vector<std::string> answers = send({first, then});
-        const bool inOrder = answers.size() == 2 && answers[0][0] == '0' && answers[1][0] == '1';
-        EXPECT_TRUE(inOrder) << first.method << ", " << then.method << ": " << testing::PrintToString(answers);
-        return inOrder ? answers[1] : "";
-    };
-    for (const RawCall& store : storing)
-        for (const RawCall& other : others)
-            (void)second(store, other);
-    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
-    EXPECT_NE(second(setPreset, getPresets).find("gate"), std::string::npos) << "it was stored before";
-    EXPECT_EQ(second(deletePreset, goToPreset), "1 " + errorCode(-64321)) << "it was deleted before";
 }
 
 } // namespace

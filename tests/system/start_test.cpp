@@ -85,11 +85,6 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
         EXPECT_EQ(lab.settings.get("ptzd.x_motor.steps"), std::to_string(lab.motors.now(LAB_PAN).shaft)) << state;
         EXPECT_EQ(lab.settings.get("ptzd.y_motor.steps"), std::to_string(lab.motors.now(LAB_TILT).shaft)) << state;
     };
-    up(fastHead());
-    lab.motors.setFactor(LAB_PAN, 100);
-    EXPECT_EQ(lab.call("moveTo", coords(150, 0)), DONE);
-    endsWell("moving");
-
     LabOptions options = fastHead();
     options.config["ptzd"] = "config ptzd 'config'\nconfig motor 'x_motor'\nconfig motor 'y_motor'\n";
     up(options); // whose settings say nothing on positions: they are stored
@@ -108,12 +103,6 @@ TEST_F(HeadInTheLab, EndsWithinTwoSecondsInEveryState)
     ASSERT_TRUE(waitUntil([&] { return lab.motors.now(LAB_PAN).running != 0; }, DEADLINE)) << "the tour's first step";
     endsWell("touring");
     lab.clock.realTime();
-
-    up(fastHead());
-    lab.cet.setAnswer(CET_SILENT);
-    EXPECT_EQ(lab.call("moveTo", coords(10, 0)), DONE);
-    ASSERT_TRUE(waitUntil([&] { return lab.records.callsToCet("notify_motor_idle") == 1; }, DEADLINE));
-    endsWell("during a notification");
 
     up(fastHead());
     lab.motors.setFactor(LAB_PAN, 250); // 0.2 s

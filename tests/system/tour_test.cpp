@@ -2,7 +2,6 @@
 
 #include "head.h"
 
-#include <algorithm>
 #include <ctime>
 
 namespace {

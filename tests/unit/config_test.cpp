@@ -4,8 +4,6 @@
 #include "config/value_parsers.h"
 #include "head.h"
 
-#include <thread>
-
 extern "C" {
 #include <uci.h>
 }
@@ -112,24 +110,6 @@ TEST_F(UciStore, AFailedCommitLeavesAPackageThatWorks)
     uci_package* const loaded = uci_lookup_package(gContext.config.uciContext, "ptzd");
     ASSERT_NE(loaded, nullptr);
     EXPECT_EQ(gContext.config.uciPackages[UCI_PTZD].handle, loaded);
-}
-
-TEST_F(UciStore, ATransactionKeepsAnotherThreadsReloadAway)
-{
-    load("config t 's'\n option a '1'\n");
-    std::thread reloader([] {
-        for (int i = 0; i < 200; ++i)
-            cfg_uci_pkg_reload(UCI_PTZD);
-    });
-    for (int32_t i = 0; i < 50; ++i) {
-        const UciTransaction transaction(UCI_PTZD);
-        EXPECT_EQ(cfg_uci_set_int_value(UCI_PTZD, "s", "a", i), 0);
-        std::this_thread::yield();
-        int32_t a = 0;
-        EXPECT_EQ(cfg_uci_get_int_value(UCI_PTZD, "s", "a", &a), 0);
-        EXPECT_EQ(a, i);
-    }
-    reloader.join();
 }
 
 TEST(ValueParsers, ListsKeepDigitsAndCommasOnly)

@@ -54,6 +54,13 @@ protected:
         return section("motor", "x_motor", {{"steps", std::to_string(pan)}}) +
                section("motor", "y_motor", {{"steps", std::to_string(tilt)}});
     }
+    /// A range of the stored plan.
+    static std::string planned(const std::string& name, const char* start, const char* end, const char* action,
+                               const char* id)
+    {
+        return section(name.substr(0, name.find('_')), name,
+                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
+    }
     /// The switch of the lens mask, or of the tracking, as it is stored.
     static std::string enabled(const std::string& name, const std::string& value)
     {

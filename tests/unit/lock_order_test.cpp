@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -50,18 +49,6 @@ TEST(LockOrder, AcceptsTheOrderAndAbortsOnEverythingElse)
                             "^lock order: " + what);
         }
     }
-}
-
-TEST(LockOrder, KnowsThreadsApartAndWhatWasReleased)
-{
-    RecursiveMutex store(LockRank::ConfigStore);
-    {
-        const RecursiveLockGuard once(store);
-        const auto again = [&]() NO_THREAD_SAFETY_ANALYSIS { const RecursiveLockGuard twice(store); };
-        again();
-        std::thread([] { EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus, true)); }).join();
-    }
-    EXPECT_TRUE(takeBoth(LockRank::Motion, LockRank::Bus, true));
 }
 
 } // namespace

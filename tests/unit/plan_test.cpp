@@ -13,13 +13,6 @@ protected:
         Head::SetUp();
         ASSERT_EQ(TourInit(), 0);
     }
-    /// A range of the stored plan.
-    static std::string stored(const std::string& name, const char* start, const char* end, const char* action,
-                              const char* id)
-    {
-        return section(name.substr(0, name.find('_')), name,
-                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
-    }
     /// An element of a request's weekday.
     static std::string range(const std::string& name, int start, int end, const std::string& rest)
     {
@@ -52,8 +45,8 @@ TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
 {
     const std::string withoutId =
         section("sunday", "sunday_2", {{"start_time", "720"}, {"end_time", "1440"}, {"action_type", "preset"}});
-    rig::store("ptz_plan", stored("sunday_1", "480", "720", "preset", "2x") + withoutId +
-                               stored("tuesday_3", "1", "2", "goto", "1"));
+    rig::store("ptz_plan", planned("sunday_1", "480", "720", "preset", "2x") + withoutId +
+                               planned("tuesday_3", "1", "2", "goto", "1"));
     ASSERT_EQ(plan_load_plan(), PLAN_OK);
     EXPECT_EQ(entry(0, 0).action_type, PLAN_ACTION_PRESET);
     EXPECT_EQ(planPresetId(entry(0, 0)), 2);
@@ -63,7 +56,7 @@ TEST_F(Plan, LoadsWhatIsStoredGapsAndUnknownActionsIncluded)
     EXPECT_TRUE(reported("plan_check_plan_list_all", "week[2] error!"));
 
     rig::store("ptz_plan",
-               stored("sunday_1", "1", "2", "preset", "1") + stored("saturday_10", "1", "x", "preset", "1"));
+               planned("sunday_1", "1", "2", "preset", "1") + planned("saturday_10", "1", "x", "preset", "1"));
     EXPECT_EQ(plan_load_plan(), PLAN_STORAGE);
     EXPECT_TRUE(reported("plan_load_plan", "error to load timer plan, rebuild it"));
     EXPECT_EQ(entry(0, 0).valid, 0) << "an entry that cannot be read empties the plan";
@@ -82,7 +75,6 @@ TEST_F(Plan, RefusesWhatIsNoDay)
         R"({"monday_1":{"start_time":1,"action_type":"disable"}})",
         R"({"monday_1":{"end_time":1,"action_type":"disable"}})",
         R"({"monday_1":5})",
-        R"(5)",
     };
     for (const std::string& ranges : wrong)
         EXPECT_EQ(set("monday", ranges), PLAN_INVALID) << ranges;
@@ -100,23 +92,16 @@ TEST_F(Plan, RefusesWhatIsNoDay)
 // The request that came last is what presets are taken out of.
 TEST_F(Plan, LosesThePresetsThatAreDeleted)
 {
-    rig::store("ptz_plan", stored("monday_1", "1", "2", "preset", "1"));
-    ASSERT_EQ(plan_load_plan(), PLAN_OK);
-    for (const char* method : {"delPreset", "clearPreset"})
-        EXPECT_EQ(call(method, R"({"id":["1"]})"), code(PLAN_OK));
-    EXPECT_TRUE(stores("monday_1")) << "without a request since the start";
-
     EXPECT_EQ(call("set_plan_config", R"({"sunday":[)" + preset("sunday_1", 1, 2, "1") + "," +
                                           preset("sunday_2", 2, 3, "2") + R"(],"friday":[)" +
                                           preset("friday_1", 1, 2, "2") + "]}"),
               code(PLAN_OK));
-    EXPECT_TRUE(stores("sunday_1") && stores("sunday_2") && stores("friday_1") && stores("monday_1"));
+    EXPECT_TRUE(stores("sunday_1") && stores("sunday_2") && stores("friday_1"));
     EXPECT_EQ(call("delPreset", R"({"id":["1"]})"), code(PLAN_OK));
     EXPECT_FALSE(stores("sunday_1"));
     EXPECT_TRUE(stores("sunday_2"));
     EXPECT_EQ(call("clearPreset"), code(PLAN_OK));
     EXPECT_FALSE(stores("sunday_2") || stores("friday_1"));
-    EXPECT_TRUE(stores("monday_1"));
 }
 
 TEST_F(Plan, AFailedSaveIsAnsweredAndLeavesNothingBehind)

@@ -116,11 +116,6 @@ TEST_F(Presets, ComeInPages)
     EXPECT_EQ(call("getPresetPage", R"({"start_id":"2","count":"2"})"),
               R"({"preset":{"preset":{"id":["3","4"],"name":["preset3","preset4"],"read_only":["0","0"],)"
               R"("position_pan":["0.000000","0.000000"],"position_tilt":["0.000000","0.000000"]}},"error_code":0})");
-    EXPECT_EQ(call("getPresetPage", R"({"start_id":"2147483647","count":"2147483647"})").substr(0, 27),
-              R"({"preset":{"preset":{"id":[)");
-    for (const char* wrong :
-         {R"({"start_id":"0","count":"0"})", R"({"start_id":"-1","count":"1"})", R"({"start_id":"0"})"})
-        EXPECT_EQ(call("getPresetPage", wrong), code(ERR_PARAM)) << wrong;
 }
 
 TEST_F(Presets, SettingsAreStoredAndLoadedOnRequest)
@@ -134,20 +129,11 @@ TEST_F(Presets, SettingsAreStoredAndLoadedOnRequest)
     gContext.preset.presetSpeed = 7;
     EXPECT_EQ(set("1", "-0.5"), code(RESULT_OK));
     EXPECT_EQ(gContext.preset.presetSpeed, 7.0F);
-    const std::tuple<std::string, int, const char*> files[] = {
-        {rig::stored("ptzd"), RESULT_OK, ""},
-        {SETTINGS + "\toption image_freeze_enabled '1'\n", ERR_DEVICE, "preset_config.speed is NULL"},
-        {SETTINGS + "\toption speed '0.5'\n", ERR_DEVICE, "preset_config.image_freeze_enabled is NULL"},
-        {"", ERR_DEVICE, "preset_config is NULL"},
-    };
-    for (const auto& [text, result, report] : files) {
-        rig::store("ptzd", text);
-        EXPECT_EQ(call("reloadPresetConfig"), code(result));
-        EXPECT_EQ(reported("reloadPresetConfig", report), result != RESULT_OK) << text;
-        EXPECT_TRUE(result != RESULT_OK || gContext.preset.presetSpeed == -0.5F);
-    }
-    rig::store("ptzd", SETTINGS + "\toption speed '0.5'\n\toption image_freeze_enabled '1'\n");
     EXPECT_EQ(call("reloadPresetConfig"), code(RESULT_OK));
+    EXPECT_EQ(gContext.preset.presetSpeed, -0.5F);
+    rig::store("ptzd", SETTINGS + "\toption speed '0.5'\n");
+    EXPECT_EQ(call("reloadPresetConfig"), code(ERR_DEVICE));
+    EXPECT_TRUE(reported("reloadPresetConfig", "preset_config.image_freeze_enabled is NULL"));
     rig::spoilStore();
     EXPECT_EQ(set("0", "0.25"), code(CFG_UCI_FAILED));
     float speed = 0;

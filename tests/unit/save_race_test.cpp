@@ -174,14 +174,6 @@ TEST_F(SaveRace, NoPlaceOfASweepOrOfTrackingIsStored)
     saveStepsArm();
     track();
     EXPECT_EQ(stored(), (Position{1600, 600}));
-    restAt(1610, 600);
-    // It cannot be saved, as the axes are not read: then nothing is, rather than a place of the tracking.
-    motion.motion_origin.store(ORIGIN_USER);
-    saveStepsArm();
-    atNext(TILT, MOTOR_IOC_GET_STATUS, [] { fakeMotor.fail(PAN, MOTOR_IOC_GET_STATUS); });
-    track();
-    fakeMotor.failing.clear();
-    EXPECT_FALSE(saveArmed());
 }
 
 TEST_F(SaveRace, AMaskWhoseMotionFailedIsNotSavedUntilAUserMovesTheHead)

@@ -3,8 +3,6 @@
 #include "head.h"
 #include "motion/step.h"
 
-#include <limits>
-
 namespace {
 
 class Step : public Head {
@@ -30,13 +28,6 @@ protected:
                 command();
         };
     }
-    /// The thread's ticks, without the requests that precede them.
-    static void runAfter(const std::function<void()>& command)
-    {
-        command();
-        fakeMotor.requests.clear();
-        fakes.runWorker();
-    }
     bool active()
     {
         LockGuard hold(motion.MotionLock);
@@ -59,22 +50,6 @@ TEST_F(Step, AimsOneAxisAtItsLimitByTheSectorOfTheDirection)
     }
 }
 
-TEST_F(Step, MovesForItsTicksOneAtLeastAndStopsBothAxes)
-{
-    for (const auto& [sustain, ticks] : {std::pair{3, 3}, {1, 1}, {0, 1}, {std::numeric_limits<int32_t>::min(), 1}}) {
-        restart();
-        motion.stepSustainTicks.store(sustain);
-        runAfter([] { start(); });
-        EXPECT_EQ(fakes.sleeps, ticks) << sustain;
-        EXPECT_EQ(fakes.sleptNs, 1'000'000);
-        EXPECT_EQ(driven(), "pan stop, tilt stop");
-        EXPECT_FALSE(active());
-    }
-    fakes.workersFail = true;
-    EXPECT_EQ(step(0), code(ERR_DEVICE));
-    EXPECT_FALSE(active());
-}
-
 TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
 {
     motion.stepSustainTicks.store(10);
@@ -90,6 +65,8 @@ TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
     });
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 4 + 10);
+    EXPECT_EQ(fakes.sleptNs, 1'000'000);
+    EXPECT_EQ(driven(), "pan stop, tilt stop");
     EXPECT_TRUE(fakes.workers.empty()) << "one thread for all";
 }
 
@@ -103,8 +80,6 @@ TEST_F(Step, ATurnIsAnnouncedAgainOnlyWhenTheHeadHasRestedBefore)
         restAt(0, 610); // at the limit long before its ticks are over
         start(0);
         EXPECT_EQ(fakes.notifications.size(), 3u);
-        motorStatusPoll(nullptr);
-        EXPECT_EQ(fakes.notifications.size(), 4u);
         fakes.turnsLeft = 0;
     });
     fakes.runWorker();
@@ -159,19 +134,6 @@ TEST_F(Step, ACancelledThreadNeitherBeginsNorSharesTheCountOfANewStep)
     EXPECT_EQ(driven(), "");
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 3 + 10) << "the newest step has lost a tick";
-}
-
-TEST_F(Step, TheDaemonsEndStopsItBeforeItsThreadHasRunAndAmidItsTicks)
-{
-    for (const int tick : {0, 3}) {
-        restart();
-        fakes.turnsLeft = tick == 0 ? 0 : 1000;
-        atTick(tick, [] { fakes.turnsLeft = 0; });
-        runAfter([] { start(); });
-        EXPECT_EQ(fakes.sleeps, std::max(tick, 1));
-        EXPECT_EQ(fakes.notifications.empty(), tick == 0);
-        EXPECT_EQ(driven(), "pan stop, tilt stop");
-    }
 }
 
 } // namespace
