@@ -30,7 +30,7 @@ std::unique_ptr<ubus_context, decltype(&ubus_free)> connectTo(const std::string&
     struct sigaction terminate {};
     sigaction(SIGINT, nullptr, &interrupt);
     sigaction(SIGTERM, nullptr, &terminate);
-    ubus_context* connection = ubus_connect(SocketAddress(socket.c_str()).path());
+    ubus_context* connection = ubus_connect(SocketAddress(socket.c_str()).address.sun_path);
     sigaction(SIGINT, &interrupt, nullptr);
     sigaction(SIGTERM, &terminate, nullptr);
     return {connection, ubus_free};
