@@ -46,7 +46,7 @@ const struct Mark {
     {"STOP", "<path class='stop' d='M-4.5-4.5h9v9h-9z'/>", "stop"},
     {"SET_POSITION", "<path class='set' d='M0-6l6 6l-6 6l-6-6z'/>", "position set"},
     {"", "<path class='failed' d='M-5-5l10 10m0-10l-10 10'/>", "request failed"},
-    {JOURNAL_POWER_LOSS, "<path class='power' d='M0-9v16'/>", "power loss"},
+    {JOURNAL_POWER_LOSS, "<path class='power' d='M0-200v200'/>", "power loss"},
 };
 
 const Mark* markOf(const LabJournalEntry& entry)
@@ -57,26 +57,9 @@ const Mark* markOf(const LabJournalEntry& entry)
     return found == std::end(MARKS) ? nullptr : found;
 }
 
-void drawMark(Picture& picture, const Mark& mark, double x, double y)
-{
-    picture.add("<g transform='translate(" + number(x) + " " + number(y) + ")'><title>" + mark.name + "</title>" +
-                mark.shape + "</g>\n");
-}
-
 double seconds(int64_t ns)
 {
     return static_cast<double>(ns) / NS_PER_SECOND;
-}
-
-/// A step of a clock's scale, in seconds, so that a span has about `count` of them.
-double clockStep(double span, int count)
-{
-    constexpr double HOUR = 3600;
-    for (const double step : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, HOUR, 2 * HOUR,
-                              3 * HOUR, 6 * HOUR, 12 * HOUR})
-        if (span / step <= count)
-            return step;
-    return 24 * HOUR * std::ceil(span / (24 * HOUR * count));
 }
 
 /// Lab times, which the scale names by the wall clock.
@@ -85,9 +68,13 @@ struct TimeScale {
     double to;
     double localAtZero; // local time at lab time 0, in seconds since 1970
 
+    /// A step of a clock, in seconds, of which the scale has 13 at most.
     double step() const
     {
-        return clockStep(to - from, 13);
+        for (const double step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200})
+            if ((to - from) / step <= 13)
+                return step;
+        return 86400 * std::ceil((to - from) / (86400 * 13));
     }
     double firstTick() const
     {
@@ -235,11 +222,10 @@ struct AxisPlot {
     {
         for (const LabJournalEntry& entry : journal) {
             const Mark* mark = entry.axis == axis ? markOf(entry) : nullptr;
-            const double x = panel.x(seconds(entry.labNs));
-            if (mark && entry.request == JOURNAL_POWER_LOSS)
-                picture.line("power", x, panel.top, x, panel.bottom());
-            else if (mark)
-                drawMark(picture, *mark, x, panel.y(entry.count));
+            if (mark)
+                picture.add("<g transform='translate(" + number(panel.x(seconds(entry.labNs))) + " " +
+                            number(panel.y(entry.count)) + ")'><title>" + mark->name + "</title>" + mark->shape +
+                            "</g>\n");
         }
     }
 };
