@@ -1,25 +1,99 @@
-// Every method of the object with any message, in any order, while motors move and fail, timers expire, workers run,
-// tours turn, and others replace the settings. With FUZZ_METHOD, that method alone with a single message, on any table
-// of presets and a plan.
+// The daemon in its rig. "methods": every method with any message, in any order, while motors move and fail, timers
+// expire, workers run, tours turn, and others replace the settings. "startup": the start on any settings. With another
+// FUZZ_METHOD, that method alone with a single message, on any table of presets and a plan.
 
-#include "daemon_fuzz.h"
-#include "motor/coordinates.h"
+#include "fuzz.h"
 #include "preset/preset_store.h"
+#include "rig/daemon_rig.h"
 #include "tour/plan.h"
 #include "tour/tour_state.h"
 #include "tour/touring.h"
-
-#include <string.h>
+#include "ubus/notify.h"
 
 namespace {
 
 constexpr std::string_view ONLY = FUZZ_METHOD;
+constexpr std::string_view HEADING = "== ";
 constexpr int MAX_STEPS = 40;
+constexpr int WORKER_TURNS = 300;
 constexpr const char* OTHERS_PACKAGES[] = {"image", "diagd", "lens_mask", "target_track", "ptz_plan", "tour"};
 constexpr unsigned long REQUESTS[] = {MOTOR_IOC_GET_STATUS, MOTOR_IOC_SET_POSITION, MOTOR_IOC_SET_SPEED,
                                       MOTOR_IOC_ROTATE,     MOTOR_IOC_MOVE,         MOTOR_IOC_STOP};
 
 enum Event { RUN_WORKERS, EXPIRE, MOTOR, FAULT, TOUR, SETTINGS, EVENT_COUNT };
+
+/// Runs the worker threads that were started, one after the other, each for a limited time.
+void runWorkers()
+{
+    while (!fakes.workers.empty()) {
+        fakes.turnsLeft = WORKER_TURNS;
+        fakes.runWorker();
+    }
+    fakes.turnsLeft = WORKER_TURNS;
+    fakeMotor.requests.clear(); // a rotation test makes many
+}
+
+void expire(unsigned timer)
+{
+    const DaemonTimer& record = rig::timerAt(timer);
+    if (fakes.armed(record))
+        record.callback(record.argument);
+}
+
+/// Attributes of a message, made of an input by its first byte: as they are, from JSON text, or from JSON text and then
+/// damaged. Empty, without a value, when the text is no JSON object.
+std::optional<std::vector<uint8_t>> messageFrom(Input input)
+{
+    enum { RAW, JSON, DAMAGED, FORMS };
+    const int form = input.byte() % FORMS;
+    if (form == RAW) {
+        const Bytes raw = input.rest();
+        return std::vector<uint8_t>(raw.begin(), raw.end());
+    }
+    const Bytes damage = input.bytes(form == DAMAGED ? size_t{3} * (input.byte() % 8) : 0);
+    auto attributes = rig::messageOf(asText(input.rest()));
+    for (Input patches(damage); attributes && !attributes->empty() && !patches.empty();) {
+        const size_t at = patches.word() % attributes->size();
+        (*attributes)[at] = patches.byte();
+    }
+    return attributes;
+}
+
+/// What holds at any time: the map of the presets names enabled slots that carry the id, and no motion is announced
+/// twice.
+void checkState()
+{
+    const PresetTable table = presetTableNow();
+    for (int32_t id = 1; id <= PRESET_COUNT; ++id) {
+        const int32_t slot = table.presetSlotOfId[id - 1];
+        RIG_CHECK(slot >= 0 && slot <= PRESET_COUNT, "id %d: slot %d\n", id, slot);
+        if (slot == 0)
+            continue;
+        const PresetEntry& entry = table.presetTable[slot - 1];
+        RIG_CHECK(entry.enabled != 0 && entry.id == id, "id %d: slot %d has id %d\n", id, slot, entry.id);
+    }
+    bool moving = false;
+    for (const FakeNotification& sent : fakes.notifications) {
+        RIG_CHECK(sent.first != NOTIFY_MOVING || !moving, "moving is announced twice\n");
+        moving = sent.first == NOTIFY_MOVING;
+    }
+}
+
+/// Checks that the presets are listed as they are stored.
+void checkPresetsStored()
+{
+    checkState();
+    const auto list = [] {
+        (void)rig::call("getPresetAll");
+        return fakes.reply;
+    };
+    const std::string before = list();
+    const int32_t current = gContext.motion.tourCurrentPresetId.load();
+    RIG_CHECK(reloadPresetList() == RESULT_OK, "what was stored cannot be read\n");
+    gContext.motion.tourCurrentPresetId.store(current);
+    const bool unnamed = before.find(R"("")") != before.npos; // stored as none, for which the section's name is read
+    RIG_CHECK(unnamed || list() == before, "%s is not what is stored\n", before.c_str());
+}
 
 /// May report a failure and have stored something all the same, before or beside what failed.
 bool storesFirst(const std::string& method)
@@ -31,101 +105,26 @@ bool storesFirst(const std::string& method)
     return false;
 }
 
-void checkSettings()
+/// Whether a whole plan is stored.
+bool planLoads()
 {
-    checkState();
-    const int32_t flip = gContext.image.imageFlipType.load();
-    RIG_CHECK(flip >= 0 && flip <= 3, "flip type %d\n", flip);
-    for (const auto* factor : {&gContext.preset.panSpeedFactor, &gContext.preset.tiltSpeedFactor})
-        RIG_CHECK(factor->load() > 0.0F && factor->load() <= 1.0F, "speed factor %f\n",
-                  static_cast<double>(factor->load()));
-}
-
-/// What is left is what was there, in its order, packed to the front.
-void checkPacked(const PresetTable& before)
-{
-    const PresetTable now = presetTableNow();
-    const PresetEntry* next = now.presetTable;
-    for (const PresetEntry& entry : before.presetTable) {
-        if (entry.enabled == 0 || now.presetSlotOfId[entry.id - 1] == 0)
-            continue;
-        RIG_CHECK(sameEntry(*next, entry), "id %d is in the place of %d\n", next->id, entry.id);
-        ++next;
-    }
-    for (; next != std::end(now.presetTable); ++next)
-        RIG_CHECK(next->enabled == 0, "id %d is new\n", next->id);
-}
-
-std::vector<PlanEntry> day(const DayPlanSet& plan, int number)
-{
-    return {plan.tables[number], plan.tables[number] + PLAN_DAY_ENTRIES};
-}
-
-/// The id as it is stored: a byte less than what the request may hold, and none that the store would not give back.
-std::string storedId(const PlanEntry& entry)
-{
-    const std::string id(entry.action_id, strnlen(entry.action_id, sizeof(entry.action_id)));
-    return presetNameStorable(id.c_str()) ? id.substr(0, sizeof(entry.action_id) - 1) : "";
-}
-
-bool sameRange(const PlanEntry& a, const PlanEntry& b)
-{
-    if (a.valid == 0 || b.valid == 0)
-        return a.valid == b.valid;
-    return a.action_type == b.action_type && a.start_time == b.start_time && a.end_time == b.end_time &&
-           (a.action_type != PLAN_ACTION_PRESET || storedId(a) == storedId(b));
-}
-
-using Week = std::vector<std::vector<PlanEntry>>;
-
-/// The plan as it is stored; no day when it cannot be read, or is none.
-Week loadedPlan()
-{
-    Week week;
-    const DayPlanSet& active = gContext.tour.activePlan;
-    if (plan_load_plan() == PLAN_OK && plan_check_plan_list_all(active))
-        for (int number = 0; number < WEEK_DAYS; ++number)
-            week.push_back(day(active, number));
-    return week;
-}
-
-/// The stored plan is the pending one in the days that this names, and what it was in the others.
-void checkPlanStored(const Week& before)
-{
-    const Week now = loadedPlan();
-    RIG_CHECK(!now.empty(), "what was stored is no plan\n");
-    const DayPlanSet& pending = gContext.tour.pendingPlan;
-    for (int number = 0; number < WEEK_DAYS; ++number) {
-        const auto index = static_cast<size_t>(number);
-        const bool given = (pending.dayMask >> number & 1) != 0;
-        const std::vector<PlanEntry> expected = given ? day(pending, number) : before[index];
-        RIG_CHECK(std::equal(now[index].begin(), now[index].end(), expected.begin(), sameRange), "day %d\n", number);
-    }
+    return plan_load_plan() == PLAN_OK && plan_check_plan_list_all(gContext.tour.activePlan);
 }
 
 void call(const std::string& name, const std::optional<std::vector<uint8_t>>& message)
 {
     if (!message)
         return;
-    const bool plans = name == "set_plan_config";
-    const PresetTable table = presetTableNow();
-    const Week week = plans ? loadedPlan() : Week{};
+    const bool planned = name == "set_plan_config" && planLoads();
     const std::string presets = rig::stored("ptzd");
     const std::string plan = rig::stored("ptz_plan");
     const int32_t code = rig::call(name, *message);
-    const bool same = rig::stored("ptzd") == presets;
-    const bool samePlan = rig::stored("ptz_plan") == plan;
+    const bool same = rig::stored("ptzd") == presets && rig::stored("ptz_plan") == plan;
     if (code != 0 && (!storesFirst(name) || (name == "delPreset" && code == ERR_PARAM)))
-        RIG_CHECK(same && samePlan, "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
-    RIG_CHECK(!plans || same, "presets have changed\n");
-    if (code != 0)
-        return;
-    if (name == "delPreset")
-        checkPacked(table);
-    if (name == "setPreset" || name == "delPreset" || name == "clearPreset")
+        RIG_CHECK(same, "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
+    if (code == 0 && (name == "setPreset" || name == "delPreset" || name == "clearPreset"))
         checkPresetsStored();
-    if (!week.empty())
-        checkPlanStored(week);
+    RIG_CHECK(!planned || planLoads(), "what was stored is no plan\n");
 }
 
 void moveMotor(Input& input)
@@ -168,37 +167,86 @@ void play(Input& input)
             call(rig::methodName(what), messageFrom(Input(input.block())));
         else
             happen(what - rig::methodCount(), input, scan);
-        checkSettings();
+        checkState();
     }
 }
 
 /// Slots 1..8 with the enabled ones of a mask, at ids that a shift turns about.
 std::string presetSections(unsigned enabled, unsigned shift)
 {
-    std::string text = "config ptzd 'config'\n\toption power_off_recover '1'\n";
+    std::string text = rig::section("ptzd", "config", {{"power_off_recover", "1"}});
     for (unsigned slot = 1; slot <= PRESET_COUNT; ++slot) {
-        const unsigned id = (slot + shift) % PRESET_COUNT + 1;
         const std::string number = std::to_string(slot);
-        text += "config preset 'preset_" + number + "'\n\toption id '" + std::to_string(id) +
-                "'\n\toption read_only '" + std::to_string(slot % 2) + "'\n\toption name 'name " + number +
-                "'\n\toption position_pan '0." + number + "'\n\toption position_tilt '-0." + number +
-                "'\n\toption position_zoom '0'\n\toption enabled '" + std::to_string(enabled >> (slot - 1) & 1U) +
-                "'\n";
+        text += rig::section("preset", "preset_" + number,
+                             {{"id", std::to_string((slot + shift) % PRESET_COUNT + 1)},
+                              {"read_only", std::to_string(slot % 2)},
+                              {"name", "name " + number},
+                              {"position_pan", "0." + number},
+                              {"position_tilt", "-0." + number},
+                              {"position_zoom", "0"},
+                              {"enabled", std::to_string(enabled >> (slot - 1) & 1U)}});
     }
     return text;
 }
 
-/// An entry a day, and two on Sundays.
+/// An entry a day.
 std::string storedPlan()
 {
     std::string text;
     for (int day = 0; day < WEEK_DAYS; ++day)
-        for (int number = 1; number <= (day == 0 ? 2 : 1); ++number)
-            text += "config " + std::string(planPolicy[day].name) + " '" + planEntryName(day, number).text +
-                    "'\n\toption start_time '" + std::to_string(60 * number) + "'\n\toption end_time '" +
-                    std::to_string(60 * number + 60) + "'\n\toption action_type 'preset'\n\toption action_id '" +
-                    std::to_string(day + 1) + "'\n";
+        text += rig::section(planPolicy[day].name, planEntryName(day, 1).text,
+                             {{"start_time", "60"},
+                              {"end_time", "120"},
+                              {"action_type", "preset"},
+                              {"action_id", std::to_string(day + 1)}});
     return text;
+}
+
+/// Lines "== PACKAGE", each followed by that package's file.
+Settings split(std::string_view text)
+{
+    Settings settings;
+    std::string* file = nullptr;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size() - 1) + 1;
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end);
+        if (line.starts_with(HEADING))
+            file = &settings[std::string(line.substr(HEADING.size(), line.find('\n') - HEADING.size()))];
+        else if (file)
+            *file += line;
+    }
+    return settings;
+}
+
+/// Every method without arguments, each followed by whatever it has started.
+void live()
+{
+    ScanProgress scan{0, 1};
+    for (unsigned method = 0; method < rig::methodCount(); ++method) {
+        (void)rig::call(rig::methodName(method));
+        runWorkers();
+        if (gContext.tour.tourInfo) // the tours may have failed to start
+            (void)tourCycle(scan);
+        fakeMotor.status[PAN].running = static_cast<int32_t>(method % 2);
+        for (unsigned timer = 0; timer < 4; ++timer)
+            expire(timer);
+        checkState();
+    }
+}
+
+/// A first line "!" and twelve bytes are what the motors report of themselves.
+Settings startSettings(Input& input, uint8_t first)
+{
+    if (first == '!') {
+        (void)input.byte();
+        for (MotorCapability& capability : fakeMotor.capability) {
+            capability.range = input.word();
+            capability.max_speed = input.word();
+            capability.total_steps = input.word() << 16 | 1; // up to the largest number there is, or below 0
+        }
+    }
+    return split(asText(input.rest()));
 }
 
 } // namespace
@@ -206,7 +254,13 @@ std::string storedPlan()
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     rig::reset();
+    fakes.turnsLeft = WORKER_TURNS;
+    fakes.timeStride = time_t{997} * 60; // through the minutes of all weekdays
     Input input(data, size);
+    if (ONLY == "startup") {
+        (void)rig::run(startSettings(input, size > 0 ? data[0] : 0), live); // refusing to start is an answer
+        return 0;
+    }
     Settings settings;
     if (!ONLY.empty()) {
         const uint8_t enabled = input.byte();
@@ -217,8 +271,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             return play(input);
         runWorkers();
         call(std::string(ONLY), messageFrom(input));
-        checkSettings();
+        checkState();
     };
-    RIG_CHECK(fuzzDaemon(settings, inside) == 0, "did not start\n");
+    RIG_CHECK(rig::run(settings, inside) == 0, "did not start\n");
     return 0;
 }

@@ -21,10 +21,13 @@
 #include "ubus/ubus_service.h"
 #include "ubus/ubus_state.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
+#include <string.h>
 #include <time.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <utility>
@@ -37,12 +40,22 @@ extern "C" {
 namespace fs = std::filesystem;
 
 Fakes fakes;
+FakeMotor fakeMotor;
+
+static constexpr int FIRST_FD = 1000; // no real descriptor of the test
 
 void Fakes::runWorker()
 {
     const FakeWorker worker = workers.front();
     workers.pop_front();
     worker.routine(worker.argument);
+}
+
+std::vector<FakeRequest> FakeMotor::sent(unsigned long number) const
+{
+    std::vector<FakeRequest> found;
+    std::ranges::copy_if(requests, std::back_inserter(found), [&](const auto& one) { return one.number == number; });
+    return found;
 }
 
 namespace {
@@ -91,9 +104,33 @@ std::optional<int32_t> codeOf(const blob_attr* message)
     return std::nullopt;
 }
 
+void giveAxesFakeMotors()
+{
+    fakeMotor = {};
+    fakeMotor.capability[PAN] = {300, 8, 3000, {}};
+    fakeMotor.capability[TILT] = {122, 8, 1220, {}};
+    fakeMotor.status[PAN] = {0, 4, 1500, 0, 1};
+    fakeMotor.status[TILT] = {0, 4, 610, 0, 1};
+    for (const AxisIndex axis : {PAN, TILT}) {
+        gContext.axes[axis].fd = FIRST_FD + axis;
+        gContext.axes[axis].range = fakeMotor.capability[axis].range;
+        gContext.axes[axis].max_speed = fakeMotor.capability[axis].max_speed;
+        gContext.axes[axis].total_steps = fakeMotor.capability[axis].total_steps;
+    }
+}
+
 } // namespace
 
 namespace rig {
+
+std::string section(const std::string& type, const std::string& name,
+                    const std::vector<std::pair<std::string, std::string>>& options)
+{
+    std::string text = "config " + type + " '" + name + "'\n";
+    for (const auto& [option, value] : options)
+        text += "\toption " + option + " '" + value + "'\n";
+    return text;
+}
 
 void provide(const Settings& settings)
 {
@@ -151,9 +188,12 @@ int32_t run(const Settings& settings, const std::function<void()>& inside)
     return result;
 }
 
-int32_t call(unsigned method, Bytes attributes)
+int32_t call(const std::string& method, Bytes attributes)
 {
-    const ubus_method& entry = ptzdObject().methods[method];
+    unsigned index = 0;
+    while (methodName(index) != method)
+        RIG_CHECK(++index < methodCount(), "no method %s\n", method.c_str());
+    const ubus_method& entry = ptzdObject().methods[index];
     // Exactly as long as it is, so that a byte read behind it is found.
     const size_t length = sizeof(blob_attr) + attributes.size();
     const std::unique_ptr<uint8_t[]> bytes(new uint8_t[length]);
@@ -167,14 +207,6 @@ int32_t call(unsigned method, Bytes attributes)
     RIG_CHECK(status == 0 && fakes.replies == 1, "%s: status %d, %d replies\n", entry.name, status, fakes.replies);
     fakes.replies = outer;
     return fakes.code.value_or(0);
-}
-
-int32_t call(const std::string& method, Bytes attributes)
-{
-    unsigned index = 0;
-    while (methodName(index) != method)
-        RIG_CHECK(++index < methodCount(), "no method %s\n", method.c_str());
-    return call(index, attributes);
 }
 
 int32_t call(const std::string& method, const std::string& json)
@@ -275,6 +307,49 @@ time_t __wrap_time(time_t* out)
     return fakes.now;
 }
 
+int __real_open(const char* path, int flags, ...);
+
+int __wrap_open(const char* path, int flags, ...)
+{
+    for (const AxisIndex axis : {PAN, TILT})
+        if (strcmp(path, gContext.axes[axis].device_path) == 0)
+            return FIRST_FD + axis;
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    return __real_open(path, flags, mode);
+}
+
+int __wrap_ioctl(int fd, unsigned long number, ...)
+{
+    va_list args;
+    va_start(args, number);
+    void* record = va_arg(args, void*);
+    va_end(args);
+    const auto axis = static_cast<AxisIndex>(fd - FIRST_FD);
+    FakeRequest request{axis, number, 0, 0};
+    if (record && number != MOTOR_IOC_GET_CAPA && number != MOTOR_IOC_GET_STATUS) {
+        const auto* command = static_cast<const MotorCommand*>(record);
+        request.speed = command->speed;
+        request.steps = command->steps;
+    }
+    fakeMotor.requests.push_back(request);
+    if (fakeMotor.onRequest)
+        fakeMotor.onRequest(request);
+    if (fakeMotor.failing[{axis, number}]) {
+        errno = EIO;
+        return -1;
+    }
+    if (number == MOTOR_IOC_GET_CAPA)
+        *static_cast<MotorCapability*>(record) = fakeMotor.capability[axis];
+    if (number == MOTOR_IOC_GET_STATUS)
+        *static_cast<MotorStatus*>(record) = fakeMotor.status[axis];
+    if (number == MOTOR_IOC_STOP)
+        fakeMotor.status[axis].running = 0;
+    return 0;
+}
+
 } // extern "C"
 
 DaemonTimer timerRecord(void (*callback)(void*), void* argument)
@@ -300,8 +375,6 @@ int32_t timerStart(DaemonTimer* timer, int64_t firstNs, int64_t intervalNs)
 
 int32_t timerStop(DaemonTimer* timer)
 {
-    if (fakes.beforeTimerStop)
-        fakes.beforeTimerStop();
     fakes.timers[timer] = {};
     return 0;
 }

@@ -1,10 +1,11 @@
 // The daemon in one process, without threads, clock, devices or bus: motors, timers, workers, notifications and the log
-// are fakes, the configuration store is the real one in a folder in memory. Unit tests and fuzzers share it.
+// are fakes, the configuration store is the real one in a folder in memory. The motors are two drivers behind open(2)
+// and ioctl(2), so that the daemon's own adapter is tested too. Unit tests and fuzzers share it.
 #pragma once
 
 #include "core/motion.h"
 #include "core/timer.h"
-#include "rig/fake_motor.h"
+#include "motor/motor_device.h"
 #include "rig/files.h"
 
 #include <deque>
@@ -14,26 +15,33 @@
 #include <string>
 #include <vector>
 
-struct FakeTimer {
-    int64_t firstNs = 0; // 0 while not armed
-    int64_t intervalNs = 0;
-
-    bool operator==(const FakeTimer&) const = default;
+struct FakeRequest {
+    AxisIndex axis;
+    unsigned long number;
+    int32_t speed; // words of a MotorCommand; 0 for requests without one
+    int32_t steps;
 };
 
-struct FakeNotification {
-    int32_t state;
-    int32_t origin;
+struct FakeMotor {
+    MotorStatus status[AXIS_COUNT]{};
+    MotorCapability capability[AXIS_COUNT]{};
+    std::vector<FakeRequest> requests;
+    std::map<std::pair<AxisIndex, unsigned long>, bool> failing;
+    std::function<void(const FakeRequest&)> onRequest; // runs before the request is answered
 
-    bool operator==(const FakeNotification&) const = default;
+    void fail(AxisIndex axis, unsigned long number)
+    {
+        failing[{axis, number}] = true;
+    }
+    /// The requests of one kind, in order.
+    [[nodiscard]] std::vector<FakeRequest> sent(unsigned long number) const;
 };
 
-struct FakeReport {
-    std::string function;
-    std::string text;
+extern FakeMotor fakeMotor;
 
-    bool operator==(const FakeReport&) const = default;
-};
+using FakeTimer = std::pair<int64_t, int64_t>;          // first expiry, 0 while not armed, and interval in ns
+using FakeNotification = std::pair<int32_t, int32_t>;   // state, origin
+using FakeReport = std::pair<std::string, std::string>; // function, text
 
 struct FakeWorker {
     void* (*routine)(void*);
@@ -44,7 +52,6 @@ struct Fakes {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::function<void()> beforeTimerStart;
     std::function<void()> afterTimerStart;
-    std::function<void()> beforeTimerStop;
     std::vector<FakeNotification> notifications;
     std::function<void()> onNotification;
     std::vector<FakeReport> reports; // errors only
@@ -66,7 +73,7 @@ struct Fakes {
 
     [[nodiscard]] bool armed(const DaemonTimer& timer)
     {
-        return timers[&timer].firstNs != 0;
+        return timers[&timer].first != 0;
     }
     /// Runs the worker that was started first.
     void runWorker();
@@ -79,6 +86,10 @@ using Settings = std::map<std::string, std::string>;
 
 namespace rig {
 
+/// A section of a package's file.
+[[nodiscard]] std::string section(const std::string& type, const std::string& name,
+                                  const std::vector<std::pair<std::string, std::string>>& options);
+
 /// Puts packages into the store; those left out become what the daemon is delivered with.
 void provide(const Settings& settings);
 
@@ -89,17 +100,17 @@ void store(const std::string& package, const std::string& text);
 /// From now on nothing can be written, until settings are provided again.
 void spoilStore();
 
-/// A daemon at rest that has loaded nothing, with nothing armed, nothing reported and healthy motors.
+/// A daemon at rest that has loaded nothing, with nothing armed, nothing reported and healthy motors: pan 300 units in
+/// 3000 steps, tilt 122 units in 1220 steps, max_speed 8, both in the middle, at rest.
 void reset();
 
 /// Starts the daemon on settings, runs `inside` in the place of its event loop, and ends it.
 /// @return what PtzdInit returned; -1 also when it never got to the loop.
 int32_t run(const Settings& settings, const std::function<void()>& inside);
 
-/// Calls a method, by its place in the object's table or by its name, with a message's attributes or a JSON object, and
-/// checks that it answers exactly once, with a whole blobmsg. The reply is in `fakes` then.
+/// Calls a method with a message's attributes or a JSON object, and checks that it answers exactly once, with a whole
+/// blobmsg. The reply is in `fakes` then.
 /// @return its code; 0 for a reply without one.
-int32_t call(unsigned method, Bytes attributes);
 int32_t call(const std::string& method, Bytes attributes);
 int32_t call(const std::string& method, const std::string& json = "{}");
 [[nodiscard]] unsigned methodCount();

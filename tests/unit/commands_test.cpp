@@ -66,11 +66,9 @@ TEST_F(Commands, SendTheAxesWhereTheySay)
         {"move", xy(-151, 62), "pan move -1500 at 0, tilt move 610 at 0", true},
         {"move", R"({"x_coord":"99999999999","y_coord":"0"})", "pan move 1500 at 0, tilt move 0 at 0", true},
         {"move", xy(1, 1), stops + "pan move 10 at 0, tilt move 10 at 0", true, PAN_RUNS},
-        {"move", xy(1, 1), stops + "pan move 10 at 0, tilt move 10 at 0", true, TILT_RUNS},
         {"moveTo", xy(10, -5), "pan move 100 at 4, tilt move -50 at 3", true},
         {"moveTo", xy(10, -5), "pan move -100 at 4, tilt move -50 at 3", true, FLIP_PAN},
         {"moveTo", xy(10, -5), "pan move 100 at 4, tilt move 50 at 3", true, FLIP_TILT},
-        {"moveTo", xy(150, 61), "pan move 1500 at 4, tilt move 610 at 3", true},
         {"moveTo", xy(-150, -39), "pan move -1500 at 4, tilt move -390 at 3", true},
         {"moveTo", xy(0, -61), "pan move 0 at 4, tilt move 610 at 3", true, FLIP_TILT},
         {"moveTo", xy(0, 0), stops + "pan move 0 at 4, tilt move 0 at 3", true, TILT_RUNS},
@@ -79,13 +77,11 @@ TEST_F(Commands, SendTheAxesWhereTheySay)
         {"targetTrack", track("5", "4"), "pan move 30 at 5, tilt move -20 at 4", false},
         {"targetTrack", track("9", "9"), "pan move 30 at 8, tilt move -20 at 6", false, TRACKED},
         {"targetTrack", track("0", "-1"), "pan move -30 at 1, tilt move 20 at 1", false, FLIP_PAN | FLIP_TILT},
-        {"targetTrackBack", "{}", "pan move 300 at 4, tilt move 90 at 3", false, TRACKED},
         {"targetTrackBack", "{}", stops + "pan move 300 at 4, tilt move 90 at 3", false, TRACKED | TILT_RUNS},
         {"targetTrackBack", "{}", "", false}, // a user has moved it last
         {"gotoPreset", slowly, "pan move 750 at 2, tilt move -305 at 3", true},
         {"gotoPreset", preset, stops + "pan move 750 at 8, tilt move -305 at 6", true, PAN_RUNS},
         {"startPanorama", "{}", "pan move -1500 at 8, tilt move -100 at 6", false},
-        {"startPanorama", "{}", "pan move 1500 at 8, tilt move -100 at 6", false, FLIP_PAN},
         {"startPanorama", "{}", stops + "pan move -1500 at 8, tilt move 100 at 6", false, FLIP_TILT | PAN_RUNS},
         {"movePanorama", xy(5, -3), "pan move 50 at 8, tilt move -30 at 6", false},
         {"movePanorama", xy(-150, 61), stops + "pan move -1500 at 8, tilt move 610 at 6", false, SWEEPS | TILT_RUNS},
@@ -137,37 +133,26 @@ TEST_F(Commands, RefuseWhatTheyMustAndLeaveTheHeadAlone)
         {"move", xy(1, -1), ERR_NO_TRAVEL, TILT_RUNS, 3000},
         {"move", xy(1, -1), ERR_NO_TRAVEL, PAN_RUNS, 1500, 220}, // -39 is at step 220
         {"moveTo", xy(151, 0), ERR_PARAM, CALIBRATES},
-        {"moveTo", xy(-151, 0), ERR_PARAM, MASKED},
-        {"moveTo", xy(0, 62), ERR_PARAM},
         {"moveTo", xy(0, -40), ERR_PARAM},
         {"moveTo", xy(0, 40), ERR_PARAM, FLIP_TILT},
         {"moveStep", R"({"direction":"360"})", ERR_PARAM, CALIBRATES},
-        {"moveStep", R"({"direction":"-1"})", ERR_PARAM},
         {"moveStep", right, ERR_NO_TRAVEL, TILT_RUNS, 3000},
-        {"moveStep", right, ERR_NO_TRAVEL, FLIP_PAN, 0},
         {"movePanorama", xy(0, 62), ERR_PARAM},
-        {"movePanorama", xy(-151, 0), ERR_PARAM},
         {"movePanorama", xy(-1, 0), ERR_NO_TRAVEL, PAN_RUNS, 0},
         {"targetTrack", track, ERR_CALIBRATING, PAN_RUNS | TRACKED},
         {"targetTrack", track, ERR_CALIBRATING, TILT_RUNS | TRACKED},
         {"targetTrackBack", "{}", ERR_CALIBRATING, TILT_RUNS},
-        {"gotoPreset", R"({"id":"9"})", ERR_PARAM},
         {"gotoPreset", R"({"id":"4294967299"})", ERR_PARAM}, // no 32-bit number, which would be 3
         {"gotoPreset", R"({"id":"4"})", ERR_PRESET_ID},
         {"gotoPreset", R"({"id":"3","speed_pan":"0"})", ERR_SPEED_FACTOR},
         {"gotoPreset", R"({"id":"3","speed_tilt":"1.1"})", ERR_SPEED_FACTOR},
-        {"gotoPreset", R"({"id":"3","speed_tilt":"x"})", ERR_PARAM},
         {"setPreset", R"({"save_ptz":"1"})", ERR_MOVING, PAN_RUNS},
         {"setPreset", R"({"save_ptz":"1"})", ERR_MOVING, TILT_RUNS},
         {"setPreset", R"({"save_ptz":"2"})", ERR_PARAM},
         {"setPreset", R"({"name":")" + std::string(33, 'n') + R"("})", ERR_NAME_LENGTH},
-        {"setPreset", "{}", ERR_LENS_MASK, MASKED | SWEEPS},
-        {"setPreset", "{}", ERR_PANORAMA, SWEEPS},
         {"setConfig", R"({"x_speed":"1"})", ERR_CALIBRATING, CALIBRATES},
         {"lensMask", "{}", ERR_CALIBRATING, CALIBRATES | SWEEPS},
-        {"lensMask", "{}", ERR_PANORAMA, SWEEPS},
         {"startPanorama", "{}", ERR_CALIBRATING, CALIBRATES | MASKED},
-        {"startPanorama", "{}", ERR_LENS_MASK, MASKED},
         {"checkMotorStatus", "{}", ERR_CALIBRATING, CALIBRATES},
     };
     const std::pair<const char*, std::string> motions[] = {
@@ -213,31 +198,16 @@ TEST_F(Commands, ShowTheHeadAsTheImageIsFlipped)
     EXPECT_EQ(call("updateImageConfig"), code(ERR_DEVICE));
     fakeMotor.status[TILT].running = 0;
     EXPECT_NE(call("getStatus").find(R"("x_speed":"-4","y_speed":"0")"), std::string::npos) << "as it was, and at rest";
-
-    constexpr int32_t MOST = 2147483647; // a driver may say anything: the nearest that there is
-    fakeMotor.status[PAN] = {0, MOST, 0, MOST, MOST};
-    fakeMotor.status[TILT] = {0, MOST, 0, MOST, -MOST};
-    EXPECT_NE(call("getStatus").find(R"("x_speed":"2147483647","y_speed":"-2147483648")"), std::string::npos);
-    EXPECT_EQ(call("getCapa"),
-              R"({"error_code":0,"capability":{"x_coord_min":"-150","x_coord_max":"150","y_coord_min":"-61",)"
-              R"("y_coord_max":"61","x_max_speed":"8","y_max_speed":"6","simultaneous":"disabled","preset":"enabled",)"
-              R"("calibrate":"enabled"}})");
 }
 
-TEST_F(Commands, TruncateTowardZeroBothWays)
+TEST_F(Commands, TruncateTowardZero)
 {
     gContext.axes[TILT].total_steps = 1000;
+    standAt(1500, 451); // 55022 / 1000 is 55, less 61
+    EXPECT_NE(call("getStatus").find(R"("x_coord":"0","y_coord":"-6")"), std::string::npos) << fakes.reply;
     standAt(1500, 500);
     EXPECT_EQ(call("moveTo", xy(0, -6)), code(RESULT_OK)); // -6000 / 122 is -49, not -50
     EXPECT_EQ(driven(), "pan move 0 at 4, tilt move -49 at 3");
-    gContext.axes[PAN].range = 301;
-    gContext.axes[PAN].total_steps = 3001;
-    for (const auto& [steps, coord] : {std::pair{0, "-150"}, {1500, "0"}, {3001, "151"}}) {
-        standAt(steps, 451); // 55022 / 1000 is 55, less 61
-        EXPECT_NE(call("getStatus").find(std::string(R"("x_coord":")") + coord + R"(","y_coord":"-6")"),
-                  std::string::npos)
-            << fakes.reply;
-    }
 }
 
 TEST_F(Commands, SetSpeedsUpToTheAxisOwnMaximum)
@@ -262,7 +232,6 @@ TEST_F(Commands, SetSpeedsUpToTheAxisOwnMaximum)
     EXPECT_EQ(call("setConfig", R"({"x_speed":"2","y_speed":"3"})"), code(RESULT_OK));
     EXPECT_EQ(std::pair(stored("x_motor"), stored("y_motor")), std::pair(2, 3));
 
-    EXPECT_EQ(call("setPowerOffRecover", R"({"recover":"2"})"), code(ERR_PARAM));
     rig::store("ptzd", "config ptzd 'config'\n");
     cfg_uci_pkg_reload(UCI_PTZD);
     EXPECT_EQ(call("setPowerOffRecover", R"({"recover":"0"})"), code(RESULT_OK));

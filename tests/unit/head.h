@@ -17,6 +17,8 @@
 
 #include <filesystem>
 
+using rig::section;
+
 inline const FakeTimer TEN_SECONDS{10'000'000'000, 10'000'000'000};
 
 /// Pan goes 300 units in 3000 steps at up to 8, tilt 122 units in 1220 steps at up to 6; both rest in the middle, 1500
@@ -47,19 +49,17 @@ protected:
         fakeMotor.capability[TILT].max_speed = gContext.axes[TILT].max_speed = 6;
         fakeMotor.status[TILT].speed = 3; // pan's is 4
     }
-    /// A section of a package's file.
-    static std::string section(const std::string& type, const std::string& name,
-                               const std::vector<std::pair<std::string, std::string>>& options)
-    {
-        std::string text = "config " + type + " '" + name + "'\n";
-        for (const auto& [option, value] : options)
-            text += "\toption " + option + " '" + value + "'\n";
-        return text;
-    }
     static std::string position(int pan, int tilt)
     {
         return section("motor", "x_motor", {{"steps", std::to_string(pan)}}) +
                section("motor", "y_motor", {{"steps", std::to_string(tilt)}});
+    }
+    /// A range of the stored plan.
+    static std::string planned(const std::string& name, const char* start, const char* end, const char* action,
+                               const char* id)
+    {
+        return section(name.substr(0, name.find('_')), name,
+                       {{"start_time", start}, {"end_time", end}, {"action_type", action}, {"action_id", id}});
     }
     /// The switch of the lens mask, or of the tracking, as it is stored.
     static std::string enabled(const std::string& name, const std::string& value)

@@ -83,7 +83,7 @@ TEST_F(Start, EndsWithASaveOfWhatIsPendingAndNothingElse)
     }
 }
 
-TEST_F(Start, NeedsMotorsAndAThread)
+TEST_F(Start, NeedsMotors)
 {
     for (const MotorCapability& nonsense : {MotorCapability{0, 8, 3000, {}}, {300, 0, 3000, {}}, {300, 8, 0, {}}})
         for (const AxisIndex axis : {PAN, TILT}) {
@@ -94,11 +94,6 @@ TEST_F(Start, NeedsMotorsAndAThread)
                                                          : "can't init y-motor device file"));
             EXPECT_EQ(driven(), "");
         }
-    restart();
-    fakes.workersFail = true;
-    EXPECT_EQ(start({}), -1);
-    EXPECT_TRUE(reported("PtzdInit", "motor calibrate failed"));
-    EXPECT_TRUE(reported("TourInit", "error to init tour!"));
 }
 
 } // namespace

@@ -3,8 +3,6 @@
 #include "head.h"
 #include "motion/step.h"
 
-#include <limits>
-
 namespace {
 
 class Step : public Head {
@@ -49,27 +47,7 @@ TEST_F(Step, AimsOneAxisAtItsLimitByTheSectorOfTheDirection)
         restart();
         start(direction);
         EXPECT_EQ(driven(), moves) << direction;
-        EXPECT_EQ(fakes.timers[&timers.saveStepsTimer], TEN_SECONDS);
     }
-}
-
-TEST_F(Step, MovesForItsTicksOneAtLeastAndStopsBothAxes)
-{
-    for (const auto& [sustain, ticks] : {std::pair{3, 3}, {1, 1}, {0, 1}, {std::numeric_limits<int32_t>::min(), 1}}) {
-        restart();
-        motion.stepSustainTicks.store(sustain);
-        start();
-        (void)driven();
-        fakes.runWorker();
-        EXPECT_EQ(fakes.sleeps, ticks) << sustain;
-        EXPECT_EQ(fakes.sleptNs, 1'000'000);
-        EXPECT_EQ(driven(), "pan stop, tilt stop");
-        EXPECT_FALSE(active());
-    }
-    restart();
-    fakes.workersFail = true;
-    EXPECT_EQ(step(0), code(ERR_DEVICE));
-    EXPECT_FALSE(active() || fakes.armed(timers.saveStepsTimer));
 }
 
 TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
@@ -87,74 +65,47 @@ TEST_F(Step, GoesOnForAsLongAgainWithEachRepetitionAndTurnsWithEachNewDirection)
     });
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 4 + 10);
+    EXPECT_EQ(fakes.sleptNs, 1'000'000);
+    EXPECT_EQ(driven(), "pan stop, tilt stop");
     EXPECT_TRUE(fakes.workers.empty()) << "one thread for all";
 }
 
-TEST_F(Step, ATurnIsNotTakenForTheEndBetweenItsStopsAndItsMoves)
+TEST_F(Step, ATurnIsAnnouncedAgainOnlyWhenTheHeadHasRestedBefore)
 {
     start();
     atTick(1, [] {
-        atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); }); // both axes rest, halted
+        atNext(PAN, MOTOR_IOC_MOVE, [] { motorStatusPoll(nullptr); }); // both axes rest, halted for the turn
         start(180);
-        fakes.turnsLeft = 0;
-    });
-    fakes.runWorker();
-    EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
-    EXPECT_TRUE(fakes.armed(timers.statusPollTimer));
-}
-
-TEST_F(Step, ATurnAwayFromTheLimitIsAnnouncedAgain)
-{
-    start();
-    atTick(1, [] {
-        restAt(3000, 610); // at the limit long before its ticks are over
-        EXPECT_EQ(fakes.notifications.size(), 2u);
-        start(180);
+        EXPECT_EQ(fakes.notifications.size(), 1u) << "the motion goes on";
+        restAt(0, 610); // at the limit long before its ticks are over
+        start(0);
         EXPECT_EQ(fakes.notifications.size(), 3u);
-        motorStatusPoll(nullptr);
-        EXPECT_EQ(fakes.notifications.size(), 4u);
         fakes.turnsLeft = 0;
     });
     fakes.runWorker();
-    EXPECT_EQ(fakes.sleeps, 1);
-}
-
-TEST_F(Step, AStopRightAfterTheBeginStepEndsTheMotion)
-{
-    start();
-    fakes.beforeTimerStart = [] { // the thread has given MotionStateLock back and arms the poll
-        fakes.beforeTimerStart = nullptr;
-        EXPECT_EQ(call("stop"), code(RESULT_OK));
-        EXPECT_EQ(fakes.notifications.size(), 2u) << "the stop announces the end itself";
-    };
-    fakes.runWorker();
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.size(), 2u);
-    EXPECT_EQ(motion.motion_active.load(), 0);
 }
 
 /// Every command that drives the head, whether it finds the axes running or, at the limit, at rest.
 TEST_F(Step, EveryOtherMotionCancelsTheStepWhoseStopsDoNotFollow)
 {
     const std::string track = R"({"x_coord":"-1","y_coord":"0","x_speed":"1","y_speed":"1"})";
-    const std::pair<const char*, std::string> commands[] = {
+    const std::pair<std::string, std::string> commands[] = {
         {"move", xy(-1, 0)},       {"moveTo", xy(1, 1)},        {"stop", "{}"},
         {"startPanorama", "{}"},   {"movePanorama", xy(-1, 0)}, {"targetTrack", track},
         {"targetTrackBack", "{}"}, {"manualCalibrate", "{}"},
     };
-    for (const auto& [method, arguments] : commands) {
+    for (const auto& command : commands) {
         for (const int32_t running : {0, 1}) {
-            if (running != 0 && arguments == track)
+            if (running != 0 && command.second == track)
                 continue; // is refused
-            SCOPED_TRACE(std::string(method) + " " + std::to_string(running));
+            SCOPED_TRACE(command.first + " " + std::to_string(running));
             restart({{"ptzd", position(10, 10)}});
             gContext.calibrationArg = targets;
             start();
             fakeMotor.status[PAN].running = running;
-            atTick(5, [&, name = std::string(method), json = arguments] {
-                if (name == "targetTrackBack")
-                    motion.motion_origin.store(ORIGIN_TRACK);
-                EXPECT_EQ(call(name, json), code(RESULT_OK));
+            atTick(5, [&] {
+                motion.motion_origin.store(command.first == "targetTrackBack" ? ORIGIN_TRACK : ORIGIN_USER);
+                EXPECT_EQ(call(command.first, command.second), code(RESULT_OK));
                 EXPECT_FALSE(active());
                 fakeMotor.requests.clear();
             });
@@ -169,15 +120,11 @@ TEST_F(Step, ACancelledThreadNeitherBeginsNorSharesTheCountOfANewStep)
 {
     motion.stepSustainTicks.store(10);
     start();
-    const FakeWorker old = fakes.workers.front();
     EXPECT_EQ(call("stop"), code(RESULT_OK));
     fakes.runWorker();
     EXPECT_TRUE(fakes.notifications.empty()) << "begun although cancelled before";
-
     start();
-    old.routine(old.argument);
-    EXPECT_EQ(fakes.sleeps, 0);
-    atTick(3, [] { // cancelled and stepped anew between two ticks of the second thread
+    atTick(3, [] { // cancelled and stepped anew between two ticks
         EXPECT_EQ(call("moveTo", xy(1, 1)), code(RESULT_OK));
         start();
         fakeMotor.requests.clear();
@@ -187,25 +134,6 @@ TEST_F(Step, ACancelledThreadNeitherBeginsNorSharesTheCountOfANewStep)
     EXPECT_EQ(driven(), "");
     fakes.runWorker();
     EXPECT_EQ(fakes.sleeps, 3 + 10) << "the newest step has lost a tick";
-}
-
-TEST_F(Step, TheDaemonsEndStopsItBeforeItsThreadHasRunAndAmidItsTicks)
-{
-    start();
-    (void)driven();
-    fakes.turnsLeft = 0;
-    fakes.runWorker();
-    EXPECT_EQ(driven(), "pan stop, tilt stop");
-    EXPECT_TRUE(fakes.notifications.empty());
-
-    fakes.turnsLeft = 1000;
-    fakes.sleeps = 0;
-    start();
-    (void)driven();
-    atTick(3, [] { fakes.turnsLeft = 0; });
-    fakes.runWorker();
-    EXPECT_EQ(fakes.sleeps, 3);
-    EXPECT_EQ(driven(), "pan stop, tilt stop");
 }
 
 } // namespace
