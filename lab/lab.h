@@ -242,8 +242,8 @@ public:
     /// The time zone that the lab's programs see, the machine's until then: a rule like "CET-1CEST,M3.5.0,M10.5.0/3".
     /// Without effect where the environment has TZ.
     bool setZone(const std::string& rule);
-    /// The wall clock at lab time 0 in ns since 1970; nothing while the wall clock is the machine's.
-    std::optional<int64_t> wallAtZeroNs() const;
+    /// What the wall clock would have been at lab time 0, in ns since 1970.
+    int64_t wallAtZeroNs() const;
 };
 
 /// What happened in a lab.
@@ -333,9 +333,7 @@ bool waitUntil(Condition condition, std::chrono::milliseconds timeout)
     return true;
 }
 
-/// Pan and tilt over lab time as an SVG picture, reconstructed from the journal; a row for each origin shows the
-/// motions that CET was notified of. A motion under way is drawn as it will go on, but not beyond `untilLabNs`. With
-/// the wall clock's reading at lab time 0 the scale is that of a clock.
+/// Pan and tilt over the wall clock as an SVG picture, reconstructed from the journal; a row for each origin shows the
+/// motions that CET was notified of. A motion under way is drawn as it will go on, but not beyond `untilLabNs`.
 std::string plotLab(const std::vector<LabJournalEntry>& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs,
-                    std::optional<int64_t> wallAtZeroNs = {});
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs, int64_t wallAtZeroNs);

@@ -86,18 +86,12 @@ int stayInForeground(Lab& lab, Display& display)
          {"ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'", "ubus call ptzd getStatus"})
         printf("  %s\n", inThisLab(words).c_str());
     printf("Ctrl-C ends the head.\n\n");
-    for (bool alive = true; !endAsked(LOOK);) {
+    while (!endAsked(LOOK)) {
         display.refresh(lab);
-        const bool runs = lab.programs.isRunning("ptzd");
-        if (!runs && !lab.programs.isRunning("ubusd")) {
+        if (!lab.programs.isRunning("ptzd") && !lab.programs.isRunning("ubusd")) {
             printf("the head was taken down\n");
-            return 0;
+            break;
         }
-        if (runs && !alive)
-            printf("the daemon runs again\n");
-        else if (!runs && alive)
-            printf("the daemon has ended; %s starts it again\n", inThisLab("lab ptzd start").c_str());
-        alive = runs;
     }
     return 0;
 }

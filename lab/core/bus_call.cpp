@@ -1,4 +1,6 @@
-#include "bus_call.h"
+// Calls on the lab's bus from a process outside it.
+
+#include "lab/lab.h"
 
 #include "lab/socket_address.h"
 
@@ -30,7 +32,7 @@ std::unique_ptr<ubus_context, decltype(&ubus_free)> connectTo(const std::string&
     struct sigaction terminate {};
     sigaction(SIGINT, nullptr, &interrupt);
     sigaction(SIGTERM, nullptr, &terminate);
-    ubus_context* connection = ubus_connect(SocketAddress(socket.c_str()).path());
+    ubus_context* connection = ubus_connect(SocketAddress(socket.c_str()).address.sun_path);
     sigaction(SIGINT, &interrupt, nullptr);
     sigaction(SIGTERM, &terminate, nullptr);
     return {connection, ubus_free};
@@ -85,12 +87,14 @@ int beginCall(ubus_context* context, Call& call, const std::string& object, cons
 
 } // namespace
 
-LabReply callOnBus(const std::string& socket, const std::string& object, const std::string& method,
-                   const std::string& json, std::chrono::milliseconds timeout)
+// A lock covers every use of the bus library, which is not safe across threads everywhere, but is not held while
+// waiting, so calls of several threads run side by side.
+LabReply LabBase::invoke(const std::string& object, const std::string& method, const std::string& json,
+                         std::chrono::milliseconds timeout) const
 {
     const auto deadline = Clock::now() + timeout;
     std::unique_lock hold(gBusLibrary);
-    const auto connection = connectTo(socket);
+    const auto connection = connectTo(busSocket());
     ubus_context* context = connection.get();
     if (!context)
         return {UBUS_STATUS_CONNECTION_FAILED, ""};

@@ -1,6 +1,5 @@
 #include "lab/lab.h"
 
-#include "bus_call.h"
 #include "files.h"
 #include "lab_paths.h"
 #include "process.h"
@@ -89,12 +88,6 @@ std::vector<std::string> LabBase::environment() const
     for (const std::string& variable : options.environment)
         set(variable);
     return result;
-}
-
-LabReply LabBase::invoke(const std::string& object, const std::string& method, const std::string& json,
-                         milliseconds timeout) const
-{
-    return callOnBus(busSocket(), object, method, json, timeout);
 }
 
 std::string LabBase::call(const std::string& method, const std::string& json) const

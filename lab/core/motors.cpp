@@ -163,10 +163,7 @@ int64_t LabTime::nowNs() const
     return labNow(*base_.state);
 }
 
-std::optional<int64_t> LabTime::wallAtZeroNs() const
+int64_t LabTime::wallAtZeroNs() const
 {
-    const LabClock clock = readClock(*base_.state);
-    if (clock.wallIsReal)
-        return {};
-    return clock.wallNs;
+    return wallNow(*base_.state) - labNow(*base_.state);
 }

@@ -14,7 +14,7 @@ namespace {
 constexpr double WIDTH = 1000;
 constexpr double LEFT = 70;
 constexpr double RIGHT = 980;
-constexpr double TOP = 78; // of the rows of the origins, and of the panels below them
+constexpr double TOP = 56; // of the rows of the origins, and of the panels below them
 constexpr double PANEL_HEIGHT = 220;
 constexpr double PANEL_GAP = 46;
 constexpr double LANE_HEIGHT = 16;
@@ -39,15 +39,14 @@ constexpr const char* STYLE = R"(
 const struct Mark {
     const char* request; // "": one that failed
     const char* shape;
-    const char* name;
-    double width; // in the legend
+    const char* name; // shown where the pointer is on the mark
 } MARKS[] = {
-    {"MOVE", "<path class='move' d='M0-6l6 11h-12z'/>", "move", 68},
-    {"ROTATE", "<circle class='rotate' r='4.5'/>", "rotate", 72},
-    {"STOP", "<path class='stop' d='M-4.5-4.5h9v9h-9z'/>", "stop", 62},
-    {"SET_POSITION", "<path class='set' d='M0-6l6 6l-6 6l-6-6z'/>", "position set", 108},
-    {"", "<path class='failed' d='M-5-5l10 10m0-10l-10 10'/>", "request failed", 116},
-    {JOURNAL_POWER_LOSS, "<path class='power' d='M0-9v16'/>", "power loss", 96},
+    {"MOVE", "<path class='move' d='M0-6l6 11h-12z'/>", "move"},
+    {"ROTATE", "<circle class='rotate' r='4.5'/>", "rotate"},
+    {"STOP", "<path class='stop' d='M-4.5-4.5h9v9h-9z'/>", "stop"},
+    {"SET_POSITION", "<path class='set' d='M0-6l6 6l-6 6l-6-6z'/>", "position set"},
+    {"", "<path class='failed' d='M-5-5l10 10m0-10l-10 10'/>", "request failed"},
+    {JOURNAL_POWER_LOSS, "<path class='power' d='M0-200v200'/>", "power loss"},
 };
 
 const Mark* markOf(const LabJournalEntry& entry)
@@ -58,47 +57,32 @@ const Mark* markOf(const LabJournalEntry& entry)
     return found == std::end(MARKS) ? nullptr : found;
 }
 
-void drawMark(Picture& picture, const Mark& mark, double x, double y)
-{
-    picture.add("<g transform='translate(" + number(x) + " " + number(y) + ")'>" + mark.shape + "</g>\n");
-}
-
 double seconds(int64_t ns)
 {
     return static_cast<double>(ns) / NS_PER_SECOND;
 }
 
-/// A step of a clock's scale, in seconds, so that a span has about `count` of them.
-double clockStep(double span, int count)
-{
-    constexpr double HOUR = 3600;
-    for (const double step : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0, 1800.0, HOUR, 2 * HOUR,
-                              3 * HOUR, 6 * HOUR, 12 * HOUR})
-        if (span / step <= count)
-            return step;
-    return 24 * HOUR * std::ceil(span / (24 * HOUR * count));
-}
-
-/// What the scale calls a lab time: that time, or the wall clock's where the lab has its own.
+/// Lab times, which the scale names by the wall clock.
 struct TimeScale {
     double from;
     double to;
-    std::optional<double> localAtZero; // local time at lab time 0, in seconds since 1970
+    double localAtZero; // local time at lab time 0, in seconds since 1970
 
+    /// A step of a clock, in seconds, of which the scale has 13 at most.
     double step() const
     {
-        return localAtZero ? clockStep(to - from, 13) : roundStep(to - from, 10);
+        for (const double step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200})
+            if ((to - from) / step <= 13)
+                return step;
+        return 86400 * std::ceil((to - from) / (86400 * 13));
     }
     double firstTick() const
     {
-        const double offset = localAtZero.value_or(0);
-        return std::ceil((from + offset) / step()) * step() - offset;
+        return std::ceil((from + localAtZero) / step()) * step() - localAtZero;
     }
     std::string label(double time) const
     {
-        if (!localAtZero)
-            return number(time);
-        const auto local = static_cast<time_t>(std::llround(time + *localAtZero));
+        const auto local = static_cast<time_t>(std::llround(time + localAtZero));
         tm parts{};
         gmtime_r(&local, &parts); // the offset has been added already
         const bool midnight = parts.tm_hour == 0 && parts.tm_min == 0 && parts.tm_sec == 0;
@@ -133,7 +117,7 @@ TimeScale timeScaleOf(const Journal& journal, const std::vector<LabCetEntry>& ce
     const double first = *std::min_element(times.begin(), times.end());
     const double last = std::max({*std::max_element(times.begin(), times.end()), ends[LAB_PAN], ends[LAB_TILT]});
     const double margin = std::max((last - first) * 0.01, 0.01);
-    return {first - margin, last + margin, {}};
+    return {first - margin, last + margin, 0};
 }
 
 /// A motion as it was announced: between a moving and the next idle notification.
@@ -238,45 +222,26 @@ struct AxisPlot {
     {
         for (const LabJournalEntry& entry : journal) {
             const Mark* mark = entry.axis == axis ? markOf(entry) : nullptr;
-            const double x = panel.x(seconds(entry.labNs));
-            if (mark && entry.request == JOURNAL_POWER_LOSS)
-                picture.line("power", x, panel.top, x, panel.bottom());
-            else if (mark)
-                drawMark(picture, *mark, x, panel.y(entry.count));
+            if (mark)
+                picture.add("<g transform='translate(" + number(panel.x(seconds(entry.labNs))) + " " +
+                            number(panel.y(entry.count)) + ")'><title>" + mark->name + "</title>" + mark->shape +
+                            "</g>\n");
         }
     }
 };
 
-/// Names the marks that the journal has.
-void drawLegend(Picture& picture, const Journal& journal)
-{
-    constexpr double Y = 40;
-    double x = LEFT + 5;
-    for (const Mark& mark : MARKS) {
-        if (std::none_of(journal.begin(), journal.end(), [&](const auto& entry) { return markOf(entry) == &mark; }))
-            continue;
-        drawMark(picture, mark, x, Y);
-        picture.text(x + 12, Y + 4, mark.name);
-        x += mark.width;
-    }
-}
-
 } // namespace
 
 std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetLog,
-                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs,
-                    std::optional<int64_t> wallAtZeroNs)
+                    const LabAxisSetting (&axes)[LAB_AXIS_COUNT], int64_t untilLabNs, int64_t wallAtZeroNs)
 {
     TimeScale time = timeScaleOf(journal, cetLog, seconds(untilLabNs));
-    if (wallAtZeroNs) {
-        const auto wall = static_cast<time_t>(*wallAtZeroNs / NS_PER_SECOND);
-        tm local{};
-        localtime_r(&wall, &local);
-        time.localAtZero = seconds(*wallAtZeroNs) + static_cast<double>(local.tm_gmtoff);
-    }
+    const auto wall = static_cast<time_t>(wallAtZeroNs / NS_PER_SECOND);
+    tm local{};
+    localtime_r(&wall, &local);
+    time.localAtZero = seconds(wallAtZeroNs) + static_cast<double>(local.tm_gmtoff);
     Picture picture(WIDTH, "Pan and tilt over time", STYLE);
     picture.text(LEFT, 22, "Pan and tilt over time", "title");
-    drawLegend(picture, journal);
     double top = TOP + drawOrigins(picture, time, cetLog);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         const double middle = axes[axis].total_steps / 2.0;
@@ -290,7 +255,6 @@ std::string plotLab(const Journal& journal, const std::vector<LabCetEntry>& cetL
         top += PANEL_HEIGHT + PANEL_GAP;
     }
     const double height = top - PANEL_GAP + 56;
-    picture.text((LEFT + RIGHT) / 2, height - 12, wallAtZeroNs ? "the lab's wall clock" : "lab time in s", "unit",
-                 "middle");
+    picture.text((LEFT + RIGHT) / 2, height - 12, "the lab's wall clock", "unit", "middle");
     return picture.finish(height);
 }

@@ -21,7 +21,7 @@ int withLabAddress(Call next, int socket, const sockaddr* address, socklen_t len
     if (!path.moved())
         return next(socket, address, length);
     const SocketAddress moved(path.get());
-    return moved.valid() ? next(socket, moved.get(), sizeof(sockaddr_un)) : -1;
+    return next(socket, reinterpret_cast<const sockaddr*>(&moved.address), sizeof(sockaddr_un));
 }
 
 } // namespace

@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <signal.h>
+#include <sstream>
 #include <unistd.h>
 
 namespace {
@@ -31,28 +31,14 @@ struct Sample {
 /// From a start of the daemon to the power cut that ends it.
 using Life = std::vector<Sample>;
 
-/// What users do every hour: calls of the daemon, "pause", and "mask". "#" is a preset's number, another every hour.
-constexpr const char* VISIT[] = {R"(moveTo {"x_coord":"-70","y_coord":"20"})",
-                                 "getStatus",
-                                 R"(gotoPreset {"speed_pan":"0.5","id":"#"})",
-                                 "getPresetAll",
-                                 R"(moveStep {"direction":"135"})",
-                                 "getCapa",
-                                 R"(setPreset {"name":"somewhere","save_ptz":"1","id":"#"})",
-                                 R"(delPreset {"id":["8"]})",
-                                 R"(targetTrack {"x_coord":"9","y_coord":"2","x_speed":"5","y_speed":"5"})",
-                                 "pause",
-                                 "targetTrackBack",
-                                 "startPanorama",
-                                 "pause",
-                                 R"(movePanorama {"x_coord":"60","y_coord":"5"})",
-                                 "pause",
-                                 "stopPanorama",
-                                 "mask on",
-                                 "pause",
-                                 "mask off",
-                                 R"(setConfig {"x_speed":"5","y_speed":"5"})",
-                                 "manualCalibrate"};
+/// What users do every hour: calls of the daemon, pauses, and the lens mask. "#" is a preset's number, another every
+/// hour.
+constexpr const char* VISIT = R"(moveTo {"x_coord":"-70","y_coord":"20"}; getStatus; getPresetAll; getCapa;
+    gotoPreset {"speed_pan":"0.5","id":"#"}; moveStep {"direction":"135"};
+    setPreset {"name":"somewhere","save_ptz":"1","id":"#"}; delPreset {"id":["8"]};
+    targetTrack {"x_coord":"9","y_coord":"2","x_speed":"5","y_speed":"5"}; pause; targetTrackBack;
+    startPanorama; pause; movePanorama {"x_coord":"60","y_coord":"5"}; pause; stopPanorama;
+    mask on; pause; mask off; setConfig {"x_speed":"5","y_speed":"5"}; manualCalibrate)";
 
 /// A day "@" of the plan.
 constexpr const char* DAY = R"("@":[{"@_1":{"start_time":0,"end_time":720,"action_type":"preset","action_id":"1"}},)"
@@ -73,8 +59,7 @@ long entriesOf(pid_t pid, const char* folder)
 /// A panel for each value, with a course for each life.
 std::string draw(const std::vector<Life>& lives)
 {
-    constexpr const char* STYLE = ".course { fill: none; stroke: #2d7fc4; stroke-width: 1.5 }";
-    Picture picture(1000, "The daemon in daily use", STYLE);
+    Picture picture(1000, "The daemon in daily use", ".course { fill: none; stroke: #2d7fc4; stroke-width: 1.5 }");
     picture.text(80, 26, "The daemon in daily use", "title");
     Panel panel{80, 72, 900, 90, 0, std::max(lives.back().back().hours / 24, 0.01)};
     for (size_t what = 0; what < HELD_COUNT; ++what) {
@@ -100,20 +85,19 @@ std::string draw(const std::vector<Life>& lives)
 
 class Soak {
 public:
-    Soak(const char* figure, const double (&numbers)[4])
-        : figure_(figure), hours_(numbers[0]), cut_(numbers[1]), speed_(numbers[2]), slack_(std::lround(numbers[3]))
+    /// The whole run; true when the daemon answered throughout and held what it held, its memory but for `slack` kB:
+    /// pages that the C library's heap and thread stacks come to touch. `cut`: hours between power cuts.
+    bool run(const char* figure, double hours, double cut, double speed, double slack)
     {
-    }
-
-    /// The whole run; true when the daemon answered throughout and held what it held.
-    bool run()
-    {
+        speed_ = speed;
         bool well = start();
-        double nextCut = cut_;
-        for (int hour = static_cast<int>(hoursNow()) + 1; well && hour < hours_; ++hour) {
-            if (hour >= nextCut) {
-                nextCut += cut_;
-                well = cutPower();
+        for (int hour = static_cast<int>(hoursNow()) + 1; well && hour < hours; ++hour) {
+            if (hour >= cut * static_cast<double>(lives_.size())) {
+                well = lab_.programs.killPtzd(SIGKILL).has_value();
+                lab_.motors.powerLoss();
+                timersBefore_ = lab_.motors.timersCreated();
+                lives_.emplace_back();
+                well = well && lab_.programs.startPtzd() && visit(0);
             }
             well = well && spend(hour);
         }
@@ -122,10 +106,10 @@ public:
             return false;
         }
         lab_.clock.setSpeed(1);
-        std::ofstream(figure_) << draw(lives_);
-        const bool constant = judge();
+        std::ofstream(figure) << draw(lives_);
+        const bool constant = judge(slack);
         const bool ended = lab_.programs.killPtzd(SIGTERM) == 0;
-        std::printf("%.0f hours, %d requests of users, %d of them refused: %s%s\n", hoursNow(), asked_, refused_,
+        std::printf("%.0f hours, %d requests of users refused: %s%s\n", hoursNow(), refused_,
                     constant ? "constant" : "NOT CONSTANT", ended ? "" : "; NO ORDERLY END");
         return constant && ended;
     }
@@ -146,43 +130,38 @@ private:
     {
         // The fast clock lets dozens of expiries overlap, which never would. What the C library keeps for that many
         // threads, their stacks and a heap for each, is not to count.
-        bool well = lab_.up({.factor = 25000,
-                             .clockSpeed = 100,
-                             .wallClock = "2031-05-04 00:00:00", // a Sunday
-                             .config = {{"tour", TOUR}},
-                             .environment = {"GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0:"
-                                             "glibc.malloc.arena_max=1"}});
+        const bool well = lab_.up({.factor = 25000,
+                                   .clockSpeed = 100,
+                                   .wallClock = "2031-05-04 00:00:00", // a Sunday
+                                   .config = {{"tour", TOUR}},
+                                   .environment = {"GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0:"
+                                                   "glibc.malloc.arena_max=1"}});
         std::string plan;
         for (const char* day : {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"})
             plan += (plan.empty() ? "{" : ",") + std::regex_replace(DAY, std::regex("@"), day);
-        for (int id = 1; well && id <= 2; ++id) {
-            well = ask("moveTo", R"({"x_coord":")" + std::to_string(40 * id - 140) + R"(","y_coord":"0"})");
-            waitLab(hoursNow() + 0.01);
-            well = well && ask("setPreset", R"({"save_ptz":"1","id":")" + std::to_string(id) + "\"}");
-        }
-        well = well && ask("set_plan_config", plan + "}");
         lab_.clock.setSpeed(speed_);
-        return well && visit(0); // the daemon is to have been through all of it within its first hour
+        // The daemon is to have been through all of it within its first hour.
+        return well && visit(0) && visit(1) && ask("set_plan_config", plan + "}");
     }
 
     /// Asks for something that may be refused because the head is busy. False when there is no sensible answer.
     bool ask(const std::string& method, const std::string& arguments = "")
     {
         const std::string reply = lab_.call(method, arguments);
-        const size_t code = reply.find("_code\":"); // err_code too
-        ++asked_;
-        refused_ += code != std::string::npos && reply.compare(code, 8, "_code\":0") != 0 ? 1 : 0;
-        if (code == std::string::npos)
+        const bool answered = reply.find("_code\":") != std::string::npos; // err_code too
+        refused_ += reply.find("_code\":0") == std::string::npos ? 1 : 0;
+        if (!answered)
             std::fprintf(stderr, "%s: %s\n", method.c_str(), reply.c_str());
-        return code != std::string::npos;
+        return answered;
     }
 
     bool visit(int hour)
     {
         bool well = true;
-        for (const std::string act : VISIT) {
-            const std::string method = act.substr(0, act.find(' '));
-            std::string arguments = act.substr(std::min(method.size() + 1, act.size()));
+        std::istringstream acts(VISIT);
+        for (std::string method, arguments, act; std::getline(acts >> std::ws, act, ';');) {
+            method = act.substr(0, act.find(' '));
+            arguments = act.substr(std::min(method.size() + 1, act.size()));
             std::replace(arguments.begin(), arguments.end(), '#', static_cast<char>('1' + hour % 8));
             if (method == "pause")
                 waitLab(hoursNow() + 0.03);
@@ -194,16 +173,6 @@ private:
         return well;
     }
 
-    bool cutPower()
-    {
-        lives_.emplace_back();
-        if (!lab_.programs.killPtzd(SIGKILL))
-            return false;
-        lab_.motors.powerLoss();
-        timersBefore_ = lab_.motors.timersCreated();
-        return lab_.programs.startPtzd() && visit(0);
-    }
-
     bool sample()
     {
         const pid_t pid = lab_.programs.ptzdPid();
@@ -211,13 +180,13 @@ private:
         Sample now{hoursNow(), {0, LONG_MAX, LONG_MAX, static_cast<long>(lab_.motors.timersCreated() - timersBefore_)}};
         // Expiries of timers are threads for a moment, and notifications connections. On a slow clock they pass.
         lab_.clock.setSpeed(20);
-        const auto smallest = [&] {
+        const auto passed = [&] {
             now.held[DESCRIPTORS] = std::min(now.held[DESCRIPTORS], entriesOf(pid, "fd"));
             now.held[THREADS] = std::min(now.held[THREADS], entriesOf(pid, "task"));
             return !life.empty() && now.held[DESCRIPTORS] <= life.back().held[DESCRIPTORS] &&
                    now.held[THREADS] <= life.back().held[THREADS];
         };
-        waitUntil(smallest, 3s);
+        waitUntil(passed, 3s);
         std::ifstream pages("/proc/" + std::to_string(pid) + "/statm");
         pages >> now.held[RESIDENT_KB] >> now.held[RESIDENT_KB]; // the first is of all that is mapped
         now.held[RESIDENT_KB] *= sysconf(_SC_PAGESIZE) / 1024;
@@ -241,7 +210,7 @@ private:
     }
 
     /// Whether each life holds, from its second hour on, what it held then.
-    bool judge() const
+    bool judge(double slack) const
     {
         bool constant = true;
         for (const Life& life : lives_) {
@@ -252,23 +221,18 @@ private:
                 const auto [least, most] = std::minmax_element(settled, life.end(), less);
                 // Memory may be given back.
                 const long before = what == RESIDENT_KB ? settled->held[what] : least->held[what];
-                std::printf("%ld to %ld %s%s", before, most->held[what], UNITS[what],
-                            what + 1 < HELD_COUNT ? ", " : "\n");
-                constant = constant && most->held[what] - before <= (what == RESIDENT_KB ? slack_ : 0);
+                std::printf("%ld to %ld %s\n", before, most->held[what], UNITS[what]);
+                constant =
+                    constant && static_cast<double>(most->held[what] - before) <= (what == RESIDENT_KB ? slack : 0);
             }
         }
         return constant;
     }
 
-    const char* figure_;
-    double hours_;
-    double cut_;   // hours between power cuts
-    double speed_; // of the clock
-    long slack_;   // kB: pages that the C library's heap and thread stacks come to touch
+    double speed_ = 0;
     Lab lab_;
     std::vector<Life> lives_{1};
     uint32_t timersBefore_ = 0;
-    int asked_ = 0;
     int refused_ = 0;
 };
 
@@ -282,5 +246,5 @@ int main(int argc, char** argv)
         known = (numbers[i - 2] = std::strtod(argv[i], nullptr)) > 0;
     if (!known)
         std::fputs("soak FIGURE.svg [HOURS [HOURS-BETWEEN-POWER-CUTS [CLOCK-SPEED [SLACK-IN-KB]]]]\n", stderr);
-    return !known ? 2 : Soak(argv[1], numbers).run() ? 0 : 1;
+    return !known ? 2 : Soak().run(argv[1], numbers[0], numbers[1], numbers[2], numbers[3]) ? 0 : 1;
 }
