@@ -2,20 +2,13 @@
 
 #include "bench_paths.h"
 #include "lab/core/files.h"
-#include "lab/core/process.h"
 #include "lab_paths.h"
-
-#include <signal.h>
 
 #include <cstdio>
 #include <cstring>
 #include <sstream>
 
-using namespace std::chrono_literals;
-
 namespace {
-
-constexpr auto START_TIMEOUT = 10s;
 
 std::string syncLog(const std::string& folder)
 {
@@ -62,10 +55,10 @@ HeadPair::HeadPair(const LabOptions& options)
         given != options.config.end() ? given->second : readFile(std::string(LAB_CONFIG_FOLDER) + "/ptzd");
     prepared.config["bare"] = settings;
     prepared.environment.push_back("PTZD_SYNC_LOG=" + syncLog(lab_.folder()));
-    if (!lab_.up(prepared))
+    const auto answers = [this] { return lab_.invoke("bare_requests", "none").status == 3; }; // no such method
+    started_ = lab_.up(prepared) && launchBare() && lab_.programs.awaitAnswer("bare", answers);
+    if (!started_)
         fprintf(stderr, "the lab does not start: %s\n", lab_.error().c_str());
-    else if (launchBare())
-        bareAnswers();
 }
 
 HeadPair::~HeadPair()
@@ -75,37 +68,12 @@ HeadPair::~HeadPair()
 
 bool HeadPair::launchBare()
 {
-    ProgramStart start;
-    start.command = {BENCH_BARE_OBJECT};
-    start.environment = lab_.environment();
-    start.logFile = lab_.folder() + "/log/bare.log";
-    start.pidFile = lab_.folder() + "/pid/bare";
-    start.endWithParent = true;
-    std::string error;
-    barePid_ = startProcess(start, error);
-    if (barePid_ == 0)
-        fprintf(stderr, "%s\n", error.c_str());
-    return barePid_ != 0;
-}
-
-bool HeadPair::bareAnswers()
-{
-    const auto there = [this] { return lab_.invoke("bare_requests", "none").status == 3; }; // no such method
-    if (waitUntil(there, START_TIMEOUT))
-        return true;
-    fprintf(stderr, "the bare object does not answer:\n%s", readFile(lab_.folder() + "/log/bare.log").c_str());
-    endBare();
-    return false;
+    return lab_.programs.start("bare", {BENCH_BARE_OBJECT});
 }
 
 void HeadPair::endBare()
 {
-    if (barePid_ == 0)
-        return;
-    sendSignal(barePid_, SIGTERM);
-    if (!awaitEnd(barePid_, lab_.folder(), 5s))
-        sendSignal(barePid_, SIGKILL);
-    barePid_ = 0;
+    (void)lab_.programs.stop("bare"); // which kills one that does not end
 }
 
 bool HeadPair::sameShape(const std::string& bare, const std::string& method)

@@ -26,7 +26,7 @@ public:
     /// False when a program did not start, with the reason on standard error.
     [[nodiscard]] bool valid() const
     {
-        return barePid_ != 0;
+        return started_;
     }
     Lab& lab()
     {
@@ -34,7 +34,7 @@ public:
     }
     [[nodiscard]] pid_t barePid() const
     {
-        return barePid_;
+        return lab_.programs.pidOf("bare");
     }
     /// Starts the bare object and returns at once; false when it cannot. endBare() waits for its end.
     bool launchBare();
@@ -45,8 +45,6 @@ public:
     [[nodiscard]] std::vector<Sync> syncs(pid_t pid) const;
 
 private:
-    bool bareAnswers();
-
     Lab lab_;
-    pid_t barePid_ = 0;
+    bool started_ = false;
 };

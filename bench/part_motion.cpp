@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr double TIME_GOAL = 1.1;
-constexpr int32_t SLOW = 1; // steps a second and unit of speed: no motion ends by itself
+constexpr int32_t SLOW = 1; // steps a second and unit of speed: no motion ends before it is stopped
 constexpr auto CALM = 3ms;  // for the receivers of the notifications
 constexpr const char* FAR = R"({"x_coord":"100","y_coord":"40"})";
 

@@ -46,5 +46,5 @@ void setAxisSpeed(LabAxis& axis, int64_t labNs, int32_t speed);
 /// Sets the steps per second and unit of speed; 1 at least.
 void setAxisFactor(LabAxis& axis, int64_t labNs, int32_t factor);
 
-/// The driver forgets count, speed and motion; the shaft stays where it is at `labNs`.
+/// The driver loses count, speed and motion; the shaft stays where it is at `labNs`.
 void losePower(LabAxis& axis, int64_t labNs);

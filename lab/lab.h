@@ -178,11 +178,16 @@ public:
         return !children_.empty();
     }
 
-private:
+    /// Starts any program in the lab, under a name of its own; what it prints goes to log/NAME.log.
     bool start(const std::string& name, const std::vector<std::string>& command);
     /// Waits until a program that was just started answers; false with the end of its log as error().
     bool awaitAnswer(const std::string& name, const std::function<bool()>& answers);
+    /// Asks a program to end, kills it if it does not, and waits for its end.
     bool stop(const std::string& name);
+    /// 0 when it does not run.
+    pid_t pidOf(const std::string& name) const;
+
+private:
     std::optional<int> end(const std::string& name, int signal, std::chrono::milliseconds timeout);
 
     std::map<std::string, pid_t> children_;

@@ -32,7 +32,7 @@ enum LabCetMode : int32_t { CET_OK, CET_LATE, CET_WRONG, CET_NO_CODE, CET_SILENT
 
 inline constexpr int32_t LAB_FOR_EVER = -1;
 
-/// The mechanics of an axis. `shaft` is where the head stands, `count` where its driver believes it stands, both in
+/// The mechanics of an axis. `shaft` is where the head is, `count` where its driver believes it is, both in
 /// steps and as of `motionStartNs` while a motion is under way; kinematics.h tells both for any moment.
 struct LabAxis {
     int32_t range;      // coordinate units over the whole travel

@@ -69,7 +69,7 @@ public:
     /// disk. UCI_ERR_IO when it cannot be.
     [[nodiscard]] int prepare(std::string_view text, mode_t mode);
 
-    /// Puts it in the target's place, and waits until the directory is on the disk too. UCI_ERR_IO; then `done` tells
+    /// Puts it in the target's place, and waits until the directory is on the disk too. UCI_ERR_IO; then `done` says
     /// whether the target was replaced.
     [[nodiscard]] int install();
 

@@ -1,4 +1,4 @@
-// The object "CET" of a lab: takes the head's notifications, answers as it was told to, and records them together with
+// The object "CET" of a lab: takes the head's notifications, answers as the state says, and records them together with
 // the head's events in DIR/cet.log.
 
 #include "lab/clock.h"

@@ -109,9 +109,14 @@ bool LabPrograms::stopAll()
     return true;
 }
 
+pid_t LabPrograms::pidOf(const std::string& name) const
+{
+    return livingProcess(pidFileOf(base_.folder(), name), base_.folder());
+}
+
 bool LabPrograms::isRunning(const std::string& program) const
 {
-    return livingProcess(pidFileOf(base_.folder(), program), base_.folder()) != 0;
+    return pidOf(program) != 0;
 }
 
 bool LabPrograms::startBus()
@@ -163,7 +168,7 @@ std::optional<int> LabPrograms::waitPtzd(milliseconds timeout)
 
 pid_t LabPrograms::ptzdPid() const
 {
-    return livingProcess(pidFileOf(base_.folder(), "ptzd"), base_.folder());
+    return pidOf("ptzd");
 }
 
 bool LabPrograms::isReady()

@@ -32,7 +32,7 @@ const char* labFolder()
     const char* folder = gFolder.load(std::memory_order_acquire);
     if (!folder) {
         if (!environ)
-            return nullptr; // so early that nothing can be told; ask again
+            return nullptr; // too early to know; ask again
         const char* named = getenv("PTZD_LAB");
         folder = named ? strdup(named) : nullptr;
         if (folder && folder[0] && folder[0] != '/')

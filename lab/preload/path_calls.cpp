@@ -84,7 +84,7 @@ int globInLab(Call next, const char* pattern, int flags, int (*onError)(const ch
     snprintf(inLab, sizeof(inLab), "%s", path.get());
     for (size_t i = 0; i < strlen(labFolder()); ++i)
         if (strchr("*?[]\\{}", inLab[i]))
-            inLab[i] = '?'; // which stands for itself, too
+            inLab[i] = '?'; // which matches itself, too
     const int result = next(inLab, flags, onError, found);
     for (size_t i = 0; result == 0 && i < found->gl_pathc; ++i)
         restorePath(found->gl_pathv[found->gl_offs * ((flags & GLOB_DOOFFS) != 0) + i]);

@@ -90,7 +90,7 @@ public:
 
 private:
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
-    std::atomic<pthread_t> owner_{}; // pthread_t{} while nobody holds it: no thread of Linux has that number
+    std::atomic<pthread_t> owner_{}; // pthread_t{} while it is free: no thread of Linux has that number
     uint32_t depth_ = 0;             // how often the owner holds it; only the owner looks
     [[no_unique_address]] LockPlace place_;
 };

@@ -7,7 +7,7 @@ enum ResultCode : int32_t {
     RESULT_OK = 0,
     ERR_DEVICE = -64301,      // a device request, a thread creation or an allocation failed
     ERR_PARAM = -64302,       // a parameter is missing, not a number or out of range
-    ERR_CALIBRATING = -64303, // the motors are being calibrated, or run for somebody else
+    ERR_CALIBRATING = -64303, // the motors are being calibrated, or run for another motion
     ERR_NO_TRAVEL = -64304,   // an axis that is to move has no distance to go
     ERR_MOVING = -64305,      // a position cannot be captured while an axis runs
     ERR_NO_PRESET_LEFT = -64306,

@@ -7,7 +7,7 @@
 inline constexpr int64_t NS_PER_SECOND = 1'000'000'000;
 inline constexpr int64_t NS_PER_MS = 1'000'000;
 
-/// Milliseconds on a clock that nobody sets. Any thread; no lock.
+/// Milliseconds on a clock that is never set. Any thread; no lock.
 [[nodiscard]] inline int64_t monotonicMs()
 {
     timespec now{};

@@ -36,7 +36,7 @@ const StepSector* sectorOf(int32_t direction)
     return nullptr;
 }
 
-/// The command of a step from where the head is: to the limit in the sector's senses.
+/// The command of a step from where the head is: to the limit in the sector's direction.
 /// @return ERR_NO_TRAVEL when the axis that is to move is there already.
 ResultCode limitCommand(const StepSector& sector, const HeadStatus& head, HeadCommand& out)
 {
@@ -76,7 +76,7 @@ void announceStep() REQUIRES(gContext.motion.MotionStateLock)
 bool beginStep(uint32_t generation) EXCLUDES(gContext.motion.MotionStateLock)
 {
     {
-        // Asked under the lock: whoever cancels the step and then begins or settles finds it begun, or keeps it out.
+        // Compared under the lock: a command that cancels the step begins or settles before this, or after it.
         LockGuard hold(gContext.motion.MotionStateLock);
         if (gContext.motion.stepMoveGeneration.load() != generation)
             return false;
@@ -91,7 +91,7 @@ bool stepTick(uint32_t generation)
 {
     LockGuard hold(gContext.motion.MotionLock);
     if (gContext.motion.stepMoveGeneration.load() != generation)
-        return false; // cancelled: a stop now could end the motion of whoever cancelled it
+        return false; // cancelled: a stop now could end the motion of the command that did it
     if (gContext.motion.stepMoveRemaining > 1 && !workersStopping()) {
         --gContext.motion.stepMoveRemaining;
         return true;

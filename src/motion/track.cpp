@@ -39,7 +39,7 @@ ResultCode haltTracking(HeadStatus& head, LogSite caller = logSite())
     return readStatusLogged(head, caller);
 }
 
-/// Brings the head back now that nobody tracks any more, unless it is on its way already.
+/// Brings the head back after the end of tracking, unless it is on its way already.
 ResultCode leaveTracking()
 {
     HeadStatus head{};

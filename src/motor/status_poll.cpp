@@ -13,7 +13,7 @@ void motorStatusPoll(void*)
     HeadStatus head{};
     if (motorReadStatus(head) != RESULT_OK || head.running())
         return;
-    // Whoever holds the lock may be sending a notification for seconds: the next tick asks again, and none piles up.
+    // The holder of the lock may be sending a notification for seconds. The next tick tries again, and no tick waits.
     if (!gContext.motion.MotionStateLock.tryLock())
         return;
     if (gContext.motion.motionsBegun.load() == started)

@@ -1,4 +1,4 @@
-// The tours: the thread that moves the head when nobody else does.
+// The tours: the thread that moves the head while nothing else does.
 #pragma once
 
 #include "core/motion.h"
@@ -13,7 +13,7 @@
 /// Frees what TourInit allocated. Thread: main, when the touring thread has ended.
 void TourDeinit();
 
-/// Where the scan stands.
+/// The progress of the scan.
 struct ScanProgress {
     int32_t coord;     // of the next step, coordinate units
     int32_t direction; // +1 or -1

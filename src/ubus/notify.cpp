@@ -61,7 +61,7 @@ void onComplete(ubus_request* request, int status)
     call->status = status;
 }
 
-/// Waits for an asynchronous request: without BusLock, so that nobody else waits for whoever is to answer it.
+/// Waits for an asynchronous request, without BusLock: other threads do not wait for the answer.
 /// @return the request's status, or UBUS_STATUS_TIMEOUT, or UBUS_STATUS_CONNECTION_FAILED.
 int await(ubus_context* connection, BusCall& call) EXCLUDES(gContext.ubus.BusLock)
 {

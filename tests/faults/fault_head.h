@@ -23,9 +23,8 @@ struct FaultyCall {
     } goal{};
     struct {
         const char* package; // of the setting that it stores
-        const char* texts;   // that are in its file then, separated by "*"; "!" before: that are not
+        const char* text;    // a pattern that is in its file then; "!" before: that is not
     } stored{};
-    const char* undo = nullptr; // a call of the matrix that takes it back
 
     [[nodiscard]] std::string method() const
     {
@@ -46,10 +45,6 @@ protected:
     void disarm();
     /// How often the point has failed since it was armed.
     uint32_t met(const FaultPoint& point);
-    [[nodiscard]] FaultControl& control() const
-    {
-        return *control_;
-    }
     /// The text of a file of the lab, by its path in it, and of a package of settings.
     [[nodiscard]] std::string fileText(const std::string& path) const;
     [[nodiscard]] std::string settings(const std::string& package) const;
@@ -57,8 +52,8 @@ protected:
 
     /// Does and checks all that a row says; a null point: without failure.
     void run(const PageRow& row, const FaultPoint* point, bool ever);
-    /// Brings the head home, takes back all that the last row has left with healthy calls, and brings the head into the
-    /// row's state; the clock is nearly stopped then.
+    /// Expects healthy calls to succeed after the last row, puts the first settings back, which takes a restart unless
+    /// they are in the files only, and brings the head home and into the row's state; the clock is nearly stopped then.
     void begin(const PageRow& row);
     /// Whether the head and the settings are what the row says.
     bool isDone(const PageRow& row);
@@ -70,30 +65,27 @@ protected:
     [[nodiscard]] bool turning() const;
     [[nodiscard]] std::vector<std::string> notified() const;
 
+    FaultControl* control_ = nullptr;
     // Of the latest row:
     const FaultyCall* last_ = nullptr;
     bool lastDone_ = false;              // answered with 0
     bool isStep_ = false;                // a step move
     std::string lastState_;              // of the head
     int32_t start_[LAB_AXIS_COUNT] = {}; // where the head was when the call came
-    int64_t callNs_ = 0;                 // lab time of the call
     size_t console_ = 0;                 // lengths when the call came
     size_t log_ = 0;
     std::map<std::string, std::string> before_; // the settings files then, and behind the latest run()
     std::map<std::string, std::string> after_;
-    uint32_t seen_[FAULT_CALL_COUNT] = {}; // what the daemon had called when it answered
 
 private:
     static const FaultyCall* callOf(const std::string& name);
     void expectDone(const std::string& method, const std::string& arguments = "");
-    void makePreset();
-    void undo();
+    void expectRecovered();
     void home();
     void prepare(const std::string& state);
     bool isAsStated(const PageRow& row, LabAxisId axis);
     bool isStored();
     void writeSettings(const std::string& package, const std::string& text) const;
 
-    FaultControl* control_ = nullptr;
     std::map<std::string, std::string> pristine_;
 };

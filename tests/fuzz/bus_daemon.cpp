@@ -1,6 +1,6 @@
-// The bus daemon: two or three clients that send it anything, beside one that behaves and must not notice.
+// The bus daemon: three clients that send it anything, beside one that behaves and must not notice. An input is a run
+// of steps: which client, what it does, and the bytes that it sends or how it closes.
 
-#include "bus_message.h"
 #include "fuzz.h"
 #include "host/ubusd/dispatch.h"
 
@@ -10,12 +10,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <vector>
+#include <utility>
 
 namespace {
 
 constexpr int MAX_STEPS = 24;
-constexpr size_t HOSTILE = 3;
 
 /// The peer's end of a connection, and the whole messages that came out of it.
 struct Peer {
@@ -29,37 +28,35 @@ class Rig {
 public:
     Rig()
     {
-        connect(witness_);
-        MessageWriter object(MSG_ADD_OBJECT, 1, 0);
-        object.put(ATTR_OBJPATH, "witness");
-        object.put(ATTR_SIGNATURE, Bytes{});
-        const auto answer = ask(object.finish());
-        RIG_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId, "not registered\n");
-        object_ = *readMessage(answer[0]).objectId;
-        for (Peer& peer : hostile_)
+        for (Peer& peer : peers_) {
             connect(peer);
+            if (&peer != &witness_)
+                continue;
+            MessageWriter object(MSG_ADD_OBJECT, 1, 0);
+            object.put(ATTR_OBJPATH, "witness");
+            object.put(ATTR_SIGNATURE, Bytes{});
+            RIG_CHECK(answers(object) == 1, "not registered\n");
+        }
     }
     ~Rig()
     {
-        hangUp(witness_);
-        for (Peer& peer : hostile_)
-            hangUp(peer);
+        for (Peer& peer : peers_)
+            close(peer.fd);
     }
     Rig(const Rig&) = delete;
     Rig& operator=(const Rig&) = delete;
 
     void step(Input& input)
     {
-        enum Action { RAW, MESSAGE, REPEATED, DRAIN, HANG_UP, HALF_CLOSE, ACTION_COUNT };
-        Peer& peer = hostile_[input.byte() % HOSTILE];
+        enum Action { SEND, READ, HANG_UP, HALF_CLOSE, ACTION_COUNT };
+        Peer& peer = peers_[1 + input.byte() % (peers_.size() - 1)];
         const int action = input.byte() % ACTION_COUNT;
-        if (action == RAW || action == MESSAGE || action == REPEATED) {
-            const Bytes raw = action == RAW ? input.block() : Bytes{};
-            const auto bytes = action == RAW ? std::vector(raw.begin(), raw.end()) : busMessage(input, known_);
-            for (int count = action == REPEATED ? input.byte() : 1; count > 0; --count)
+        if (action == SEND) {
+            int times = 1 + input.byte();
+            for (const Bytes bytes = input.block(); times > 0; --times)
                 send(peer, bytes);
-        } else if (action == DRAIN) {
-            drain(peer);
+        } else if (action == READ) {
+            read(peer);
         } else if (action == HANG_UP) {
             hangUp(peer);
             connect(peer);
@@ -67,19 +64,23 @@ public:
             shutdown(peer.fd, input.byte() % 2 == 0 ? SHUT_WR : SHUT_RD);
         }
         serve();
-        drain(witness_); // also of calls, which it leaves without an answer
+        read(witness_); // also calls, which it leaves without an answer
     }
 
+    /// The witness is still there and served; then the others go, of whom nothing may stay behind.
     void finish()
     {
-        expectWitness("with others there");
-        for (Peer& peer : hostile_) {
+        MessageWriter lookup(MSG_LOOKUP, 0x7001, 0);
+        lookup.put(ATTR_OBJPATH, "witness");
+        RIG_CHECK(answers(lookup) == 1, "the witness is lost\n");
+        for (Peer& peer : peers_) {
+            if (&peer == &witness_)
+                continue;
             settle(peer);
             hangUp(peer);
         }
-        expectWitness("alone");
-        RIG_CHECK(ask(MessageWriter(MSG_LOOKUP, 0x7002, 0).finish()).size() == 2,
-                  "what the others had registered is still there\n");
+        MessageWriter all(MSG_LOOKUP, 0x7002, 0);
+        RIG_CHECK(answers(all) == 1, "what the others had registered is still there\n");
     }
 
 private:
@@ -90,16 +91,14 @@ private:
         peer = {};
         peer.fd = pair[0];
         bus_.connect(pair[1]);
-        drain(peer);
+        read(peer);
         RIG_CHECK(peer.messages.size() == 1 && peer.messages[0][1] == MSG_HELLO, "no greeting\n");
         peer.id = readU32(&peer.messages[0][4]);
-        known_.push_back(peer.id);
     }
 
     void hangUp(Peer& peer)
     {
-        close(peer.fd);
-        peer.fd = -1;
+        close(std::exchange(peer.fd, -1));
         serve();
         RIG_CHECK(!bus_.find(peer.id), "a client that is gone is still served\n");
     }
@@ -119,8 +118,8 @@ private:
     {
         for (bool busy = true; busy;) {
             busy = false;
-            for (const Peer* peer : {&witness_, &hostile_[0], &hostile_[1], &hostile_[2]})
-                if (Client* client = bus_.find(peer->id))
+            for (const Peer& peer : peers_)
+                if (Client* client = bus_.find(peer.id))
                     busy = turn(*client) || busy;
         }
     }
@@ -132,7 +131,7 @@ private:
     }
 
     /// Takes what has arrived apart into messages.
-    void drain(Peer& peer)
+    static void read(Peer& peer)
     {
         uint8_t block[65536];
         for (ssize_t count = 0; (count = recv(peer.fd, block, sizeof(block), 0)) > 0;)
@@ -143,53 +142,31 @@ private:
             RIG_CHECK(root >= ATTR_SIZE && padded(root) <= MAX_ROOT, "root %zx\n", root);
             if (rest.size() < HEADER_SIZE + root)
                 break;
-            note(peer, rest.first(HEADER_SIZE + root));
-            rest = rest.subspan(HEADER_SIZE + root);
+            const Bytes message = rest.first(HEADER_SIZE + root);
+            peer.messages.emplace_back(message.begin(), message.end());
+            rest = rest.subspan(message.size());
         }
         peer.received.erase(peer.received.begin(), peer.received.end() - static_cast<ptrdiff_t>(rest.size()));
     }
 
-    /// Answers are another client's own bytes, and so may be anything within their frame; the rest is the daemon's.
-    void note(Peer& peer, Bytes raw)
+    /// Sends a request of the witness. How much it is answered before the status, which must come.
+    size_t answers(MessageWriter& writer)
     {
-        peer.messages.emplace_back(raw.begin(), raw.end());
-        Bytes attributes = raw.subspan(FRAME_SIZE);
-        for (Attribute attribute; takeAttribute(attributes, attribute);)
-            if ((attribute.id == ATTR_OBJID || attribute.id == ATTR_OBJTYPE) && attribute.payload.size() == 4 &&
-                known_.size() < 64)
-                known_.push_back(readU32(attribute.payload.data()));
-        // Only the echo of a ping, which goes back to its sender, has another version.
-        RIG_CHECK(raw[0] == 0 || (&peer != &witness_ && raw[1] == MSG_DATA), "version %u\n", raw[0]);
-        if (raw[1] != MSG_DATA && raw[1] != MSG_STATUS)
-            RIG_CHECK(raw.size() % 4 == 0 && attributes.empty(), "a malformed message\n");
-    }
-
-    /// Sends a request of the witness and gives what it is answered, up to the status.
-    std::vector<std::vector<uint8_t>> ask(Bytes request)
-    {
-        drain(witness_);
+        read(witness_);
         witness_.messages.clear();
+        const Bytes request = writer.finish();
         send(witness_, request);
         serve();
-        drain(witness_);
-        std::vector<std::vector<uint8_t>> answer;
+        read(witness_);
+        size_t count = 0;
         for (const auto& one : witness_.messages) {
-            if (readU16(&one[2]) != readU16(&request[2]) || readU32(&one[4]) != 0)
-                continue;
-            answer.push_back(one);
-            if (one[1] == MSG_STATUS)
-                return answer;
+            const bool answer = std::equal(one.begin() + 2, one.begin() + HEADER_SIZE, request.begin() + 2);
+            if (answer && one[1] == MSG_STATUS)
+                return count;
+            count += answer;
         }
         RIG_CHECK(false, "no status\n");
-        return answer;
-    }
-
-    void expectWitness(const char* when)
-    {
-        MessageWriter lookup(MSG_LOOKUP, 0x7001, 0);
-        lookup.put(ATTR_OBJPATH, "witness");
-        const auto answer = ask(lookup.finish());
-        RIG_CHECK(answer.size() == 2 && readMessage(answer[0]).objectId == object_, "the witness is lost, %s\n", when);
+        return 0;
     }
 
     /// Reads all that there is for a client: a whole number of messages, while it is connected.
@@ -197,9 +174,7 @@ private:
     {
         for (size_t before = ~size_t{0}; before != peer.messages.size();) {
             before = peer.messages.size();
-            drain(peer);
-            if (Client* client = bus_.find(peer.id))
-                client->flush();
+            read(peer);
             serve();
         }
         const Client* client = bus_.find(peer.id);
@@ -208,10 +183,8 @@ private:
     }
 
     Bus bus_;
-    Peer witness_;
-    std::array<Peer, HOSTILE> hostile_;
-    uint32_t object_ = 0;
-    std::vector<uint32_t> known_; // ids that were seen, for the inputs to name
+    std::array<Peer, 4> peers_;
+    Peer& witness_ = peers_[0];
 };
 
 uint32_t randomState;
@@ -220,7 +193,7 @@ uint32_t randomState;
 
 extern "C" ssize_t __wrap_getrandom(void* out, size_t size, unsigned flags);
 
-/// Numbers that come again with every input.
+/// Numbers that come again with every input, which can therefore name the ids of clients and objects.
 ssize_t __wrap_getrandom(void* out, size_t size, unsigned)
 {
     randomState += 0x10001;

@@ -42,45 +42,7 @@ std::vector<std::string> split(std::string text, const std::string& separator)
     return parts;
 }
 
-/// An element as the record that it begins; the library's own macros cast the C way.
-template <typename Record>
-const Record* recordOf(const uci_element* element)
-{
-    return reinterpret_cast<const Record*>(element);
-}
-
 /// A package as a text that says all that is to be stored of it.
-std::string describe(uci_package* package)
-{
-    std::string text;
-    uci_element* section = nullptr;
-    uci_element* option = nullptr;
-    uci_element* item = nullptr;
-    const auto add = [&](char kind, const char* word) {
-        const std::string copy = word;
-        text += kind + std::to_string(copy.size()) + ":" + copy;
-    };
-    uci_foreach_element (&package->sections, section) {
-        add('t', recordOf<uci_section>(section)->type);
-        add(recordOf<uci_section>(section)->anonymous ? 'a' : 's',
-            recordOf<uci_section>(section)->anonymous ? "" : section->name);
-        uci_foreach_element (&recordOf<uci_section>(section)->options, option) {
-            const uci_option* one = recordOf<uci_option>(option);
-            if (one->type == UCI_TYPE_LIST && uci_list_empty(&one->v.list))
-                continue; // has no form in a file
-            add(one->type == UCI_TYPE_LIST ? 'l' : 'o', option->name);
-            if (one->type == UCI_TYPE_STRING) {
-                add('v', one->v.string);
-                continue;
-            }
-            uci_foreach_element (&one->v.list, item) {
-                add('i', item->name);
-            }
-        }
-    }
-    return text;
-}
-
 std::string exported(uci_context* context, uci_package* package)
 {
     char* text = nullptr;
@@ -98,31 +60,20 @@ bool hasPlainTypes(uci_package* package)
 {
     uci_element* section = nullptr;
     uci_foreach_element (&package->sections, section) {
-        if (strpbrk(recordOf<uci_section>(section)->type, "'\"\\#;"))
+        // The library's own macro casts the C way.
+        if (strpbrk(reinterpret_cast<const uci_section*>(section)->type, "'\"\\#;"))
             return false;
     }
     return true;
 }
 
-/// What is exported and read again is the same, and is exported the same.
-void checkExport(uci_context* context, uci_package* package)
+/// What another process reads from a file and its saved changes.
+std::string seenByOthers(const char* config, const char* changes)
 {
-    const std::string text = exported(context, package);
-    writeFile(rigFolder("second") + "/pkg", text);
-    const OwnedContext other = openContext("second", "none");
-    uci_package* again = nullptr;
-    RIG_CHECK(uci_load(other.get(), "pkg", &again) == UCI_OK, "what was exported cannot be read:\n%s\n", text.c_str());
-    RIG_CHECK(describe(again) == describe(package), "another package:\n%s\n", text.c_str());
-    RIG_CHECK(exported(other.get(), again) == text, "another text\n");
-}
-
-/// What another process reads: file and saved changes.
-std::string seenByOthers()
-{
-    const OwnedContext other = openContext("config", "changes");
+    const OwnedContext other = openContext(config, changes);
     uci_package* package = nullptr;
     RIG_CHECK(uci_load(other.get(), "pkg", &package) == UCI_OK, "no package\n");
-    return describe(package);
+    return exported(other.get(), package);
 }
 
 /// One change: a letter for what to do, and a tuple.
@@ -148,10 +99,10 @@ void changeAndStore(uci_context* context, uci_package* package, const std::vecto
         change(context, lines[i]);
     if (!hasPlainTypes(package))
         return;
-    const std::string memory = describe(package);
+    const std::string memory = exported(context, package);
     const auto check = [&](const char* what) {
-        RIG_CHECK(describe(package) == memory, "%s has changed the package\n", what);
-        const std::string seen = seenByOthers();
+        RIG_CHECK(exported(context, package) == memory, "%s has changed the package\n", what);
+        const std::string seen = seenByOthers("config", "changes");
         RIG_CHECK(seen == memory, "after %s others see\n%s\nnot\n%s\n", what, seen.c_str(), memory.c_str());
     };
     RIG_CHECK(uci_save(context, package) == UCI_OK, "not saved\n");
@@ -184,7 +135,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     if (!hasPlainTypes(package))
         return 0;
-    checkExport(context.get(), package);
+    const std::string text = exported(context.get(), package);
+    writeFile(rigFolder("second") + "/pkg", text);
+    RIG_CHECK(seenByOthers("second", "none") == text, "read again it is another one:\n%s\n", text.c_str());
     changeAndStore(context.get(), package, split(parts[2], "\n"));
     RIG_CHECK(uci_load(context.get(), "pkg", nullptr) == UCI_ERR_DUPLICATE, "loaded twice\n");
     return 0;

@@ -18,7 +18,6 @@ inline constexpr auto DEADLINE = 20s;
 inline constexpr const char* DONE = R"({"error_code":0})";
 inline constexpr const char* REFUSED_DEVICE = R"({"error_code":-64301})";
 inline constexpr const char* REFUSED_PARAM = R"({"error_code":-64302})";
-inline constexpr const char* REFUSED_NO_TRAVEL = R"({"error_code":-64304})";
 
 /// Long runs multiply what the ordinary tests do a few times (./dev test --long).
 inline int repetitions(int ordinary, int thorough)
@@ -51,14 +50,6 @@ inline std::string tourPackage(const std::string& enabled, int type, int from, i
     return "config tour 'tour_info'\n\toption enabled '" + enabled + "'" + option("tour_type", type) +
            "\nconfig scan_tour 'scan_tour'" + option("x_coord_start", from) + option("x_coord_end", to) +
            option("start_time", start) + option("end_time", end) + "\n";
-}
-
-/// An element of a weekday's array, named like "monday_1"; minutes, and a preset's id, or "" for a disable entry.
-inline std::string planEntry(const std::string& name, int start, int end, const std::string& preset)
-{
-    const std::string action = preset.empty() ? R"("disable")" : R"("preset","action_id":")" + preset + "\"";
-    return R"({")" + name + R"(":{"start_time":)" + std::to_string(start) + R"(,"end_time":)" + std::to_string(end) +
-           R"(,"action_type":)" + action + "}}";
 }
 
 class HeadInTheLab : public testing::Test {

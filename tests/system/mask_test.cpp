@@ -50,20 +50,4 @@ TEST_F(Mask, ItsPositionIsNeverStored)
     expectAt(1800, 710);
 }
 
-TEST_F(Mask, ReportsWhatItCannotReadOrSet)
-{
-    LabOptions options = fastHead();
-    options.config["lens_mask"] = "config lens_mask 'lens_mask_info'\n\toption enabled 'on'\n";
-    options.config["ptzd"] = "config ptzd 'config'\n\toption power_off_recover '1'\n";
-    up(options);
-    EXPECT_EQ(mask("off"), FOLLOWED);
-    ASSERT_TRUE(settled());
-    expectAt(1500, 550); // home
-    EXPECT_EQ(lab.call("move", coords(1, 0)), DONE) << "until then nothing is stored";
-    EXPECT_EQ(mask("on"), FOLLOWED) << "there is no section to store the position in";
-    for (const std::string what : {"error to get option ", "error to set option "})
-        for (const char* option : {"x_motor.steps", "y_motor.steps"})
-            EXPECT_TRUE(reported("ubusLensMask", what + option)) << what << option;
-}
-
 } // namespace

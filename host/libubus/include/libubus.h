@@ -163,7 +163,7 @@ struct ubus_request {
 struct ubus_context* ubus_connect(const char* path);
 
 /* Closes the old connection, connects, and registers every object of the context again under new ids; an object that is
- * refused is forgotten and keeps the id 0. Event patterns are not registered again, and the socket is not in the loop.
+ * refused is dropped and keeps the id 0. Event patterns are not registered again, and the socket is not in the loop.
  * UBUS_STATUS_CONNECTION_FAILED when it cannot connect, UBUS_STATUS_UNKNOWN_ERROR without a valid greeting. */
 int ubus_reconnect(struct ubus_context* ctx, const char* path);
 
@@ -225,7 +225,7 @@ static inline int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, cons
 void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* req);
 int ubus_complete_request(struct ubus_context* ctx, struct ubus_request* req, int timeout);
 
-/* Forgets the request: none of its callbacks is called any more. */
+/* Drops the request: none of its callbacks is called any more. */
 void ubus_abort_request(struct ubus_context* ctx, struct ubus_request* req);
 
 /* Sends one DATA message at once; any number for a call. UBUS_STATUS_NO_DATA when sending fails. */

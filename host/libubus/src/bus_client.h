@@ -23,7 +23,7 @@ inline blob_attr* rootOf(Message* message)
 
 // A data callback that runs; answers to its request that arrive meanwhile wait for its return.
 struct RunningCallback {
-    ubus_request* req; // null once the request has been forgotten
+    ubus_request* req; // null once the request has been aborted
     list_head answers; // of Message
     int endStatus;     // what the request is to end with afterwards, or -1
     RunningCallback* outer;

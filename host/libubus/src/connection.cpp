@@ -106,7 +106,7 @@ void registerAllAgain(ubus_context* ctx)
     while (!list_empty(&lost)) {
         ubus_object* obj = list_first_entry(&lost, ubus_object, avl.list);
         list_del(&obj->avl.list);
-        (void)registerObject(ctx, obj); // one that fails keeps the id 0, which tells its owner
+        (void)registerObject(ctx, obj); // one that fails keeps the id 0, by which its owner knows
     }
     --ctx->stack_depth;
 }

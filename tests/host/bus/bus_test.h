@@ -3,8 +3,6 @@
 
 #include "host_test.h"
 
-#include <memory>
-
 using Messages = std::vector<Bytes>;
 
 // What came for a request: everything up to the status, and the status.
@@ -16,52 +14,93 @@ struct Answer {
 class RawClient : public Peer {
 public:
     // Connects. Without `greeted` the greeting is left to be received.
-    explicit RawClient(const std::string& path, bool greeted = true);
+    explicit RawClient(const std::string& path, bool greeted = true) : Peer(socketAt(path, connect))
+    {
+        if (!greeted)
+            return;
+        const Bytes greeting = receive();
+        id_ = u32At(greeting, 4);
+        EXPECT_EQ(greeting, message(HELLO, 0, id_, {}));
+    }
 
     uint32_t id() const
     {
         return id_;
     }
-    void awaitGreeting();
 
-    // Reads and drops what comes until the daemon has closed the connection; false when it does not.
-    bool closedByDaemon();
+    // Reads and drops what comes until the daemon has closed the connection, which it must.
+    void expectEnd() const
+    {
+        while (!receive().empty()) {
+        }
+    }
 
     // Sends a request of the daemon and receives up to its status.
-    Answer ask(const Bytes& request);
+    Answer ask(const Bytes& request) const
+    {
+        send(request);
+        Answer answer;
+        for (Bytes received; !(received = receive()).empty(); answer.data.push_back(received)) {
+            // The daemon repeats the request's sequence number and peer.
+            if (received[1] == STATUS && std::equal(request.begin() + 2, request.begin() + 8, received.begin() + 2)) {
+                answer.status = u32At(find(received, A_STATUS), 0);
+                break;
+            }
+        }
+        return answer;
+    }
 
     // Nothing was sent to this client that it has not received: the next thing is the answer to a ping.
-    bool nothingWaits();
+    bool nothingWaits() const
+    {
+        const Answer answer = ask(message(PING, OWN_SEQ, 0, {}));
+        return answer.status == 0 && answer.data == Messages{message(DATA, OWN_SEQ, 0, {})};
+    }
 
-    // Registers an object and gives its id: with a name, without, and with a pattern of events.
-    uint32_t addObject(std::string_view name, const Bytes& signature = {});
-    uint32_t addAnonymous();
-    uint32_t listenTo(std::string_view pattern);
+    // Registers an object and gives its id.
+    uint32_t addObject(std::string_view name, const Bytes& signature = {}) const
+    {
+        return add(attr(A_OBJPATH, text(name)) + attr(A_SIGNATURE, signature));
+    }
+    uint32_t addAnonymous() const
+    {
+        return add({});
+    }
+    void listenTo(std::string_view pattern) const
+    {
+        const Bytes fields = numberField("object", addAnonymous()) + stringField("pattern", pattern);
+        EXPECT_EQ(ask(::call(OWN_SEQ, 1, "register", fields)).status, 0u);
+    }
 
 private:
+    static constexpr uint16_t OWN_SEQ = 0xf000; // well away from the tests'
+
+    uint32_t add(const Bytes& attributes) const
+    {
+        return u32At(find(ask(message(ADD_OBJECT, OWN_SEQ, 0, attributes)).data.at(0), A_OBJID), 0);
+    }
+
     uint32_t id_ = 0;
 };
 
 class BusTest : public testing::Test {
 protected:
-    BusTest();
-    void TearDown() override; // the daemon has to be alive and well, and to end in order
-
-    // Starts a daemon at socketPath and waits until it listens.
-    std::unique_ptr<Background> startDaemon() const;
-
+    BusTest()
+    {
+        EXPECT_TRUE(waitUntil([&] { return Peer(socketAt(socketPath, ::connect)).fd() >= 0; }));
+    }
+    void TearDown() override // the daemon has to be alive and well, and to end in order
+    {
+        EXPECT_EQ(daemon.end(SIGTERM), 0);
+        EXPECT_EQ(daemon.output(), "");
+        EXPECT_FALSE(std::filesystem::exists(socketPath));
+    }
     RawClient connect() const
     {
         return RawClient(socketPath);
     }
 
-    // Whether the daemon sleeps: in half a second it uses little of the processor.
-    bool daemonSleeps() const;
-
     const Folder folder;
     const std::string socketPath = folder.path / "bus";
-    std::unique_ptr<Background> daemon;
+    Background daemon{{UBUSD_PROGRAM, "-s", socketPath}};
 };
-
-// A signature with one method and one argument of type string.
-Bytes oneMethod(std::string_view method, std::string_view argument);

@@ -1,4 +1,4 @@
-// Blobs, blobmsg and its JSON: the golden data, and what only hostile or huge input shows.
+// Blobmsg and its JSON: the golden data.
 #include "ubox_test.h"
 
 #include <deque>
@@ -12,7 +12,8 @@ TEST(BlobmsgVectors, BuildingGivesTheGoldenBytesAndFormattingThoseTheText)
             Buffer buf;
             EXPECT_EQ(blobmsg_add_json_from_string(buf.get(), record.at("json_in").c_str()), record.contains("hex"));
             if (record.contains("hex")) {
-                EXPECT_EQ(hex(buf.head(), blob_raw_len(buf.head())), record.at("hex"));
+                EXPECT_EQ(hex({reinterpret_cast<const uint8_t*>(buf.head()), blob_raw_len(buf.head())}),
+                          record.at("hex"));
             }
         }
         if (!record.contains("hex"))
@@ -66,20 +67,4 @@ TEST(BlobmsgVectors, ParsingFindsTheGoldenOffsets)
         }
         EXPECT_EQ(places, record.at("found"));
     }
-}
-
-TEST(Blob, RefusesToPassTheLargestLengthAndNestsAcrossAMove)
-{
-    Buffer buf;
-    const std::string half(8 << 20, 'x');
-    void* nested = blob_nest_start(buf.get(), 6);
-    ASSERT_TRUE(blob_put_string(buf.get(), 1, half.c_str()));
-    blob_nest_end(buf.get(), nested);
-    EXPECT_FALSE(blob_put_string(buf.get(), 1, half.c_str()));
-    ASSERT_TRUE(blob_put_u32(buf.get(), 2, 9));
-    // The text with its NUL padded, in headers of 4; the number in 8; the head's 4.
-    EXPECT_EQ(blob_raw_len(buf.head()), half.size() + 4 + 8 + 8 + 4);
-    auto* first = static_cast<blob_attr*>(blob_data(buf.head()));
-    EXPECT_EQ(blob_get_u32(blob_next(first)), 9U);
-    EXPECT_EQ(blob_get_string(static_cast<blob_attr*>(blob_data(first))), half);
 }

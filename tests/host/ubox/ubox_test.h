@@ -3,8 +3,6 @@
 
 #include "host_test.h"
 
-#include <cstdlib>
-
 extern "C" {
 #include <libubox/blobmsg.h>
 #include <libubox/blobmsg_json.h>

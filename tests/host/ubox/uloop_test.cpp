@@ -1,11 +1,6 @@
 #include "ubox_test.h"
 
-#include <csignal>
-
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -101,22 +96,4 @@ TEST(UloopSignals, TerminateEndsTheLoopAndDispositionsComeBack)
         EXPECT_EQ(dispositionOf(number), SIG_DFL);
     EXPECT_EQ(dispositionOf(SIGPIPE), SIG_IGN);
     signal(SIGINT, before);
-}
-
-TEST(UloopSignals, ReapsEveryChildUnlessToldNotTo)
-{
-    for (bool reap : {true, false}) {
-        uloop_handle_sigchld = reap;
-        ASSERT_EQ(uloop_init(), 0);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0)
-            _exit(0);
-        siginfo_t ended{};
-        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
-        uloop_run_timeout(0);
-        EXPECT_EQ(waitpid(child, nullptr, WNOHANG), reap ? -1 : child);
-        uloop_done();
-    }
-    uloop_handle_sigchld = true;
 }

@@ -1,10 +1,7 @@
 // The bus client: the captured conversation played back to it, byte for byte, and requests and their answers.
 #include "fake_bus.h"
 
-#include <csignal>
-
 #include <arpa/inet.h>
-#include <pthread.h>
 
 namespace {
 
@@ -13,7 +10,6 @@ using std::chrono::steady_clock;
 
 constexpr uint32_t PTZD_ID = 0xf1047b21; // in the capture
 constexpr uint32_t CALLEE = 0x1000;      // in the other tests
-constexpr uint32_t OWN = 0x2000;
 // In the field "s" of a call of "m", whose root may be 1 MiB long: beside it there are the words of the root, the
 // arguments and the field (12 bytes), the object's id and the method (16), the field's name (4) and the text's NUL.
 constexpr size_t LARGEST_TEXT = 1048576 - 33;
@@ -47,11 +43,6 @@ Bytes reply(uint16_t seq, const Bytes& fields)
     return message(DATA, seq, CALLEE, attr(A_DATA, fields));
 }
 
-int invokeM(const Context& ctx, int timeoutMs = 5000, std::string* collected = nullptr)
-{
-    return ubus_invoke(ctx.get(), CALLEE, "m", nullptr, collected ? collectJson : nullptr, collected, timeoutMs);
-}
-
 std::string calls; // what the owner's handler saw
 
 int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* method, blob_attr* msg)
@@ -83,7 +74,10 @@ TEST(Golden, OwnerOfAnObject)
     EXPECT_EQ(ctx->local_id, htonl(0x0185bcb8));
     EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
     EXPECT_TRUE(object.id == PTZD_ID && type.id == 0x4b751697U);
-    EXPECT_TRUE(handleUntil(ctx.get(), [] { return calls.find("stop") != calls.npos; }));
+    EXPECT_TRUE(waitUntil([&] {
+        ubus_handle_event(ctx.get());
+        return calls.find("stop") != calls.npos;
+    }));
     EXPECT_EQ(calls, R"(moveTo{"x_coord":"30"}rootrootptzd stop{}rootrootptzd )");
     EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
     EXPECT_TRUE(object.id == 0 && type.id == 0);
@@ -101,7 +95,10 @@ TEST(Golden, ListenerToEvents)
     Context ctx = connectTo(bus);
     EXPECT_EQ(ubus_register_event_handler(ctx.get(), &listener, "ubus.object.*"), 0);
     EXPECT_EQ(ubus_register_event_handler(ctx.get(), &listener, "motor_rotate_event"), 0);
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return listener.heard.find("remove") != std::string::npos; }));
+    EXPECT_TRUE(waitUntil([&] {
+        ubus_handle_event(ctx.get());
+        return listener.heard.find("remove") != std::string::npos;
+    }));
     EXPECT_EQ(listener.heard, R"(ubus.object.add{"id":-251364575,"path":"ptzd"})"
                               R"(motor_rotate_event{"action":"start"})"
                               R"(ubus.object.remove{"id":-251364575,"path":"ptzd"})");
@@ -164,120 +161,39 @@ TEST(Request, TimesOutAndIgnoresTheLateAnswer)
         daemon.client.send(reply(1, numberField("late", 1)) + statusMessage(1, CALLEE, 0) +
                            reply(3, numberField("n", 3)) + statusMessage(3, CALLEE, UBUS_STATUS_NO_DATA));
     });
-    Context ctx = connectTo(bus);
-    auto start = steady_clock::now();
-    EXPECT_STREQ(ubus_strerror(invokeM(ctx, 60)), "Request timed out");
-    EXPECT_GE(steady_clock::now() - start, milliseconds(59));
-    EXPECT_EQ(invokeM(ctx, -1), UBUS_STATUS_TIMEOUT);
+    const Context ctx = connectTo(bus);
     std::string replies;
-    EXPECT_EQ(invokeM(ctx, 0, &replies), UBUS_STATUS_NO_DATA);
+    const auto invoke = [&](int timeoutMs) {
+        return ubus_invoke(ctx.get(), CALLEE, "m", nullptr, collectJson, &replies, timeoutMs);
+    };
+    const auto start = steady_clock::now();
+    EXPECT_STREQ(ubus_strerror(invoke(60)), "Request timed out");
+    EXPECT_GE(steady_clock::now() - start, milliseconds(59));
+    EXPECT_EQ(invoke(-1), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(invoke(0), UBUS_STATUS_NO_DATA);
     EXPECT_EQ(replies, R"({"n":3})");
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
 }
 
-TEST(Request, TheLoopHandlesOneMessageATurnOnceACallHasWaited)
-{
-    const Bytes ownId = attr(A_OBJID, u32(OWN));
-    const auto incoming = [&](uint16_t seq) {
-        return message(INVOKE, seq, seq + 5U, ownId + attr(A_METHOD, text("m")) + attr(A_DATA, {}));
-    };
-    const auto answered = [&](uint16_t seq) { return message(STATUS, seq, seq + 5U, attr(A_STATUS, u32(0)) + ownId); };
-    FakeBus bus([&](FakeBus& daemon) {
-        daemon.greet();
-        daemon.expect(message(ADD_OBJECT, 1, 0, {}));
-        daemon.client.send(message(DATA, 1, 0, ownId) + statusMessage(1, 0, 0));
-        daemon.client.send(incoming(5) + incoming(6) + incoming(7) + incoming(8));
-        daemon.expect(answered(5));
-        daemon.expect(callOfM(2)); // made by the second handler
-        daemon.client.send(statusMessage(2, CALLEE, 0));
-        for (uint16_t seq = 6; seq <= 8; ++seq)
-            daemon.expect(answered(seq));
-    });
-    struct : uloop_timeout {
-        std::string order;
-    } turn{};
-    turn.cb = [](uloop_timeout* self) {
-        auto& order = static_cast<decltype(turn)*>(self)->order;
-        order += " ";
-        if (order.ends_with("13 "))
-            uloop_end();
-    };
-    Context ctx = connectTo(bus);
-    static const auto onCall = [&](uint32_t caller) {
-        uloop_timeout_set(&turn, 0);
-        turn.order += std::to_string(caller);
-        if (caller == 11) {
-            EXPECT_EQ(invokeM(ctx), 0);
-        }
-    };
-    const ubus_method methods[] = {
-        UBUS_METHOD_NOARG("m", [](ubus_context*, ubus_object*, ubus_request_data* req, const char*, blob_attr*) {
-            onCall(req->peer);
-            return 0;
-        })};
-    ubus_object object{};
-    object.methods = methods;
-    object.n_methods = 1;
-    EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
-    ubus_add_uloop(ctx.get());
-    uloop_run();
-    EXPECT_EQ(turn.order, "10 11 1213 ") << "the two that came in while the second waited are one turn's";
-}
-
-TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndReadsOneInPiecesAmidSignals)
+TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndReadsOneInPieces)
 {
     const std::string largest(LARGEST_TEXT, 'x');
-    const pthread_t waiter = pthread_self();
-    const auto before = signal(SIGUSR1, [](int) {});
     FakeBus bus([&](FakeBus& daemon) {
         daemon.greet();
-        std::this_thread::sleep_for(milliseconds(400));
+        std::this_thread::sleep_for(milliseconds(100));
         EXPECT_TRUE(daemon.client.receive() == callOfM(1, stringField("s", largest)));
         const Bytes answer = reply(1, stringField("s", largest)) + statusMessage(1, CALLEE, 0);
         for (const auto& [from, to] : {std::pair<size_t, size_t>{0, 5}, {5, 11}, {11, 5000}, {5000, answer.size()}}) {
             daemon.client.send(part(answer, from, to));
             std::this_thread::sleep_for(milliseconds(3));
-            pthread_kill(waiter, SIGUSR1);
         }
     });
-    Context ctx = connectTo(bus);
+    const Context ctx = connectTo(bus);
     Buffer argument((R"({"s":")" + largest + "\"}").c_str());
     Buffer tooLarge((R"({"s":")" + largest + "x\"}").c_str());
-    ubus_request req;
-    EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", argument.head(), &req), 0);
     std::string answer;
-    req.data_cb = collectJson;
-    req.priv = &answer;
-    EXPECT_EQ(ubus_complete_request(ctx.get(), &req, 5000), 0);
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", argument.head(), collectJson, &answer, 5000), 0);
     EXPECT_EQ(answer.size(), LARGEST_TEXT + 8); // {"s":"…"}
-    signal(SIGUSR1, before);
     EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.head(), nullptr, nullptr, 1000),
               UBUS_STATUS_INVALID_ARGUMENT);
-}
-
-TEST(Request, AsyncOnesCompleteAndAbortOutsideTheLoop)
-{
-    FakeBus bus([](FakeBus& daemon) {
-        daemon.greet();
-        daemon.expect(callOfM(1));
-        daemon.expect(callOfM(2));
-        daemon.client.send(reply(1, numberField("n", 1)) + statusMessage(1, CALLEE, 0) + reply(2, numberField("n", 2)) +
-                           statusMessage(2, CALLEE, UBUS_STATUS_NOT_FOUND));
-    });
-    Context ctx = connectTo(bus);
-    static int ended;
-    ended = -1;
-    std::string replies;
-    ubus_request aborted, kept;
-    for (ubus_request* req : {&aborted, &kept}) {
-        EXPECT_EQ(ubus_invoke_async(ctx.get(), CALLEE, "m", nullptr, req), 0);
-        req->data_cb = collectJson;
-        req->complete_cb = [](ubus_request*, int status) { ended = status; };
-        req->priv = &replies;
-        ubus_complete_request_async(ctx.get(), req);
-    }
-    ubus_abort_request(ctx.get(), &aborted);
-    EXPECT_TRUE(handleUntil(ctx.get(), [&] { return ended >= 0; }));
-    EXPECT_EQ(ended, UBUS_STATUS_NOT_FOUND);
-    EXPECT_EQ(replies, R"({"n":2})");
 }

@@ -6,10 +6,6 @@
 #include <functional>
 #include <memory>
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 extern "C" {
 #include <libubus.h>
 }
@@ -18,8 +14,6 @@ class FakeBus {
 public:
     explicit FakeBus(std::function<void(FakeBus&)> script)
     {
-        const sockaddr_un address = addressOf(path);
-        EXPECT_EQ(bind(listener_.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         EXPECT_EQ(listen(listener_.fd(), 10), 0);
         thread_ = std::thread([this, run = std::move(script)] { run(*this); });
     }
@@ -37,12 +31,12 @@ public:
         client = Peer(accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
         EXPECT_GE(client.fd(), 0) << "no client came";
     }
-    void greet(uint32_t clientId = 0xa617c13a)
+    void greet()
     {
         accept();
-        client.send(message(HELLO, 0, clientId, {}));
+        client.send(message(HELLO, 0, 0xa617c13a, {}));
     }
-    void expect(const Bytes& bytes)
+    void expect(const Bytes& bytes) const
     {
         EXPECT_EQ(hex(client.receive()), hex(bytes));
     }
@@ -52,7 +46,7 @@ public:
     Peer client;
 
 private:
-    const Peer listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const Peer listener_{socketAt(path, bind)};
     std::thread thread_;
 };
 
@@ -73,13 +67,4 @@ inline Context connectTo(const FakeBus& bus)
 inline void collectJson(ubus_request* req, int, blob_attr* msg)
 {
     *static_cast<std::string*>(req->priv) += jsonOf(msg);
-}
-
-// Handles what arrives at a context outside the loop until the condition holds; false when it does not in time.
-inline bool handleUntil(ubus_context* ctx, const std::function<bool()>& condition)
-{
-    return waitUntil([&] {
-        ubus_handle_event(ctx);
-        return condition();
-    });
 }

@@ -2,22 +2,18 @@
 #pragma once
 
 #include "host_test.h"
-#include "lab/core/files.h"
 
 #include <uci.h>
 
-#include <cstdlib>
 #include <memory>
 
-struct ContextDeleter {
+struct FreeUciContext {
     void operator()(uci_context* ctx) const
     {
         uci_free_context(ctx);
     }
 };
-using Context = std::unique_ptr<uci_context, ContextDeleter>;
-
-using ChangeCall = int(uci_context*, uci_ptr*);
+using UciContext = std::unique_ptr<uci_context, FreeUciContext>;
 
 // Everything lies under one folder, which goes with the object. The package is called p.
 class Sandbox {
@@ -25,38 +21,20 @@ public:
     explicit Sandbox(const std::string& package)
     {
         create_directory(configDir);
-        setFile(package);
+        create_directory(saveDir);
+        writeFile(file, package);
     }
 
     const Folder root;
     const std::filesystem::path configDir = root.path / "config";
     const std::filesystem::path saveDir = root.path / "save";
     const std::filesystem::path file = configDir / "p";
-    const std::filesystem::path changeFile = saveDir / "p";
-
-    void setFile(const std::string& text) const
-    {
-        writeFile(file, text);
-    }
-    void setChanges(const std::string& text) const
-    {
-        create_directory(saveDir);
-        writeFile(changeFile, text);
-    }
-    std::string fileText() const
-    {
-        return readFile(file);
-    }
-    // Empty also when there is no change file.
-    std::string changes() const
-    {
-        return readFile(changeFile);
-    }
+    const std::filesystem::path changeFile = saveDir / "p"; // reads as empty also when there is none
 
     // A context that knows these directories and no others but the default save directory.
-    Context context() const
+    UciContext context() const
     {
-        Context ctx(uci_alloc_context());
+        UciContext ctx(uci_alloc_context());
         EXPECT_EQ(uci_set_confdir(ctx.get(), configDir.c_str()) + uci_set_savedir(ctx.get(), saveDir.c_str()), 0);
         return ctx;
     }
@@ -77,31 +55,16 @@ public:
 };
 
 // Loads package p; null when that fails.
-inline uci_package* load(const Context& ctx)
+inline uci_package* load(const UciContext& ctx)
 {
     uci_package* p = nullptr;
     return uci_load(ctx.get(), "p", &p) == UCI_OK ? p : nullptr;
 }
 
 // Looks a tuple up (extended) and makes the change; the first result that is not UCI_OK.
-inline int edit(const Context& ctx, ChangeCall* call, std::string tuple)
+inline int edit(const UciContext& ctx, int (*change)(uci_context*, uci_ptr*), std::string tuple)
 {
     uci_ptr ptr;
     const int code = uci_lookup_ptr(ctx.get(), &ptr, tuple.data(), true);
-    return code == UCI_OK ? call(ctx.get(), &ptr) : code;
-}
-
-// All values of an option, as they are in memory.
-inline std::vector<std::string> values(const Context& ctx, std::string tuple)
-{
-    uci_ptr ptr;
-    std::vector<std::string> all;
-    if (uci_lookup_ptr(ctx.get(), &ptr, tuple.data(), true) != UCI_OK || !ptr.o)
-        return all;
-    if (ptr.o->type == UCI_TYPE_STRING)
-        return {ptr.o->v.string};
-    uci_element* item;
-    uci_foreach_element (&ptr.o->v.list, item)
-        all.emplace_back(item->name);
-    return all;
+    return code == UCI_OK ? change(ctx.get(), &ptr) : code;
 }

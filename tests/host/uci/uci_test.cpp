@@ -1,53 +1,36 @@
 // The library and the command, beyond what the golden data show.
 #include "sandbox.h"
 
-#include <gtest/gtest.h>
-
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-TEST(Commit, KeepsModeAndLinkAndMakesTheWriterTheOwner)
+TEST(Commit, KeepsModeAndLink)
 {
     const Sandbox box("config t 's'\n\toption a '1'\n");
     const fs::path target = box.root.path / "target";
     fs::rename(box.file, target);
     fs::create_symlink(target, box.file);
     chmod(target.c_str(), 0640);
-    if (geteuid() == 0) {
-        ASSERT_EQ(chown(target.c_str(), 1234, 2345), 0);
-    }
     EXPECT_EQ(box.run({"set", "p.s.a=2"}).status + box.run({"commit"}).status, 0);
     EXPECT_TRUE(fs::is_symlink(box.file));
     EXPECT_EQ(readFile(target), "\nconfig t 's'\n\toption a '2'\n\n");
-    struct stat info;
-    ASSERT_EQ(stat(target.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0640u);
-    EXPECT_EQ(info.st_uid, geteuid());
+    EXPECT_EQ(status(target).permissions(), fs::perms(0640));
 }
 
 TEST(Commit, MergesWhatOthersDidMeanwhile)
 {
     const Sandbox box("config t 's'\n\toption a '1'\n");
-    const Context ctx = box.context();
+    const UciContext ctx = box.context();
     uci_package* p = load(ctx);
     EXPECT_EQ(edit(ctx, uci_set, "p.s.mine=1"), UCI_OK);
-    box.setFile("config t 's'\n\toption a '7'\n\nconfig t 'new'\n");
-    chmod(box.file.c_str(), 0600);
-    chmod(box.configDir.c_str(), 0700);
+    writeFile(box.file, "config t 's'\n\toption a '7'\n\nconfig t 'new'\n");
     EXPECT_EQ(box.run({"set", "p.new.theirs=1"}).status, 0);
-    EXPECT_EQ(status(box.changeFile).permissions(), fs::perms(0600)) << "as the file's";
-    EXPECT_EQ(status(box.saveDir).permissions(), fs::perms(0700)) << "as its directory's";
     EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(box.fileText(), "\nconfig t 's'\n\toption a '7'\n\toption mine '1'\n\nconfig t 'new'\n"
-                              "\toption theirs '1'\n\n");
-    EXPECT_EQ(edit(ctx, uci_set, "p.s.a=2"), UCI_OK);
-    fs::remove(box.file);
-    EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(box.fileText(), "");
+    EXPECT_EQ(readFile(box.file), "\nconfig t 's'\n\toption a '7'\n\toption mine '1'\n\nconfig t 'new'\n"
+                                  "\toption theirs '1'\n\n");
 
     // What does not apply is skipped, and touches nothing.
     const std::string bad = "q.s.b='another package'\np.nosec.c='1'\np.s.d-e='1'\n-p.nosec\np\n";
@@ -55,12 +38,12 @@ TEST(Commit, MergesWhatOthersDidMeanwhile)
          {std::pair<std::string, std::string>{bad, "config t 's' # untouched\n"},
           {"p.s.a='1'\n" + bad + "p.s.g=unquoted;lost\n+p.cfg0292bd='rule'\np.cfg0292bd.h='l1\nl2'\n",
            "\nconfig t 's'\n\toption a '1'\n\toption g 'unquoted'\n\nconfig rule\n\toption h 'l1\nl2'\n\n"}}) {
-        box.setFile("config t 's' # untouched\n");
-        box.setChanges(changes);
+        writeFile(box.file, "config t 's' # untouched\n");
+        writeFile(box.changeFile, changes);
         EXPECT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-        EXPECT_EQ(box.fileText(), after);
+        EXPECT_EQ(readFile(box.file), after);
     }
-    EXPECT_EQ(box.changes(), "");
+    EXPECT_EQ(readFile(box.changeFile), "");
 }
 
 TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
@@ -74,24 +57,19 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
         {{"get", "p.preset_1.name"}, {0, "it's me\n", ""}},
         {{"get", "p.preset_1.l"}, {0, "x 'b c'\n", ""}},
         {{"get", "p.@rule[-1].v"}, {0, "9\n", ""}},
-        {{"get", "p"}, {}},
         {{"show", "p.@rule[0]"}, {0, "p.cfg0292bd=rule\np.cfg0292bd.v='9'\n", ""}},
         {{"show", "p.preset_1.l"}, {0, "p.preset_1.l='x' 'b c'\n", ""}},
         {{"get", "p.preset_1.nope"}, {1, "", name + "Entry not found\n"}},
         {{"commit", "nope"}, {1, "", name + "Entry not found\n"}},
-        {{"delete", "p.nope"}, {1, "", name + "Entry not found\n"}},
         {{"set", "p.nosec.x=1"}, {1, "", name + "Invalid argument\n"}},
         {{"set", "p.preset_1.name=\x01"}, {1, "", name + "Parse error\n"}},
         {{"-q", "get", "p.nope"}, {1, "", ""}},
-        {{"set", "p.@rule[9]=t"}, {}},
-        {{"changes", "p"}, {}},
         {{"add", "nope", "rule"}, {3, "", name + "Entry not found\n"}},
         {{"-q", "add", "q", "rule"}, {5, "", ""}},
         {{"add", "p", "rule"}, {0, "cfg0392bd\n", ""}},
         {{"changes", "p"}, {0, "p.cfg0392bd='rule'\n", ""}},
         {{"set", "p.@rule[0]=t"}, {}},
-        {{"add", "p", "bad type"}, {0, "cfg0469ce\n", ""}}, // of which nothing comes
-        {{"-q", "commit"}, {1, "", ""}},                    // goes on behind the other package
+        {{"-q", "commit"}, {1, "", ""}}, // goes on behind the other package
         {{"changes", "p"}, {}},
         {{"-q", "show"},
          {1,
@@ -101,7 +79,6 @@ TEST(Command, PrintsWhatIsAskedForAndSaysWhatIsWrong)
     };
     for (const auto& [arguments, result] : cases)
         EXPECT_EQ(box.run(arguments), result) << testing::PrintToString(arguments);
-    EXPECT_EQ(box.run({}).status, 0);
     for (const Strings& arguments : {Strings{"frobnicate"}, {"set"}, {"get", "a", "b"}, {"add", "p"}}) {
         const Result result = box.run(arguments);
         EXPECT_EQ(result.status, 255) << arguments[0];
