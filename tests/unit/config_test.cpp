@@ -56,7 +56,7 @@ TEST_F(UciStore, TextIsCutToTheBufferAndTerminated)
 {
     load("config t 's'\n option a 'abcdef'\n list l '7'\n");
     char text[7] = {};
-    for (const auto& [room, expected] : {std::pair{7, "abcdef"}, {6, "abcde"}}) {
+    for (const auto& [room, expected] : {std::pair<size_t, const char*>{7, "abcdef"}, {6, "abcde"}}) {
         EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "a", text, room), 0);
         EXPECT_STREQ(text, expected);
     }
