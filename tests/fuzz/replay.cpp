@@ -1,4 +1,4 @@
-// Runs a fuzzer over every file of the folders and files that are named: its corpus as an ordinary test.
+// Runs a fuzzer over every file of the folders that are named: its corpus as an ordinary test.
 
 #include "fuzz.h"
 
@@ -11,11 +11,8 @@ int main(int count, char** arguments)
 {
     std::vector<fs::path> files;
     for (const char* name : std::span(arguments, static_cast<size_t>(count)).subspan(1)) {
-        if (!fs::is_directory(name))
-            files.emplace_back(name);
-        else
-            for (const fs::directory_entry& entry : fs::directory_iterator(name))
-                files.push_back(entry.path());
+        for (const fs::directory_entry& entry : fs::directory_iterator(name))
+            files.push_back(entry.path());
     }
     std::sort(files.begin(), files.end());
     for (const fs::path& file : files) {

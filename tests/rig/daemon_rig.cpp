@@ -46,9 +46,9 @@ static constexpr int FIRST_FD = 1000; // no real descriptor of the test
 
 void Fakes::runWorker()
 {
-    const FakeWorker worker = workers.front();
+    const auto worker = workers.front();
     workers.pop_front();
-    worker.routine(worker.argument);
+    worker();
 }
 
 std::vector<FakeRequest> FakeMotor::sent(unsigned long number) const
@@ -184,7 +184,7 @@ int32_t run(const Settings& settings, const std::function<void()>& inside)
     provide(settings);
     fakes.loop = inside;
     const int32_t result = PtzdInit();
-    RIG_CHECK(fakes.loopReached || result == -1, "started without a loop\n");
+    RIG_CHECK(!fakes.loop || result == -1, "started without a loop\n");
     return result;
 }
 
@@ -289,10 +289,9 @@ int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message
     return 0;
 }
 
-int __wrap_nanosleep(const timespec* length, timespec*)
+int __wrap_nanosleep(const timespec*, timespec*)
 {
     ++fakes.sleeps;
-    fakes.sleptNs = length->tv_nsec;
     --fakes.turnsLeft;
     if (fakes.onSleep)
         fakes.onSleep();
@@ -388,7 +387,7 @@ int32_t workerStart(void* (*routine)(void*), void* argument)
 {
     if (fakes.workersFail)
         return -1;
-    fakes.workers.push_back({routine, argument});
+    fakes.workers.emplace_back([=] { routine(argument); });
     return 0;
 }
 
@@ -441,7 +440,6 @@ void motorNotifyState(int32_t state, int32_t origin)
 
 int32_t ubusInit()
 {
-    fakes.loopReached = true;
-    fakes.loop();
+    std::exchange(fakes.loop, nullptr)();
     return 0;
 }

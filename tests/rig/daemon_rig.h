@@ -43,28 +43,21 @@ using FakeTimer = std::pair<int64_t, int64_t>;          // first expiry, 0 while
 using FakeNotification = std::pair<int32_t, int32_t>;   // state, origin
 using FakeReport = std::pair<std::string, std::string>; // function, text
 
-struct FakeWorker {
-    void* (*routine)(void*);
-    void* argument;
-};
-
 struct Fakes {
     std::map<const DaemonTimer*, FakeTimer> timers;
     std::function<void()> beforeTimerStart;
     std::function<void()> afterTimerStart;
     std::vector<FakeNotification> notifications;
     std::function<void()> onNotification;
-    std::vector<FakeReport> reports; // errors only
-    std::deque<FakeWorker> workers;  // started and not run yet
+    std::vector<FakeReport> reports;           // errors only
+    std::deque<std::function<void()>> workers; // started and not run yet
     bool workersFail = false;
     int turnsLeft = 1'000'000; // sleeps and questions after which a worker is asked to end
     int sleeps = 0;
-    long sleptNs = 0;              // the last one's length
     std::function<void()> onSleep; // runs in place of a sleep
     time_t now = 0;                // the wall clock, and how far each look at it takes it on
     time_t timeStride = 0;
-    std::function<void()> loop; // runs in place of the event loop
-    bool loopReached = false;
+    std::function<void()> loop;      // runs once in place of the event loop
     int failingChange = 0;           // the n-th change of the store from now on fails
     bool commitLosesPackage = false; // a commit fails and unloads its package
     std::string reply;               // of the last call, as compact JSON; two answers to one call show

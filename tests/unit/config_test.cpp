@@ -56,7 +56,7 @@ TEST_F(UciStore, TextIsCutToTheBufferAndTerminated)
 {
     load("config t 's'\n option a 'abcdef'\n list l '7'\n");
     char text[7] = {};
-    for (const auto& [room, expected] : {std::pair{7, "abcdef"}, {6, "abcde"}}) {
+    for (const auto& [room, expected] : {std::pair<size_t, const char*>{7, "abcdef"}, {6, "abcde"}}) {
         EXPECT_EQ(cfg_uci_get_string_value(UCI_PTZD, "s", "a", text, room), 0);
         EXPECT_STREQ(text, expected);
     }
@@ -75,11 +75,9 @@ TEST_F(UciStore, ChangesReachTheFileWithTheCommitOnly)
     for (const char* value : {"x", "y", "x"})
         EXPECT_EQ(cfg_uci_add_list(UCI_PTZD, "s", "l", value), 0);
     EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "l"), 0) << "removing the first x removes the last one too";
-    EXPECT_EQ(cfg_uci_clear_list(UCI_PTZD, "s", "missing"), CFG_UCI_FAILED);
     for (const char* missing : {"none", "no section"})
         EXPECT_EQ(cfg_uci_delete(UCI_PTZD, missing, "t"), 0) << "deleting what is not there is no failure";
     EXPECT_EQ(cfg_uci_delete(UCI_PTZD, nullptr, "t"), CFG_UCI_FAILED);
-    EXPECT_EQ(cfg_uci_delete(7, "s", "t"), CFG_UCI_FAILED);
     EXPECT_EQ(rig::stored("ptzd"), "config t 's'\n\toption a '1'\n");
     EXPECT_EQ(cfg_uci_commit(UCI_PTZD), 0);
     EXPECT_EQ(rig::stored("ptzd"),

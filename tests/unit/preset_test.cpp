@@ -55,7 +55,6 @@ TEST_F(Presets, LoadWhatIsStoredAndMapEnabledIdsOnly)
     EXPECT_STREQ(found.name, "gate");
     EXPECT_EQ(std::tuple(found.position_pan, found.position_tilt, found.position_zoom),
               std::tuple(-0.25F, 0.5F, 0.125F));
-    EXPECT_EQ(found.read_only, 1);
     EXPECT_EQ(slot(3).id, 6);
     EXPECT_FALSE(presetFind(6, found)) << "not enabled";
     for (const int number : {4, 5, 6})

@@ -175,25 +175,6 @@ TEST_F(Tour, RestsWhileSomethingIsTracked)
     EXPECT_EQ(cycle(), 75) << "and goes on";
 }
 
-TEST_F(Tour, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
-{
-    presetTour();
-    at(1, 500);
-    EXPECT_EQ(cycle(), 75);
-    fakeMotor.status[PAN].running = 1;
-    EXPECT_EQ(call("gotoPreset", R"({"id":"3"})"), code(RESULT_OK));
-    EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    motorStatusPoll(nullptr);
-    EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_USER}));
-    rest();
-
-    EXPECT_EQ(cycle(), 75) << "the tour goes on";
-    fakeMotor.status[PAN].running = 1;
-    mask("on");
-    EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
-}
-
 // A user's command at each point of a tour's step: the head obeys the user, and the motion counts as the user's.
 class Overtaken : public Tour {
 protected:
@@ -256,17 +237,32 @@ TEST_F(Overtaken, ByAMoveThatHasHaltedTheHeadBeforeItsBegin)
 
 TEST_F(Overtaken, AStopThatHasHaltedLeavesAMotionThatBeginsAfterwards)
 {
-    int sent = NOWHERE;
     atNext(PAN, MOTOR_IOC_STOP, [&] {
         fakeMotor.requests.clear();
         EXPECT_EQ(tourCycle(scan), nullptr);
-        sent = static_cast<int>(fakeMotor.sent(MOTOR_IOC_MOVE).size());
+        EXPECT_EQ(fakeMotor.sent(MOTOR_IOC_MOVE).size(), 2u);
         fakeMotor.status[TILT].running = 0;
     });
     EXPECT_EQ(call("stop"), code(RESULT_OK));
-    EXPECT_EQ(sent, 2);
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_TOUR}));
+}
+
+TEST_F(Overtaken, AMotionUnderWayBecomesTheUsersByAPresetAndByTheLensMask)
+{
+    EXPECT_EQ(cycle(), 75);
+    fakeMotor.status[PAN].running = 1;
+    EXPECT_EQ(call("gotoPreset", R"({"id":"3"})"), code(RESULT_OK));
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    motorStatusPoll(nullptr);
+    EXPECT_EQ(fakes.notifications.back(), (FakeNotification{NOTIFY_IDLE, ORIGIN_USER}));
+    rest();
+
+    EXPECT_EQ(cycle(), 75) << "the tour goes on";
+    fakeMotor.status[PAN].running = 1;
+    mask("on");
+    EXPECT_EQ(motion.user_moved_recently.load(), 1);
+    EXPECT_EQ(gContext.motion.tourCurrentPresetId.load(), 0);
 }
 
 TEST_F(Overtaken, ByWhateverTakesTheHeadAway)
