@@ -62,7 +62,7 @@ bool Memory::starve(const PageRow& row, int nth, bool ever)
     const auto done = [&] { return (turning() || notified() == expectedNotified) && isDone(row); };
     const auto doneOrReported = [&] { return done() || hasReported(expectedLog.size() + 1); };
     if (turning() && !isStep_)
-        setFactors(SLOWLY / 10);
+        setFactors(SLOWLY / 5);
     lab.clock.setSpeed(lastState_ == "save due" ? 10 * FAST : FAST); // the pauses between look-ups are the lab's
     arm(allocation(nth), ever);
     const LabReply reply =

@@ -8,7 +8,7 @@
 
 inline constexpr double FAST = 10;      // lab time in real time, while nothing is looked at
 inline constexpr int32_t FACTOR = 2500; // the whole pan travel takes 0.3 s of the lab
-inline constexpr int32_t SLOWLY = 100;  // for steps: 400 steps a second of the lab
+inline constexpr int32_t SLOWLY = 50;   // for steps: 200 steps a second of the lab
 
 inline constexpr int32_t NOWHERE = -1;
 
