@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <climits>
 
-#include <dlfcn.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,16 +25,6 @@ constexpr long CLOCK_CALL = SYS_clock_gettime;
 using Words = std::array<uint32_t, std::size(LabClockSlot{}.words)>;
 
 constexpr int64_t FAR_AWAY_SECONDS = 4'000'000'000;
-
-// The C library's clock_gettime, found before the program begins and not at the first call: a sanitizer asks for the
-// time in the middle of an allocation, where a lookup, which may allocate, must not be. Until then the kernel is asked.
-using ClockCall = int (*)(clockid_t, timespec*);
-constinit std::atomic<ClockCall> gClockGettime{nullptr};
-
-[[gnu::constructor]] void findClockGettime()
-{
-    gClockGettime.store(reinterpret_cast<ClockCall>(dlsym(RTLD_NEXT, "clock_gettime")));
-}
 
 /// value * multiply / divide without an overflow on the way, for factors of a clock's speed.
 int64_t scaled(int64_t value, int64_t multiply, int64_t divide)
@@ -90,8 +79,9 @@ timespec asTimespec(int64_t ns)
 
 int machineClock(clockid_t clock, timespec* now)
 {
-    const ClockCall call = gClockGettime.load();
-    return call ? call(clock, now) : static_cast<int>(syscall(CLOCK_CALL, clock, now));
+    // The kernel: a sanitizer asks for the time in the middle of an allocation, where the C library's call cannot be
+    // looked up.
+    return static_cast<int>(syscall(CLOCK_CALL, clock, now));
 }
 
 int64_t monotonicNs()

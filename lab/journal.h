@@ -20,10 +20,8 @@ struct LabJournalNote {
     const int32_t* wordsOut; // five words, or null
 };
 
-/// Opens the journal of a folder for appending and creates it where it is missing. -1 when that fails. Any thread.
-int openJournal(const char* folder);
-
-/// Appends one line with a single write(2). `edit` gives the axis after the request and the moment. Needs
-/// LabState::lock, so that lines stand in the order in which requests took effect. Without a journal (-1) does nothing;
-/// a failure to write is only reported.
-void appendJournal(int journal, const LabState& state, LabAxisId id, LabAxisEdit& edit, const LabJournalNote& note);
+/// Appends one line to the journal of a folder with a single write(2). `edit` gives the axis after the request and the
+/// moment. Needs LabState::lock, so that the lines are in the order in which requests took effect. A failure to write
+/// is only reported.
+void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabAxisEdit& edit,
+                   const LabJournalNote& note);

@@ -62,15 +62,15 @@ LabState* createLabState(const char* path)
     return &state;
 }
 
-LabLock::LabLock(LabState& state) : state_(state)
+LabLock::LabLock(pthread_mutex_t& lock) : lock_(lock)
 {
-    if (pthread_mutex_lock(&state_.lock) == EOWNERDEAD)
-        pthread_mutex_consistent(&state_.lock);
+    if (pthread_mutex_lock(&lock_) == EOWNERDEAD)
+        pthread_mutex_consistent(&lock_);
 }
 
 LabLock::~LabLock()
 {
-    pthread_mutex_unlock(&state_.lock);
+    pthread_mutex_unlock(&lock_);
 }
 
 LabAxisEdit::LabAxisEdit(LabState& state, LabAxisId id)

@@ -11,17 +11,20 @@ LabState* mapLabState(const char* folder);
 /// with errno when it cannot.
 LabState* createLabState(const char* path);
 
-/// Holds LabState::lock, which a killed process may have left behind: what it guards changes in single steps, so the
-/// next one simply goes on.
+/// Holds a lock; LabState::lock may have been left behind by a killed process: what it guards changes in single steps,
+/// so the next one simply goes on.
 class LabLock {
 public:
-    explicit LabLock(LabState& state);
+    explicit LabLock(pthread_mutex_t& lock);
+    explicit LabLock(LabState& state) : LabLock(state.lock)
+    {
+    }
     ~LabLock();
     LabLock(const LabLock&) = delete;
     LabLock& operator=(const LabLock&) = delete;
 
 private:
-    LabState& state_;
+    pthread_mutex_t& lock_;
 };
 
 /// A working copy of one axis, brought up to now; commit() makes it the axis. Needs LabState::lock for its whole life.

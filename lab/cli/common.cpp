@@ -4,11 +4,13 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 namespace {
 
@@ -20,10 +22,9 @@ bool mayHoldLab(const fs::path& folder)
     std::error_code problem;
     if (!fs::exists(folder, problem))
         return true;
-    if (!fs::is_directory(folder, problem))
-        return false;
-    return fs::is_empty(folder, problem) || fs::exists(folder / "state", problem) ||
-           fs::exists(folder / "lock", problem);
+    return fs::is_directory(folder, problem) &&
+           (fs::is_empty(folder, problem) || fs::exists(folder / "state", problem) ||
+            fs::exists(folder / "lock", problem));
 }
 
 /// Takes the value of an option; what is wrong with it, or nothing.
@@ -31,9 +32,9 @@ std::string applyOption(const std::string& name, const std::string& value, LabOp
 {
     bool good = false;
     if (name == "--pan") {
-        good = parseSetting(value, ',', 1, options.pan);
+        good = parseSetting(value, 1, options.pan);
     } else if (name == "--tilt") {
-        good = parseSetting(value, ',', 1, options.tilt);
+        good = parseSetting(value, 1, options.tilt);
     } else if (name == "--factor") {
         good = parseNumber(value, 1, 1'000'000, options.factor);
     } else if (name == "--speed") {
@@ -66,69 +67,64 @@ int failed(const std::string& reason)
     return 1;
 }
 
-Order startOrder(const Arguments& arguments, LabOptions& options)
+int statusOf(const Lab& lab, bool succeeded)
 {
-    Order order;
-    order.startsLab = true;
-    for (size_t i = 0; i < arguments.size() && order.problem.empty(); ++i) {
-        const std::string& word = arguments[i];
-        if (word == "--no-wait") {
+    return succeeded ? 0 : failed(lab.error());
+}
+
+std::string parseOptions(const Arguments& arguments, LabOptions& options)
+{
+    std::string problem;
+    for (size_t i = 0; i < arguments.size() && problem.empty(); ++i) {
+        if (arguments[i] == "--no-wait") {
             options.waitCalibrated = false;
-        } else if (word.starts_with("-")) {
-            order.problem = applyOption(word, i + 1 < arguments.size() ? arguments[i + 1] : "", options);
-            ++i;
-        } else if (!order.folder.empty()) {
-            order.problem = "more than one folder: " + order.folder + " and " + word;
         } else {
-            order.folder = word;
+            problem = applyOption(arguments[i], i + 1 < arguments.size() ? arguments[i + 1] : "", options);
+            ++i;
         }
     }
-    return order;
+    return problem;
 }
 
-bool parseSetting(const std::string& text, char separator, int32_t low, LabAxisSetting& setting)
+bool parseSetting(const std::string& text, int32_t low, LabAxisSetting& setting)
 {
     int32_t* const fields[] = {&setting.range, &setting.max_speed, &setting.total_steps};
-    size_t start = 0;
-    for (int32_t* field : fields) {
-        const size_t end = text.find(separator, start);
-        if (start > text.size() || !parseNumber(text.substr(start, end - start), low, INT32_MAX, *field))
-            return false;
-        start = end == std::string::npos ? text.size() + 1 : end + 1;
-    }
-    return start > text.size();
+    std::istringstream list(text);
+    std::string word;
+    const auto take = [&](int32_t* field) {
+        return std::getline(list, word, ',') && parseNumber(word, low, INT32_MAX, *field);
+    };
+    return std::all_of(std::begin(fields), std::end(fields), take) && list.eof();
 }
 
-const char* axisName(LabAxisId axis)
+std::string axisText(Lab& lab, LabAxisId axis)
 {
-    return axis == LAB_PAN ? "pan" : "tilt";
+    const LabAxisSetting setting = lab.motors.setting(axis);
+    const LabAxisNow now = lab.motors.now(axis);
+    const auto coordinate = static_cast<int32_t>(int64_t{setting.range} * now.count / setting.total_steps);
+    char text[192];
+    (void)snprintf(text, sizeof(text), "%-5s at %d (step %d of %d, shaft at %d), %s, speed %d of %d",
+                   axis == LAB_PAN ? "pan" : "tilt", coordinate - setting.range / 2, now.count, setting.total_steps,
+                   now.shaft, now.running ? "turns" : "rests", now.speed, setting.max_speed);
+    return text;
 }
 
-int32_t coordinateOf(const LabAxisSetting& setting, int32_t steps)
-{
-    return static_cast<int32_t>(int64_t{setting.range} * steps / setting.total_steps) - setting.range / 2;
-}
-
-WorkLock::WorkLock(const std::string& folder)
+int lockLab(const std::string& folder)
 {
     std::error_code problem;
     if (!mayHoldLab(folder)) {
         failed(folder + " is in use for something else than a lab");
-        return;
+        return -1;
     }
     fs::create_directories(folder, problem);
-    fd_ = open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd_ < 0) {
+    const int lock = open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (lock < 0) {
         failed("cannot write to " + folder + ": " + strerror(errno));
-        return;
+        return -1;
     }
-    held_ = waitUntil([this] { return flock(fd_, LOCK_EX | LOCK_NB) == 0; }, std::chrono::seconds(30));
-    if (!held_)
-        failed("another ptzd-lab is busy with " + folder);
-}
-
-WorkLock::~WorkLock()
-{
-    if (fd_ >= 0)
-        close(fd_);
+    if (waitUntil([lock] { return flock(lock, LOCK_EX | LOCK_NB) == 0; }, std::chrono::seconds(30)))
+        return lock;
+    close(lock);
+    failed("another ptzd-lab is busy with " + folder);
+    return -1;
 }

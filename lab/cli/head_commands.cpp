@@ -28,27 +28,6 @@ bool allRun(const Lab& lab)
     return runningPrograms(lab) == std::ssize(PROGRAMS);
 }
 
-std::string faultText(const LabFaults& faults)
-{
-    std::string text;
-    for (uint32_t request = 0; request < LAB_REQUEST_COUNT; ++request) {
-        const LabFault& fault = faults.requests[request];
-        const std::string name = LAB_REQUEST_NAMES[request];
-        if (fault.failures != 0)
-            text += ", " + name + " fails " +
-                    (fault.failures < 0 ? "for ever" : std::to_string(fault.failures) + " more times") + " (" +
-                    strerror(fault.error) + ")";
-        if (fault.delayMs != 0)
-            text += ", " + name + " answers " + std::to_string(fault.delayMs) + " ms late";
-    }
-    if (faults.stuckRunning)
-        text += ", reports running for ever";
-    if (faults.capaReplaced)
-        text += ", reports range " + std::to_string(faults.capability[0]) + ", max_speed " +
-                std::to_string(faults.capability[1]) + ", total_steps " + std::to_string(faults.capability[2]);
-    return text.empty() ? "" : text.substr(2);
-}
-
 /// What `cet` takes and shows, in the order of LabCetMode.
 constexpr struct {
     const char* word;
@@ -59,177 +38,155 @@ constexpr struct {
                  {"nocode", "answers without err_code"},
                  {"silent", "never answers"}};
 
-/// An action of one word, or none.
-std::string actionIn(const Arguments& arguments, std::initializer_list<const char*> actions, std::string& problem)
+/// What is wrong with an action of one word, if there is one.
+std::string problemOf(const Arguments& arguments, std::initializer_list<const char*> actions)
 {
-    const std::string action = arguments.empty() ? "" : arguments[0];
     if (arguments.size() > 1)
-        problem = "too many arguments";
-    else if (action != "" && std::find(actions.begin(), actions.end(), action) == actions.end())
-        problem = "there is no action " + action;
-    return action;
+        return "too many arguments";
+    const bool known = arguments.empty() || std::find(actions.begin(), actions.end(), arguments[0]) != actions.end();
+    return known ? "" : "there is no action " + arguments[0];
 }
 
-/// The order to look at a program, or to stop, start or restart it.
-Order switchOrder(const std::string& action, bool (LabPrograms::*start)(), bool (LabPrograms::*stop)(),
-                  void (*print)(Lab&))
+/// Stops, starts or restarts a program.
+int switchProgram(Lab& lab, const std::string& action, bool (LabPrograms::*start)(), bool (LabPrograms::*stop)())
 {
-    if (action == "")
-        return toDo(print);
-    return toDoAlone([=](Lab& lab) {
-        return (action == "start" || (lab.programs.*stop)()) && (action == "stop" || (lab.programs.*start)());
-    });
+    if (lockLab(lab.folder()) < 0)
+        return 1;
+    return statusOf(lab,
+                    (action == "start" || (lab.programs.*stop)()) && (action == "stop" || (lab.programs.*start)()));
 }
 
-void printBus(Lab& lab)
+int printBus(Lab& lab)
 {
     printf("bus   %s\n", lab.programs.isRunning("ubusd") ? "runs" : "does not run");
+    return 0;
 }
 
-void printCet(Lab& lab)
+int printCet(Lab& lab)
 {
     printf("CET   %s\n", lab.programs.isRunning("cet") ? CET_MODES[lab.cet.answer()].text : "does not run");
+    return 0;
 }
 
-void printPtzd(Lab& lab)
+int printPtzd(Lab& lab)
 {
     const std::string reply = lab.programs.isRunning("ptzd") ? lab.call("checkMotorStatus") : "";
     printf("ptzd  %s\n", reply.empty()                  ? "does not run"
                          : reply == R"({"err_code":0})" ? "calibrated"
                          : reply.starts_with("status")  ? "does not answer"
                                                         : "calibrating");
-}
-
-/// The order for the folder that is its only argument, if any.
-Order inFolder(const Arguments& arguments, Order order)
-{
-    if (arguments.size() > 1)
-        order.problem = "more than one folder";
-    else if (!arguments.empty())
-        order.folder = arguments[0];
-    return order;
+    return 0;
 }
 
 } // namespace
 
-void printAxis(Lab& lab, LabAxisId axis)
-{
-    const LabAxisSetting setting = lab.motors.setting(axis);
-    const LabAxisNow now = lab.motors.now(axis);
-    printf("%-5s at %d (step %d of %d, shaft at %d), %s, speed %d of %d\n", axisName(axis),
-           coordinateOf(setting, now.count), now.count, setting.total_steps, now.shaft, now.running ? "turns" : "rests",
-           now.speed, setting.max_speed);
-    const std::string faults = faultText(lab.motors.faults(axis));
-    if (!faults.empty())
-        printf("      faults: %s\n", faults.c_str());
-    if (!lab.motors.hasNode(axis))
-        printf("      /dev/%s is missing\n", axis == LAB_PAN ? "x-motor" : "y-motor");
-}
-
-Order upOrder(Arguments arguments)
+int upCommand(Lab& lab, const Arguments& arguments)
 {
     LabOptions options;
-    Order order = startOrder(arguments, options);
     options.outlive = true;
-    order.locks = true;
-    order.carryOut = [options, named = order.folder](Lab& lab) {
-        const bool already = allRun(lab) && lab.attach() && lab.programs.isReady();
-        if (!already && !lab.up(options))
-            return failed(lab.error() + "\nwhat was started goes on; " + typed("lab down") +
-                          (named.empty() ? "" : " " + named) + " ends it");
-        printf("a head is up in %s%s\n", lab.folder().c_str(), already ? " already" : "");
-        return 0;
-    };
-    return order;
+    const std::string problem = parseOptions(arguments, options);
+    if (!problem.empty())
+        return wrongUse(problem);
+    if (lockLab(lab.folder()) < 0)
+        return 1;
+    const bool already = allRun(lab) && lab.attach() && lab.programs.isReady();
+    if (!already && !lab.up(options))
+        return failed(lab.error() + "\nwhat was started goes on; " + typed("lab down") + namedFolder() + " ends it");
+    printf("a head is up in %s%s\n", lab.folder().c_str(), already ? " already" : "");
+    return 0;
 }
 
-Order downOrder(Arguments arguments)
+int downCommand(Lab& lab, const Arguments& arguments)
 {
-    return inFolder(arguments, toDoAlone([](Lab& lab) {
-                        const bool anything = runningPrograms(lab) > 0;
-                        if (!lab.down())
-                            return false;
-                        printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());
-                        return true;
-                    }));
+    if (!arguments.empty())
+        return wrongUse("takes a folder only");
+    if (lockLab(lab.folder()) < 0)
+        return 1;
+    const bool anything = runningPrograms(lab) > 0;
+    if (!lab.down())
+        return failed(lab.error());
+    printf(anything ? "the head in %s is down\n" : "no head is up in %s\n", lab.folder().c_str());
+    return 0;
 }
 
-Order statusOrder(Arguments arguments)
+int statusCommand(Lab& lab, const Arguments& arguments)
 {
-    return inFolder(arguments, toDo([](Lab& lab) {
-                        printf("lab   %s\n", lab.folder().c_str());
-                        printf("time  %s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
-                        printBus(lab);
-                        printCet(lab);
-                        printPtzd(lab);
-                        printAxis(lab, LAB_PAN);
-                        printAxis(lab, LAB_TILT);
-                        return allRun(lab) ? 0 : 1;
-                    }));
+    if (!arguments.empty())
+        return wrongUse("takes a folder only");
+    printf("lab   %s\n", lab.folder().c_str());
+    printf("time  %s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
+    printBus(lab);
+    printCet(lab);
+    printPtzd(lab);
+    motorCommand(lab, {"x"});
+    motorCommand(lab, {"y"});
+    return allRun(lab) ? 0 : 1;
 }
 
-Order ptzdOrder(Arguments arguments)
+int ptzdCommand(Lab& lab, const Arguments& arguments)
 {
-    Order order;
-    const std::string action = actionIn(arguments, {"kill", "stop", "start", "restart", "log"}, order.problem);
-    if (!order.problem.empty())
-        return order;
-    if (action == "")
-        return toDo(printPtzd);
-    if (action == "log")
-        return toDo([](Lab& lab) { fputs(lab.records.ptzdLog().c_str(), stdout); });
-    return toDoAlone([action](Lab& lab) {
-        const bool runs = lab.programs.isRunning("ptzd");
-        if (!runs && (action == "kill" || action == "stop"))
-            return failed("ptzd does not run in " + lab.folder());
-        if (runs && action != "start" && !lab.programs.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
-            return failed("ptzd does not end");
-        const bool starts = action == "start" || action == "restart";
-        return starts && !lab.programs.startPtzd() ? failed(lab.error()) : 0;
-    });
-}
-
-Order busOrder(Arguments arguments)
-{
-    Order order;
-    const std::string action = actionIn(arguments, {"stop", "start", "restart"}, order.problem);
-    return order.problem.empty() ? switchOrder(action, &LabPrograms::startBus, &LabPrograms::stopBus, printBus) : order;
-}
-
-Order cetOrder(Arguments arguments)
-{
-    Order order;
-    int32_t delayMs = 0;
-    if (!arguments.empty() && arguments[0] == "late") {
-        if (arguments.size() < 2 || !parseNumber(arguments[1], 0, 3'600'000, delayMs)) {
-            order.problem = "late needs a time in ms";
-            return order;
-        }
-        arguments.erase(arguments.begin() + 1);
-    }
-    const std::string action =
-        actionIn(arguments, {"ok", "late", "wrong", "nocode", "silent", "stop", "start"}, order.problem);
-    if (!order.problem.empty())
-        return order;
-    const auto* mode =
-        std::find_if(std::begin(CET_MODES), std::end(CET_MODES), [&](const auto& one) { return action == one.word; });
-    if (mode == std::end(CET_MODES))
-        return switchOrder(action, &LabPrograms::startCet, &LabPrograms::stopCet, printCet);
-    return toDo([=](Lab& lab) { lab.cet.setAnswer(static_cast<LabCetMode>(mode - CET_MODES), delayMs); });
-}
-
-Order execOrder(Arguments arguments)
-{
-    if (!arguments.empty() && arguments[0] == "--")
-        arguments.erase(arguments.begin());
+    const std::string problem = problemOf(arguments, {"kill", "stop", "start", "restart", "log"});
+    if (!problem.empty())
+        return wrongUse(problem);
     if (arguments.empty())
-        return {.problem = "which command?"};
-    return toDo([arguments](Lab& lab) {
-        const Arguments command = labCommand(arguments);
-        const std::vector<std::string> environment = lab.environment();
-        execvpe(command[0].c_str(), ArgumentList(command).get(), ArgumentList(environment).get());
-        const int problem = errno;
-        failed(arguments[0] + ": " + strerror(problem));
-        return problem == ENOENT ? 127 : 126;
-    });
+        return printPtzd(lab);
+    const std::string& action = arguments[0];
+    if (action == "log")
+        return fputs(lab.records.ptzdLog().c_str(), stdout) < 0 ? 1 : 0;
+    if (lockLab(lab.folder()) < 0)
+        return 1;
+    const bool runs = lab.programs.isRunning("ptzd");
+    if (!runs && (action == "kill" || action == "stop"))
+        return failed("ptzd does not run in " + lab.folder());
+    if (runs && action != "start" && !lab.programs.killPtzd(action == "kill" ? SIGKILL : SIGTERM))
+        return failed("ptzd does not end");
+    const bool starts = action == "start" || action == "restart";
+    return statusOf(lab, !starts || lab.programs.startPtzd());
+}
+
+int busCommand(Lab& lab, const Arguments& arguments)
+{
+    const std::string problem = problemOf(arguments, {"stop", "start", "restart"});
+    if (!problem.empty())
+        return wrongUse(problem);
+    if (arguments.empty())
+        return printBus(lab);
+    return switchProgram(lab, arguments[0], &LabPrograms::startBus, &LabPrograms::stopBus);
+}
+
+int cetCommand(Lab& lab, const Arguments& arguments)
+{
+    Arguments words = arguments;
+    int32_t delayMs = 0;
+    if (!words.empty() && words[0] == "late") {
+        if (words.size() < 2 || !parseNumber(words[1], 0, 3'600'000, delayMs))
+            return wrongUse("late needs a time in ms");
+        words.erase(words.begin() + 1);
+    }
+    const std::string problem = problemOf(words, {"ok", "late", "wrong", "nocode", "silent", "stop", "start"});
+    if (!problem.empty())
+        return wrongUse(problem);
+    if (words.empty())
+        return printCet(lab);
+    const auto* mode =
+        std::find_if(std::begin(CET_MODES), std::end(CET_MODES), [&](const auto& one) { return words[0] == one.word; });
+    if (mode == std::end(CET_MODES))
+        return switchProgram(lab, words[0], &LabPrograms::startCet, &LabPrograms::stopCet);
+    lab.cet.setAnswer(static_cast<LabCetMode>(mode - CET_MODES), delayMs);
+    return 0;
+}
+
+int execCommand(Lab& lab, const Arguments& arguments)
+{
+    Arguments words = arguments;
+    if (!words.empty() && words[0] == "--")
+        words.erase(words.begin());
+    if (words.empty())
+        return wrongUse("which command?");
+    const Arguments command = labCommand(words);
+    const std::vector<std::string> environment = lab.environment();
+    execvpe(command[0].c_str(), ArgumentList(command).get(), ArgumentList(environment).get());
+    const int problem = errno;
+    failed(words[0] + ": " + strerror(problem));
+    return problem == ENOENT ? 127 : 126;
 }

@@ -2,7 +2,7 @@
 
 #include "commands.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 
 namespace {
 
@@ -24,188 +23,220 @@ bool parseRequest(std::string text, LabRequest& request)
     return request < LAB_REQUEST_COUNT;
 }
 
-/// A number, or a name as EIO.
+/// A number, or a name that a driver's error may have.
 bool parseErrno(const std::string& text, int& error)
 {
-    if (parseNumber(text, 1, 4095, error))
-        return true;
-    for (error = 1; error < 200; ++error) {
-        const char* name = strerrorname_np(error);
-        if (name && text == name)
-            return true;
-    }
-    return false;
+    const std::map<std::string, int> names = {{"EIO", EIO},       {"EBUSY", EBUSY},   {"EAGAIN", EAGAIN},
+                                              {"EINTR", EINTR},   {"EINVAL", EINVAL}, {"ENODEV", ENODEV},
+                                              {"ENOMEM", ENOMEM}, {"EPERM", EPERM},   {"ETIMEDOUT", ETIMEDOUT}};
+    const auto named = names.find(text);
+    if (named == names.end())
+        return parseNumber(text, 1, 4095, error);
+    error = named->second;
+    return true;
 }
 
-void printJournal(const Lab& lab, LabAxisId axis)
+/// Prints the lines of the journal that have the mark in them.
+int printJournal(const Lab& lab, const char* mark)
 {
     std::ifstream journal(lab.folder() + "/journal");
-    const std::string mark = axis == LAB_PAN ? " x " : " y ";
     for (std::string line; std::getline(journal, line);) {
         if (line.find(mark) != std::string::npos)
-            printf("%s\n", line.c_str());
+            puts(line.c_str());
     }
+    return 0;
 }
 
-Order failOrder(LabAxisId axis, const Arguments& words)
+std::string faultText(const LabFaults& faults)
+{
+    std::string text;
+    for (uint32_t request = 0; request < LAB_REQUEST_COUNT; ++request) {
+        const LabFault& fault = faults.requests[request];
+        const std::string name = LAB_REQUEST_NAMES[request];
+        if (fault.failures != 0)
+            text += ", " + name + " fails " +
+                    (fault.failures < 0 ? "for ever" : std::to_string(fault.failures) + " more times") + " (" +
+                    strerror(fault.error) + ")";
+        if (fault.delayMs != 0)
+            text += ", " + name + " answers " + std::to_string(fault.delayMs) + " ms late";
+    }
+    if (faults.stuckRunning)
+        text += ", reports running for ever";
+    if (faults.capaReplaced)
+        text += ", reports range " + std::to_string(faults.capability[0]) + ", max_speed " +
+                std::to_string(faults.capability[1]) + ", total_steps " + std::to_string(faults.capability[2]);
+    return text.empty() ? "" : text.substr(2);
+}
+
+int printAxis(Lab& lab, LabAxisId axis)
+{
+    puts(axisText(lab, axis).c_str());
+    const std::string faults = faultText(lab.motors.faults(axis));
+    if (!faults.empty())
+        printf("      faults: %s\n", faults.c_str());
+    if (!lab.motors.hasNode(axis))
+        printf("      /dev/%s is missing\n", axis == LAB_PAN ? "x-motor" : "y-motor");
+    return 0;
+}
+
+int fail(Lab& lab, LabAxisId axis, const Arguments& words)
 {
     LabRequest request{};
     int32_t times = 1;
     int error = EIO;
-    if (words.size() < 2 || words.size() > 4)
-        return {"fail takes a request, how often and an error"};
-    if (!parseRequest(words[1], request))
-        return {"there is no request " + words[1]};
-    if (words.size() > 2 && words[2] == "ever")
+    if (!parseRequest(words[0], request))
+        return wrongUse("there is no request " + words[0]);
+    if (words.size() > 1 && words[1] == "ever")
         times = LAB_FOR_EVER;
-    else if (words.size() > 2 && !parseNumber(words[2], 0, 1'000'000, times))
-        return {"not a number of times: " + words[2]};
-    if (words.size() > 3 && !parseErrno(words[3], error))
-        return {"not an error: " + words[3]};
-    return toDo([=](Lab& lab) { lab.motors.failRequest(axis, request, times, error); });
+    else if (words.size() > 1 && !parseNumber(words[1], 0, 1'000'000, times))
+        return wrongUse("not a number of times: " + words[1]);
+    if (words.size() > 2 && !parseErrno(words[2], error))
+        return wrongUse("not an error: " + words[2]);
+    lab.motors.failRequest(axis, request, times, error);
+    return 0;
 }
 
-Order delayOrder(LabAxisId axis, const Arguments& words)
+int delay(Lab& lab, LabAxisId axis, const Arguments& words)
 {
     LabRequest request{};
     int32_t ms = 0;
-    if (words.size() != 3)
-        return {"delay takes a request and a time in ms"};
-    if (!parseRequest(words[1], request))
-        return {"there is no request " + words[1]};
-    if (!parseNumber(words[2], 0, 86'400'000, ms))
-        return {"not a time in ms: " + words[2]};
-    return toDo([=](Lab& lab) { lab.motors.delayRequest(axis, request, ms); });
+    if (!parseRequest(words[0], request))
+        return wrongUse("there is no request " + words[0]);
+    if (!parseNumber(words[1], 0, 86'400'000, ms))
+        return wrongUse("not a time in ms: " + words[1]);
+    lab.motors.delayRequest(axis, request, ms);
+    return 0;
 }
 
-Order capabilityOrder(LabAxisId axis, const Arguments& words)
+int reportCapability(Lab& lab, LabAxisId axis, const Arguments& words)
 {
     std::optional<LabAxisSetting> shown;
-    const bool off = words.size() == 2 && words[1] == "off";
-    if (!off && (words.size() != 4 ||
-                 !parseSetting(words[1] + " " + words[2] + " " + words[3], ' ', INT32_MIN, shown.emplace())))
-        return {"capa takes three whole numbers, or off"};
-    return toDo([=](Lab& lab) { lab.motors.reportCapability(axis, shown); });
+    if (words.size() == 3 ? !parseSetting(words[0] + "," + words[1] + "," + words[2], INT32_MIN, shown.emplace())
+                          : words != Arguments{"off"})
+        return wrongUse("capa takes three whole numbers, or off");
+    lab.motors.reportCapability(axis, shown);
+    return 0;
 }
 
-Order switchOrder(LabAxisId axis, const Arguments& words)
+int stick(Lab& lab, LabAxisId axis, const Arguments& words)
 {
-    if (words.size() != 2 || (words[1] != "on" && words[1] != "off"))
-        return {words[0] + " is on or off"};
-    const bool on = words[1] == "on";
-    if (words[0] == "node")
-        return toDo([=](Lab& lab) { return lab.motors.setNode(axis, on); });
-    return toDo([=](Lab& lab) { lab.motors.stuckRunning(axis, on); });
+    if (words[0] != "on" && words[0] != "off")
+        return wrongUse("stuck is on or off");
+    lab.motors.stuckRunning(axis, words[0] == "on");
+    return 0;
 }
 
-Order speedOrder(LabAxisId axis, const Arguments& words)
+int setNode(Lab& lab, LabAxisId axis, const Arguments& words)
+{
+    if (words[0] != "on" && words[0] != "off")
+        return wrongUse("node is on or off");
+    return statusOf(lab, lab.motors.setNode(axis, words[0] == "on"));
+}
+
+int setFactor(Lab& lab, LabAxisId axis, const Arguments& words)
 {
     int32_t factor = 0;
-    if (words.size() != 2 || !parseNumber(words[1], 1, 1'000'000, factor))
-        return {"speed takes the steps per second for each unit of speed"};
-    return toDo([=](Lab& lab) { lab.motors.setFactor(axis, factor); });
+    if (!parseNumber(words[0], 1, 1'000'000, factor))
+        return wrongUse("speed takes the steps per second for each unit of speed");
+    lab.motors.setFactor(axis, factor);
+    return 0;
 }
+
+const struct {
+    const char* name;
+    size_t fewest; // arguments
+    size_t most;
+    int (*act)(Lab& lab, LabAxisId axis, const Arguments& words);
+} ACTIONS[] = {
+    {"fail", 1, 3, fail},
+    {"delay", 2, 2, delay},
+    {"capa", 1, 3, reportCapability},
+    {"stuck", 1, 1, stick},
+    {"node", 1, 1, setNode},
+    {"speed", 1, 1, setFactor},
+    {"clear", 0, 0,
+     [](Lab& lab, LabAxisId axis, const Arguments&) { return statusOf(lab, lab.motors.clearFaults(axis)); }},
+    {"journal", 0, 0,
+     [](Lab& lab, LabAxisId axis, const Arguments&) { return printJournal(lab, axis == LAB_PAN ? " x " : " y "); }},
+};
 
 } // namespace
 
-Order motorOrder(Arguments words)
+int motorCommand(Lab& lab, const Arguments& arguments)
 {
-    if (words.empty() || (words[0] != "x" && words[0] != "y"))
-        return {words.empty() ? "which axis, x or y?" : "the axis is x or y, not " + words[0]};
-    const LabAxisId axis = words[0] == "x" ? LAB_PAN : LAB_TILT;
-    words.erase(words.begin());
-    if (words.empty())
-        return toDo([=](Lab& lab) { printAxis(lab, axis); });
-    const std::string& verb = words[0];
-    if (verb == "fail")
-        return failOrder(axis, words);
-    if (verb == "delay")
-        return delayOrder(axis, words);
-    if (verb == "capa")
-        return capabilityOrder(axis, words);
-    if (verb == "stuck" || verb == "node")
-        return switchOrder(axis, words);
-    if (verb == "speed")
-        return speedOrder(axis, words);
-    if (verb != "clear" && verb != "journal")
-        return {"there is no action " + verb};
-    if (words.size() > 1)
-        return {verb + " takes no argument"};
-    if (verb == "clear")
-        return toDo([=](Lab& lab) { return lab.motors.clearFaults(axis); });
-    return toDo([=](Lab& lab) { printJournal(lab, axis); });
+    if (arguments.empty() || (arguments[0] != "x" && arguments[0] != "y"))
+        return wrongUse(arguments.empty() ? "which axis, x or y?" : "the axis is x or y, not " + arguments[0]);
+    const LabAxisId axis = arguments[0] == "x" ? LAB_PAN : LAB_TILT;
+    if (arguments.size() == 1)
+        return printAxis(lab, axis);
+    const Arguments words(arguments.begin() + 2, arguments.end());
+    for (const auto& action : ACTIONS) {
+        if (arguments[1] != action.name)
+            continue;
+        if (words.size() < action.fewest || words.size() > action.most)
+            return wrongUse(arguments[1] +
+                            (words.size() > action.most ? " takes fewer arguments" : " needs arguments"));
+        return action.act(lab, axis, words);
+    }
+    return wrongUse("there is no action " + arguments[1]);
 }
 
-Order powerLossOrder(Arguments arguments)
+int powerLossCommand(Lab& lab, const Arguments& arguments)
 {
     if (!arguments.empty())
-        return {"takes no argument"};
-    return toDo([](Lab& lab) { lab.motors.powerLoss(); });
+        return wrongUse("takes no argument");
+    lab.motors.powerLoss();
+    return 0;
 }
 
-Order clockOrder(Arguments arguments)
+int clockCommand(Lab& lab, const Arguments& arguments)
 {
     const std::string action = arguments.empty() ? "" : arguments[0];
     if (action == "speed") {
         char* end = nullptr;
         const double speed = arguments.size() == 2 ? strtod(arguments[1].c_str(), &end) : 0;
         if (!end || *end != '\0' || !(speed >= 0.001 && speed <= 100'000))
-            return {"speed takes a number from 0.001 to 100000"};
-        return toDo([=](Lab& lab) { lab.clock.setSpeed(speed); });
+            return wrongUse("speed takes a number from 0.001 to 100000");
+        lab.clock.setSpeed(speed);
+        return 0;
     }
-    if (action == "set" && arguments.size() != 2)
-        return {"set takes a time in one argument"};
     if (action == "set")
-        return toDo([=](Lab& lab) { return lab.clock.setWall(arguments[1]); });
+        return arguments.size() == 2 ? statusOf(lab, lab.clock.setWall(arguments[1]))
+                                     : wrongUse("set takes a time in one argument");
     if (arguments.size() > 1)
-        return {action + " takes no argument"};
-    if (action == "real")
-        return toDo([](Lab& lab) { lab.clock.realTime(); });
-    if (action != "")
-        return {"there is no action " + action};
-    return toDo([](Lab& lab) { printf("%s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed()); });
+        return wrongUse(action + " takes no argument");
+    if (action == "")
+        printf("%s, speed %g\n", lab.clock.wall().c_str(), lab.clock.speed());
+    else if (action == "real")
+        lab.clock.realTime();
+    else
+        return wrongUse("there is no action " + action);
+    return 0;
 }
 
-Order journalOrder(Arguments arguments)
+int journalCommand(Lab& lab, const Arguments& arguments)
 {
-    const bool follow = arguments.size() == 1 && arguments[0] == "-f";
-    if (!arguments.empty() && !follow)
-        return {"takes -f or nothing"};
-    return toDo([follow](Lab& lab) {
-        const std::string path = lab.folder() + "/journal";
-        std::ifstream journal(path);
-        for (off_t shown = 0;;) {
-            for (std::string line; std::getline(journal, line);)
-                std::cout << line << '\n';
-            std::cout.flush();
-            if (!follow || !std::cout)
-                return;
-            journal.clear();
-            const auto at = static_cast<off_t>(journal.tellg());
-            shown = at >= 0 ? at : shown;
-            struct stat info {};
-            if (stat(path.c_str(), &info) == 0 && info.st_size < shown)
-                journal.seekg(0); // emptied by a new start
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-    });
+    if (arguments.empty())
+        return printJournal(lab, "");
+    if (arguments != Arguments{"-f"})
+        return wrongUse("takes -f or nothing");
+    execlp("tail", "tail", "-n", "+1", "-F", (lab.folder() + "/journal").c_str(), nullptr);
+    return failed(std::string("tail: ") + strerror(errno));
 }
 
-Order plotOrder(Arguments arguments)
+int plotCommand(Lab& lab, const Arguments& arguments)
 {
     if (arguments.size() != 1)
-        return {"takes the name of the picture"};
-    return toDo([file = arguments[0]](Lab& lab) {
-        const std::vector<LabJournalEntry> journal = lab.records.journal();
-        if (journal.empty())
-            return failed("nothing has happened in " + lab.folder() + " yet");
-        const LabAxisSetting axes[] = {lab.motors.setting(LAB_PAN), lab.motors.setting(LAB_TILT)};
-        std::ofstream picture(file);
-        picture << plotLab(journal, lab.records.cetLog(), axes, lab.clock.nowNs(), lab.clock.wallAtZeroNs());
-        picture.close();
-        if (!picture)
-            return failed("cannot write " + file);
-        printf("pan and tilt are drawn in %s\n", file.c_str());
-        return 0;
-    });
+        return wrongUse("takes the name of the picture");
+    const std::vector<LabJournalEntry> journal = lab.records.journal();
+    if (journal.empty())
+        return failed("nothing has happened in " + lab.folder() + " yet");
+    const LabAxisSetting axes[] = {lab.motors.setting(LAB_PAN), lab.motors.setting(LAB_TILT)};
+    std::ofstream picture(arguments[0]);
+    picture << plotLab(journal, lab.records.cetLog(), axes, lab.clock.nowNs(), lab.clock.wallAtZeroNs());
+    picture.close();
+    if (!picture)
+        return failed("cannot write " + arguments[0]);
+    printf("pan and tilt are drawn in %s\n", arguments[0].c_str());
+    return 0;
 }

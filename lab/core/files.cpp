@@ -1,7 +1,9 @@
 #include "files.h"
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <sstream>
 #include <system_error>
 
@@ -26,16 +28,14 @@ bool writeFile(const std::string& path, const std::string& text)
     return !problem;
 }
 
-std::string tailOf(const std::string& text, int lines)
+std::string tailOf(const std::string& text, size_t lines)
 {
-    size_t start = text.size();
-    if (start > 0 && text.back() == '\n')
-        --start;
-    for (int i = 0; i < lines && start > 0 && start != std::string::npos; ++i)
-        start = text.rfind('\n', start - 1);
-    std::istringstream tail(text.substr(start == std::string::npos || start == 0 ? 0 : start + 1));
-    std::string result;
-    for (std::string line; std::getline(tail, line);)
-        result += "  " + line + "\n";
-    return result;
+    std::deque<std::string> last;
+    std::istringstream all(text);
+    for (std::string line; std::getline(all, line);) {
+        last.push_back("  " + line + "\n");
+        if (last.size() > lines)
+            last.pop_front();
+    }
+    return std::accumulate(last.begin(), last.end(), std::string());
 }

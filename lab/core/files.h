@@ -8,4 +8,4 @@ std::string readFile(const std::string& path);
 /// Replaces a file; a reader sees the old or the new text, whole.
 bool writeFile(const std::string& path, const std::string& text);
 /// The last lines of a text, each indented by two blanks.
-std::string tailOf(const std::string& text, int lines);
+std::string tailOf(const std::string& text, size_t lines);

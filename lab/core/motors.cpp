@@ -4,8 +4,6 @@
 
 #include "lab/clock.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -76,15 +74,12 @@ void LabMotors::setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed)
 void LabMotors::powerLoss()
 {
     const LabLock hold(*base_.state);
-    const int journal = openJournal(base_.folder().c_str());
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisEdit edit(*base_.state, axis);
         losePower(*edit, edit.labNs());
-        appendJournal(journal, *base_.state, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
+        appendJournal(base_.folder().c_str(), *base_.state, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
         edit.commit();
     }
-    if (journal >= 0)
-        close(journal);
 }
 
 LabAxisNow LabMotors::now(LabAxisId axis)

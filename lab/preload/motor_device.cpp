@@ -4,14 +4,11 @@
 #include "lab/clock.h"
 #include "lab/journal.h"
 
-#include <fcntl.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 namespace {
@@ -34,36 +31,6 @@ constexpr uint32_t REQUEST_WORDS[LAB_REQUEST_COUNT] = {
 };
 constexpr int WORD_SPEED = 1;
 constexpr int WORD_STEPS = 2;
-
-/// Beyond what a program uses, and within what the kernel's second smallest table of descriptors holds.
-constexpr int LOWEST_JOURNAL = 200;
-
-// The journal, kept open from request to request. A child of fork inherits it. Changed with LabState::lock held.
-constinit int gJournal = -1;
-constinit struct stat gJournalFile {
-};
-
-/// A descriptor to append to the journal; -1 when there is none to be had. The program knows nothing of it and may
-/// close it or put a file of its own at its number, which must not get the lab's text; and the journal may be deleted.
-/// So it is opened anew where the number is another file's. Needs LabState::lock until the line is written.
-int journalDescriptor()
-{
-    struct stat info {};
-    const bool ours = gJournal >= 0 && fstat(gJournal, &info) == 0 && info.st_dev == gJournalFile.st_dev &&
-                      info.st_ino == gJournalFile.st_ino;
-    if (ours && info.st_nlink > 0)
-        return gJournal;
-    if (ours)
-        close(gJournal);
-    gJournal = openJournal(labFolder());
-    const int moved = fcntl(gJournal, F_DUPFD_CLOEXEC, LOWEST_JOURNAL);
-    if (moved >= 0) { // else so few descriptors are allowed
-        close(gJournal);
-        gJournal = moved;
-    }
-    (void)fstat(gJournal, &gJournalFile);
-    return gJournal;
-}
 
 struct Words {
     int32_t word[LAB_WORDS];
@@ -147,7 +114,7 @@ Outcome takeEffect(LabState& state, LabAxisId id, unsigned request, Words& words
     }
     record.served[request].fetch_add(1);
     appendJournal(
-        journalDescriptor(), state, id, edit,
+        labFolder(), state, id, edit,
         {LAB_REQUEST_NAMES[request], writes ? in.word : nullptr, result, reads && result == 0 ? words.word : nullptr});
     if (!reads && result == 0)
         edit.commit();
@@ -166,7 +133,7 @@ int awaitRotation(LabState& state, LabAxisId id, uint32_t motionId)
             LabAxisEdit edit(state, id);
             if (edit->motionId != motionId || edit->motionSteps == 0) {
                 const int result = motionCompleted(*edit, motionId) ? 0 : EIO;
-                appendJournal(journalDescriptor(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
+                appendJournal(labFolder(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
                 edit.commit();
                 return result;
             }

@@ -27,33 +27,6 @@ constexpr Mapping MAPPINGS[] = {
     {"/dev/y-motor", "/dev/y-motor", true},
 };
 
-/// Passes over slashes and single dots; nothing else names the same place without a look at the file system.
-const char* skipSlashes(const char* path)
-{
-    while (path[0] == '/' || (path[0] == '.' && (path[1] == '/' || path[1] == '\0')))
-        ++path;
-    return path;
-}
-
-/// What follows `prefix` in `path` (empty for the place itself), or null when the path lies elsewhere.
-const char* below(const char* path, const char* prefix)
-{
-    while (*prefix) {
-        if (*path != '/')
-            return nullptr;
-        path = skipSlashes(path);
-        ++prefix;
-        const size_t length = strcspn(prefix, "/");
-        if (strncmp(path, prefix, length) != 0)
-            return nullptr;
-        path += length;
-        prefix += length;
-    }
-    if (*path != '/' && *path != '\0')
-        return nullptr;
-    return path;
-}
-
 bool isBelow(const char* path, const char* folder)
 {
     const size_t length = strlen(folder);
@@ -71,12 +44,12 @@ LabPath::LabPath(const char* path) : target_(path)
     if (!folder || isBelow(path, folder))
         return;
     for (const Mapping& mapping : MAPPINGS) {
-        const char* rest = below(path, mapping.path);
-        if (!rest)
+        if (!isBelow(path, mapping.path))
             continue;
         target_ = buffer_;
         device_ = mapping.device;
-        const int length = snprintf(buffer_, sizeof(buffer_), "%s%s%s", folder, mapping.inLab, rest);
+        const int length =
+            snprintf(buffer_, sizeof(buffer_), "%s%s%s", folder, mapping.inLab, path + strlen(mapping.path));
         if (length < 0 || static_cast<size_t>(length) >= sizeof(buffer_)) {
             memset(buffer_, 'x', NAME_MAX + 1);
             buffer_[NAME_MAX + 1] = '\0';

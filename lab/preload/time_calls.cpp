@@ -2,6 +2,7 @@
 
 #include "context.h"
 #include "lab/clock.h"
+#include "lab/state_file.h"
 
 #include <pthread.h>
 #include <stdlib.h>
@@ -15,29 +16,9 @@
 
 namespace {
 
-/// At the ordinary speed a nap this short goes straight to the kernel: it is over before a change of the clock that
-/// comes meanwhile makes a difference.
-constexpr int64_t NAP_NS = 250 * NS_PER_MS;
-
-/// The lab's state if its wall clock differs from the machine's, else null.
-const LabState* stateWithOwnWall()
-{
-    const LabState* state = labState();
-    return state && !readClock(*state).wallIsReal ? state : nullptr;
-}
-
 bool isWall(clockid_t clock)
 {
     return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-}
-
-/// The lab's state if a sleep of `ns` must follow the lab clock, else null.
-LabState* stateForSleep(int64_t ns)
-{
-    LabState* state = labState();
-    if (state && ns <= NAP_NS && readClock(*state).speedMilli == CLOCK_SPEED_ONE)
-        return nullptr;
-    return state;
 }
 
 /// Has the C library read the lab's zone again if its file is another than at the last call. The library remembers the
@@ -56,14 +37,13 @@ void followZoneFile()
     struct stat now {};
     if (stat(zone + 1, &now) != 0)
         return;
-    pthread_mutex_lock(&lock);
+    const LabLock hold(lock);
     if (now.st_ino != known.st_ino || now.st_mtim.tv_sec != known.st_mtim.tv_sec ||
         now.st_mtim.tv_nsec != known.st_mtim.tv_nsec) {
         known = now;
         char& spelling = zone[length + 2];
         spelling = spelling == '.' ? '/' : '.';
     }
-    pthread_mutex_unlock(&lock);
 }
 
 } // namespace
@@ -73,32 +53,28 @@ extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* now) C_NOEXCEPT
 {
-    const LabState* state = isWall(clock) ? stateWithOwnWall() : nullptr;
+    const LabState* state = isWall(clock) ? labState() : nullptr;
     if (!state)
         return machineClock(clock, now);
     *now = asTimespec(wallNow(*state));
     return 0;
 }
 
-int gettimeofday(timeval* now, void* zone) C_NOEXCEPT
+int gettimeofday(timeval* now, void*) C_NOEXCEPT
 {
-    const int result = NEXT(gettimeofday)(now, zone);
-    if (const LabState* state = result == 0 ? stateWithOwnWall() : nullptr) {
-        const timespec wall = asTimespec(wallNow(*state));
-        *now = {wall.tv_sec, wall.tv_nsec / 1000};
-    }
+    timespec wall{};
+    const int result = clock_gettime(CLOCK_REALTIME, &wall);
+    *now = {wall.tv_sec, wall.tv_nsec / 1000};
     return result;
 }
 
 time_t time(time_t* result) C_NOEXCEPT
 {
-    const LabState* state = stateWithOwnWall();
-    if (!state)
-        return NEXT(time)(result);
-    const time_t now = asTimespec(wallNow(*state)).tv_sec;
+    timespec wall{};
+    clock_gettime(CLOCK_REALTIME, &wall);
     if (result)
-        *result = now;
-    return now;
+        *result = wall.tv_sec;
+    return wall.tv_sec;
 }
 
 void tzset() C_NOEXCEPT
@@ -111,7 +87,7 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec
 {
     const bool absolute = (flags & TIMER_ABSTIME) != 0;
     const bool ours = isValid(*wanted) && (isWall(clock) || (clock == CLOCK_MONOTONIC && !absolute));
-    LabState* state = ours ? stateForSleep(absolute ? INT64_MAX : nanoseconds(*wanted)) : nullptr;
+    LabState* state = ours ? labState() : nullptr;
     if (!state)
         return NEXT(clock_nanosleep)(clock, flags, wanted, remaining);
     const int64_t until = labNow(*state) + nanoseconds(*wanted) - (absolute ? wallNow(*state) : 0);

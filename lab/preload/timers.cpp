@@ -6,6 +6,7 @@
 
 #include "context.h"
 #include "lab/clock.h"
+#include "lab/state_file.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -35,41 +36,20 @@ struct LabTimer {
     int running;
 };
 
-/// What a new thread is to do; it frees the record.
-struct Expiry {
-    void (*callback)(sigval);
-    sigval argument;
-    LabTimer* timer;
-};
-
 pthread_mutex_t gLock = PTHREAD_MUTEX_INITIALIZER; // guards everything below
 LabTimer gTimers[TIMER_MAX];
 bool gDispatcherRuns;
 
-class Locked {
-public:
-    Locked()
-    {
-        pthread_mutex_lock(&gLock);
-    }
-    ~Locked()
-    {
-        pthread_mutex_unlock(&gLock);
-    }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
-
+/// A timer's slot is not used anew while a callback runs, so callback and argument stay.
 void* runExpiry(void* record)
 {
-    const Expiry expiry = *static_cast<Expiry*>(record);
-    free(record);
+    auto& timer = *static_cast<LabTimer*>(record);
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
-    expiry.callback(expiry.argument);
-    const Locked hold;
-    --expiry.timer->running;
+    timer.callback(timer.argument);
+    const LabLock hold(gLock);
+    --timer.running;
     return nullptr;
 }
 
@@ -89,15 +69,8 @@ bool startThread(void* (*routine)(void*), void* argument, size_t stackSize)
 /// Starts the callback of a timer that is due. Needs gLock.
 void expire(LabTimer& timer)
 {
-    auto* expiry = timer.running < CALLBACK_MAX ? static_cast<Expiry*>(malloc(sizeof(Expiry))) : nullptr;
-    if (!expiry)
-        return;
-    *expiry = {timer.callback, timer.argument, &timer};
-    ++timer.running;
-    if (startThread(runExpiry, expiry, timer.stackSize))
-        return;
-    free(expiry);
-    --timer.running;
+    if (timer.running < CALLBACK_MAX && startThread(runExpiry, &timer, timer.stackSize))
+        ++timer.running;
 }
 
 /// Expires what is due and returns the lab time of the next expiry, UNARMED if none is armed. Expiries of one timer
@@ -129,7 +102,7 @@ void* dispatch(void*)
         const LabClock clock = readClock(state);
         int64_t next = UNARMED;
         {
-            const Locked hold;
+            const LabLock hold(gLock);
             next = expireDue(labTimeAt(clock, monotonicNs()));
         }
         waitWord(state.wake, seen, next == UNARMED ? INT64_MAX : realTimeOf(clock, next));
@@ -195,8 +168,7 @@ int timer_create(clockid_t clock, sigevent* event, timer_t* id) C_NOEXCEPT
     size_t stackSize = 0;
     if (event->sigev_notify_attributes)
         pthread_attr_getstacksize(event->sigev_notify_attributes, &stackSize);
-    const Locked hold;
-    // A slot whose last callback has not ended yet is left alone, because that callback still counts itself off.
+    const LabLock hold(gLock);
     LabTimer* timer =
         std::find_if(gTimers, gTimers + TIMER_MAX, [](const LabTimer& t) { return !t.used && t.running == 0; });
     if (timer == gTimers + TIMER_MAX)
@@ -214,7 +186,7 @@ int timer_settime(timer_t id, int flags, const itimerspec* value, itimerspec* ol
     LabState& state = *labState();
     auto& timer = *static_cast<LabTimer*>(id);
     {
-        const Locked hold;
+        const LabLock hold(gLock);
         if (!timer.used || old || !isValid(value->it_value) || !isValid(value->it_interval))
             return fail(EINVAL);
         timer.nextNs = UNARMED;
@@ -234,7 +206,7 @@ int timer_delete(timer_t id) C_NOEXCEPT
     if (!ownsTimer(id))
         return NEXT(timer_delete)(id);
     auto& timer = *static_cast<LabTimer*>(id);
-    const Locked hold;
+    const LabLock hold(gLock);
     if (!timer.used)
         return fail(EINVAL);
     timer.used = false;

@@ -11,6 +11,9 @@
 #include <vector>
 
 inline constexpr LabAxisId AXES[] = {LAB_PAN, LAB_TILT};
+inline constexpr int64_t SECOND_NS = 1'000'000'000;
+/// Of lab time; what is seen later than this after its cause has another.
+inline constexpr int64_t LATENESS_NS = 12 * SECOND_NS;
 
 /// The daemon did something else than the rules say.
 struct Mismatch {
@@ -51,7 +54,6 @@ struct Notification {
 struct Evidence {
     std::vector<LabJournalEntry> entries;
     size_t at = 0;
-    std::vector<LabCetEntry> log;
     std::vector<Notification> notifications;
     std::set<pid_t> lasting; // the daemon's threads at rest: of those only the touring one sends requests
 
@@ -59,13 +61,12 @@ struct Evidence {
     {
         // What happened up to now: of two things the one that led to the other is then never missing.
         const int64_t now = lab.clock.nowNs();
-        log = lab.records.cetLog();
+        const auto log = lab.records.cetLog();
         entries = lab.records.journal();
-        std::erase_if(log, [now](const LabCetEntry& entry) { return entry.labNs > now; });
         std::erase_if(entries, [now](const LabJournalEntry& entry) { return entry.labNs > now; });
         notifications.clear();
         for (const LabCetEntry& entry : log)
-            if (!entry.isEvent)
+            if (!entry.isEvent && entry.labNs <= now)
                 notifications.push_back({entry.labNs, entry.name == "notify_motor_moving", atoi(entry.text.c_str())});
     }
     /// The next entry of the event loop's thread at or after `at`, or entries.size().
@@ -98,46 +99,5 @@ struct Evidence {
             if (entries[i].thread == entries[i].pid)
                 return entries[i].labNs;
         return 0;
-    }
-    /// True when the event loop's thread made a request between two moments.
-    bool loopActed(int64_t fromNs, int64_t toNs) const
-    {
-        return std::any_of(entries.begin(), entries.end(), [&](const LabJournalEntry& entry) {
-            return entry.thread == entry.pid && entry.labNs >= fromNs && entry.labNs <= toNs;
-        });
-    }
-    /// The request whose motion of an axis was under way then, as an index into entries, or entries.size().
-    size_t moveUnderWay(LabAxisId axis, int64_t labNs) const
-    {
-        const size_t none = entries.size();
-        size_t last = none;
-        for (size_t i = 0; i < entries.size() && entries[i].labNs <= labNs; ++i)
-            if (entries[i].axis == axis)
-                last = i;
-        if (last == none || entries[last].rate == 0)
-            return none;
-        // The last step counts as made: it was begun at an unknown moment.
-        const int64_t steps = std::abs(int64_t{entries[last].left}) - 1;
-        if (labNs >= entries[last].labNs + steps * 1'000'000'000 / std::abs(entries[last].rate))
-            return none;
-        const auto started = [&](const LabJournalEntry& other) {
-            return other.axis == axis && other.result == 0 && (other.request == "MOVE" || other.request == "ROTATE");
-        };
-        while (last > 0 && !started(entries[last]))
-            --last;
-        return last;
-    }
-    /// Every notification but those of tracking has its event, in order and each after its call; says what is wrong.
-    std::string wrongEvents() const
-    {
-        std::vector<std::string> due; // the actions of the events, by their calls
-        size_t answered = 0;
-        for (const LabCetEntry& entry : log) {
-            if (!entry.isEvent && entry.text != "1")
-                due.push_back(entry.name == "notify_motor_moving" ? "start" : "stop");
-            else if (entry.isEvent && (answered == due.size() || entry.text != due[answered++]))
-                return "an event \"" + entry.text + "\" that is not due";
-        }
-        return answered < due.size() ? "a notification without its event" : "";
     }
 };

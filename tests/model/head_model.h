@@ -1,17 +1,24 @@
 #pragma once
 // The rules of the daemon's methods in their plainest form: a function a method.
 
-#include "head_presets.h"
+#include "head_base.h"
 
-class HeadModel : public HeadPresets {
+#include <json-c/json_pointer.h>
+
+class HeadModel : public HeadBase {
 public:
     HeadModel(Evidence& evidence, Files& files, const LabOptions& options, const LabAxisNow (&found)[LAB_AXIS_COUNT])
-        : HeadPresets(evidence, files, options, found)
+        : HeadBase(evidence, files, options, found)
     {
         addMotions();
         addPanorama();
         addTracking();
         addSettings();
+        for (auto& [id, position] : files.presets) // with the digits that are stored
+            for (float& axis : position)
+                axis = strtof(std::to_string(axis).c_str(), nullptr);
+        world.now.presets = files.presets;
+        addPresets();
     }
 
 private:
@@ -93,9 +100,8 @@ private:
             refuseBusy(false);
             panorama_ = false; // if it fails
             look();
-            const bool turned = reading_.running();
             haltIfRunning();
-            saveNow(turned);
+            saveNow();
             const Pair start = toSteps({sign(LAB_PAN) * -150, sign(LAB_TILT) * -10});
             refuse(!go(Begin::USER, maxSpeeds(), wayTo(start), true), CODE_DEVICE);
             panorama_ = true;
@@ -131,11 +137,9 @@ private:
             const bool asksOrigin = !save_ && storing_ == Storing::FREE;
             const bool saves = nextIs("GET_STATUS");
             if (asksOrigin)
-                motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR},
-                                   saves ? "the position is stored again in the middle of a tracking"
-                                         : "the position before a tracking is not stored");
+                motions.keepOrigin(saves, {ORIGIN_USER, ORIGIN_TOUR}, "storing the position before a tracking only");
             if (save_ || saves)
-                saveNow(false);
+                saveNow();
             const Pair steps = relative(way);
             refuse(!go(Begin::TRACK, speeds, steps), CODE_DEVICE);
         };
@@ -146,9 +150,7 @@ private:
             look();
             if (reading_.running()) {
                 const bool halts = nextIs("STOP");
-                motions.keepOrigin(halts, {ORIGIN_TRACK},
-                                   halts ? "a return stops a motion that is no tracking"
-                                         : "a return does not end the tracking");
+                motions.keepOrigin(halts, {ORIGIN_TRACK}, "a return stops a tracking only");
                 refuse(!halts, CODE_CALIBRATING);
                 halt();
                 look();
@@ -176,9 +178,7 @@ private:
             const bool ran = reading_.running();
             if (ran) {
                 const bool halts = nextIs("STOP");
-                motions.keepOrigin(halts, {ORIGIN_TRACK},
-                                   halts ? "the end of tracking stops another motion"
-                                         : "the end of tracking does not stop it");
+                motions.keepOrigin(halts, {ORIGIN_TRACK}, "the end of tracking stops a tracking only");
                 refuse(halts && !askBoth("STOP"), CODE_DEVICE);
             }
             if (!evidence_.loopIsDone()) {
@@ -204,11 +204,6 @@ private:
                 return;
             look();
             haltIfRunning();
-            motions.follow(evidence_.lastOfLoopNs());
-            seeRest();
-            // Whether the status poll has just seen the head rest cannot be known.
-            if (wanted && storing_ == Storing::ONCE_AT_REST && !reading_.running())
-                throw Inconclusive{};
             begin(Begin::MASK);
             Pair steps = wayTo(storedOrHome());
             if (wanted) {
@@ -263,15 +258,6 @@ private:
             queueCalibration(home());
             armSave();
         };
-        methods_["test"] = [this](const Step& step) {
-            const auto times = step.argument("times");
-            refuse(!times, CODE_PARAM);
-            atRest = false;
-            for (int64_t pass = 0; pass < number(*times); ++pass)
-                for (const LabAxisId axis : AXES)
-                    for (const int64_t way : {-1, 1})
-                        worker_.push_back({axis, "ROTATE", way * axes[axis].made.total_steps});
-        };
         const auto reload = [this](const Step& step) {
             const bool tour = step.verb == "reload_tour_info";
             motions.change([tour](MotionState& state) { (tour ? state.reloadsTour : state.reloadsScan) = true; });
@@ -280,32 +266,81 @@ private:
         methods_["reload_scan_tour"] = reload;
         methods_["updateImageConfig"] = [this](const Step&) { refuse(!loadFlip(), CODE_DEVICE); };
         methods_["checkMotorStatus"] = [this](const Step&) { refuse(stillCalibrating(), CODE_CALIBRATING); };
-        methods_["getStatus"] = [this](const Step&) {
-            look();
-            const auto coordinate = [this](LabAxisId axis) {
-                const LabAxisSetting& made = axes[axis].made;
-                return sign(axis) * (made.range * position(axis) / made.total_steps - made.range / 2);
-            };
-            const auto speed = [this](LabAxisId axis) {
-                const Words& words = reading_.words[axis];
-                return words[SPEED_WORD] * sign(axis) * words[3] * words[4];
-            };
-            after_ = ",\"status\":{" + field("x_coord", coordinate(LAB_PAN)) + "," +
-                     field("y_coord", coordinate(LAB_TILT)) + "," + field("x_speed", speed(LAB_PAN)) + "," +
-                     field("y_speed", speed(LAB_TILT)) + "}";
-        };
-        methods_["getCapa"] = [this](const Step&) {
-            const LabAxisSetting& pan = axes[LAB_PAN].made;
-            const LabAxisSetting& tilt = axes[LAB_TILT].made;
-            after_ = ",\"capability\":{" + field("x_coord_min", -(pan.range / 2)) + "," +
-                     field("x_coord_max", pan.range / 2) + "," + field("y_coord_min", -(tilt.range / 2)) + "," +
-                     field("y_coord_max", tilt.range / 2) + "," + field("x_max_speed", pan.max_speed) + "," +
-                     field("y_max_speed", tilt.max_speed) +
-                     R"(,"simultaneous":"disabled","preset":"enabled","calibrate":"enabled"})";
-        };
+        methods_["getStatus"] = [this](const Step&) { look(); };
     }
-    static std::string field(const std::string& name, int64_t value)
+    void addPresets()
     {
-        return "\"" + name + "\":\"" + std::to_string(value) + "\"";
+        methods_["gotoPreset"] = [this](const Step& step) {
+            const int64_t id = number(step.argument("id").value_or("0"));
+            refuse(id < 1 || id > 8, CODE_PARAM);
+            refuse(!world.now.presets.contains(id), CODE_PRESET);
+            for (const LabAxisId axis : AXES) {
+                const auto given = step.argument(axis == LAB_PAN ? "speed_pan" : "speed_tilt").value_or("1");
+                world.now.factors[axis] = strtof(given.c_str(), nullptr);
+            }
+            refuseBusy();
+            look();
+            haltIfRunning();
+            const Pair speeds = forEach([&](LabAxisId axis) { return factoredSpeed(axis, world.now.factors); });
+            const auto steps = [&](LabAxisId axis) {
+                return presetSteps(axis, world.now.presets.at(id), position(axis));
+            };
+            refuse(!go(Begin::PRESET, speeds, forEach(steps)), CODE_DEVICE);
+            armSave();
+        };
+        methods_["setPreset"] = [this](const Step& step) {
+            refuse(mask_, CODE_LENS_MASK);
+            refuse(panorama_, CODE_PANORAMA);
+            int64_t id = number(step.argument("id").value_or("1"));
+            refuse(id < 1 || id > 8, CODE_PRESET);
+            const int64_t captures = number(step.argument("save_ptz").value_or("0"));
+            refuse(captures != 0 && captures != 1, CODE_PARAM);
+            while (!step.argument("id") && world.now.presets.contains(id))
+                ++id;
+            refuse(id > 8, CODE_FULL);
+            Presets::mapped_type preset = world.now.presets[id];
+            if (captures == 1) {
+                look();
+                refuse(reading_.running(), CODE_MOVING);
+                for (const LabAxisId axis : AXES)
+                    preset[axis] = static_cast<float>(
+                        2.0 * static_cast<double>(position(axis)) / axes[axis].made.total_steps - 1.0);
+            }
+            world.now.presets[id] = preset;
+            savePresets();
+        };
+        methods_["delPreset"] = [this](const Step& step) {
+            const Json ids = step.argument("id", json_type_array);
+            refuse(!ids || json_object_array_length(ids.get()) == 0, CODE_PARAM);
+            const int64_t id = json_object_get_int64(json_object_array_get_idx(ids.get(), 0));
+            refuse(id < 1 || id > 8, CODE_PARAM);
+            world.now.presets.erase(id);
+            savePresets();
+            plan_ = plan_ == id ? 0 : plan_;
+            savePlan();
+        };
+        methods_["set_plan_config"] = [this](const Step& step) {
+            json_object* id = nullptr;
+            plan_.reset();
+            if (const Json day = step.argument("monday", json_type_array)) {
+                (void)json_pointer_get(day.get(), "/0/monday_1/action_id", &id);
+                plan_ = json_object_get_int64(id);
+            }
+            savePlan();
+        };
     }
+    /// What is stored takes the place of all that the package holds.
+    void savePresets()
+    {
+        files_.presets = world.now.presets;
+        for (const LabAxisId axis : AXES)
+            axes[axis].speedOption = files_.speeds[axis];
+    }
+    void savePlan()
+    {
+        files_.planned = plan_.value_or(files_.planned);
+        world.plans.push_back(files_.planned);
+    }
+
+    std::optional<int64_t> plan_; // the latest request since the start
 };

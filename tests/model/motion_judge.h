@@ -2,16 +2,18 @@
 // A judge of the notifications that follows every order of events which the rules allow.
 
 #include "evidence.h"
-#include "tours.h"
 
 #include <algorithm>
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 enum Origin : int { ORIGIN_USER, ORIGIN_TRACK, ORIGIN_RETURN, ORIGIN_TOUR };
 enum class Begin { USER, TRACK, RETURN, MASK, PRESET };
@@ -20,6 +22,52 @@ enum class Drive { NONE, DUE, OVERTAKEN }; // what is left of a tour's step that
 inline constexpr int64_t WHENEVER = INT64_MAX;
 inline constexpr int64_t QUIET_NS = 60 * SECOND_NS;
 inline constexpr int64_t SCAN_REST_NS = 15 * SECOND_NS;
+
+using Presets = std::map<int64_t, std::array<float, LAB_AXIS_COUNT>>; // by id, -1 to 1 over the travel
+
+/// What the package of the tours holds.
+struct TourSettings {
+    std::string enabled = "off";
+    int type = 0;
+    int from = 0; // pan coordinates
+    int to = 0;
+};
+
+struct PresetsInUse {
+    Presets presets;
+    std::array<float, LAB_AXIS_COUNT> factors{1, 1}; // of the largest speeds
+};
+
+/// What the touring thread goes by. Everything may be looked at a little before its effect is seen.
+struct TourWorld {
+    std::vector<TourSettings> settings; // the last is in the file
+    std::vector<int64_t> plans;         // likewise
+    PresetsInUse now{};
+    PresetsInUse before{}; // the latest change, which ended at changedNs
+    int64_t changedNs = 0;
+    bool held = false; // by lens mask or panorama
+
+    /// The presets, 0 for none, that the plan of that index may have asked for at a lab time.
+    std::set<int64_t> targets(size_t plan, int64_t labNs) const
+    {
+        std::set<int64_t> result;
+        for (const PresetsInUse& read : readAt(labNs))
+            result.insert(read.presets.contains(plans[plan]) ? plans[plan] : 0);
+        return result;
+    }
+    /// A copy of what is about to change.
+    void remember()
+    {
+        before = now;
+        changedNs = INT64_MAX;
+    }
+    /// What may have been read of the presets at a lab time.
+    std::vector<PresetsInUse> readAt(int64_t labNs) const
+    {
+        const bool justChanged = changedNs == INT64_MAX || (changedNs != 0 && labNs <= changedNs + LATENESS_NS);
+        return justChanged ? std::vector{now, before} : std::vector{now};
+    }
+};
 
 /// One state that the daemon's motion bookkeeping may be in. Times in lab time.
 struct MotionState {
@@ -34,7 +82,7 @@ struct MotionState {
     bool scanned = false; // a scan step, and the head has not rested for 15 s since scanFrom
     int64_t scanFrom = WHENEVER / 2;
     bool lingers = false; // an expiry of the timer for the rest before may still be on its way, and end this one
-    int preset = 0;       // where the tour has sent the head last
+    int64_t preset = 0;   // where the tour has sent the head last
     int scanCoord = 0;
     int scanWay = 1;
 
@@ -152,7 +200,7 @@ public:
     void begin(Begin kind, int64_t fromNs, int64_t toNs)
     {
         const auto own = [kind](MotionState& state, const Notification* seen) { return state.beginOwn(kind, seen); };
-        window(own, false, "the begin of a motion", fromNs, toNs);
+        window(own, "the begin of a motion", fromNs, toNs);
     }
     /// A handler, called at calledNs, ends the motion itself, as a user's, if there is one.
     void stop(int64_t calledNs, int64_t fromNs)
@@ -168,7 +216,7 @@ public:
             state.end(seen->labNs);
             return true;
         };
-        window(own, true, "a stop", fromNs, WHENEVER);
+        window(own, "a stop", fromNs, WHENEVER);
     }
     /// It has found one of these origins, or none of them, between its last request and its next one.
     void keepOrigin(bool oneOf, std::initializer_list<int> origins, const std::string& why)
@@ -223,12 +271,6 @@ public:
         return at_ == evidence_.notifications.size() &&
                std::any_of(states_.begin(), states_.end(), [](const auto& state) { return state.rests(); });
     }
-    /// How often a motion has come to its end.
-    int64_t ends() const
-    {
-        const auto from = evidence_.notifications.begin();
-        return std::count_if(from, from + static_cast<ptrdiff_t>(at_), [](const auto& seen) { return !seen.moving; });
-    }
 
     // The touring thread.
 
@@ -252,20 +294,12 @@ public:
                 state.scanOn(world_.settings[state.scan]);
         });
     }
-    /// It has failed to look at the axes, or to stop them.
+    /// It has failed to look at the axes, or to stop them, perhaps on the way to a preset.
     void tourFails(int64_t ns)
     {
         follow(ns);
-        closeOver(states_);
-        for (MotionState state : States(states_)) {
-            if (state.active || world_.settings[state.setting].type != 2)
-                continue;
-            states_.erase(state);
-            for (const int target : world_.targets(state.plan, ns)) {
-                state.preset = target;
-                states_.insert(state);
-            }
-        }
+        for (const int64_t target : world_.targets(world_.plans.size() - 1, ns))
+            change([target](MotionState& state) { state.preset = state.active ? state.preset : target; }, false);
     }
     /// Whether the tour is to move the head sooner or later if nobody else does: true, false or both.
     std::set<bool> tourMoves(int64_t ns) const
@@ -273,14 +307,9 @@ public:
         std::set<bool> result;
         for (MotionState state : states_) {
             state.moved = state.scanned = false;
-            // At each of these moments a step may begin, or at none.
-            for (const int64_t moment : {ns, ns + 60 * SECOND_NS, ns + 120 * SECOND_NS}) {
-                States begun;
-                addTourBegins(begun, state, moment);
-                result.insert(!begun.empty());
-                if (world_.targets(state.plan, moment).size() > 1 || world_.inSpan(state.scan, moment).size() > 1)
-                    result.insert(false);
-            }
+            States begun;
+            addTourBegins(begun, state, ns + QUIET_NS);
+            result.insert(!begun.empty());
         }
         return result;
     }
@@ -288,15 +317,11 @@ public:
     std::string describe() const
     {
         std::string text = "was";
-        for (const MotionState& state : states_) {
-            const TourSettings& tour = world_.settings[state.setting];
+        for (const MotionState& state : states_)
             text += std::string(state.active ? " moving" : " idle") + " with origin " + std::to_string(state.origin) +
-                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "");
-            if (tour.enabled != "off")
-                text += " (tour " + std::to_string(tour.type) + ", scans " + std::to_string(state.scanCoord) +
-                        " next, at preset " + std::to_string(state.preset) + ")";
-        }
-        text += at_ < evidence_.notifications.size() ? ", then came" : "";
+                    (state.tracking ? " tracking" : "") + (state.moved ? " moved" : "") + " at preset " +
+                    std::to_string(state.preset) + " scanning " + std::to_string(state.scanCoord);
+        text += ", then came";
         for (size_t i = at_; i < evidence_.notifications.size(); ++i)
             text += (evidence_.notifications[i].moving ? " moving " : " idle ") +
                     std::to_string(evidence_.notifications[i].origin);
@@ -339,8 +364,7 @@ private:
         state.drive = Drive::DUE;
         state.tourBegan = ns;
         const bool rested = !state.scanned || state.lingers || ns >= state.scanFrom + SCAN_REST_NS;
-        if (tour.type == 1 && rested && std::abs(state.scanCoord) <= 150 &&
-            world_.inSpan(state.scan, ns).contains(true)) {
+        if (tour.type == 1 && rested && std::abs(state.scanCoord) <= 150) {
             // A second expiry for the rest that this step ends, or the first one when a reload ends it.
             const int64_t expiry = state.scanFrom + (state.scanned ? 2 : 1) * SCAN_REST_NS;
             state.lingers = state.scanned ? ns >= expiry : std::abs(ns - expiry) < LATENESS_NS;
@@ -350,8 +374,8 @@ private:
         }
         if (tour.type != 2)
             return;
-        const int last = state.preset;
-        for (const int target : world_.targets(state.plan, ns)) {
+        const int64_t last = state.preset;
+        for (const int64_t target : world_.targets(state.plan, ns)) {
             state.preset = target;
             if (target != 0 && target != last)
                 states.insert(state);
@@ -365,10 +389,6 @@ private:
             if (seen.moving && seen.origin == ORIGIN_TOUR) {
                 addTourBegins(result, state, seen.labNs);
             } else if (!seen.moving && state.active && state.origin == seen.origin) {
-                // A step that has begun and then not driven must have been overtaken.
-                if (state.drive == Drive::DUE && state.calibration == 0 &&
-                    !evidence_.loopActed(state.tourBegan - LATENESS_NS, seen.labNs))
-                    continue;
                 state.calibration = state.calibration == 2 ? 0 : state.calibration;
                 state.end(seen.labNs);
                 result.insert(state);
@@ -385,7 +405,7 @@ private:
         return result;
     }
     /// Explains the notifications of a stretch of time in which a handler acts at an unknown moment.
-    void window(const Own& own, bool restAllowed, const std::string& name, int64_t fromNs, int64_t toNs)
+    void window(const Own& own, const std::string& name, int64_t fromNs, int64_t toNs)
     {
         follow(fromNs);
         size_t end = at_;
@@ -407,24 +427,31 @@ private:
         for (size_t i = at_; i <= end; ++i) {
             States before = hidden(states_, at_, i);
             closeOver(before);
-            // Between a begin and its move requests no poll may take the pause for the end of the motion.
-            if (i == end || restAllowed)
-                result.merge(hidden(afterOwn(before, nullptr), i, end));
-            if (i < end && (i + 1 == end || restAllowed))
+            result.merge(hidden(afterOwn(before, nullptr), i, end));
+            if (i < end)
                 result.merge(hidden(afterOwn(before, &evidence_.notifications[i]), i + 1, end));
         }
-        for (size_t i = at_; i < end && !restAllowed; ++i)
-            checkPremature(evidence_.notifications[i]);
         require(!result.empty(), "notifications do not fit " + name + ": " + describe());
         states_ = result;
         at_ = end;
     }
+    /// No axis turns at an idle notification, unless a step's thread has not begun its motion yet.
     void checkPremature(const Notification& seen) const
     {
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-            const size_t move = evidence_.moveUnderWay(axis, seen.labNs);
-            require(seen.moving || move == evidence_.entries.size() || stepMoves.contains(move) ||
-                        evidence_.entries[move].request != "MOVE",
+        const LabJournalEntry* last[LAB_AXIS_COUNT]{};
+        bool drives[LAB_AXIS_COUNT]{};
+        for (size_t i = 0; i < evidence_.entries.size() && evidence_.entries[i].labNs <= seen.labNs; ++i) {
+            const LabJournalEntry& entry = evidence_.entries[i];
+            last[entry.axis] = &entry;
+            if (entry.result == 0 && (entry.request == "MOVE" || entry.request == "ROTATE"))
+                drives[entry.axis] = entry.request == "MOVE" && !stepMoves.contains(i);
+        }
+        for (const LabAxisId axis : AXES) {
+            if (seen.moving || !drives[axis] || last[axis]->rate == 0)
+                continue;
+            // The last step counts as made: it was begun at an unknown moment.
+            const int64_t left = std::abs(int64_t{last[axis]->left}) - 1;
+            require(seen.labNs >= last[axis]->labNs + left * SECOND_NS / std::abs(last[axis]->rate),
                     "an idle notification while an axis still turns");
         }
     }

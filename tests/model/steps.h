@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -34,22 +33,20 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"sustain", "0|1|5|20|60|200|-3|-99999999999"}, // a step's thread sleeps once for each unit, so none lasts long
     {"id", "<odd>|3*1|3*2|3*3|5|8|0|9"},
     {"save_ptz", "<odd>|6*1|2*0|2*2"},
-    {"speed_pan", "1|0.5|0.1|1.0|1.001|0|-0.5||1e-1|0.5x|nan| .25"},
+    {"speed_pan", "1|0.5|0.1|1.0|1e-1| .25"},
     {"speed_tilt", "<speed_pan>"},
-    {"name", "gate|it's \"wide\" = .||tab\t, return\r|Stra\u00dfe|exactly thirty-two bytes of name"},
     {"recover", "<odd>|5*<0..1>"},
-    {"times", "4*0|-1|1"},
-    {"ids", R"(["1"]|["3","1"]|[2]|["2","9","1"]|[]|<odd>)"},
-    // A weekday's plan: minutes after midnight and a preset, or "-" to disable the tour.
-    {"ranges", "6*0-1440=1|6*0-480=1,480-720=3,720-1440=2|6*480-481=2,720-1440=1|480-720=-||0-600=5,700-1440=3"},
+    {"ids", R"(2*["<0..4>"]|[2]|[]|<odd>)"},
+    {"monday",
+     R"(9*[{"monday_1":{"start_time":0,"end_time":1440,"action_type":"preset","action_id":"<planned>"}}]|[])"},
+    {"planned", "6*1|3*3|2"},
 
     // Settings, "-" where the option is missing.
     {"switch", "2*on|2*off|ON|On|oN|onn||-"},
     {"flip", "off|left_and_right|up_and_down|center|left|up|c|mirror||-|offx|center |OFF"},
-    // Enabled, type, scan from and to, start and end of its span in minutes.
-    {"tour info", "on 1 -10 0 0 0|on 1 -20 10 0 0|on 1 100 125 480 720|on 1 -150 -120 1380 60|on 1 -155 0 0 0|"
-                  "yes 1 0 0 0 1440|2*on 2 0 0 0 0|on 2 5 9 1 1|off 1 0 20 0 0|on 0 0 0 0 0"},
-    {"wall", "2031-05-05 07:58:50|2031-05-05 08:00:10|2031-05-05 12:00:05|2031-05-05 23:59:00|2031-05-06 00:00:40"},
+    // Enabled, type, scan from and to.
+    {"tour info", "on 1 -10 0|on 1 -20 10|on 1 100 125|on 1 -150 -120|on 1 -155 0|yes 1 0 0|3*on 2 0 0|off 1 0 20|"
+                  "on 0 0 0"},
     {"setting", "4*@flip <flip>;updateImageConfig|@flip <flip>|4*@mask <switch>;lensMask|@mask <switch>|"
                 "4*@track <switch>;reloadTargetTrackConfig|@track <switch>"},
     {"plain setup", "@flip <flip>;@mask <rarely on>;@track <switch>;@recover <recovers>;@steps <steps>;"
@@ -57,11 +54,10 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"rarely on", "on|5*off"},
     {"recovers", "0|3*1"},
     {"steps", "2*-|0|3*77|-5|40"},
-    {"touring setup", "<plain setup>;<tour>"},
-    {"tour", "@wall <wall>;@tour <tour info>"},
+    {"touring setup", "<plain setup>;@tour <tour info>"},
     {"storing setup", "@flip off;@mask <rarely on>;@track on;@recover <recovers>;@steps <steps>;@speed 4;"
-                      "@wall <wall>;@tour <storing tour>"},
-    {"storing tour", "on 2 0 0 0 0|on 1 -20 10 0 0|on 1 100 125 0 0"},
+                      "@tour <storing tour>"},
+    {"storing tour", "on 2 0 0|on 1 -20 10|on 1 100 125"},
 
     // Steps.
     {"motion", "9*move x_coord y_coord|9*<moveTo>|10*moveStep direction|3*startPanorama|5*movePanorama x_coord y_coord|"
@@ -69,9 +65,9 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"moveTo", "moveTo x_coord y_coord"},
     {"track", "targetTrack x_coord y_coord x_speed y_speed"},
     {"motion or stop", "11*<motion>|stop"},
-    {"method", "56*<motion>|5*stop|3*getStatus|getCapa|checkMotorStatus|3*setPowerOffRecover recover|2*manualCalibrate|"
-               "test times|4*setConfig x_speed?2 y_speed?2 sustain?2|2*reloadTargetTrackConfig|2*lensMask|"
-               "2*updateImageConfig|4*setPreset id?2 name?2 save_ptz?2|delPreset id:<ids>|clearPreset|2*getPresetAll"},
+    {"method", "56*<motion>|5*stop|3*getStatus|checkMotorStatus|3*setPowerOffRecover recover|2*manualCalibrate|"
+               "4*setConfig x_speed?2 y_speed?2 sustain?2|2*reloadTargetTrackConfig|2*lensMask|"
+               "2*updateImageConfig|4*setPreset id?2 save_ptz?2|delPreset id:<ids>"},
     {"axis", "x|y"},
     {"fault", "7*|@fault <axis> <request>"},
     {"request", "2*GET_STATUS|MOVE|STOP|SET_SPEED|ROTATE|SET_POSITION"},
@@ -88,17 +84,17 @@ inline const std::map<std::string, std::string> GRAMMAR = {
     {"switched off", "<switched on>;<track>;@rest;<returning>;@track off;reloadTargetTrackConfig"},
     {"switched on", "|@track on;reloadTargetTrackConfig"},
     {"returning", "|targetTrackBack;<nap>"},
-    {"plan", "set_plan_config monday?3:<ranges> tuesday?3:<ranges> saturday?3:<ranges>"},
+    {"plan", "set_plan_config monday?9"},
     {"two presets", "<moveTo>;@rest;setPreset id:1 save_ptz:1;<moveTo>;@rest;setPreset id:3 save_ptz:1;<plan>"},
     // Something that a tour depends on, now and then a command that it meets, and the tour's next steps.
     {"touring command",
      "16*<plain command>|8*<tour change>;<scan reload>;<meeting>;@tours <1..3>|<still tracking>|<still touring>"},
-    {"tour change", "2*@wall <wall>|2*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
+    {"tour change", "4*<plan>|2*@tour <tour info>;reload_tour_info|@tour <tour info>;reload_scan_tour|"
                     "3*reload_tour_info"},
     // Longer than the quiet period at rest: after a tracking that has not moved the head, and at the tour's preset.
-    {"still tracking", "@tour on 1 -10 0 0 0;reload_tour_info;reload_scan_tour;@rest;"
+    {"still tracking", "@tour on 1 -10 0;reload_tour_info;reload_scan_tour;@rest;"
                        "targetTrack x_coord:0 y_coord:0 x_speed:1 y_speed:1;@nap 650000;targetTrackBack;@tours 1"},
-    {"still touring", "@tour on 2 0 0 0 0;reload_tour_info;@tours 2;@nap 650000;@rest"},
+    {"still touring", "@tour on 2 0 0;reload_tour_info;@tours 2;@nap 650000;@rest"},
     {"scan reload", "|reload_scan_tour"},
     {"meeting", "2*|@nap <0..7999>;<motion or stop>"},
     // What stores a position, or must not.
@@ -163,36 +159,7 @@ struct Sequence {
     uint32_t seed;
     std::vector<Step> setup; // settings before the daemon starts
     std::vector<Step> steps;
-
-    std::string print() const
-    {
-        std::string result = "PTZD_MODEL_SEED=" + std::to_string(seed) + "\n";
-        for (const Step& step : setup)
-            result += "    before the start: " + step.print() + "\n";
-        for (const Step& step : steps)
-            result += "    " + step.print() + "\n";
-        return result;
-    }
 };
-
-/// A weekday's array: an object for each range, with one member named after the day and the range's number.
-inline std::string planJson(const std::string& day, const std::string& ranges)
-{
-    std::string result;
-    std::istringstream list(ranges);
-    int index = 0;
-    for (std::string range; std::getline(list, range, ',');) {
-        int start = 0;
-        int end = 0;
-        char target = '-';
-        (void)sscanf(range.c_str(), "%d-%d=%c", &start, &end, &target);
-        const std::string action = target == '-' ? "disable" : std::string("preset\",\"action_id\":\"") + target;
-        result += (result.empty() ? "{\"" : ",{\"") + day + "_" + std::to_string(++index) +
-                  "\":{\"start_time\":" + std::to_string(start) + ",\"end_time\":" + std::to_string(end) +
-                  ",\"action_type\":\"" + action + "\"}}";
-    }
-    return "[" + result + "]";
-}
 
 /// Draws from the grammar.
 class Dice {
@@ -256,9 +223,7 @@ private:
             const std::string name = head.substr(0, mark);
             if (below(mark == std::string::npos ? 30 : std::stoi(head.substr(mark + 1))) == 0)
                 continue;
-            std::string value = text(colon == std::string::npos ? "<" + name + ">" : word.substr(colon + 1));
-            if (verb == "set_plan_config")
-                value = planJson(name, value);
+            const std::string value = text(colon == std::string::npos ? "<" + name + ">" : word.substr(colon + 1));
             json_object* argument = below(60) == 0           ? json_object_new_int(5)
                                     : value.starts_with('[') ? json_tokener_parse(value.c_str())
                                                              : json_object_new_string(value.c_str());
@@ -271,35 +236,19 @@ private:
     std::mt19937 random_;
 };
 
-/// The sequence of a seed, always the same. Every third random one has tours; a storing one is of what stores the
-/// head's position or must not: mask, tours, tracking and panoramas in any order.
-inline Sequence makeSequence(uint32_t seed, bool storing)
+/// The sequence of a seed, always the same. Some have tours; some are of what stores the head's position or must not:
+/// mask, tours, tracking and panoramas in any order.
+inline Sequence makeSequence(uint32_t seed)
 {
     Dice dice(seed);
-    const std::string kind = storing ? "storing" : seed / 3 % 3 == 0 ? "touring" : "plain";
+    const std::string kinds[] = {"touring", "plain",   "storing", "plain", "storing",
+                                 "plain",   "touring", "storing", "plain"};
+    const std::string& kind = kinds[seed / 3 % std::size(kinds)];
     Sequence sequence{seed, {}, {}};
     dice.add(sequence.setup, kind + " setup");
     dice.add(sequence.steps, kind + " start");
     for (int i = 0; i < 12; ++i)
         dice.add(sequence.steps, kind + " command");
     dice.add(sequence.steps, kind + " end");
-    return sequence;
-}
-
-/// The smallest sequence found that still fails.
-inline Sequence shrink(Sequence sequence, const std::function<bool(const Sequence&)>& fails)
-{
-    for (size_t length = std::max<size_t>(sequence.steps.size() / 2, 1); length >= 1; length /= 2) {
-        for (size_t at = 0; at < sequence.steps.size();) {
-            Sequence smaller = sequence;
-            const size_t end = std::min(at + length, smaller.steps.size());
-            const auto first = smaller.steps.begin();
-            smaller.steps.erase(first + static_cast<ptrdiff_t>(at), first + static_cast<ptrdiff_t>(end));
-            if (fails(smaller))
-                sequence = smaller;
-            else
-                at += length;
-        }
-    }
     return sequence;
 }

@@ -1,36 +1,121 @@
-// Arguments as callers get them wrong, and as nobody should send them.
+// Arguments as callers get them wrong, as nobody should send them, with every awkward character, and in quick
+// succession.
 
+#include "head.h"
 #include "lab/core/files.h"
-#include "raw_caller.h"
+
+#include <functional>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+#include <libubus.h>
+}
+#undef fallthrough
 
 namespace {
 
-TEST_F(HeadInTheLab, RefusesMissingAndMistypedArgumentsWithAReport)
+struct RawCall {
+    const char* method;
+    std::function<void(blob_buf*)> build; // its arguments, for which there may be no JSON
+};
+
+RawCall json(const char* method, const char* arguments)
 {
-    up();
+    return {method, [=](blob_buf* message) { blobmsg_add_json_from_string(message, arguments); }};
+}
+
+class Arguments : public HeadInTheLab {
+protected:
+    void SetUp() override
+    {
+        up();
+        connection_ = ubus_connect((lab.folder() + "/var/run/ubus.sock").c_str());
+        ASSERT_NE(connection_, nullptr);
+        ASSERT_EQ(ubus_lookup_id(connection_, "ptzd", &object_), 0);
+    }
+    void TearDown() override
+    {
+        blob_buf_free(&message_);
+        if (connection_)
+            ubus_free(connection_);
+        HeadInTheLab::TearDown();
+    }
+    /// Sends the calls at once. Returns their replies in the order of the answers, each after its index among the
+    /// calls: "1 {...}".
+    std::vector<std::string> send(const std::vector<RawCall>& calls)
+    {
+        struct Sent {
+            ubus_request request;
+            std::vector<std::string>* answers;
+            size_t index;
+        };
+        std::vector<std::string> answers;
+        std::vector<Sent> sent(calls.size());
+        for (size_t i = 0; i < calls.size(); ++i) {
+            blob_buf_init(&message_, 0);
+            calls[i].build(&message_);
+            EXPECT_EQ(ubus_invoke_async(connection_, object_, calls[i].method, message_.head, &sent[i].request), 0);
+            sent[i].answers = &answers;
+            sent[i].index = i;
+            sent[i].request.priv = &sent[i];
+            sent[i].request.data_cb = [](ubus_request* request, int, blob_attr* reply) {
+                auto* self = static_cast<Sent*>(request->priv);
+                char* text = blobmsg_format_json(reply, true);
+                self->answers->push_back(std::to_string(self->index) + " " + (text ? text : ""));
+                free(text);
+            };
+            ubus_complete_request_async(connection_, &sent[i].request);
+        }
+        for (Sent& call : sent)
+            EXPECT_EQ(ubus_complete_request(connection_, &call.request, 10000), 0);
+        return answers;
+    }
+    /// Presets and plan, as the daemon has them and as they are in the files.
+    std::string stored()
+    {
+        std::string text = lab.call("getPresetAll");
+        for (const char* file : {"/etc/config/ptzd", "/etc/config/ptz_plan", "/tmp/.uci/ptzd", "/tmp/.uci/ptz_plan"})
+            text += readFile(lab.folder() + file) + "\n--\n";
+        return text;
+    }
+    void restart()
+    {
+        ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
+        ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
+    }
+
+private:
+    ubus_context* connection_ = nullptr;
+    uint32_t object_ = 0;
+    blob_buf message_{};
+};
+
+std::string errorCode(int code)
+{
+    return R"({"error_code":)" + std::to_string(code) + "}";
+}
+
+TEST_F(Arguments, MissingOrMistypedAreRefusedWithAReport)
+{
     const struct {
         const char* method;
         const char* function; // which logs it
-        std::vector<const char*> arguments;
+        const char* arguments;
     } cases[] = {
-        {"move", "ubusMoveMotor", {"", R"({"x_coord":"30"})", R"({"x_coord":30,"y_coord":0})"}},
-        {"moveTo",
-         "ubusMoveMotorTo",
-         {R"({"x_coord":["30"],"y_coord":"0"})", R"({"x_coord":{"a":"3"},"y_coord":"0"})"}},
-        {"movePanorama", "ubusMovePanorama", {R"({"x_coord":null,"y_coord":"0"})", R"({"X_COORD":"1","y_coord":"0"})"}},
-        {"targetTrack", "ubusTargetTrack", {"", R"({"x_coord":"1","y_coord":"1","x_speed":"1"})"}},
-        {"moveStep", "ubusMoveMotorStep", {"", R"({"direction":90})"}},
-        {"test", "ubusTestMotorRotate", {"", R"({"times":1})"}},
-        {"setConfig", "ubusSetMotorConfig", {"", R"({"x_speed":5})"}},
-        {"setPowerOffRecover", "ubusSetPowerOffRecover", {"", R"({"recover":1})", R"({"recover":"2"})"}},
+        {"move", "ubusMoveMotor", R"({"x_coord":30,"y_coord":0})"},
+        {"moveTo", "ubusMoveMotorTo", R"({"x_coord":["30"],"y_coord":"0"})"},
+        {"movePanorama", "ubusMovePanorama", R"({"x_coord":null,"y_coord":"0"})"},
+        {"targetTrack", "ubusTargetTrack", R"({"x_coord":"1","y_coord":"1","x_speed":"1"})"},
+        {"moveStep", "ubusMoveMotorStep", R"({"direction":90})"},
+        {"test", "ubusTestMotorRotate", ""},
+        {"setConfig", "ubusSetMotorConfig", R"({"x_speed":5})"},
+        {"setPowerOffRecover", "ubusSetPowerOffRecover", R"({"recover":"2"})"},
     };
     for (const auto& [method, function, arguments] : cases) {
-        for (const char* wrong : arguments)
-            EXPECT_EQ(lab.call(method, wrong), REFUSED_PARAM) << method << wrong;
+        EXPECT_EQ(lab.call(method, arguments), REFUSED_PARAM) << method;
         EXPECT_TRUE(reported(function, "UBUS: Invalied parameter.")) << method;
     }
     const std::string before = lab.records.ptzdLog();
-    EXPECT_EQ(lab.call("moveStep", R"({"direction":"360"})"), REFUSED_PARAM);
     EXPECT_EQ(lab.call("moveTo", coords(151, 0)), REFUSED_PARAM);
     EXPECT_EQ(lab.records.ptzdLog(), before) << "what is merely out of range is refused without a line";
     EXPECT_EQ(requests("MOVE") + requests("ROTATE"), 0);
@@ -44,10 +129,11 @@ std::string repeated(const std::string& text, int count)
     return all;
 }
 
-/// A plan of one entry for Monday, with what else is in it.
-std::string monday(const std::string& rest, const char* member = "monday_1")
+/// A plan of one entry for Monday, with this end.
+std::string monday(const char* end)
 {
-    return std::string(R"({"monday":[{")") + member + R"(":{"start_time":480,)" + rest + "}}]}";
+    return R"({"monday":[{"monday_1":{"start_time":480,"action_type":"disable","end_time":)" + std::string(end) +
+           "}}]}";
 }
 
 /// Arrays in arrays, with a 1 in the innermost.
@@ -71,7 +157,7 @@ void addGarbage(blob_buf* message, const char* name)
     blobmsg_close_array(message, array);
 }
 
-TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
+TEST_F(Arguments, HugeOrMalformedHarmNothing)
 {
     const std::string nines(60 * 1024, '9');
     const struct {
@@ -81,8 +167,6 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
     } hostile[] = {
         {"stop", "{\"" + nines + R"(":"1"})", 0},
         {"moveTo", R"({"x_coord":")" + nines + R"(","y_coord":")" + nines + "\"}", -64302},
-        {"delPreset", "", -64302},
-        {"delPreset", R"({"id":"1"})", -64302},
         {"delPreset", R"({"id":{"1":"1"}})", -64302},
         {"delPreset", R"({"id":[]})", -64302},
         {"delPreset", R"({"id":[)" + repeated("\"-.,e\xff\xfe\"", 10000) + "]}", -64302},
@@ -90,77 +174,141 @@ TEST_F(HeadInTheLab, SurvivesRepeatedHugeAndMalformedArguments)
         {"delPreset", R"({"id":[4294967297]})", -64302}, // 2^32 + 1
         {"delPreset", R"({"id":["36893488147419103233"]})", -64302},
         {"delPreset", R"({"id":[1.0]})", -64302}, // whose point is skipped
-        {"set_plan_config", R"({"mondays":["x"]})", 0},
         {"set_plan_config", R"({"monday":["monday_1"]})", 64302},
         {"set_plan_config", R"({"monday":[[1]]})", 64302},
         {"set_plan_config", R"({"monday":[)" + repeated("{}", 10000) + "]}", 64302},
         {"set_plan_config", R"({"sunday":[],"monday":["x"]})", 64302},
-        {"set_plan_config", monday(R"("end_time":720,"action_type":"disable")", "tuesday_1"), 64302},
-        {"set_plan_config", monday(R"("end_time":720)"), 64302},
-        {"set_plan_config", monday(R"("end_time":"720","action_type":"disable")"), 0},
-        {"set_plan_config", monday(R"("end_time":"99999999999999999999","action_type":"disable")"), 64302},
-        {"set_plan_config", monday(R"("end_time":4294968016,"action_type":"disable")"), 64302}, // 2^32 + 720
-        {"set_plan_config", monday(R"("end_time":1e300,"action_type":"disable")"), 64302},
-        {"set_plan_config", monday(R"("end_time":[[1]],"action_type":"disable")"), 64302},
-        {"set_plan_config", monday("\"end_time\":720,\"action_type\":\"preset\",\"action_id\":\"\xff\xfe'\\u0001=\""),
-         0},
+        {"set_plan_config", monday(R"("99999999999999999999")"), 64302},
+        {"set_plan_config", monday("4294968016"), 64302}, // 2^32 + 720
+        {"set_plan_config", monday("1e300"), 64302},
+        {"set_plan_config", monday("[[1]]"), 64302},
+        {"set_plan_config", monday("720,\"action_id\":\"\xff\xfe'\\u0001=\""), 0},
     };
     const struct {
-        const char* method;
-        void (*build)(blob_buf*);
+        RawCall call;
         int code;
     } malformed[] = {
-        {"moveTo",
-         [](blob_buf* message) {
-             blobmsg_add_field(message, BLOBMSG_TYPE_STRING, "x_coord", "30", 2); // without an end
-             blobmsg_add_string(message, "y_coord", "0");
-         },
+        {{"moveTo",
+          [](blob_buf* message) {
+              blobmsg_add_field(message, BLOBMSG_TYPE_STRING, "x_coord", "30", 2); // without an end
+              blobmsg_add_string(message, "y_coord", "0");
+          }},
          -64302},
-        {"move", [](blob_buf* m) { blobmsg_add_field(m, BLOBMSG_TYPE_INT32, "x", "30", 2); }, -64302},
-        {"delPreset", [](blob_buf* m) { nest(m, "id"); }, -64302},
-        {"delPreset", [](blob_buf* m) { addGarbage(m, "id"); }, -64302},
-        {"set_plan_config", [](blob_buf* m) { nest(m, "monday"); }, 64302},
-        {"set_plan_config", [](blob_buf* m) { addGarbage(m, "monday"); }, 64302},
-        {"moveTo", // of equal names the first counts
-         [](blob_buf* message) {
-             for (const char* value : {"10", "20"}) {
-                 blobmsg_add_string(message, "x_coord", value);
-                 blobmsg_add_string(message, "y_coord", "0");
-             }
-         },
+        {{"move", [](blob_buf* m) { blobmsg_add_field(m, BLOBMSG_TYPE_INT32, "x", "30", 2); }}, -64302},
+        {{"delPreset", [](blob_buf* m) { nest(m, "id"); }}, -64302},
+        {{"delPreset", [](blob_buf* m) { addGarbage(m, "id"); }}, -64302},
+        {{"set_plan_config", [](blob_buf* m) { nest(m, "monday"); }}, 64302},
+        {{"set_plan_config", [](blob_buf* m) { addGarbage(m, "monday"); }}, 64302},
+        {{"moveTo", // of equal names the first counts
+          [](blob_buf* message) {
+              for (const char* value : {"10", "20"}) {
+                  blobmsg_add_string(message, "x_coord", value);
+                  blobmsg_add_string(message, "y_coord", "0");
+              }
+          }},
          0},
     };
-    up();
-    RawCaller caller(lab);
     const pid_t pid = lab.programs.ptzdPid();
-    const auto stored = [&] {
-        std::string text = lab.call("getPresetAll");
-        for (const char* file : {"/etc/config/ptzd", "/etc/config/ptz_plan", "/tmp/.uci/ptzd", "/tmp/.uci/ptz_plan"})
-            text += readFile(lab.folder() + file) + "\n--\n";
-        return text;
-    };
     for (const char* id : {"1", "2", "8"})
         EXPECT_NE(lab.call("setPreset", std::string(R"({"id":")") + id + "\"}"), REFUSED_PARAM);
     for (const auto& [method, arguments, code] : hostile) {
         SCOPED_TRACE(method + arguments.substr(0, 200));
         EXPECT_EQ(lab.call("set_plan_config", R"({"monday":[)" + planEntry("monday_1", 1, 2, "1") + "]}"), DONE);
         const std::string before = stored();
-        EXPECT_EQ(lab.call(method, arguments), R"({"error_code":)" + std::to_string(code) + "}");
+        EXPECT_EQ(lab.call(method, arguments), errorCode(code));
         EXPECT_TRUE(code == 0 || stored() == before) << stored();
     }
     const std::string before = stored();
-    for (const auto& [method, build, code] : malformed) {
-        blob_buf_init(&caller.message, 0);
-        build(&caller.message);
-        EXPECT_EQ(caller.call(method), code) << method;
-        EXPECT_EQ(stored(), before) << method;
+    for (const auto& [call, code] : malformed) {
+        EXPECT_EQ(send({call}), std::vector{"0 " + errorCode(code)}) << call.method;
+        EXPECT_EQ(stored(), before) << call.method;
     }
     ASSERT_TRUE(settled());
     EXPECT_EQ(lab.motors.now(LAB_PAN).shaft, 1600);
     EXPECT_EQ(lab.programs.ptzdPid(), pid);
-    ASSERT_TRUE(lab.programs.killPtzd(SIGKILL).has_value());
-    ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
+    restart();
     EXPECT_EQ(stored(), before) << "what was stored last is what the next start finds";
+}
+
+/// A JSON string of these bytes. What the replies escape is escaped in the same way, so it is also what they show.
+std::string quoted(const std::string& text)
+{
+    std::string quoted = "\"";
+    for (const char c : text) {
+        char code[8];
+        const size_t special = std::string("\"\\\n\t\r").find(c);
+        if (special != std::string::npos)
+            quoted += std::string("\\") + "\"\\ntr"[special];
+        else if (static_cast<unsigned char>(c) < ' ')
+            quoted.append(code, static_cast<size_t>(snprintf(code, sizeof(code), "\\u%04x", c)));
+        else
+            quoted += c;
+    }
+    return quoted + '"';
+}
+
+TEST_F(Arguments, NamesOfPresetsAreStoredExactlyOrRefused)
+{
+    const std::vector<std::string> accepted = {
+        "it's \"quoted\" ''twice''",
+        "a.b.c=d.e='f'=\"g\"",
+        " blanks  around and\tinside\t",
+        "\\n \\' \\\" \\\\ trailing\\",
+        "# none; $(reboot) `x` @a[0] %s\r",
+        "T\xc3\xbcr \xe9\x96\x80 \xf0\x9f\x9a\xaa \x7f",  // two, three and four bytes a character
+        "123456789012345678901234567890\xc3\xbc",         // 32 bytes, the last two one character
+        "\xff\xfe\xc3(\x80 890123456789012345678901\xc3", // 32 bytes, no UTF-8, the last one half a character
+    };
+    const std::pair<const char*, int> refused[] = {
+        {"a\nb", -64302},
+        {"\x1b[2J", -64301}, // the store holds no control characters but tab and carriage return
+        {"1234567890123456789012345678901\xc3\xbc", -64308}, // 33 bytes, the limit cuts a character
+    };
+    const auto set = [&](size_t id, const std::string& name) {
+        return lab.call("setPreset", R"({"id":")" + std::to_string(id) + R"(","name":)" + quoted(name) + "}");
+    };
+    std::string names;
+    for (size_t id = 1; id <= accepted.size(); ++id) {
+        const std::string& name = accepted[id - 1];
+        EXPECT_TRUE(set(id, name).ends_with(R"("error_code":0})")) << quoted(name);
+        EXPECT_EQ(lab.settings.get("ptzd.preset_" + std::to_string(id) + ".name"), name) << quoted(name);
+        names += (names.empty() ? "" : ",") + quoted(name);
+    }
+    const std::string before = stored();
+    EXPECT_NE(before.find(R"("name":[)" + names + "]"), std::string::npos) << before;
+    for (const auto& [name, code] : refused)
+        EXPECT_TRUE(set(3, name).ends_with(R"("error_code":)" + std::to_string(code) + "}")) << quoted(name);
+    EXPECT_TRUE(reported("savePresetList", "error to set option preset_3.name"));
+    EXPECT_EQ(lab.call("getPresetAll"), before.substr(0, before.find('\n')));
+    restart();
+    EXPECT_EQ(stored(), before);
+    EXPECT_EQ(set(1, ""), R"({"name":"","id":"1","error_code":0})"); // is stored as none, and read as the section's
+    restart();
+    EXPECT_NE(lab.call("getPresetAll").find(R"("name":["preset_1",)"), std::string::npos);
+}
+
+TEST_F(Arguments, SentAtOnceAreServedInTheirOrder)
+{
+    const RawCall setPreset = json("setPreset", R"({"id":"1","name":"gate"})");
+    const RawCall deletePreset = json("delPreset", R"({"id":["1"]})");
+    const RawCall getPresets = json("getPresetAll", "{}");
+    const RawCall goToPreset = json("gotoPreset", R"({"id":"1"})");
+    const RawCall storing[] = {json("setConfig", R"({"x_speed":"3"})"), setPreset, deletePreset,
+                               json("set_plan_config", R"({"monday":[]})")};
+    const RawCall others[] = {json("getStatus", "{}"), getPresets, json("moveTo", R"({"x_coord":"10","y_coord":"0"})"),
+                              json("stop", "{}"), goToPreset};
+    const auto second = [&](const RawCall& first, const RawCall& then) {
+        const std::vector<std::string> answers = send({first, then});
+        const bool inOrder = answers.size() == 2 && answers[0][0] == '0' && answers[1][0] == '1';
+        EXPECT_TRUE(inOrder) << first.method << ", " << then.method << ": " << testing::PrintToString(answers);
+        return inOrder ? answers[1] : "";
+    };
+    for (const RawCall& store : storing)
+        for (const RawCall& other : others)
+            (void)second(store, other);
+    ASSERT_TRUE(waitUntil([&] { return rests(); }, DEADLINE));
+    EXPECT_NE(second(setPreset, getPresets).find("gate"), std::string::npos) << "it was stored before";
+    EXPECT_EQ(second(deletePreset, goToPreset), "1 " + errorCode(-64321)) << "it was deleted before";
 }
 
 } // namespace

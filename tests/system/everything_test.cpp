@@ -3,6 +3,7 @@
 
 #include "load.h"
 
+#include <algorithm>
 #include <random>
 
 namespace {
@@ -92,7 +93,6 @@ TEST_F(Everything, AtOnceHarmsNothing)
         const Load load(lab, seed);
         while (lab.clock.nowNs() < end && lab.programs.ptzdPid() == daemon)
             disturb(random);
-        std::printf("%d calls answered\n", load.answered());
         EXPECT_GT(load.answered(), 100);
     }
     ASSERT_EQ(lab.programs.ptzdPid(), daemon) << lab.records.ptzdLog();
@@ -114,6 +114,25 @@ TEST_F(Everything, AtOnceHarmsNothing)
     expectAt(1800, 710);
     std::string settings;
     EXPECT_EQ(lab.run({"uci", "show"}, settings), 0) << "a file was damaged";
+}
+
+TEST_F(HeadInTheLab, AnswersStopAmidACrowdOfCallers)
+{
+    constexpr unsigned CROWD = 64;
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    up(slowHead());
+    const Load crowd(lab, 1, CROWD, false);
+    ASSERT_TRUE(waitUntil([&] { return crowd.answered() > 2 * static_cast<int>(CROWD); }, DEADLINE));
+    std::vector<double> took;
+    for (int i = 0; i < repetitions(10, 2000); ++i) {
+        std::this_thread::sleep_for(5ms);
+        const auto sent = std::chrono::steady_clock::now();
+        ASSERT_EQ(lab.invoke("ptzd", "stop", "", 10s).status, 0);
+        took.push_back(Milliseconds(std::chrono::steady_clock::now() - sent).count());
+    }
+    std::sort(took.begin(), took.end());
+    printf("stop answered in %.1f ms (median), %.1f (99 %%)\n", took[took.size() / 2], took[took.size() * 99 / 100]);
+    EXPECT_LT(took[took.size() / 2], 5000) << "the crowd is served first";
 }
 
 } // namespace

@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr unsigned CLIENTS = 4;
-
 constexpr struct {
     const char* method;
     const char* arguments; // "#" stands for an integer of at most three digits, "%" for one from 1 to 8
@@ -63,9 +61,9 @@ std::string filledIn(const char* arguments, std::mt19937& random)
 
 } // namespace
 
-Load::Load(const Lab& lab, unsigned seed) : lab_(lab)
+Load::Load(const Lab& lab, unsigned seed, unsigned clients, bool pauses) : lab_(lab), pauses_(pauses)
 {
-    for (unsigned client = 0; client < CLIENTS; ++client)
+    for (unsigned client = 0; client < clients; ++client)
         clients_.emplace_back([this, seed, client] { callOn(seed + client); });
 }
 
@@ -82,7 +80,7 @@ void Load::callOn(unsigned seed)
     while (!ending_.load()) {
         const auto& call = CALLS[random() % std::size(CALLS)];
         answered_ += lab_.invoke("ptzd", call.method, filledIn(call.arguments, random), 500ms).status == 0 ? 1 : 0;
-        // Now and then long enough for a save of the position.
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % (random() % 8 == 0 ? 120 : 10)));
+        if (pauses_) // now and then long enough for a save of the position
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % (random() % 8 == 0 ? 120 : 10)));
     }
 }

@@ -7,7 +7,8 @@
 
 class Load {
 public:
-    explicit Load(const Lab& lab, unsigned seed);
+    /// With pauses each client calls some hundred times a second at most.
+    explicit Load(const Lab& lab, unsigned seed, unsigned clients = 4, bool pauses = true);
     ~Load();
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
@@ -21,6 +22,7 @@ private:
     void callOn(unsigned seed);
 
     const Lab& lab_;
+    const bool pauses_;
     std::atomic<bool> ending_{false};
     std::atomic<int> answered_{0};
     std::vector<std::thread> clients_;

@@ -16,36 +16,15 @@ namespace {
 
 constexpr std::string_view SANITIZERS = PTZD_SANITIZERS; // of this build
 
-class Start : public HeadInTheLab {
-protected:
-    /// A lab whose daemon is not started yet.
-    void upWithoutDaemon(const std::string& tour = tourPackage("off", 1, 0, 0))
-    {
-        LabOptions options = fastHead();
-        options.config["tour"] = tour;
-        options.startPtzd = false;
-        options.waitCalibrated = false;
-        ASSERT_TRUE(lab.up(options)) << lab.error();
-    }
-};
-
-TEST_F(Start, FailsOnACapabilityThatMakesNoSense)
-{
-    upWithoutDaemon();
-    for (const LabAxisSetting nonsense :
-         {LabAxisSetting{0, 8, 3000}, LabAxisSetting{300, 8, -1}, LabAxisSetting{300, 0, 3000}}) {
-        lab.motors.reportCapability(LAB_PAN, nonsense);
-        (void)lab.programs.startPtzd(); // it is expected to fail
-        const auto status = lab.programs.waitPtzd(DEADLINE);
-        ASSERT_TRUE(status.has_value()) << "still runs\n" << lab.records.ptzdLog();
-        EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 255) << *status;
-        EXPECT_TRUE(reported("PtzdInit", "can't init x-motor device file"));
-    }
-}
+class Start : public HeadInTheLab {};
 
 TEST_F(Start, MovesNothingAndEndsOrderlyWhileItWaitsForADevice)
 {
-    upWithoutDaemon(tourPackage("on", 1, -100, 100));
+    LabOptions options = fastHead();
+    options.config["tour"] = tourPackage("on", 1, -100, 100);
+    options.startPtzd = false;
+    options.waitCalibrated = false;
+    ASSERT_TRUE(lab.up(options)) << lab.error();
     ASSERT_TRUE(lab.motors.setNode(LAB_TILT, false));
     (void)lab.programs.startPtzd();
     EXPECT_TRUE(reported("motorInit", "can't open /dev/y-motor file, sleep 1 second and retry"));
@@ -71,19 +50,6 @@ TEST_F(Start, WorksWithoutStandardDescriptors)
     for (const char* descriptor : {"0", "1", "2"})
         EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(lab.programs.ptzdPid()) + "/fd/" + descriptor),
                   "/dev/null");
-}
-
-TEST_F(Start, SkipsTheRotationsInFactoryMode)
-{
-    LabOptions options = fastHead();
-    options.config["diagd"] = "config diagd 'factory_mode'\n\toption enabled '1'\n";
-    options.waitCalibrated = false;
-    ASSERT_TRUE(lab.up(options)) << lab.error();
-    ASSERT_TRUE(waitUntil([&] { return lab.call("checkMotorStatus") == R"({"err_code":0})"; }, DEADLINE));
-    EXPECT_EQ(requests("ROTATE"), 0);
-    EXPECT_EQ(requests("SET_POSITION"), 2);
-    EXPECT_EQ(requests("SET_SPEED"), 4);
-    ASSERT_TRUE(settled());
 }
 
 TEST_F(Start, WorksWithTheSystemsOwnTimers)
