@@ -23,11 +23,13 @@ struct MotionState {
     // motion_state: all change under MotionStateLock.
     std::atomic<int32_t> motion_active{0}; // 1 from a begin step until its idle transition
     std::atomic<int32_t> motion_origin{0}; // MotionOrigin of the motion, or of the last one
-    // The tour stays away from the head while set. quiet_period and tour_motion clear it.
+    // The tour stays away from the head while set. quiet_period clears it; tour_motion sets it for a command that has
+    // overtaken a tour, and clears it when the tours start anew.
     std::atomic<int32_t> user_moved_recently{0};
-    std::atomic<int32_t> track_back_done{1}; // 0 from a tracking motion until its return; tour_motion sets it, too
+    std::atomic<int32_t> track_back_done{1}; // 0 from a tracking motion until its return; tour_motion sets it, as above
 
-    // motion_state. Their difference is the number of motions whose move requests are still to come.
+    // motion_state, without a lock; tour_motion counts its own begin. Their difference is the number of motions whose
+    // move requests are still to come.
     std::atomic<uint32_t> motionsBegun{0};
     std::atomic<uint32_t> motionsStarted{0};
 
@@ -40,10 +42,13 @@ struct MotionState {
     int32_t stepMoveDirection GUARDED_BY(MotionLock) = 0; // degrees
     int32_t stepMoveRemaining GUARDED_BY(MotionLock) = 0; // ticks until its thread stops the head
 
-    // tour_motion, under MotionStateLock but for the reset to 0, which needs none.
-    std::atomic<int32_t> tourCurrentPresetId{0};         // 0 makes a preset tour send the head again
+    // tour_motion.
+    // 0 makes a preset tour send the head again. Set under MotionStateLock; the reset (tourPresetReset) needs no lock.
+    std::atomic<int32_t> tourCurrentPresetId{0};
     uint32_t tourTicket GUARDED_BY(MotionStateLock) = 0; // of the tour step that began last
-    std::atomic<int32_t> scanStepDone{1};                // 0 until a scan's step has rested; quiet_period sets it
+    // 0 from a scan's move request, under MotionLock, until its quiet period is over, when quiet_period sets it under
+    // MotionStateLock.
+    std::atomic<int32_t> scanStepDone{1};
 
     std::atomic<uint32_t> quietPeriods{0}; // quiet_period: how many have begun, under MotionStateLock
 

@@ -151,7 +151,7 @@ void ubusSetPowerOffRecover(const Call& call)
             if (cfg_uci_set_int_value(UCI_PTZD, "config", "power_off_recover", recover) != 0)
                 LOG_ERROR("error to set option %s.power_off_recover\n", "config");
         }
-        (void)transaction.commit(); // reported there; memory keeps the new value either way
+        (void)transaction.commit(); // logged there; memory keeps the new value either way
     }
     replyCode(call, result);
 }

@@ -148,7 +148,7 @@ int32_t plan_load_plan()
             ++plan.counts[day];
         }
     }
-    (void)plan_check_plan_list_all(plan); // reported there
+    (void)plan_check_plan_list_all(plan); // logged there
     return PLAN_OK;
 }
 

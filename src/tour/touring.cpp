@@ -197,7 +197,7 @@ bool allocate()
 
 bool loadAndStart()
 {
-    (void)scan_tour_load_config(gContext.tour.scanTourInfo); // reported there, both; a reload may mend it
+    (void)scan_tour_load_config(gContext.tour.scanTourInfo); // logged there, both; a reload may mend it
     (void)tour_load_config(gContext.tour.tourInfo);
     return plan_load_plan() == PLAN_OK && workerStart(motorTouring, nullptr) == 0;
 }
