@@ -10,6 +10,10 @@ extern "C" {
 }
 #undef fallthrough
 
+#include <json-c/json.h>
+
+#include <tuple>
+
 namespace {
 
 class Arguments : public HeadInTheLab {
@@ -32,15 +36,16 @@ protected:
     std::string call(const char* method, void (*build)(blob_buf*))
     {
         std::string reply;
-        const auto onData = [](ubus_request* request, int, blob_attr* data) {
-            char* text = blobmsg_format_json(data, true);
-            *static_cast<std::string*>(request->priv) = text ? text : "";
-            free(text);
-        };
         blob_buf_init(&message_, 0);
         build(&message_);
         EXPECT_EQ(ubus_invoke(connection_, object_, method, message_.head, onData, &reply, 10000), 0) << method;
         return reply;
+    }
+    static void onData(ubus_request* request, int, blob_attr* data)
+    {
+        char* text = blobmsg_format_json(data, true);
+        *static_cast<std::string*>(request->priv) += text ? text : "";
+        free(text);
     }
     /// Presets and plan, as the daemon has them and as they are in the files.
     std::string stored()
@@ -56,7 +61,6 @@ protected:
         ASSERT_TRUE(lab.programs.startPtzd()) << lab.error();
     }
 
-private:
     ubus_context* connection_ = nullptr;
     uint32_t object_ = 0;
     blob_buf message_{};
@@ -69,11 +73,8 @@ std::string errorCode(int code)
 
 TEST_F(Arguments, MissingOrMistypedAreRefusedWithAReport)
 {
-    const struct {
-        const char* method;
-        const char* function; // which logs it
-        const char* arguments;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        // method, function that logs, arguments
         {"move", "ubusMoveMotor", R"({"x_coord":30,"y_coord":0})"},
         {"moveTo", "ubusMoveMotorTo", R"({"x_coord":["30"],"y_coord":"0"})"},
         {"movePanorama", "ubusMovePanorama", R"({"x_coord":null,"y_coord":"0"})"},
@@ -132,11 +133,7 @@ void addGarbage(blob_buf* message, const char* name)
 TEST_F(Arguments, HugeOrMalformedHarmNothing)
 {
     const std::string nines(60 * 1024, '9');
-    const struct {
-        const char* method;
-        std::string arguments;
-        int code;
-    } hostile[] = {
+    const std::tuple<const char*, std::string, int> hostile[] = {
         {"stop", "{\"" + nines + R"(":"1"})", 0},
         {"moveTo", R"({"x_coord":")" + nines + R"(","y_coord":")" + nines + "\"}", -64302},
         {"delPreset", R"({"id":{"1":"1"}})", -64302},
@@ -155,11 +152,7 @@ TEST_F(Arguments, HugeOrMalformedHarmNothing)
         {"set_plan_config", monday("[[1]]"), 64302},
         {"set_plan_config", monday("720,\"action_id\":\"\xff\xfe'\\u0001=\""), 0},
     };
-    const struct {
-        const char* method;
-        void (*build)(blob_buf*);
-        int code;
-    } malformed[] = {
+    const std::tuple<const char*, void (*)(blob_buf*), int> malformed[] = {
         {"moveTo",
          [](blob_buf* message) {
              blobmsg_add_field(message, BLOBMSG_TYPE_STRING, "x_coord", "30", 2); // without an end
@@ -205,18 +198,39 @@ TEST_F(Arguments, HugeOrMalformedHarmNothing)
 /// A JSON string of these bytes. What the replies escape is escaped in the same way, so it is also what they show.
 std::string quoted(const std::string& text)
 {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        char code[8];
-        const size_t special = std::string("\"\\\n\t\r").find(c);
-        if (special != std::string::npos)
-            quoted += std::string("\\") + "\"\\ntr"[special];
-        else if (static_cast<unsigned char>(c) < ' ')
-            quoted.append(code, static_cast<size_t>(snprintf(code, sizeof(code), "\\u%04x", c)));
-        else
-            quoted += c;
+    json_object* value = json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+    const std::string quoted = json_object_to_json_string_ext(value, JSON_C_TO_STRING_NOSLASHESCAPE);
+    json_object_put(value);
+    return quoted;
+}
+
+TEST_F(Arguments, OfCallsSentAtOnceAreServedInTheirOrder)
+{
+    const std::pair<const char*, const char*> calls[] = {
+        {"setPreset", R"({"id":"1","name":"gate"})"},
+        {"gotoPreset", R"({"id":"2"})"},
+        {"setPreset", R"({"id":"2"})"},
+        {"delPreset", R"({"id":["2"]})"},
+        {"moveTo", R"({"x_coord":"151","y_coord":"0"})"},
+        {"set_plan_config", R"({"monday":[]})"},
+        {"gotoPreset", R"({"id":"2","speed_pan":"9"})"},
+        {"checkMotorStatus", "{}"},
+    };
+    ubus_request requests[std::size(calls)];
+    std::string answers;
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        blob_buf_init(&message_, 0);
+        blobmsg_add_json_from_string(&message_, calls[i].second);
+        ASSERT_EQ(ubus_invoke_async(connection_, object_, calls[i].first, message_.head, &requests[i]), 0);
+        requests[i].priv = &answers;
+        requests[i].data_cb = onData;
+        ubus_complete_request_async(connection_, &requests[i]);
     }
-    return quoted + '"';
+    for (ubus_request& request : requests)
+        EXPECT_EQ(ubus_complete_request(connection_, &request, 10000), 0);
+    EXPECT_EQ(answers, R"({"name":"gate","id":"1","error_code":0})" + errorCode(-64321) +
+                           R"({"name":"preset2","id":"2","error_code":0})" + DONE + REFUSED_PARAM + DONE +
+                           errorCode(-64321) + R"({"err_code":0})");
 }
 
 TEST_F(Arguments, NamesOfPresetsAreStoredExactlyOrRefused)

@@ -67,18 +67,15 @@ TEST_F(MotionRace, TheQuietPeriodsEndOnlyWhenTheHeadRests)
     timerStart(&timers.scanMoveStopTimer, 1, 1);
     motion.user_moved_recently.store(1);
     gContext.motion.scanStepDone.store(0);
-    motion.motion_active.store(1);
-    usrMoveStopTimeout(nullptr);
-    scanMoveStopTimeout(nullptr);
-    EXPECT_EQ(motion.user_moved_recently.load(), 1);
-    EXPECT_EQ(gContext.motion.scanStepDone.load(), 0);
-    EXPECT_TRUE(fakes.armed(timers.usrMoveStopTimer) && fakes.armed(timers.scanMoveStopTimer));
-    motion.motion_active.store(0);
-    usrMoveStopTimeout(nullptr);
-    scanMoveStopTimeout(nullptr);
-    EXPECT_EQ(motion.user_moved_recently.load(), 0);
-    EXPECT_EQ(gContext.motion.scanStepDone.load(), 1);
-    EXPECT_FALSE(fakes.armed(timers.usrMoveStopTimer) || fakes.armed(timers.scanMoveStopTimer));
+    for (const int moving : {1, 0}) {
+        motion.motion_active.store(moving);
+        usrMoveStopTimeout(nullptr);
+        scanMoveStopTimeout(nullptr);
+        EXPECT_EQ(motion.user_moved_recently.load(), moving);
+        EXPECT_EQ(gContext.motion.scanStepDone.load(), 1 - moving);
+        EXPECT_EQ(fakes.armed(timers.usrMoveStopTimer), moving == 1);
+        EXPECT_EQ(fakes.armed(timers.scanMoveStopTimer), moving == 1);
+    }
 }
 
 TEST_F(MotionRace, AnExpiryThatWaitedWhileTheHeadCameToRestDoesNotEndTheNewQuietPeriod)
