@@ -22,8 +22,15 @@ struct WordsText {
 
 } // namespace
 
-void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabAxisEdit& edit,
-                   const LabJournalNote& note)
+int openJournal(const char* folder)
+{
+    char path[PATH_MAX];
+    snprintf(path, sizeof(path), "%s/journal", folder);
+    // Straight to the kernel: the preloaded library serves open(), and faults may be put there.
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+}
+
+void appendJournal(int journal, const LabState& state, LabAxisId id, LabAxisEdit& edit, const LabJournalNote& note)
 {
     const LabAxisNow now = axisAt(*edit, edit.labNs());
     char line[512]; // the longest has less than 400
@@ -33,14 +40,6 @@ void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabA
                                 edit.realNs() - state.startNs, edit.labNs(), getpid(), syscall(SYS_gettid),
                                 id == LAB_PAN ? 'x' : 'y', note.request, WordsText(note.wordsIn).text, note.result,
                                 WordsText(note.wordsOut).text, now.count, now.shaft, now.rate, now.left);
-    char path[PATH_MAX];
-    snprintf(path, sizeof(path), "%s/journal", folder);
-    // Straight to the kernel: open() is one of the calls that the preloaded library serves, and faults may be put
-    // there.
-    const int file =
-        static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-    if (file < 0 || write(file, line, static_cast<size_t>(length)) < 0)
-        perror(path);
-    if (file >= 0)
-        close(file);
+    if (write(journal, line, static_cast<size_t>(length)) < 0)
+        perror("journal");
 }

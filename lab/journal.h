@@ -20,8 +20,9 @@ struct LabJournalNote {
     const int32_t* wordsOut; // five words, or null
 };
 
-/// Appends one line to the journal of a folder with a single write(2). `edit` gives the axis after the request and the
-/// moment. Needs LabState::lock, so that the lines are in the order in which requests took effect. A failure to write
-/// is only reported.
-void appendJournal(const char* folder, const LabState& state, LabAxisId id, LabAxisEdit& edit,
-                   const LabJournalNote& note);
+/// Opens the journal of a folder for appending, and creates it if it is missing. -1 when that fails. Any thread.
+int openJournal(const char* folder);
+
+/// Appends one line with a single write(2). `edit` gives the axis after the request and the moment. Needs
+/// LabState::lock, so that the lines are in the order in which requests took effect. A failure is only reported.
+void appendJournal(int journal, const LabState& state, LabAxisId id, LabAxisEdit& edit, const LabJournalNote& note);

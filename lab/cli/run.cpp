@@ -36,34 +36,29 @@ bool endAsked(milliseconds wait)
 }
 
 /// Prints a line for each axis that is not as it was at the last look.
-class Display {
-public:
-    void refresh(Lab& lab)
-    {
-        for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
-            const std::string text = axisText(lab, axis);
-            if (text != shown_[axis])
-                puts(text.c_str());
-            shown_[axis] = text;
-        }
-        fflush(stdout);
+void refresh(Lab& lab)
+{
+    static std::string shown[LAB_AXIS_COUNT];
+    for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
+        const std::string text = axisText(lab, axis);
+        if (text != shown[axis])
+            puts(text.c_str());
+        shown[axis] = text;
     }
+    fflush(stdout);
+}
 
-private:
-    std::string shown_[LAB_AXIS_COUNT];
-};
-
-/// Refreshes the display until the condition holds. False when a signal came, the daemon ended or the time is up.
+/// Prints what changes until the condition holds. False when a signal came, the daemon ended or the time is up.
 template <typename Condition>
-bool showUntil(Lab& lab, Display& display, Condition condition)
+bool showUntil(Lab& lab, Condition condition)
 {
     const auto end = std::chrono::steady_clock::now() + lab.programs.calibrationTime() + LabOptions{}.startTimeout;
     bool goesOn = true;
     while (goesOn && !condition()) {
-        display.refresh(lab);
+        refresh(lab);
         goesOn = !endAsked(LOOK) && lab.programs.isRunning("ptzd") && std::chrono::steady_clock::now() < end;
     }
-    display.refresh(lab);
+    refresh(lab);
     return goesOn;
 }
 
@@ -76,7 +71,7 @@ int giveUp(Lab& lab)
     return failed(lab.error());
 }
 
-int stayInForeground(Lab& lab, Display& display)
+int stayInForeground(Lab& lab)
 {
     const auto inThisLab = [](const char* words) {
         return (namedFolder().empty() ? "" : "PTZD_LAB_DIR=" + namedFolder().substr(1) + " ") + typed(words);
@@ -87,7 +82,7 @@ int stayInForeground(Lab& lab, Display& display)
         printf("  %s\n", inThisLab(words).c_str());
     printf("Ctrl-C ends the head.\n\n");
     while (!endAsked(LOOK)) {
-        display.refresh(lab);
+        refresh(lab);
         if (!lab.programs.isRunning("ptzd") && !lab.programs.isRunning("ubusd")) {
             printf("the head was taken down\n");
             break;
@@ -119,16 +114,15 @@ int runCommand(Lab& lab, const Arguments& arguments)
         return failed(lab.error());
     close(lock);
 
-    Display display;
-    if (!showUntil(lab, display, [&] { return lab.programs.isReady(); }))
+    if (!showUntil(lab, [&] { return lab.programs.isReady(); }))
         return giveUp(lab);
     printf("calibrated\n");
     constexpr const char* TARGET = R"({"x_coord":"30","y_coord":"0"})";
     printf("moveTo %s: %s\n", TARGET, lab.call("moveTo", TARGET).c_str());
     const auto rest = [&] { return !lab.motors.now(LAB_PAN).running && !lab.motors.now(LAB_TILT).running; };
-    if (!showUntil(lab, display, rest))
+    if (!showUntil(lab, rest))
         return giveUp(lab);
     printf("getStatus: %s\n", lab.call("getStatus").c_str());
     fflush(stdout);
-    return isatty(STDIN_FILENO) ? stayInForeground(lab, display) : 0;
+    return isatty(STDIN_FILENO) ? stayInForeground(lab) : 0;
 }

@@ -4,6 +4,8 @@
 
 #include "lab/clock.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -73,13 +75,15 @@ void LabMotors::setFactor(LabAxisId axis, int32_t stepsPerSecondAndSpeed)
 
 void LabMotors::powerLoss()
 {
+    const int journal = openJournal(base_.folder().c_str());
     const LabLock hold(*base_.state);
     for (const LabAxisId axis : {LAB_PAN, LAB_TILT}) {
         LabAxisEdit edit(*base_.state, axis);
         losePower(*edit, edit.labNs());
-        appendJournal(base_.folder().c_str(), *base_.state, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
+        appendJournal(journal, *base_.state, axis, edit, {JOURNAL_POWER_LOSS, nullptr, 0, nullptr});
         edit.commit();
     }
+    close(journal);
 }
 
 LabAxisNow LabMotors::now(LabAxisId axis)

@@ -4,10 +4,12 @@
 #include "lab/clock.h"
 #include "lab/journal.h"
 
+#include <fcntl.h>
 #include <stdarg.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -31,6 +33,25 @@ constexpr uint32_t REQUEST_WORDS[LAB_REQUEST_COUNT] = {
 };
 constexpr int WORD_SPEED = 1;
 constexpr int WORD_STEPS = 2;
+
+/// Kept open, as opening takes longer than writing a line, at a number that programs do not use; opened again if it was
+/// deleted, or the number closed or used for another file. Needs LabState::lock until the line is written.
+int journal()
+{
+    static int kept = -1;
+    static struct stat file;
+    struct stat now;
+    const bool ours = kept >= 0 && fstat(kept, &now) == 0 && now.st_ino == file.st_ino && now.st_dev == file.st_dev;
+    if (ours && now.st_nlink > 0)
+        return kept;
+    if (ours)
+        close(kept);
+    const int opened = openJournal(labFolder());
+    kept = fcntl(opened, F_DUPFD_CLOEXEC, 200);
+    close(opened);
+    (void)fstat(kept, &file);
+    return kept;
+}
 
 struct Words {
     int32_t word[LAB_WORDS];
@@ -114,7 +135,7 @@ Outcome takeEffect(LabState& state, LabAxisId id, unsigned request, Words& words
     }
     record.served[request].fetch_add(1);
     appendJournal(
-        labFolder(), state, id, edit,
+        journal(), state, id, edit,
         {LAB_REQUEST_NAMES[request], writes ? in.word : nullptr, result, reads && result == 0 ? words.word : nullptr});
     if (!reads && result == 0)
         edit.commit();
@@ -133,7 +154,7 @@ int awaitRotation(LabState& state, LabAxisId id, uint32_t motionId)
             LabAxisEdit edit(state, id);
             if (edit->motionId != motionId || edit->motionSteps == 0) {
                 const int result = motionCompleted(*edit, motionId) ? 0 : EIO;
-                appendJournal(labFolder(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
+                appendJournal(journal(), state, id, edit, {JOURNAL_ROTATE_END, nullptr, result, nullptr});
                 edit.commit();
                 return result;
             }
