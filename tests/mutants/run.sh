@@ -190,7 +190,7 @@ done
 mkdir -p "$work"
 rm -rf "$work/taken" "$results"
 mkdir "$work/taken"
-trap 'jobs -p | xargs -r kill 2>/dev/null' EXIT # which an interrupt does not reach
+trap 'jobs -p | xargs -r kill 2>/dev/null || true' EXIT # which an interrupt does not reach; some have ended
 trap 'exit 130' INT TERM
 check_clean "$work/src"
 for ((job = 1; job <= jobs; ++job)); do
