@@ -64,16 +64,16 @@ struct PlanEntryName {
 /// one before it. A null table is invalid.
 [[nodiscard]] bool plan_check_plan_list(const PlanEntry* table, int32_t expected);
 
-/// Checks all seven days; the first invalid one is reported. @return true when all are valid.
+/// Checks all seven days; the first invalid one is logged. @return true when all are valid.
 bool plan_check_plan_list_all(const DayPlanSet& plan);
 
-/// Loads the active plan, whose tables must exist, and checks it; an invalid day is reported and followed all the same.
-/// @return PLAN_OK; PLAN_STORAGE, reported, with an empty plan, when an entry cannot be read.
+/// Loads the active plan, whose tables must exist, and checks it; an invalid day is logged and followed all the same.
+/// @return PLAN_OK; PLAN_STORAGE, logged, with an empty plan, when an entry cannot be read.
 /// Thread: main until the touring thread runs, then that one; takes ConfigStoreLock.
 [[nodiscard]] int32_t plan_load_plan();
 
 /// Stores the days in the plan's mask and leaves the others alone.
-/// @return PLAN_OK; PLAN_STORAGE, reported, or CFG_UCI_FAILED when the commit fails: storage is then unchanged.
+/// @return PLAN_OK; PLAN_STORAGE, logged, or CFG_UCI_FAILED when the commit fails: storage is then unchanged.
 /// Thread: event loop; takes ConfigStoreLock.
 [[nodiscard]] int32_t plan_save_plan(DayPlanSet plan);
 

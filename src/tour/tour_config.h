@@ -14,7 +14,7 @@ enum TourType : int32_t {
     TOUR_PRESETS = 2,
 };
 
-/// Load a record from storage. @return RESULT_OK; ERR_DEVICE for a null record or, reported, when an option cannot be
+/// Load a record from storage. @return RESULT_OK; ERR_DEVICE for a null record or, logged, when an option cannot be
 /// read: what was read before it counts. Thread: main until the touring thread runs, then that one; takes
 /// ConfigStoreLock.
 [[nodiscard]] int32_t tour_load_config(TourInfo* info);

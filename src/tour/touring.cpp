@@ -42,13 +42,17 @@ bool scanEnabled()
     return strcmp(info.enabled, "on") == 0 && info.tour_type == TOUR_SCAN;
 }
 
-/// @return what is to be reported, or null.
-const char* reload(ScanProgress& scan)
+/// What requests have asked for. @return false, logged under the caller's name, when it could not be loaded.
+bool reload(ScanProgress& scan, LogSite caller)
 {
+    const auto failed = [caller](const char* message) {
+        logWrite(LOG_LEVEL_ERROR, caller, "%s", message);
+        return false;
+    };
     TourState& tour = gContext.tour;
     switch (reloadIfAsked(tour.tourReloadRequested, [&] { return tour_load_config(tour.tourInfo); })) {
     case Reload::Failed:
-        return "load tour config err\n";
+        return failed("load tour config err\n");
     case Reload::Done:
         if (scanEnabled())
             scan.coord = tour.scanTourInfo->x_coord_start;
@@ -59,7 +63,7 @@ const char* reload(ScanProgress& scan)
     }
     switch (reloadIfAsked(tour.scanTourReloadRequested, [&] { return scan_tour_load_config(tour.scanTourInfo); })) {
     case Reload::Failed:
-        return "load tour scan info err\n";
+        return failed("load tour scan info err\n");
     case Reload::Done:
         scan.coord = tour.scanTourInfo->x_coord_start;
         tourStartAnew();
@@ -67,7 +71,7 @@ const char* reload(ScanProgress& scan)
     case Reload::NotAsked:
         break;
     }
-    return reloadIfAsked(tour.planChanged, plan_load_plan) == Reload::Failed ? "load tour preset plan err\n" : nullptr;
+    return reloadIfAsked(tour.planChanged, plan_load_plan) != Reload::Failed || failed("load tour preset plan err\n");
 }
 
 /// Whether the head is the tour's to move.
@@ -113,20 +117,21 @@ TourMove scanMove(uint32_t ticket, int32_t coord)
     return tourDriveScan(ticket, relativeCommand(steps, factoredSpeed(PAN)));
 }
 
-/// @return what is to be reported, or null.
-const char* scanStep(uint32_t ticket, ScanProgress& scan)
+/// @return false, logged under the caller's name, when the head cannot be moved.
+bool scanStep(uint32_t ticket, ScanProgress& scan, LogSite caller)
 {
     const ScanTourInfo& limits = *gContext.tour.scanTourInfo;
     WeekMinute now{};
     if (gContext.motion.scanStepDone.load() == 0 || !localNow(now) ||
         !inSpan(now.minute, limits.start_time, limits.end_time) || gContext.motion.motion_active.load() != 0)
-        return nullptr;
-    logWrite(LOG_LEVEL_ERROR, {"motorTouring", __LINE__}, "cur_xoord is %d\n", scan.coord);
+        return true;
+    logWrite(LOG_LEVEL_ERROR, caller, "cur_xoord is %d\n", scan.coord);
     switch (scanMove(ticket, scan.coord)) {
     case TourMove::Failed:
-        return "scan tour move err\n";
+        logWrite(LOG_LEVEL_ERROR, caller, "scan tour move err\n");
+        return false;
     case TourMove::Overtaken:
-        return nullptr; // the same step once the head is free again
+        return true; // the same step once the head is free again
     case TourMove::Started:
         break;
     }
@@ -135,7 +140,7 @@ const char* scanStep(uint32_t ticket, ScanProgress& scan)
     if (scan.coord <= limits.x_coord_start)
         scan.direction = 1;
     scan.coord += SCAN_STRIDE * scan.direction;
-    return nullptr;
+    return true;
 }
 
 /// The preset that the plan names for now, or 0.
@@ -175,8 +180,7 @@ void* motorTouring(void*)
         nanosleep(&CYCLE, nullptr);
         if (workersStopping())
             break;
-        if (const char* failure = tourCycle(scan))
-            LOG_ERROR("%s", failure);
+        (void)tourCycle(scan); // logged there under this name; the next cycle tries again
     }
     return nullptr;
 }
@@ -229,16 +233,16 @@ void TourDeinit()
     tour.tourInfo = nullptr;
 }
 
-const char* tourCycle(ScanProgress& scan)
+bool tourCycle(ScanProgress& scan, LogSite caller)
 {
     const uint32_t ticket = tourTicketNow(); // before everything that the step goes by
-    if (const char* failure = reload(scan))
-        return failure;
+    if (!reload(scan, caller))
+        return false;
     if (!mayTour())
-        return nullptr;
+        return true;
     if (gContext.tour.tourInfo->tour_type == TOUR_SCAN)
-        return scanStep(ticket, scan);
+        return scanStep(ticket, scan, caller);
     if (gContext.tour.tourInfo->tour_type == TOUR_PRESETS)
         presetStep(ticket);
-    return nullptr;
+    return true;
 }
