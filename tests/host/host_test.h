@@ -3,6 +3,7 @@
 
 #include "lab/core/files.h"
 #include "lab/core/process.h"
+#include "lab/lab.h"
 
 #include <chrono>
 #include <csignal>
@@ -30,13 +31,7 @@ constexpr auto DEADLINE = std::chrono::seconds(30); // generous: reached in fail
 template <class Condition>
 bool waitUntil(Condition condition)
 {
-    const auto end = std::chrono::steady_clock::now() + DEADLINE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return waitUntil(condition, DEADLINE);
 }
 
 // A temporary folder, which goes with the object.
