@@ -27,7 +27,7 @@ void forwardCall(const Client& caller, const Object& object, const Message& call
     object.owner->send(writer.finish());
 }
 
-// Tells an object's owner something about its subscriptions.
+// Notifies an object's owner of a change of its subscriptions.
 template <typename Value>
 void sendNotice(Object& object, MessageType type, AttrId what, Value value)
 {

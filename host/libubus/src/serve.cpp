@@ -1,5 +1,5 @@
-// The context as its owner's loop sees it: what comes for its objects is dispatched and calls are answered, and
-// a loss is reported.
+// The context as its owner's loop sees it: what comes for its objects is dispatched, calls are answered, and a loss is
+// reported.
 #include "bus_client.h"
 
 #include <cstring>
