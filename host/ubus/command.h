@@ -24,6 +24,7 @@ struct Outcome {
     int status = UBUS_STATUS_OK;
     bool wrongUse = false;   // the arguments make no sense: show how to use it
     bool callFailed = false; // reported in the way that belongs to failed calls
+    bool reported = false;   // by the command itself
 };
 
 using Arguments = std::span<char* const>;
@@ -32,6 +33,7 @@ using Command = Outcome(ubus_context& bus, const Options& options, Arguments arg
 Command listObjects;    // [PATH]
 Command callMethod;     // PATH METHOD [JSON]
 Command listenToEvents; // [PATTERN ...]
+Command subscribe;      // PATH ...
 Command sendEvent;      // NAME [JSON]
 
 struct FreeText {

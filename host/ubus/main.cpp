@@ -23,10 +23,11 @@ struct CommandEntry {
 };
 
 constexpr CommandEntry COMMANDS[] = {
-    {"list", listObjects, false},
-    {"call", callMethod, false},
-    {"listen", listenToEvents, true},
-    {"send", sendEvent, false},
+    {.name = "list", .run = listObjects, .usesLoop = false},
+    {.name = "call", .run = callMethod, .usesLoop = false},
+    {.name = "listen", .run = listenToEvents, .usesLoop = true},
+    {.name = "subscribe", .run = subscribe, .usesLoop = true},
+    {.name = "send", .run = sendEvent, .usesLoop = false},
 };
 
 void printUsage(const char* program)
@@ -35,13 +36,14 @@ void printUsage(const char* program)
             "Usage: %s [OPTIONS] COMMAND [ARGUMENTS]\n"
             "Options:\n"
             "  -s SOCKET   path of the bus daemon's socket\n"
-            "  -t SECONDS  how long to wait: for an answer (30), for events (no end)\n"
+            "  -t SECONDS  how long to wait: for an answer (30), for events and notifications (no end)\n"
             "  -S          terse: compact output, no error messages\n"
             "  -v          list: with the methods and their arguments\n"
             "Commands:\n"
             "  list [PATH]              names of the objects on the bus; PATH may end in *\n"
             "  call PATH METHOD [JSON]  call a method of an object\n"
             "  listen [PATTERN ...]     print the events of these names; PATTERN may end in *\n"
+            "  subscribe PATH ...       print the notifications of these objects\n"
             "  send NAME [JSON]         send an event\n",
             program);
 }
@@ -91,7 +93,7 @@ int report(const Outcome& outcome, const Options& options, Arguments arguments)
             fprintf(stderr, "%s ", argument);
         fprintf(stderr, "(%s)\n", ubus_strerror(outcome.status));
         exitStatus = -outcome.status;
-    } else if (!options.terse) {
+    } else if (!options.terse && !outcome.reported) {
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(outcome.status));
     }
     // Handlers may return any number; a failure must not look like success for its last 8 bits.

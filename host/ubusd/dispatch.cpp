@@ -13,15 +13,50 @@ void putCaller(MessageWriter& writer, const Client& caller, size_t rest)
     writer.put(ATTR_GROUP, caller.group);
 }
 
-void forwardCall(const Client& caller, Object& object, const Message& call)
+// A call to its owner, or a notification to a subscriber.
+void forwardCall(const Client& caller, const Object& object, const Message& call)
 {
     MessageWriter writer(MSG_INVOKE, call.seq, caller.id());
+    if (call.type == MSG_NOTIFY && call.noReply) // calls are always answered
+        writer.put(ATTR_NO_REPLY, uint8_t{1});
     writer.put(ATTR_OBJID, object.id);
     writer.put(ATTR_METHOD, *call.method);
     putCaller(writer, caller, padded(call.raw.size()));
     if (call.data)
         writer.put(ATTR_DATA, *call.data);
     object.owner->send(writer.finish());
+}
+
+// Notifies an object's owner of a change of its subscriptions.
+template <typename Value>
+void sendNotice(Object& object, MessageType type, AttrId what, Value value)
+{
+    MessageWriter writer(type, ++object.notices, 0);
+    writer.put(ATTR_OBJID, object.id);
+    writer.put(what, value);
+    object.owner->send(writer.finish());
+}
+
+// False when there was no such subscription.
+bool endSubscription(Object& subscriber, Object& target)
+{
+    if (subscriber.targets.erase(&target) == 0)
+        return false;
+    target.subscribers.erase(&subscriber);
+    if (target.subscribers.empty())
+        sendNotice(target, MSG_NOTIFY, ATTR_ACTIVE, uint8_t{0});
+    return true;
+}
+
+// Of an object that goes: those of its own, and those to it.
+void endSubscriptions(Object& object)
+{
+    while (!object.targets.empty())
+        endSubscription(object, **object.targets.begin());
+    for (Object* subscriber : object.subscribers) {
+        subscriber->targets.erase(&object);
+        sendNotice(*subscriber, MSG_UNSUBSCRIBE, ATTR_TARGET, object.id);
+    }
 }
 
 // The daemon's own answer to a request, whose sequence number and peer it repeats.
@@ -156,6 +191,15 @@ void Bus::handle(Client& client, const Message& message)
     case MSG_REMOVE_OBJECT:
         status = removeObject(client, message);
         break;
+    case MSG_SUBSCRIBE:
+        status = subscribe(client, message);
+        break;
+    case MSG_UNSUBSCRIBE:
+        status = unsubscribe(client, message);
+        break;
+    case MSG_NOTIFY:
+        status = notify(client, message);
+        break;
     default:
         status = Status::InvalidCommand;
         break;
@@ -263,6 +307,57 @@ Status Bus::sendEvent(Client& client, Bytes data)
     return Status::Ok;
 }
 
+// Subscribing twice is subscribing once.
+Status Bus::subscribe(Client& client, const Message& message)
+{
+    Object* subscriber = message.objectId ? registry_.find(*message.objectId) : nullptr;
+    if (!message.target || !subscriber || subscriber->owner != &client)
+        return Status::InvalidArgument;
+    Object* target = registry_.find(*message.target);
+    if (!target)
+        return Status::NotFound;
+    if (target->owner == &client)
+        return Status::InvalidArgument;
+    subscriber->targets.insert(target);
+    if (target->subscribers.insert(subscriber).second && target->subscribers.size() == 1)
+        sendNotice(*target, MSG_NOTIFY, ATTR_ACTIVE, uint8_t{1});
+    return Status::Ok;
+}
+
+Status Bus::unsubscribe(Client& client, const Message& message)
+{
+    Object* subscriber = message.objectId ? registry_.find(*message.objectId) : nullptr;
+    Object* target = message.target ? registry_.find(*message.target) : nullptr;
+    if (!subscriber || !target || subscriber->owner != &client || !endSubscription(*subscriber, *target))
+        return Status::NotFound;
+    return Status::Ok;
+}
+
+// Nothing to answer when the publisher does not want to know. Else it gets the subscribers, whose answers follow.
+std::optional<Status> Bus::notify(Client& client, const Message& message)
+{
+    if (!message.objectId || !message.method)
+        return Status::InvalidArgument;
+    const Object* object = registry_.find(*message.objectId);
+    if (!object)
+        return Status::NotFound;
+    if (object->owner != &client)
+        return Status::PermissionDenied;
+    std::vector<uint8_t> subscribers;
+    for (const Object* subscriber : object->subscribers) {
+        forwardCall(client, *subscriber, message);
+        putNumber(subscribers, subscriber->id);
+    }
+    if (message.noReply)
+        return std::nullopt;
+    MessageWriter answer(MSG_STATUS, message.seq, message.peer);
+    answer.put(ATTR_OBJID, object->id);
+    answer.put(ATTR_SUBSCRIBERS, subscribers);
+    answer.put(ATTR_STATUS, static_cast<uint32_t>(Status::Ok));
+    client.send(answer.finish());
+    return std::nullopt;
+}
+
 // An answer to a call: byte for byte as the owner wrote it, but for the peer. There is no record of calls, so whoever
 // owns the object may answer anybody.
 void Bus::forwardAnswer(Client& client, const Message& message)
@@ -303,6 +398,7 @@ bool Bus::dropObject(Object& object)
 {
     const uint32_t id = object.id;
     const std::optional<std::string> name = object.name ? std::optional(*object.name) : std::nullopt;
+    endSubscriptions(object);
     const bool typeGone = registry_.remove(object);
     if (name)
         announce("ubus.object.remove", id, *name);

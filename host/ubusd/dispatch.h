@@ -33,6 +33,9 @@ private:
     Status callEvents(Client& client, const Message& message);
     Status registerPattern(Client& client, Bytes data);
     Status sendEvent(Client& client, Bytes data);
+    Status subscribe(Client& client, const Message& message);
+    Status unsubscribe(Client& client, const Message& message);
+    std::optional<Status> notify(Client& client, const Message& message);
     void forwardAnswer(Client& client, const Message& message);
     /// Delivers an event to every object that listens to it, once to each, and to none of the sender's own; without a
     /// sender it is the daemon's own. `data` are the fields as they shall arrive.

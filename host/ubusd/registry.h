@@ -21,6 +21,9 @@ struct Object {
     const std::string* name = nullptr;  // null: anonymous
     ObjectType* type = nullptr;         // null: callable, but hidden from lookups
     std::set<std::string> patterns;     // of the events that it listens to
+    std::set<Object*> subscribers;      // to its notifications, objects of other clients
+    std::set<Object*> targets;          // whose subscriber it is
+    uint16_t notices = 0;               // to its owner, about subscriptions; wraps
 };
 
 /// Whether `signature` is, to its end, a run of tables with names.

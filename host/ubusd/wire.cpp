@@ -18,11 +18,11 @@ bool endsWithNul(Bytes bytes)
     return !bytes.empty() && bytes.back() == 0;
 }
 
-std::optional<uint32_t> numberIn(Bytes payload)
+// Leaves `number` alone when the payload is none.
+void takeNumber(Bytes payload, std::optional<uint32_t>& number)
 {
-    if (payload.size() != sizeof(uint32_t))
-        return std::nullopt;
-    return readU32(payload.data());
+    if (payload.size() == sizeof(uint32_t))
+        number = readU32(payload.data());
 }
 
 // Splits an extended attribute's payload into name and value. False when the name does not fit or is not ended.
@@ -155,9 +155,17 @@ Message readMessage(Bytes raw)
                 (attr.id == ATTR_METHOD ? message.method : message.path) = textOf(payload);
             break;
         case ATTR_OBJID:
+            takeNumber(payload, message.objectId);
+            break;
         case ATTR_OBJTYPE:
-            if (const auto number = numberIn(payload))
-                (attr.id == ATTR_OBJID ? message.objectId : message.typeId) = number;
+            takeNumber(payload, message.typeId);
+            break;
+        case ATTR_TARGET:
+            takeNumber(payload, message.target);
+            break;
+        case ATTR_NO_REPLY:
+            if (payload.size() == 1)
+                message.noReply = payload[0] != 0;
             break;
         case ATTR_SIGNATURE:
             message.signature = payload;
@@ -186,6 +194,11 @@ void MessageWriter::put(AttrId id, uint32_t value)
     append(bytes_, value);
 }
 
+void MessageWriter::put(AttrId id, uint8_t value)
+{
+    put(id, Bytes(&value, sizeof value));
+}
+
 void MessageWriter::put(AttrId id, std::string_view text)
 {
     append(bytes_, uint32_t{id} << 24 | static_cast<uint32_t>(ATTR_SIZE + text.size() + 1));
@@ -207,6 +220,12 @@ Bytes MessageWriter::finish()
         return {};
     writeU32(&bytes_[HEADER_SIZE], static_cast<uint32_t>(root));
     return bytes_;
+}
+
+void putNumber(std::vector<uint8_t>& run, uint32_t value)
+{
+    append(run, ATTR_SIZE + sizeof value); // with the id 0
+    append(run, value);
 }
 
 void putField(std::vector<uint8_t>& data, std::string_view name, uint32_t value)

@@ -31,6 +31,9 @@ enum MessageType : uint8_t {
     MSG_INVOKE = 5,
     MSG_ADD_OBJECT = 6,
     MSG_REMOVE_OBJECT = 7,
+    MSG_SUBSCRIBE = 8,
+    MSG_UNSUBSCRIBE = 9,
+    MSG_NOTIFY = 10,
 };
 
 enum AttrId : uint8_t {
@@ -41,6 +44,10 @@ enum AttrId : uint8_t {
     ATTR_OBJTYPE = 5,
     ATTR_SIGNATURE = 6,
     ATTR_DATA = 7,
+    ATTR_TARGET = 8,
+    ATTR_ACTIVE = 9,
+    ATTR_NO_REPLY = 10,
+    ATTR_SUBSCRIBERS = 11,
     ATTR_USER = 12,
     ATTR_GROUP = 13,
 };
@@ -113,8 +120,10 @@ struct Message {
     std::optional<std::string_view> method;
     std::optional<uint32_t> objectId;
     std::optional<uint32_t> typeId;
+    std::optional<uint32_t> target;
     std::optional<Bytes> signature;
     std::optional<Bytes> data;
+    bool noReply = false;
 };
 
 /// @param raw  one message with a good root length, complete
@@ -125,6 +134,7 @@ class MessageWriter {
 public:
     MessageWriter(MessageType type, uint16_t seq, uint32_t peer);
     void put(AttrId id, uint32_t value);
+    void put(AttrId id, uint8_t value);
     void put(AttrId id, std::string_view text);
     void put(AttrId id, Bytes payload);
 
@@ -135,6 +145,9 @@ public:
 private:
     std::vector<uint8_t> bytes_;
 };
+
+/// Appends a number without a name, an attribute of its own, to a SUBSCRIBERS payload under construction.
+void putNumber(std::vector<uint8_t>& run, uint32_t value);
 
 /// Appends a field to a DATA payload under construction.
 void putField(std::vector<uint8_t>& data, std::string_view name, uint32_t value);

@@ -59,6 +59,7 @@ struct Client {
     ubus_object_type type{};
     ubus_object object{};
     ubus_event_handler handler{};
+    ubus_subscriber subscriber{};
     std::array<Request, 4> requests{};
     std::vector<ubus_request_data> deferred;
 };
@@ -191,6 +192,15 @@ constexpr void (*ACTIONS[])(ubus_context* ctx) = {
         if (client.depth == 0)
             loop(ctx);
     },
+    [](ubus_context* ctx) {
+        (void)ubus_register_subscriber(ctx, &client.subscriber);
+        (void)ubus_subscribe(ctx, &client.subscriber, OTHER);
+    },
+    [](ubus_context* ctx) {
+        (void)ubus_unsubscribe(ctx, &client.subscriber, OTHER);
+        (void)ubus_unregister_subscriber(ctx, &client.subscriber);
+    },
+    [](ubus_context* ctx) { (void)ubus_notify(ctx, &client.object, "motion", nullptr, -1); },
 };
 
 void act(uint8_t what)
@@ -243,6 +253,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         RIG_CHECK(name && lengthOf(name) < MAX_STREAM, "an event without a name\n");
         look(message);
     };
+    client.object.subscribe_cb = [](ubus_context*, ubus_object*) { look(nullptr); };
+    client.subscriber.cb = onCall;
+    client.subscriber.remove_cb = [](ubus_context*, ubus_subscriber*, uint32_t) { look(nullptr); };
     client.ctx = ubus_connect("/nowhere");
     if (client.ctx) {
         client.ctx->connection_lost = onLost;

@@ -3,6 +3,7 @@
 
 #include "lab/core/files.h"
 #include "lab/core/process.h"
+#include "lab/lab.h"
 
 #include <chrono>
 #include <csignal>
@@ -30,13 +31,7 @@ constexpr auto DEADLINE = std::chrono::seconds(30); // generous: reached in fail
 template <class Condition>
 bool waitUntil(Condition condition)
 {
-    const auto end = std::chrono::steady_clock::now() + DEADLINE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return waitUntil(condition, DEADLINE);
 }
 
 // A temporary folder, which goes with the object.
@@ -179,8 +174,9 @@ inline std::string jsonText(const std::string& literal)
 
 // ---- the bus protocol ----
 
-enum : uint8_t { HELLO, STATUS, DATA, PING, LOOKUP, INVOKE, ADD_OBJECT, REMOVE_OBJECT };
-enum : uint8_t { A_STATUS = 1, A_OBJPATH, A_OBJID, A_METHOD, A_OBJTYPE, A_SIGNATURE, A_DATA, A_USER = 12, A_GROUP };
+enum : uint8_t { HELLO, STATUS, DATA, PING, LOOKUP, INVOKE, ADD_OBJECT, REMOVE_OBJECT, SUBSCRIBE, UNSUBSCRIBE, NOTIFY };
+enum : uint8_t { A_STATUS = 1, A_OBJPATH, A_OBJID, A_METHOD, A_OBJTYPE, A_SIGNATURE, A_DATA };
+enum : uint8_t { A_TARGET = 8, A_ACTIVE, A_NO_REPLY, A_SUBSCRIBERS, A_USER, A_GROUP };
 constexpr size_t FRAME = 12; // the header and the root's word
 
 inline Bytes operator+(Bytes left, const Bytes& right)
@@ -262,6 +258,19 @@ inline Bytes call(uint16_t seq, uint32_t object, std::string_view method, const 
 inline Bytes eventCall(uint16_t seq, std::string_view event, const Bytes& fields)
 {
     return call(seq, 1, "send", stringField("id", event) + tableField("data", fields));
+}
+
+// A notification, or what a subscriber gets of it, that nobody is to answer.
+inline Bytes unanswered(uint8_t type, uint32_t object, std::string_view name, const Bytes& fields)
+{
+    return message(type, 1, object,
+                   attr(A_OBJID, u32(object)) + attr(A_METHOD, text(name)) + attr(A_DATA, fields) +
+                       attr(A_NO_REPLY, {1}));
+}
+
+inline Bytes subscription(uint8_t change, uint32_t object, uint32_t target)
+{
+    return message(change, 1, 0, attr(A_OBJID, u32(object)) + attr(A_TARGET, u32(target)));
 }
 
 inline Bytes statusMessage(uint16_t seq, uint32_t peer, uint32_t status)

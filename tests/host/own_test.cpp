@@ -53,6 +53,9 @@ TEST(Connection, ABreakEndsAWaitingCall)
         const auto invoke = [&] { return ubus_invoke(ctx.get(), 0x1000, "x", nullptr, nullptr, nullptr, 3000); };
         EXPECT_EQ(invoke(), UBUS_STATUS_CONNECTION_FAILED);
         EXPECT_EQ(invoke(), UBUS_STATUS_INVALID_ARGUMENT);
+        ubus_object object{};
+        EXPECT_EQ(ubus_notify(ctx.get(), &object, "x", nullptr, -1), UBUS_STATUS_OK);
+        EXPECT_EQ(ubus_notify(ctx.get(), &object, "x", nullptr, 0), UBUS_STATUS_NOT_SUPPORTED);
         ubus_handle_event(ctx.get());
         EXPECT_EQ(losses, 1);
     }

@@ -25,6 +25,7 @@ struct ubus_request_data;
 struct ubus_object;
 struct ubus_object_data;
 struct ubus_event_handler;
+struct ubus_subscriber;
 
 /* Handles a call of a method; the returned status goes to the caller unless the request was deferred. `msg` is the DATA
  * attribute: fields at blob_data(msg), blob_len(msg) bytes of them. */
@@ -34,6 +35,8 @@ typedef void (*ubus_state_handler_t)(struct ubus_context* ctx, struct ubus_objec
 typedef void (*ubus_lookup_handler_t)(struct ubus_context* ctx, struct ubus_object_data* obj, void* priv);
 typedef void (*ubus_event_handler_t)(struct ubus_context* ctx, struct ubus_event_handler* ev, const char* type,
                                      struct blob_attr* msg);
+typedef void (*ubus_remove_handler_t)(struct ubus_context* ctx, struct ubus_subscriber* sub, uint32_t id);
+typedef bool (*ubus_new_object_handler_t)(struct ubus_context* ctx, struct ubus_subscriber* sub, const char* path);
 typedef void (*ubus_data_handler_t)(struct ubus_request* req, int type, struct blob_attr* msg);
 typedef void (*ubus_fd_handler_t)(struct ubus_request* req, int fd);
 typedef void (*ubus_complete_handler_t)(struct ubus_request* req, int ret);
@@ -82,6 +85,8 @@ struct ubus_object {
     const char* path;
     struct ubus_object_type* type;
 
+    /* Called, as a handler is, when the first subscriber has come and when the last one has gone, with the flag set.
+     * After a reconnection the flag is false again, without a call. */
     ubus_state_handler_t subscribe_cb;
     bool has_subscribers;
 
@@ -93,6 +98,17 @@ struct ubus_event_handler {
     struct ubus_object obj;
 
     ubus_event_handler_t cb;
+};
+
+/* Zero it, then set the callbacks; the library sets the rest. */
+struct ubus_subscriber {
+    struct list_head list;
+    struct ubus_object obj;
+
+    ubus_handler_t cb; /* gets each notification, its type in the place of the method */
+    /* The object of that id has left the bus, and the subscription with it. May subscribe to another. */
+    ubus_remove_handler_t remove_cb;
+    ubus_new_object_handler_t new_obj_cb; /* never called: listen to the event ubus.object.add instead */
 };
 
 struct ubus_context {
@@ -241,6 +257,24 @@ int ubus_send_event(struct ubus_context* ctx, const char* id, struct blob_attr* 
 /* Listens to the events of that name, or of that prefix when the pattern ends in a star. */
 int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev, const char* pattern);
 int ubus_unregister_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev);
+
+/* Registers the subscriber's object, once and for any number of subscriptions. After a reconnection the object is
+ * registered again, and its subscriptions are gone. */
+int ubus_register_subscriber(struct ubus_context* ctx, struct ubus_subscriber* sub);
+/* Ends its subscriptions, too. */
+int ubus_unregister_subscriber(struct ubus_context* ctx, struct ubus_subscriber* sub);
+
+/* Subscribes to the notifications of the object of that id, which must be another client's. UBUS_STATUS_NOT_FOUND when
+ * there is none. */
+int ubus_subscribe(struct ubus_context* ctx, struct ubus_subscriber* sub, uint32_t id);
+int ubus_unsubscribe(struct ubus_context* ctx, struct ubus_subscriber* sub, uint32_t id);
+
+/* Sends a notification to the subscribers of an own object; a null `msg` is an empty table. With a negative timeout
+ * nobody answers, nothing waits for a subscriber, and the result is always UBUS_STATUS_OK, also when nothing could be
+ * sent. To wait for the subscribers' answers is not supported: any other timeout sends nothing and gives
+ * UBUS_STATUS_NOT_SUPPORTED. */
+int ubus_notify(struct ubus_context* ctx, struct ubus_object* obj, const char* type, struct blob_attr* msg,
+                int timeout);
 
 #ifdef __cplusplus
 }

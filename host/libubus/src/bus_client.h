@@ -90,10 +90,14 @@ struct WireFields {
 };
 WireFields readFields(const blob_attr* root);
 
-// 0 or null for a missing attribute.
+// 0, false or null for a missing attribute.
 inline uint32_t numberIn(const WireFields& fields, ubus_msg_attr id)
 {
     return fields.at[id] ? blob_get_u32(fields.at[id]) : 0;
+}
+inline bool isSet(const WireFields& fields, ubus_msg_attr id)
+{
+    return fields.at[id] && blob_get_u8(fields.at[id]) != 0;
 }
 inline const char* textIn(const WireFields& fields, ubus_msg_attr id)
 {
@@ -102,7 +106,7 @@ inline const char* textIn(const WireFields& fields, ubus_msg_attr id)
 
 // Requests (request.cpp).
 
-// Handles an answer at once, and queues a call. Takes the message over.
+// Handles an answer at once, and queues what is for an object. Takes the message over.
 void handleMessage(ubus_context* ctx, Message* message);
 // Ends every request: waited ones with UBUS_STATUS_CONNECTION_FAILED, others with UBUS_STATUS_TIMEOUT.
 void endAllRequests(ubus_context* ctx);
@@ -115,12 +119,15 @@ blob_buf* startCall(ubus_context* ctx, uint32_t obj, const char* method);
 // Registers an object that is not registered (object.cpp).
 int registerObject(ubus_context* ctx, ubus_object* obj);
 
+// Reports to a subscriber that an object it had subscribed to is gone (subscribe.cpp). Nothing for other objects.
+void reportRemoval(ubus_context* ctx, ubus_object* obj, uint32_t target);
+
 // The context in its owner's loop (serve.cpp).
 
-// Handles the calls that were queued, unless a wait or a handler is under way. Calls that arrive while one of their
-// handlers waits are left to the loop if the socket is in it.
+// Handles the calls and notices that were queued, unless a wait or a handler is under way. Those that arrive while one
+// of their handlers waits are left to the loop if the socket is in it.
 void dispatchPending(ubus_context* ctx);
-// The socket's and the timer's callbacks. The timer handles the calls that were queued and reports a loss; the context
-// may be gone afterwards.
+// The socket's and the timer's callbacks. The timer handles what was queued and reports a loss; the context may be gone
+// afterwards.
 void handleSocket(uloop_fd* sock, unsigned int events);
 void handlePendingTimer(uloop_timeout* timer);

@@ -87,6 +87,7 @@ int registerObject(ubus_context* ctx, ubus_object* obj)
     ubus_request req;
     blob_buf* buf = startMessage(ctx);
     obj->id = 0;
+    obj->has_subscribers = false;
     if (!buf || !putObject(buf, obj))
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (int status = startRequest(ctx, &req, UBUS_MSG_ADD_OBJECT, 0))

@@ -124,7 +124,7 @@ void answerRequest(ubus_context* ctx, Message* message)
     releaseMessage(ctx, message);
 }
 
-// At the end of a waiting call: has the calls that were queued handled and a loss reported, by the loop if the socket
+// At the end of a waiting call: has what was queued handled and a loss reported, by the loop if the socket
 // is in it. Nothing while another wait or a handler is under way. The context may be gone afterwards.
 void settleAfterWait(ubus_context* ctx)
 {
@@ -147,6 +147,8 @@ void handleMessage(ubus_context* ctx, Message* message)
         answerRequest(ctx, message);
         break;
     case UBUS_MSG_INVOKE:
+    case UBUS_MSG_UNSUBSCRIBE:
+    case UBUS_MSG_NOTIFY:
         list_add_tail(&message->list, &ctx->pending);
         break;
     default:

@@ -1,4 +1,5 @@
-// The context as its owner's loop sees it: calls of its objects are dispatched and answered, and a loss is reported.
+// The context as its owner's loop sees it: what comes for its objects is dispatched, calls are answered, and a loss is
+// reported.
 #include "bus_client.h"
 
 #include <cstring>
@@ -36,12 +37,8 @@ int callMethod(ubus_context* ctx, ubus_object* obj, ubus_request_data* req, cons
     return method ? method->handler(ctx, obj, req, name, data) : UBUS_STATUS_METHOD_NOT_FOUND;
 }
 
-void dispatchCall(ubus_context* ctx, Message* message)
+void dispatchCall(ubus_context* ctx, ubus_object* obj, const Message* message, const WireFields& fields)
 {
-    WireFields fields = readFields(rootOf(message));
-    if (!fields.at[UBUS_ATTR_OBJID])
-        return;
-    ubus_object* obj = findObject(ctx, numberIn(fields, UBUS_ATTR_OBJID));
     ubus_request_data req{};
     req.object = numberIn(fields, UBUS_ATTR_OBJID);
     req.peer = message->peer;
@@ -50,8 +47,29 @@ void dispatchCall(ubus_context* ctx, Message* message)
     req.acl.group = textIn(fields, UBUS_ATTR_GROUP);
     req.acl.object = obj ? obj->name : nullptr;
     int status = obj ? callMethod(ctx, obj, &req, fields) : static_cast<int>(UBUS_STATUS_NOT_FOUND);
-    if (!req.deferred)
+    if (!req.deferred && !isSet(fields, UBUS_ATTR_NO_REPLY))
         ubus_complete_deferred_request(ctx, &req, status);
+}
+
+void noteSubscribers(ubus_context* ctx, ubus_object* obj, bool active)
+{
+    obj->has_subscribers = active;
+    if (obj->subscribe_cb)
+        obj->subscribe_cb(ctx, obj);
+}
+
+void dispatchMessage(ubus_context* ctx, Message* message)
+{
+    WireFields fields = readFields(rootOf(message));
+    if (!fields.at[UBUS_ATTR_OBJID])
+        return;
+    ubus_object* obj = findObject(ctx, numberIn(fields, UBUS_ATTR_OBJID));
+    if (message->type == UBUS_MSG_INVOKE)
+        dispatchCall(ctx, obj, message, fields);
+    else if (obj && message->type == UBUS_MSG_NOTIFY && fields.at[UBUS_ATTR_ACTIVE])
+        noteSubscribers(ctx, obj, isSet(fields, UBUS_ATTR_ACTIVE));
+    else if (obj && message->type == UBUS_MSG_UNSUBSCRIBE && fields.at[UBUS_ATTR_TARGET])
+        reportRemoval(ctx, obj, numberIn(fields, UBUS_ATTR_TARGET));
 }
 
 // Runs after the outermost wait or handler, from the loop if the socket is in it. The context may be gone afterwards.
@@ -89,7 +107,7 @@ void dispatchPending(ubus_context* ctx)
         Message* message = list_first_entry(&ctx->pending, Message, list);
         list_del(&message->list);
         lastHandled = lastHandled || message == last;
-        dispatchCall(ctx, message);
+        dispatchMessage(ctx, message);
         releaseMessage(ctx, message);
     }
     --ctx->stack_depth;

@@ -95,10 +95,14 @@ TEST_F(CommandTest, SendsEventsAndPrintsEachAtOnce)
     for (const Background* listener : both)
         EXPECT_TRUE(waitUntil([&] { return listener->output().ends_with(motor); }));
     EXPECT_TRUE(all.output().ends_with("{ \"other\": {} }" + motor));
-    owner.addObject("ptzd");
+    const uint32_t id = owner.addObject("ptzd");
     EXPECT_TRUE(waitUntil([&] { return all.output().ends_with(",\"path\":\"ptzd\"} }\n"); }));
     EXPECT_TRUE(some.output().ends_with("probe\": {} }" + motor)) << "once, and a star in front is no pattern";
     EXPECT_EQ(all.end(SIGINT), 0);
+    const Background subscriber(command({"subscribe", "ptzd"}));
+    EXPECT_EQ(owner.receive()[1], NOTIFY);
+    owner.send(unanswered(NOTIFY, id, "motion", stringField("x", "1")) + unanswered(NOTIFY, id, "empty", {}));
+    EXPECT_TRUE(waitUntil([&] { return subscriber.output() == "{ \"motion\": {\"x\":\"1\"} }\n{ \"empty\": {} }\n"; }));
     expect({"-t", "1", "listen", "nothing"}, {});
     expect({"send", "ubus.motor"}, {6, "", "Command failed: Permission denied\n"});
     expect({"send", "motor", "[]"}, {12, "", "Command failed: Parsing message data failed\n"});
@@ -107,6 +111,9 @@ TEST_F(CommandTest, SendsEventsAndPrintsEachAtOnce)
 TEST_F(CommandTest, SaysThatThereIsNoBusOrHowToUseIt)
 {
     expect({"-s", folder.path / "none", "list"}, {255, "", "Failed to connect to ubus\n"});
+    owner.addObject("ptzd");
+    expect({"subscribe", "ptzd", "x"}, {255, "", "Error while registering for event 'ptzd': Not found\n"});
+    expect({"subscribe"}, {255, "", "You need to specify an object to subscribe to\n"});
     const std::pair<int, Strings> wrong[] = {
         {1, {}}, {254, {"nonsense"}}, {254, {"list", "a", "b"}}, {254, {"call", "a"}}, {254, {"send"}}};
     for (const auto& [status, arguments] : wrong) {

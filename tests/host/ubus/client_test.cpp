@@ -15,12 +15,12 @@ constexpr uint32_t CALLEE = 0x1000;      // in the other tests
 constexpr size_t LARGEST_TEXT = 1048576 - 33;
 
 // The daemon's side of one connection of the capture.
-std::function<void(FakeBus&)> playBack(const std::string& connection)
+std::function<void(FakeBus&)> playBack(const std::string& connection, const char* file = "bus.txt")
 {
-    return [connection](FakeBus& bus) {
+    return [connection, file](FakeBus& bus) {
         bus.accept();
-        for (const VectorRecord& record : readVectorFile("bus.txt")) {
-            if (record.at("conn") != connection)
+        for (const VectorRecord& record : readVectorFile(file)) {
+            if (record.at("conn") != connection || record.contains("only"))
                 continue;
             SCOPED_TRACE("message " + record.at("msg"));
             if (record.at("dir") == "from-daemon")
@@ -43,7 +43,7 @@ Bytes reply(uint16_t seq, const Bytes& fields)
     return message(DATA, seq, CALLEE, attr(A_DATA, fields));
 }
 
-std::string calls; // what the owner's handler saw
+std::string calls; // what the callbacks saw
 
 int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* method, blob_attr* msg)
 {
@@ -52,6 +52,22 @@ int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* 
         return UBUS_STATUS_NO_DATA;
     Buffer answer(R"({"error_code":0})");
     return ubus_send_reply(ctx, req, answer.head());
+}
+
+int onNotification(ubus_context*, ubus_object*, ubus_request_data*, const char* type, blob_attr* msg)
+{
+    calls += type + jsonOf(msg) + " ";
+    return UBUS_STATUS_OK;
+}
+
+// Handles what comes until the callbacks have seen this.
+void expectCalls(const Context& ctx, const std::string& expected)
+{
+    EXPECT_TRUE(waitUntil([&] {
+        ubus_handle_event(ctx.get());
+        return calls.size() >= expected.size();
+    }));
+    EXPECT_EQ(std::exchange(calls, ""), expected);
 }
 
 } // namespace
@@ -67,67 +83,69 @@ TEST(Golden, OwnerOfAnObject)
     object.type = &type;
     object.methods = methods;
     object.n_methods = 2;
-    calls.clear();
 
     Context ctx = connectTo(bus);
     ASSERT_TRUE(ctx);
     EXPECT_EQ(ctx->local_id, htonl(0x0185bcb8));
     EXPECT_EQ(ubus_add_object(ctx.get(), &object), 0);
     EXPECT_TRUE(object.id == PTZD_ID && type.id == 0x4b751697U);
-    EXPECT_TRUE(waitUntil([&] {
-        ubus_handle_event(ctx.get());
-        return calls.find("stop") != calls.npos;
-    }));
-    EXPECT_EQ(calls, R"(moveTo{"x_coord":"30"}rootrootptzd stop{}rootrootptzd )");
+    expectCalls(ctx, R"(moveTo{"x_coord":"30"}rootrootptzd stop{}rootrootptzd )");
     EXPECT_EQ(ubus_remove_object(ctx.get(), &object), 0);
     EXPECT_TRUE(object.id == 0 && type.id == 0);
 }
 
 TEST(Golden, ListenerToEvents)
 {
-    struct Listener : ubus_event_handler {
-        std::string heard;
-    } listener{};
-    listener.cb = [](ubus_context*, ubus_event_handler* ev, const char* type, blob_attr* msg) {
-        static_cast<Listener*>(ev)->heard += type + jsonOf(msg);
+    ubus_event_handler listener{};
+    listener.cb = [](ubus_context* ctx, ubus_event_handler* ev, const char* type, blob_attr* msg) {
+        (void)onNotification(ctx, &ev->obj, nullptr, type, msg);
     };
     FakeBus bus(playBack("L1"));
     Context ctx = connectTo(bus);
     EXPECT_EQ(ubus_register_event_handler(ctx.get(), &listener, "ubus.object.*"), 0);
     EXPECT_EQ(ubus_register_event_handler(ctx.get(), &listener, "motor_rotate_event"), 0);
-    EXPECT_TRUE(waitUntil([&] {
-        ubus_handle_event(ctx.get());
-        return listener.heard.find("remove") != std::string::npos;
-    }));
-    EXPECT_EQ(listener.heard, R"(ubus.object.add{"id":-251364575,"path":"ptzd"})"
-                              R"(motor_rotate_event{"action":"start"})"
-                              R"(ubus.object.remove{"id":-251364575,"path":"ptzd"})");
+    expectCalls(ctx, R"(ubus.object.add{"id":-251364575,"path":"ptzd"} motor_rotate_event{"action":"start"} )"
+                     R"(ubus.object.remove{"id":-251364575,"path":"ptzd"} )");
+}
+
+TEST(Golden, PublisherAndSubscriber)
+{
+    FakeBus publishers(playBack("P1", "subscriptions.txt")), subscribers(playBack("N1", "subscriptions.txt"));
+    const Context publisher = connectTo(publishers), notified = connectTo(subscribers);
+    ubus_object object{};
+    object.subscribe_cb = [](ubus_context*, ubus_object* obj) { calls += obj->has_subscribers ? "first" : "none"; };
+    EXPECT_EQ(ubus_add_object(publisher.get(), &object), 0);
+    expectCalls(publisher, "first");
+    Buffer data(R"({"state":"idle","x":"1"})");
+    EXPECT_EQ(ubus_notify(publisher.get(), &object, "motion", data.head(), -1), 0);
+
+    ubus_subscriber subscriber{};
+    subscriber.cb = onNotification;
+    subscriber.remove_cb = [](ubus_context*, ubus_subscriber*, uint32_t id) { calls += hex(u32(id)); };
+    EXPECT_EQ(ubus_register_subscriber(notified.get(), &subscriber), 0);
+    EXPECT_EQ(ubus_unsubscribe(notified.get(), &subscriber, object.id), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_subscribe(notified.get(), &subscriber, object.id), 0);
+    const std::string motion = R"(motion{"state":"idle","x":"1"} )";
+    expectCalls(notified, motion + motion + "c89a6368");
 }
 
 TEST(Golden, CallersOfMethods)
 {
-    struct Call {
-        const char* connection;
-        const char* method;
-        const char* argument; // null: no message
-        int status;
-        const char* reply;
-    };
-    for (const Call& call : {Call{"C1", "moveTo", R"({"x_coord":"30"})", 0, R"({"error_code":0})"},
-                             Call{"C2", "nosuch", nullptr, UBUS_STATUS_METHOD_NOT_FOUND, ""},
-                             Call{"C3", "stop", "{}", UBUS_STATUS_NO_DATA, ""}}) {
-        SCOPED_TRACE(call.connection);
-        FakeBus bus(playBack(call.connection));
+    for (const auto& [connection, method, argument, status, expected] :
+         {std::tuple{"C1", "moveTo", R"({"x_coord":"30"})", 0, R"({"error_code":0})"},
+          {"C2", "nosuch", nullptr, UBUS_STATUS_METHOD_NOT_FOUND, ""},
+          {"C3", "stop", "{}", UBUS_STATUS_NO_DATA, ""}}) {
+        SCOPED_TRACE(connection);
+        FakeBus bus(playBack(connection));
         Context ctx = connectTo(bus);
         uint32_t id = 0;
         EXPECT_EQ(ubus_lookup_id(ctx.get(), "ptzd", &id), 0);
         EXPECT_EQ(id, PTZD_ID);
-        Buffer argument(call.argument ? call.argument : "{}");
+        Buffer message(argument ? argument : "{}");
         std::string reply;
-        EXPECT_EQ(ubus_invoke(ctx.get(), id, call.method, call.argument ? argument.head() : nullptr, collectJson,
-                              &reply, 5000),
-                  call.status);
-        EXPECT_EQ(reply, call.reply);
+        EXPECT_EQ(ubus_invoke(ctx.get(), id, method, argument ? message.head() : nullptr, collectJson, &reply, 5000),
+                  status);
+        EXPECT_EQ(reply, expected);
     }
 }
 
@@ -173,6 +191,37 @@ TEST(Request, TimesOutAndIgnoresTheLateAnswer)
     EXPECT_EQ(invoke(0), UBUS_STATUS_NO_DATA);
     EXPECT_EQ(replies, R"({"n":3})");
     EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
+}
+
+TEST(Subscription, WaitsBehindACallAndEndsWithTheConnection)
+{
+    constexpr uint32_t OWN = 0x2000;
+    const auto registerOne = [](FakeBus& daemon) {
+        daemon.greet();
+        daemon.client.receive();
+        daemon.client.send(message(DATA, 1, 0, attr(A_OBJID, u32(OWN))) + statusMessage(1, 0, 0));
+    };
+    FakeBus bus([&](FakeBus& daemon) {
+        registerOne(daemon);
+        daemon.expect(callOfM(2));
+        daemon.client.send(unanswered(INVOKE, OWN, "early", {}) + reply(2, {}) + statusMessage(2, CALLEE, 0) +
+                           unanswered(INVOKE, OWN, "late", {}) +
+                           message(NOTIFY, 1, 0, attr(A_OBJID, u32(OWN)) + attr(A_ACTIVE, {1})));
+        daemon.expect({}); // no answer
+        registerOne(daemon);
+    });
+    const Context ctx = connectTo(bus);
+    ubus_subscriber both{}; // also a publisher
+    both.cb = onNotification;
+    EXPECT_EQ(ubus_register_subscriber(ctx.get(), &both), 0);
+    const auto onReply = [](ubus_request*, int, blob_attr*) { calls += "reply "; };
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", nullptr, onReply, nullptr, 5000), 0);
+    EXPECT_EQ(std::exchange(calls, ""), "reply early{} ");
+    expectCalls(ctx, "late{} ");
+    ubus_handle_event(ctx.get());
+    EXPECT_TRUE(both.obj.has_subscribers);
+    EXPECT_EQ(ubus_reconnect(ctx.get(), bus.path.c_str()), 0);
+    EXPECT_TRUE(both.obj.id == OWN && !both.obj.has_subscribers);
 }
 
 TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndReadsOneInPieces)
