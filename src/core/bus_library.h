@@ -12,5 +12,5 @@ extern "C" {
 #ifndef PTZD_BUS_ADAPTER
 #pragma GCC poison ubus_connect ubus_free ubus_reconnect ubus_add_object ubus_send_reply ubus_lookup_id
 #pragma GCC poison ubus_invoke ubus_invoke_async ubus_complete_request_async ubus_abort_request ubus_handle_event
-#pragma GCC poison ubus_send_event ubus_defer_request ubus_complete_deferred_request
+#pragma GCC poison ubus_send_event ubus_notify ubus_defer_request ubus_complete_deferred_request
 #endif

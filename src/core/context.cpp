@@ -6,6 +6,7 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/coordinates.h"
+#include "motor/motion_record.h"
 #include "motor/motor_device.h"
 #include "motor/position_store.h"
 #include "preset/preset_store.h"
@@ -17,6 +18,7 @@ constinit MotorAxes axes;
 constinit Timers timers{};
 constinit CalibrationTarget* calibrationArg = nullptr;
 constinit MotionState motion;
+constinit MotionRecord record;
 constinit PositionState position;
 constinit PanoramaState panorama;
 constinit TrackState track;

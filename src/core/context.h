@@ -11,12 +11,14 @@
 //   MotionStateLock     the motion state, the sending of its notifications and notifyBuf; never with MotionLock
 //   ConfigStoreLock     the configuration store (recursive); neither motion lock is taken while it is held
 //   PresetLock          the preset table; nothing is waited for while it is held
-//   BusLock             every call into the bus library; nothing is waited for while it is held
+//   BusLock             every call into the bus library; nothing else is waited for while it is held
+//   MotionRecordLock    the motions' numbers and notifications; nothing is waited for while it is held
 #pragma once
 
 struct CalibrationTarget;
 struct ConfigState;
 struct ImageState;
+struct MotionRecord;
 struct MotionState;
 struct MotorAxes;
 struct PanoramaState;
@@ -33,6 +35,7 @@ extern MotorAxes axes;
 extern Timers timers;
 extern CalibrationTarget* calibrationArg;
 extern MotionState motion;
+extern MotionRecord record;
 extern PositionState position;
 extern PanoramaState panorama;
 extern TrackState track;
@@ -48,6 +51,7 @@ struct DaemonContext {
     Timers& timers;                     // core/timer.h
     CalibrationTarget*& calibrationArg; // two, pan first; allocated by PtzdInit, freed by its teardown
     MotionState& motion;                // core/motion.h
+    MotionRecord& record;               // motor/motion_record.h
     PositionState& position;            // motor/position_store.h
     PanoramaState& panorama;            // core/motion.h
     TrackState& track;                  // motion/track.h
@@ -60,7 +64,8 @@ struct DaemonContext {
 
 /// A constant whose references the compiler resolves: a part is reached as directly as a variable of its own.
 inline constexpr DaemonContext gContext{
-    context_parts::axes,     context_parts::timers,   context_parts::calibrationArg, context_parts::motion,
-    context_parts::position, context_parts::panorama, context_parts::track,          context_parts::preset,
-    context_parts::tour,     context_parts::image,    context_parts::ubus,           context_parts::config,
+    context_parts::axes,   context_parts::timers,   context_parts::calibrationArg, context_parts::motion,
+    context_parts::record, context_parts::position, context_parts::panorama,       context_parts::track,
+    context_parts::preset, context_parts::tour,     context_parts::image,          context_parts::ubus,
+    context_parts::config,
 };

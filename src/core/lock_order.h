@@ -10,7 +10,7 @@
 #endif
 
 /// The locks, in the order in which they may be taken; context.h says what each guards.
-enum class LockRank : uint8_t { Motion, MotionState, ConfigStore, Preset, Bus };
+enum class LockRank : uint8_t { Motion, MotionState, ConfigStore, Preset, Bus, MotionRecord };
 
 #ifdef NDEBUG
 
@@ -42,15 +42,17 @@ struct Lock {
 inline constexpr uint32_t MOTION = 1U << static_cast<int>(LockRank::Motion);
 inline constexpr uint32_t MOTION_STATE = 1U << static_cast<int>(LockRank::MotionState);
 inline constexpr uint32_t CONFIG_STORE = 1U << static_cast<int>(LockRank::ConfigStore);
+inline constexpr uint32_t BUS = 1U << static_cast<int>(LockRank::Bus);
 
-// The first two exclude each other, the store's lock may be taken again, and a holder of the last two waits for
-// nothing.
+// The first two exclude each other, the store's lock may be taken again, and a holder of the last three waits for
+// nothing but, with BusLock, the last one.
 inline constexpr Lock LOCKS[] = {
     {"MotionLock", 0},
     {"MotionStateLock", 0},
     {"ConfigStoreLock", MOTION | MOTION_STATE | CONFIG_STORE},
     {"PresetLock", MOTION | MOTION_STATE | CONFIG_STORE},
     {"BusLock", MOTION | MOTION_STATE | CONFIG_STORE},
+    {"MotionRecordLock", MOTION | MOTION_STATE | CONFIG_STORE | BUS},
 };
 
 /// How often the calling thread holds each lock.

@@ -63,6 +63,7 @@ public:
         cfg_uci_deinit();
         blob_buf_free(&gContext.ubus.replyBuf);
         blob_buf_free(&gContext.ubus.notifyBuf);
+        blob_buf_free(&gContext.ubus.motionBuf);
     }
     Teardown(const Teardown&) = delete;
     Teardown& operator=(const Teardown&) = delete;
@@ -110,7 +111,7 @@ int32_t PtzdInit()
         calibrationSetTarget(TILT, lensMaskTiltSteps());
         (void)savesInhibit(); // the stored position is the one from before
     }
-    if (calibrationStart() != 0)
+    if (calibrationStart({}) != 0) // nobody can subscribe yet
         return -1;
     (void)cfg_uci_commit(UCI_PTZD); // logged there
     loadTargetTrackConfig();

@@ -12,9 +12,14 @@ ResultCode displacementSteps(const Displacement& by, const HeadStatus& head, int
     return RESULT_OK;
 }
 
-ResultCode takeOverForDisplacement(const Displacement& by, int32_t (&steps)[AXIS_COUNT])
+MotionTarget targetOf(const HeadStatus& head, const Displacement& by)
 {
-    HeadStatus head{};
+    return {MotionTarget::Kind::Place,
+            {displaced(PAN, by.pan, head[PAN].position), displaced(TILT, by.tilt, head[TILT].position)}};
+}
+
+ResultCode takeOverForDisplacement(const Displacement& by, HeadStatus& head, int32_t (&steps)[AXIS_COUNT])
+{
     if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
     if (const ResultCode result = displacementSteps(by, head, steps); result != RESULT_OK)

@@ -1,7 +1,7 @@
 // Motions by a displacement: the steps that it comes to.
 #pragma once
 
-#include "motor/motor_device.h"
+#include "motor/motion_record.h"
 
 #include <stdint.h>
 
@@ -16,7 +16,12 @@ struct Displacement {
 [[nodiscard]] ResultCode displacementSteps(const Displacement& by, const HeadStatus& head,
                                            int32_t (&steps)[AXIS_COUNT]);
 
-/// Takes the head over for a displacement: reads both axes, works out its steps and halts a motion under way.
+/// Where a displacement ends that is not cut.
+[[nodiscard]] MotionTarget targetOf(const HeadStatus& head, const Displacement& by);
+
+/// Takes the head over for a displacement: reads both axes, works out its steps and halts a motion under way. The
+/// status stays that from before. Within a MotionStartScope.
 /// @return RESULT_OK, ERR_DEVICE when a request fails, ERR_NO_TRAVEL as above (nothing is halted).
 /// Any thread; takes MotionLock.
-[[nodiscard]] ResultCode takeOverForDisplacement(const Displacement& by, int32_t (&steps)[AXIS_COUNT]);
+[[nodiscard]] ResultCode takeOverForDisplacement(const Displacement& by, HeadStatus& head,
+                                                 int32_t (&steps)[AXIS_COUNT]);

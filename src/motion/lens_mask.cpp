@@ -42,13 +42,16 @@ ResultCode followSwitch(bool on, LogSite handler = logSite())
         target[PAN] = stored.axes[PAN].steps;
         target[TILT] = stored.axes[TILT].steps;
     }
-    const ResultCode result = driveAxes(fullSpeedCommands(head, target[PAN], target[TILT]));
+    const HeadCommand command = fullSpeedCommands(head, target[PAN], target[TILT]);
+    const ResultCode result = driveAxes(command);
+    motionRecordBegin(MotionSource::User, targetOf(head, command), head);
+    motionRecordDriven(result);
     if (result == RESULT_OK) {
         lensMaskSetEnabled(on ? 1 : 0);
         if (!on)
             savesAllowAtRest();
     }
-    motionStarted();
+    motionRecordSend();
     return result;
 }
 

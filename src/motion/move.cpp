@@ -12,12 +12,14 @@ ResultCode moveHead(int32_t dx, int32_t dy)
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
+    const MotionStartScope start;
+    const Displacement by{flipped(PAN, dx), flipped(TILT, dy)};
+    HeadStatus head{};
     int32_t steps[AXIS_COUNT];
-    if (const ResultCode result = takeOverForDisplacement({flipped(PAN, dx), flipped(TILT, dy)}, steps);
-        result != RESULT_OK)
+    if (const ResultCode result = takeOverForDisplacement(by, head, steps); result != RESULT_OK)
         return result;
-    const ResultCode result =
-        beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN]), relativeCommand(steps[TILT])});
+    const ResultCode result = beginAndDrive(
+        MotionBegin::User, head, {relativeCommand(steps[PAN]), relativeCommand(steps[TILT])}, targetOf(head, by));
     saveStepsArm();
     return result;
 }
@@ -29,10 +31,11 @@ ResultCode moveHeadTo(int32_t xCoord, int32_t yCoord)
         return ERR_PARAM;
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
+    const MotionStartScope start;
     HeadStatus head{};
     if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
-    const ResultCode result = beginAndDrive(MotionBegin::User, targetCommands(head, target[PAN], target[TILT]));
+    const ResultCode result = beginAndDrive(MotionBegin::User, head, targetCommands(head, target[PAN], target[TILT]));
     saveStepsArm();
     return result;
 }
@@ -41,8 +44,10 @@ ResultCode stopHead()
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
+    const MotionStartScope halting; // the poll would take the rest for the motion's own end
     const ResultCode result = motionHalt();
-    motionSettle(MotionSettle::Stop);
+    motionSettle(MotionSettle::Stop, MotionOutcome::Stopped);
+    motionRecordSend();
     saveStepsArm();
     return result;
 }

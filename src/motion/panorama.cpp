@@ -25,7 +25,7 @@ ResultCode goToStart()
     if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     saveNowAndDisarm();
-    return beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target[PAN], target[TILT]));
+    return beginAndDrive(MotionBegin::User, head, fullSpeedCommands(head, target[PAN], target[TILT]));
 }
 
 } // namespace
@@ -44,11 +44,15 @@ ResultCode panoramaMove(int32_t dx, int32_t dy)
     const Displacement by{flipped(PAN, dx), flipped(TILT, dy)};
     if (!withinLimits(PAN, by.pan) || !withinLimits(TILT, by.tilt))
         return ERR_PARAM;
+    const MotionStartScope start;
+    HeadStatus head{};
     int32_t steps[AXIS_COUNT];
-    if (const ResultCode result = takeOverForDisplacement(by, steps); result != RESULT_OK)
+    if (const ResultCode result = takeOverForDisplacement(by, head, steps); result != RESULT_OK)
         return result;
-    return beginAndDrive(MotionBegin::User, {relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
-                                             relativeCommand(steps[TILT], gContext.axes[TILT].max_speed)});
+    return beginAndDrive(MotionBegin::User, head,
+                         {relativeCommand(steps[PAN], gContext.axes[PAN].max_speed),
+                          relativeCommand(steps[TILT], gContext.axes[TILT].max_speed)},
+                         targetOf(head, by));
 }
 
 void ubusStartPanorama(const Call& call)
@@ -63,12 +67,13 @@ void ubusMovePanorama(const Call& call)
 
 void ubusStopPanorama(const Call& call)
 {
+    const MotionStartScope start;
     HeadStatus head{};
     ResultCode result = motionTakeOver(head);
     if (result == RESULT_OK) {
         const StoredPosition target = storedPositionLogged();
-        result =
-            beginAndDrive(MotionBegin::User, fullSpeedCommands(head, target.axes[PAN].steps, target.axes[TILT].steps));
+        result = beginAndDrive(MotionBegin::User, head,
+                               fullSpeedCommands(head, target.axes[PAN].steps, target.axes[TILT].steps));
     }
     gContext.panorama.panoramaRunning.store(0);
     replyCode(call, result);

@@ -11,6 +11,7 @@
 #include <time.h>
 
 #include <initializer_list>
+#include <limits>
 
 namespace {
 
@@ -96,7 +97,7 @@ bool stepTick(uint32_t generation)
         --gContext.motion.stepMoveRemaining;
         return true;
     }
-    (void)stopEach(); // an axis that refuses runs on to its limit
+    motionRecordDriven(stopEach()); // an axis that refuses runs on to its limit
     stepMoveClear();
     return false;
 }
@@ -121,18 +122,37 @@ void countAnew(int32_t direction) REQUIRES(gContext.motion.MotionLock)
     gContext.motion.stepMoveRemaining = gContext.motion.stepSustainTicks.load();
 }
 
-ResultCode startStep(int32_t direction, const HeadCommand& command) REQUIRES(gContext.motion.MotionLock)
+/// A step's motion in the record: it has no target, but may be ended by its axis's limit. Under the lock that its
+/// thread takes before it stops the head.
+void recordStep(const HeadStatus& head, const HeadCommand& command, ResultCode driven)
+    REQUIRES(gContext.motion.MotionLock)
+{
+    MotionTarget target = targetOf(head, command);
+    target.kind = MotionTarget::Kind::Limit;
+    for (const AxisIndex axis : {PAN, TILT})
+        if (target.steps[axis] == head[axis].position)
+            target.steps[axis] = std::numeric_limits<int32_t>::min(); // the other axis reaches nothing
+    motionRecordBegin(MotionSource::User, target, head);
+    motionRecordDriven(driven);
+}
+
+ResultCode startStep(int32_t direction, const HeadStatus& head, const HeadCommand& command)
+    REQUIRES(gContext.motion.MotionLock)
 {
     HeadStatus now{};
     if (const ResultCode result = motorReadStatus(now); result != RESULT_OK)
         return result;
     if (now.running()) {
-        if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
+        const ResultCode result = motorStopBoth();
+        motionRecordHalted(result);
+        if (result != RESULT_OK)
             return result;
     }
     // The requests go out before the thread's begin step, so that nothing is pending in between.
-    if (const ResultCode result = driveAxes(command); result != RESULT_OK)
-        return result;
+    const ResultCode driven = driveAxes(command);
+    recordStep(head, command, driven);
+    if (driven != RESULT_OK)
+        return driven;
     countAnew(direction);
     gContext.motion.stepMoveActive = 1;
     const uint32_t generation = gContext.motion.stepMoveGeneration.fetch_add(1) + 1;
@@ -140,6 +160,7 @@ ResultCode startStep(int32_t direction, const HeadCommand& command) REQUIRES(gCo
     if (workerStart(stepMoveThread, reinterpret_cast<void*>(static_cast<uintptr_t>(generation))) == 0)
         return RESULT_OK;
     stepMoveClear();
+    motionRecordDriven(ERR_DEVICE);
     return ERR_DEVICE;
 }
 
@@ -149,26 +170,34 @@ struct Continued {
 };
 
 /// Goes on with the step under way, whose thread then counts anew.
-Continued continueStep(int32_t direction, const HeadCommand& command) REQUIRES(gContext.motion.MotionLock)
+Continued continueStep(int32_t direction, const HeadStatus& head, const HeadCommand& command)
+    REQUIRES(gContext.motion.MotionLock)
 {
     const bool turns = gContext.motion.stepMoveDirection != direction;
     if (turns) {
-        if (const ResultCode stopped = stopEach(); stopped != RESULT_OK)
+        const ResultCode stopped = stopEach();
+        motionRecordHalted(stopped);
+        if (stopped != RESULT_OK)
             return {stopped, false};
-        if (const ResultCode driven = driveAxes(command); driven != RESULT_OK)
+        const ResultCode driven = driveAxes(command);
+        recordStep(head, command, driven);
+        if (driven != RESULT_OK)
             return {driven, true};
+    } else {
+        recordStep(head, command, RESULT_OK);
     }
     countAnew(direction);
     return {RESULT_OK, turns};
 }
 
-Continued startOrContinueStep(int32_t direction, const HeadCommand& command) EXCLUDES(gContext.motion.MotionLock)
+Continued startOrContinueStep(int32_t direction, const HeadStatus& head, const HeadCommand& command)
+    EXCLUDES(gContext.motion.MotionLock)
 {
     const MotionStartScope start; // a turn's rest between its stops and its move requests is no end
     LockGuard hold(gContext.motion.MotionLock);
     if (gContext.motion.stepMoveActive == 0)
-        return {startStep(direction, command), false};
-    return continueStep(direction, command);
+        return {startStep(direction, head, command), false};
+    return continueStep(direction, head, command);
 }
 
 /// The begin step of a turn. The poll may have found the step's end before, at the limit; then the turned step is a
@@ -197,9 +226,11 @@ ResultCode stepHead(int32_t direction)
     HeadCommand command{};
     if (const ResultCode result = limitCommand(*sector, head, command); result != RESULT_OK)
         return result;
-    const Continued step = startOrContinueStep(direction, command);
+    const Continued step = startOrContinueStep(direction, head, command);
     if (step.turned)
         beginTurn();
+    motionRecordSend();
+    statusPollStart(); // which ends the record, also of a step that is cancelled before its thread has begun it
     if (step.result == RESULT_OK)
         saveStepsArm();
     return step.result;

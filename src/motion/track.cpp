@@ -42,12 +42,15 @@ ResultCode haltTracking(HeadStatus& head, LogSite caller = logSite())
 /// Brings the head back after the end of tracking, unless it is on its way already.
 ResultCode leaveTracking()
 {
+    const MotionStartScope start;
     HeadStatus head{};
     if (const ResultCode result = motorReadStatus(head); result != RESULT_OK)
         return result;
     const int32_t origin = gContext.motion.motion_origin.load();
     if (head.running() && origin == ORIGIN_TRACK) {
-        if (const ResultCode result = motorStopBoth(); result != RESULT_OK)
+        const ResultCode result = motorStopBoth();
+        motionRecordHalted(result);
+        if (result != RESULT_OK)
             return result;
     }
     if (!head.running() || origin != ORIGIN_RETURN)
@@ -70,13 +73,16 @@ ResultCode trackTarget(int32_t dx, int32_t dy, int32_t xSpeed, int32_t ySpeed)
     // Also where a user's command took over an earlier tracking motion, whose origin stayed.
     if (origin == ORIGIN_USER || origin == ORIGIN_TOUR || gContext.position.savePending.load())
         saveNowAndDisarm();
+    const Displacement by{flipped(PAN, dx), flipped(TILT, dy)};
     int32_t steps[AXIS_COUNT];
-    if (const ResultCode result = displacementSteps({flipped(PAN, dx), flipped(TILT, dy)}, head, steps);
-        result != RESULT_OK)
+    if (const ResultCode result = displacementSteps(by, head, steps); result != RESULT_OK)
         return result;
+    const MotionStartScope start;
     stepMoveCancel(); // one whose axis is at the limit ticks on
-    return beginAndDrive(MotionBegin::Track, {relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
-                                              relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed))});
+    return beginAndDrive(MotionBegin::Track, head,
+                         {relativeCommand(steps[PAN], allowedSpeed(PAN, xSpeed)),
+                          relativeCommand(steps[TILT], allowedSpeed(TILT, ySpeed))},
+                         targetOf(head, by));
 }
 
 ResultCode moveToLastPostion()
@@ -91,6 +97,7 @@ ResultCode moveToLastPostion()
             return ERR_DEVICE;
         }
     }
+    const MotionStartScope start;
     HeadStatus head{};
     if (const ResultCode result = haltTracking(head); result != RESULT_OK)
         return result;
@@ -104,7 +111,7 @@ ResultCode moveToLastPostion()
         return RESULT_OK;
     }
     stepMoveCancel(); // one whose axis is at the limit ticks on
-    const ResultCode result = beginAndDrive(MotionBegin::Return, command);
+    const ResultCode result = beginAndDrive(MotionBegin::Return, head, command);
     if (result != RESULT_OK)
         LOG_ERROR("move error\n");
     return result;

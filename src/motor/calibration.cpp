@@ -21,15 +21,15 @@ bool inFactoryMode()
     return enabled == 1;
 }
 
-/// Against the zero end, over the whole travel, back to the return position.
-void motorCali(AxisIndex axis, const CalibrationTarget& target)
+/// Against the zero end, over the whole travel, back to the return position. @return how that has ended.
+MotionOutcome motorCali(AxisIndex axis, const CalibrationTarget& target)
 {
     // A refused position or speed changes nothing: the rotations find the ends all the same.
     (void)motorSetPosition(axis, target.returnSteps);
     (void)motorSetSpeed(axis, gContext.axes[axis].max_speed);
     if (inFactoryMode()) {
         LOG_TRACE("in factory mode, skip calibration rotate\n");
-        return;
+        return MotionOutcome::Reached;
     }
     LOG_TRACE("start calibration rotate.\n");
     MotorStatus atFarEnd{};
@@ -37,13 +37,14 @@ void motorCali(AxisIndex axis, const CalibrationTarget& target)
     const int32_t back = targetCommand(atFarEnd, target.returnSteps).steps; // saturates
     for (const int32_t steps : {-target.totalSteps, target.totalSteps, back}) {
         if (workersStopping())
-            return;
+            return MotionOutcome::Stopped;
         if (motorRotate(axis, steps) != RESULT_OK) {
             LOG_ERROR("calibration  failed\n");
-            return;
+            return MotionOutcome::Failed;
         }
     }
     LOG_TRACE("end calibration rotate.\n");
+    return MotionOutcome::Reached;
 }
 
 /// The axis's configured speed. One that cannot be used is replaced by the default, in the store too, to be committed
@@ -67,21 +68,24 @@ void* ptzdCali(void* argument)
         return nullptr;
     const auto* targets = static_cast<const CalibrationTarget*>(argument);
     motionBegin(MotionBegin::Calibration);
+    MotionOutcome outcome = MotionOutcome::Reached;
     for (const AxisIndex axis : {PAN, TILT}) {
-        motorCali(axis, targets[axis]);
+        if (const MotionOutcome one = motorCali(axis, targets[axis]); one != MotionOutcome::Reached)
+            outcome = one;
         (void)motorSetSpeed(axis, usableSpeed(axis)); // the driver keeps its own when it refuses
     }
-    motionSettle(MotionSettle::Calibration);
+    motionSettle(MotionSettle::Calibration, outcome);
     gContext.motion.calibrating.store(0);
+    motionRecordSend(); // only now: whoever waits for the end may give the next command at once
     return nullptr;
 }
 
 /// Whether a manual calibration may run now; halts the head and sets the targets to the home position.
-ResultCode prepareManualCalibration()
+/// @param head  is set to the status from before
+ResultCode prepareManualCalibration(HeadStatus& head)
 {
     if (const ResultCode busy = refusedBy(CALIBRATING | LENS_MASK | PANORAMA); busy != RESULT_OK)
         return busy;
-    HeadStatus head{};
     if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
     calibrationSetTarget(PAN, homeSteps(PAN));
@@ -96,21 +100,30 @@ void calibrationSetTarget(AxisIndex axis, int32_t returnSteps)
     gContext.calibrationArg[axis] = {gContext.axes[axis].fd, returnSteps, gContext.axes[axis].total_steps};
 }
 
-int32_t calibrationStart(LogSite caller)
+int32_t calibrationStart(const HeadStatus& before, LogSite caller)
 {
-    // Set here, not by the thread: no request may slip in before that runs.
+    // Set here, not by the thread: no request may slip in before that runs. So is the record: its begin is sent before
+    // the reply of the call.
     gContext.motion.calibrating.store(1);
+    motionStarting();
+    motionRecordBegin(MotionSource::Calibration, {}, before);
+    motionRecordSend();
     if (workerStart(ptzdCali, gContext.calibrationArg) == 0)
         return 0;
     gContext.motion.calibrating.store(0);
+    motionRecordEnd(MotionOutcome::Failed, motionPlaceNow());
+    motionRecordSend();
+    motionStarted();
     logWrite(LOG_LEVEL_ERROR, caller, "motor calibrate failed\n");
     return -1;
 }
 
 void ubusManualCalibrate(const Call& call)
 {
-    ResultCode result = prepareManualCalibration();
-    if (result == RESULT_OK && calibrationStart() != 0)
+    const MotionStartScope start;
+    HeadStatus head{};
+    ResultCode result = prepareManualCalibration(head);
+    if (result == RESULT_OK && calibrationStart(head) != 0)
         result = ERR_DEVICE;
     if (result == RESULT_OK)
         saveStepsArm(); // stores the home position once the head rests there

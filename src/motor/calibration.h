@@ -19,9 +19,9 @@ struct CalibrationTarget {
 void calibrationSetTarget(AxisIndex axis, int32_t returnSteps);
 
 /// Starts the calibration thread on the targets; the daemon counts as calibrating from this call on. The head must
-/// have been halted. @return 0, or -1, not calibrating and logged under the caller's name, when the thread cannot be
-/// created. Thread: main. No lock.
-[[nodiscard]] int32_t calibrationStart(LogSite caller = logSite());
+/// have been halted; `before` is its status from before that. Within a MotionStartScope. @return 0, or -1, not
+/// calibrating and logged under the caller's name, when the thread cannot be created. Thread: main; takes BusLock.
+[[nodiscard]] int32_t calibrationStart(const HeadStatus& before, LogSite caller = logSite());
 
 /// `manualCalibrate`: calibrates both axes and ends at the home position.
 UbusHandler ubusManualCalibrate;

@@ -2,6 +2,16 @@
 
 #include "core/numbers.h"
 
+namespace {
+
+/// The steps of a displacement in coordinate units.
+int64_t stepsOf(AxisIndex axis, int64_t displacement)
+{
+    return displacement * gContext.axes[axis].total_steps / gContext.axes[axis].range;
+}
+
+} // namespace
+
 int32_t flipSign(AxisIndex axis)
 {
     return FlipSignTable[gContext.image.imageFlipType.load()][axis];
@@ -47,8 +57,7 @@ int32_t homeSteps(AxisIndex axis)
 
 int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position)
 {
-    const MotorAxis& motor = gContext.axes[axis];
-    const int64_t delta = displacement * motor.total_steps / motor.range;
+    const int64_t delta = stepsOf(axis, displacement);
     const int64_t high = coordToSteps(axis, CoordLimits[axis].high);
     const int64_t low = coordToSteps(axis, CoordLimits[axis].low);
     if (position + delta > high)
@@ -56,4 +65,9 @@ int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position)
     if (position + delta < low)
         return saturated32(low - position);
     return saturated32(delta);
+}
+
+int32_t displaced(AxisIndex axis, int64_t displacement, int32_t position)
+{
+    return saturated32(position + stepsOf(axis, displacement));
 }

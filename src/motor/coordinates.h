@@ -50,3 +50,6 @@ inline constexpr int32_t FlipSignTable[4][AXIS_COUNT] = {{1, 1}, {-1, 1}, {1, -1
 /// @param displacement  coordinate units, its sign applied; any value
 /// @param position      steps, as the driver reports it
 [[nodiscard]] int32_t relativeSteps(AxisIndex axis, int64_t displacement, int32_t position);
+
+/// The absolute position, in steps, at which such a displacement ends when it is not cut.
+[[nodiscard]] int32_t displaced(AxisIndex axis, int64_t displacement, int32_t position);

@@ -74,6 +74,23 @@ void settleByUser() REQUIRES(gContext.motion.MotionStateLock)
     quietPeriodsStart();
 }
 
+MotionSource sourceOf(MotionBegin variant)
+{
+    switch (variant) {
+    case MotionBegin::Track:
+        return MotionSource::Track;
+    case MotionBegin::Return:
+        return MotionSource::Return;
+    case MotionBegin::Calibration:
+        return MotionSource::Calibration;
+    case MotionBegin::User:
+    case MotionBegin::LensMask:
+    case MotionBegin::Preset:
+        break;
+    }
+    return MotionSource::User;
+}
+
 } // namespace
 
 ResultCode refusedBy(uint32_t reasons)
@@ -107,7 +124,9 @@ void stepMoveClear()
 ResultCode motionHalt()
 {
     stepMoveCancel();
-    return motorStopBoth();
+    const ResultCode result = motorStopBoth();
+    motionRecordHalted(result);
+    return result;
 }
 
 ResultCode motionHaltIfRunning(const HeadStatus& head)
@@ -129,7 +148,6 @@ void motionBegin(MotionBegin variant)
 {
     {
         LockGuard hold(gContext.motion.MotionStateLock);
-        gContext.motion.motionsBegun.fetch_add(1);
         switch (variant) {
         case MotionBegin::User:
             announceUsersMotion();
@@ -158,31 +176,47 @@ void motionBegin(MotionBegin variant)
         statusPollStart();
 }
 
+void motionStarting()
+{
+    gContext.motion.motionsBegun.fetch_add(1);
+}
+
 void motionStarted()
 {
     gContext.motion.motionsStarted.fetch_add(1);
 }
 
-ResultCode beginAndDrive(MotionBegin variant, const HeadCommand& command)
+ResultCode beginAndDrive(MotionBegin variant, const HeadStatus& before, const HeadCommand& command)
+{
+    return beginAndDrive(variant, before, command, targetOf(before, command));
+}
+
+ResultCode beginAndDrive(MotionBegin variant, const HeadStatus& before, const HeadCommand& command,
+                         const MotionTarget& target)
 {
     motionBegin(variant);
     const ResultCode result = driveAxes(command);
-    motionStarted();
+    motionRecordBegin(sourceOf(variant), target, before); // after the requests, which nobody's notification delays
+    motionRecordDriven(result);
+    motionRecordSend();
     return result;
 }
 
-void motionSettle(MotionSettle variant)
+void motionSettle(MotionSettle variant, MotionOutcome outcome)
 {
+    const MotionPlace here = motionPlaceNow();
     LockGuard hold(gContext.motion.MotionStateLock);
     switch (variant) {
     case MotionSettle::Stop:
         if (isToursOwn())
             break; // the poll stays, and settles that one
+        motionRecordEnd(outcome, here);
         timerStop(&gContext.timers.statusPollTimer);
         if (gContext.motion.motion_active.load() == 1)
             settleByUser();
         break;
     case MotionSettle::Calibration:
+        motionRecordEnd(outcome, here);
         motionStarted();
         settleByUser();
         break;

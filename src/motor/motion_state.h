@@ -8,6 +8,7 @@
 #include "core/motion.h"
 #include "core/result_code.h"
 #include "core/timer.h"
+#include "motor/motion_record.h"
 #include "motor/motor_device.h"
 
 #include <stdint.h>
@@ -41,7 +42,8 @@ enum BusyReason : uint32_t {
 [[nodiscard]] ResultCode refusedBy(uint32_t reasons);
 
 /// Stops both axes before a new motion, and cancels a step move. The motion state is left alone, so that the begin step
-/// that follows sends no second notification. @return RESULT_OK, or ERR_DEVICE: tilt is not stopped when pan fails.
+/// that follows sends no second notification. Within a MotionStartScope.
+/// @return RESULT_OK, or ERR_DEVICE: tilt is not stopped when pan fails.
 /// Any thread; takes MotionLock, hold neither motion lock.
 [[nodiscard]] ResultCode motionHalt() EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
@@ -63,21 +65,22 @@ void stepMoveCancel() EXCLUDES(gContext.motion.MotionLock);
 void stepMoveClear() REQUIRES(gContext.motion.MotionLock);
 
 /// The moving transition; sends the moving notification when the head was at rest, and arms the status poll (but for a
-/// calibration, whose own end settles). Each begin must be followed by motionStarted, or, for a calibration, by its
-/// settle: until then no status poll takes the resting axes for the motion's end.
-/// Any thread; takes MotionStateLock and, under it, BusLock; can last as long as a notification.
+/// calibration, whose own end settles). Within a MotionStartScope that lasts until the move requests are sent; a
+/// calibration's lasts from its motionStarting until it settles. Any thread; takes MotionStateLock and, under it,
+/// BusLock; can last as long as a notification.
 void motionBegin(MotionBegin variant) EXCLUDES(gContext.motion.MotionStateLock);
 
-/// Says that the move requests of a begin step have been sent. Any thread; no lock.
+/// From the first on no status poll takes the rest of the axes for a motion's end; the second says that the move
+/// requests have been sent. Any thread; no lock.
+void motionStarting();
 void motionStarted();
 
-/// Keeps the status poll, for the length of a scope, from taking the rest of the axes for a motion's end: between a
-/// command's halt and its begin step, say, or while a step move turns. Any thread; no lock.
+/// Both, for the length of a scope: from before a command's halt until its move requests are sent. Any thread; no lock.
 class MotionStartScope {
 public:
     MotionStartScope()
     {
-        gContext.motion.motionsBegun.fetch_add(1);
+        motionStarting();
     }
     ~MotionStartScope()
     {
@@ -87,14 +90,21 @@ public:
     MotionStartScope& operator=(const MotionStartScope&) = delete;
 };
 
-/// motionBegin, driveAxes and motionStarted. @return what driveAxes says.
-[[nodiscard]] ResultCode beginAndDrive(MotionBegin variant, const HeadCommand& command)
+/// motionBegin, driveAxes and the motion's record, whose notifications are sent last. Within a MotionStartScope that
+/// began before the head was halted.
+/// @param before  the head's status from before the halt
+/// @param target  where the motion is to end; without it, where the command goes from there
+/// @return what driveAxes says
+[[nodiscard]] ResultCode beginAndDrive(MotionBegin variant, const HeadStatus& before, const HeadCommand& command)
     EXCLUDES(gContext.motion.MotionStateLock);
+[[nodiscard]] ResultCode beginAndDrive(MotionBegin variant, const HeadStatus& before, const HeadCommand& command,
+                                       const MotionTarget& target) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// The idle transition of `stop`, which ends the status poll too, and of a calibration. `stop`, which has halted the
-/// head, leaves both alone when a tour's motion has begun since. Any thread; takes MotionStateLock and, under it,
-/// BusLock.
-void motionSettle(MotionSettle variant) EXCLUDES(gContext.motion.MotionStateLock);
+/// head, leaves both alone when a tour's motion has begun since. The motion's record ends with it; its notification is
+/// still to be sent. Any thread; takes MotionStateLock and, under it, BusLock.
+/// @param outcome  of the motion, unless it has failed before
+void motionSettle(MotionSettle variant, MotionOutcome outcome) EXCLUDES(gContext.motion.MotionStateLock);
 
 /// The idle transition of the status poll, which ends with it; nothing when `stop` came first. Takes BusLock.
 void motionSettlePolled() REQUIRES(gContext.motion.MotionStateLock);

@@ -32,7 +32,7 @@ bool begin(uint32_t ticket) EXCLUDES(gContext.motion.MotionStateLock)
         LockGuard hold(gContext.motion.MotionStateLock);
         if (!mayBegin(ticket))
             return false;
-        gContext.motion.motionsBegun.fetch_add(1);
+        motionStarting();
         gContext.motion.tourTicket = ticket;
         (void)announceFromRest(ORIGIN_TOUR);
     }
@@ -50,16 +50,29 @@ TourMove started(TourMove result) EXCLUDES(gContext.motion.MotionStateLock)
             gContext.motion.user_moved_recently.store(1); // else `stop` has settled the motion as a user's
     }
     motionStarted();
+    motionRecordSend();
     return result;
 }
 
-TourMove sendMoves(uint32_t ticket, const HeadCommand& command) EXCLUDES(gContext.motion.MotionLock)
+/// Under the lock that a command takes before its requests: one that overtakes the step begins its own motion
+/// afterwards.
+TourMove recorded(ResultCode driven, const HeadStatus& head, const HeadCommand& command)
+    REQUIRES(gContext.motion.MotionLock)
 {
-    LockGuard hold(gContext.motion.MotionLock);
-    return mayDrive(ticket) ? moved(driveAxes(command)) : TourMove::Overtaken;
+    motionRecordBegin(MotionSource::Tour, targetOf(head, command), head);
+    motionRecordDriven(driven);
+    return moved(driven);
 }
 
-TourMove sendScanMove(uint32_t ticket, const MotorCommand& pan) EXCLUDES(gContext.motion.MotionLock)
+TourMove sendMoves(uint32_t ticket, const HeadStatus& head, const HeadCommand& command)
+    EXCLUDES(gContext.motion.MotionLock)
+{
+    LockGuard hold(gContext.motion.MotionLock);
+    return mayDrive(ticket) ? recorded(driveAxes(command), head, command) : TourMove::Overtaken;
+}
+
+TourMove sendScanMove(uint32_t ticket, const HeadStatus& head, const MotorCommand& pan)
+    EXCLUDES(gContext.motion.MotionLock)
 {
     LockGuard hold(gContext.motion.MotionLock);
     if (!mayDrive(ticket))
@@ -68,7 +81,7 @@ TourMove sendScanMove(uint32_t ticket, const MotorCommand& pan) EXCLUDES(gContex
     // Cleared before the motion can settle: the transition to rest arms the timer that sets it again.
     if (result == RESULT_OK)
         gContext.motion.scanStepDone.store(0);
-    return moved(result);
+    return recorded(result, head, {pan, {}});
 }
 
 } // namespace
@@ -88,17 +101,17 @@ TourMove tourTakeOver(uint32_t ticket, HeadStatus& head)
     return mayDrive(ticket) ? moved(motorStopBoth()) : TourMove::Overtaken;
 }
 
-TourMove tourDrive(uint32_t ticket, const HeadCommand& command)
+TourMove tourDrive(uint32_t ticket, const HeadStatus& head, const HeadCommand& command)
 {
-    return begin(ticket) ? started(sendMoves(ticket, command)) : TourMove::Overtaken;
+    return begin(ticket) ? started(sendMoves(ticket, head, command)) : TourMove::Overtaken;
 }
 
-TourMove tourDriveScan(uint32_t ticket, const MotorCommand& pan)
+TourMove tourDriveScan(uint32_t ticket, const HeadStatus& head, const MotorCommand& pan)
 {
     if (!begin(ticket))
         return TourMove::Overtaken;
     tourPresetReset();
-    return started(sendScanMove(ticket, pan));
+    return started(sendScanMove(ticket, head, pan));
 }
 
 void tourPresetSet(int32_t id)

@@ -23,14 +23,14 @@ enum class TourMove {
 /// MotionLock.
 [[nodiscard]] TourMove tourTakeOver(uint32_t ticket, HeadStatus& head) EXCLUDES(gContext.motion.MotionLock);
 
-/// Begins a motion to a preset and sends its move requests, both in any case. Thread: touring; takes MotionStateLock
-/// and MotionLock, one after the other.
-[[nodiscard]] TourMove tourDrive(uint32_t ticket, const HeadCommand& command)
+/// Begins a motion to a preset and sends its move requests, both in any case; `head` is the status that tourTakeOver
+/// has read. Thread: touring; takes MotionStateLock and MotionLock, one after the other.
+[[nodiscard]] TourMove tourDrive(uint32_t ticket, const HeadStatus& head, const HeadCommand& command)
     EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
 /// The same for a step of a scan, which moves pan alone and must rest before the next one. It takes the head away from
 /// a preset tour's preset.
-[[nodiscard]] TourMove tourDriveScan(uint32_t ticket, const MotorCommand& pan)
+[[nodiscard]] TourMove tourDriveScan(uint32_t ticket, const HeadStatus& head, const MotorCommand& pan)
     EXCLUDES(gContext.motion.MotionLock, gContext.motion.MotionStateLock);
 
 /// Notes the preset that a tour sends the head to, 1..8, or 0. Thread: touring.

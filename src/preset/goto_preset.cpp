@@ -78,10 +78,11 @@ ResultCode presetMove(int32_t id)
     PresetEntry preset{};
     if (!presetFind(id, preset))
         return ERR_DEVICE;
+    const MotionStartScope start;
     HeadStatus head{};
     if (const ResultCode result = motionTakeOver(head); result != RESULT_OK)
         return result;
-    return beginAndDrive(MotionBegin::Preset, presetCommands(preset, head));
+    return beginAndDrive(MotionBegin::Preset, head, presetCommands(preset, head));
 }
 
 TourMove presetTourMove(uint32_t ticket, int32_t id)
@@ -92,7 +93,7 @@ TourMove presetTourMove(uint32_t ticket, int32_t id)
     HeadStatus head{};
     if (const TourMove taken = tourTakeOver(ticket, head); taken != TourMove::Started)
         return taken;
-    return tourDrive(ticket, presetCommands(preset, head));
+    return tourDrive(ticket, head, presetCommands(preset, head));
 }
 
 int32_t factoredSpeed(AxisIndex axis)

@@ -114,7 +114,7 @@ TourMove scanMove(uint32_t ticket, int32_t coord)
     if (const TourMove taken = tourTakeOver(ticket, head); taken != TourMove::Started)
         return taken;
     const int32_t steps = targetCommand(head[PAN], coordToSteps(PAN, coord)).steps;
-    return tourDriveScan(ticket, relativeCommand(steps, factoredSpeed(PAN)));
+    return tourDriveScan(ticket, head, relativeCommand(steps, factoredSpeed(PAN)));
 }
 
 /// @return false, logged under the caller's name, when the head cannot be moved.

@@ -41,18 +41,18 @@ void busFree(ubus_context* connection)
 }
 
 // The analysis cannot follow a lock that is only tried for in a loop.
-bool busEnd(ubus_context* connection, int32_t timeoutMs) NO_THREAD_SAFETY_ANALYSIS
+void busEnd(int32_t timeoutMs) NO_THREAD_SAFETY_ANALYSIS
 {
     constexpr int32_t PAUSE_MS = 10;
     for (int32_t waited = 0; !gContext.ubus.BusLock.tryLock(); waited += PAUSE_MS) {
         if (waited >= timeoutMs)
-            return false;
+            return;
         (void)poll(nullptr, 0, PAUSE_MS);
     }
-    ubus_free(connection);
-    uloop_done(); // a worker that connects calls uloop_init, under the same lock
+    ubus_free(gContext.ubus.gUbusctx);
+    gContext.ubus.gUbusctx = nullptr; // for a worker that has a notification to send
+    uloop_done();                     // a worker that connects calls uloop_init, under the same lock
     gContext.ubus.BusLock.unlock();
-    return true;
 }
 
 int busReconnect(ubus_context* connection, const char* path)
@@ -68,6 +68,12 @@ int busAddObject(ubus_context* connection, ubus_object* object)
 int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr* message)
 {
     return ubus_send_reply(connection, request, message);
+}
+
+void busNotify(ubus_context* connection, ubus_object* object, const char* type, blob_attr* message)
+{
+    constexpr int NO_ANSWER = -1; // any other timeout waits for the subscribers
+    (void)ubus_notify(connection, object, type, message, NO_ANSWER);
 }
 
 int busLookupId(ubus_context* connection, const char* path, uint32_t& id)

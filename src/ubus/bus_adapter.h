@@ -24,14 +24,18 @@ public:
 [[nodiscard]] ubus_context* busConnect(const char* path) REQUIRES(gContext.ubus.BusLock);
 void busFree(ubus_context* connection) REQUIRES(gContext.ubus.BusLock);
 
-/// Frees the event loop's connection and the loop at shutdown. A thread that is inside the library while the
+/// Frees the event loop's connection, gUbusctx, and the loop at shutdown. A thread that is inside the library while the
 /// bus daemon does not answer keeps the lock for ever: after `timeoutMs` both are left to the end of the process.
-/// @return false then. Thread: main.
-[[nodiscard]] bool busEnd(ubus_context* connection, int32_t timeoutMs) EXCLUDES(gContext.ubus.BusLock);
+/// Thread: main.
+void busEnd(int32_t timeoutMs) EXCLUDES(gContext.ubus.BusLock);
 
 [[nodiscard]] int busReconnect(ubus_context* connection, const char* path) REQUIRES(gContext.ubus.BusLock);
 [[nodiscard]] int busAddObject(ubus_context* connection, ubus_object* object) REQUIRES(gContext.ubus.BusLock);
 [[nodiscard]] int busSendReply(ubus_context* connection, ubus_request_data* request, blob_attr* message)
+    REQUIRES(gContext.ubus.BusLock);
+
+/// Notifies an object's subscribers without waiting for any answer; nobody learns whether that fails.
+void busNotify(ubus_context* connection, ubus_object* object, const char* type, blob_attr* message)
     REQUIRES(gContext.ubus.BusLock);
 
 [[nodiscard]] int busLookupId(ubus_context* connection, const char* path, uint32_t& id) REQUIRES(gContext.ubus.BusLock);

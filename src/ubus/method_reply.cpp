@@ -28,9 +28,7 @@ void replyAddInt(const char* name, int32_t value)
 
 void replyAddDecimal(const char* name, int64_t value)
 {
-    char text[24];
-    *std::to_chars(text, text + sizeof(text) - 1, value).ptr = '\0'; // printf was half of what we add to a reading call
-    replyAddText(name, text);
+    gContext.ubus.replyComplete = gContext.ubus.replyComplete && addDecimal(gContext.ubus.replyBuf, name, value);
 }
 
 void replyAddText(const char* name, const char* text)
@@ -61,6 +59,13 @@ void replyClose(void* container)
 bool addString(blob_buf& buffer, const char* name, const char* text)
 {
     return blobmsg_add_string(&buffer, name, text) == 0;
+}
+
+bool addDecimal(blob_buf& buffer, const char* name, int64_t value)
+{
+    char text[24];
+    *std::to_chars(text, text + sizeof(text) - 1, value).ptr = '\0'; // printf was half of what we add to a reading call
+    return addString(buffer, name, text);
 }
 
 void replySend(const Call& call)

@@ -23,8 +23,9 @@ void replyAddText(const char* name, const char* text);
 [[nodiscard]] void* replyOpenArray(const char* name);
 void replyClose(void* container);
 
-/// Adds a text field to any blob buffer. @return false when the buffer cannot grow.
+/// Add a string field, and one that holds a decimal number, to any blob buffer. @return false when it cannot grow.
 [[nodiscard]] bool addString(blob_buf& buffer, const char* name, const char* text);
+[[nodiscard]] bool addDecimal(blob_buf& buffer, const char* name, int64_t value);
 
 /// Sends the reply; one that something is missing from, for want of memory, becomes ERR_DEVICE alone, and without
 /// memory for that nothing is sent.

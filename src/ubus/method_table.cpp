@@ -16,6 +16,7 @@
 #include "tour/plan.h"
 #include "tour/tour_config.h"
 #include "ubus/bus_adapter.h"
+#include "ubus/motion_notify.h"
 
 #include <span>
 
@@ -84,6 +85,7 @@ ubus_object object(ubus_object_type& type)
     record.type = &type;
     record.methods = ptzdMethods;
     record.n_methods = METHOD_COUNT;
+    record.subscribe_cb = onSubscribers;
     return record;
 }
 

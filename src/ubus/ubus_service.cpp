@@ -4,6 +4,7 @@
 #include "core/shutdown.h"
 #include "ubus/bus_adapter.h"
 #include "ubus/method_table.h"
+#include "ubus/motion_notify.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -85,6 +86,7 @@ void ubusConnectionLost() REQUIRES(gContext.ubus.BusLock)
         LOG_ERROR("gUbusctx is NULL\n");
         return;
     }
+    motionSubscribersGone(); // before the reconnection, after which new ones may come at once
     if (!reconnect()) {
         LOG_ERROR("failed to reconnect, trying again in %d microseconds\n", RECONNECT_MS);
         uloop_timeout_set(&gContext.ubus.reconnectTimeout, RECONNECT_MS);
@@ -158,8 +160,7 @@ int32_t ubusInit()
         return -1;
     }
     serve();
-    if (busEnd(gContext.ubus.gUbusctx, BUS_END_MS))
-        gContext.ubus.gUbusctx = nullptr;
+    busEnd(BUS_END_MS);
     LOG_TRACE("ubus end.\n");
     return registered;
 }

@@ -18,12 +18,14 @@ class MotionRace : public Head {
 protected:
     static void startMotion()
     {
-        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}), RESULT_OK);
+        const MotionStartScope start;
+        EXPECT_EQ(beginAndDrive(MotionBegin::User, {}, {}), RESULT_OK);
     }
 };
 
 TEST_F(MotionRace, NobodyTakesTheRestBeforeTheMoveRequestsForTheEnd)
 {
+    motionStarting();
     motionBegin(MotionBegin::User); // the requests are not sent yet, the axes still rest
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.notifications, Notifications{MOVING});
@@ -52,12 +54,13 @@ TEST_F(MotionRace, ATickThatLookedBeforeANewerMotionDoesNotEndIt)
 TEST_F(MotionRace, ATickUnderWayDoesNotEndACalibrationBetweenTwoRotations)
 {
     startMotion();
+    motionStarting();
     motionBegin(MotionBegin::Calibration);
     EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE, MOVING})) << "the motion that it interrupts has ended";
     EXPECT_FALSE(fakes.armed(timers.statusPollTimer));
     motorStatusPoll(nullptr);
     EXPECT_EQ(motion.motion_active.load(), 1);
-    motionSettle(MotionSettle::Calibration);
+    motionSettle(MotionSettle::Calibration, MotionOutcome::Reached);
     EXPECT_EQ(fakes.notifications, (Notifications{MOVING, IDLE, MOVING, IDLE}));
 }
 

@@ -42,7 +42,7 @@ protected:
     {
         motion.user_moved_recently.store(0); // its quiet period is over
         motion.track_back_done.store(1);
-        ASSERT_EQ(tourDrive(tourTicketNow(), {}), TourMove::Started);
+        ASSERT_EQ(tourDrive(tourTicketNow(), {}, {}), TourMove::Started);
         restAt(pan, tilt);
     }
     /// A panorama that begins while an axis slows down after its STOP.
