@@ -38,8 +38,9 @@ TEST_F(HeadInTheLab, ItsPackageFits)
     ASSERT_EQ(std::system(("DESTDIR=" + image.string() + " " + install + " >" + lab.folder() + "/install.log").c_str()),
               0);
     for (const auto& entry : fs::directory_iterator(fs::path(SOURCE_FOLDER) / "package/config"))
-        EXPECT_EQ(readFile(image / "etc/config" / entry.path().filename()), readFile(entry.path())) << entry.path();
-    for (const char* script : {"etc/init.d/ptzd"})
+        for (const char* folder : {"etc/config", "usr/share/ptzd/config"})
+            EXPECT_EQ(readFile(image / folder / entry.path().filename()), readFile(entry.path())) << entry.path();
+    for (const char* script : {"etc/init.d/ptzd", "etc/uci-defaults/50_ptzd"})
         EXPECT_TRUE(fs::exists(image / script)) << script;
 
     std::string listing;
