@@ -67,7 +67,20 @@ Methods methodsIn(const std::string& listing)
     return methods;
 }
 
-TEST_F(HeadInTheLab, IsWhatItsPageSays)
+constexpr const char* SESSION = "6cc5b76d8fbee5b21715529c80ae239d";
+
+/// The call with the session's id among its arguments, as the web server adds it to all calls of its users.
+std::string fromTheWeb(const std::string& command)
+{
+    const std::string field = std::string("\"ubus_rpc_session\":\"") + SESSION + "\"";
+    const std::string named = std::regex_replace(command, std::regex("'\\{(.*)\\}'"), "'{$1," + field + "}'");
+    return std::regex_replace(named, std::regex("(call \\w+ \\w+)\\b(?! ')"), "$1 '{" + field + "}'");
+}
+
+class ItsPage : public HeadInTheLab, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(FromAShellAndFromTheWeb, ItsPage, testing::Bool());
+
+TEST_P(ItsPage, IsTrue)
 {
     up(slowHead()); // as fast as the page's reader's
     lab.clock.setSpeed(CLOCK_SPEED);
@@ -78,8 +91,9 @@ TEST_F(HeadInTheLab, IsWhatItsPageSays)
 
     const std::string inTheLab = "PTZD_LAB_DIR='" + lab.folder() + "' '" LAB_COMMAND "' exec -- ";
     for (const Example& example : page.examples) {
-        (void)lab.run(
-            {"sh", "-c", "exec 2>&1; " + std::regex_replace(example.command, std::regex("\\./dev "), inTheLab)}, text);
+        const std::string command = GetParam() ? fromTheWeb(example.command) : example.command;
+        (void)lab.run({"sh", "-c", "exec 2>&1; " + std::regex_replace(command, std::regex("\\./dev "), inTheLab)},
+                      text);
         ASSERT_EQ(text, example.output) << example.command;
         if (!example.command.starts_with("sleep"))
             continue;
@@ -91,6 +105,8 @@ TEST_F(HeadInTheLab, IsWhatItsPageSays)
             DEADLINE));
     }
     EXPECT_GT(page.examples.size(), page.methods.size());
+    for (const std::string& log : {lab.records.ptzdLog(), lab.records.messageLog()})
+        EXPECT_EQ(log.find(SESSION), std::string::npos) << "whoever reads the log has the user's rights\n" << log;
 }
 
 } // namespace
