@@ -28,8 +28,8 @@ struct MotionState {
     std::atomic<int32_t> user_moved_recently{0};
     std::atomic<int32_t> track_back_done{1}; // 0 from a tracking motion until its return; tour_motion sets it, as above
 
-    // motion_state, without a lock (motionStarting, motionStarted). Their difference is the number of motions whose move
-    // requests are still to come.
+    // motion_state, without a lock (motionStarting, motionStarted). Their difference is the number of motions whose
+    // move requests are still to come.
     std::atomic<uint32_t> motionsBegun{0};
     std::atomic<uint32_t> motionsStarted{0};
 

@@ -4,7 +4,6 @@
 #include "motor/coordinates.h"
 #include "ubus/bus_adapter.h"
 
-#include <initializer_list>
 #include <stdlib.h>
 
 namespace {
@@ -59,22 +58,38 @@ bool atTravelEnd(AxisIndex axis, int64_t position)
            near(axis, position, coordToSteps(axis, CoordLimits[axis].high));
 }
 
+/// Whether commands cannot take an axis to that position.
+bool beyondTravel(AxisIndex axis, int64_t steps)
+{
+    const int64_t low = coordToSteps(axis, CoordLimits[axis].low);
+    const int64_t high = coordToSteps(axis, CoordLimits[axis].high);
+    return (steps < low && !near(axis, steps, low)) || (steps > high && !near(axis, steps, high));
+}
+
+/// How one axis has ended that rests; Undecided when that is short of its target.
+MotionOutcome axisOutcome(AxisIndex axis, int32_t position) REQUIRES(gContext.record.MotionRecordLock)
+{
+    const MotionTarget& target = gContext.record.target;
+    const bool there = near(axis, position, target.steps[axis]);
+    if (target.kind == MotionTarget::Kind::Limit)
+        return there ? MotionOutcome::Limit : MotionOutcome::Reached;
+    if (there)
+        return MotionOutcome::Reached;
+    if (atTravelEnd(axis, position) && (gContext.record.exact || beyondTravel(axis, target.steps[axis])))
+        return MotionOutcome::Limit;
+    return gContext.record.exact ? MotionOutcome::Undecided : MotionOutcome::Reached;
+}
+
 /// How the open motion has ended whose head rests; Undecided when that is short of its target.
 MotionOutcome outcomeAtRest(const HeadStatus& head) REQUIRES(gContext.record.MotionRecordLock)
 {
     if (gContext.record.outcome != MotionOutcome::Undecided || gContext.record.target.kind == MotionTarget::Kind::None)
         return gContext.record.outcome;
-    MotionOutcome outcome = MotionOutcome::Reached;
-    for (const AxisIndex axis : {PAN, TILT}) {
-        const int32_t position = head[axis].position;
-        const bool there = near(axis, position, gContext.record.target.steps[axis]);
-        if (gContext.record.target.kind == MotionTarget::Kind::Place ? there : !there)
-            continue;
-        if (gContext.record.target.kind == MotionTarget::Kind::Place && !atTravelEnd(axis, position))
-            return MotionOutcome::Undecided;
-        outcome = MotionOutcome::Limit;
-    }
-    return outcome;
+    const MotionOutcome pan = axisOutcome(PAN, head[PAN].position);
+    const MotionOutcome tilt = axisOutcome(TILT, head[TILT].position);
+    if (pan == MotionOutcome::Undecided || tilt == MotionOutcome::Undecided)
+        return MotionOutcome::Undecided;
+    return pan == MotionOutcome::Limit ? pan : tilt;
 }
 
 void place(MotionEvent& event, int32_t panSteps, int32_t tiltSteps)
@@ -125,7 +140,7 @@ bool take(MotionEvent& event) EXCLUDES(gContext.record.MotionRecordLock)
 MotionPlace motionPlaceNow()
 {
     MotionPlace here;
-    here.known = motionSubscribed() && motorReadStatus(here.head) == RESULT_OK;
+    here.known = motionSubscribed() && motionRecordOpen() != 0 && motorReadStatus(here.head) == RESULT_OK;
     return here;
 }
 
@@ -141,14 +156,16 @@ void motionRecordBegin(MotionSource source, const MotionTarget& target, const He
 {
     const LockGuard hold(gContext.record.MotionRecordLock);
     if (gContext.record.open) {
-        const MotionOutcome rested = before.running() ? MotionOutcome::Superseded : outcomeAtRest(before);
-        const bool superseded = rested == MotionOutcome::Superseded || rested == MotionOutcome::Undecided;
+        const MotionOutcome rested = before.running() ? MotionOutcome::Undecided : outcomeAtRest(before);
+        // One that a command has halted and left open was halted to make way.
+        const bool superseded = rested == MotionOutcome::Undecided || rested == MotionOutcome::Stopped;
         endOpen(superseded ? MotionOutcome::Superseded : rested, superseded ? gContext.record.id + 1 : 0,
                 {true, before});
     }
     ++gContext.record.id;
     gContext.record.open = true;
     gContext.record.target = target;
+    gContext.record.exact = !before.running();
     gContext.record.outcome = MotionOutcome::Undecided;
     if (!motionSubscribed())
         return;

@@ -38,6 +38,8 @@ struct MotionRecord {
     uint32_t id GUARDED_BY(MotionRecordLock) = 0; // of the last motion; 0 before the first
     bool open GUARDED_BY(MotionRecordLock) = false;
     MotionTarget target GUARDED_BY(MotionRecordLock){};
+    // Whether it began from rest. Otherwise it ends off its target by what the head moved while it was being halted.
+    bool exact GUARDED_BY(MotionRecordLock) = true;
     // What is known of the open motion's end before the head rests: Stopped or Failed.
     MotionOutcome outcome GUARDED_BY(MotionRecordLock) = MotionOutcome::Undecided;
     std::array<MotionEvent, QUEUE_LENGTH> queue GUARDED_BY(MotionRecordLock){};
@@ -45,7 +47,7 @@ struct MotionRecord {
     std::atomic<uint32_t> waiting{0};                // changes under the lock
 };
 
-/// Where the head is, for the end of a motion. Not read while nobody subscribes.
+/// Where the head is, for the end of a motion. Not read when nobody subscribes or none is open.
 struct MotionPlace {
     bool known = false;
     HeadStatus head{};

@@ -7,6 +7,7 @@
 
 #include "motion_judge.h"
 #include "steps.h"
+#include "subscriber.h"
 
 #include <array>
 #include <deque>
@@ -103,6 +104,10 @@ struct ModelAxis {
     int64_t toSteps(int64_t coordinate) const
     {
         return coordinate * made.total_steps / made.range + made.total_steps / 2;
+    }
+    int64_t toCoordinate(int64_t steps) const
+    {
+        return made.range * steps / made.total_steps - made.range / 2;
     }
     /// Follows the axis through a request.
     void fold(const LabJournalEntry& entry)
@@ -201,12 +206,15 @@ public:
             world.before = world.now;
             world.changedNs = INT64_MAX;
         }
+        const size_t begun = motionsDue.size();
         Code expected = CODE_OK;
+        stops_ = cut_ = false;
         try {
             methods_.at(step.verb)(step);
         } catch (const Code code) {
             expected = code;
         }
+        motionsDue.back().halted = motionsDue.back().halted || (stops_ && motionsDue.size() == begun);
         world.changedNs = std::min(world.changedNs, repliedNs);
         world.held = mask_ || panorama_;
         require(replied_ == expected, "answered " + reply + " instead of " + std::to_string(expected));
@@ -263,6 +271,7 @@ protected:
     void queueCalibration(const Pair& returnSteps)
     {
         calibrating = true;
+        motionsDue.push_back({.origin = "calibration", .placed = false, .overtakes = ran_});
         motions.change([](MotionState& state) { state.calibration = 1; });
         for (const LabAxisId id : AXES) {
             const LabAxisSetting& made = axes[id].made;
@@ -290,6 +299,9 @@ protected:
     void judgeThread(const LabJournalEntry& entry)
     {
         axes[entry.axis].fold(entry);
+        if (evidence_.lasting.contains(entry.thread) && textOf(entry.axis, entry.request) == "x MOVE")
+            motionsDue.push_back({.origin = "tour"});
+        motionsDue.back().failed = motionsDue.back().failed || entry.result != 0;
         if (evidence_.lasting.contains(entry.thread)) {
             judgeTour(entry);
         } else if (entry.request == "GET_STATUS") {
@@ -392,6 +404,9 @@ protected:
         require(entry.axis == axis && entry.request == request && (!words || entry.in == *words),
                 "the request " + textOf(entry) + " instead of " + wanted);
         axes[axis].fold(entry);
+        stops_ = stops_ || request == "STOP";
+        if (!motionsDue.empty())
+            motionsDue.back().failed = motionsDue.back().failed || entry.result != 0;
         if (request == "GET_STATUS" && entry.result == 0)
             reading_.words[axis] = entry.out;
         return entry.result == 0;
@@ -401,8 +416,13 @@ protected:
     {
         return ask(LAB_PAN, request) && ask(LAB_TILT, request);
     }
-    bool drive(const Pair& speeds, const Pair& steps, bool fromStatus = false)
+    bool drive(const Pair& speeds, const Pair& steps, bool fromStatus = false, bool placed = true)
     {
+        judgeUpTo(evidence_.nextOfLoop());
+        const auto goal = [&](LabAxisId axis) {
+            return std::to_string(sign(axis) * axes[axis].toCoordinate(position(axis) + steps[axis]));
+        };
+        motionsDue.push_back({origin_, std::pair(goal(LAB_PAN), goal(LAB_TILT)), placed, cut_ || !placed, ran_});
         bool done = true;
         for (const LabAxisId axis : AXES) {
             Words words = fromStatus ? reading_.words[axis] : Words(WORDS);
@@ -427,13 +447,14 @@ protected:
         });
     }
     /// The steps of a relative motion; refuses one that has no way to go.
-    Pair relative(const Pair& way) const
+    Pair relative(const Pair& way)
     {
         return forEach([&](LabAxisId id) {
             const ModelAxis& axis = axes[id];
             const int64_t goal = position(id) + way[id] * axis.made.total_steps / axis.made.range;
             const int64_t steps = std::clamp(goal, axis.toSteps(axis.lower), axis.toSteps(axis.upper)) - position(id);
             refuse(way[id] != 0 && steps == 0, CODE_NO_TRAVEL);
+            cut_ = cut_ || steps != goal - position(id);
             return steps;
         });
     }
@@ -446,6 +467,7 @@ protected:
     void look()
     {
         refuse(!askBoth("GET_STATUS"), CODE_DEVICE);
+        ran_ = reading_.running();
     }
     void halt()
     {
@@ -472,6 +494,7 @@ protected:
     void begin(Begin kind)
     {
         require(nextIs("MOVE"), "a move request is missing");
+        origin_ = kind == Begin::TRACK ? "track" : kind == Begin::RETURN ? "return" : "user";
         const int64_t from = evidence_.lastOfLoopNs();
         atRest = false;
         cancelStep();
@@ -547,6 +570,10 @@ protected:
     std::map<std::string, std::function<void(const Step&)>> methods_;
     int64_t calledNs_ = 0;
     int32_t replied_ = 0; // the code that the daemon gave
+    std::string origin_;  // of the motion that it begins
+    bool ran_ = false;    // whether the head moved when it looked
+    bool cut_ = false;    // whether the travel cuts the displacement
+    bool stops_ = false;  // whether it has sent a STOP
 
     Files& files_;
     Evidence& evidence_;
@@ -573,6 +600,7 @@ protected:
     int64_t tourReadNs_ = 0;
 
 public:
+    std::vector<MotionDue> motionsDue; // all that have begun
     TourWorld world;
     MotionJudge motions{evidence_, world};
 };

@@ -46,6 +46,8 @@ private:
             refuseBusy();
             cancelStep();
             const bool stopped = askBoth("STOP");
+            if (nextIs("GET_STATUS"))
+                (void)askBoth("GET_STATUS"); // for the subscriber, if a motion ends
             motions.stop(calledNs_, evidence_.lastOfLoopNs());
             armSave();
             refuse(!stopped, CODE_DEVICE);
@@ -70,8 +72,10 @@ private:
                 refuse(!read || (reading_.running() && !askBoth("STOP")), CODE_DEVICE);
             } else {
                 require(stepMove_ != StepMove::NONE, "a step goes on although none runs");
-                if (stepDirection_ == direction)
+                if (stepDirection_ == direction) {
+                    motionsDue.push_back({.origin = "user", .placed = false, .overtakes = ran_});
                     return armSave();
+                }
                 const bool panStops = ask(LAB_PAN, "STOP");
                 const bool tiltStops = ask(LAB_TILT, "STOP");
                 refuse(!panStops || !tiltStops, CODE_DEVICE);
@@ -80,7 +84,8 @@ private:
             }
             motions.follow(evidence_.lastOfLoopNs());
             atRest = false;
-            refuse(!drive(NO_SPEEDS, steps), CODE_DEVICE);
+            origin_ = "user";
+            refuse(!drive(NO_SPEEDS, steps, false, false), CODE_DEVICE);
             if (isNew)
                 motions.change([](MotionState& state) { ++state.begins; });
             leavesMask();

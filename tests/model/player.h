@@ -183,7 +183,9 @@ private:
         require(lab_.programs.startPtzd(), "the daemon does not start: " + lab_.error());
         evidence_.load(lab_);
         model_.emplace(evidence_, files_, options_, found);
+        subscriber_.reset();
         settle();
+        subscriber_.emplace(lab_.folder() + "/var/run/ubus.sock", model_->motionsDue.size());
         for (const auto& task :
              std::filesystem::directory_iterator("/proc/" + std::to_string(lab_.programs.ptzdPid()) + "/task"))
             evidence_.lasting.insert(static_cast<pid_t>(std::stol(task.path().filename())));
@@ -206,12 +208,14 @@ private:
         };
         if (busy())
             return false;
+        if (subscriber_)
+            subscriber_->receive();
         evidence_.load(lab_);
         if (busy())
             return false; // a save whose reads are in the evidence may be in the middle of its commit
         model_->judgeThreads();
         model_->motions.follow(WHENEVER);
-        return model_->hasSettled();
+        return model_->hasSettled() && (!subscriber_ || subscriber_->judge(model_->motionsDue));
     }
     void settle()
     {
@@ -328,4 +332,5 @@ private:
     Evidence evidence_;
     Files files_;
     std::optional<HeadModel> model_; // of the daemon that runs
+    std::optional<Subscriber> subscriber_;
 };
