@@ -73,7 +73,7 @@ void judgeOutcome()
     if (strcmp(gMotion.outcome, "reached") == 0)
         return;
     if (strcmp(gMotion.outcome, "limit") == 0)
-        die(EXIT_LIMIT, "the head is%s, at the end of its travel: the target lies beyond", gMotion.place);
+        die(EXIT_LIMIT, "the end of the travel stopped the head%s, short of the target", gMotion.place);
     if (strcmp(gMotion.outcome, "stopped") == 0)
         die(EXIT_STOPPED, "the motion was stopped%s", gMotion.place);
     if (strcmp(gMotion.outcome, "superseded") == 0)
