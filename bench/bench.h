@@ -71,6 +71,7 @@ private:
 using Part = void(const Effort&, Report&);
 Part benchCalls;
 Part benchMotion;
+Part benchSubscribers;
 Part benchRest;
 Part benchMemory;
 Part benchStart;

@@ -27,6 +27,7 @@ struct NamedPart {
 constexpr NamedPart PARTS[] = {
     {"calls", benchCalls, "round trips with 1, 8 and 64 clients"},
     {"motion", benchMotion, "from moveTo and stop to the motors"},
+    {"subscribers", benchSubscribers, "moveTo with 0, 1 and 8 subscribers of the daemon"},
     {"rest", benchRest, "wake-ups and processor time, at rest and moving"},
     {"memory", benchMemory, "memory and program file"},
     {"start", benchStart, "start to the first answer"},
@@ -114,7 +115,7 @@ std::string machine()
 {
     fprintf(stderr, "ptzd_bench [--quick | --smoke] [--plot FILE.svg] [PART...]\n");
     for (const NamedPart& part : PARTS)
-        fprintf(stderr, "  %-10s %s\n", part.name, part.what);
+        fprintf(stderr, "  %-12s %s\n", part.name, part.what);
     exit(2);
 }
 
