@@ -37,10 +37,14 @@ check() {
         fail "ptzctl $*: status $result instead of $status, output \"$output\" instead of \"$pattern\""
 }
 
-# A command in the background whose end is judged by check_end.
+# A command in the background, from rest, whose motion has begun; its end is judged by check_end, or it gets a signal.
 begin() {
-    in_lab "$ctl" "$@" >"$scratch/begun" 2>&1 &
+    in_lab "$ctl" stop
+    until_seen 20 at_rest
+    "$lab" exec -- "$ctl" "$@" >"$scratch/begun" 2>&1 </dev/null &
     begun=$!
+    until_seen 20 moving || fail "$* moves nothing"
+    sleep 0.3 # the reply is on its way
 }
 
 check_end() {
@@ -290,38 +294,37 @@ in_lab "$ctl" stop
 until_seen 20 at_rest
 in_lab "$ctl" goto 0 0 --wait
 check 0 '{"error_code":0}'$'\n''{"id":*"outcome":"reached"}' goto 20 0 --wait --json
+in_lab sh -c 'ptzctl status >/dev/full' 2>/dev/null && fail "an output that cannot be written is no failure"
+check 0 '{"error_code":0}'$'\n''*"outcome":"reached"}' calibrate --wait --json
+check 0 '' track on
+check 0 '' goto 50 0 --wait
+in_lab ubus call ptzd targetTrack '{"x_coord":"-40","y_coord":"9","x_speed":"4","y_speed":"4"}' >/dev/null
+check 0 '{"err_code":0}'*'"x":"50","y":"0","outcome":"reached"}' track off --wait --json
+check 0 '' goto 20 0 --wait
 factor 50 # a second for 20 units
 check 0 '' step left --wait
 begin goto 150 0 --wait
-until_seen 20 moving
 check 0 '' goto -150 0
 check_end 13 '*took the head over*' superseded
 begin goto 150 0 --wait
-sleep 0.5
 check 0 '' stop
 check_end 12 '*was stopped*' stopped
 check 5 '*goes on*' goto 150 0 --wait=0.3
 moving || fail "after the time of --wait the head does not move on"
 for row in 'INT 130' 'TERM 143' 'HUP 129'; do
     read -r signal status <<<"$row"
-    "$lab" exec -- "$ctl" goto -150 0 --wait &
-    begun=$!
-    until_seen 20 moving
-    sleep 0.5
+    begin goto -150 0 --wait
     kill -"$signal" $begun
     wait $begun
     ended=$?
     [ $ended -eq "$status" ] || fail "$signal ends with $ended, not with $status"
     at_rest || fail "$signal does not stop the head"
 done
-"$lab" exec -- "$ctl" goto 150 0 --wait --no-stop &
-begun=$!
-sleep 0.7
+begin goto 150 0 --wait --no-stop
 kill -TERM $begun
 wait $begun
 moving || fail "--no-stop stops the head"
 begin goto -150 0 --wait
-sleep 0.7
 "$lab" ptzd kill
 check_end 14 '*ptzd went away*' 'daemon killed'
 check 4 'ptzctl: ptzd is not on the bus*' home
@@ -350,7 +353,7 @@ until_seen 20 seen 'ptzd is there' || fail "watch does not survive a restart"
 "$lab" bus restart
 until_seen 20 seen 'the bus has gone' || fail "watch does not notice the loss of the bus"
 until_seen 20 in_lab "$ctl" status
-sleep 1.5
+until_seen 20 eval '[ "$(grep -c "ptzd is there" watched)" -eq 2 ]' || fail "watch does not find the daemon again"
 in_lab "$ctl" goto -20 0 --wait
 until_seen 20 seen 'reached, at pan -20, tilt 0' || fail "watch does not subscribe again: $(cat watched)"
 kill -INT $watching
@@ -364,7 +367,6 @@ check 5 'ptzctl: the setting is stored, but not applied: ptzd has not answered*'
 kill -CONT "${pid%% *}"
 factor 50
 begin goto 140 0 --wait
-sleep 0.7
 "$lab" bus stop
 check_end 14 '*the bus went away*' 'bus stopped'
 check 3 'ptzctl: there is no bus*' status
