@@ -248,7 +248,7 @@ void dieOfCall(CallEnd end, const char* method, const Reply& reply)
     case CallEnd::NoSuchObject:
         die(EXIT_NO_DAEMON, "ptzd has left the bus: start it again");
     case CallEnd::Lost:
-        die(EXIT_LOST, "bus or ptzd went away during %s: `ptzctl status` tells more", method);
+        die(EXIT_LOST, "bus or ptzd went away during %s: look at `ptzctl status`", method);
     case CallEnd::Signal:
         quit(EXIT_BY_SIGNAL + gSignal);
     case CallEnd::Answered:

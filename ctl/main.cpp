@@ -69,7 +69,7 @@ void printHelp()
            "  -t SECONDS                    wait that long for the daemon's answer (10)\n"
            "  -s SOCKET                     the bus daemon's socket (%s)\n"
            "  --help, --version\n\n"
-           "Options may come before or after the command; \"--\" ends them. man ptzctl tells more.\n",
+           "Options may come before or after the command; \"--\" ends them. man ptzctl describes them.\n",
            PTZD_UBUS_SOCKET);
 }
 
