@@ -42,7 +42,7 @@ public:
         struct sigaction action = {};
         action.sa_handler = onAlarm;
         sigaction(SIGALRM, &action, nullptr);
-        alarm(static_cast<unsigned>(gOptions.timeoutMs + 999) / 1000);
+        alarm(static_cast<unsigned>(options().timeoutMs + 999) / 1000);
     }
     ~Watchdog()
     {
@@ -136,7 +136,7 @@ int32_t codeIn(blob_attr* fields)
 /// Waits for the end of a call.
 CallEnd awaitEnd(const PendingCall& call)
 {
-    const int64_t deadline = nowMs() + gOptions.timeoutMs;
+    const int64_t deadline = nowMs() + options().timeoutMs;
     while (!call.ended) {
         switch (waitForMessage(deadline)) {
         case Wake::Handled:
@@ -198,7 +198,7 @@ bool tryConnect(bool& busThere)
     gSubscriber = {};
     gObject = 0;
     gDaemonGone = false;
-    gConnection = ubus_connect(gOptions.socket);
+    gConnection = ubus_connect(options().socket);
     busThere = gConnection != nullptr;
     if (!busThere)
         return false;
@@ -216,7 +216,7 @@ void connectToDaemon()
     if (tryConnect(busThere))
         return;
     if (!busThere)
-        die(EXIT_NO_BUS, "there is no bus at %s: is ubusd running? (-s SOCKET names another one)", gOptions.socket);
+        die(EXIT_NO_BUS, "there is no bus at %s: is ubusd running? (-s SOCKET names another one)", options().socket);
     die(EXIT_NO_DAEMON, "ptzd is not on the bus: start it, or wait until it has started");
 }
 
@@ -244,11 +244,11 @@ void dieOfCall(CallEnd end, const char* method, const Reply& reply)
     switch (end) {
     case CallEnd::NotAnswered:
         die(EXIT_TIMEOUT, "ptzd has not answered %s within %g s: wait longer with -t SECONDS, or restart it", method,
-            gOptions.timeoutMs / 1000.0);
+            options().timeoutMs / 1000.0);
     case CallEnd::NoSuchObject:
         die(EXIT_NO_DAEMON, "ptzd has left the bus: start it again");
     case CallEnd::Lost:
-        die(EXIT_LOST, "bus or ptzd went away during %s: `ptzctl status` tells more", method);
+        die(EXIT_LOST, "bus or ptzd went away during %s: look at `ptzctl status`", method);
     case CallEnd::Signal:
         quit(EXIT_BY_SIGNAL + gSignal);
     case CallEnd::Answered:
@@ -312,7 +312,7 @@ void dieUnlessDone(int32_t code)
 Reply command(const char* method, Message& arguments)
 {
     Reply reply = callMethod(method, arguments);
-    if (gOptions.json)
+    if (options().json)
         printJson(reply.fields.get());
     dieUnlessDone(reply.code);
     return reply;

@@ -19,7 +19,7 @@ struct Options {
 };
 
 /// As given; written before a command runs, and not afterwards.
-extern Options gOptions;
+[[nodiscard]] const Options& options();
 
 /// A command's body. What fails ends the program by `die`; what returns has succeeded.
 using CommandBody = void(Arguments arguments);

@@ -8,12 +8,12 @@ struct HeadNow {
     int32_t y;
     int32_t xSpeed; // 0 at rest, negative toward the lower coordinates
     int32_t ySpeed;
-
-    [[nodiscard]] bool moves() const
-    {
-        return xSpeed != 0 || ySpeed != 0;
-    }
 };
+
+[[nodiscard]] constexpr bool moves(const HeadNow& head)
+{
+    return head.xSpeed != 0 || head.ySpeed != 0;
+}
 
 /// What a reply of getStatus says.
 [[nodiscard]] HeadNow headIn(const Reply& reply);

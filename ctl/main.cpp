@@ -8,9 +8,9 @@
 
 #include <iterator>
 
-Options gOptions{.socket = PTZD_UBUS_SOCKET};
-
 namespace {
+
+Options gOptions{.socket = PTZD_UBUS_SOCKET};
 
 enum Accepts { NOTHING = 0, JSON = 1, WAIT = 2, RAW = 4 }; // RAW: what follows the name is not searched for options
 
@@ -69,7 +69,7 @@ void printHelp()
            "  -t SECONDS                    wait that long for the daemon's answer (10)\n"
            "  -s SOCKET                     the bus daemon's socket (%s)\n"
            "  --help, --version\n\n"
-           "Options may come before or after the command; \"--\" ends them. man ptzctl tells more.\n",
+           "Options may come before or after the command; \"--\" ends them. man ptzctl describes them.\n",
            PTZD_UBUS_SOCKET);
 }
 
@@ -176,21 +176,26 @@ void run(const CommandRow& row, Arguments arguments)
 
 } // namespace
 
+const Options& options()
+{
+    return gOptions;
+}
+
 int main(int count, char** words)
 {
     const char* plain[32];
     size_t used = 0;
-    bool options = true;
+    bool searched = true; // for options
     for (int at = 1; at < count; ++at) {
-        if (options && strcmp(words[at], "--") == 0) {
-            options = false;
-        } else if (options && isOption(words[at])) {
+        if (searched && strcmp(words[at], "--") == 0) {
+            searched = false;
+        } else if (searched && isOption(words[at])) {
             readOption(words, count, at);
         } else {
             if (used == std::size(plain))
                 die(EXIT_USAGE, "too many arguments: ptzctl --help lists the commands");
             plain[used++] = words[at];
-            options = options && strcmp(plain[0], "onvif") != 0; // a server's texts are no options
+            searched = searched && strcmp(plain[0], "onvif") != 0; // a server's texts are no options
         }
     }
     const Arguments given(plain, used);

@@ -45,7 +45,7 @@ HeadNow readHead()
 void showStatus(Arguments)
 {
     const Reply reply = command("getStatus");
-    if (gOptions.json)
+    if (options().json)
         return;
     Message nothing;
     const bool calibrating = callMethod("checkMotorStatus", nothing).code == ERR_CALIBRATING;
@@ -53,7 +53,7 @@ void showStatus(Arguments)
     printf("position   pan %d, tilt %d\n", head.x, head.y);
     if (calibrating)
         printf("motion     calibrating\n");
-    else if (head.moves())
+    else if (moves(head))
         printf("motion     moving, speed: pan %d, tilt %d\n", head.xSpeed, head.ySpeed);
     else
         printf("motion     at rest\n");
@@ -131,7 +131,7 @@ void showOrSetSpeed(Arguments arguments)
     }
     const SettingText pan = settingOr({"ptzd", "x_motor", ""}, "speed", "");
     const SettingText tilt = settingOr({"ptzd", "y_motor", ""}, "speed", "");
-    if (gOptions.json) {
+    if (options().json) {
         Message message;
         printJson(message.text("x_speed", pan.text).text("y_speed", tilt.text).content());
         return;

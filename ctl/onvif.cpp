@@ -112,7 +112,7 @@ void getPosition(Arguments)
 
 void isMoving(Arguments)
 {
-    printf("%d\n", readHead().moves() ? 1 : 0);
+    printf("%d\n", moves(readHead()) ? 1 : 0);
 }
 
 void moveLeft(Arguments)

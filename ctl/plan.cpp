@@ -187,7 +187,7 @@ void showPlan(Arguments)
     for (int weekday = 0; weekday < WEEK_DAYS; ++weekday) {
         const Day& day = week.days[weekday];
         addDay(message, weekday, day);
-        for (const Entry& entry : std::span(day.entries, gOptions.json ? 0 : static_cast<size_t>(day.count))) {
+        for (const Entry& entry : std::span(day.entries, options().json ? 0 : static_cast<size_t>(day.count))) {
             printf("%-9s  %02d:%02d-%02d:%02d  ", planPolicy[weekday].name, entry.start / 60, entry.start % 60,
                    entry.end / 60, entry.end % 60);
             if (entry.preset != 0)
@@ -196,7 +196,7 @@ void showPlan(Arguments)
                 printf("stay\n");
         }
     }
-    if (gOptions.json)
+    if (options().json)
         printJson(message.content());
 }
 

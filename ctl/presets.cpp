@@ -70,7 +70,7 @@ PresetList readPresets()
 
 void listPresets(Arguments)
 {
-    if (gOptions.json) {
+    if (options().json) {
         command("getPresetAll");
         return;
     }
@@ -104,7 +104,7 @@ void setPreset(Arguments arguments)
         message.text("name", arguments[1]);
     }
     const Reply reply = command("setPreset", message.text("save_ptz", "1"));
-    if (!gOptions.json)
+    if (!options().json)
         printf("preset %s is \"%s\"\n", textOf(reply.fields.get(), "id", "?"), textOf(reply.fields.get(), "name", ""));
 }
 

@@ -23,10 +23,10 @@ bool shown(Arguments arguments, const SettingPlace& place, const char* option)
 {
     if (!arguments.empty())
         return false;
-    if (gOptions.wait)
+    if (options().wait)
         die(EXIT_USAGE, "there is no motion to wait for: say on or off");
     const SettingText value = settingOr(place, option, "off");
-    if (gOptions.json) {
+    if (options().json) {
         Message message;
         printJson(message.text(option, value.text).content());
     } else {
@@ -74,7 +74,7 @@ void showTour(Arguments)
 {
     const SettingText enabled = settingOr(TOUR_INFO, "enabled", "off");
     const char* type = TOURS[tourType()];
-    if (!gOptions.json) {
+    if (!options().json) {
         printf("%s, %s\n", enabled.text, type);
         return;
     }

@@ -55,7 +55,7 @@ void onNote(blob_attr* note)
 {
     const int number = caughtSignal();
     releaseSignals(); // a second one ends the program at once
-    if (!gOptions.stopOnSignal)
+    if (!options().stopOnSignal)
         quit(EXIT_BY_SIGNAL + number);
     Message nothing;
     Reply reply;
@@ -73,7 +73,7 @@ void judgeOutcome()
     if (strcmp(gMotion.outcome, "reached") == 0)
         return;
     if (strcmp(gMotion.outcome, "limit") == 0)
-        die(EXIT_LIMIT, "the head is%s, at the end of its travel: the target lies beyond", gMotion.place);
+        die(EXIT_LIMIT, "the end of the travel stopped the head%s, short of the target", gMotion.place);
     if (strcmp(gMotion.outcome, "stopped") == 0)
         die(EXIT_STOPPED, "the motion was stopped%s", gMotion.place);
     if (strcmp(gMotion.outcome, "superseded") == 0)
@@ -85,7 +85,7 @@ void judgeOutcome()
 
 MotionWait::MotionWait(Origin origin)
 {
-    if (!gOptions.wait)
+    if (!options().wait)
         return;
     gMotion = {};
     gMotion.origin = ORIGINS[static_cast<int>(origin)];
@@ -97,7 +97,7 @@ Reply MotionWait::call(const char* method, Message& arguments) const
 {
     connectToDaemon();
     Reply reply;
-    if (!gOptions.wait) {
+    if (!options().wait) {
         reply = callMethod(method, arguments);
     } else {
         // A command that is under way may have begun its motion: Ctrl-C stops that one, too.
@@ -108,16 +108,16 @@ Reply MotionWait::call(const char* method, Message& arguments) const
             dieOfCall(end, method, reply);
         gMotion.replied = true;
     }
-    if (gOptions.json)
+    if (options().json)
         printJson(reply.fields.get());
     return reply;
 }
 
 void MotionWait::finish() const
 {
-    if (!gOptions.wait || !gMotion.begun)
+    if (!options().wait || !gMotion.begun)
         return;
-    const int64_t deadline = gOptions.waitMs > 0 ? nowMs() + gOptions.waitMs : std::numeric_limits<int64_t>::max();
+    const int64_t deadline = options().waitMs > 0 ? nowMs() + options().waitMs : std::numeric_limits<int64_t>::max();
     fflush(stdout);
     while (!gMotion.ended) {
         const Wake wake = waitForMessage(deadline);
@@ -127,12 +127,12 @@ void MotionWait::finish() const
             endBySignal();
         if (wake == Wake::Deadline)
             die(EXIT_TIMEOUT, "the motion is not over after %g s, and goes on: `ptzctl stop` stops it",
-                static_cast<double>(gOptions.waitMs) / 1000);
+                static_cast<double>(options().waitMs) / 1000);
         if (wake == Wake::Lost || daemonGone())
             die(EXIT_LOST, "%s went away during the motion, whose end is not known",
                 wake == Wake::Lost ? "the bus" : "ptzd");
     }
-    if (gOptions.json)
+    if (options().json)
         printf("%s\n", gMotion.json ? gMotion.json : "{}");
     judgeOutcome();
 }

@@ -35,7 +35,7 @@ int idOf(blob_attr* note, const char* name)
 void onNote(blob_attr* note)
 {
     gMoving = strcmp(textOf(note, "state", ""), "moving") == 0;
-    if (gOptions.json)
+    if (options().json)
         return printJson(note);
     printTime();
     const char* x = textOf(note, "x", nullptr);
@@ -60,22 +60,22 @@ void look(bool first)
 {
     Message nothing;
     Reply reply;
-    if (gOptions.json || tryCall("getStatus", nothing, reply) != CallEnd::Answered || reply.code != 0)
+    if (options().json || tryCall("getStatus", nothing, reply) != CallEnd::Answered || reply.code != 0)
         return;
     const HeadNow head = headIn(reply);
     if (!first && head.x == gShown.x && head.y == gShown.y)
         return;
     gShown = head;
-    gMoving = gMoving || (first && head.moves()); // one that began before
+    gMoving = gMoving || (first && moves(head)); // one that began before
     if (!first && !gMoving)
         return; // its end has been printed meanwhile
     printTime();
-    printf("pan %d, tilt %d%s\n", head.x, head.y, !first ? "" : head.moves() ? ", moving" : ", at rest");
+    printf("pan %d, tilt %d%s\n", head.x, head.y, !first ? "" : moves(head) ? ", moving" : ", at rest");
 }
 
 void say(const char* text)
 {
-    if (gOptions.json)
+    if (options().json)
         fprintf(stderr, "ptzctl: %s\n", text);
     else {
         printTime();

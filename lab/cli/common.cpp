@@ -58,7 +58,8 @@ std::string typed(const std::string& words)
     const char* dev = getenv("PTZD_DEV");
     if (dev && *dev)
         return std::string(dev) + " " + words;
-    return program_invocation_name + (words.starts_with("lab ") ? words.substr(3) : " exec -- " + words);
+    const std::string command = words.starts_with("ctl ") ? "ptz" + words : words; // the name of ./dev is shorter
+    return program_invocation_name + (words.starts_with("lab ") ? words.substr(3) : " exec -- " + command);
 }
 
 int failed(const std::string& reason)

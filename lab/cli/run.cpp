@@ -77,8 +77,7 @@ int stayInForeground(Lab& lab)
         return (namedFolder().empty() ? "" : "PTZD_LAB_DIR=" + namedFolder().substr(1) + " ") + typed(words);
     };
     printf("\nIn a second terminal, for example:\n");
-    for (const char* words :
-         {"ubus call ptzd moveTo '{\"x_coord\":\"-90\",\"y_coord\":\"20\"}'", "ubus call ptzd getStatus"})
+    for (const char* words : {"ctl goto -90 20", "ctl status", "ubus call ptzd getStatus"})
         printf("  %s\n", inThisLab(words).c_str());
     printf("Ctrl-C ends the head.\n\n");
     while (!endAsked(LOOK)) {
