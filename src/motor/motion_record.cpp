@@ -69,13 +69,13 @@ bool beyondTravel(AxisIndex axis, int64_t steps)
 /// How one axis has ended that rests; Undecided when that is short of its target.
 MotionOutcome axisOutcome(AxisIndex axis, int32_t position) REQUIRES(gContext.record.MotionRecordLock)
 {
-    const MotionTarget& target = gContext.record.target;
-    const bool there = near(axis, position, target.steps[axis]);
-    if (target.kind == MotionTarget::Kind::Limit)
+    const int32_t target = gContext.record.target.steps[axis];
+    const bool there = near(axis, position, target);
+    if (gContext.record.target.kind == MotionTarget::Kind::Limit)
         return there ? MotionOutcome::Limit : MotionOutcome::Reached;
     if (there)
         return MotionOutcome::Reached;
-    if (atTravelEnd(axis, position) && (gContext.record.exact || beyondTravel(axis, target.steps[axis])))
+    if (atTravelEnd(axis, position) && (gContext.record.exact || beyondTravel(axis, target)))
         return MotionOutcome::Limit;
     return gContext.record.exact ? MotionOutcome::Undecided : MotionOutcome::Reached;
 }
