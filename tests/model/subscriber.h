@@ -14,15 +14,17 @@ extern "C" {
 
 #include <poll.h>
 
+using Place = std::pair<std::string, std::string>; // x and y
+
 /// A motion that has begun, in the order of the move requests.
 struct MotionDue {
     std::string origin;
-    std::optional<std::pair<std::string, std::string>> target{}; // x and y; none: of a tour, not compared
-    bool placed = true;                                          // whether it has a target at all
-    bool cut = false;                                            // the target may be another, beyond the travel
-    bool overtakes = false;                                      // it began while the head moved
-    bool halted = false;                                         // by a command that began no motion
-    bool failed = false;                                         // a request failed meanwhile
+    std::optional<Place> target{}; // x and y; none: of a tour, not compared
+    bool placed = true;            // whether it has a target at all
+    bool cut = false;              // the target may be another, beyond the travel
+    bool overtakes = false;        // it began while the head moved
+    bool halted = false;           // by a command that began no motion
+    bool failed = false;           // a request failed meanwhile
 };
 
 /// A subscription of one daemon, whose head rests after its first motions.
@@ -80,7 +82,7 @@ private:
         const size_t id = strtoul(field("id").c_str(), nullptr, 10);
         require(id >= 1 && id <= due.size(), text + ", of " + std::to_string(due.size()) + " motions");
         const MotionDue& motion = due[id - 1];
-        const std::pair place(field("x"), field("y"));
+        const Place place(field("x"), field("y"));
         if (field("state") == "moving") {
             require(!open_ && id == last_ + 1 && (by_ == 0 || by_ == id), text + " after " + std::to_string(last_));
             require(field("origin") == motion.origin && place.first.empty() != motion.placed &&
@@ -103,16 +105,20 @@ private:
         require(outcome != "stopped" || motion.halted, text + ", which nobody stopped");
         require(outcome != "failed" || motion.failed, text + ", although no request failed");
         require(outcome != "limit" || !motion.placed || place != announced_, text + " at its target");
-        require(outcome != "reached" || !motion.placed || motion.overtakes || near(place.first, announced_.first),
+        require(outcome != "reached" || !motion.placed || motion.overtakes || near(place, announced_),
                 text + " for " + announced_.first);
         require(!overtaken || (outcome != "reached" && outcome != "limit"), text + ", which the next one overtook");
         require(overtaken || motion.halted || motion.failed || outcome == "reached" || outcome == "limit" ||
                     outcome == "superseded",
                 text);
     }
-    static bool near(const std::string& a, const std::string& b)
+    /// But for the signs, as the flip may have changed meanwhile.
+    static bool near(const Place& a, const Place& b)
     {
-        return std::abs(atoi(a.c_str()) - atoi(b.c_str())) <= 1;
+        const auto apart = [](const std::string& one, const std::string& other) {
+            return std::abs(std::abs(atoi(one.c_str())) - std::abs(atoi(other.c_str())));
+        };
+        return apart(a.first, b.first) <= 1 && apart(a.second, b.second) <= 1;
     }
     struct Free {
         void operator()(ubus_context* bus) const
@@ -127,5 +133,5 @@ private:
     size_t last_; // the motion that began last
     bool open_ = false;
     size_t by_ = 0; // what the end before has named
-    std::pair<std::string, std::string> announced_;
+    Place announced_;
 };
