@@ -67,17 +67,37 @@ Client client;
 
 void act(uint8_t what);
 
-constexpr blobmsg_policy POLICY[] = {{"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32}};
+constexpr blobmsg_policy POLICY[] = {
+    {"a", BLOBMSG_TYPE_UNSPEC}, {"b", BLOBMSG_TYPE_ARRAY}, {"c", BLOBMSG_TYPE_TABLE},  {"d", BLOBMSG_TYPE_STRING},
+    {"e", BLOBMSG_TYPE_INT64},  {"f", BLOBMSG_TYPE_INT32}, {"g", BLOBMSG_TYPE_INT16},  {"h", BLOBMSG_TYPE_INT8},
+    {"i", BLOBMSG_TYPE_DOUBLE}, {"j", BLOBMSG_CAST_INT64}, {"a", BLOBMSG_TYPE_STRING},
+};
 
-/// What a callback does: looks at the message, and acts again.
+/// Reads all of a message, in a copy as long as it is, so that a byte read behind it is found.
+void readAll(const blob_attr* message)
+{
+    const auto* first = reinterpret_cast<const uint8_t*>(message);
+    std::vector<uint8_t> bytes(first, first + sizeof(blob_attr) + blob_len(message));
+    auto* copy = reinterpret_cast<blob_attr*>(bytes.data());
+    blob_attr* found[std::size(POLICY)];
+    (void)blobmsg_parse(POLICY, std::size(POLICY), found, blob_data(copy), static_cast<unsigned>(blob_len(copy)));
+    for (size_t i = 0; i < std::size(POLICY); ++i) {
+        const int wanted = POLICY[i].type, type = found[i] ? blobmsg_type(found[i]) : wanted;
+        const bool number = type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
+        RIG_CHECK(wanted == BLOBMSG_TYPE_UNSPEC || wanted == type || (wanted == BLOBMSG_CAST_INT64 && number),
+                  "entry %zu: type %d\n", i, type);
+    }
+    for (char* text : {blobmsg_format_json(copy, true), blobmsg_format_json_indent(copy, true, 0)}) {
+        RIG_CHECK(text, "no text\n");
+        free(text);
+    }
+}
+
+/// What a callback does: reads the message, and acts again.
 void look(blob_attr* message)
 {
-    if (message) {
-        free(blobmsg_format_json(message, true));
-        blob_attr* found[std::size(POLICY)];
-        (void)blobmsg_parse(POLICY, std::size(POLICY), found, blob_data(message),
-                            static_cast<unsigned>(blob_len(message)));
-    }
+    if (message)
+        readAll(message);
     if (client.depth >= MAX_DEPTH || client.choices.empty())
         return;
     ++client.depth;

@@ -73,9 +73,7 @@ public:
         MessageWriter lookup(MSG_LOOKUP, 0x7001, 0);
         lookup.put(ATTR_OBJPATH, "witness");
         RIG_CHECK(answers(lookup) == 1, "the witness is lost\n");
-        for (Peer& peer : peers_) {
-            if (&peer == &witness_)
-                continue;
+        for (Peer& peer : std::span(peers_).subspan(1)) {
             settle(peer);
             hangUp(peer);
         }

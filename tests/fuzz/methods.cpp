@@ -17,6 +17,9 @@ constexpr std::string_view HEADING = "== ";
 constexpr int MAX_STEPS = 40;
 constexpr int WORKER_TURNS = 300;
 constexpr const char* OTHERS_PACKAGES[] = {"image", "diagd", "lens_mask", "target_track", "ptz_plan", "tour"};
+/// These may report a failure and have stored something all the same, before or beside what failed.
+constexpr const char* STORES_FIRST[] = {"setConfig", "setPowerOffRecover", "lensMask",   "clearPreset",
+                                        "delPreset", "startPanorama",      "targetTrack"};
 constexpr unsigned long REQUESTS[] = {MOTOR_IOC_GET_STATUS, MOTOR_IOC_SET_POSITION, MOTOR_IOC_SET_SPEED,
                                       MOTOR_IOC_ROTATE,     MOTOR_IOC_MOVE,         MOTOR_IOC_STOP};
 
@@ -95,16 +98,6 @@ void checkPresetsStored()
     RIG_CHECK(unnamed || list() == before, "%s is not what is stored\n", before.c_str());
 }
 
-/// May report a failure and have stored something all the same, before or beside what failed.
-bool storesFirst(const std::string& method)
-{
-    for (const char* name :
-         {"setConfig", "setPowerOffRecover", "lensMask", "clearPreset", "delPreset", "startPanorama", "targetTrack"})
-        if (method == name)
-            return true;
-    return false;
-}
-
 /// Whether a whole plan is stored.
 bool planLoads()
 {
@@ -120,7 +113,7 @@ void call(const std::string& name, const std::optional<std::vector<uint8_t>>& me
     const std::string plan = rig::stored("ptz_plan");
     const int32_t code = rig::call(name, *message);
     const bool same = rig::stored("ptzd") == presets && rig::stored("ptz_plan") == plan;
-    if (code != 0 && (!storesFirst(name) || (name == "delPreset" && code == ERR_PARAM)))
+    if (code != 0 && (std::ranges::count(STORES_FIRST, name) == 0 || (name == "delPreset" && code == ERR_PARAM)))
         RIG_CHECK(same, "%s: %d, and yet it has changed what is stored\n", name.c_str(), code);
     if (code == 0 && (name == "setPreset" || name == "delPreset" || name == "clearPreset"))
         checkPresetsStored();

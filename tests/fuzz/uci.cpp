@@ -17,17 +17,11 @@ namespace {
 
 constexpr size_t MAX_CHANGES = 30;
 
-struct FreeContext {
-    void operator()(uci_context* context) const
-    {
-        uci_free_context(context);
-    }
-};
-using OwnedContext = std::unique_ptr<uci_context, FreeContext>;
+using OwnedContext = std::unique_ptr<uci_context, void (*)(uci_context*)>;
 
 OwnedContext openContext(const char* config, const char* changes)
 {
-    OwnedContext context(uci_alloc_context());
+    OwnedContext context(uci_alloc_context(), uci_free_context);
     uci_set_confdir(context.get(), rigFolder(config).c_str());
     uci_set_savedir(context.get(), rigFolder(changes).c_str());
     return context;

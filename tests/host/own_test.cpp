@@ -85,23 +85,6 @@ TEST(Save, OfALongOneNothingCountsUnlessAllIsThere)
     }
 }
 
-TEST(Commit, WhoseWriteFailsOrIsTheLastLeavesTheOldFile)
-{
-    const std::string before = "config t 's'\n\toption a '" + std::string(5000, 'x') + "'\n";
-    const Sandbox box(before);
-    EXPECT_EQ(box.run({"set", "p.s.b=1"}).status, 0);
-    const std::string changes = readFile(box.changeFile);
-    for (const std::string atTheLimit : {"", "trap '' XFSZ; "}) { // of a file's size: the process ends, or goes on
-        const Result result = run({"sh", "-c", atTheLimit + "ulimit -f 4; exec \"$0\" -c \"$1\" -t \"$2\" commit",
-                                   UCI_PROGRAM, box.configDir, box.saveDir});
-        EXPECT_EQ(result.status, atTheLimit.empty() ? -1 : 1);
-        EXPECT_EQ(readFile(box.file), before);
-        EXPECT_EQ(readFile(box.changeFile), changes);
-    }
-    EXPECT_EQ(box.run({"commit"}).status, 0);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(box.configDir), {}), 1) << "what a dead one left";
-}
-
 TEST(Commit, OfThreadsAndACommandTogetherLosesNothing)
 {
     constexpr int ROUNDS = 20;

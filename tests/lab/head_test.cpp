@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -53,9 +52,7 @@ TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
     if (launcher == 0) {
         Lab killed(lab.folder());
         killed.up({.factor = 25000, .outlive = true});
-        pid_t cet = 0;
-        std::ifstream(lab.folder() + "/pid/cet") >> cet;
-        sendSignal(cet, SIGKILL);
+        sendSignal(std::stoi(readFile(lab.folder() + "/pid/cet")), SIGKILL);
         raise(SIGKILL);
     }
     ASSERT_EQ(waitpid(launcher, nullptr, 0), launcher);

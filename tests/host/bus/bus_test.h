@@ -28,13 +28,6 @@ public:
         return id_;
     }
 
-    // Reads and drops what comes until the daemon has closed the connection, which it must.
-    void expectEnd() const
-    {
-        while (!receive().empty()) {
-        }
-    }
-
     // Sends a request of the daemon and receives up to its status.
     Answer ask(const Bytes& request) const
     {

@@ -148,7 +148,8 @@ TEST_F(BusTest, TakesRootLengthsUpToTheLimitAndDisconnectsBeyond)
         SCOPED_TRACE(length);
         const RawClient client = connect();
         client.send(part(pingOfRoot(length), 0, FRAME));
-        client.expectEnd();
+        while (!client.receive().empty()) // until the daemon has closed the connection, which it must
+            continue;
     }
 }
 

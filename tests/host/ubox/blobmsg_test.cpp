@@ -10,10 +10,9 @@ TEST(BlobmsgVectors, BuildingGivesTheGoldenBytesAndFormattingThoseTheText)
         SCOPED_TRACE(record.at("name"));
         if (record.contains("json_in")) {
             Buffer buf;
-            EXPECT_EQ(blobmsg_add_json_from_string(buf.get(), record.at("json_in").c_str()), record.contains("hex"));
+            EXPECT_EQ(blobmsg_add_json_from_string(&buf, record.at("json_in").c_str()), record.contains("hex"));
             if (record.contains("hex")) {
-                EXPECT_EQ(hex({reinterpret_cast<const uint8_t*>(buf.head()), blob_raw_len(buf.head())}),
-                          record.at("hex"));
+                EXPECT_EQ(hex({reinterpret_cast<const uint8_t*>(buf.head), blob_raw_len(buf.head)}), record.at("hex"));
             }
         }
         if (!record.contains("hex"))

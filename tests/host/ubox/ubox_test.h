@@ -10,31 +10,19 @@ extern "C" {
 }
 #undef fallthrough
 
-class Buffer {
-public:
+struct Buffer : blob_buf {
     // With the members of a JSON object.
-    explicit Buffer(const char* json = "{}")
+    explicit Buffer(const char* json = "{}") : blob_buf{}
     {
-        blob_buf_init(&buf_, 0);
-        EXPECT_TRUE(blobmsg_add_json_from_string(&buf_, json));
+        blob_buf_init(this, 0);
+        EXPECT_TRUE(blobmsg_add_json_from_string(this, json));
     }
     ~Buffer()
     {
-        blob_buf_free(&buf_);
+        blob_buf_free(this);
     }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
-    blob_buf* get()
-    {
-        return &buf_;
-    }
-    blob_attr* head()
-    {
-        return buf_.head;
-    }
-
-private:
-    blob_buf buf_{};
 };
 
 // Bytes as an attribute: they end where their heap block does, so that AddressSanitizer sees every read past them.

@@ -51,7 +51,7 @@ int onCall(ubus_context* ctx, ubus_object*, ubus_request_data* req, const char* 
     if (*method == 's')
         return UBUS_STATUS_NO_DATA;
     Buffer answer(R"({"error_code":0})");
-    return ubus_send_reply(ctx, req, answer.head());
+    return ubus_send_reply(ctx, req, answer.head);
 }
 
 int onNotification(ubus_context*, ubus_object*, ubus_request_data*, const char* type, blob_attr* msg)
@@ -117,7 +117,7 @@ TEST(Golden, PublisherAndSubscriber)
     EXPECT_EQ(ubus_add_object(publisher.get(), &object), 0);
     expectCalls(publisher, "first");
     Buffer data(R"({"state":"idle","x":"1"})");
-    EXPECT_EQ(ubus_notify(publisher.get(), &object, "motion", data.head(), -1), 0);
+    EXPECT_EQ(ubus_notify(publisher.get(), &object, "motion", data.head, -1), 0);
 
     ubus_subscriber subscriber{};
     subscriber.cb = onNotification;
@@ -143,7 +143,7 @@ TEST(Golden, CallersOfMethods)
         EXPECT_EQ(id, PTZD_ID);
         Buffer message(argument ? argument : "{}");
         std::string reply;
-        EXPECT_EQ(ubus_invoke(ctx.get(), id, method, argument ? message.head() : nullptr, collectJson, &reply, 5000),
+        EXPECT_EQ(ubus_invoke(ctx.get(), id, method, argument ? message.head : nullptr, collectJson, &reply, 5000),
                   status);
         EXPECT_EQ(reply, expected);
     }
@@ -167,7 +167,7 @@ TEST(Golden, LookupsAndAnEvent)
 
     FakeBus bus(playBack("C6"));
     Buffer data(R"({"action":"start"})");
-    EXPECT_EQ(ubus_send_event(connectTo(bus).get(), "motor_rotate_event", data.head()), 0);
+    EXPECT_EQ(ubus_send_event(connectTo(bus).get(), "motor_rotate_event", data.head), 0);
 }
 
 TEST(Request, TimesOutAndIgnoresTheLateAnswer)
@@ -241,8 +241,7 @@ TEST(Request, SendsTheLargestMessageToABusThatDoesNotReadYetAndReadsOneInPieces)
     Buffer argument((R"({"s":")" + largest + "\"}").c_str());
     Buffer tooLarge((R"({"s":")" + largest + "x\"}").c_str());
     std::string answer;
-    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", argument.head(), collectJson, &answer, 5000), 0);
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", argument.head, collectJson, &answer, 5000), 0);
     EXPECT_EQ(answer.size(), LARGEST_TEXT + 8); // {"s":"…"}
-    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.head(), nullptr, nullptr, 1000),
-              UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(ubus_invoke(ctx.get(), CALLEE, "m", tooLarge.head, nullptr, nullptr, 1000), UBUS_STATUS_INVALID_ARGUMENT);
 }

@@ -50,17 +50,11 @@ private:
     std::thread thread_;
 };
 
-struct FreeContext {
-    void operator()(ubus_context* ctx) const
-    {
-        ubus_free(ctx);
-    }
-};
-using Context = std::unique_ptr<ubus_context, FreeContext>;
+using Context = std::unique_ptr<ubus_context, void (*)(ubus_context*)>;
 
 inline Context connectTo(const FakeBus& bus)
 {
-    return Context(ubus_connect(bus.path.c_str()));
+    return {ubus_connect(bus.path.c_str()), ubus_free};
 }
 
 // Lets a data callback collect the replies as JSON, one after the other, in the std::string that is the request's priv.

@@ -7,13 +7,7 @@
 
 #include <memory>
 
-struct FreeUciContext {
-    void operator()(uci_context* ctx) const
-    {
-        uci_free_context(ctx);
-    }
-};
-using UciContext = std::unique_ptr<uci_context, FreeUciContext>;
+using UciContext = std::unique_ptr<uci_context, void (*)(uci_context*)>;
 
 // Everything lies under one folder, which goes with the object. The package is called p.
 class Sandbox {
@@ -34,7 +28,7 @@ public:
     // A context that knows these directories and no others but the default save directory.
     UciContext context() const
     {
-        UciContext ctx(uci_alloc_context());
+        UciContext ctx(uci_alloc_context(), uci_free_context);
         EXPECT_EQ(uci_set_confdir(ctx.get(), configDir.c_str()) + uci_set_savedir(ctx.get(), saveDir.c_str()), 0);
         return ctx;
     }
