@@ -10,6 +10,7 @@
 #include "motion/track.h"
 #include "motor/calibration.h"
 #include "motor/coordinates.h"
+#include "motor/motion_record.h"
 #include "motor/position_store.h"
 #include "motor/quiet_period.h"
 #include "motor/status_poll.h"
@@ -166,8 +167,9 @@ void reset()
     cfg_uci_deinit();
     TourDeinit();
     blob_buf_free(&gContext.ubus.replyBuf);
+    blob_buf_free(&gContext.ubus.motionBuf);
     fakes = {};
-    renew(gContext.axes, gContext.timers, gContext.calibrationArg, gContext.motion, gContext.position,
+    renew(gContext.axes, gContext.timers, gContext.calibrationArg, gContext.motion, gContext.record, gContext.position,
           gContext.panorama, gContext.track, gContext.preset, gContext.tour, gContext.image, gContext.ubus,
           gContext.config);
     lensMaskSetEnabled(0);
@@ -277,6 +279,15 @@ int __wrap_uci_commit(uci_context* context, uci_package** package, bool overwrit
         return __real_uci_commit(context, package, overwrite);
     uci_unload(context, *package); // as the library does on its way, without a word to the caller's handle
     return UCI_ERR_IO;
+}
+
+int __wrap_ubus_notify(ubus_context*, ubus_object*, const char*, blob_attr* message, int timeout)
+{
+    RIG_CHECK(timeout < 0, "a notification that waits\n");
+    char* text = blobmsg_format_json(message, true);
+    fakes.motions.emplace_back(text);
+    free(text);
+    return 0;
 }
 
 int __wrap_ubus_send_reply(ubus_context*, ubus_request_data*, blob_attr* message)

@@ -49,6 +49,7 @@ struct Fakes {
     std::function<void()> afterTimerStart;
     std::vector<FakeNotification> notifications;
     std::function<void()> onNotification;
+    std::vector<std::string> motions;          // to subscribers, as JSON
     std::vector<FakeReport> reports;           // errors only
     std::deque<std::function<void()>> workers; // started and not run yet
     bool workersFail = false;

@@ -10,6 +10,7 @@
 
 namespace {
 
+using Texts = std::vector<std::string>;
 using Notifications = std::vector<FakeNotification>;
 const FakeNotification MOVING{NOTIFY_MOVING, ORIGIN_USER};
 const FakeNotification IDLE{NOTIFY_IDLE, ORIGIN_USER};
@@ -49,6 +50,35 @@ TEST_F(MotionRace, ATickThatLookedBeforeANewerMotionDoesNotEndIt)
     fakeMotor.status[TILT].running = 0;
     motorStatusPoll(nullptr);
     EXPECT_EQ(fakes.timers[&timers.usrMoveStopTimer], (FakeTimer{60'000'000'000, 60'000'000'000}));
+}
+
+TEST_F(MotionRace, ASubscriberGetsABeginBeforeTheReplyAndOneEndWhenATickMeetsANewerMotion)
+{
+    static ubus_context connection{};
+    gContext.ubus.gUbusctx = &connection;
+    gContext.ubus.subscribed.store(true);
+    EXPECT_EQ(call("moveTo", xy(10, 0)), code(RESULT_OK));
+    EXPECT_EQ(fakes.motions, (Texts{R"({"id":1,"state":"moving","origin":"user","x":"10","y":"0"})"}));
+    fakeMotor.status[PAN].position = 1600;
+    // The tick has read pan when the newer motion begins, which finds the head at its target, too.
+    atNext(TILT, MOTOR_IOC_GET_STATUS, [] { (void)call("moveTo", xy(20, 0)); });
+    motorStatusPoll(nullptr);
+    const auto amidMotion = [](const char* method, const std::string& arguments) {
+        fakeMotor.status[PAN].running = 1;
+        atNext(PAN, MOTOR_IOC_STOP, [] {
+            fakeMotor.status[PAN].running = 0;
+            motorStatusPoll(nullptr); // the halt is no rest
+        });
+        EXPECT_EQ(call(method, arguments), code(RESULT_OK));
+    };
+    amidMotion("moveTo", xy(0, 0));
+    amidMotion("stop", "{}");
+    fakes.motions.erase(fakes.motions.begin());
+    EXPECT_EQ(fakes.motions, (Texts{R"({"id":1,"state":"idle","x":"10","y":"0","outcome":"reached"})",
+                                    R"({"id":2,"state":"moving","origin":"user","x":"20","y":"0"})",
+                                    R"({"id":2,"state":"idle","x":"10","y":"0","outcome":"superseded","by":3})",
+                                    R"({"id":3,"state":"moving","origin":"user","x":"0","y":"0"})",
+                                    R"({"id":3,"state":"idle","x":"10","y":"0","outcome":"stopped"})"}));
 }
 
 TEST_F(MotionRace, ATickUnderWayDoesNotEndACalibrationBetweenTwoRotations)
