@@ -430,6 +430,7 @@ protected:
             words[STEPS_WORD] = static_cast<int32_t>(steps[axis]);
             done = ask(axis, "MOVE", &words) && done;
         }
+        motionsDue.back().refused = !done;
         return done;
     }
 
