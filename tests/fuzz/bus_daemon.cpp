@@ -28,15 +28,13 @@ class Rig {
 public:
     Rig()
     {
-        for (Peer& peer : peers_) {
+        connect(witness_);
+        MessageWriter object(MSG_ADD_OBJECT, 1, 0);
+        object.put(ATTR_OBJPATH, "witness");
+        object.put(ATTR_SIGNATURE, Bytes{});
+        RIG_CHECK(answers(object) == 1, "not registered\n");
+        for (Peer& peer : others_)
             connect(peer);
-            if (&peer != &witness_)
-                continue;
-            MessageWriter object(MSG_ADD_OBJECT, 1, 0);
-            object.put(ATTR_OBJPATH, "witness");
-            object.put(ATTR_SIGNATURE, Bytes{});
-            RIG_CHECK(answers(object) == 1, "not registered\n");
-        }
     }
     ~Rig()
     {
@@ -49,7 +47,7 @@ public:
     void step(Input& input)
     {
         enum Action { SEND, READ, HANG_UP, HALF_CLOSE, ACTION_COUNT };
-        Peer& peer = peers_[1 + input.byte() % (peers_.size() - 1)];
+        Peer& peer = others_[input.byte() % others_.size()];
         const int action = input.byte() % ACTION_COUNT;
         if (action == SEND) {
             int times = 1 + input.byte();
@@ -73,7 +71,7 @@ public:
         MessageWriter lookup(MSG_LOOKUP, 0x7001, 0);
         lookup.put(ATTR_OBJPATH, "witness");
         RIG_CHECK(answers(lookup) == 1, "the witness is lost\n");
-        for (Peer& peer : std::span(peers_).subspan(1)) {
+        for (Peer& peer : others_) {
             settle(peer);
             hangUp(peer);
         }
@@ -101,24 +99,22 @@ private:
         RIG_CHECK(!bus_.find(peer.id), "a client that is gone is still served\n");
     }
 
-    /// One turn for a client, as the daemon's loop gives it. False when there was nothing to do.
-    bool turn(Client& client)
-    {
-        client.flush();
-        pollfd socket{client.fd, static_cast<short>(client.wantsInput() ? POLLIN : 0), 0};
-        if (poll(&socket, 1, 0) == 0 && !client.finished())
-            return false;
-        bus_.serve(client, true, (socket.revents & (POLLHUP | POLLERR)) != 0);
-        return true;
-    }
-
+    /// Turns for the clients, as the daemon's loop gives them, until there is nothing to do for any.
     void serve()
     {
         for (bool busy = true; busy;) {
             busy = false;
-            for (const Peer& peer : peers_)
-                if (Client* client = bus_.find(peer.id))
-                    busy = turn(*client) || busy;
+            for (const Peer& peer : peers_) {
+                Client* client = bus_.find(peer.id);
+                if (!client)
+                    continue;
+                client->flush();
+                pollfd socket{client->fd, static_cast<short>(client->wantsInput() ? POLLIN : 0), 0};
+                if (poll(&socket, 1, 0) == 0 && !client->finished())
+                    continue;
+                bus_.serve(*client, true, (socket.revents & (POLLHUP | POLLERR)) != 0);
+                busy = true;
+            }
         }
     }
 
@@ -183,6 +179,7 @@ private:
     Bus bus_;
     std::array<Peer, 4> peers_;
     Peer& witness_ = peers_[0];
+    const std::span<Peer> others_ = std::span(peers_).subspan(1);
 };
 
 uint32_t randomState;

@@ -4,7 +4,6 @@
 #include "fuzz.h"
 
 #include <string.h>
-#include <unistd.h>
 
 #include <memory>
 #include <vector>
@@ -112,10 +111,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::vector<std::string> parts = split(asText({data, size}), "==\n");
     parts.resize(3);
     writeFile(rigFolder("config") + "/pkg", parts[0]);
-    const std::string changes = rigFolder("changes") + "/pkg";
-    (void)unlink(changes.c_str());
-    if (!parts[1].empty())
-        writeFile(changes, parts[1]);
+    writeFile(rigFolder("changes") + "/pkg", parts[1]);
 
     const OwnedContext context = openContext("config", "changes");
     uci_package* package = nullptr;

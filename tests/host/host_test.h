@@ -53,6 +53,13 @@ struct Folder {
 
 using Strings = std::vector<std::string>;
 
+template <class Element>
+std::vector<Element> operator+(std::vector<Element> left, const std::vector<Element>& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 struct Result {
     int status = 0; // of the exit; -1 when a signal ended it
     std::string out, err;
@@ -71,10 +78,9 @@ inline Result run(const Strings& command)
     termios raw{};
     cfmakeraw(&raw); // line feeds shall come out as they go in
     EXPECT_EQ(openpty(&master, &slave, nullptr, &raw, nullptr), 0);
-    Strings all{"sh", "-c", "exec 2>\"$0\"; exec \"$@\"", ttyname(slave)};
-    all.insert(all.end(), command.begin(), command.end());
     Result result;
-    result.status = runCommand(all, {}, result.out);
+    result.status =
+        runCommand(Strings{"sh", "-c", "exec 2>\"$0\"; exec \"$@\"", ttyname(slave)} + command, {}, result.out);
     close(slave);
     char screen[4096];
     const ssize_t shown = read(master, screen, sizeof screen);
@@ -178,12 +184,6 @@ enum : uint8_t { HELLO, STATUS, DATA, PING, LOOKUP, INVOKE, ADD_OBJECT, REMOVE_O
 enum : uint8_t { A_STATUS = 1, A_OBJPATH, A_OBJID, A_METHOD, A_OBJTYPE, A_SIGNATURE, A_DATA };
 enum : uint8_t { A_TARGET = 8, A_ACTIVE, A_NO_REPLY, A_SUBSCRIBERS, A_USER, A_GROUP };
 constexpr size_t FRAME = 12; // the header and the root's word
-
-inline Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 inline Bytes part(const Bytes& bytes, size_t from, size_t to)
 {

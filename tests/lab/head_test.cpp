@@ -67,23 +67,11 @@ TEST(Head, StartsOverALabWhoseLauncherAndProgramsWereKilled)
     EXPECT_EQ(lab.error().substr(0, 20), "the daemon has ended");
 }
 
-/// Runs ptzd-lab in an empty folder; its exit status and all that it printed.
-std::pair<int, std::string> command(const std::string& line)
-{
-    std::string output;
-    FILE* pipe = popen(("cd " + testing::TempDir() + " && " LAB_CLI " " + line + " 2>&1 </dev/null").c_str(), "r");
-    char part[4096];
-    while (fgets(part, sizeof(part), pipe))
-        output += part;
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 TEST(CommandLine, DrivesALabFromItsStartToItsEndAndSaysWhatIsWrong)
 {
     const std::string root = testing::TempDir() + "lab-cli-" + std::to_string(getpid());
     const Lab lab(root + "/" + std::string(120, 'a')); // longer than a socket's address
-    setenv("PTZD_LAB_DIR", lab.folder().c_str(), 1);
+    const std::string inLab = "exec 2>&1; cd " + testing::TempDir() + "; exec " LAB_CLI " ";
     const std::string plot = "plot " + lab.folder() + "/head.svg";
     const struct {
         const char* line;
@@ -127,12 +115,12 @@ TEST(CommandLine, DrivesALabFromItsStartToItsEndAndSaysWhatIsWrong)
         {"down", 0, "no head is up in "},
     };
     for (const auto& use : uses) {
-        const auto [status, output] = command(use.line);
+        std::string output;
+        const int status = runCommand({"sh", "-c", inLab + use.line}, {"PTZD_LAB_DIR=" + lab.folder()}, output);
         EXPECT_EQ(status, use.status) << use.line << "\n" << output;
         EXPECT_NE(output.find(use.text), std::string::npos) << use.line << "\n" << output;
     }
     EXPECT_NE(readFile(lab.folder() + "/head.svg").find("<polyline class='course' points='"), std::string::npos);
-    unsetenv("PTZD_LAB_DIR");
     fs::remove_all(root);
 }
 

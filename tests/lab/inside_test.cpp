@@ -344,9 +344,7 @@ int main(int argc, char** argv)
         return RUN_ALL_TESTS();
     }
     char root[] = "/tmp/ptzd-inside-XXXXXX";
-    fs::path folder = fs::path(mkdtemp(root)) / "a*[b]";
-    for (int i = 0; i < 8; ++i)
-        folder /= "a-rather-long-name-of-a-folder";
+    const fs::path folder = fs::path(mkdtemp(root)) / "a*[b]" / std::string(120, 'a') / std::string(120, 'a');
     int status = 1;
     {
         Lab lab(folder);

@@ -50,28 +50,21 @@ public:
         return answer.status == 0 && answer.data == Messages{message(DATA, OWN_SEQ, 0, {})};
     }
 
-    // Registers an object and gives its id.
-    uint32_t addObject(std::string_view name, const Bytes& signature = {}) const
+    // Registers an object, which may have no name, and gives its id.
+    uint32_t addObject(std::string_view name = "", const Bytes& signature = {}) const
     {
-        return add(attr(A_OBJPATH, text(name)) + attr(A_SIGNATURE, signature));
-    }
-    uint32_t addAnonymous() const
-    {
-        return add({});
+        const Bytes named = attr(A_OBJPATH, text(name)) + attr(A_SIGNATURE, signature);
+        const Answer answer = ask(message(ADD_OBJECT, OWN_SEQ, 0, name.empty() ? Bytes{} : named));
+        return u32At(find(answer.data.at(0), A_OBJID), 0);
     }
     void listenTo(std::string_view pattern) const
     {
-        const Bytes fields = numberField("object", addAnonymous()) + stringField("pattern", pattern);
+        const Bytes fields = numberField("object", addObject()) + stringField("pattern", pattern);
         EXPECT_EQ(ask(::call(OWN_SEQ, 1, "register", fields)).status, 0u);
     }
 
 private:
     static constexpr uint16_t OWN_SEQ = 0xf000; // well away from the tests'
-
-    uint32_t add(const Bytes& attributes) const
-    {
-        return u32At(find(ask(message(ADD_OBJECT, OWN_SEQ, 0, attributes)).data.at(0), A_OBJID), 0);
-    }
 
     uint32_t id_ = 0;
 };

@@ -10,9 +10,7 @@ class CommandTest : public BusTest {
 protected:
     Strings command(const Strings& arguments) const
     {
-        Strings all{UBUS_PROGRAM, "-s", socketPath};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return all;
+        return Strings{UBUS_PROGRAM, "-s", socketPath} + arguments;
     }
 
     void expect(const Strings& arguments, const Result& expected) const
@@ -75,9 +73,9 @@ TEST_F(CommandTest, PrintsTheRepliesOfACallOrWhyItFailed)
     expect({"call", "ptzd", "m", "{x"}, {12, "", "Command failed: Parsing message data failed\n"});
     expect({"call", "nosuch", "stop"}, {4, "", "Command failed: Not found\n"});
     // Where nobody watches, the command comes with the reason.
-    Strings unwatched = command({"call", "ptzd", "m", "{x"});
-    unwatched.insert(unwatched.begin(), {"sh", "-c", "exec \"$0\" \"$@\" 2>&1"});
-    EXPECT_EQ(run(unwatched), (Result{244, "Command failed: ubus call ptzd m {x (Parsing message data failed)\n", ""}));
+    const Strings unwatched{"sh", "-c", "exec \"$0\" \"$@\" 2>&1"};
+    EXPECT_EQ(run(unwatched + command({"call", "ptzd", "m", "{x"})),
+              (Result{244, "Command failed: ubus call ptzd m {x (Parsing message data failed)\n", ""}));
 }
 
 TEST_F(CommandTest, SendsEventsAndPrintsEachAtOnce)

@@ -76,7 +76,7 @@ TEST_F(BusTest, HoldsTheGoldenConversations)
 TEST_F(BusTest, RefusesWhatCannotBeCarriedOut)
 {
     const RawClient client = connect(), other = connect();
-    const uint32_t own = client.addAnonymous();
+    const uint32_t own = client.addObject();
     const uint32_t foreign = other.addObject("foreign");
     const Bytes method = attr(A_METHOD, text("x")), path = attr(A_OBJPATH, text("foreign"));
     const Bytes unterminated = attr(A_OBJPATH, {'n', 'o'});
@@ -158,7 +158,7 @@ TEST_F(BusTest, QueuesAMebibyteForAClientThatDoesNotReadAndDropsTheRest)
     constexpr uint32_t EVENTS = 3000;
     constexpr size_t FILL = 1000;
     const RawClient stalled = connect(), reader = connect(), sender = connect();
-    const uint32_t object = sender.addAnonymous();
+    const uint32_t object = sender.addObject();
     const auto send = [&](uint32_t number) {
         const Bytes fields = numberField("n", number) + stringField("x", std::string(FILL, 'x'));
         sender.send(unanswered(NOTIFY, object, "load", fields));
@@ -167,7 +167,7 @@ TEST_F(BusTest, QueuesAMebibyteForAClientThatDoesNotReadAndDropsTheRest)
         return u32At(find(event, A_DATA), 8); // behind the word and the name header, 4 bytes each
     };
     for (const RawClient* client : {&stalled, &reader})
-        ASSERT_EQ(client->ask(subscription(SUBSCRIBE, client->addAnonymous(), object)).status, OK);
+        ASSERT_EQ(client->ask(subscription(SUBSCRIBE, client->addObject(), object)).status, OK);
     for (uint32_t i = 0; i < EVENTS; ++i) {
         send(i);
         ASSERT_EQ(numberOf(reader.receive()), i) << "nobody else loses anything";

@@ -36,9 +36,7 @@ public:
     // Runs the command `uci` on these directories.
     Result run(const Strings& arguments) const
     {
-        Strings all = {UCI_PROGRAM, "-c", configDir, "-t", saveDir};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return ::run(all);
+        return ::run(Strings{UCI_PROGRAM, "-c", configDir, "-t", saveDir} + arguments);
     }
     // The output of `show p`, or the error.
     std::string show() const
