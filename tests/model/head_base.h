@@ -405,8 +405,7 @@ protected:
                 "the request " + textOf(entry) + " instead of " + wanted);
         axes[axis].fold(entry);
         stops_ = stops_ || request == "STOP";
-        if (!motionsDue.empty())
-            motionsDue.back().failed = motionsDue.back().failed || entry.result != 0;
+        motionsDue.back().failed = motionsDue.back().failed || entry.result != 0;
         if (request == "GET_STATUS" && entry.result == 0)
             reading_.words[axis] = entry.out;
         return entry.result == 0;

@@ -57,7 +57,7 @@ public:
 private:
     using Fields = std::map<std::string, std::string>;
     struct Own {
-        ubus_subscriber subscriber{}; // first: the library hands this back
+        ubus_subscriber subscriber{}; // the library hands its object back
         std::vector<Fields> seen;
     };
 
@@ -97,18 +97,18 @@ private:
             return;
         }
         const std::string outcome = field("outcome");
-        const bool overtaken = id < due.size() && due[id].overtakes;
         by_ = strtoul(field("by").c_str(), nullptr, 10);
-        require(open_ && id == last_, text + " after " + std::to_string(last_));
+        require(open_ && id == last_ && (outcome == "superseded") == (by_ == id + 1),
+                text + " after " + std::to_string(last_));
         open_ = false;
-        require((outcome == "superseded") == (by_ == id + 1), text);
         require(outcome != "stopped" || motion.halted, text + ", which nobody stopped");
         require(outcome != "failed" || motion.failed, text + ", although no request failed");
         require(!motion.refused || motion.halted || outcome == "failed" || outcome == "superseded", text);
         require(outcome != "limit" || !motion.placed || place != announced_, text + " at its target");
         require(outcome != "reached" || !motion.placed || motion.overtakes || near(place, announced_),
                 text + " for " + announced_.first);
-        require(!overtaken || (outcome != "reached" && outcome != "limit"), text + ", which the next one overtook");
+        require((outcome != "reached" && outcome != "limit") || id == due.size() || !due[id].overtakes,
+                text + ", which the next one overtook");
     }
     /// But for the signs, as the flip may have changed meanwhile.
     static bool near(const Place& a, const Place& b)
