@@ -22,7 +22,7 @@ void Fd::reset(int fd)
 namespace {
 
 constexpr std::string_view TEMP_SUFFIX = ".uci-";
-constexpr std::string_view TEMP_PATTERN = "XXXXXX"; // filled in by mkstemp
+constexpr std::string_view TEMP_PATTERN = "XXXXXX"; // filled in by mkostemp
 
 bool lockFile(int fd, int lock)
 {
@@ -134,11 +134,10 @@ int Replacement::prepare(std::string_view text, mode_t mode)
     OwnedText path = name.failed() ? nullptr : joinPath(dir.get(), name.view().data());
     if (!path)
         return UCI_ERR_MEM;
-    fd_.reset(mkstemp(path.get()));
+    fd_.reset(mkostemp(path.get(), O_CLOEXEC)); // at once: another thread may be about to start a program
     if (!fd_.isOpen())
         return UCI_ERR_IO;
     path_ = std::move(path);
-    fcntl(fd_.get(), F_SETFD, FD_CLOEXEC);
 
     // The lock also goes on when the file has become the target: other committers wait until we are through.
     if (!lockFile(fd_.get(), LOCK_EX) || !writeAll(fd_.get(), text))

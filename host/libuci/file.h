@@ -1,6 +1,6 @@
 /// The adapter to the file system: locked files, whole reads, and replacing a file so that a crash cannot tear it.
 ///
-/// Calls with a path are open, stat, mkdir, mkstemp, rename, unlink, realpath and opendir, so that a preloaded library
+/// Calls with a path are open, stat, mkdir, mkostemp, rename, unlink, realpath and opendir, so that a preloaded library
 /// can map the paths.
 #pragma once
 

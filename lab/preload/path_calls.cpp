@@ -63,12 +63,12 @@ mode_t modeArgument(int flags, va_list arguments)
     return takesMode(flags) ? static_cast<mode_t>(va_arg(arguments, unsigned)) : 0;
 }
 
-/// mkstemp writes the six letters that it found into the template, which must stay as long as it was.
-int makeTemporary(int (*next)(char*), char* text)
+/// The call writes the six letters that it found into the template, which must stay as long as it was.
+int makeTemporary(char* text, int flags = 0)
 {
-    const LabPath path(text);
-    const int fd = next(const_cast<char*>(path.get()));
     constexpr size_t LETTERS = 6;
+    const LabPath path(text);
+    const int fd = NEXT(mkostemp)(const_cast<char*>(path.get()), flags);
     if (fd >= 0 && path.moved())
         memcpy(text + strlen(text) - LETTERS, path.get() + strlen(path.get()) - LETTERS, LETTERS);
     return fd;
@@ -172,7 +172,12 @@ TWO_PATHS_CALL(symlink, (const char* from, const char* to), (first, second))
 
 int mkstemp(char* text)
 {
-    return makeTemporary(NEXT(mkstemp), text);
+    return makeTemporary(text);
+}
+
+int mkostemp(char* text, int flags)
+{
+    return makeTemporary(text, flags);
 }
 
 int glob(const char* pattern, int flags, int (*onError)(const char*, int), glob_t* found) C_NOEXCEPT
@@ -207,10 +212,7 @@ PATH_CALL(int, fstatat64, (int at, const char* file, struct stat64* info, int fl
 
 STREAM_CALL(fopen64)
 
-int mkstemp64(char* text)
-{
-    return makeTemporary(NEXT(mkstemp64), text);
-}
+int mkstemp64(char* text) __attribute__((alias("mkstemp")));
 
 int glob64(const char* pattern, int flags, int (*onError)(const char*, int), glob64_t* found) C_NOEXCEPT
 {

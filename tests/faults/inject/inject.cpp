@@ -320,7 +320,7 @@ int open(const char* path, int flags, ...)
     return error ? failed(error) : NEXT(open)(path, flags, mode);
 }
 
-CALL(int, mkstemp, (char* path), (path), ON_FILE(FAULT_CREATE, path), failed(error))
+CALL(int, mkostemp, (char* path, int flags), (path, flags), ON_FILE(FAULT_CREATE, path), failed(error))
 CALL(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), ON_FILE(FAULT_WRITE, PathOf(fd).text),
      failed(error))
 CALL(int, ftruncate, (int fd, off_t size) noexcept, (fd, size), ON_FILE(FAULT_FTRUNCATE, PathOf(fd).tail(fd)),
