@@ -57,8 +57,10 @@ struct MotionPlace {
 /// Where a command sends the head from where it is.
 [[nodiscard]] MotionTarget targetOf(const HeadStatus& head, const HeadCommand& command);
 
-// All but motionRecordSend: any thread, within a MotionStartScope or the like, so that no status poll ends a motion
-// that is being changed; take MotionRecordLock.
+// Any thread; all take MotionRecordLock. What takes the head over, from its halt to its begin or end here, lies within
+// a MotionStartScope (a calibration's lasts until it settles, a tour's until its requests are sent), so that no status
+// poll ends a motion meanwhile. Begins are in order because of the locks that their requests are sent under, or because
+// only the event loop makes them.
 
 /// A motion begins; one that is open ends with that.
 /// @param before  the head's status from before the motion and from before the halt that made way for it
