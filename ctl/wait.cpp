@@ -141,6 +141,8 @@ void moveHead(const char* method, Message& arguments, Origin origin)
 {
     const MotionWait wait(origin);
     dieUnlessDone(wait.call(method, arguments).code);
+    if (options().wait && !gMotion.begun)
+        die(EXIT_OTHER, "ptzd has notified no begin, so the end cannot be waited for; the head may move");
     wait.finish();
 }
 

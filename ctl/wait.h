@@ -6,12 +6,13 @@
 /// What the daemon names a motion's cause, in its notifications.
 enum class Origin { User, Return, Calibration };
 
-/// Calls a method that moves the head. With --wait returns once its motion is over, at its target; any other end, a
-/// refusal and a signal end the program by their own status. A call that begins no motion is over with its reply.
+/// Calls a method that begins a motion whenever it succeeds. With --wait returns once that is over, at its target; any
+/// other end, a refusal, a signal, and a daemon that notifies no begin end the program by their own status.
 void moveHead(const char* method, Message& arguments, Origin origin = Origin::User);
 void moveHead(const char* method, Origin origin = Origin::User);
 
-/// The same in two parts, for a command that looks at the reply's code in its own way.
+/// The same in two parts, for a command that looks at the reply's code in its own way, or may begin no motion: it is
+/// over with the reply then.
 class MotionWait {
 public:
     /// Subscribes, with --wait.
